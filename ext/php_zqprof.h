@@ -1,0 +1,153 @@
+/* The module record and the per-thread state that every other module reads and writes. */
+#ifndef PHP_ZQPROF_H
+#define PHP_ZQPROF_H
+
+#include <sys/types.h>
+
+#include "zqp_types.h"
+
+#define ZQ_MODULE_NAME "quorbit"
+/* The build date serves as the version everywhere: phpinfo, start-up log, crash banner, configuration query. */
+#define ZQ_VERSION "Oct 20 2016"
+
+struct error_element;
+
+/* What the daemon decides per application. `app_cfg_info` and the globals hold the same fields in the same order, so
+ * that one table of offsets serves parsing and copying; both are checked against each other in zqp_io_config.cpp. */
+#define ZQ_APP_CONFIG_FIELDS                                                                                            \
+	int auto_action_naming;                                                                                         \
+	char *urls_captured;           /* regular expressions, one a line; null: every URI is monitored */              \
+	int capture_params;                                                                                             \
+	char *ignored_params;          /* names separated by "," */                                                     \
+	int error_collector_enabled;                                                                                    \
+	int error_collector_record_db_errors;                                                                           \
+	char *error_collector_ignored_status_codes;                                                                     \
+	int action_tracer_enabled;                                                                                      \
+	int action_tracer_action_threshold;      /* ms */                                                               \
+	int action_tracer_stack_trace_threshold; /* ms */                                                               \
+	int action_tracer_record_sql;            /* 0 off, 1 raw, 2 obfuscated */                                       \
+	int action_tracer_log_sql;                                                                                      \
+	int action_tracer_slow_sql;                                                                                     \
+	int action_tracer_slow_sql_threshold;    /* ms */                                                               \
+	int action_tracer_explain_enabled;                                                                              \
+	int action_tracer_explain_threshold;     /* ms */                                                               \
+	char *naming_rules;                                                                                             \
+	char *web_action_uri_params_captured;                                                                           \
+	int rum_enabled;                                                                                                \
+	char *rum_script;                                                                                               \
+	double rum_sample_ratio;                 /* 0..1 */                                                             \
+	char *vantor_id_secret;                                                                                         \
+	int transaction_tracer_enabled;                                                                                 \
+	uint64 profile_end_time;                 /* s of the monotonic clock; 0: no thread profile */                   \
+	int resource_used;                       /* percent, as the four below */                                       \
+	int resource_enabled;                                                                                           \
+	int resource_low;                                                                                               \
+	int resource_high;                                                                                              \
+	int resource_safe;
+
+/* One instance per thread, zero-filled when the thread appears. Lifetimes: "request" memory comes from the engine's
+ * request allocator and is gone at request end; "thread" memory is malloc'ed and lives until the thread's globals are
+ * destroyed. Time stamps are microseconds of cycle_timer(). The fields of the first group are the interface that the
+ * whole agent agrees on; the private ones follow behind `transaction_req_id`. */
+struct zend_zqprof_globals {
+	int daemon_sock;               /* -1: not connected */
+	char *app_name;                /* request */
+	const char *license;           /* points at license_copy or at a constant */
+	int agent_enabled;
+	ZQ_APP_CONFIG_FIELDS           /* strings: request copies of the application's record */
+	int hook_enabled;              /* 1 only while an action is open; 0: every hook passes straight through */
+	HashTable *wrapper_function_hash;
+	HashTable *performance_function_hash;
+	char *action_name;             /* request */
+	int action_name_level;         /* 0 none, 2 URI, 3 controller class, 204 rule or framework, 255 application */
+	int use_frame;
+	uint64 rinit_cpu;              /* clock ticks, user + system */
+	struct error_element *error;
+	zend_llist *sqls;
+	zend_llist *tracer;
+	int tracer_level;
+	int child_has_tracer;
+	uint64 tracer_threshold_tick;  /* us */
+	char *tracer_id;               /* request */
+	zend_llist *components;        /* open components, innermost last */
+	HashTable *components_hash;
+	size_t rum_write_length;
+	int rum_flag;
+	int block_duration;            /* ms */
+	uint64 sum_zq_used;
+	uint64 rinit_tick;
+	uint64 rdown_tick;
+	int sum_db_metric;             /* ms */
+	char *prepared_sql;            /* request */
+	const char *pdo_db;            /* static vendor name, "" or null */
+	HashTable *nosql_memcc;
+	HashTable *nosql_redis;
+	HashTable *nosql_mongo;
+	zend_llist *webservices;
+	int webservice_should_ignored;
+	char *thrift_host;             /* request */
+	char *thrift_tx_data;          /* request */
+	int ws_enabled;
+	int headers_sent;
+	int transaction_parent;
+	char *transaction_id;          /* request */
+	char *transaction_curl_response_data; /* request */
+	char *transaction_req_id;      /* request */
+
+	pid_t daemon_pid;              /* process that opened daemon_sock: a forked child must not use its parent's stream */
+	char *license_copy;            /* thread */
+	int in_agent_call;             /* > 0 while the agent itself calls PHP code */
+	unsigned component_generation; /* counts the times `components` was emptied: guards stale element pointers */
+	size_t recorded_sql_bytes;     /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
+	size_t recorded_webservice_bytes;
+	int recorded_limit_logged;
+};
+
+extern ts_rsrc_id zqprof_globals_id;
+#define ZQG(field) TSRMG(zqprof_globals_id, zend_zqprof_globals *, field)
+
+/* The calling thread's globals; borrowed, valid as long as the thread. */
+static inline zend_zqprof_globals *zq_globals(TSRMLS_D)
+{
+	return (zend_zqprof_globals *)(*((void ***)tsrm_ls))[TSRM_UNSHUFFLE_RSRC_ID(zqprof_globals_id)];
+}
+
+/* 1 when the server API is the command line ("cli", any case); set at module start-up. */
+extern int g_cli;
+/* 1 between the end of module start-up and the start of module shut-down: the hooks that stay installed after
+ * shut-down test it before they touch anything of ours. */
+extern int g_module_up;
+
+/* The engine's hooks as they were before this module replaced them. */
+extern void (*_zend_execute_ex)(zend_execute_data *execute_data TSRMLS_DC);
+extern void (*_zend_execute_internal)(zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
+extern zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSRMLS_DC);
+extern void (*_zend_error_cb)(int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);
+extern int (*_sapi_ub_write)(const char *str, unsigned int str_length TSRMLS_DC);
+
+/* zqprof_settings.cpp: the 25 settings. */
+extern const zend_ini_entry zqprof_ini_entries[];
+
+/* zqprof_request.cpp: request start and end; always SUCCESS, whatever happens inside. */
+int zm_activate_zqprof(INIT_FUNC_ARGS);
+int zm_deactivate_zqprof(SHUTDOWN_FUNC_ARGS);
+/* Creates the per-action lists and tables that are still missing (request memory, owned by the globals). */
+void zq_create_containers(TSRMLS_D);
+/* Empties every per-action list and table that exists, for the next action of the same request. */
+void zq_empty_containers(TSRMLS_D);
+/* Frees the request copies of the application's configuration and clears their fields. */
+void zq_free_config_copies(TSRMLS_D);
+/* Makes `license` point at a thread-owned copy of the account key, or at "empty key" when there is none. */
+void zq_set_license(TSRMLS_D);
+/* Threshold for the trace in us: one hundredth of the action threshold (ms), at least ZQ_TRACER_FLOOR_US. */
+uint64 zq_tracer_threshold_us(int action_threshold_ms);
+
+/* zqprof_execute.cpp: the hooks, and the thread profile. */
+void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC);
+void zq_execute_internal(zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
+zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC);
+
+/* zqprof_functions.cpp: the functions offered to PHP code. */
+extern const zend_function_entry zqprof_functions[];
+
+#endif

@@ -1,0 +1,185 @@
+/* What the hooks share: reading the arguments of an intercepted call, calling PHP code unseen, growing buffers, cutting
+ * and cleaning strings, clocks and samplers, call stacks. No state of its own.
+ *
+ * Strings handed out are request memory owned by the caller (efree) unless a contract says "borrowed". Every helper
+ * takes null input as "nothing there" and reports nothing. */
+#ifndef ZQP_HELPER_H
+#define ZQP_HELPER_H
+
+#include "php_zqprof.h"
+
+/* ---- zqp_helper_args.cpp: the intercepted call ------------------------------------------------------------------ */
+/* `data` is the frame that makes the call (it holds the callee and the arguments); arguments count from 0. A missing
+ * frame, a missing argument or one of another type gives the neutral value: 0 or null. */
+
+/* Slot of argument `arg_seq`, null when absent. The slot's value is shared with the script: never write into it. */
+zval **zq_argument_slot(zend_execute_data *data, int arg_seq);
+/* Puts `fresh` (MAKE_STD_ZVAL, given away) into the slot and releases what it held: the script's value is untouched. */
+void zq_argument_replace(zval **slot, zval *fresh);
+int get_arguments_count(zend_execute_data *data);
+zval *get_argument_zval(zend_execute_data *data, int arg_seq);            /* borrowed */
+long get_argument_long(zend_execute_data *data, int arg_seq);             /* no conversion */
+char *get_argument_char(zend_execute_data *data, int arg_seq);            /* borrowed, engine's string */
+char *get_reverse_argument_char(zend_execute_data *data, int arg_seq);    /* 0 is the last argument; borrowed */
+/* Name of a callable argument: a string's copy, or the parts of an array joined by "::" by position; null otherwise. */
+char *get_argument_callback(zend_execute_data *data, int arg_seq TSRMLS_DC);
+/* Appends the argument as JSON, "args" and "object" keys hidden. */
+void get_argument_array(zend_execute_data *data, smart_str *buf, int arg_seq TSRMLS_DC);
+/* All arguments as JSON separated by ",", arrays and objects leaving only their comma; null when that is empty. */
+char *get_arguments(zend_execute_data *data TSRMLS_DC);
+
+/* Value stored under `key` (`key_size` counts the NUL, as 5.6 does), borrowed; null when absent or `ht` is null. */
+zval *FIND_HASH_ZVALUE(HashTable *ht, const char *key, uint key_size);
+/* Raw data stored under `key`: the pointer that the bucket holds; null when absent or `ht` is null. */
+void *FIND_HASH_PVALUE(HashTable *ht, const char *key, uint key_size);
+/* Option of wrapper "http" in a stream context, borrowed; null when not set. */
+zval *GET_CONTEXT_HTTP_OPTION(php_stream_context *context, const char *option);
+/* First string-keyed entry of an array value whose key equals `search_name` (size with NUL) ignoring case: its
+ * characters when it is a string; borrowed. */
+char *get_hash_value_by_name(zval *hash, const char *search_name, uint search_size);
+/* "HTTP_" and the header name as its server variable is spelt, at most 127 characters, ASCII rules. */
+char *get_server_key(const char *key);
+/* Calls PHP code on a frame of its own with the hooks off, so that the call is neither measured nor able to touch the
+ * script's frames, handlers, exceptions or errors. `retval` is always initialised; the caller zval_dtors it. SUCCESS,
+ * or FAILURE when not callable or when it threw (the exception is swallowed). Parameters (at most 8) must be heap
+ * zvals, since callees may keep them. A bailout of the callee is raised again after everything was put back.
+ * `function_table` is accepted for symmetry with the engine's call_user_function. */
+int zq_call_user_function(HashTable *function_table, zval **object, zval *function_name, zval *retval,
+                          zend_uint param_count, zval **params TSRMLS_DC);
+/* Registers the shutdown function, and for a monitored caller the header callback, of this request. */
+void register_transaction_callback(TSRMLS_D);
+
+/* ---- growing buffers (header only) ------------------------------------------------------------------------------- */
+/* The engine's smart_str, whose macros do not compile as C++. `c` is null until something was appended. Growth is by
+ * half the size and at least 128 bytes, so that a 16 MiB packet costs linear time. */
+static inline void zq_append(smart_str *dest, const char *text, size_t len)
+{
+	size_t needed = dest->len + len;
+	if (!dest->c || needed >= dest->a) {
+		size_t extra = needed / 2 < 128 ? 128 : needed / 2;
+		dest->c = (char *)safe_erealloc(dest->c, 1, needed, extra);
+		dest->a = needed + extra;
+	}
+	if (len) {
+		memcpy(dest->c + dest->len, text, len);
+	}
+	dest->len = needed;
+}
+static inline void zq_append_char(smart_str *dest, char ch) { zq_append(dest, &ch, 1); }
+/* A null text counts as empty. */
+static inline void zq_append_text(smart_str *dest, const char *text)
+{
+	if (text) {
+		zq_append(dest, text, strlen(text));
+	}
+}
+/* Decimal, with a minus sign for negatives. */
+void zq_append_long(smart_str *dest, long number);
+/* NUL-terminates and returns the text, never null; the caller owns it (efree). */
+static inline char *zq_buffer_text(smart_str *dest)
+{
+	zq_append(dest, "", 1);
+	dest->len--;
+	return dest->c;
+}
+static inline void zq_buffer_free(smart_str *dest)
+{
+	if (dest->c) {
+		efree(dest->c);
+	}
+	dest->c = NULL;
+	dest->len = dest->a = 0;
+}
+
+/* ---- names as numbers (header only) ------------------------------------------------------------------------------ */
+/* h = 5381; for each byte h = (h * 33) XOR byte, the byte sign-extended. Compile-time for labels; the request path
+ * uses the same function, so both agree by construction. A hit is confirmed by length and bytes. */
+constexpr uint64 zq_name_hash(const char *name, size_t len)
+{
+	uint64 h = 5381;
+	for (size_t i = 0; i < len; i++) {
+		h = (h * 33) ^ (uint64)(int64_t)(signed char)name[i];
+	}
+	return h;
+}
+template <size_t N> constexpr uint64 zq_name_hash(const char (&name)[N]) { return zq_name_hash(name, N - 1); }
+
+/* ---- zqp_helper_string.cpp ---------------------------------------------------------------------------------------- */
+typedef struct cArray {
+	char *string;   /* the copy that holds all pieces */
+	int length;     /* number of pieces */
+	char *items[1]; /* `length` pieces, NUL-terminated, pointing into `string`; same block */
+} cArray;
+
+/* In place. */
+void zq_str_replace_ln(char *str);     /* characters 1 to 31 become a blank */
+void zq_str_replace_to_dot(char *str); /* "/" and "\" become "." */
+void zq_obfuscate_sql(char *sql);      /* digits everywhere and quoted text become "?"; no escapes; same length */
+/* Borrowed positions and tails. */
+const char *zq_php_pos(const char *string, int length);  /* just behind the first ".php" of any case; null when none */
+const char *zq_get_base_filename(const char *filename);  /* behind the second-last "/"; whole when fewer; "" for null */
+/* A raw response header line: 0 keeps the browser script out (a length, or a type other than HTML), 1 HTML, -1 neither. */
+int get_header_content(const char *header);
+/* Status of a status line ("http/1.", any case, anywhere); 0 when it is none. */
+int get_header_status(const char *header);
+/* New transaction id: the time-stamp counter's high and low half as "%x%x", 2 to 16 digits. */
+char *get_new_GUID(void);
+/* Text behind the first `param` up to the next `split` or the end, possibly ""; null when absent. */
+char *get_string_param(const char *string, const char *param, char split);
+/* Copy of everything behind the first "|"; null when there is none. */
+char *get_application_and_instance_id(const char *secret_id);
+/* 1 when `parent_secret_id` begins with the part of `cur_secret_id` before its first "|". */
+int is_same_account(const char *cur_secret_id, const char *parent_secret_id);
+/* Non-empty pieces of a copy of `str` cut at `split_char`; null for null or empty input. Freed with free_c_array. */
+cArray *get_c_array(const char *str, char split_char);
+void free_c_array(cArray *array);
+/* Pieces by mode (0 tab/blank/",", 1 "|", 2 ",", 3 blank/"&"/"["/"]", 4 "&"/"?", other: whole), ended by a null
+ * pointer; a piece's leading bytes of 128 and above are dropped. Null for null or empty input; free_str_array. */
+char **get_str_array(const char *str, int split_mode);
+void free_str_array(char **array);
+/* 1 when a line of `urls_captured` (extended regular expression, case ignored) matches in `url`. Lines that do not
+ * compile, or that would exhaust the C library's compiler, are skipped. */
+int in_urls_captured(const char *url TSRMLS_DC);
+/* 1 when the pattern is small enough for the C library's compiler: at most 1,024 bytes, groups at most 64 deep,
+ * bounded repeats multiplying to at most 1,000. It crashes or runs for seconds beyond. */
+int zq_regex_is_bounded(const char *pattern);
+/* Appends a URL path to a name: "/" as "%2F", stop at "?", digit runs behind the third slash as "*". */
+void zq_append_web(smart_str *action, const char *str);
+int zq_record_type_to_int(const char *str); /* "raw" 1, "obfuscated" 2, else 0; any case */
+int zq_str_to_int(const char *str);         /* "true" of any case 1, else the leading decimal number, 0 without one */
+/* ASCII rules whatever locale the script has set. `zq_strcasestr`: borrowed position or null. */
+char zq_ascii_lower(char ch);
+char zq_ascii_upper(char ch);
+const char *zq_strcasestr(const char *haystack, const char *needle);
+int zq_strncasecmp(const char *a, const char *b, size_t len);
+
+/* ---- zqp_helper_clock.cpp ----------------------------------------------------------------------------------------- */
+/* Microseconds of the monotonic clock. */
+uint64 cycle_timer(void);
+/* User + system ticks and resident KiB (may be null) of a process or thread id; 0, or -1 with the outputs untouched. */
+int get_usage(int pid, uint64 *cpu, long *mem);
+/* The same line read once: user, system ticks and resident pages apart; 0 or -1. */
+int zq_read_stat(int pid, uint64 *user_ticks, uint64 *system_ticks, long *resident_pages);
+/* Percent of the host's memory in use; 0 when it cannot be read. */
+int get_memory_used(void);
+/* The figure of get_memory_used() for a given text of /proc/meminfo; 0 without a usable total. */
+int zq_memory_used_of(const char *meminfo);
+/* Milliseconds between a front end's queue stamp ("t=..." or "s=...") and `ms`, in 32-bit arithmetic, at least 0. */
+int get_block_time(const char *queue_start, uint64 ms);
+/* Kernel thread id of the caller. */
+int zq_thread_id(void);
+
+/* ---- zqp_helper_stack.cpp ----------------------------------------------------------------------------------------- */
+/* Appends one backtrace frame as the JSON string class.function(file:line), parts as present; null for no frame. */
+void zq_get_stack_object_json(smart_str *buf, zval *val TSRMLS_DC);
+/* Appends the current call stack as a JSON array, innermost first, at most 20 frames. */
+void zq_get_code_stack(smart_str *buf TSRMLS_DC);
+/* Appends an exception's own trace as a JSON array that begins with "Exception(file:line)". */
+void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC);
+/* The code stack as text of its own. */
+char *zq_code_stack_text(TSRMLS_D);
+/* First frame from `data` outwards that runs compiled code: its line (of the faulting opline when an exception is
+ * pending) and a copy of its file name into `filename` (null when unknown). Returns the line, 0 when unknown. */
+int zq_calling_line(zend_execute_data *data, char **filename TSRMLS_DC);
+
+#endif

@@ -1,0 +1,109 @@
+/* Everything that leaves the process: the socket to the local daemon, the configuration exchange, the metric packet,
+ * the response header for a calling application. */
+#ifndef ZQP_IO_H
+#define ZQP_IO_H
+
+#include "zqp_helper.h"
+
+/* Record types of the wire: one byte of type, three bytes of length (big-endian), body. */
+enum zq_record {
+	ZQ_PK_THREAD_PROFILE = 0x09,
+	ZQ_PK_APPINFO = 0x0A,
+	ZQ_PK_METRIC = 0x0B,
+	ZQ_RE_STAMP = 0x0C,
+	ZQ_RE_CONFIG = 0x0D,
+	ZQ_RE_LICENSE = 0x0E,
+	ZQ_RE_APP_ID = 0x10,
+	ZQ_RE_APP_NAME = 0x11,
+	ZQ_RE_ACTION_NAME = 0x12,
+	ZQ_RE_BLOCK_MS = 0x14,
+	ZQ_RE_DURATION_MS = 0x15,
+	ZQ_RE_DB_MS = 0x16,
+	ZQ_RE_NOSQL_TOTAL = 0x17,
+	ZQ_RE_EXTERNAL_MS = 0x18,
+	ZQ_RE_CPU_USED = 0x1A,
+	ZQ_RE_CPU_SYSTEM = 0x1B,
+	ZQ_RE_ENV = 0x1C,
+	ZQ_RE_TRANSACTION_ID = 0x20,
+	ZQ_RE_URI = 0x21,
+	ZQ_RE_PARAM = 0x23,
+	ZQ_RE_REQUEST = 0x24,
+	ZQ_RE_TRACE = 0x25,
+	ZQ_RE_TRACER_ID = 0x26,
+	ZQ_RE_SQL = 0x27,
+	ZQ_RE_SERVICE = 0x29,
+	ZQ_RE_ERROR = 0x2A,
+	ZQ_RE_COMPONENT = 0x2B,
+	ZQ_RE_PROFILE_LINE = 0x2C,
+	ZQ_RE_SERVICE_ERROR = 0x2D
+};
+#define ZQ_MAX_BODY 0x1000000 /* a length has 24 bits: bodies must be shorter */
+
+/* ---- zqp_io.cpp: framing, socket, launching the daemon ---- */
+/* Appends a record header of `len` body bytes; the length is the caller's promise. */
+void zq_append_header(smart_str *p, int type, size_t len);
+/* Appends a whole record. */
+void zq_append_record(smart_str *p, int type, const char *body, size_t len);
+/* Writes header bytes over the first four bytes of a finished packet. */
+void zq_fill_packet_header(smart_str *p, int type);
+/* Records of the daemon's environment and configuration: "item=value"; a null value leaves nothing behind the "=". */
+void pack_write_env(smart_str *p, const char *item, const char *value);
+void pack_write_config(smart_str *p, const char *item, const char *value);
+
+/* Value of a setting, borrowed; `default_value` when it is unknown, null or empty. */
+const char *zq_ini_str(const char *skey, const char *default_value);
+/* Connected socket with 100 ms time-outs, or -1. `report_error`: a failed connect is logged. One attempt. */
+int open_daemon(int report_error TSRMLS_DC);
+/* Closes the descriptor (if not -1) with a DEBUG line; daemon_sock becomes -1 in every case. */
+void close_daemon(int sock TSRMLS_DC);
+/* Makes daemon_sock this process's own: drops a descriptor inherited through fork, connects when `connect_now` and
+ * there is none. Returns daemon_sock, -1 when not connected. */
+int zq_daemon_socket(int connect_now TSRMLS_DC);
+/* send() of the whole packet in one call, without SIGPIPE; the count that went out, or -1. */
+ssize_t zq_daemon_send(int sock, const char *data, size_t len);
+/* Receives exactly `len` bytes within the socket's time-out; the count that came, or -1. */
+ssize_t zq_daemon_recv(int sock, char *data, size_t len);
+/* Writes the daemon's configuration file when `create_config`, and runs the start command; result of system(), -1 when
+ * the command does not fit its buffer. */
+int zq_daemon_start(int create_config TSRMLS_DC);
+
+/* ---- zqp_io_config.cpp: what the daemon decides per application ---- */
+typedef struct app_cfg_info {
+	char *app_id;          /* malloc'ed, as all strings of this record; null when not given */
+	int64_t update_sec;    /* s (monotonic) of the last answer with a stamp; 0: due */
+	uint64 daemon_stamp;
+	int agent_enabled;
+	ZQ_APP_CONFIG_FIELDS
+} app_cfg_info;
+
+void zq_app_config_init(void);  /* module start-up: the table of applications, empty */
+void zq_app_config_final(void); /* module shut-down: frees records and environment facts */
+void app_cfg_info_dtor(void *ele); /* a hash destructor: receives the stored pointer's address */
+/* The record of the current request's application, created from the settings when missing; borrowed, lives until
+ * module shut-down. Null when the process already keeps 1,024 applications: the request then runs unmonitored. */
+app_cfg_info *get_app_info(TSRMLS_D);
+/* Brings the record up to date with the daemon when due (`tv_sec`: now in s) and copies it into the globals. */
+void update_app_info(long tv_sec TSRMLS_DC);
+/* Copies a record into the globals: strings as request copies. */
+void ini2zqg(app_cfg_info *ini TSRMLS_DC);
+/* Sets `resource_used` of the current application's record. */
+void zq_app_resource_used(int percent TSRMLS_DC);
+/* Applies an answer's records to `rec`; 1 when it brought a new configuration, 0 when there is nothing to copy. Stops
+ * quietly at a record that overruns. `now` in s. Engine-free but for the log. */
+int zq_apply_config_answer(app_cfg_info *rec, const char *data, size_t len, int64_t now);
+
+/* ---- zqp_io_metric.cpp: the metric packet ---- */
+/* Builds and sends the packet of the current action; `server_t` is its duration in ms. */
+void send_metric(int server_t TSRMLS_DC);
+/* Appends one record per request parameter of `arr_hash` that is not ignored. */
+void add_http_params(smart_str *p, HashTable *arr_hash TSRMLS_DC);
+/* Value of a quoted item name in answer data, without copying: 1 with start and length, or 0. */
+int get_transcation_data_item(const char *data, const char *item_name, char **tyid, int *tyid_len);
+/* Sends one enter or leave event while a thread profile runs; `cls` may be null. Never connects. */
+void thread_profile(const char *event, const char *name, const char *cls TSRMLS_DC);
+/* The trace goes with this action: tracing is on and the action, or one that it called, was slow. */
+int zq_trace_is_due(int server_t TSRMLS_DC);
+/* `tracer_id`, made on first need; borrowed. */
+const char *zq_tracer_id(TSRMLS_D);
+
+#endif

@@ -1,0 +1,23 @@
+/* The one lock of the process, around what threads share: application records and environment facts.
+ *
+ * The engine's time limit leaves by longjmp out of a signal handler, so its signals wait while the lock is held or
+ * while libc's own locks (streams, heap) may be. Never hold it across send, recv, engine allocation, PHP calls or logging. */
+#ifndef ZQP_LOCK_H
+#define ZQP_LOCK_H
+
+#include <signal.h>
+
+/* Creates the lock; module start-up, before any thread. */
+void zq_lock_init(void);
+/* Releases the lock's resources; module shut-down. */
+void zq_lock_final(void);
+
+/* Holds back SIGPROF and SIGALRM in this thread; `saved` receives the mask for zq_allow_timers(). */
+void zq_hold_timers(sigset_t *saved);
+void zq_allow_timers(const sigset_t *saved);
+
+/* Takes the process lock with timers held; `saved` goes to zq_unlock() unchanged. */
+void zq_lock(sigset_t *saved);
+void zq_unlock(const sigset_t *saved);
+
+#endif

@@ -1,0 +1,66 @@
+/* The trace of a slow action: one element per slow call, and their tree as JSON; the metric name of a statement. */
+#ifndef ZQP_TRACER_H
+#define ZQP_TRACER_H
+
+#include "zqp_helper.h"
+
+/* One recorded statement; an element of `sqls`, copied by value. Request memory but for `db`. */
+typedef struct sql_element {
+	const char *db;  /* static vendor name, never freed; null is written as an empty text */
+	char *statement; /* comments removed */
+	char *stack;     /* JSON, may be null */
+	char *explain;   /* JSON, may be null */
+	int metric;      /* ms */
+} sql_element;
+
+/* New record, adopting `stack` and `explain`; the statement is stored through rm_comment(), or "sql is null". */
+sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric);
+void sql_element_dtor(void *ele); /* frees the strings, not the record */
+
+enum { ZQ_TRACER_PLAIN = 0, ZQ_TRACER_SQL = 1, ZQ_TRACER_EXTERNAL = 2 };
+
+/* One timed call; an element of `tracer`, copied by value. */
+typedef struct tracer_element {
+	char *cls;       /* may be null; control characters replaced, as in func */
+	char *func;
+	int lineno;
+	char *filename;  /* may be null */
+	int data_type;   /* ZQ_TRACER_* */
+	void *data;      /* borrowed: the element in `sqls` or `webservices` */
+	uint64 start;    /* us */
+	uint64 end;      /* us */
+} tracer_element;
+
+typedef struct tracer_tree_node {
+	int is_key_path; /* this node or one below it carries SQL or external data: never pruned */
+	int level;       /* root 0 */
+	tracer_element *tracer;
+	struct tracer_tree_node *parent, *child, *sibling;
+} tracer_tree_node;
+
+/* Zeroed element with copies of the names; `cls` may be null. The caller appends it by value and efrees the shell. */
+tracer_element *tracer_element_alloc(const char *cls, const char *func);
+void tracer_element_dtor(void *ele); /* frees cls, func, filename; not data, not the record */
+/* For zend_llist_sort: 1 when f belongs behind s (later start; on equal starts the earlier end), else 0. */
+int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **s TSRMLS_DC);
+/* Appends a plain call to `tracer`, with file and line when it is slow enough for them. Beyond the bound on elements
+ * nothing is added. `data_frame` is the frame that made the call. */
+void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,
+                   int data_type, void *data TSRMLS_DC);
+/* Appends the tree of `tracer_list` (sorted by start) as JSON. `server` is the action's duration in ms. */
+void tracer_list_to_json(int server, zend_llist *tracer_list, smart_str *msg TSRMLS_DC);
+/* Appends one node with its children; 1 when written, 0 when pruned. */
+int output_tracer_tree(smart_str *msg, tracer_tree_node *node, int threshold, int is_first_node TSRMLS_DC);
+
+/* ---- zqp_tracer_sql_name.cpp: purely lexical, no parser ---- */
+/* Copy without comments and with white space squeezed, quoted text kept; cut at 16384 bytes. */
+char *rm_comment(const char *statement);
+/* "Database <db>/<table>/<operation>". */
+char *metric_name_from_sql(const sql_element *sql);
+int isSpace(char ch); /* 1 for bytes 0x01 to 0x20 */
+/* The scanners return positions in the text they are given; lengths through the second argument. */
+const char *find_word(const char *token, int *token_len);
+const char *find_table(const char *stmt, const char *pre_word, int *table_len);
+const char *sub_select(const char *stmt);
+
+#endif
