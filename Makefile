@@ -1,11 +1,51 @@
-# The verbs. CMake builds, scripts do the rest.
+# The verbs. CMake builds; scripts do the rest. docs/install.md explains the variables of install and uninstall.
+#
+#   PHP_CONFIG=/path/to/php-config   build for that engine instead of one of our own
+#   ZQ_TRACER_FLOOR_US=0             shortest call that enters a trace, for tests that want everything traced
 
-BUILD_JOBS ?= $(shell nproc)
-CMAKE_FLAGS := $(if $(ZQ_TRACER_FLOOR_US),-DZQ_TRACER_FLOOR_US=$(ZQ_TRACER_FLOOR_US))
+MAKEFLAGS += --no-print-directory
+.NOTPARALLEL:
+JOBS ?= $(shell nproc)
+export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all configure
+.PHONY: all demo test check bench engine-suite install uninstall clean configure test-packages
+
 all: configure
-	@cmake --build build -j$(BUILD_JOBS)
+	@cmake --build build -j$(JOBS)
+
+demo: all
+	@demo/run
+
+# unit tests, then the end-to-end tests
+test: test-packages configure
+	@cmake --build build -j$(JOBS) --target all unit_tests
+	@tests/run
+
+# the unit tests under the address and undefined-behaviour sanitizers
+check: test-packages configure
+	@cmake --preset sanitize --log-level=WARNING >/dev/null
+	@cmake --build --preset sanitize -j$(JOBS)
+	@ctest --preset sanitize --no-tests=error
+
+# what the agent costs
+bench: all
+	@bench/run
+
+# the engine's own test suite with and without the agent, and the differences
+engine-suite: all
+	@tests/engine/run
+
+# These two use what `make` built and build nothing themselves: they run as root, with another cache.
+install uninstall:
+	@packaging/$@
+
+clean:
+	@rm -rf build
 
 configure:
-	@cmake -S . -B build --log-level=WARNING $(CMAKE_FLAGS)
+	@engine/packages build
+	@engine/find build/engine
+	@cmake --preset default --log-level=WARNING -DZQ_TRACER_FLOOR_US="$(ZQ_TRACER_FLOOR_US)" >/dev/null
+
+test-packages:
+	@engine/packages test

@@ -1,0 +1,145 @@
+"""How the engine gets into its cache: tried with a stand-in source that builds in a moment, fetched by a stand-in npm."""
+import hashlib
+import io
+import os
+import shutil
+import signal
+import subprocess
+import tarfile
+from pathlib import Path
+
+import pytest
+
+from fake_daemon import wait_until
+
+PROJECT = Path(__file__).resolve().parents[2]
+TIMEOUT_S = 60
+
+# What `configure` and `make` do in the stand-in: the seven files of an engine, each a script or a text.
+CONFIGURE = """#!/bin/sh
+for word; do case "$word" in --prefix=*) prefix=${word#--prefix=};; esac; done
+printf 'all:\\n\\tmkdir -p libs && echo module >libs/libphp5.so\\n\\t@BUILD@\\n' >Makefile
+printf 'install:\\n\\tset -e; r=$(INSTALL_ROOT)'$prefix'; mkdir -p $$r/bin $$r/sbin $$r/lib; \\\\\\n' >>Makefile
+printf '\\tfor f in bin/php bin/php-cgi bin/php-config bin/phpize sbin/php-fpm lib/libphp5.so; do ' >>Makefile
+printf 'printf "#!/bin/sh\\\\necho PHP Extension Build =\\\\\\\\> @BUILD_ID@\\\\n" >$$r/$$f; chmod 755 $$r/$$f; done\\n' >>Makefile
+"""
+
+
+def archive(path, members):
+    with tarfile.open(path, "w:gz") as out:
+        for name, content, mode in members:
+            entry = tarfile.TarInfo(name)
+            entry.size, entry.mode = len(content), mode
+            out.addfile(entry, io.BytesIO(content))
+    return path.read_bytes()
+
+
+class Workshop:
+    """A copy of engine/ whose recipe names the stand-in source, and an empty cache."""
+
+    def __init__(self, folder, build="true", build_id="API20131226,TS", npm=None):
+        self.cache, self.link, self.count = folder / "cache", folder / "link", folder / "fetched"
+        self.scripts = folder / "engine"
+        shutil.copytree(PROJECT / "engine", self.scripts)
+        configure = CONFIGURE.replace("@BUILD@", build).replace("@BUILD_ID@", build_id).encode()
+        source = archive(folder / "source", [("php/configure", configure, 0o755)])
+        recipe = self.scripts / "recipe.sh"
+        lines = [line for line in recipe.read_text().splitlines() if not line.startswith("SOURCE_SHA256")]
+        recipe.write_text("\n".join(lines + [f'SOURCE_SHA256="{hashlib.sha256(source).hexdigest()}"', ""]))
+        archive(folder / "package.tgz", [("package/deps/php-5.6.15.tar.gz", source, 0o644)])
+        tools = folder / "tools"
+        tools.mkdir()
+        command = npm or f"cp {folder}/package.tgz ./source.tgz"
+        (tools / "npm").write_text(f"#!/bin/sh\necho fetched >>{self.count}\n{command}\n")
+        (tools / "npm").chmod(0o755)
+        self.environment = {"PATH": f"{tools}:{os.environ['PATH']}", "HOME": str(folder), "QUORBIT_CACHE": str(self.cache)}
+
+    def start(self):
+        return subprocess.Popen([self.scripts / "find", self.link], env=self.environment, text=True,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
+
+    def find(self):
+        process = self.start()
+        output, _ = process.communicate(timeout=TIMEOUT_S)
+        return process.returncode, output
+
+    def fetches(self):
+        return len(self.count.read_text().split()) if self.count.exists() else 0
+
+    def engines(self):
+        return [path for path in self.cache.glob("engine-*") if path.is_dir()]
+
+
+def test_two_at_once_build_one_engine_and_later_runs_none(tmp_path):
+    shop = Workshop(tmp_path)
+    for process in [shop.start(), shop.start()]:
+        output, _ = process.communicate(timeout=TIMEOUT_S)
+        assert process.returncode == 0, output
+    shop.link.unlink()
+    assert shop.find() == (0, "")
+    assert shop.fetches() == 1
+    assert shop.engines() == [shop.link.resolve()]
+    assert (shop.link / "apache/libphp5.so").read_text() == "module\n"
+
+
+def test_a_changed_recipe_gives_another_engine(tmp_path):
+    shop = Workshop(tmp_path)
+    assert shop.find()[0] == 0
+    first = shop.link.resolve()
+    with open(shop.scripts / "recipe.sh", "a") as recipe:
+        recipe.write('ENGINE_CFLAGS="$ENGINE_CFLAGS -O1"\n')
+    assert shop.find()[0] == 0
+    assert shop.link.resolve() != first and len(shop.engines()) == 2
+
+
+@pytest.mark.parametrize("fault, said", [
+    ({"npm": "exit 1"}, "build failed"),
+    ({"npm": "head -c 1000 /dev/zero >source.tgz"}, "not in gzip format"),
+    ({"npm": "mkdir -p package/deps; echo x >package/deps/php-5.6.15.tar.gz; tar -czf s.tgz package"}, "wrong checksum"),
+    ({"build": "echo No space left on device; exit 1"}, "No space left on device"),
+    ({"build": "rm -rf libs"}, "libphp5.so"),
+    ({"build_id": "API20131226,NTS"}, '"API20131226,NTS"'),
+], ids=["no download", "broken download", "wrong checksum", "full disk", "file missing", "not thread-safe"])
+def test_a_failed_build_leaves_nothing_that_passes_for_an_engine(tmp_path, fault, said):
+    shop = Workshop(tmp_path, **fault)
+    for _ in range(2):                      # a second run must try again, not trust what the first one left
+        code, output = shop.find()
+        assert code != 0 and said in output
+        assert shop.engines() == [] and not shop.link.exists()
+    assert shop.fetches() == 2
+
+
+@pytest.mark.parametrize("number, leftovers", [(signal.SIGTERM, 0), (signal.SIGINT, 0), (signal.SIGKILL, 1)])
+def test_an_interrupted_build_is_done_again(tmp_path, number, leftovers):
+    shop = Workshop(tmp_path, npm=f"[ -e {tmp_path}/go ] || sleep {TIMEOUT_S}; cp {tmp_path}/package.tgz .")
+    process = shop.start()
+    wait_until(lambda: shop.fetches() == 1, "the download to begin")
+    os.killpg(process.pid, number)
+    assert process.wait(TIMEOUT_S) != 0
+    assert len(shop.engines()) == leftovers and not shop.link.exists()
+    (tmp_path / "go").touch()
+    assert shop.find()[0] == 0
+    assert shop.engines() == [shop.link.resolve()]
+
+
+def given_engine(folder, build_id):
+    """An engine of somebody else: php-config and php alone."""
+    php, config = folder / "php", folder / "php-config"
+    php.write_text(f"#!/bin/sh\necho 'PHP Extension Build => {build_id}'\n")
+    config.write_text(f"#!/bin/sh\ncase $1 in --prefix) echo {folder};; --php-binary) echo {php};; esac\n")
+    for path in (php, config):
+        path.chmod(0o755)
+    return config
+
+
+@pytest.mark.parametrize("build_id, accepted", [
+    ("API20131226,TS", True), ("API20131226,NTS", False), ("API20131226,TS,debug", False), ("API20121212,TS", False), ("", False)])
+def test_a_given_engine_must_be_the_right_one(tmp_path, build_id, accepted):
+    config, link = given_engine(tmp_path, build_id), tmp_path / "link"
+    run = subprocess.run([PROJECT / "engine/find", link], env={**os.environ, "PHP_CONFIG": str(config)},
+                         capture_output=True, text=True, timeout=TIMEOUT_S)
+    assert (run.returncode == 0) == accepted, run.stderr
+    if accepted:
+        assert (link / "bin/php-config").resolve() == config and "no lib/libphp5.so" in run.stderr
+    else:
+        assert f'"{build_id or "unknown"}"' in run.stderr and '"API20131226,TS"' in run.stderr and not link.exists()
