@@ -94,6 +94,7 @@ struct zend_zqprof_globals {
 	char *transaction_curl_response_data; /* request */
 	char *transaction_req_id;      /* request */
 
+	int request_open;              /* between request start and request end: request memory may be kept */
 	pid_t daemon_pid;              /* process that opened daemon_sock: a forked child must not use its parent's stream */
 	char *license_copy;            /* thread */
 	int in_agent_call;             /* > 0 while the agent itself calls PHP code */
@@ -101,6 +102,7 @@ struct zend_zqprof_globals {
 	size_t recorded_sql_bytes;     /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
 	size_t recorded_webservice_bytes;
 	int recorded_limit_logged;
+	uint64 watch_filter[16];       /* names in the two hook tables, as bits: one that is not set needs no lookup */
 };
 
 extern ts_rsrc_id zqprof_globals_id;

@@ -106,4 +106,14 @@ int zq_trace_is_due(int server_t TSRMLS_DC);
 /* `tracer_id`, made on first need; borrowed. */
 const char *zq_tracer_id(TSRMLS_D);
 
+/* ---- zqp_io_response.cpp: the answer to a calling application ---- */
+/* Adds the response header once per request, at the first call while headers can still be added, when the request came
+ * from a monitored caller. `is_shutdown` changes nothing. */
+void send_transaction_data(int is_shutdown TSRMLS_DC);
+/* "X-Vantor-Tx-Data: {...}", one line without control characters; request memory owned by the caller. */
+char *build_transaction_tx_data(int is_shutdown TSRMLS_DC);
+/* Adds one response header to what the script has set. The line must be writable: a server API may cut it while it
+ * looks at it. */
+void add_sapi_header(char *header_line, int header_line_len TSRMLS_DC);
+
 #endif

@@ -33,7 +33,8 @@ typedef int (*zq_wrapper_callback)(zend_execute_data *execute_data, char *func T
 /* Runs after a call with its times in us; non-zero: recorded, no default trace element. */
 typedef int (*zq_performance_callback)(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
 
-/* Fills wrapper_function_hash with the names that are watched from the start of every request. */
+/* Fills wrapper_function_hash with the names that are watched from the start of every request. Once per pair of
+ * tables, right after both were created. */
 void zq_init_funtion_hash(TSRMLS_D);
 /* Add or replace a row; `name_size` counts the NUL. A null table (no action open) is skipped. */
 void zq_watch_before(const char *name, size_t name_size, zq_wrapper_callback callback TSRMLS_DC);
@@ -42,16 +43,46 @@ void zq_watch_after(const char *name, size_t name_size, zq_performance_callback 
 zq_wrapper_callback zq_find_before(const char *name, size_t name_size TSRMLS_DC);
 zq_performance_callback zq_find_after(const char *name, size_t name_size TSRMLS_DC);
 
-/* Around every internal call of a monitored request. `begin` is the clock before the call (us). */
+/* Place of a full name in watch_filter, from what a caller knows before it has built the name: its length, its first
+ * and its last byte. */
+static inline unsigned zq_watch_bit(int length, char first, char last)
+{
+	uint64 mixed = (uint64)(unsigned)length << 16 | (uint64)(unsigned char)first << 8 | (unsigned char)last;
+	return (unsigned)(mixed * 0x9E3779B97F4A7C15u >> 54);
+}
+/* 0: no row in either table has the full name "cls::func" ("func" when `cls` is null), and nobody needs to build it. 1:
+ * one may have. A row that the call itself adds changes the answer, so ask again for the after-step. */
+static inline int zq_may_be_watched(const char *cls, int cls_len, const char *func, int func_len TSRMLS_DC)
+{
+	unsigned bit = cls ? zq_watch_bit(cls_len + 2 + func_len, cls_len ? cls[0] : ':', func_len ? func[func_len - 1] : ':')
+	                   : zq_watch_bit(func_len, func[0], func_len ? func[func_len - 1] : func[0]);
+	return (int)(ZQG(watch_filter)[bit >> 6] >> (bit & 63) & 1);
+}
+
+/* Around every internal call of a monitored request. `begin` is the clock before the call (us). A call whose hash codes
+ * are 0 is dispatched to no row; profile line and default trace element need none. */
 void zq_before_internal_call(zq_stack_data *stack_data TSRMLS_DC);
 void zq_after_internal_call(zq_stack_data *stack_data, uint64 begin TSRMLS_DC);
+/* 0: no row handles an internal call of this function (`cls` null: a plain function, whose name is read up to its second
+ * byte), so that its hash codes may stay 0. 1: a row may. */
+int zq_internal_may_be_watched(const char *cls, int cls_len, const char *func);
 /* Appends the default trace element of a call slower than the threshold. */
 void zq_trace_default(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
 /* The three identification fields are set and non-empty: outgoing calls carry the caller's identity. */
 int zq_identity_is_set(TSRMLS_D);
 
-/* Small callbacks. */
-int wrapper_add_components(zend_execute_data *execute_data, char *func TSRMLS_DC);
-int wrapper_should_ignore_external(zend_execute_data *execute_data, char *func TSRMLS_DC);
+/* Small callbacks of user functions. */
+int wrapper_add_components(zend_execute_data *execute_data, char *func TSRMLS_DC);        /* 1: asks for a component */
+int wrapper_should_ignore_external(zend_execute_data *execute_data, char *func TSRMLS_DC); /* silences the calls inside */
+/* While a WebSocket client connects, its handshake may carry the identity. */
+int wrapper_websocket_connect(zend_execute_data *execute_data, char *func TSRMLS_DC);
+int performance_websocket_connect(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
+
+/* Small handlers of internal functions. */
+void wrapper_fwrite(zq_stack_data *stack_data TSRMLS_DC);        /* adds the identity to a WebSocket handshake */
+void wrapper_header(zq_stack_data *stack_data TSRMLS_DC);        /* HTTP errors; pages that must not get the script */
+void wrapper_set_error_handler(zq_stack_data *stack_data TSRMLS_DC); /* watches the script's own handler */
+void wrapper_ob_flush(zq_stack_data *stack_data TSRMLS_DC);      /* the page script, before the buffer leaves */
+int performance_fread(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC); /* a handshake's answer data; 0 */
 
 #endif
