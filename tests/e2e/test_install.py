@@ -1,0 +1,120 @@
+"""make install and make uninstall, tried below a staging folder: what they place works from there, and goes again."""
+import grp
+import json
+import os
+import re
+import shutil
+import signal
+import stat
+import subprocess
+import tempfile
+from pathlib import Path
+
+import pytest
+
+from engines import ENGINE, EXTENSION, IS_ROOT, PROJECT, web_environment
+from fake_daemon import wait_until
+
+EXTENSION_DIR = "/opt/php/modules"
+GROUP = "www-data" if IS_ROOT else grp.getgrgid(os.getegid()).gr_name
+
+
+@pytest.fixture
+def root():
+    folder = Path(tempfile.mkdtemp(prefix="zq", dir="/tmp"))     # short: the path of a socket must fit in 107 bytes
+    yield folder
+    shutil.rmtree(folder)
+
+
+def make(verb, root, **variables):
+    settings = {"DESTDIR": root, "EXTENSION_DIR": EXTENSION_DIR, "WEB_GROUP": GROUP, **variables}
+    return subprocess.run(["make", "-C", PROJECT, verb, *(f"{name}={value}" for name, value in settings.items())],
+                          capture_output=True, text=True, timeout=60)
+
+
+def installed(root):
+    return {str(path)[len(str(root)):] for path in root.rglob("*") if not path.is_dir()}
+
+
+def php(root, program, *arguments, **keywords):
+    """The engine with the installed ini file as its php.ini, turned to the staging folder."""
+    return subprocess.run([ENGINE / "bin" / program, "-c", f"{root}/usr/share/quorbit/quorbit.ini",
+                           "-d", f"extension_dir={root}{EXTENSION_DIR}", "-d", f"zqs.prefix={root}/usr",
+                           "-d", f"zqs.runtime_root={root}/var", *arguments], capture_output=True, timeout=60, **keywords)
+
+
+def stop_daemon(root):
+    pid = int((root / "var/log/quorbit/quorbit.pid").read_text())
+    assert os.readlink(f"/proc/{pid}/exe") == f"{root}/usr/bin/quorbit"
+    os.kill(pid, signal.SIGTERM)
+    wait_until(lambda: not Path(f"/proc/{pid}/exe").exists(), "the daemon's end")
+
+
+def test_install_places_its_files_and_uninstall_takes_them_back(root):
+    neighbour = root / "usr/bin/neighbour"
+    neighbour.parent.mkdir(parents=True)
+    neighbour.touch()
+    assert make("install", root).returncode == 0
+    ours = {f"{EXTENSION_DIR}/zqprof.so", "/usr/bin/quorbit", "/usr/share/quorbit/quorbit.ini", "/etc/logrotate.d/quorbit"}
+    assert installed(root) == ours | {"/usr/bin/neighbour"}
+    logs = root / "var/log/quorbit"
+    assert stat.S_IMODE(logs.stat().st_mode) == 0o2770
+    assert grp.getgrgid(logs.stat().st_gid).gr_name == GROUP
+    assert "@" not in (root / "etc/logrotate.d/quorbit").read_text()
+
+    (logs / "php-agent.log").touch()
+    again = make("install", root)
+    assert again.returncode == 0 and installed(root) == ours | {"/usr/bin/neighbour", "/var/log/quorbit/php-agent.log"}
+    assert "kept" in make("uninstall", root).stdout
+    assert installed(root) == {"/usr/bin/neighbour", "/var/log/quorbit/php-agent.log"}
+    (logs / "php-agent.log").unlink()
+    make("uninstall", root)
+    assert installed(root) == {"/usr/bin/neighbour"}
+    assert not logs.exists() and not (root / "usr/share/quorbit").exists()
+
+
+def test_a_running_php_keeps_the_library_that_it_mapped(root):
+    make("install", root)
+    with open(root / f".{EXTENSION_DIR}/zqprof.so", "rb") as mapped:
+        make("install", root)
+        assert os.fstat(mapped.fileno()).st_ino != (root / f".{EXTENSION_DIR}/zqprof.so").stat().st_ino
+        assert mapped.read() == EXTENSION.read_bytes()
+
+
+def test_the_installed_agent_starts_the_installed_daemon_and_reports(root):
+    make("install", root)
+    script = root / "page.php"
+    script.write_text("<?php echo 'hello';")
+    page = php(root, "php-cgi", env=web_environment(script, "/shop/page.php"))
+    assert page.stdout.endswith(b"hello") and page.stderr == b""
+    try:
+        show = [root / "usr/bin/quorbit", "show", "--json", "--root", root / "var"]
+        found = lambda: subprocess.run(show, capture_output=True, text=True, timeout=10).stdout  # noqa: E731
+        wait_until(lambda: "page.php" in found(), "the action")
+        assert len(json.loads(found())) == 1
+    finally:
+        stop_daemon(root)
+
+
+def test_the_ini_file_names_every_setting_with_its_default(root):
+    make("install", root)
+    report = "echo json_encode(array_map(function ($s) { return (string)$s['global_value']; }, ini_get_all('quorbit')));"
+    elsewhere = {"zqs.prefix": f"{root}/none", "zqs.runtime_root": f"{root}/var"}    # no daemon starts for this
+    options = [word for name, value in elsewhere.items() for word in ("-d", f"{name}={value}")]
+    run = subprocess.run([ENGINE / "bin/php", "-n", "-d", f"extension={EXTENSION}", *options, "-r", report],
+                         capture_output=True, timeout=60)
+    lines = (root / "usr/share/quorbit/quorbit.ini").read_text().splitlines()
+    named = dict(re.match(r';?(zqs\.\S+) =\s*"?([^"]*)"?$', line).groups() for line in lines if re.match(r";?zqs\.", line))
+    assert (named["zqs.prefix"], named["zqs.runtime_root"]) == ("/usr", "/var")
+    assert {**named, **elsewhere} == json.loads(run.stdout)
+
+
+@pytest.mark.parametrize("variables, said", [
+    ({"WEB_GROUP": "nobody-has-this-group"}, "nobody-has-this-group"),
+    ({"PREFIX": "usr"}, '"usr" must be an absolute path'),
+    ({"EXTENSION_DIR": "", "PHP_CONFIG": "/nonexistent/php-config"}, "/nonexistent/php-config"),
+], ids=["no such group", "relative prefix", "no engine"])
+def test_a_refused_install_places_nothing(root, variables, said):
+    run = make("install", root, **variables)
+    assert run.returncode != 0 and said in run.stderr
+    assert list(root.iterdir()) == []
