@@ -109,6 +109,21 @@ def test_the_ini_file_names_every_setting_with_its_default(root):
     assert {**named, **elsewhere} == json.loads(run.stdout)
 
 
+def test_a_large_log_is_rotated_and_stays_writable_for_every_process(root):
+    make("install", root, DESTDIR="", RUNTIME_ROOT=f"{root}/var", PREFIX=f"{root}/usr", SYSCONFDIR=f"{root}/etc",
+         EXTENSION_DIR=f"{root}/modules")
+    logs = root / "var/log/quorbit"
+    for name, size, mode in [("php-agent.log", 21 << 20, 0o666), ("daemon.log", 1 << 20, 0o640)]:
+        os.truncate(os.open(logs / name, os.O_CREAT | os.O_WRONLY), size)
+        (logs / name).chmod(mode)
+    rotate = ["/usr/sbin/logrotate", "-s", root / "state", root / "etc/logrotate.d/quorbit"]
+    run = subprocess.run(rotate, capture_output=True, text=True, timeout=60)
+    assert (run.returncode, run.stderr) == (0, "")
+    assert {path.name for path in logs.iterdir()} == {"php-agent.log", "php-agent.log.1.gz", "daemon.log"}
+    fresh = (logs / "php-agent.log").stat()
+    assert (fresh.st_size, stat.S_IMODE(fresh.st_mode), fresh.st_gid) == (0, 0o666, logs.stat().st_gid)
+
+
 @pytest.mark.parametrize("variables, said", [
     ({"WEB_GROUP": "nobody-has-this-group"}, "nobody-has-this-group"),
     ({"PREFIX": "usr"}, '"usr" must be an absolute path'),
