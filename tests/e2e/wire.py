@@ -1,0 +1,299 @@
+"""The daemon protocol, read and written from docs/protocol.md alone.
+
+Strict on purpose: a record or packet that overruns, leaves bytes over, comes out of order or lacks a field is a WireError,
+so that any test which lets a packet arrive also checks its form.
+"""
+import json
+import re
+import struct
+from dataclasses import dataclass, field
+
+QUERY, METRIC, PROFILE = 0x0A, 0x0B, 0x09
+STAMP, SETTING, KEY, APP_ID, APP, ENVIRONMENT = 0x0C, 0x0D, 0x0E, 0x10, 0x11, 0x1C
+
+# What may follow what in a metric packet; 0x29 is told apart by its first line.
+METRIC_ORDER = re.compile(
+    "11 0e (12 )?(21 )?1a 1b 14 15 16 (27 )*(Memcached )*(17 )?(MongoDB )*(17 )?(Redis )*(17 )?(http )*(18 )?"
+    "(2b )*(2a )?(2d )*(25 (20 )?26 )?(24 )*(23 )*")
+NUMBERS = {0x1A: "cpu_ticks", 0x1B: "system_ticks", 0x14: "block_ms", 0x15: "duration_ms", 0x16: "db_ms", 0x18: "calls_ms"}
+TEXTS = {APP: "app", KEY: "license", 0x12: "action", 0x21: "uri", 0x20: "transaction_id", 0x26: "tracer_id"}
+
+
+class WireError(Exception):
+    pass
+
+
+def record(kind, body):
+    body = body.encode() if isinstance(body, str) else body
+    return struct.pack(">I", kind << 24 | len(body)) + body
+
+
+def split(data):
+    """The records that fill `data` exactly, as (type, body)."""
+    found, at = [], 0
+    while at < len(data):
+        if len(data) - at < 4:
+            raise WireError(f"{len(data) - at} bytes left over")
+        word, = struct.unpack_from(">I", data, at)
+        kind, length = word >> 24, word & 0xFFFFFF
+        if at + 4 + length > len(data):
+            raise WireError(f"record {kind:#x} of {length} bytes overruns")
+        found.append((kind, data[at + 4:at + 4 + length]))
+        at += 4 + length
+    return found
+
+
+def answer(settings=None, stamp=1, app_id=None):
+    """A configuration answer; a stamp of None is left out."""
+    body = b"" if stamp is None else record(STAMP, struct.pack("<Q", stamp))
+    body += b"" if app_id is None else record(APP_ID, app_id)
+    body += b"".join(record(SETTING, f"{key}={value}") for key, value in (settings or {}).items())
+    return record(QUERY, body)
+
+
+def text(body):
+    return body.decode("utf-8", "surrogateescape")
+
+
+def number(body):
+    if len(body) != 4:
+        raise WireError(f"number of {len(body)} bytes")
+    return struct.unpack("<i", body)[0]
+
+
+def assignment(body):
+    name, equals, value = text(body).partition("=")
+    if not equals:
+        raise WireError(f"no '=' in {body!r}")
+    return name, value
+
+
+def items(body):
+    """The length-prefixed items of an SQL record."""
+    found = []
+    while body:
+        size, colon, rest = body.partition(b":")
+        if not colon or not re.fullmatch(rb"0|[1-9][0-9]*", size) or int(size) > len(rest):
+            raise WireError(f"bad item at {body[:20]!r}")
+        found.append(text(rest[:int(size)]))
+        body = rest[int(size):]
+    return found
+
+
+def lines(body, least, most):
+    found = text(body).split("\n")
+    if not least <= len(found) <= most:
+        raise WireError(f"{len(found)} lines in {body!r}")
+    return found
+
+
+@dataclass
+class Query:
+    app: str
+    license: str
+    stamp: int
+    enabled: str
+    environment: dict
+    raw: bytes
+
+
+@dataclass
+class Event:
+    """A thread-profile packet."""
+    app: str
+    license: str
+    ms: int
+    tid: int
+    event: str
+    name: str
+
+
+@dataclass
+class Sql:
+    ms: int
+    db: str
+    statement: str
+    stack: list = None
+    plan: object = None
+
+
+@dataclass
+class Call:
+    name: str
+    ms: int
+    callee_id: str = None
+    callee_action: str = None
+
+
+@dataclass
+class Metric:
+    kinds: list
+    app: str = None
+    license: str = None
+    action: str = None
+    uri: str = None
+    cpu_ticks: int = None
+    system_ticks: int = None
+    block_ms: int = None
+    duration_ms: int = None
+    db_ms: int = None
+    calls_ms: int = 0
+    transaction_id: str = None
+    tracer_id: str = None
+    sql: list = field(default_factory=list)
+    nosql: list = field(default_factory=list)        # (product, collection, operation, ms)
+    nosql_sums: dict = field(default_factory=dict)
+    calls: list = field(default_factory=list)
+    components: dict = field(default_factory=dict)   # name: (ms, own ms)
+    error: dict = None
+    call_errors: list = field(default_factory=list)
+    trace: list = None
+    details: dict = field(default_factory=dict)
+    params: list = field(default_factory=list)
+
+
+def decode_query(body, raw):
+    found = split(body)
+    if [kind for kind, _ in found[:4]] != [APP, KEY, STAMP, SETTING] or {kind for kind, _ in found[4:]} != {ENVIRONMENT}:
+        raise WireError("query out of order")
+    if len(found[2][1]) != 8:
+        raise WireError("stamp is not of 8 bytes")
+    setting, enabled = assignment(found[3][1])
+    pairs = [assignment(part) for _, part in found[4:]]
+    order = ["quorbit", "PHP Version", "Thread Safety", "module", "Server API", "Apache Version", "Apache MPM", "Plugin List"]
+    if setting != "zqs.agent_enabled" or [n for n, _ in pairs] != [n for n in order if n in dict(pairs)]:
+        raise WireError("query names out of order")
+    return Query(text(found[0][1]), text(found[1][1]), struct.unpack("<Q", found[2][1])[0], enabled, dict(pairs), raw)
+
+
+def decode_event(body):
+    found = split(body)
+    if [kind for kind, _ in found] != [APP, KEY, 0x2C]:
+        raise WireError("event out of order")
+    line = re.fullmatch(r"(\d+) (\d+) ((?:enter|leave) (?:action|function)) (.*)", text(found[2][1]))
+    if not line or len(found[2][1]) > 255:
+        raise WireError(f"bad event {found[2][1]!r}")
+    return Event(text(found[0][1]), text(found[1][1]), int(line[1]), int(line[2]), line[3], line[4])
+
+
+def sql_record(body):
+    parts = items(body)
+    if not 3 <= len(parts) <= 5:
+        raise WireError(f"{len(parts)} items in an SQL record")
+    found = Sql(int(parts[0]), parts[1], parts[2])
+    for extra in parts[3:]:
+        value = json.loads(extra)
+        if isinstance(value, list) and extra is parts[3]:
+            found.stack = value
+        elif isinstance(value, dict) and extra is parts[-1]:
+            found.plan = value
+        else:
+            raise WireError(f"neither stack nor plan: {extra!r}")
+    return found
+
+
+def total_record(metric, body):
+    """A 0x29 record; returns the word that places it in the packet."""
+    product = text(body).split("\n", 1)[0]
+    if product == "http":
+        found = lines(body, 4, 6)
+        if found[2] != "" or len(found) == 5:
+            raise WireError(f"bad outgoing call {body!r}")
+        metric.calls.append(Call(found[1], int(found[3]), *found[4:]))
+    elif product == "MongoDB":
+        found = lines(body, 3, 4)
+        metric.nosql.append((product, found[1] if len(found) == 4 else "", found[-2], int(found[-1])))
+    elif product in ("Memcached", "Redis"):
+        found = lines(body, 4, 4)
+        if found[1] != "":
+            raise WireError(f"collection in {body!r}")
+        metric.nosql.append((product, "", found[2], int(found[3])))
+    else:
+        raise WireError(f"unknown product in {body!r}")
+    return product
+
+
+def component_record(metric, body):
+    total, own, name = lines(body, 3, 3)
+    if name in metric.components:
+        raise WireError(f"component {name} twice")
+    metric.components[name] = (int(total), int(own))
+
+
+def error_record(body):
+    found = text(body).split("\n", 4)
+    if found[0] != "1" or len(found) < 4:
+        raise WireError(f"bad error {body!r}")
+    stack = json.loads(found[4]) if len(found) > 4 else None
+    return {"status": int(found[1]), "class": found[2], "message": found[3], "stack": stack}
+
+
+def call_error_record(body):
+    found = text(body).split("\n", 5)
+    if len(found) != 6 or not found[0].startswith("External/"):
+        raise WireError(f"bad error of a call {body!r}")
+    return {"name": found[0][9:], "code": int(found[1]), "status": found[2], "message": found[3], "query": found[4],
+            "stack": json.loads(found[5])}
+
+
+def check_node(node):
+    """A trace node has nine elements of fixed types."""
+    if len(node) != 9 or [type(x) for x in node] != [int, int, str, str, int, str, str, dict, list] or node[4] != 1:
+        raise WireError(f"bad trace node {node!r}")
+    if set(node[7]) - {"sql", "stacktrace", "explainPlan", "partialtrace", "txId", "txData"}:
+        raise WireError(f"unknown trace parameter in {node[7]!r}")
+    for child in node[8]:
+        check_node(child)
+
+
+def decode_metric(body):
+    metric, order = Metric([]), []
+    for kind, part in split(body):
+        word = f"{kind:02x}"
+        metric.kinds.append(kind)
+        if kind in NUMBERS:
+            setattr(metric, NUMBERS[kind], number(part))
+        elif kind in TEXTS:
+            setattr(metric, TEXTS[kind], text(part))
+        elif kind == 0x27:
+            metric.sql.append(sql_record(part))
+        elif kind == 0x29:
+            word = total_record(metric, part)
+        elif kind == 0x17:
+            ms, product = lines(part, 2, 2)
+            metric.nosql_sums[product] = int(ms)
+        elif kind == 0x2B:
+            component_record(metric, part)
+        elif kind == 0x2A:
+            metric.error = error_record(part)
+        elif kind == 0x2D:
+            metric.call_errors.append(call_error_record(part))
+        elif kind == 0x25:
+            metric.trace = json.loads(text(part), strict=False)
+            check_node(metric.trace)
+        elif kind in (0x23, 0x24):
+            name, colon, value = text(part).partition(": ")
+            if not colon:
+                raise WireError(f"no ': ' in {part!r}")
+            metric.params.append((name, value)) if kind == 0x23 else metric.details.update({name: value})
+        else:
+            raise WireError(f"unknown record {kind:#x}")
+        order.append(word)
+    if not METRIC_ORDER.fullmatch(" ".join(order) + " "):
+        raise WireError("metric packet out of order: " + " ".join(order))
+    return metric
+
+
+def decode(packet):
+    """One packet of the extension: a Query, Metric or Event."""
+    found = split(packet)
+    if len(found) != 1:
+        raise WireError(f"{len(found)} packets in one")
+    kind, body = found[0]
+    if kind == QUERY:
+        return decode_query(body, packet)
+    if kind == METRIC:
+        return decode_metric(body)
+    if kind == PROFILE:
+        return decode_event(body)
+    raise WireError(f"unknown packet {kind:#x}")
