@@ -30,7 +30,7 @@ char *get_arguments(zend_execute_data *data TSRMLS_DC);
 
 /* Value stored under `key` (`key_size` counts the NUL, as 5.6 does), borrowed; null when absent or `ht` is null. */
 zval *FIND_HASH_ZVALUE(HashTable *ht, const char *key, uint key_size);
-/* Raw data stored under `key`: the pointer that the bucket holds; null when absent or `ht` is null. */
+/* Pointer stored under `key` in a table whose data are pointers, borrowed; null when absent or `ht` is null. */
 void *FIND_HASH_PVALUE(HashTable *ht, const char *key, uint key_size);
 /* Option of wrapper "http" in a stream context, borrowed; null when not set. */
 zval *GET_CONTEXT_HTTP_OPTION(php_stream_context *context, const char *option);
@@ -39,13 +39,21 @@ zval *GET_CONTEXT_HTTP_OPTION(php_stream_context *context, const char *option);
 char *get_hash_value_by_name(zval *hash, const char *search_name, uint search_size);
 /* "HTTP_" and the header name as its server variable is spelt, at most 127 characters, ASCII rules. */
 char *get_server_key(const char *key);
+/* Declared and dynamic properties of an object, borrowed; null for anything else, and for an object of a class that
+ * makes its table up on demand. Never runs PHP code and never changes the object. */
+HashTable *zq_property_table(zval *object TSRMLS_DC);
+
+/* ---- zqp_helper_call.cpp: PHP code called by the agent ------------------------------------------------------------- */
 /* Calls PHP code on a frame of its own with the hooks off, so that the call is neither measured nor able to touch the
- * script's frames, handlers, exceptions or errors. `retval` is always initialised; the caller zval_dtors it. SUCCESS,
- * or FAILURE when not callable or when it threw (the exception is swallowed). Parameters (at most 8) must be heap
- * zvals, since callees may keep them. A bailout of the callee is raised again after everything was put back.
+ * script's frames, handlers, exceptions or errors. `object` may be null. `retval` is always initialised; the caller
+ * releases it (zval_dtor for scalars, else zq_release_result). SUCCESS, or FAILURE when not callable, when it threw
+ * (the exception is swallowed) or for more than 8 parameters. Parameters must be heap zvals, since callees may keep
+ * them. A bailout of the callee is raised again after everything was put back.
  * `function_table` is accepted for symmetry with the engine's call_user_function. */
 int zq_call_user_function(HashTable *function_table, zval **object, zval *function_name, zval *retval,
                           zend_uint param_count, zval **params TSRMLS_DC);
+/* zval_dtor with the hooks off: the last reference to an object runs its destructor. */
+void zq_release_result(zval *result TSRMLS_DC);
 /* Registers the shutdown function, and for a monitored caller the header callback, of this request. */
 void register_transaction_callback(TSRMLS_D);
 
@@ -140,9 +148,6 @@ void free_str_array(char **array);
 /* 1 when a line of `urls_captured` (extended regular expression, case ignored) matches in `url`. Lines that do not
  * compile, or that would exhaust the C library's compiler, are skipped. */
 int in_urls_captured(const char *url TSRMLS_DC);
-/* 1 when the pattern is small enough for the C library's compiler: at most 1,024 bytes, groups at most 64 deep,
- * bounded repeats multiplying to at most 1,000. It crashes or runs for seconds beyond. */
-int zq_regex_is_bounded(const char *pattern);
 /* Appends a URL path to a name: "/" as "%2F", stop at "?", digit runs behind the third slash as "*". */
 void zq_append_web(smart_str *action, const char *str);
 int zq_record_type_to_int(const char *str); /* "raw" 1, "obfuscated" 2, else 0; any case */
@@ -153,14 +158,21 @@ char zq_ascii_upper(char ch);
 const char *zq_strcasestr(const char *haystack, const char *needle);
 int zq_strncasecmp(const char *a, const char *b, size_t len);
 
+/* ---- zqp_helper_regex.cpp ------------------------------------------------------------------------------------------ */
+/* 1 when the C library's compiler can take the pattern (extended syntax) safely: at most 1,024 bytes, groups at most 64
+ * deep, nested repeats multiplying to at most 1,000, at most 5,000 atoms once they are unfolded. It crashes, or runs
+ * for seconds, on others. */
+int zq_regex_is_bounded(const char *pattern);
+
 /* ---- zqp_helper_clock.cpp ----------------------------------------------------------------------------------------- */
 /* Microseconds of the monotonic clock. */
 uint64 cycle_timer(void);
-/* User + system ticks and resident KiB (may be null) of a process or thread id; 0, or -1 with the outputs untouched. */
+/* User + system ticks and resident KiB (each may be null) of a process or thread id; 0, or -1 with the outputs
+ * untouched. A file that cannot be opened is logged. */
 int get_usage(int pid, uint64 *cpu, long *mem);
 /* The same line read once: user, system ticks and resident pages apart; 0 or -1. */
 int zq_read_stat(int pid, uint64 *user_ticks, uint64 *system_ticks, long *resident_pages);
-/* Percent of the host's memory in use; 0 when it cannot be read. */
+/* Percent of the host's memory in use; 0 when it cannot be read, which is logged. */
 int get_memory_used(void);
 /* The figure of get_memory_used() for a given text of /proc/meminfo; 0 without a usable total. */
 int zq_memory_used_of(const char *meminfo);

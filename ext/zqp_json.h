@@ -8,7 +8,8 @@
  * cut at the first byte that is not valid UTF-8; "/" stays plain; control characters without a short form stay raw. A
  * null or empty text gives "" in quotes, or nothing without them. */
 void json_escape_string(smart_str *buf, const char *s, size_t len, int add_quote);
-/* Appends any value. Option 1 hides the keys "args" and "object" of arrays. Circular or deeper than 64: null. */
+/* Appends any value. Option 1 hides the keys "args" and "object" of arrays. What is circular, deeper than 64, behind
+ * 16 MiB of text or an object without a property table of its own is null. The value is not touched. */
 void zq_json_encode(smart_str *buf, zval *val, int option TSRMLS_DC);
 /* Appends an array or an object's property table: an object when any key is a string, else a list. */
 void json_encode_array(smart_str *buf, zval *val, int option TSRMLS_DC);

@@ -1,0 +1,220 @@
+/* Calling PHP code from inside the engine's hooks, unseen by the script: the callee runs on a frame of its own, as a
+ * shutdown function does, so that it meets neither the script's frames and symbol tables nor its handlers and pending
+ * exceptions, and leaves nothing of its own behind. */
+#include "zqp_helper.h"
+
+enum { MAX_PARAMS = 8 };
+
+/* What the callee must not see, and what it could change. */
+typedef struct script_state {
+	zend_execute_data *frame;
+	zend_op **opline_ptr;
+	zend_op *opline_before_exception;
+	zend_op_array *op_array;
+	HashTable *symbol_table;
+	zval *exception, *prev_exception;
+	zval *error_handler;
+	int error_handler_mask;
+	zend_ptr_stack error_handlers;
+	zend_stack error_handler_masks;
+	zend_error_handling_t error_handling;
+	int hook_enabled;
+} script_state;
+
+static void save_script(script_state *saved TSRMLS_DC)
+{
+	saved->frame = EG(current_execute_data);
+	saved->opline_ptr = EG(opline_ptr);
+	saved->opline_before_exception = EG(opline_before_exception);
+	saved->op_array = EG(active_op_array);
+	saved->symbol_table = EG(active_symbol_table);
+	saved->exception = EG(exception);
+	saved->prev_exception = EG(prev_exception);
+	saved->error_handler = EG(user_error_handler);
+	saved->error_handler_mask = EG(user_error_handler_error_reporting);
+	saved->error_handlers = EG(user_error_handlers);
+	saved->error_handler_masks = EG(user_error_handlers_error_reporting);
+	saved->error_handling = EG(error_handling);
+	saved->hook_enabled = ZQG(hook_enabled);
+}
+
+/* Steps onto `base`, with `symbols` as the caller's variables. EG(error_reporting) stays: 0 would hide fatal errors. */
+static void step_aside(zend_execute_data *base, HashTable *symbols TSRMLS_DC)
+{
+	/* an exception thrown below walks the frames and reads each one's callee */
+	static zend_internal_function agent = {ZEND_INTERNAL_FUNCTION, "agent", NULL, 0, NULL, 0, 0, NULL, NULL, NULL};
+
+	memset(base, 0, sizeof *base);
+	base->function_state.function = (zend_function *)&agent;
+	zend_hash_init(symbols, 0, NULL, ZVAL_PTR_DTOR, 0);
+	EG(current_execute_data) = base;
+	EG(opline_ptr) = NULL;
+	EG(active_op_array) = NULL;
+	EG(active_symbol_table) = symbols;
+	EG(exception) = EG(prev_exception) = NULL;
+	EG(user_error_handler) = NULL;
+	zend_ptr_stack_init(&EG(user_error_handlers));
+	zend_stack_init(&EG(user_error_handlers_error_reporting));
+	EG(error_handling) = EH_NORMAL;
+	ZQG(hook_enabled) = 0;
+	ZQG(in_agent_call)++;
+}
+
+/* The frame is not among it: after a bailout the engine has none, and must not be given one back. */
+static void step_back(const script_state *saved TSRMLS_DC)
+{
+	ZQG(in_agent_call)--;
+	ZQG(hook_enabled) = saved->hook_enabled;
+	EG(error_handling) = saved->error_handling;
+	EG(user_error_handler) = saved->error_handler;
+	EG(user_error_handler_error_reporting) = saved->error_handler_mask;
+	EG(user_error_handlers) = saved->error_handlers;
+	EG(user_error_handlers_error_reporting) = saved->error_handler_masks;
+	EG(opline_ptr) = saved->opline_ptr;
+	EG(active_op_array) = saved->op_array;
+	EG(active_symbol_table) = saved->symbol_table;
+}
+
+static void restore_frame(const script_state *saved TSRMLS_DC)
+{
+	EG(current_execute_data) = saved->frame;
+	EG(exception) = saved->exception;
+	EG(prev_exception) = saved->prev_exception;
+	EG(opline_before_exception) = saved->opline_before_exception;
+}
+
+/* Releases a pending exception; 1 when there was one. It leaves the engine first, since its destructor may run PHP. */
+static int drop_exception(TSRMLS_D)
+{
+	zval *exception = EG(exception);
+	if (!exception) {
+		return 0;
+	}
+	EG(exception) = NULL;
+	zval_ptr_dtor(&exception);
+	return 1;
+}
+
+static void drop_callee_leftovers(HashTable *symbols TSRMLS_DC)
+{
+	zval *current = EG(user_error_handler);
+	if (current) {
+		EG(user_error_handler) = NULL; /* first: a destructor run by the release may raise an error */
+		zval_ptr_dtor(&current);
+	}
+	while (zend_ptr_stack_num_elements(&EG(user_error_handlers))) {
+		zval *handler = (zval *)zend_ptr_stack_pop(&EG(user_error_handlers));
+		zval_ptr_dtor(&handler);
+	}
+	zend_ptr_stack_destroy(&EG(user_error_handlers));
+	zend_stack_destroy(&EG(user_error_handlers_error_reporting));
+	EG(active_symbol_table) = NULL;
+	zend_hash_destroy(symbols);
+	drop_exception(TSRMLS_C); /* of a destructor run just now */
+}
+
+static int call_checked(zval *object, zval *function_name, zval *retval, zend_uint param_count, zval **params TSRMLS_DC)
+{
+	zend_fcall_info call;
+	zend_fcall_info_cache target;
+	char *name = NULL, *error = NULL;
+	zval **slots[MAX_PARAMS], *result = NULL;
+	int outcome = FAILURE;
+
+	/* asked first, because the call itself would raise a warning for some of what cannot be called */
+	if (zend_is_callable_ex(function_name, object, IS_CALLABLE_CHECK_SILENT, &name, NULL, &target, &error TSRMLS_CC)) {
+		for (zend_uint i = 0; i < param_count; i++) {
+			slots[i] = &params[i];
+		}
+		memset(&call, 0, sizeof call);
+		call.size = sizeof call;
+		call.function_table = EG(function_table);
+		call.function_name = function_name;
+		call.object_ptr = object;
+		call.retval_ptr_ptr = &result;
+		call.param_count = param_count;
+		call.params = slots;
+		call.no_separation = 1;
+		outcome = zend_call_function(&call, &target TSRMLS_CC);
+	}
+	if (name) {
+		efree(name);
+	}
+	if (error) {
+		efree(error);
+	}
+	if (drop_exception(TSRMLS_C)) {
+		drop_exception(TSRMLS_C); /* thrown by the destructor of the first */
+		outcome = FAILURE;
+	}
+	if (!result) {
+		return outcome;
+	}
+	if (outcome == SUCCESS) {
+		COPY_PZVAL_TO_ZVAL(*retval, result);
+	} else {
+		zval_ptr_dtor(&result);
+	}
+	return outcome;
+}
+
+int zq_call_user_function(HashTable *, zval **object, zval *function_name, zval *retval, zend_uint param_count,
+                          zval **params TSRMLS_DC)
+{
+	script_state saved;
+	zend_execute_data base;
+	HashTable symbols;
+	volatile int outcome = FAILURE, bailed_out = 0;
+
+	INIT_ZVAL(*retval);
+	if (!function_name || param_count > MAX_PARAMS) {
+		return FAILURE;
+	}
+	save_script(&saved TSRMLS_CC);
+	step_aside(&base, &symbols TSRMLS_CC);
+	zend_try {
+		outcome = call_checked(object ? *object : NULL, function_name, retval, param_count, params TSRMLS_CC);
+		drop_callee_leftovers(&symbols TSRMLS_CC);
+	} zend_catch {
+		bailed_out = 1;
+	} zend_end_try();
+	step_back(&saved TSRMLS_CC); /* in any case: the symbol table in use until now lies in this frame */
+	if (bailed_out) {
+		zend_bailout();
+	}
+	restore_frame(&saved TSRMLS_CC);
+	return outcome;
+}
+
+void zq_release_result(zval *result TSRMLS_DC)
+{
+	int hooks = ZQG(hook_enabled);
+	ZQG(hook_enabled) = 0;
+	zval_dtor(result);
+	ZQG(hook_enabled) = hooks;
+}
+
+/* Calls `function` with the name of one of our own functions, which it keeps. */
+static void hand_over_callback(const char *function, const char *callback TSRMLS_DC)
+{
+	zval *name, *argument, result;
+	MAKE_STD_ZVAL(name);
+	ZVAL_STRING(name, function, 1);
+	MAKE_STD_ZVAL(argument);
+	ZVAL_STRING(argument, callback, 1);
+	zq_call_user_function(EG(function_table), NULL, name, &result, 1, &argument TSRMLS_CC);
+	zq_release_result(&result TSRMLS_CC);
+	zval_ptr_dtor(&argument);
+	zval_ptr_dtor(&name);
+}
+
+void register_transaction_callback(TSRMLS_D)
+{
+	if (!ZQG(transaction_parent) && !ZQG(rum_enabled)) {
+		return;
+	}
+	hand_over_callback("register_shutdown_function", "zqprof_rshutdowncall" TSRMLS_CC);
+	if (ZQG(transaction_parent)) {
+		hand_over_callback("header_register_callback", "zqprof_headercall" TSRMLS_CC);
+	}
+}

@@ -1,0 +1,143 @@
+/* The clock behind every figure, and samplers of what the kernel knows about the process and the host. */
+#include "zqp_helper.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "zqp_debug.h"
+
+uint64 cycle_timer(void)
+{
+	struct timespec now;
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return (uint64)now.tv_sec * 1000000 + (uint64)now.tv_nsec / 1000;
+}
+
+int zq_thread_id(void)
+{
+	return (int)syscall(SYS_gettid);
+}
+
+int zq_read_stat(int pid, uint64 *user_ticks, uint64 *system_ticks, long *resident_pages)
+{
+	char path[32];
+	snprintf(path, sizeof path, "/proc/%d/stat", pid);
+	FILE *stat = fopen(path, "re");
+	if (!stat) {
+		ZQ_LOG(ZQ_LOG_ERROR, "open %s fail: %s", path, strerror(errno));
+		return -1;
+	}
+	/* fields 14, 15 and 24 of proc(5) */
+	unsigned long user, system;
+	long resident;
+	int fields = fscanf(stat,
+	                    "%*d %*s %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u%lu %lu %*d %*d %*d %*d %*d %*d %*u %*u %ld",
+	                    &user, &system, &resident);
+	fclose(stat);
+	if (fields != 3) {
+		return -1;
+	}
+	*user_ticks = user;
+	*system_ticks = system;
+	*resident_pages = resident;
+	return 0;
+}
+
+int get_usage(int pid, uint64 *cpu, long *mem)
+{
+	uint64 user, system;
+	long resident_pages;
+	if (zq_read_stat(pid, &user, &system, &resident_pages) != 0) {
+		return -1;
+	}
+	if (mem) {
+		*mem = sysconf(_SC_PAGESIZE) * resident_pages / 1024;
+	}
+	if (cpu) {
+		*cpu = user + system;
+	}
+	return 0;
+}
+
+int zq_memory_used_of(const char *meminfo)
+{
+	uint64 total = 0, free_kib = 0, available_x100 = 0;
+	const char *line = meminfo ? meminfo : "";
+	for (const char *end; (end = strchr(line, '\n')) != NULL; line = end + 1) {
+		const char *colon = (const char *)memchr(line, ':', end - line);
+		if (!colon) {
+			break;
+		}
+		size_t key_len = colon - line;
+		uint64 value = strtoull(colon + 1, NULL, 10);
+		auto key_is = [&](const char *key) { return key_len == strlen(key) && memcmp(line, key, key_len) == 0; };
+		if (key_is("MemTotal") && !total) {
+			total = value;
+		} else if (key_is("MemFree") && !free_kib) {
+			free_kib = value;
+		} else if (key_is("MemAvailable")) {
+			available_x100 = value * 100;
+			break;
+		} else if (key_is("Inactive")) { /* kernels before 3.14 do not work the figure out themselves */
+			available_x100 = (value + free_kib) * 100;
+			break;
+		}
+	}
+	return total ? (int)(100 - (int64_t)(available_x100 / total)) : 0;
+}
+
+int get_memory_used(void)
+{
+	char text[512];
+	int fd = open("/proc/meminfo", O_RDONLY | O_CLOEXEC);
+	if (fd == -1) {
+		ZQ_LOG(ZQ_LOG_ERROR, "open /proc/meminfo fail: %s", strerror(errno));
+		return 0;
+	}
+	ssize_t len = read(fd, text, sizeof text - 1);
+	close(fd);
+	if (len <= 0) {
+		ZQ_LOG(ZQ_LOG_ERROR, "read /proc/meminfo fail");
+		return 0;
+	}
+	text[len] = '\0';
+	return zq_memory_used_of(text);
+}
+
+/* The number that a text's digits make when everything between them is left out; the largest one on overflow. */
+static int64_t number_of_digits(const char *text)
+{
+	int64_t number = 0;
+	for (; *text; text++) {
+		int digit = *text - '0';
+		if (digit < 0 || digit > 9) {
+			continue;
+		}
+		if (number > (INT64_MAX - digit) / 10) {
+			return INT64_MAX;
+		}
+		number = number * 10 + digit;
+	}
+	return number;
+}
+
+int get_block_time(const char *queue_start, uint64 ms)
+{
+	if (!queue_start) {
+		return 0;
+	}
+	int64_t stamp = 0;
+	if (strlen(queue_start) > 2) {
+		if (queue_start[0] == 't') {
+			stamp = strtoll(queue_start + 2, NULL, 10);
+		} else if (queue_start[0] == 's') {
+			stamp = number_of_digits(queue_start + 2);
+		}
+	}
+	/* 32 bits, no scaling, no conversion between clocks: the figure that the receiver is made for */
+	int32_t wait_ms = (int32_t)((uint32_t)ms - (uint32_t)stamp);
+	return wait_ms < 0 ? 0 : wait_ms;
+}

@@ -1,0 +1,158 @@
+/* Call stacks as JSON arrays of short strings, from the frames that run now or from what an exception remembers. */
+#include "zqp_helper.h"
+#include "zqp_json.h"
+
+/* Backtraces of the running code are cut here; an exception's own trace is as long as it was made. */
+static const int max_frames = 20;
+
+static void append_escaped(smart_str *buf, zval *text)
+{
+	json_escape_string(buf, Z_STRVAL_P(text), Z_STRLEN_P(text), 0);
+}
+
+/* Entry of a frame when it has the wanted type, else null. */
+static zval *frame_entry(HashTable *frame, const char *key, uint key_size, zend_uchar type)
+{
+	zval *value = FIND_HASH_ZVALUE(frame, key, key_size);
+	return value && Z_TYPE_P(value) == type ? value : NULL;
+}
+
+/* "(file:line)"; nothing without a file. */
+static void append_place(smart_str *buf, zval *file, zval *line)
+{
+	if (!file) {
+		return;
+	}
+	zq_append_char(buf, '(');
+	append_escaped(buf, file);
+	if (line) {
+		zq_append_char(buf, ':');
+		zq_append_long(buf, Z_LVAL_P(line));
+	}
+	zq_append_char(buf, ')');
+}
+
+/* Table of an array or object; null for other values. */
+static HashTable *table_of(zval *val TSRMLS_DC)
+{
+	if (!val) {
+		return NULL;
+	}
+	return Z_TYPE_P(val) == IS_ARRAY ? Z_ARRVAL_P(val) : zq_property_table(val TSRMLS_CC);
+}
+
+void zq_get_stack_object_json(smart_str *buf, zval *val TSRMLS_DC)
+{
+	HashTable *frame = table_of(val TSRMLS_CC);
+	if (!frame) {
+		zq_append(buf, "null", 4);
+		return;
+	}
+	zq_append_char(buf, '"');
+	zval *cls = frame_entry(frame, "class", sizeof("class"), IS_STRING);
+	if (cls) {
+		append_escaped(buf, cls);
+		zq_append_char(buf, '.');
+	}
+	zval *function = frame_entry(frame, "function", sizeof("function"), IS_STRING);
+	if (function) {
+		append_escaped(buf, function);
+	}
+	append_place(buf, frame_entry(frame, "file", sizeof("file"), IS_STRING),
+	             frame_entry(frame, "line", sizeof("line"), IS_LONG));
+	zq_append_char(buf, '"');
+}
+
+/* Appends every frame of a backtrace, a "," before each but the first, before that too when `continued`. */
+static void append_frames(smart_str *buf, HashTable *frames, int continued TSRMLS_DC)
+{
+	for (Bucket *at = frames->pListHead; at; at = at->pListNext) {
+		if (continued) {
+			zq_append_char(buf, ',');
+		}
+		continued = 1;
+		zq_get_stack_object_json(buf, *(zval **)at->pData TSRMLS_CC);
+	}
+}
+
+void zq_get_code_stack(smart_str *buf TSRMLS_DC)
+{
+	zval frames;
+	INIT_ZVAL(frames);
+	zq_append_char(buf, '[');
+	zend_fetch_debug_backtrace(&frames, 0, DEBUG_BACKTRACE_IGNORE_ARGS, max_frames TSRMLS_CC);
+	if (Z_TYPE(frames) == IS_ARRAY) {
+		append_frames(buf, Z_ARRVAL(frames), 0 TSRMLS_CC);
+	}
+	zval_dtor(&frames);
+	zq_append_char(buf, ']');
+}
+
+char *zq_code_stack_text(TSRMLS_D)
+{
+	smart_str buf = {};
+	zq_get_code_stack(&buf TSRMLS_CC);
+	return zq_buffer_text(&buf);
+}
+
+/* Where an exception was made. Read from the table, so that no __get runs: protected as Exception declares it, or under
+ * the plain name when a class made it public. */
+static zval *exception_entry(HashTable *properties, const char *mangled, uint mangled_size, zend_uchar type)
+{
+	const uint prefix_len = sizeof("\0*\0") - 1;
+	zval *value = frame_entry(properties, mangled, mangled_size, type);
+	return value ? value : frame_entry(properties, mangled + prefix_len, mangled_size - prefix_len, type);
+}
+
+/* The exception's own frames; FAILURE when it has no such method. `frames` is to be released. */
+static int fetch_trace(zval *exception, zval *frames TSRMLS_DC)
+{
+	zval *method;
+	MAKE_STD_ZVAL(method);
+	ZVAL_STRING(method, "getTrace", 1);
+	int outcome = zq_call_user_function(EG(function_table), &exception, method, frames, 0, NULL TSRMLS_CC);
+	zval_ptr_dtor(&method);
+	return outcome;
+}
+
+void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC)
+{
+	zq_append_text(buf, "[\"Exception");
+	HashTable *properties = zq_property_table(exception TSRMLS_CC);
+	zval *file = exception_entry(properties, "\0*\0file", sizeof("\0*\0file"), IS_STRING);
+	if (file && Z_STRLEN_P(file) > 0) {
+		append_place(buf, file, exception_entry(properties, "\0*\0line", sizeof("\0*\0line"), IS_LONG));
+	}
+	zq_append_char(buf, '"');
+	zval frames;
+	if (exception && Z_TYPE_P(exception) == IS_OBJECT) {
+		HashTable *table = fetch_trace(exception, &frames TSRMLS_CC) == SUCCESS ? table_of(&frames TSRMLS_CC) : NULL;
+		if (table) {
+			append_frames(buf, table, 1 TSRMLS_CC);
+		}
+		zq_release_result(&frames TSRMLS_CC);
+	}
+	zq_append_char(buf, ']');
+}
+
+int zq_calling_line(zend_execute_data *data, char **filename TSRMLS_DC)
+{
+	if (filename) {
+		*filename = NULL;
+	}
+	while (data && !data->op_array) {
+		data = data->prev_execute_data;
+	}
+	if (!data) {
+		return 0;
+	}
+	if (filename && data->op_array->filename) {
+		*filename = estrdup(data->op_array->filename);
+	}
+	const zend_op *opline = data->opline;
+	/* a pending exception has put its own opline there, which has no line */
+	if (opline && opline->opcode == ZEND_HANDLE_EXCEPTION && EG(opline_before_exception)) {
+		opline = EG(opline_before_exception);
+	}
+	return opline ? (int)opline->lineno : 0;
+}

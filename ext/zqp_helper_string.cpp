@@ -1,0 +1,338 @@
+/* Cutting, cleaning and comparing text. The rules that shape what is reported (what a statement may show, how a path
+ * becomes a name) are exact; all of them go by ASCII, whatever locale the script has set. */
+#include "zqp_helper.h"
+
+#include <limits.h>
+#include <regex.h>
+#include <time.h>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <x86intrin.h>
+#endif
+
+void zq_append_long(smart_str *dest, long number)
+{
+	char text[24];
+	zq_append(dest, text, (size_t)snprintf(text, sizeof text, "%ld", number));
+}
+
+char zq_ascii_lower(char ch)
+{
+	return ch >= 'A' && ch <= 'Z' ? ch + ('a' - 'A') : ch;
+}
+
+char zq_ascii_upper(char ch)
+{
+	return ch >= 'a' && ch <= 'z' ? ch - ('a' - 'A') : ch;
+}
+
+static int is_digit(char ch)
+{
+	return ch >= '0' && ch <= '9';
+}
+
+int zq_strncasecmp(const char *a, const char *b, size_t len)
+{
+	for (size_t i = 0; i < len; i++) {
+		int difference = (unsigned char)zq_ascii_lower(a[i]) - (unsigned char)zq_ascii_lower(b[i]);
+		if (difference || !a[i]) {
+			return difference;
+		}
+	}
+	return 0;
+}
+
+const char *zq_strcasestr(const char *haystack, const char *needle)
+{
+	if (!haystack || !needle) {
+		return NULL;
+	}
+	size_t needle_len = strlen(needle);
+	const char *end = haystack + strlen(haystack);
+	for (const char *at = haystack; (size_t)(end - at) >= needle_len; at++) {
+		if (zq_strncasecmp(at, needle, needle_len) == 0) {
+			return at;
+		}
+	}
+	return NULL;
+}
+
+static int equals_ignoring_case(const char *a, const char *b)
+{
+	return a && strlen(a) == strlen(b) && zq_strncasecmp(a, b, strlen(b)) == 0;
+}
+
+/* Leading decimal number, clamped to an int. */
+static int decimal_int(const char *text)
+{
+	long number = strtol(text, NULL, 10);
+	return number > INT_MAX ? INT_MAX : number < INT_MIN ? INT_MIN : (int)number;
+}
+
+/* ---- in place ---------------------------------------------------------------------------------------------------- */
+
+void zq_str_replace_ln(char *str)
+{
+	for (; str && *str; str++) {
+		if ((unsigned char)*str < ' ') {
+			*str = ' ';
+		}
+	}
+}
+
+void zq_str_replace_to_dot(char *str)
+{
+	for (; str && *str; str++) {
+		if (*str == '/' || *str == '\\') {
+			*str = '.';
+		}
+	}
+}
+
+void zq_obfuscate_sql(char *sql)
+{
+	int single_quoted = 0, double_quoted = 0;
+	for (; sql && *sql; sql++) {
+		if (*sql == '\t' || *sql == '\n' || *sql == '\r') {
+			*sql = ' ';
+		} else if (*sql == '\'') {
+			single_quoted = !single_quoted;
+		} else if (*sql == '"') {
+			double_quoted = !double_quoted;
+		} else if (is_digit(*sql) || single_quoted || double_quoted) {
+			*sql = '?';
+		}
+	}
+}
+
+/* ---- positions and header lines ---------------------------------------------------------------------------------- */
+
+const char *zq_php_pos(const char *string, int length)
+{
+	const int suffix_len = sizeof(".php") - 1;
+	if (!string || length <= suffix_len) {
+		return NULL;
+	}
+	for (int i = 0; i + suffix_len <= length; i++) {
+		if (zq_strncasecmp(string + i, ".php", suffix_len) == 0) {
+			return string + i + suffix_len;
+		}
+	}
+	return NULL;
+}
+
+const char *zq_get_base_filename(const char *filename)
+{
+	if (!filename) {
+		return "";
+	}
+	int slashes = 0;
+	for (const char *at = filename + strlen(filename); at > filename; at--) {
+		if (at[-1] == '/' && ++slashes == 2) {
+			return at;
+		}
+	}
+	return filename;
+}
+
+int get_header_content(const char *header)
+{
+	if (zq_strcasestr(header, "content-length:")) {
+		return 0;
+	}
+	const char *type = zq_strcasestr(header, "content-type:");
+	if (!type) {
+		return -1;
+	}
+	return zq_strcasestr(type, "text/html") ? 1 : 0;
+}
+
+int get_header_status(const char *header)
+{
+	const char *at = zq_strcasestr(header, "http/1.");
+	if (!at) {
+		return 0;
+	}
+	while ((unsigned char)*at > ' ') {
+		at++;
+	}
+	return decimal_int(at);
+}
+
+/* ---- ids ---------------------------------------------------------------------------------------------------------- */
+
+char *get_new_GUID(void)
+{
+	const size_t size = 2 * 8 + 1;
+#if defined(__x86_64__) || defined(__i386__)
+	uint64 stamp = __rdtsc();
+#else
+	struct timespec now;
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	uint64 stamp = (uint64)now.tv_sec * 1000000000 + (uint64)now.tv_nsec;
+#endif
+	char *id = (char *)emalloc(size);
+	snprintf(id, size, "%x%x", (unsigned)(stamp >> 32), (unsigned)stamp);
+	return id;
+}
+
+char *get_string_param(const char *string, const char *param, char split)
+{
+	const char *value = string && param ? strstr(string, param) : NULL;
+	if (!value) {
+		return NULL;
+	}
+	value += strlen(param);
+	const char *end = strchr(value, split);
+	return end ? estrndup(value, end - value) : estrdup(value);
+}
+
+char *get_application_and_instance_id(const char *secret_id)
+{
+	const char *bar = secret_id ? strchr(secret_id, '|') : NULL;
+	return bar ? estrdup(bar + 1) : NULL;
+}
+
+int is_same_account(const char *cur_secret_id, const char *parent_secret_id)
+{
+	const char *bar = cur_secret_id ? strchr(cur_secret_id, '|') : NULL;
+	return bar && parent_secret_id && strncmp(cur_secret_id, parent_secret_id, bar - cur_secret_id) == 0;
+}
+
+/* ---- splitting ---------------------------------------------------------------------------------------------------- */
+
+/* Ends the piece at `*cursor` and moves the cursor behind its separator; null at the end of the text. Pieces may be
+ * empty. */
+static char *next_piece(char **cursor, const char *separators)
+{
+	char *piece = *cursor;
+	if (!piece) {
+		return NULL;
+	}
+	size_t len = strcspn(piece, separators);
+	*cursor = piece[len] ? piece + len + 1 : NULL;
+	piece[len] = '\0';
+	return piece;
+}
+
+/* More than the pieces that the separators can make of a text. */
+static size_t max_pieces(const char *str, const char *separators)
+{
+	size_t count = 1;
+	while ((str = strpbrk(str, separators)) != NULL) {
+		count++;
+		str++;
+	}
+	return count;
+}
+
+cArray *get_c_array(const char *str, char split_char)
+{
+	if (!str || !*str) {
+		return NULL;
+	}
+	const char separators[] = {split_char, '\0'};
+	cArray *array = (cArray *)safe_emalloc(max_pieces(str, separators), sizeof(char *), sizeof(cArray));
+	array->string = estrdup(str);
+	array->length = 0;
+	char *cursor = array->string;
+	for (char *piece; (piece = next_piece(&cursor, separators)) != NULL;) {
+		if (*piece) {
+			array->items[array->length++] = piece;
+		}
+	}
+	return array;
+}
+
+void free_c_array(cArray *array)
+{
+	if (array) {
+		efree(array->string);
+		efree(array);
+	}
+}
+
+char **get_str_array(const char *str, int split_mode)
+{
+	static const char *const separators_of_mode[] = {"\t ,", "|", ",", " &[]", "&?"};
+	const int modes = sizeof separators_of_mode / sizeof *separators_of_mode;
+	if (!str || !*str) {
+		return NULL;
+	}
+	const char *separators = split_mode >= 0 && split_mode < modes ? separators_of_mode[split_mode] : "";
+	char **array = (char **)safe_emalloc(max_pieces(str, separators), sizeof(char *), sizeof(char *));
+	char *copy = estrdup(str), *cursor = copy;
+	size_t count = 0;
+	for (char *piece; (piece = next_piece(&cursor, separators)) != NULL;) {
+		while ((unsigned char)*piece >= 128) {
+			piece++;
+		}
+		if (*piece) {
+			array[count++] = estrdup(piece);
+		}
+	}
+	array[count] = NULL;
+	efree(copy);
+	return array;
+}
+
+void free_str_array(char **array)
+{
+	for (char **at = array; at && *at; at++) {
+		efree(*at);
+	}
+	if (array) {
+		efree(array);
+	}
+}
+
+/* ---- names and settings ------------------------------------------------------------------------------------------- */
+
+int in_urls_captured(const char *url TSRMLS_DC)
+{
+	cArray *patterns = url ? get_c_array(ZQG(urls_captured), '\n') : NULL;
+	int found = 0;
+	for (int i = 0; patterns && i < patterns->length && !found; i++) {
+		regex_t regex;
+		if (!zq_regex_is_bounded(patterns->items[i]) ||
+		    regcomp(&regex, patterns->items[i], REG_EXTENDED | REG_ICASE | REG_NEWLINE | REG_NOSUB) != 0) {
+			continue;
+		}
+		found = regexec(&regex, url, 0, NULL, 0) == 0;
+		regfree(&regex);
+	}
+	free_c_array(patterns);
+	return found;
+}
+
+void zq_append_web(smart_str *action, const char *str)
+{
+	int slashes = 0, digits = 0; /* of the current run */
+	for (; str && *str && *str != '?'; str++) {
+		digits = is_digit(*str) && slashes > 2 ? digits + 1 : 0;
+		if (digits > 1) {
+			action->c[action->len - 1] = '*';
+		} else if (*str == '/') {
+			zq_append(action, "%2F", 3);
+			slashes++;
+		} else {
+			zq_append_char(action, *str);
+		}
+	}
+}
+
+int zq_record_type_to_int(const char *str)
+{
+	if (equals_ignoring_case(str, "raw")) {
+		return 1;
+	}
+	return equals_ignoring_case(str, "obfuscated") ? 2 : 0;
+}
+
+int zq_str_to_int(const char *str)
+{
+	if (!str) {
+		return 0;
+	}
+	return equals_ignoring_case(str, "true") ? 1 : decimal_int(str);
+}
