@@ -16,8 +16,8 @@ enum zq_name_level {
 void init_action_name(TSRMLS_D);
 /* Appends a path: leading "/" dropped, "/" as "%2F", runs of two or more digits as "*"; "index" when nothing remains. */
 void zq_append_action(smart_str *action, const char *str);
-/* The suffix of captured parameters for `uri` by `config`; its length, with the text in `*results`; 0 and null when
- * nothing applies. */
+/* The suffix of captured parameters for `uri` by `config`, a list of "<path>,<GET keys>,<POST keys>,<header names>"
+ * separated by "|"; its length, with the text in `*results` (the caller's); 0 and null when nothing applies. */
 int get_request_params(char **results, const char *uri, int uri_len, const char *config TSRMLS_DC);
 
 #endif

@@ -36,15 +36,23 @@ typedef struct tracer_tree_node {
 	int level;       /* root 0 */
 	tracer_element *tracer;
 	struct tracer_tree_node *parent, *child, *sibling;
+	/* private */
+	struct tracer_tree_node *last_child; /* appending to a wide node must not walk its children */
 } tracer_tree_node;
 
-/* Zeroed element with copies of the names; `cls` may be null. The caller appends it by value and efrees the shell. */
+/* Zeroed element with copies of the names; `cls` may be null. zq_trace_append() takes it over. */
 tracer_element *tracer_element_alloc(const char *cls, const char *func);
 void tracer_element_dtor(void *ele); /* frees cls, func, filename; not data, not the record */
 /* For zend_llist_sort: 1 when f belongs behind s (later start; on equal starts the earlier end), else 0. */
 int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **s TSRMLS_DC);
-/* Appends a plain call to `tracer`, with file and line when it is slow enough for them. Beyond the bound on elements
- * nothing is added. `data_frame` is the frame that made the call. */
+/* Logs once per action, at DEBUG, that `what` (plural) has reached its bound. */
+void zq_note_recorded_limit(const char *what TSRMLS_DC);
+/* 1 when nothing more may be added to `tracer`: no list, or 100,000 elements (noted in the log once). */
+int zq_trace_is_full(TSRMLS_D);
+/* Appends the element unless the trace is full; adopts it, names and shell, in either case. */
+void zq_trace_append(tracer_element *element TSRMLS_DC);
+/* Appends a call with file and line when its whole milliseconds reach action_tracer_stack_trace_threshold; nothing when
+ * the trace is full. `data_frame` is the frame that made the call. The callers test the threshold for being traced. */
 void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,
                    int data_type, void *data TSRMLS_DC);
 /* Appends the tree of `tracer_list` (sorted by start) as JSON. `server` is the action's duration in ms. */

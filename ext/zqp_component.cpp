@@ -1,0 +1,92 @@
+/* Component timings. Open components form a stack in `components`; a finished one is charged to the one around it and
+ * summed by name in `components_hash`. A call that left by exit never closes its component: the element stays open and
+ * is never counted, and whatever was opened around it then no longer is the tail either. */
+#include "zqp_component.h"
+#include "zqp_json.h"
+
+component_element *component_element_alloc(char *name)
+{
+	component_element *element = (component_element *)ecalloc(1, sizeof(component_element));
+	zq_str_replace_ln(name);
+	element->name = name;
+	return element;
+}
+
+void component_element_dtor(void *ele)
+{
+	component_element *element = (component_element *)ele;
+	if (element->name) {
+		efree(element->name);
+		element->name = NULL;
+	}
+}
+
+void component_hash_element_dtor(void *ele)
+{
+	component_hash_element *sums = *(component_hash_element **)ele;
+	if (sums) {
+		efree(sums);
+	}
+}
+
+static void append_name_part(smart_str *name, const char *part)
+{
+	zq_append_char(name, '/');
+	json_escape_string(name, part, strlen(part), 0);
+}
+
+zend_llist_element *zq_component_open(const char *cls, const char *func TSRMLS_DC)
+{
+	if (!ZQG(components)) {
+		return NULL;
+	}
+	smart_str name = {NULL, 0, 0};
+	zq_append(&name, "PHP", 3);
+	append_name_part(&name, cls ? cls : "NULL");
+	append_name_part(&name, func ? func : "");
+
+	component_element *element = component_element_alloc(zq_buffer_text(&name));
+	zend_llist_add_element(ZQG(components), element);
+	efree(element);
+	return ZQG(components)->tail;
+}
+
+void zq_component_close(zend_llist_element *element, unsigned generation, int elapsed_ms TSRMLS_DC)
+{
+	zend_llist *open = ZQG(components);
+	if (!element || !open || generation != ZQG(component_generation) || open->tail != element) {
+		return;
+	}
+	if (elapsed_ms > 0) {
+		component_element *component = (component_element *)element->data;
+		component->metric = elapsed_ms;
+		if (element->prev) {
+			((component_element *)element->prev->data)->exclusive += elapsed_ms;
+		}
+		zq_component_add(component->name, component->metric, component->exclusive TSRMLS_CC);
+	}
+	zend_llist_remove_tail(open);
+}
+
+void zq_component_add(const char *name, int metric_ms, int exclusive_ms TSRMLS_DC)
+{
+	HashTable *table = ZQG(components_hash);
+	if (!table) {
+		return;
+	}
+	uint key_size = (uint)strlen(name) + 1; /* 5.6 counts the NUL in hash keys */
+	component_hash_element *sums = (component_hash_element *)FIND_HASH_PVALUE(table, name, key_size);
+	if (!sums) {
+		sums = (component_hash_element *)ecalloc(1, sizeof(component_hash_element));
+		zend_hash_update(table, name, key_size, &sums, sizeof(sums), NULL);
+	}
+	sums->metric += metric_ms;
+	sums->exclusive += exclusive_ms;
+}
+
+void zq_component_spent_outside(int elapsed_ms TSRMLS_DC)
+{
+	if (elapsed_ms > 0 && ZQG(components) && ZQG(components)->tail) {
+		((component_element *)ZQG(components)->tail->data)->exclusive += elapsed_ms;
+	}
+}

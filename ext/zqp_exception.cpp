@@ -1,0 +1,184 @@
+/* The action's error. Four sources: the engine's error callback, the script's own error handler, the HTTP status and
+ * failed queries. The first three keep the first error; a failed query takes the place of what was there. */
+#include "zqp_exception.h"
+
+error_element *error_element_alloc(const char *msg, const char *cls, char *stack)
+{
+	error_element *element = (error_element *)ecalloc(1, sizeof(error_element));
+	element->msg = estrdup(msg ? msg : "");
+	element->cls = estrdup(cls ? cls : "");
+	element->stack = stack;
+	return element;
+}
+
+void error_element_dtor(void *ele)
+{
+	error_element *element = (error_element *)ele;
+	if (!element) {
+		return;
+	}
+	char *texts[] = {element->msg, element->cls, element->stack};
+	for (char *text : texts) {
+		if (text) {
+			efree(text);
+		}
+	}
+	efree(element);
+}
+
+const char *zq_get_err_type_name(int type)
+{
+	switch (type) {
+	case E_ERROR: return "RUNTIME_ERROR";
+	case E_PARSE: return "PARSE_ERROR";
+	case E_CORE_ERROR: return "CORE_ERROR";
+	case E_COMPILE_ERROR: return "COMPILE_ERROR";
+	case E_USER_ERROR: return "USER_ERROR";
+	case E_RECOVERABLE_ERROR: return "RECOVERABLE_ERROR";
+	default: return "UNKOWN_ERROR"; /* the daemon knows this spelling */
+	}
+}
+
+int zq_error_need_report(int type)
+{
+	switch (type) {
+	case E_ERROR:
+	case E_PARSE:
+	case E_CORE_ERROR:
+	case E_COMPILE_ERROR:
+	case E_USER_ERROR:
+	case E_RECOVERABLE_ERROR: return 1;
+	default: return 0;
+	}
+}
+
+/* Class of an exception that nobody caught, copied out of the engine's message; null for any other message. */
+static char *uncaught_class(const char *msg)
+{
+	static const char before[] = "Uncaught exception '";
+	const char *start = strstr(msg, before);
+	if (!start) {
+		return NULL;
+	}
+	start += sizeof(before) - 1;
+	const char *end = strstr(start, "' with message");
+	return end ? estrndup(start, (uint)(end - start)) : NULL;
+}
+
+/* No PHP code may run in here: the engine is in the middle of an error. */
+static void record_engine_error(int type, const char *format, va_list args TSRMLS_DC)
+{
+	va_list copy; /* the previous callback needs `args` untouched */
+	char *msg = NULL;
+	va_copy(copy, args);
+	vspprintf(&msg, 0, format, copy);
+	va_end(copy);
+
+	char *exception_class = type == E_ERROR ? uncaught_class(msg) : NULL;
+	ZQG(error) = error_element_alloc(msg, exception_class ? exception_class : zq_get_err_type_name(type),
+	                                 zq_code_stack_text(TSRMLS_C));
+	if (exception_class) {
+		efree(exception_class);
+	}
+	efree(msg);
+}
+
+static int engine_error_is_wanted(int type TSRMLS_DC)
+{
+	return g_module_up && ZQG(hook_enabled) && ZQG(agent_enabled) && ZQG(error_collector_enabled) && !ZQG(error)
+		&& zq_error_need_report(type);
+}
+
+/* Records with the memory limit lifted: for "Allowed memory size exhausted" there is next to nothing left, and a second
+ * failure in here would print the engine's message twice. 1 when the recording bailed out. */
+static int record_unlimited(int type, const char *format, va_list args TSRMLS_DC)
+{
+	volatile int bailed_out = 0;
+	zend_set_memory_limit((size_t)-1);
+	zend_try {
+		record_engine_error(type, format, args TSRMLS_CC);
+	} zend_catch {
+		bailed_out = 1;
+	} zend_end_try();
+	zend_set_memory_limit(PG(memory_limit));
+	return bailed_out;
+}
+
+/* The types at which php_error_cb ends the request by itself. */
+static int engine_ends_request(int type)
+{
+	return zq_error_need_report(type) && type != E_PARSE;
+}
+
+static int agent_may_not_hide(int type)
+{
+	return type == E_ERROR || type == E_PARSE || type == E_CORE_ERROR || type == E_COMPILE_ERROR;
+}
+
+void zq_error_cb(int type, const char *error_filename, const uint error_lineno, const char *format, va_list args)
+{
+	TSRMLS_FETCH();
+	if (g_module_up && ZQG(in_agent_call) > 0 && !agent_may_not_hide(type)) {
+		return;
+	}
+	int bailed_out = 0;
+	if (engine_error_is_wanted(type TSRMLS_CC)) {
+		bailed_out = record_unlimited(type, format, args TSRMLS_CC);
+	}
+	_zend_error_cb(type, error_filename, error_lineno, format, args);
+	if (bailed_out && !engine_ends_request(type)) {
+		zend_bailout(); /* the current frame is gone: nothing can go on from here */
+	}
+}
+
+int wrapper_user_error_handler(zend_execute_data *execute_data, char *func TSRMLS_DC)
+{
+	(void)func;
+	if (!ZQG(hook_enabled) || !ZQG(error_collector_enabled) || ZQG(error)) {
+		return 0;
+	}
+	int type = (int)get_argument_long(execute_data, 0);
+	const char *msg = get_argument_char(execute_data, 1);
+	if (zq_error_need_report(type) && msg) {
+		ZQG(error) = error_element_alloc(msg, zq_get_err_type_name(type), zq_code_stack_text(TSRMLS_C));
+	}
+	return 0;
+}
+
+void zq_http_error(int status_code, const char *msg TSRMLS_DC)
+{
+	if (!ZQG(error_collector_enabled) || ZQG(error)) {
+		return;
+	}
+	/* 401 is part of ordinary authentication */
+	if (status_code != 400 && status_code < 402) {
+		return;
+	}
+	char status[12];
+	snprintf(status, sizeof(status), "%d", status_code);
+	status[3] = '\0'; /* a script may send any number; a status has three digits */
+	const char *ignored = ZQG(error_collector_ignored_status_codes);
+	if (ignored && *ignored && strstr(ignored, status)) {
+		return;
+	}
+	ZQG(error) = error_element_alloc(msg ? msg : status, "HTTP_ERROR", zq_code_stack_text(TSRMLS_C));
+}
+
+void zq_db_error(const char *msg, const char *sql TSRMLS_DC)
+{
+	const char *driver_msg = msg ? msg : "";
+	char *stack = zq_code_stack_text(TSRMLS_C);
+	error_element *error;
+	if (sql) {
+		size_t size = strlen(driver_msg) + strlen(sql) + 32;
+		char *text = (char *)emalloc(size);
+		snprintf(text, size, "%s. sql=[%s]", driver_msg, sql);
+		zq_obfuscate_sql(text + strlen(driver_msg)); /* no values leave the process */
+		error = error_element_alloc(text, "DB_ERROR", stack);
+		efree(text);
+	} else {
+		error = error_element_alloc(driver_msg, "DB_ERROR", stack);
+	}
+	error_element_dtor(ZQG(error));
+	ZQG(error) = error;
+}

@@ -1,0 +1,115 @@
+/* The records behind a trace: statements and slow calls, and the bound on how many of the latter an action keeps. */
+#include "zqp_tracer.h"
+#include "zqp_debug.h"
+
+/* Each call kept costs some 200 bytes of the script's own memory limit. */
+static const int MAX_TRACED_CALLS = 100000;
+
+sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric)
+{
+	sql_element *element = (sql_element *)ecalloc(1, sizeof(sql_element));
+	element->db = db;
+	element->statement = statement ? rm_comment(statement) : estrdup("sql is null");
+	element->stack = stack;
+	element->explain = explain;
+	element->metric = metric;
+	return element;
+}
+
+void sql_element_dtor(void *ele)
+{
+	sql_element *element = (sql_element *)ele;
+	char **texts[] = {&element->statement, &element->stack, &element->explain};
+	for (char **text : texts) {
+		if (*text) {
+			efree(*text);
+			*text = NULL;
+		}
+	}
+}
+
+static char *copy_without_controls(const char *name)
+{
+	char *copy = estrdup(name);
+	zq_str_replace_ln(copy);
+	return copy;
+}
+
+tracer_element *tracer_element_alloc(const char *cls, const char *func)
+{
+	tracer_element *element = (tracer_element *)ecalloc(1, sizeof(tracer_element));
+	element->cls = cls ? copy_without_controls(cls) : NULL;
+	element->func = copy_without_controls(func ? func : "");
+	return element;
+}
+
+void tracer_element_dtor(void *ele)
+{
+	tracer_element *element = (tracer_element *)ele;
+	char **texts[] = {&element->cls, &element->func, &element->filename};
+	for (char **text : texts) {
+		if (*text) {
+			efree(*text);
+			*text = NULL;
+		}
+	}
+}
+
+/* The engine's sort is not stable: on equal starts the longer call must be named as the earlier one, or a call would
+ * become its own callee's child. */
+int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **s TSRMLS_DC)
+{
+	const tracer_element *first = (const tracer_element *)(*f)->data;
+	const tracer_element *second = (const tracer_element *)(*s)->data;
+	if (first->start != second->start) {
+		return first->start > second->start;
+	}
+	return first->end < second->end;
+}
+
+void zq_note_recorded_limit(const char *what TSRMLS_DC)
+{
+	if (!ZQG(recorded_limit_logged)) {
+		ZQG(recorded_limit_logged) = 1;
+		ZQ_LOG(ZQ_LOG_DEBUG, "%s of this action are full, the rest only counts in totals", what);
+	}
+}
+
+int zq_trace_is_full(TSRMLS_D)
+{
+	if (!ZQG(tracer)) {
+		return 1;
+	}
+	if (zend_llist_count(ZQG(tracer)) < MAX_TRACED_CALLS) {
+		return 0;
+	}
+	zq_note_recorded_limit("traced calls" TSRMLS_CC);
+	return 1;
+}
+
+void zq_trace_append(tracer_element *element TSRMLS_DC)
+{
+	if (zq_trace_is_full(TSRMLS_C)) {
+		tracer_element_dtor(element);
+	} else {
+		zend_llist_add_element(ZQG(tracer), element);
+	}
+	efree(element);
+}
+
+void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,
+                   int data_type, void *data TSRMLS_DC)
+{
+	if (zq_trace_is_full(TSRMLS_C)) {
+		return; /* before the names are copied */
+	}
+	tracer_element *element = tracer_element_alloc(cls, func);
+	element->start = start;
+	element->end = end;
+	element->data_type = data_type;
+	element->data = data;
+	if ((int64_t)((end - start) / 1000) >= ZQG(action_tracer_stack_trace_threshold)) {
+		element->lineno = zq_calling_line(data_frame, &element->filename TSRMLS_CC);
+	}
+	zq_trace_append(element TSRMLS_CC);
+}

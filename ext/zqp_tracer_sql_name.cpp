@@ -1,0 +1,166 @@
+/* Cleaning of statements and the names they are listed under. Purely lexical: no parser, no case folding of the result,
+ * the first match wins. */
+#include "zqp_tracer.h"
+
+static const size_t MAX_STATEMENT = 16384;
+
+int isSpace(char ch)
+{
+	return ch >= 0x01 && ch <= 0x20;
+}
+
+/* ---- comments ---- */
+
+struct cleaned_text {
+	char *text;
+	size_t len;
+	int after_blank;
+};
+
+/* White space becomes one blank for each run. */
+static void emit(struct cleaned_text *out, char ch)
+{
+	int blank = isSpace(ch);
+	if (!blank || !out->after_blank) {
+		out->text[out->len++] = blank ? ' ' : ch;
+	}
+	out->after_blank = blank;
+}
+
+/* Position behind the comment that starts at `at`, which is `at` when none does. A line's comment ends before its line
+ * feed; a block comment's closing "/" is any one behind a "*", the opening one included. */
+static const char *skip_comment(const char *at)
+{
+	if (at[0] == '-' && at[1] == '-') {
+		return at + strcspn(at, "\n");
+	}
+	if (at[0] != '/' || at[1] != '*') {
+		return at;
+	}
+	for (at += 2; *at; at++) {
+		if (*at == '/' && at[-1] == '*') {
+			return at + 1;
+		}
+	}
+	return at;
+}
+
+char *rm_comment(const char *statement)
+{
+	size_t statement_len = strlen(statement);
+	size_t limit = statement_len < MAX_STATEMENT ? statement_len : MAX_STATEMENT;
+	struct cleaned_text out = {(char *)emalloc(limit + 1), 0, 0};
+	char quote = 0;
+	const char *at = statement;
+	while (*at && out.len < limit) {
+		if (quote) {
+			if (*at == quote && at[-1] != '\\') {
+				quote = 0;
+			}
+		} else if (const char *behind = skip_comment(at); behind != at) {
+			at = behind;
+			continue;
+		} else if (*at == '\'' || *at == '"') {
+			quote = *at;
+		}
+		emit(&out, *at++);
+	}
+	out.text[out.len] = '\0';
+	return out.text;
+}
+
+/* ---- names ---- */
+
+const char *find_word(const char *token, int *token_len)
+{
+	char end = ' ';
+	while (isSpace(*token)) {
+		token++;
+	}
+	for (;; token++) {
+		switch (*token) {
+		case '(': end = ')'; continue;
+		case '[': end = ']'; continue;
+		case '\'':
+		case '"':
+		case '`': end = *token; continue;
+		}
+		break;
+	}
+	const char stop[] = {',', ' ', end, '\0'};
+	*token_len = (int)strcspn(token, stop);
+	return token;
+}
+
+const char *find_table(const char *stmt, const char *pre_word, int *table_len)
+{
+	const char *found = zq_strcasestr(stmt, pre_word);
+	*table_len = 0;
+	return found ? find_word(found + strlen(pre_word), table_len) : NULL;
+}
+
+const char *sub_select(const char *stmt)
+{
+	const char *at = zq_strcasestr(stmt, "FROM");
+	if (!at) {
+		return NULL;
+	}
+	for (at += 4; isSpace(*at); at++) {
+	}
+	if (*at != '(') {
+		return NULL;
+	}
+	for (at++; isSpace(*at); at++) {
+	}
+	return zq_strncasecmp(at, "select", 6) == 0 ? at : NULL;
+}
+
+/* The table of a statement that starts with `operation`, six letters; null when there is none. */
+static const char *table_of(const char *stmt, const char *operation, int *table_len)
+{
+	const char *behind = stmt + 6;
+	switch (*operation) {
+	case 'S':
+		for (const char *inner = stmt; inner; inner = sub_select(inner)) {
+			behind = inner + 6;
+		}
+		return find_table(behind, "FROM", table_len);
+	case 'D': return find_table(behind, "FROM", table_len);
+	case 'I':
+		if (const char *table = find_table(behind, "INTO", table_len)) {
+			return table;
+		}
+		return find_word(behind, table_len);
+	default: return find_word(behind, table_len);
+	}
+}
+
+char *metric_name_from_sql(const sql_element *sql)
+{
+	static const char *const operations[] = {"SELECT", "DELETE", "UPDATE", "INSERT"};
+	const char *stmt = sql->statement ? sql->statement : "";
+	while (isSpace(*stmt)) {
+		stmt++;
+	}
+	const char *operation = NULL, *table = NULL;
+	int table_len = 0;
+	for (const char *candidate : operations) {
+		if (zq_strncasecmp(stmt, candidate, 6) == 0) {
+			operation = candidate;
+			table = table_of(stmt, operation, &table_len);
+		}
+	}
+	if (!operation) {
+		operation = "CALL";
+		table = find_word(stmt, &table_len);
+	}
+
+	smart_str name = {NULL, 0, 0};
+	zq_append_text(&name, "Database ");
+	zq_append_text(&name, sql->db);
+	zq_append_char(&name, '/');
+	zq_append(&name, table, (size_t)table_len);
+	zq_append_char(&name, '/');
+	zq_append_text(&name, operation);
+	return zq_buffer_text(&name);
+}
