@@ -68,8 +68,10 @@ ssize_t zq_daemon_recv(int sock, char *data, size_t len);
 int zq_daemon_start(int create_config TSRMLS_DC);
 
 /* ---- zqp_io_config.cpp: what the daemon decides per application ---- */
+/* One per application and process, malloc'ed with all its strings, kept until module shut-down, shared by threads
+ * behind the process lock. */
 typedef struct app_cfg_info {
-	char *app_id;          /* malloc'ed, as all strings of this record; null when not given */
+	char *app_id;          /* null when not given */
 	int64_t update_sec;    /* s (monotonic) of the last answer with a stamp; 0: due */
 	uint64 daemon_stamp;
 	int agent_enabled;
@@ -77,20 +79,63 @@ typedef struct app_cfg_info {
 } app_cfg_info;
 
 void zq_app_config_init(void);  /* module start-up: the table of applications, empty */
-void zq_app_config_final(void); /* module shut-down: frees records and environment facts */
+void zq_app_config_final(void); /* module shut-down: frees the records */
 void app_cfg_info_dtor(void *ele); /* a hash destructor: receives the stored pointer's address */
-/* The record of the current request's application, created from the settings when missing; borrowed, lives until
- * module shut-down. Null when the process already keeps 1,024 applications: the request then runs unmonitored. */
+/* The record of the current request's application, created from the settings when missing; borrowed. Null when the
+ * process already keeps 1,024 applications: the request then runs unmonitored. */
 app_cfg_info *get_app_info(TSRMLS_D);
 /* Brings the record up to date with the daemon when due (`tv_sec`: now in s) and copies it into the globals. */
 void update_app_info(long tv_sec TSRMLS_DC);
 /* Copies a record into the globals: strings as request copies. */
 void ini2zqg(app_cfg_info *ini TSRMLS_DC);
-/* Sets `resource_used` of the current application's record. */
+/* Sets `resource_used` (percent) of the current application's record. */
 void zq_app_resource_used(int percent TSRMLS_DC);
-/* Applies an answer's records to `rec`; 1 when it brought a new configuration, 0 when there is nothing to copy. Stops
- * quietly at a record that overruns. `now` in s. Engine-free but for the log. */
-int zq_apply_config_answer(app_cfg_info *rec, const char *data, size_t len, int64_t now);
+
+/* ---- zqp_io_answer.cpp: the daemon's answer ---- */
+/* What an answer changes, taken apart without any lock and without the engine. */
+struct zq_config_answer {
+	app_cfg_info values;   /* valid where `given` says so; strings malloc'ed, owned until applied */
+	uint32_t given;        /* bit i: row i of the settings table was set */
+	int stamped;           /* an answer with a stamp puts off the next query */
+	int renewed;           /* a new stamp: strings that are not given go */
+	int newest;            /* the known stamp came back: nothing more to copy */
+};
+/* Takes the records of an answer apart. Stops quietly at a record that overruns; unknown records and keys are skipped.
+ * `known_stamp` is the record's at the time of the query. */
+void zq_parse_config_answer(zq_config_answer *answer, const char *data, size_t len, uint64 known_stamp);
+/* Moves the answer into the record (`now` in s). The caller holds the process lock. */
+void zq_apply_config_answer(app_cfg_info *rec, zq_config_answer *answer, int64_t now);
+/* Frees what was not moved. */
+void zq_free_config_answer(zq_config_answer *answer);
+
+/* How a setting's text becomes its field. */
+enum zq_setting_kind {
+	ZQ_SETTING_NUMBER,    /* zq_str_to_int */
+	ZQ_SETTING_SQL_MODE,  /* zq_record_type_to_int */
+	ZQ_SETTING_TEXT,      /* copied unless empty */
+	ZQ_SETTING_ANY_TEXT,  /* copied, also when empty */
+	ZQ_SETTING_FRACTION,  /* decimal floating point */
+	ZQ_SETTING_SECONDS    /* decimal 64-bit */
+};
+struct zq_setting_row {
+	const char *key;
+	size_t key_len;
+	uint64 key_hash;
+	zq_setting_kind kind;
+	size_t offset; /* of the field in app_cfg_info; the globals hold it at the same distance from agent_enabled */
+};
+#define ZQ_SETTING_ROWS 29
+extern const zq_setting_row zq_setting_table[ZQ_SETTING_ROWS];
+static inline int zq_setting_is_text(const zq_setting_row *row)
+{
+	return row->kind == ZQ_SETTING_TEXT || row->kind == ZQ_SETTING_ANY_TEXT;
+}
+
+/* ---- zqp_io_environment.cpp: facts about the process that go with every configuration query ---- */
+/* Appends the environment records; facts that need PHP calls are computed once per process. */
+void zq_append_environment(smart_str *p TSRMLS_DC);
+void zq_environment_init(void);  /* module start-up */
+void zq_environment_final(void); /* module shut-down */
 
 /* ---- zqp_io_metric.cpp: the metric packet ---- */
 /* Builds and sends the packet of the current action; `server_t` is its duration in ms. */
@@ -99,12 +144,14 @@ void send_metric(int server_t TSRMLS_DC);
 void add_http_params(smart_str *p, HashTable *arr_hash TSRMLS_DC);
 /* Value of a quoted item name in answer data, without copying: 1 with start and length, or 0. */
 int get_transcation_data_item(const char *data, const char *item_name, char **tyid, int *tyid_len);
-/* Sends one enter or leave event while a thread profile runs; `cls` may be null. Never connects. */
-void thread_profile(const char *event, const char *name, const char *cls TSRMLS_DC);
 /* The trace goes with this action: tracing is on and the action, or one that it called, was slow. */
 int zq_trace_is_due(int server_t TSRMLS_DC);
 /* `tracer_id`, made on first need; borrowed. */
 const char *zq_tracer_id(TSRMLS_D);
+
+/* ---- zqp_io_profile.cpp: the thread profile ---- */
+/* Sends one enter or leave event while a thread profile runs; `cls` may be null. Never connects. */
+void thread_profile(const char *event, const char *name, const char *cls TSRMLS_DC);
 
 /* ---- zqp_io_response.cpp: the answer to a calling application ---- */
 /* Adds the response header once per request, at the first call while headers can still be added, when the request came

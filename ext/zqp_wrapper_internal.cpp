@@ -1,0 +1,159 @@
+/* Dispatch around every internal call: which function or method of the engine or an extension is handled, by what, and
+ * under which condition. To watch another one, add a row; nothing below the tables knows a name. */
+#include <span>
+
+#include "zqp_exception.h"
+#include "zqp_io.h"
+#include "zqp_name_table.h"
+#include "zqp_tracer.h"
+#include "zqp_wrapper.h"
+
+namespace {
+
+/* Whether a row's handler is wanted in this request, at this moment. */
+typedef int (*zq_condition)(TSRMLS_D);
+
+/* Runs before a plain function. */
+struct zq_before_row {
+	zq_name name;
+	zq_condition wanted; /* null: always */
+	void (*handle)(zq_stack_data *stack_data TSRMLS_DC);
+};
+
+/* Runs after a plain function, or a method of a class below. */
+struct zq_after_row {
+	zq_name name; /* "*" in a class: every method that no row before it has */
+	zq_condition wanted;
+	zq_performance_callback record;
+};
+
+struct zq_class_row {
+	zq_name name;
+	std::span<const zq_after_row> methods;
+};
+
+int handshake_is_due(TSRMLS_D) { return ZQG(ws_enabled) && zq_identity_is_set(TSRMLS_C); }
+int collects_errors(TSRMLS_D) { return ZQG(error_collector_enabled); }
+int reads_headers(TSRMLS_D) { return ZQG(error_collector_enabled) || ZQG(rum_enabled); }
+
+constexpr auto before_rows = std::to_array<zq_before_row>({
+	{"ob_get_contents", NULL, wrapper_ob_flush},
+	{"ob_flush", NULL, wrapper_ob_flush},
+	{"ob_get_flush", NULL, wrapper_ob_flush},
+	{"ob_end_flush", NULL, wrapper_ob_flush},
+	{"fwrite", handshake_is_due, wrapper_fwrite},
+	{"header", reads_headers, wrapper_header},
+	{"set_error_handler", collects_errors, wrapper_set_error_handler},
+});
+
+constexpr auto after_rows = std::to_array<zq_after_row>({
+	{"fread", handshake_is_due, performance_fread},
+});
+
+/* Recognised by the class that declares the method. */
+constexpr std::array<zq_class_row, 0> class_rows = {};
+
+constexpr auto before_index = zq_index_names(before_rows);
+constexpr auto after_index = zq_index_names(after_rows);
+constexpr auto class_index = zq_index_names(class_rows);
+
+/* By the first two bytes: reading further would cost every call of the script. */
+consteval zq_name_sieve sift_functions()
+{
+	zq_name_sieve sieve = {};
+	for (const zq_before_row &row : before_rows) {
+		sieve.admit((unsigned char)row.name.text[0], (unsigned char)row.name.text[1]);
+	}
+	for (const zq_after_row &row : after_rows) {
+		sieve.admit((unsigned char)row.name.text[0], (unsigned char)row.name.text[1]);
+	}
+	return sieve;
+}
+
+/* By first byte and length, which the engine keeps. */
+consteval zq_name_sieve sift_classes()
+{
+	zq_name_sieve sieve = {};
+	for (const zq_class_row &row : class_rows) {
+		sieve.admit((unsigned char)row.name.text[0], (unsigned char)row.name.length);
+	}
+	return sieve;
+}
+
+constexpr zq_name_sieve function_sieve = sift_functions();
+constexpr zq_name_sieve class_sieve = sift_classes();
+
+const zq_after_row *find_method(const zq_class_row *row, const zq_stack_data *stack_data)
+{
+	for (const zq_after_row &method : row->methods) {
+		if (method.name.is(stack_data->func_hash_code, stack_data->func, stack_data->func_length) ||
+		    method.name.hash == zq_name_hash("*")) {
+			return &method;
+		}
+	}
+	return NULL;
+}
+
+const zq_after_row *find_recorder(const zq_stack_data *stack_data)
+{
+	if (!stack_data->cls) {
+		return zq_find_row(after_rows, after_index, stack_data->func_hash_code, stack_data->func, stack_data->func_length);
+	}
+	const zq_class_row *row =
+		zq_find_row(class_rows, class_index, stack_data->cls_hash_code, stack_data->cls, stack_data->cls_length);
+	return row ? find_method(row, stack_data) : NULL;
+}
+
+/* 1 when a recorder has taken the call. Temporary functions (__call, closures) bear the name of what a script asked for,
+ * not of what runs. */
+int record_call(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC)
+{
+	if (!stack_data->func_hash_code || stack_data->fn_flags & ZEND_ACC_CALL_VIA_HANDLER) {
+		return 0;
+	}
+	const zq_after_row *row = find_recorder(stack_data);
+	return row && (!row->wanted || row->wanted(TSRMLS_C)) && row->record(stack_data, begin, end TSRMLS_CC);
+}
+
+} // namespace
+
+int zq_internal_may_be_watched(const char *cls, int cls_len, const char *func)
+{
+	if (cls) {
+		return class_sieve.passes((unsigned char)cls[0], (unsigned char)cls_len);
+	}
+	return func[0] && function_sieve.passes((unsigned char)func[0], (unsigned char)func[1]);
+}
+
+void zq_before_internal_call(zq_stack_data *stack_data TSRMLS_DC)
+{
+	if (UNEXPECTED(ZQG(profile_end_time))) {
+		thread_profile("enter function", stack_data->func, stack_data->cls TSRMLS_CC);
+	}
+	if (stack_data->cls || !stack_data->func_hash_code) {
+		return;
+	}
+	const zq_before_row *row =
+		zq_find_row(before_rows, before_index, stack_data->func_hash_code, stack_data->func, stack_data->func_length);
+	if (row && (!row->wanted || row->wanted(TSRMLS_C))) {
+		row->handle(stack_data TSRMLS_CC);
+	}
+}
+
+void zq_after_internal_call(zq_stack_data *stack_data, uint64 begin TSRMLS_DC)
+{
+	if (UNEXPECTED(ZQG(profile_end_time))) {
+		thread_profile("leave function", stack_data->func, stack_data->cls TSRMLS_CC);
+	}
+	uint64 end = cycle_timer();
+	if (!record_call(stack_data, begin, end TSRMLS_CC)) {
+		zq_trace_default(stack_data, begin, end TSRMLS_CC);
+	}
+}
+
+void zq_trace_default(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC)
+{
+	if (ZQG(action_tracer_enabled) && end - begin > ZQG(tracer_threshold_tick) && begin >= ZQG(rinit_tick)) {
+		zq_trace_call(stack_data->cls, stack_data->func, stack_data->execute_data, begin, end, ZQ_TRACER_PLAIN, NULL TSRMLS_CC);
+	}
+}
