@@ -55,6 +55,8 @@ void zq_trace_append(tracer_element *element TSRMLS_DC);
  * the trace is full. `data_frame` is the frame that made the call. The callers test the threshold for being traced. */
 void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,
                    int data_type, void *data TSRMLS_DC);
+
+/* ---- zqp_tracer_tree.cpp ---- */
 /* Appends the tree of `tracer_list` (sorted by start) as JSON. `server` is the action's duration in ms. */
 void tracer_list_to_json(int server, zend_llist *tracer_list, smart_str *msg TSRMLS_DC);
 /* Appends one node with its children; 1 when written, 0 when pruned. */
