@@ -7,10 +7,8 @@
 
 #include <signal.h>
 
-/* Creates the lock; module start-up, before any thread. */
+/* Prepares the lock for forks; module start-up, before any thread. Harmless when called again. */
 void zq_lock_init(void);
-/* Releases the lock's resources; module shut-down. */
-void zq_lock_final(void);
 
 /* Holds back SIGPROF and SIGALRM in this thread; `saved` receives the mask for zq_allow_timers(). */
 void zq_hold_timers(sigset_t *saved);

@@ -1,0 +1,272 @@
+/* The log: every message is one record, appended with one write to a file opened for it, so that records of all
+ * processes and threads of a host can share the file. The crash handler below it appends a backtrace to the same file
+ * with nothing but async-signal-safe calls. */
+#include "zqp_debug.h"
+
+#include <errno.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "php_zqprof.h"
+#include "zqp_io.h"
+#include "zqp_lock.h"
+
+char *zqprof_ini_log_file;
+int zqprof_ini_log_level;
+
+static char *g_dump_file; /* a copy of its own, never freed: a crash may come after the log was closed */
+static sighandler_t g_pre_handler;
+static long g_dump_utc_offset; /* s; read when registering, since localtime is not safe in a handler */
+
+/* ---- log --------------------------------------------------------------------------------------------------------- */
+
+static const struct {
+	const char *name;
+	int level;
+} level_names[] = {
+	{"WARNING", ZQ_LOG_WARNING}, {"INFO", ZQ_LOG_INFO},         {"DEBUG", ZQ_LOG_DEBUG},     {"OFF", ZQ_LOG_OFF},
+	{"CRITICAL", ZQ_LOG_CRITICAL}, {"ERROR", ZQ_LOG_ERROR},     {"VERBOSE", ZQ_LOG_VERBOSE},
+};
+
+int zq_get_level_by_name(const char *name)
+{
+	for (const auto &row : level_names) {
+		if (name && strcasecmp(name, row.name) == 0) {
+			return row.level;
+		}
+	}
+	return ZQ_LOG_OFF;
+}
+
+const char *get_log_level_name(int level)
+{
+	for (const auto &row : level_names) {
+		if (row.level == level && level != ZQ_LOG_OFF) {
+			return row.name;
+		}
+	}
+	return "";
+}
+
+void zq_log_init(TSRMLS_D)
+{
+	static const char suffix[] = "/log/quorbit/php-agent.log";
+	const char *root = zq_ini_str("zqs.runtime_root", "/var");
+	size_t size = strlen(root) + sizeof(suffix);
+	zqprof_ini_log_file = (char *)malloc(size);
+	if (!zqprof_ini_log_file) {
+		fputs("Out of memory\n", stderr);
+		exit(1);
+	}
+	snprintf(zqprof_ini_log_file, size, "%s%s", root, suffix);
+	zqprof_ini_log_level = zq_get_level_by_name(zq_ini_str("zqs.agent_log_level", "info"));
+}
+
+void zq_log_final(void)
+{
+	free(zqprof_ini_log_file);
+	zqprof_ini_log_file = NULL;
+	zqprof_ini_log_level = ZQ_LOG_OFF;
+}
+
+void zq_log_newline(FILE *stream, int level)
+{
+	struct timeval now;
+	struct tm local;
+	gettimeofday(&now, NULL);
+	localtime_r(&now.tv_sec, &local);
+	fprintf(stream, "\n%04d-%02d-%02d %02d:%02d:%02d.%03d (tid:%d,uid:%d) %s: ", local.tm_year + 1900, local.tm_mon + 1,
+	        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, (int)(now.tv_usec / 1000), (int)syscall(SYS_gettid),
+	        (int)getuid(), get_log_level_name(level));
+}
+
+/* Opens for appending; a signal may interrupt the first attempt. */
+static int open_for_append(const char *path)
+{
+	int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+	if (fd == -1 && errno == EINTR) {
+		fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+	}
+	return fd;
+}
+
+/* Text that came from outside must not look like a record of its own: its control characters become blanks. A line
+ * break at the very end is the message's own. */
+static void blank_control_characters(char *text, size_t len)
+{
+	for (size_t i = 0; i + 1 < len; i++) {
+		if ((unsigned char)text[i] < 32 || text[i] == 127) {
+			text[i] = ' ';
+		}
+	}
+}
+
+static void write_record(int level, const char *format, va_list args)
+{
+	char *record = NULL;
+	size_t len = 0;
+	FILE *stream = open_memstream(&record, &len);
+	if (!stream) {
+		return;
+	}
+	zq_log_newline(stream, level);
+	fflush(stream);
+	size_t header_len = len;
+	vfprintf(stream, format, args);
+	fclose(stream);
+	blank_control_characters(record + header_len, len - header_len);
+	int fd = open_for_append(zqprof_ini_log_file);
+	if (fd != -1) {
+		(void)!write(fd, record, len);
+		close(fd);
+	}
+	free(record);
+}
+
+void zq_log_write(int level, const char *format, ...)
+{
+	if (!zqprof_ini_log_file) {
+		return;
+	}
+	int saved_errno = errno;
+	sigset_t saved_mask;
+	va_list args;
+	zq_hold_timers(&saved_mask);
+	va_start(args, format);
+	write_record(level, format, args);
+	va_end(args);
+	zq_allow_timers(&saved_mask);
+	errno = saved_errno;
+}
+
+/* ---- crash backtrace --------------------------------------------------------------------------------------------- */
+
+/* A line put together in a handler: no libc formatting there. Texts are far below its size. */
+struct crash_line {
+	char text[192];
+	size_t len;
+};
+
+static void add_text(crash_line *line, const char *text)
+{
+	for (; *text && line->len < sizeof(line->text); text++) {
+		line->text[line->len++] = *text;
+	}
+}
+
+static void add_number(crash_line *line, unsigned long number, int width)
+{
+	char digits[20];
+	int n = 0;
+	do {
+		digits[n++] = (char)('0' + number % 10);
+		number /= 10;
+	} while (number && n < (int)sizeof(digits));
+	for (int pad = n; pad < width; pad++) {
+		add_text(line, "0");
+	}
+	while (n && line->len < sizeof(line->text)) {
+		line->text[line->len++] = digits[--n];
+	}
+}
+
+/* Date of a day number since 1970-01-01 (proleptic Gregorian calendar, years from March). */
+static void add_date(crash_line *line, long days)
+{
+	long shifted = days + 719468;
+	long era = shifted / 146097;
+	long day_of_era = shifted - era * 146097;
+	long year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
+	long day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+	long month_from_march = (5 * day_of_year + 2) / 153;
+	long month = month_from_march < 10 ? month_from_march + 3 : month_from_march - 9;
+	add_number(line, (unsigned long)(year_of_era + era * 400 + (month <= 2)), 4);
+	add_text(line, "-");
+	add_number(line, (unsigned long)month, 2);
+	add_text(line, "-");
+	add_number(line, (unsigned long)(day_of_year - (153 * month_from_march + 2) / 5 + 1), 2);
+}
+
+static void add_time(crash_line *line, const struct timespec *now)
+{
+	long seconds = (long)now->tv_sec + g_dump_utc_offset;
+	long of_day = seconds % 86400;
+	add_date(line, seconds / 86400);
+	add_text(line, " ");
+	add_number(line, (unsigned long)(of_day / 3600), 2);
+	add_text(line, ":");
+	add_number(line, (unsigned long)(of_day / 60 % 60), 2);
+	add_text(line, ":");
+	add_number(line, (unsigned long)(of_day % 60), 2);
+	add_text(line, ".");
+	add_number(line, (unsigned long)(now->tv_nsec / 1000000), 3);
+}
+
+static void write_backtrace(int fd)
+{
+	void *frames[100];
+	crash_line banner = {};
+	struct timespec now;
+	clock_gettime(CLOCK_REALTIME, &now);
+	add_text(&banner, "\n======== ");
+	add_time(&banner, &now);
+	add_text(&banner, " (pid:");
+	add_number(&banner, (unsigned long)getpid(), 1);
+	add_text(&banner, ",uid:");
+	add_number(&banner, (unsigned long)getuid(), 1);
+	add_text(&banner, ") SIGSEGV backtrace(" ZQ_VERSION ") ========\n");
+	(void)!write(fd, banner.text, banner.len);
+	int count = backtrace(frames, 100);
+	for (int i = 1; i < count; i++) { /* the first frame is the handler itself */
+		(void)!write(fd, "\t", 1);
+		backtrace_symbols_fd(&frames[i], 1, fd);
+	}
+	static const char closing[] = "\n========== SIGSEGV ==========\n";
+	(void)!write(fd, closing, sizeof(closing) - 1);
+}
+
+void dump_handler(int)
+{
+	static volatile sig_atomic_t entered;
+	if (!entered) {
+		entered = 1;
+		int fd = open_for_append(g_dump_file);
+		if (fd != -1) {
+			write_backtrace(fd);
+			close(fd);
+		}
+		if (g_pre_handler) {
+			g_pre_handler(SIGSEGV);
+		}
+	}
+	/* Also after a previous handler that returned: the fault must end the process, and not enter here again. */
+	signal(SIGSEGV, SIG_DFL);
+	raise(SIGSEGV);
+}
+
+void reg_dump(const char *file)
+{
+	static int registered;
+	if (!file || __atomic_exchange_n(&registered, 1, __ATOMIC_ACQ_REL)) {
+		return;
+	}
+	void *frame[1];
+	time_t now = time(NULL);
+	struct tm local;
+	backtrace(frame, 1); /* loads the unwinder's library now: not possible in the handler */
+	localtime_r(&now, &local);
+	g_dump_utc_offset = local.tm_gmtoff;
+	g_dump_file = strdup(file);
+	if (!g_dump_file) {
+		return;
+	}
+	g_pre_handler = signal(SIGSEGV, dump_handler);
+	if (g_pre_handler == SIG_ERR || g_pre_handler == SIG_IGN || g_pre_handler == SIG_DFL) {
+		g_pre_handler = NULL;
+	}
+}

@@ -1,0 +1,277 @@
+/* The daemon's end of the process: record framing, the socket of each thread, and launching a daemon that is absent. */
+#include "zqp_io.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "zqp_debug.h"
+#include "zqp_lock.h"
+
+static const int daemon_timeout_us = 100000; /* what a stalled daemon may cost a request, per call */
+
+/* ---- framing ----------------------------------------------------------------------------------------------------- */
+
+/* One 32-bit word in network order: type in the high 8 bits, length in the low 24. */
+static void put_header(char *at, uint32_t word)
+{
+	at[0] = (char)(word >> 24);
+	at[1] = (char)(word >> 16);
+	at[2] = (char)(word >> 8);
+	at[3] = (char)word;
+}
+
+void zq_append_header(smart_str *p, int type, size_t len)
+{
+	char header[4];
+	put_header(header, ((uint32_t)type << 24) | (uint32_t)len);
+	zq_append(p, header, sizeof(header));
+}
+
+void zq_append_record(smart_str *p, int type, const char *body, size_t len)
+{
+	zq_append_header(p, type, len);
+	zq_append(p, body, len);
+}
+
+void zq_fill_packet_header(smart_str *p, int type)
+{
+	put_header(p->c, ((uint32_t)type << 24) | (uint32_t)(p->len - 4));
+}
+
+static void pack_write(smart_str *p, int type, const char *item, const char *value)
+{
+	size_t item_len = strlen(item);
+	size_t value_len = value ? strlen(value) : 0;
+	zq_append_header(p, type, item_len + 1 + value_len);
+	zq_append(p, item, item_len);
+	zq_append_char(p, '=');
+	zq_append(p, value, value_len);
+}
+
+void pack_write_env(smart_str *p, const char *item, const char *value) { pack_write(p, ZQ_RE_ENV, item, value); }
+void pack_write_config(smart_str *p, const char *item, const char *value) { pack_write(p, ZQ_RE_CONFIG, item, value); }
+
+const char *zq_ini_str(const char *skey, const char *default_value)
+{
+	/* The engine wants the key's size with its NUL, and gives "" for a setting without a value. */
+	char *value = zend_ini_string((char *)skey, (uint)strlen(skey) + 1, 0);
+	return value && *value ? value : default_value;
+}
+
+/* ---- socket ------------------------------------------------------------------------------------------------------ */
+
+static int set_timeout(int sock, int option, const char *name)
+{
+	struct timeval timeout = {0, daemon_timeout_us};
+	if (setsockopt(sock, SOL_SOCKET, option, &timeout, sizeof(timeout)) == 0) {
+		return 0;
+	}
+	ZQ_LOG(ZQ_LOG_CRITICAL, "set socket %s fail: %s", name, strerror(errno));
+	return -1;
+}
+
+/* Fills the address; -1 with errno set when the path has no room in it. */
+static int daemon_address(struct sockaddr_un *address, const char *path)
+{
+	memset(address, 0, sizeof(*address));
+	address->sun_family = AF_UNIX;
+	if (strlen(path) >= sizeof(address->sun_path)) {
+		errno = ENAMETOOLONG;
+		return -1;
+	}
+	strcpy(address->sun_path, path);
+	return 0;
+}
+
+static int connect_once_more_if_interrupted(int sock, const struct sockaddr_un *address)
+{
+	int result = connect(sock, (const struct sockaddr *)address, sizeof(*address));
+	if (result == -1 && errno == EINTR) {
+		result = connect(sock, (const struct sockaddr *)address, sizeof(*address));
+	}
+	return result;
+}
+
+int open_daemon(int report_error TSRMLS_DC)
+{
+	char path[255];
+	struct sockaddr_un address;
+	/* A path that does not fit here does not fit the address either, which reports it. */
+	snprintf(path, sizeof(path), "%s/log/quorbit/.quorbit.sock", zq_ini_str("zqs.runtime_root", "/var"));
+	ZQ_LOG(ZQ_LOG_DEBUG, "connecting to daemon ipc=%s", path);
+	int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	if (sock == -1) {
+		ZQ_LOG(ZQ_LOG_CRITICAL, "create AF_UNIX socket fail: %s", strerror(errno));
+		return -1;
+	}
+	if (set_timeout(sock, SO_SNDTIMEO, "SNDTIMEO") == -1 || set_timeout(sock, SO_RCVTIMEO, "RCVTIMEO") == -1) {
+		close(sock);
+		return -1;
+	}
+	if (daemon_address(&address, path) == 0 && connect_once_more_if_interrupted(sock, &address) == 0) {
+		ZQ_LOG(ZQ_LOG_DEBUG, "re-established contact with the daemon on fd=%d", sock);
+		return sock;
+	}
+	if (report_error) {
+		ZQ_LOG(ZQ_LOG_CRITICAL, "connect socket %s fail: %s", path, strerror(errno));
+	}
+	close(sock);
+	return -1;
+}
+
+void close_daemon(int sock TSRMLS_DC)
+{
+	if (sock != -1) {
+		ZQ_LOG(ZQ_LOG_DEBUG, "close contact with the daemon on fd=%d", sock);
+		close(sock);
+	}
+	ZQG(daemon_sock) = -1;
+}
+
+int zq_daemon_socket(int connect_now TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	pid_t self = getpid();
+	if (g->daemon_sock != -1 && g->daemon_pid != self) {
+		/* Opened by the parent before a fork: two processes on one stream would mix their packets. */
+		close(g->daemon_sock);
+		g->daemon_sock = -1;
+	}
+	if (g->daemon_sock == -1 && connect_now) {
+		g->daemon_sock = open_daemon(1 TSRMLS_CC);
+		g->daemon_pid = self;
+	}
+	return g->daemon_sock;
+}
+
+/* The time limit must not leave in the middle of an exchange: the stream would be out of step afterwards. */
+ssize_t zq_daemon_send(int sock, const char *data, size_t len)
+{
+	sigset_t saved_mask;
+	ssize_t sent;
+	zq_hold_timers(&saved_mask);
+	do {
+		sent = send(sock, data, len, MSG_NOSIGNAL);
+	} while (sent == -1 && errno == EINTR); /* nothing was taken yet */
+	zq_allow_timers(&saved_mask);
+	return sent;
+}
+
+ssize_t zq_daemon_recv(int sock, char *data, size_t len)
+{
+	sigset_t saved_mask;
+	size_t received = 0;
+	ssize_t n;
+	zq_hold_timers(&saved_mask);
+	uint64 deadline = cycle_timer() + daemon_timeout_us;
+	do {
+		n = recv(sock, data + received, len - received, MSG_WAITALL);
+		received += n > 0 ? (size_t)n : 0;
+		/* A signal may cut the wait short; it goes on within the same time. */
+	} while (received < len && (n > 0 || (n == -1 && errno == EINTR)) && cycle_timer() < deadline);
+	zq_allow_timers(&saved_mask);
+	return received || n >= 0 ? (ssize_t)received : -1;
+}
+
+/* ---- launch ------------------------------------------------------------------------------------------------------ */
+
+static const char *true_or_false(const char *key)
+{
+	return zend_ini_long((char *)key, (uint)strlen(key) + 1, 0) == 1 ? "TRUE" : "FALSE";
+}
+
+static void write_when_set(FILE *file, const char *key)
+{
+	const char *value = zq_ini_str(key, NULL);
+	if (value) {
+		fprintf(file, "%s=%s\n", key, value);
+	}
+}
+
+static void write_daemon_config(FILE *file, const char *prefix, const char *root)
+{
+	static const struct {
+		const char *key, *file_name;
+	} files[] = {
+		{"zqs.agent_log_file_name", "php-agent.log"},
+		{"zqs.daemon_log_file_name", "daemon.log"},
+		{"zqs.pid_file", "quorbit.pid"},
+		{"zqs.ipc_listen_file", ".quorbit.sock"},
+	};
+	fprintf(file, "zqs.ssl=%s\n", true_or_false("zqs.ssl"));
+	fprintf(file, "zqs.audit_mode=%s\n", true_or_false("zqs.audit_mode"));
+	fprintf(file, "zqs.daemon_log_level=%s\n", zq_ini_str("zqs.daemon_log_level", "info"));
+	fprintf(file, "zqs.action_tracer.log_sql=%s\n", true_or_false("zqs.action_tracer.log_sql"));
+	for (const auto &row : files) {
+		fprintf(file, "%s=%s/log/quorbit/%s\n", row.key, root, row.file_name);
+	}
+	if (zq_ini_str("zqs.host", NULL)) {
+		write_when_set(file, "zqs.host");
+	} else { /* a configured host is a private collector, for which no certificate is named */
+		fprintf(file, "zqs.cert_file=%s/lib/quorbit/ca-bundle.trust.crt\n", prefix);
+	}
+	write_when_set(file, "zqs.port");
+	write_when_set(file, "zqs.proxy_host");
+	write_when_set(file, "zqs.proxy_port");
+	write_when_set(file, "zqs.proxy_user");
+	write_when_set(file, "zqs.proxy_password");
+}
+
+/* system() with standard input, output and error on /dev/null: a missing command must not print into cron mail, pages
+ * or pipes. Start-up of a process: no other thread of ours can be writing there. */
+static int run_silently(const char *command)
+{
+	int kept[3];
+	int low_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+	int null_fd = fcntl(low_fd, F_DUPFD_CLOEXEC, 3); /* 0 to 2 may have been closed, and low_fd be one of them */
+	if (low_fd != -1) {
+		close(low_fd);
+	}
+	if (null_fd == -1) {
+		return system(command);
+	}
+	for (int fd = 0; fd < 3; fd++) {
+		kept[fd] = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+		dup2(null_fd, fd);
+	}
+	int result = system(command);
+	for (int fd = 0; fd < 3; fd++) {
+		if (kept[fd] != -1) {
+			dup2(kept[fd], fd);
+			close(kept[fd]);
+		} else {
+			close(fd); /* it was closed before */
+		}
+	}
+	close(null_fd);
+	return result;
+}
+
+int zq_daemon_start(int create_config TSRMLS_DC)
+{
+	char config_path[255];
+	char command[512];
+	const char *prefix = zq_ini_str("zqs.prefix", "/usr");
+	const char *root = zq_ini_str("zqs.runtime_root", "/var");
+	int path_len = snprintf(config_path, sizeof(config_path), "%s/log/quorbit/.quorbit.cfg", root);
+	int command_len = snprintf(command, sizeof(command), "%s/bin/quorbit -f %s", prefix, config_path);
+	if (path_len >= (int)sizeof(config_path) || command_len >= (int)sizeof(command)) {
+		ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(ENAMETOOLONG));
+		return -1;
+	}
+	if (create_config) {
+		FILE *file = fopen(config_path, "w+e");
+		if (file) {
+			write_daemon_config(file, prefix, root);
+			fclose(file);
+		} else {
+			ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(errno));
+		}
+	}
+	ZQ_LOG(ZQ_LOG_INFO, "start daemon: %s", command);
+	return run_silently(command);
+}

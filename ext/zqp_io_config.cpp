@@ -1,0 +1,333 @@
+/* The configuration of each application: seeded from the settings, refreshed from the daemon at most once a minute,
+ * copied into the globals at the start of every action.
+ *
+ * Records are shared by all threads of the process. The process lock is held for looking up, copying and replacing
+ * values, never while the daemon is spoken to or request memory is allocated. */
+#include "zqp_io.h"
+
+#include <errno.h>
+#include <inttypes.h>
+
+#include "zqp_debug.h"
+#include "zqp_lock.h"
+
+static const int refresh_interval_s = 60;
+static const int applications_max = 1024; /* the name may come from the client's Host header */
+
+static HashTable g_app_hash;
+static int g_too_many_logged;
+
+/* One table of offsets serves both structures. */
+static const ptrdiff_t to_globals = offsetof(zend_zqprof_globals, agent_enabled) - offsetof(app_cfg_info, agent_enabled);
+static_assert(offsetof(zend_zqprof_globals, auto_action_naming) - offsetof(app_cfg_info, auto_action_naming) == to_globals);
+static_assert(offsetof(zend_zqprof_globals, rum_sample_ratio) - offsetof(app_cfg_info, rum_sample_ratio) == to_globals);
+static_assert(offsetof(zend_zqprof_globals, resource_safe) - offsetof(app_cfg_info, resource_safe) == to_globals);
+
+void zq_app_config_init(void)
+{
+	zq_environment_init();
+	g_too_many_logged = 0;
+	zend_hash_init(&g_app_hash, 8, NULL, app_cfg_info_dtor, 1);
+}
+
+void zq_app_config_final(void)
+{
+	zend_hash_destroy(&g_app_hash);
+	zq_environment_final();
+}
+
+void app_cfg_info_dtor(void *ele)
+{
+	app_cfg_info *rec = *(app_cfg_info **)ele;
+	free(rec->app_id);
+	for (const auto &row : zq_setting_table) {
+		if (zq_setting_is_text(&row)) {
+			free(*(char **)((char *)rec + row.offset));
+		}
+	}
+	free(rec);
+}
+
+/* ---- records ----------------------------------------------------------------------------------------------------- */
+
+static int ini_number(const char *key)
+{
+	return (int)zend_ini_long((char *)key, (uint)strlen(key) + 1, 0);
+}
+
+static app_cfg_info *record_from_settings(void)
+{
+	app_cfg_info *rec = (app_cfg_info *)calloc(1, sizeof(*rec));
+	if (!rec) {
+		return NULL;
+	}
+	rec->agent_enabled = ini_number("zqs.agent_enabled");
+	rec->auto_action_naming = 1;
+	rec->error_collector_enabled = ini_number("zqs.error_collector.enabled");
+	rec->error_collector_record_db_errors = 1;
+	rec->action_tracer_enabled = ini_number("zqs.action_tracer.enabled");
+	rec->action_tracer_action_threshold = ini_number("zqs.action_tracer.action_threshold");
+	rec->action_tracer_stack_trace_threshold = 50;
+	rec->action_tracer_record_sql = zq_record_type_to_int(zq_ini_str("zqs.action_tracer.record_sql", ""));
+	rec->action_tracer_log_sql = ini_number("zqs.action_tracer.log_sql");
+	rec->action_tracer_slow_sql = ini_number("zqs.action_tracer.slow_sql");
+	rec->action_tracer_slow_sql_threshold = ini_number("zqs.action_tracer.slow_sql_threshold");
+	rec->action_tracer_explain_enabled = ini_number("zqs.action_tracer.explain_enabled");
+	rec->action_tracer_explain_threshold = ini_number("zqs.action_tracer.explain_threshold");
+	rec->rum_sample_ratio = 1.0;
+	rec->resource_enabled = 1;
+	rec->resource_low = 40;
+	rec->resource_high = 80;
+	rec->resource_safe = 95;
+	return rec;
+}
+
+/* The caller holds the lock. */
+static app_cfg_info *find_record(const char *key, uint key_size)
+{
+	app_cfg_info **found;
+	return zend_hash_find(&g_app_hash, key, key_size, (void **)&found) == SUCCESS ? *found : NULL;
+}
+
+/* Adds `fresh` unless another thread was first or the table is full; frees it when it is not the one kept. */
+static app_cfg_info *add_record(const char *key, uint key_size, app_cfg_info *fresh)
+{
+	sigset_t saved;
+	zq_lock(&saved);
+	app_cfg_info *rec = find_record(key, key_size);
+	int full = !rec && zend_hash_num_elements(&g_app_hash) >= applications_max;
+	int warn = full && !g_too_many_logged;
+	g_too_many_logged |= full;
+	if (!rec && !full && fresh) {
+		zend_hash_add(&g_app_hash, key, key_size, &fresh, sizeof(fresh), NULL);
+		rec = fresh;
+		fresh = NULL;
+	}
+	zq_unlock(&saved);
+	if (warn) {
+		ZQ_LOG(ZQ_LOG_WARNING, "more than %d applications in one process, new ones are not monitored", applications_max);
+	}
+	free(fresh);
+	return rec;
+}
+
+/* What a request takes over from a record: plain values, and malloc'ed copies of the texts. */
+typedef app_cfg_info config_snapshot;
+
+/* The caller holds the lock: no engine allocation here. */
+static void take_snapshot(config_snapshot *snapshot, const app_cfg_info *rec)
+{
+	*snapshot = *rec;
+	snapshot->app_id = NULL;
+	for (const auto &row : zq_setting_table) {
+		if (zq_setting_is_text(&row)) {
+			char **text = (char **)((char *)snapshot + row.offset);
+			*text = *text ? strdup(*text) : NULL;
+		}
+	}
+}
+
+/* Replaces a request copy; a bailout of estrdup leaves `text` leaked once, in a request that is about to end. */
+static void take_text(char **field, char *text)
+{
+	if (*field) {
+		efree(*field);
+		*field = NULL;
+	}
+	if (text) {
+		*field = estrdup(text);
+		free(text);
+	}
+}
+
+/* Moves a snapshot into the globals. */
+static void use_snapshot(config_snapshot *snapshot TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	for (const auto &row : zq_setting_table) {
+		char *from = (char *)snapshot + row.offset;
+		char *to = (char *)g + to_globals + row.offset;
+		if (zq_setting_is_text(&row)) {
+			take_text((char **)to, *(char **)from);
+		} else if (row.kind == ZQ_SETTING_FRACTION || row.kind == ZQ_SETTING_SECONDS) {
+			memcpy(to, from, 8);
+		} else {
+			memcpy(to, from, sizeof(int));
+		}
+	}
+	g->action_tracer_log_sql = snapshot->action_tracer_log_sql; /* has no key: only the setting decides */
+	if (!g->action_tracer_action_threshold) {
+		g->action_tracer_action_threshold = 2000;
+	}
+	if (g->profile_end_time < g->rinit_tick / 1000000) {
+		g->profile_end_time = 0;
+	}
+}
+
+void ini2zqg(app_cfg_info *ini TSRMLS_DC)
+{
+	config_snapshot snapshot;
+	sigset_t saved;
+	zq_lock(&saved);
+	take_snapshot(&snapshot, ini);
+	zq_unlock(&saved);
+	use_snapshot(&snapshot TSRMLS_CC);
+}
+
+/* get_app_info() and, in the same hold of the lock, a snapshot when one is wanted. */
+static app_cfg_info *app_info(config_snapshot *snapshot TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	char *key;
+	uint key_size = (uint)spprintf(&key, 0, "%s%s", g->license ? g->license : "", g->app_name ? g->app_name : "") + 1;
+	sigset_t saved;
+	zq_lock(&saved);
+	app_cfg_info *rec = find_record(key, key_size);
+	if (rec && snapshot) {
+		take_snapshot(snapshot, rec);
+	}
+	zq_unlock(&saved);
+	ZQ_LOG(ZQ_LOG_DEBUG, "get app config from %s, app=%s", rec ? "hash" : "ini", g->app_name);
+	if (!rec) {
+		rec = add_record(key, key_size, record_from_settings());
+		if (rec && snapshot) {
+			zq_lock(&saved);
+			take_snapshot(snapshot, rec);
+			zq_unlock(&saved);
+		}
+	}
+	efree(key);
+	return rec;
+}
+
+app_cfg_info *get_app_info(TSRMLS_D)
+{
+	return app_info(NULL TSRMLS_CC);
+}
+
+void zq_app_resource_used(int percent TSRMLS_DC)
+{
+	app_cfg_info *rec = get_app_info(TSRMLS_C);
+	sigset_t saved;
+	if (rec) {
+		zq_lock(&saved);
+		rec->resource_used = percent;
+		zq_unlock(&saved);
+	}
+}
+
+/* ---- query and answer -------------------------------------------------------------------------------------------- */
+
+static void append_text_record(smart_str *p, int type, const char *text)
+{
+	zq_append_record(p, type, text, text ? strlen(text) : 0);
+}
+
+/* The query packet; the caller frees it. */
+static smart_str build_query(uint64 known_stamp TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	smart_str packet = {NULL, 0, 0};
+	zq_append_header(&packet, ZQ_PK_APPINFO, 0);
+	append_text_record(&packet, ZQ_RE_APP_NAME, g->app_name);
+	append_text_record(&packet, ZQ_RE_LICENSE, g->license);
+	zq_append_record(&packet, ZQ_RE_STAMP, (const char *)&known_stamp, sizeof(known_stamp));
+	pack_write_config(&packet, "zqs.agent_enabled", ini_number("zqs.agent_enabled") == 1 ? "true" : "false");
+	zq_append_environment(&packet TSRMLS_CC);
+	zq_fill_packet_header(&packet, ZQ_PK_APPINFO);
+	return packet;
+}
+
+/* Sends the query; 0, or -1 with the socket closed. */
+static int send_query(uint64 known_stamp TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	smart_str packet = build_query(known_stamp TSRMLS_CC);
+	ZQ_LOG(ZQ_LOG_DEBUG, "querying config from daemon, app=%s ,license=%s, fd=%d", g->app_name, g->license, g->daemon_sock);
+	int sent = g->daemon_sock != -1 && zq_daemon_send(g->daemon_sock, packet.c, packet.len) == (ssize_t)packet.len;
+	zq_buffer_free(&packet);
+	if (!sent) {
+		ZQ_LOG(ZQ_LOG_CRITICAL, "send config to daemon fail");
+		close_daemon(g->daemon_sock TSRMLS_CC);
+		return -1;
+	}
+	return 0;
+}
+
+/* Receives the body of an answer: malloc'ed and its length, null when there is none or the stream broke. */
+static char *receive_answer(size_t *len TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	unsigned char header[4];
+	ssize_t received = zq_daemon_recv(g->daemon_sock, (char *)header, sizeof(header));
+	if (received != (ssize_t)sizeof(header)) {
+		ZQ_LOG(ZQ_LOG_CRITICAL, "recv app config header fail: %zd bytes, %s", received, strerror(errno));
+		close_daemon(g->daemon_sock TSRMLS_CC);
+		return NULL;
+	}
+	*len = ((size_t)header[1] << 16) | ((size_t)header[2] << 8) | header[3];
+	if (!*len) {
+		ZQ_LOG(ZQ_LOG_DEBUG, "no config data, use default setting");
+		return NULL;
+	}
+	char *data = (char *)malloc(*len); /* up to 16 MiB: must not count against the script's memory limit */
+	received = data ? zq_daemon_recv(g->daemon_sock, data, *len) : -1;
+	if (received != (ssize_t)*len) {
+		ZQ_LOG(ZQ_LOG_CRITICAL, "recv app config data fail: %zd bytes, %s", received, strerror(errno));
+		close_daemon(g->daemon_sock TSRMLS_CC);
+		free(data);
+		return NULL;
+	}
+	if (header[0] != ZQ_PK_APPINFO) {
+		ZQ_LOG(ZQ_LOG_CRITICAL, "data is not PK_APPINFO!");
+		free(data);
+		return NULL;
+	}
+	return data;
+}
+
+/* Applies an answer and frees it; 1 when the globals have to follow. */
+static int use_answer(app_cfg_info *rec, char *data, size_t len, uint64 known_stamp, int64_t now)
+{
+	zq_config_answer answer;
+	sigset_t saved;
+	zq_parse_config_answer(&answer, data, len, known_stamp);
+	free(data);
+	zq_lock(&saved);
+	zq_apply_config_answer(rec, &answer, now);
+	zq_unlock(&saved);
+	zq_free_config_answer(&answer);
+	if (answer.renewed) {
+		ZQ_LOG(ZQ_LOG_DEBUG, "update config time=%ld", (long)now);
+	}
+	if (answer.newest) {
+		ZQ_LOG(ZQ_LOG_DEBUG, "local config is newest");
+	}
+	return !answer.newest;
+}
+
+void update_app_info(long tv_sec TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	config_snapshot snapshot;
+	app_cfg_info *rec = app_info(&snapshot TSRMLS_CC);
+	if (!rec) {
+		g->agent_enabled = 0;
+		return;
+	}
+	int64_t update_sec = snapshot.update_sec;
+	uint64 known_stamp = snapshot.daemon_stamp;
+	use_snapshot(&snapshot TSRMLS_CC);
+	if (update_sec && tv_sec - update_sec < refresh_interval_s) {
+		return;
+	}
+	zq_daemon_socket(1 TSRMLS_CC);
+	if (send_query(known_stamp TSRMLS_CC) == -1) {
+		return;
+	}
+	size_t len = 0;
+	char *data = receive_answer(&len TSRMLS_CC);
+	if (data && use_answer(rec, data, len, known_stamp, tv_sec)) {
+		ini2zqg(rec TSRMLS_CC);
+	}
+}

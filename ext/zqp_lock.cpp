@@ -1,0 +1,44 @@
+/* The process lock: a plain mutex, taken with the engine's time-limit signals held back. */
+#include "zqp_lock.h"
+
+#include <pthread.h>
+
+static pthread_mutex_t process_lock = PTHREAD_MUTEX_INITIALIZER;
+static int fork_handlers_registered; /* once per process: the library stays mapped across module restarts */
+
+static void before_fork(void) { pthread_mutex_lock(&process_lock); }
+static void after_fork(void) { pthread_mutex_unlock(&process_lock); }
+
+void zq_lock_init(void)
+{
+	/* A script may fork while another thread holds the lock; the child would wait for that thread for ever. */
+	if (!fork_handlers_registered) {
+		fork_handlers_registered = pthread_atfork(before_fork, after_fork, after_fork) == 0;
+	}
+}
+
+void zq_hold_timers(sigset_t *saved)
+{
+	sigset_t timers;
+	sigemptyset(&timers);
+	sigaddset(&timers, SIGPROF);
+	sigaddset(&timers, SIGALRM);
+	pthread_sigmask(SIG_BLOCK, &timers, saved);
+}
+
+void zq_allow_timers(const sigset_t *saved)
+{
+	pthread_sigmask(SIG_SETMASK, saved, NULL);
+}
+
+void zq_lock(sigset_t *saved)
+{
+	zq_hold_timers(saved);
+	pthread_mutex_lock(&process_lock);
+}
+
+void zq_unlock(const sigset_t *saved)
+{
+	pthread_mutex_unlock(&process_lock);
+	zq_allow_timers(saved);
+}

@@ -1,0 +1,155 @@
+/* The module record: what the engine calls when the extension is loaded, unloaded and described. */
+#include "php_zqprof.h"
+
+#include <strings.h>
+#include <sys/stat.h>
+#include <type_traits>
+#include <unistd.h>
+
+#include "zqp_debug.h"
+#include "zqp_exception.h"
+#include "zqp_io.h"
+#include "zqp_lock.h"
+#include "zqp_rum.h"
+
+static_assert(std::is_trivial<zend_zqprof_globals>::value, "zero-filled by its constructor, never constructed");
+
+ts_rsrc_id zqprof_globals_id;
+int g_cli;
+int g_module_up;
+
+void (*_zend_execute_ex)(zend_execute_data *execute_data TSRMLS_DC);
+void (*_zend_execute_internal)(zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
+zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSRMLS_DC);
+void (*_zend_error_cb)(int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);
+int (*_sapi_ub_write)(const char *str, unsigned int str_length TSRMLS_DC);
+
+/* Runs for every thread, under the thread table's own lock: its argument is all that it may touch of ours. */
+static void php_zqprof_init_globals(void *globals TSRMLS_DC)
+{
+	zend_zqprof_globals *g = (zend_zqprof_globals *)globals;
+	memset(g, 0, sizeof(*g));
+	g->daemon_sock = -1;
+	if (sapi_module.ub_write != zq_ub_write) { /* a second thread must not save the hook itself */
+		_sapi_ub_write = sapi_module.ub_write;
+		sapi_module.ub_write = zq_ub_write;
+	}
+}
+
+/* May run in another thread than the one whose globals end here. */
+static void php_zqprof_shutdown_globals(void *globals TSRMLS_DC)
+{
+	zend_zqprof_globals *g = (zend_zqprof_globals *)globals;
+	if (g->daemon_sock != -1) {
+		ZQ_LOG(ZQ_LOG_DEBUG, "close contact with the daemon on fd=%d", g->daemon_sock);
+		close(g->daemon_sock);
+		g->daemon_sock = -1;
+	}
+	free(g->license_copy);
+	g->license_copy = NULL;
+	g->license = NULL;
+}
+
+/* Puts `ours` in place of a process-wide hook and keeps what was there; a hook that is already ours (the module was
+ * started before in this process) keeps its saved predecessor. */
+template <typename T> static void replace_hook(T *hook, T *saved, T ours)
+{
+	if (*hook != ours) {
+		*saved = *hook;
+		*hook = ours;
+	}
+}
+
+static void connect_or_launch_daemon(TSRMLS_D)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	g->hook_enabled = 0;
+	g->daemon_sock = open_daemon(0 TSRMLS_CC);
+	g->daemon_pid = getpid();
+	if (g->daemon_sock == -1) {
+		zq_daemon_start(1 TSRMLS_CC);
+	}
+}
+
+/* MINIT. Never fails: a host without its agent is better than no host. */
+static int zm_startup_zqprof(INIT_FUNC_ARGS)
+{
+	(void)type;
+	zq_lock_init();
+	ts_allocate_id(&zqprof_globals_id, sizeof(zend_zqprof_globals), (ts_allocate_ctor)php_zqprof_init_globals,
+	               (ts_allocate_dtor)php_zqprof_shutdown_globals);
+	zend_register_ini_entries(zqprof_ini_entries, module_number TSRMLS_CC);
+	replace_hook(&zend_execute_ex, &_zend_execute_ex, zq_execute_ex);
+	replace_hook(&zend_execute_internal, &_zend_execute_internal, zq_execute_internal);
+	replace_hook(&zend_error_cb, &_zend_error_cb, zq_error_cb);
+	replace_hook(&zend_compile_file, &_zend_compile_file, zq_compile_file);
+	zq_log_init(TSRMLS_C);
+	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_VERSION);
+	chmod(zqprof_ini_log_file, 0666); /* every account that runs PHP appends to it; absent is fine */
+	connect_or_launch_daemon(TSRMLS_C);
+	g_cli = strcasecmp(sapi_module.name, "cli") == 0;
+	zq_app_config_init();
+	g_module_up = 1;
+	ZQ_LOG(ZQ_LOG_VERBOSE, "MINIT processing done");
+	return SUCCESS;
+}
+
+/* MSHUTDOWN. The compile hook and the output writer stay in place: other code may have chained to them. They pass
+ * everything through from here on. */
+static int zm_shutdown_zqprof(SHUTDOWN_FUNC_ARGS)
+{
+	(void)type;
+	g_module_up = 0;
+	ZQ_LOG(ZQ_LOG_VERBOSE, "MSHUTDOWN processing start...");
+	zend_unregister_ini_entries(module_number TSRMLS_CC);
+	zq_app_config_final();
+	zend_execute_ex = _zend_execute_ex;
+	zend_execute_internal = _zend_execute_internal;
+	zend_error_cb = _zend_error_cb;
+	ts_free_id(zqprof_globals_id);
+	ZQ_LOG(ZQ_LOG_VERBOSE, "MSHUTDOWN processing done\n");
+	zq_log_final();
+	return SUCCESS;
+}
+
+static void print_setting(const char *name, uint name_size TSRMLS_DC)
+{
+	char *value = zend_ini_string((char *)name, name_size, 0);
+	php_info_print_table_row(2, name, value);
+}
+
+static void zm_info_zqprof(ZEND_MODULE_INFO_FUNC_ARGS)
+{
+	(void)zend_module;
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	int enabled = zend_ini_long((char *)"zqs.agent_enabled", sizeof("zqs.agent_enabled"), 0) == 1;
+	php_info_print_table_start();
+	php_info_print_table_header(2, ZQ_MODULE_NAME, enabled ? "enabled" : "disabled");
+	php_info_print_table_row(2, "Version", ZQ_VERSION);
+	php_info_print_table_row(2, "zqs.license_key", g->license);
+	php_info_print_table_row(2, "zqs.app_name", g->app_name);
+	print_setting("zqs.prefix", sizeof("zqs.prefix") TSRMLS_CC);
+	print_setting("zqs.runtime_root", sizeof("zqs.runtime_root") TSRMLS_CC);
+	print_setting("zqs.agent_log_level", sizeof("zqs.agent_log_level") TSRMLS_CC);
+	print_setting("zqs.daemon_log_level", sizeof("zqs.daemon_log_level") TSRMLS_CC);
+	print_setting("zqs.audit_mode", sizeof("zqs.audit_mode") TSRMLS_CC);
+	php_info_print_table_end();
+}
+
+static zend_module_entry zqprof_module_entry = {
+	STANDARD_MODULE_HEADER,
+	ZQ_MODULE_NAME,
+	zqprof_functions,
+	zm_startup_zqprof,
+	zm_shutdown_zqprof,
+	zm_activate_zqprof,
+	zm_deactivate_zqprof,
+	zm_info_zqprof,
+	ZQ_VERSION,
+	STANDARD_MODULE_PROPERTIES,
+};
+
+extern "C" ZEND_DLEXPORT zend_module_entry *get_module(void)
+{
+	return &zqprof_module_entry;
+}

@@ -1,0 +1,385 @@
+/* The three hooks that see everything a monitored request runs: user code, internal functions, compiling.
+ *
+ * PHP recursion is C recursion here, so the frames of the hooks stay small: what is needed only before or after the
+ * call is done in functions of its own, which are not inlined. A call that nothing watches costs the tests below and
+ * two readings of the clock. */
+#include "php_zqprof.h"
+
+#include "zqp_component.h"
+#include "zqp_io.h"
+#include "zqp_tracer.h"
+#include "zqp_wrapper.h"
+
+/* ---- user code --------------------------------------------------------------------------------------------------- */
+
+/* What one intercepted user call keeps while it runs. */
+struct user_call {
+	const char *cls;                 /* declaring class, else the object's; null for a plain function */
+	const char *func;                /* function name, or the kind word of included code */
+	zval **return_slot;
+	zend_llist_element *component;
+	uint64 start;
+	unsigned component_generation;
+	int level_before;
+	bool is_function;                /* false: include, require or eval */
+	bool is_closure;                 /* may be freed before its caller goes on */
+};
+
+/* Name of code that runs without being called, by the caller's include-or-eval operation; null for none. */
+static const char *kind_word(zend_execute_data *caller)
+{
+	if (!caller->opline || caller->opline->opcode != ZEND_INCLUDE_OR_EVAL) {
+		return NULL;
+	}
+	switch (caller->opline->extended_value) {
+	case ZEND_EVAL:
+		return "eval";
+	case ZEND_INCLUDE:
+		return "include";
+	case ZEND_INCLUDE_ONCE:
+		return "include_once";
+	case ZEND_REQUIRE:
+		return "require";
+	case ZEND_REQUIRE_ONCE:
+		return "require_once";
+	}
+	return NULL;
+}
+
+static inline const char *class_of_call(zend_function *function, zval *object TSRMLS_DC)
+{
+	if (function->common.scope) {
+		return function->common.scope->name;
+	}
+	return object && Z_TYPE_P(object) == IS_OBJECT && Z_OBJ_HT_P(object)->get_class_entry ? Z_OBJCE_P(object)->name : NULL;
+}
+
+/* Fills `call`; false when the frame is nothing to intercept. */
+static inline bool identify_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
+{
+	zend_function *function = caller->function_state.function;
+	call->func = function->common.function_name;
+	call->is_function = call->func != NULL;
+	if (!call->is_function) {
+		call->cls = NULL;
+		call->is_closure = false;
+		return (call->func = kind_word(caller)) != NULL;
+	}
+	call->cls = class_of_call(function, caller->object TSRMLS_CC);
+	call->is_closure = (function->common.fn_flags & ZEND_ACC_CLOSURE) != 0;
+	if (call->is_closure) {
+		call->func = "{closure}"; /* the engine's own name for all of them, in memory that outlives the call */
+	}
+	return true;
+}
+
+/* Nesting of user functions. A call that the engine makes on its own (shutdown function, output handler) starts anew:
+ * an exit may have left the frames, and the level, of the main script as they were. */
+static inline int enter_level(zend_zqprof_globals *g, zend_execute_data *caller)
+{
+	int before = !caller->op_array && !caller->prev_execute_data ? 0 : g->tracer_level;
+	g->tracer_level = before + 1;
+	return before;
+}
+
+static inline int may_be_watched(const user_call *call TSRMLS_DC)
+{
+	return zq_may_be_watched(call->cls, call->cls ? (int)strlen(call->cls) : 0, call->func, (int)strlen(call->func) TSRMLS_CC);
+}
+
+/* "class::function", or the function alone; freed by free_full_name. */
+static void build_full_name(zq_user_func_data *user_data, const zq_stack_data *stack)
+{
+	if (!stack->cls) {
+		user_data->func_full_name = stack->func;
+		user_data->func_full_size = stack->func_length + 1;
+		return;
+	}
+	user_data->func_full_size = stack->cls_length + stack->func_length + 3;
+	user_data->func_full_name = (char *)emalloc((size_t)user_data->func_full_size);
+	snprintf(user_data->func_full_name, (size_t)user_data->func_full_size, "%s::%s", stack->cls, stack->func);
+}
+
+static void free_full_name(zq_user_func_data *user_data, const zq_stack_data *stack)
+{
+	if (user_data->func_full_name != stack->func) {
+		efree(user_data->func_full_name);
+	}
+}
+
+static void zq_before_function_call(zq_stack_data *stack, zq_user_func_data *user_data TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	int wanted = 0;
+	if (g->profile_end_time) {
+		thread_profile("enter function", user_data->func_full_name, NULL TSRMLS_CC);
+	}
+	zq_wrapper_callback callback = zq_find_before(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC);
+	if (callback) {
+		wanted = callback(stack->execute_data, user_data->func_full_name TSRMLS_CC) & 1;
+	}
+	/* Every outermost user function is a component; included code never is by its level. */
+	if (wanted || (g->tracer_level == 1 && user_data->is_function)) {
+		user_data->llist_comp_ele = zq_component_open(stack->cls, stack->func TSRMLS_CC);
+		user_data->component_generation = g->component_generation;
+	}
+}
+
+static void zq_after_function_call(zq_stack_data *stack, zq_user_func_data *user_data, uint64 start TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	if (g->profile_end_time) {
+		thread_profile("leave function", user_data->func_full_name, NULL TSRMLS_CC);
+	}
+	uint64 now = cycle_timer();
+	zq_performance_callback callback = zq_find_after(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC);
+	if (!callback || !callback(stack, start, now TSRMLS_CC)) {
+		zq_trace_default(stack, start, now TSRMLS_CC);
+	}
+	if (user_data->llist_comp_ele) {
+		zq_component_close(user_data->llist_comp_ele, user_data->component_generation, (int)((now - start) / 1000) TSRMLS_CC);
+	}
+}
+
+static void describe_call(zq_stack_data *stack, const user_call *call, zend_execute_data *caller)
+{
+	memset(stack, 0, sizeof(*stack));
+	stack->execute_data = caller;
+	stack->cls = call->cls;
+	stack->cls_length = call->cls ? (int)strlen(call->cls) : 0;
+	stack->func = (char *)call->func;
+	stack->func_length = (int)strlen(call->func);
+	stack->return_slot = call->return_slot;
+	stack->object = caller->object;
+}
+
+static zend_never_inline void before_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
+{
+	zq_stack_data stack;
+	zq_user_func_data user_data = {};
+	describe_call(&stack, call, caller);
+	build_full_name(&user_data, &stack);
+	user_data.is_function = call->is_function;
+	zq_before_function_call(&stack, &user_data TSRMLS_CC);
+	call->component = user_data.llist_comp_ele;
+	call->component_generation = user_data.component_generation;
+	free_full_name(&user_data, &stack);
+}
+
+/* While a closure's or trampoline's caller is looked at after the call, its callee may be freed memory: whoever walks
+ * the frames must meet this instead. */
+struct callee_stub {
+	zend_internal_function function;
+	zend_function *gone;
+};
+
+static void put_stub(callee_stub *stub, zend_execute_data *frame, const char *name, zend_class_entry *scope)
+{
+	memset(stub, 0, sizeof(*stub));
+	stub->function.type = ZEND_INTERNAL_FUNCTION;
+	stub->function.function_name = name;
+	stub->function.scope = scope;
+	stub->gone = frame->function_state.function;
+	frame->function_state.function = (zend_function *)&stub->function;
+}
+
+static void remove_stub(const callee_stub *stub, zend_execute_data *frame)
+{
+	frame->function_state.function = stub->gone;
+}
+
+/* The engine still holds the callee's symbol table and op array here, and destroys the active symbol table next. What
+ * raises an error or releases objects in between must see the caller's. */
+static zend_never_inline void after_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
+{
+	zend_op **opline_ptr = EG(opline_ptr);
+	zend_op_array *active_op_array = EG(active_op_array);
+	HashTable *active_symbol_table = EG(active_symbol_table);
+	zq_stack_data stack;
+	zq_user_func_data user_data = {};
+	callee_stub stub;
+
+	EG(opline_ptr) = caller->op_array ? &caller->opline : NULL;
+	EG(active_op_array) = caller->op_array;
+	if (caller->op_array) {
+		EG(active_symbol_table) = caller->symbol_table;
+	}
+	if (call->is_closure) {
+		put_stub(&stub, caller, call->func, NULL);
+	}
+	describe_call(&stack, call, caller);
+	build_full_name(&user_data, &stack);
+	user_data.llist_comp_ele = call->component;
+	user_data.component_generation = call->component_generation;
+	zq_after_function_call(&stack, &user_data, call->start TSRMLS_CC);
+	free_full_name(&user_data, &stack);
+	if (call->is_closure) {
+		remove_stub(&stub, caller);
+	}
+	EG(opline_ptr) = opline_ptr;
+	EG(active_op_array) = active_op_array;
+	EG(active_symbol_table) = active_symbol_table;
+}
+
+static inline int after_step_is_due(const user_call *call TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	if (call->component || g->profile_end_time) {
+		return 1;
+	}
+	if (g->action_tracer_enabled && cycle_timer() - call->start > g->tracer_threshold_tick) {
+		return 1;
+	}
+	return zend_hash_num_elements(g->performance_function_hash) && may_be_watched(call TSRMLS_CC);
+}
+
+void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zend_execute_data *caller = execute_data->prev_execute_data;
+	user_call call;
+	/* A generator's caller frame and argument stack are gone before its body's hook returns: it passes through. */
+	if (!g->hook_enabled || !g->agent_enabled || !caller ||
+	    (execute_data->op_array->fn_flags & ZEND_ACC_GENERATOR) || !identify_user_call(&call, caller TSRMLS_CC)) {
+		_zend_execute_ex(execute_data TSRMLS_CC);
+		return;
+	}
+	call.level_before = call.is_function ? enter_level(g, caller) : g->tracer_level;
+	call.component = NULL;
+	call.return_slot = EG(return_value_ptr_ptr);
+	if (g->profile_end_time || g->tracer_level == 1 || may_be_watched(&call TSRMLS_CC)) {
+		before_user_call(&call, caller TSRMLS_CC);
+	}
+	call.start = cycle_timer();
+	_zend_execute_ex(execute_data TSRMLS_CC);
+	if (g->hook_enabled && after_step_is_due(&call TSRMLS_CC)) {
+		after_user_call(&call, caller TSRMLS_CC);
+	}
+	if (call.is_function) {
+		g->tracer_level = call.level_before;
+	}
+}
+
+/* ---- internal functions ------------------------------------------------------------------------------------------ */
+
+static inline void run_internal(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	if (_zend_execute_internal) {
+		_zend_execute_internal(frame, fci, return_value_used TSRMLS_CC);
+	} else {
+		execute_internal(frame, fci, return_value_used TSRMLS_CC);
+	}
+}
+
+/* Where the return value will be; must be asked before the call, since an exception replaces the frame's opline. */
+static inline zval **internal_return_slot(zend_execute_data *frame, zend_fcall_info *fci)
+{
+	if (fci) {
+		return fci->retval_ptr_ptr;
+	}
+	return frame->opline ? &EX_TMP_VAR(frame, frame->opline->result.var)->var.ptr : NULL;
+}
+
+/* `__call`, `__callStatic` and `Closure::__invoke` come as temporary functions that are freed inside their own handler:
+ * no recorder looks at them (their hash codes stay 0); a slow one enters the trace behind a stub. */
+static zend_never_inline void run_trampoline(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	zend_function *function = frame->function_state.function;
+	zend_class_entry *scope = function->common.scope;
+	zq_stack_data stack = {};
+	callee_stub stub;
+	stack.execute_data = frame;
+	stack.cls = scope ? scope->name : NULL;
+	stack.func = estrdup(function->common.function_name);
+	zq_before_internal_call(&stack TSRMLS_CC);
+	uint64 start = cycle_timer();
+	run_internal(frame, fci, return_value_used TSRMLS_CC);
+	if (ZQG(hook_enabled)) {
+		put_stub(&stub, frame, stack.func, scope);
+		zq_after_internal_call(&stack, start TSRMLS_CC);
+		remove_stub(&stub, frame);
+	}
+	efree(stack.func);
+}
+
+static inline void hash_names(zq_stack_data *stack)
+{
+	stack->func_length = (int)strlen(stack->func);
+	stack->func_hash_code = zq_name_hash(stack->func, (size_t)stack->func_length);
+	if (stack->cls) {
+		stack->cls_hash_code = zq_name_hash(stack->cls, (size_t)stack->cls_length);
+	}
+}
+
+void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zq_stack_data stack;
+	zend_function *function;
+	if (!g->hook_enabled || !g->agent_enabled || !execute_data_ptr ||
+	    !(function = execute_data_ptr->function_state.function)->common.function_name) {
+		run_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
+		return;
+	}
+	if (function->common.fn_flags & ZEND_ACC_CALL_VIA_HANDLER) {
+		run_trampoline(execute_data_ptr, fci, return_value_used TSRMLS_CC);
+		return;
+	}
+	memset(&stack, 0, sizeof(stack));
+	stack.execute_data = execute_data_ptr;
+	stack.func = (char *)function->common.function_name; /* lives as long as its module */
+	stack.cls = class_of_call(function, execute_data_ptr->object TSRMLS_CC);
+	stack.cls_length = stack.cls ? (int)strlen(stack.cls) : 0;
+	stack.object = execute_data_ptr->object;
+	stack.return_slot = internal_return_slot(execute_data_ptr, fci);
+	if (zq_internal_may_be_watched(stack.cls, stack.cls_length, stack.func)) {
+		hash_names(&stack);
+	}
+	zq_before_internal_call(&stack TSRMLS_CC);
+	uint64 start = cycle_timer();
+	run_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
+	if (g->hook_enabled) {
+		zq_after_internal_call(&stack, start TSRMLS_CC);
+	}
+}
+
+/* ---- compiling --------------------------------------------------------------------------------------------------- */
+
+/* Adds a slow compilation to the trace; adopts `filename`. */
+static void trace_compile(char *filename, uint64 start, uint64 end TSRMLS_DC)
+{
+	tracer_element *element = tracer_element_alloc("PHP", "compile");
+	element->filename = filename;
+	element->start = start;
+	element->end = end;
+	zq_trace_append(element TSRMLS_CC);
+}
+
+static zend_op_array *compile_unseen(zend_file_handle *file_handle, int type TSRMLS_DC)
+{
+	return _zend_compile_file ? _zend_compile_file(file_handle, type TSRMLS_CC) : compile_file(file_handle, type TSRMLS_CC);
+}
+
+zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC)
+{
+	/* This hook outlives the module's globals. */
+	if (!g_module_up || !ZQG(agent_enabled) || !ZQG(hook_enabled) || !file_handle || !file_handle->filename) {
+		return compile_unseen(file_handle, type TSRMLS_CC);
+	}
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	char *filename = estrdup(file_handle->filename); /* opening may replace it */
+	uint64 start = cycle_timer();
+	zend_op_array *compiled = compile_unseen(file_handle, type TSRMLS_CC);
+	uint64 end = cycle_timer();
+	if (!g->hook_enabled) { /* the script ended its action while an error handler ran */
+		efree(filename);
+		return compiled;
+	}
+	zq_component_add("PHP/NULL/compile", (int)((end - start) / 1000), 0 TSRMLS_CC);
+	if (g->action_tracer_enabled && end - start > g->tracer_threshold_tick) {
+		trace_compile(filename, start, end TSRMLS_CC);
+	} else {
+		efree(filename);
+	}
+	return compiled;
+}

@@ -1,0 +1,187 @@
+/* The functions that PHP code sees: three callbacks that the agent itself registers, and three for applications.
+ * Scripts may call any of them at any time; none may do harm in any state. */
+#include "php_zqprof.h"
+
+#include "zqp_debug.h"
+#include "zqp_exception.h"
+#include "zqp_io.h"
+#include "zqp_naming.h"
+#include "zqp_rum.h"
+
+/* Shutdown function: the last chance for the answer to a calling application and for the browser script. */
+static PHP_FUNCTION(zqprof_rshutdowncall)
+{
+	(void)ht, (void)return_value_ptr, (void)this_ptr, (void)return_value_used;
+	if (ZQG(transaction_parent)) {
+		send_transaction_data(1 TSRMLS_CC);
+	}
+	if (ZQG(rum_enabled)) {
+		injectOutputBuffer(TSRMLS_C);
+	}
+	RETURN_TRUE;
+}
+
+/* Header callback: runs just before the headers leave. */
+static PHP_FUNCTION(zqprof_headercall)
+{
+	(void)ht, (void)return_value_ptr, (void)this_ptr, (void)return_value_used;
+	send_transaction_data(0 TSRMLS_CC);
+	RETURN_TRUE;
+}
+
+/* Frees an owned text of the globals. */
+static void drop_text(char **text)
+{
+	if (*text) {
+		efree(*text);
+		*text = NULL;
+	}
+}
+
+/* A new action begins: nothing of the previous one may show in it. */
+static void reset_action(TSRMLS_D)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	error_element_dtor(g->error);
+	g->error = NULL;
+	drop_text(&g->thrift_host);
+	drop_text(&g->thrift_tx_data);
+	drop_text(&g->transaction_id);
+	if (g->transaction_tracer_enabled) {
+		g->transaction_id = get_new_GUID();
+	}
+	drop_text(&g->transaction_curl_response_data);
+	drop_text(&g->transaction_req_id);
+	zq_empty_containers(TSRMLS_C);
+	g->sum_db_metric = 0;
+	g->pdo_db = "";
+	drop_text(&g->prepared_sql);
+	g->tracer_level = g->child_has_tracer = g->webservice_should_ignored = 0;
+	drop_text(&g->tracer_id);
+	g->ws_enabled = g->rum_enabled = 0;
+}
+
+static void set_action_name(const char *name TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	drop_text(&g->action_name);
+	spprintf(&g->action_name, 0, strchr(name, '/') ? "WebAction/%s" : "WebAction/API/%s", name);
+	g->action_name_level = ZQ_NAME_APPLICATION;
+}
+
+/* The agent's own calls may run PHP code that calls back into the functions below: lists must stay as they are then. */
+static int may_change_action(TSRMLS_D)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	return g_cli && g->request_open && !g->in_agent_call;
+}
+
+/* vantor_start_webaction(string name [, string other]): a command-line run begins an action of its own. */
+static PHP_FUNCTION(vantor_start_webaction)
+{
+	(void)return_value_ptr, (void)this_ptr, (void)return_value_used;
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	char *name = NULL, *other = NULL;
+	int name_len, other_len;
+	if (zend_parse_parameters(ht TSRMLS_CC, "s|s!", &name, &name_len, &other, &other_len) == FAILURE || !name ||
+	    !may_change_action(TSRMLS_C)) {
+		return;
+	}
+	g->rinit_tick = cycle_timer();
+	if (!g->license) {
+		zq_set_license(TSRMLS_C);
+	}
+	update_app_info((long)(g->rinit_tick / 1000000) TSRMLS_CC);
+	if (!g->agent_enabled) {
+		return;
+	}
+	g->tracer_threshold_tick = zq_tracer_threshold_us(g->action_tracer_action_threshold);
+	get_usage(zq_thread_id(), &g->rinit_cpu, NULL);
+	set_action_name(name TSRMLS_CC);
+	zq_create_containers(TSRMLS_C);
+	reset_action(TSRMLS_C);
+	g->hook_enabled = 1;
+	RETURN_TRUE;
+}
+
+/* vantor_end_webaction(): reports the open action of a command-line run. */
+static PHP_FUNCTION(vantor_end_webaction)
+{
+	(void)ht, (void)return_value_ptr, (void)this_ptr, (void)return_value_used;
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	if (!may_change_action(TSRMLS_C) || !g->hook_enabled) {
+		return;
+	}
+	g->hook_enabled = 0;
+	g->rdown_tick = cycle_timer();
+	send_metric((int)((g->rdown_tick - g->rinit_tick) / 1000) TSRMLS_CC);
+	zq_empty_containers(TSRMLS_C);
+	zq_free_config_copies(TSRMLS_C);
+	RETURN_TRUE;
+}
+
+static void notice_text(const char *message TSRMLS_DC)
+{
+	ZQG(error) = error_element_alloc(message, "Exception", zq_code_stack_text(TSRMLS_C));
+}
+
+/* An object's "message", without running a line of its code: exceptions are read as the engine reads them, any other
+ * object only in its property table. The result is released with zval_ptr_dtor. */
+static zval *message_of(zval *object TSRMLS_DC)
+{
+	zval *message;
+	if (instanceof_function(Z_OBJCE_P(object), zend_exception_get_default(TSRMLS_C) TSRMLS_CC)) {
+		message = zend_read_property(Z_OBJCE_P(object), object, (char *)"message", sizeof("message") - 1, 1 TSRMLS_CC);
+	} else {
+		HashTable *properties = Z_OBJ_HT_P(object)->get_properties ? Z_OBJPROP_P(object) : NULL;
+		message = FIND_HASH_ZVALUE(properties, "message", sizeof("message"));
+	}
+	if (message) {
+		Z_ADDREF_P(message);
+	}
+	return message;
+}
+
+static void notice_object(zval *object TSRMLS_DC)
+{
+	zval *message = message_of(object TSRMLS_CC);
+	if (!message) {
+		return;
+	}
+	if (Z_TYPE_P(message) == IS_STRING && Z_STRLEN_P(message)) {
+		smart_str stack = {NULL, 0, 0};
+		zq_get_exception_stack(object, &stack TSRMLS_CC);
+		ZQG(error) = error_element_alloc(Z_STRVAL_P(message), Z_OBJCE_P(object)->name, zq_buffer_text(&stack));
+	}
+	zval_ptr_dtor(&message);
+}
+
+/* vantor_notice_error(mixed error [, bool record = true]): the script reports an error; the first of an action wins. */
+static PHP_FUNCTION(vantor_notice_error)
+{
+	(void)return_value_ptr, (void)this_ptr, (void)return_value_used;
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zval *error = NULL;
+	zend_bool record = 1;
+	if (zend_parse_parameters(ht TSRMLS_CC, "z!|b", &error, &record) == FAILURE || !error || !record) {
+		return;
+	}
+	if (!g->request_open || !g->agent_enabled || !g->error_collector_enabled || g->error) {
+		return;
+	}
+	if (Z_TYPE_P(error) == IS_STRING) {
+		notice_text(Z_STRVAL_P(error) TSRMLS_CC);
+	} else if (Z_TYPE_P(error) == IS_OBJECT) {
+		notice_object(error TSRMLS_CC);
+	}
+	RETURN_TRUE;
+}
+
+extern const zend_function_entry zqprof_functions[] = {
+	PHP_FE(zqprof_rshutdowncall, NULL)
+	PHP_FE(zqprof_headercall, NULL)
+	PHP_FE(vantor_start_webaction, NULL)
+	PHP_FE(vantor_end_webaction, NULL)
+	PHP_FE(vantor_notice_error, NULL)
+	PHP_FE_END
+};

@@ -1,0 +1,111 @@
+/* The 25 settings: a table of names, defaults and rights, and what a change at run time does. */
+#include "php_zqprof.h"
+#include "zqp_helper.h"
+
+/* A script changed a trace setting: the running request follows. At every other stage the settings are read when the
+ * application's record is made. ini_restore() may bring a null value. */
+static int store_at_run_time(int zend_zqprof_globals::*field, const char *new_value, int stage TSRMLS_DC)
+{
+	if (stage == ZEND_INI_STAGE_RUNTIME) {
+		zq_globals(TSRMLS_C)->*field = zq_str_to_int(new_value ? new_value : "");
+	}
+	return SUCCESS;
+}
+
+/* The engine's signature of a change handler; all but value and stage are unused here. */
+#define ZQ_CHANGE_HANDLER(name)                                                                                         \
+	static int name(zend_ini_entry *, char *new_value, uint, void *, void *, void *, int stage TSRMLS_DC)
+
+ZQ_CHANGE_HANDLER(update_action_tracer_enabled)
+{
+	return store_at_run_time(&zend_zqprof_globals::action_tracer_enabled, new_value, stage TSRMLS_CC);
+}
+
+ZQ_CHANGE_HANDLER(update_action_tracer_action_threshold)
+{
+	return store_at_run_time(&zend_zqprof_globals::action_tracer_action_threshold, new_value, stage TSRMLS_CC);
+}
+
+ZQ_CHANGE_HANDLER(update_action_tracer_slow_sql)
+{
+	return store_at_run_time(&zend_zqprof_globals::action_tracer_slow_sql, new_value, stage TSRMLS_CC);
+}
+
+ZQ_CHANGE_HANDLER(update_action_tracer_slow_sql_threshold)
+{
+	return store_at_run_time(&zend_zqprof_globals::action_tracer_slow_sql_threshold, new_value, stage TSRMLS_CC);
+}
+
+ZQ_CHANGE_HANDLER(update_action_tracer_explain_enabled)
+{
+	return store_at_run_time(&zend_zqprof_globals::action_tracer_explain_enabled, new_value, stage TSRMLS_CC);
+}
+
+ZQ_CHANGE_HANDLER(update_action_tracer_explain_threshold)
+{
+	return store_at_run_time(&zend_zqprof_globals::action_tracer_explain_threshold, new_value, stage TSRMLS_CC);
+}
+
+/* Only a command-line run may rename its application: in a web request the name decides whose configuration rules. */
+ZQ_CHANGE_HANDLER(update_zqs_app_name)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	if (g_cli && stage == ZEND_INI_STAGE_RUNTIME && g->request_open) {
+		char *previous = g->app_name;
+		g->app_name = estrdup(new_value ? new_value : "");
+		if (previous) {
+			efree(previous);
+		}
+	}
+	return SUCCESS;
+}
+
+typedef int (*change_handler)(zend_ini_entry *, char *, uint, void *, void *, void *, int TSRMLS_DC);
+
+template <size_t N, size_t M>
+static constexpr zend_ini_entry setting(const char (&name)[N], const char (&value)[M], int changeable,
+                                        change_handler on_modify = nullptr)
+{
+	zend_ini_entry entry{};
+	entry.modifiable = changeable;
+	entry.name = const_cast<char *>(name);
+	entry.name_length = N; /* 5.6 counts the NUL of names, not of values */
+	entry.on_modify = on_modify;
+	entry.value = const_cast<char *>(value);
+	entry.value_length = M - 1;
+	return entry;
+}
+
+static constexpr int PERDIR = ZEND_INI_PERDIR;
+static constexpr int ALL = ZEND_INI_ALL;
+static constexpr int SYSTEM = ZEND_INI_SYSTEM;
+
+extern const zend_ini_entry zqprof_ini_entries[] = {
+	setting("zqs.agent_enabled", "1", PERDIR),
+	setting("zqs.license_key", "", PERDIR),
+	setting("zqs.error_collector.enabled", "1", PERDIR),
+	setting("zqs.action_tracer.record_sql", "raw", PERDIR),
+	setting("zqs.action_tracer.log_sql", "0", PERDIR),
+	setting("zqs.app_name", "PHP Application", ALL, update_zqs_app_name),
+	setting("zqs.action_tracer.enabled", "1", ALL, update_action_tracer_enabled),
+	setting("zqs.action_tracer.action_threshold", "2000", ALL, update_action_tracer_action_threshold),
+	setting("zqs.action_tracer.slow_sql", "1", ALL, update_action_tracer_slow_sql),
+	setting("zqs.action_tracer.slow_sql_threshold", "500", ALL, update_action_tracer_slow_sql_threshold),
+	setting("zqs.action_tracer.explain_enabled", "0", ALL, update_action_tracer_explain_enabled),
+	setting("zqs.action_tracer.explain_threshold", "500", ALL, update_action_tracer_explain_threshold),
+	setting("zqs.prefix", "/usr", SYSTEM),
+	setting("zqs.runtime_root", "/var", SYSTEM),
+	setting("zqs.agent_log_level", "WARNING", SYSTEM),
+	setting("zqs.auto_app_naming", "0", SYSTEM),
+	setting("zqs.host", "", SYSTEM),
+	setting("zqs.port", "", SYSTEM),
+	setting("zqs.ssl", "1", SYSTEM),
+	setting("zqs.audit_mode", "0", SYSTEM),
+	setting("zqs.daemon_log_level", "INFO", SYSTEM),
+	setting("zqs.proxy_host", "", SYSTEM),
+	setting("zqs.proxy_port", "", SYSTEM),
+	setting("zqs.proxy_user", "", SYSTEM),
+	setting("zqs.proxy_password", "", SYSTEM),
+	{},
+};
+static_assert(sizeof(zqprof_ini_entries) / sizeof(zqprof_ini_entries[0]) == 25 + 1, "25 settings and the end mark");
