@@ -1,0 +1,220 @@
+// Lock, fork, socket, pid file, and back.
+#include "daemonize.h"
+
+#include "log.h"
+#include "server.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace quorbit {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
+
+struct sockaddr_un socket_address(const std::string& path) {
+  struct sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    errno = ENAMETOOLONG;
+    fail(path);
+  }
+  memcpy(address.sun_path, path.data(), path.size());
+  return address;
+}
+
+bool connects(const std::string& path) {
+  struct sockaddr_un address = socket_address(path);
+  int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (descriptor == -1) return false;
+  // EAGAIN: it listens, but its queue is full.
+  bool answers = connect(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN;
+  close(descriptor);
+  return answers;
+}
+
+// The descriptor that holds the lock, or -1 when another daemon has it. The file stays: removing it would let two daemons lock
+// files of the same name.
+int take_lock(const std::string& path) {
+  int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
+  if (descriptor == -1) fail(path);
+  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return descriptor;
+  if (errno != EWOULDBLOCK) fail(path);
+  close(descriptor);
+  return -1;
+}
+
+// Listens at the path, in place of a socket that nobody serves any more.
+int listen_at(const std::string& path) {
+  struct sockaddr_un address = socket_address(path);
+  struct stat old;
+  if (lstat(path.c_str(), &old) == 0) {
+    if (!S_ISSOCK(old.st_mode)) throw std::runtime_error(path + ": there is something else than a socket");
+    if (unlink(path.c_str()) != 0) fail(path);
+  }
+  int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (descriptor == -1) fail("socket");
+  // Everybody who may enter the folder may connect. The mode comes from the umask, not from chmod(): the folder's group could
+  // put a link in the socket's place in between.
+  mode_t mask = umask(0111);
+  bool bound = bind(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0;
+  int bind_error = errno;
+  umask(mask);
+  errno = bind_error;
+  if (!bound || listen(descriptor, SOMAXCONN) != 0) fail(path);
+  return descriptor;
+}
+
+// Written beside and renamed, so that nobody ever reads half a number or follows a link.
+void write_pid_file(const std::string& path) {
+  std::string fresh = path + ".new", text = std::to_string(getpid()) + "\n";
+  unlink(fresh.c_str());
+  int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640);
+  if (descriptor == -1) fail(fresh);
+  bool written = write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(descriptor);
+  if (!written || rename(fresh.c_str(), path.c_str()) != 0) fail(path);
+}
+
+// Leaves nothing of the process that started us: a pipe or terminal of its own would stay open as long as the daemon lives.
+void reset_inherited() {
+  closefrom(STDERR_FILENO + 1);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  for (int signal = 1; signal < SIGRTMIN; signal++) {
+    if (signal != SIGKILL && signal != SIGSTOP) ::signal(signal, SIG_DFL);
+  }
+  for (int ignored : {SIGPIPE, SIGHUP}) ::signal(ignored, SIG_IGN);
+  umask(027);
+}
+
+void leave_terminal() {
+  int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null, descriptor);
+  if (null > STDERR_FILENO) close(null);
+}
+
+// One connection per thread of every PHP process of the host.
+void raise_descriptor_limit() {
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Blocked before there are threads or a socket: only the event loop takes them, and it clears up.
+void block_ending_signals() {
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGTERM);
+  sigaddset(&ending, SIGINT);
+  sigprocmask(SIG_BLOCK, &ending, nullptr);
+}
+
+int start_listening(const DaemonConfig& config) {
+  block_ending_signals();
+  raise_descriptor_limit();
+  int listener = listen_at(config.socket_file);
+  write_pid_file(config.pid_file);
+  log_message(LogLevel::info, "listening on " + config.socket_file);
+  return listener;
+}
+
+int serve(const DaemonConfig& config, int listener) {
+  int status = 0;
+  try {
+    ProfileSessions sessions;
+    StoreWriter writer(config.store_file(), sessions);
+    Server(listener, config.applications_file(), writer, sessions).run();
+  } catch (const std::exception& failure) {
+    log_message(LogLevel::critical, failure.what());
+    status = 1;
+  }
+  // The lock is still held, so these are ours.
+  unlink(config.socket_file.c_str());
+  unlink(config.pid_file.c_str());
+  log_message(LogLevel::info, "ended");
+  return status;
+}
+
+// The background process. `report` tells the one that waits how it went: a byte of zero, or the reason of a failure.
+int live_in_background(const DaemonConfig& config, int report) {
+  int listener;
+  try {
+    listener = start_listening(config);
+  } catch (const std::exception& failure) {
+    log_message(LogLevel::critical, failure.what());
+    [[maybe_unused]] ssize_t told = write(report, failure.what(), strlen(failure.what()));
+    return 1;
+  }
+  leave_terminal();
+  [[maybe_unused]] ssize_t told = write(report, "", 1);
+  close(report);
+  return serve(config, listener);
+}
+
+int start_in_background(const DaemonConfig& config) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) fail("pipe");
+  pid_t child = fork();
+  if (child == -1) fail("fork");
+  if (child == 0) {
+    close(ends[0]);
+    setsid();
+    if (chdir("/") != 0) _exit(1);
+    _exit(live_in_background(config, ends[1]));
+  }
+  close(ends[1]);
+  char reason[512];
+  ssize_t length = read(ends[0], reason, sizeof reason);
+  if (length == 1 && reason[0] == 0) return 0;
+  if (length <= 0) throw std::runtime_error("the daemon ended before it listened");
+  fprintf(stderr, "quorbit: %.*s\n", static_cast<int>(length), reason);
+  return 1;
+}
+
+}  // namespace
+
+int run_daemon(const std::string& config_path, bool foreground) {
+  reset_inherited();
+  try {
+    DaemonConfig config = read_daemon_config(config_path);
+    log_open(config.log_file, log_level_by_name(config.log_level));
+    // A daemon that holds no lock of ours may be another user's, or another program that agents are content with.
+    if (connects(config.socket_file)) return 0;
+    int lock = take_lock(config.lock_file());
+    if (lock == -1) return 0;
+    if (foreground) return serve(config, start_listening(config));
+    return start_in_background(config);
+  } catch (const std::exception& failure) {
+    log_message(LogLevel::critical, failure.what());
+    fprintf(stderr, "quorbit: %s\n", failure.what());
+    return 1;
+  }
+}
+
+int running_daemon(const DaemonConfig& config) {
+  try {
+    int process = atoi(read_file(config.pid_file).c_str());
+    return process > 0 && (kill(process, 0) == 0 || errno == EPERM) ? process : 0;
+  } catch (const std::runtime_error&) {
+    return 0;
+  }
+}
+
+bool daemon_answers(const DaemonConfig& config) { return connects(config.socket_file); }
+
+}  // namespace quorbit

@@ -1,0 +1,165 @@
+// Layout of the store and the writing half.
+#include "store.h"
+
+#include <utility>
+
+namespace quorbit {
+
+namespace {
+
+constexpr int64_t layout_version = 1;
+
+constexpr const char* layout = R"sql(
+CREATE TABLE action (
+  id INTEGER PRIMARY KEY,
+  received_ms INTEGER NOT NULL,
+  process INTEGER NOT NULL,
+  application TEXT NOT NULL,
+  name TEXT NOT NULL,
+  duration_ms INTEGER NOT NULL,
+  database_ms INTEGER NOT NULL,
+  cache_ms INTEGER NOT NULL,
+  external_ms INTEGER NOT NULL,
+  code_ms INTEGER NOT NULL,
+  status INTEGER NOT NULL,
+  error INTEGER NOT NULL,
+  transaction_id TEXT,
+  tracer_id TEXT,
+  packet BLOB NOT NULL);
+CREATE INDEX action_received ON action (received_ms);
+CREATE INDEX action_transaction ON action (transaction_id) WHERE transaction_id IS NOT NULL;
+CREATE INDEX action_tracer ON action (tracer_id) WHERE tracer_id IS NOT NULL;
+CREATE TABLE profile_event (
+  id INTEGER PRIMARY KEY,
+  received_ms INTEGER NOT NULL,
+  application TEXT NOT NULL,
+  thread INTEGER NOT NULL,
+  packet BLOB NOT NULL);
+CREATE INDEX profile_event_received ON profile_event (received_ms);
+CREATE TABLE profile_order (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  application TEXT NOT NULL,
+  seconds INTEGER NOT NULL,
+  ordered_ms INTEGER NOT NULL,
+  started_ms INTEGER,
+  process INTEGER);
+CREATE TABLE application (
+  name TEXT PRIMARY KEY,
+  query_ms INTEGER,
+  query_process INTEGER,
+  sapi TEXT,
+  php_version TEXT,
+  given TEXT,
+  packet_ms INTEGER,
+  packet_process INTEGER,
+  packets INTEGER NOT NULL DEFAULT 0,
+  seen_ms INTEGER NOT NULL) WITHOUT ROWID;
+PRAGMA user_version = 1;
+)sql";
+
+// The columns are for finding and listing; the packet has the whole texts.
+std::string_view column_text(std::string_view text) { return text.substr(0, 1024); }
+
+}  // namespace
+
+Store::Opened::Opened(const std::string& path) : Database(path, Mode::create) {
+  execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
+  int64_t version = integer("PRAGMA user_version");
+  if (version == 0) {
+    execute("BEGIN IMMEDIATE");
+    execute(layout);
+    execute("COMMIT");
+  } else if (version != layout_version) {
+    throw SqliteError(path + ": made by another version of the daemon; move it away");
+  }
+}
+
+Store::Store(const std::string& path)
+    : database_(path),
+      insert_action_(database_,
+                     "INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, "
+                     "code_ms, status, error, transaction_id, tracer_id, packet) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?)"),
+      insert_event_(database_, "INSERT INTO profile_event (received_ms, application, thread, packet) VALUES (?,?,?,?)"),
+      packet_seen_(database_,
+                   "INSERT INTO application (name, packet_ms, packet_process, packets, seen_ms) VALUES (?1, ?2, ?3, 1, ?2) ON CONFLICT "
+                   "(name) DO UPDATE SET packet_ms = ?2, packet_process = ?3, packets = packets + 1, seen_ms = ?2"),
+      query_seen_(database_,
+                  "INSERT INTO application (name, query_ms, query_process, sapi, php_version, given, seen_ms) VALUES (?1, ?2, ?3, ?4, ?5, "
+                  "?6, ?2) ON CONFLICT (name) DO UPDATE SET query_ms = ?2, query_process = ?3, sapi = ?4, php_version = ?5, given = ?6, "
+                  "seen_ms = ?2"),
+      // An application's name can come from a request's Host header: their number must not grow without end.
+      keep_applications_(database_,
+                         "DELETE FROM application WHERE name IN (SELECT name FROM application ORDER BY seen_ms DESC LIMIT -1 OFFSET 1024)"),
+      used_pages_(database_, "SELECT (SELECT page_count FROM pragma_page_count) - (SELECT freelist_count FROM pragma_freelist_count)"),
+      page_size_(database_.integer("PRAGMA page_size")) {}
+
+void Store::add(const StoredPacket& packet) {
+  if (packet.type == record_thread_profile) add_profile_event(packet);
+  else add_action(packet);
+}
+
+void Store::add_action(const StoredPacket& packet) {
+  auto action = read_action(packet.body);
+  if (!action) return;
+  std::string_view application = column_text(action->application);
+  insert_action_.bind(1, packet.received_ms).bind(2, packet.process).bind(3, application).bind(4, column_text(action->name));
+  insert_action_.bind(5, action->duration_ms).bind(6, action->database_ms).bind(7, action->cache_ms).bind(8, action->external_ms);
+  insert_action_.bind(9, action->code_ms()).bind(10, action->status());
+  insert_action_.bind(11, int64_t{action->error.has_value()});
+  if (!action->transaction_id.empty()) insert_action_.bind(12, column_text(action->transaction_id));
+  if (!action->tracer_id.empty()) insert_action_.bind(13, column_text(action->tracer_id));
+  insert_action_.bind_blob(14, packet.body).run();
+  packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
+}
+
+void Store::add_profile_event(const StoredPacket& packet) {
+  auto event = read_profile_event(packet.body);
+  if (!event) return;
+  insert_event_.bind(1, packet.received_ms).bind(2, column_text(event->application)).bind(3, event->thread);
+  insert_event_.bind_blob(4, packet.body).run();
+}
+
+void Store::add(const StoredQuery& query) {
+  query_seen_.bind(1, column_text(query.application)).bind(2, query.received_ms).bind(3, query.process);
+  query_seen_.bind(4, column_text(query.sapi)).bind(5, column_text(query.php_version)).bind(6, query.given).run();
+}
+
+void Store::prune(int64_t most_bytes) {
+  keep_applications_.run();
+  auto used_bytes = [this] {
+    used_pages_.step();
+    int64_t pages = used_pages_.integer(0);
+    used_pages_.reset();
+    return pages * page_size_;
+  };
+  while (used_bytes() > most_bytes) {
+    constexpr const char* oldest_action = "SELECT received_ms FROM action ORDER BY id LIMIT 1";
+    constexpr const char* oldest_event = "SELECT received_ms FROM profile_event ORDER BY id LIMIT 1";
+    int64_t action_ms = database_.integer(oldest_action), event_ms = database_.integer(oldest_event);
+    if (action_ms == 0 && event_ms == 0) return;
+    bool event = action_ms == 0 || (event_ms != 0 && event_ms < action_ms);
+    // A few at a time: one packet may be 16 MiB, and no more is to go than must.
+    if (event) database_.execute("DELETE FROM profile_event WHERE id IN (SELECT id FROM profile_event ORDER BY id LIMIT 64)");
+    else database_.execute("DELETE FROM action WHERE id IN (SELECT id FROM action ORDER BY id LIMIT 16)");
+  }
+}
+
+bool Store::changed_by_others() {
+  int64_t version = database_.integer("PRAGMA data_version");
+  return std::exchange(data_version_, version) != version;
+}
+
+std::vector<ProfileOrder> Store::waiting_orders(int64_t now_wall_ms) {
+  Statement select(database_, "SELECT id, application, seconds FROM profile_order WHERE started_ms IS NULL AND ordered_ms > ?");
+  select.bind(1, now_wall_ms - profile_wait_ms);
+  std::vector<ProfileOrder> orders;
+  while (select.step()) orders.push_back({select.integer(0), select.text(1), select.integer(2)});
+  return orders;
+}
+
+void Store::order_started(const ProfileSession& session) {
+  Statement update(database_, "UPDATE profile_order SET started_ms = ?, process = ? WHERE id = ?");
+  update.bind(1, session.started_ms).bind(2, session.process).bind(3, session.order.id).run();
+}
+
+}  // namespace quorbit

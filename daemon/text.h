@@ -1,0 +1,54 @@
+// Text for terminals and programs: escaping, cutting, wrapping, tables, times.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quorbit {
+
+// The text as UTF-8: every invalid byte becomes U+FFFD.
+std::string valid_utf8(std::string_view text);
+
+// The text as one harmless line for a terminal: control and direction characters and invalid bytes are written as escapes (\n, \x1b, \u202e).
+std::string printable(std::string_view text);
+
+// Columns that printable text takes (its code points).
+size_t text_width(std::string_view text);
+
+// Printable text in at most `width` columns; what is cut is marked by an ellipsis.
+std::string cut(std::string_view text, size_t width);
+
+// Printable text as lines of at most `width` columns, broken at blanks where there are some; after `most` lines an ellipsis ends it.
+std::vector<std::string> wrap(std::string_view text, size_t width, size_t most);
+
+struct Column {
+  std::string title;
+  bool right = false;     // alignment
+  size_t most = SIZE_MAX;  // columns; longer cells are cut
+};
+
+// Rows of printable cells under their titles, two blanks between columns, each line ended by a line feed.
+std::string table(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows);
+
+// "37%" of the whole; "-" when there is no whole.
+std::string percent(int64_t part, int64_t whole);
+
+// Local time "2024-05-31 13:45:12" of milliseconds since 1970.
+std::string local_time(int64_t wall_ms);
+
+// "2024-05-31T11:45:12.345Z"
+std::string utc_time(int64_t wall_ms);
+
+// "12 s ago", "5 min ago", "3 h ago", "2 d ago"
+std::string ago(int64_t wall_ms, int64_t now_wall_ms);
+
+// Milliseconds since 1970.
+int64_t wall_clock_ms();
+
+// Seconds of "90", "90s", "15m", "2h", "7d"; nothing for anything else and for what is not positive.
+std::optional<int64_t> parse_seconds(std::string_view text);
+
+}  // namespace quorbit
