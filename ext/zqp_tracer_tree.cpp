@@ -4,7 +4,9 @@
 
 #include <cJSON.h>
 
+extern "C" {
 #include "ext/standard/html.h"
+}
 #include "zqp_json.h"
 #include "zqp_lock.h"
 #include "zqp_webservice.h"
