@@ -10,17 +10,23 @@ import engines  # noqa: E402
 from skips import pytest_make_collect_report, pytest_runtest_makereport  # noqa: E402,F401
 
 
-@pytest.fixture(scope="session")
-def shim(tmp_path_factory):
-    """Environment that puts shim.c between an engine and the machine, and the two files by which to steer it."""
-    folder = tmp_path_factory.mktemp("shim")
-    library, meminfo, clock = folder / "shim.so", folder / "meminfo", folder / "clock"
-    subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", library, Path(__file__).parent / "shim.c"], check=True)
-    return {"LD_PRELOAD": str(library), "SHIM_MEMINFO": str(meminfo), "SHIM_CLOCK": str(clock)}
-
-
 @pytest.fixture
 def site():
     found = engines.Site()
     yield found
     found.close()
+
+
+@pytest.fixture(scope="session")
+def shim_library(tmp_path_factory):
+    library = tmp_path_factory.mktemp("shim") / "shim.so"
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, Path(__file__).parent / "shim.c", "-Wl,--no-as-needed",
+                    engines.EXTENSION], check=True)
+    return library
+
+
+@pytest.fixture
+def shim(site, shim_library):
+    """Puts shim.c between the agent and the machine; the environment that names the two files by which to steer it."""
+    site.extension = shim_library
+    return {"SHIM_MEMINFO": str(site.root / "meminfo"), "SHIM_CLOCK": str(site.root / "clock")}

@@ -19,7 +19,7 @@ from fake_daemon import FakeDaemon, wait_until
 
 PROJECT = Path(__file__).resolve().parents[2]
 ENGINE = PROJECT / "build/engine"
-EXTENSION = PROJECT / "build/zqprof.so"
+EXTENSION = Path(os.environ.get("QUORBIT_EXTENSION", PROJECT / "build/zqprof.so"))     # another build, such as a sanitized one
 WEB_USER = "www-data"
 IS_ROOT = os.geteuid() == 0
 
@@ -100,6 +100,7 @@ class Site:
         self.settings = {"zqs.prefix": self.root / "prefix", "zqs.runtime_root": self.root, "zqs.app_name": "Shop", **ini}
         self.daemon = FakeDaemon(str(self.logs / ".quorbit.sock"))
         self.servers = []
+        self.extension = EXTENSION
 
     def close(self):
         for server in self.servers:
@@ -116,7 +117,7 @@ class Site:
         for preload in [settings.pop("zend_extension", None)]:
             text += f'zend_extension="{preload}"\n' if preload else ""
         if agent:
-            text += f'extension="{EXTENSION}"\n'
+            text += f'extension="{self.extension}"\n'
             settings.update(self.settings)
             settings.update({k: v for k, v in (extra or {}).items() if k.startswith("zqs.")})
         text += "".join(f'{key}="{value}"\n' for key, value in settings.items())
@@ -144,11 +145,10 @@ class Site:
             result.status, result.headers, result.body = parse_cgi(done.stdout)
         return result
 
-    def both(self, binary, arguments, ini=None, env=None, stdin=b"", web=False, twin=True, differs=(), agent_env=None):
+    def both(self, binary, arguments, ini=None, env=None, stdin=b"", web=False, twin=True, differs=()):
         """Runs a process with the agent, collects what the daemon got, and compares with a run of the bare engine."""
         self.daemon.forget()
-        result = self.run([ENGINE / "bin" / binary, "-c", self.ini_file(True, ini), *arguments],
-                          {**(env or {}), **(agent_env or {})}, stdin, web)
+        result = self.run([ENGINE / "bin" / binary, "-c", self.ini_file(True, ini), *arguments], env, stdin, web)
         self.daemon.settle()
         result.queries, result.metrics, result.events = map(self.daemon.received, (wire.Query, wire.Metric, wire.Event))
         if twin:

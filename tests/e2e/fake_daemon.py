@@ -3,6 +3,7 @@ import os
 import select
 import socket
 import struct
+import sys
 import threading
 import time
 from contextlib import contextmanager
@@ -11,6 +12,9 @@ import wire
 
 HANG_UP = object()    # as a reply: close the connection instead of answering
 SILENCE = None        # as a reply: say nothing, keep the connection
+
+sys.setrecursionlimit(100_000)                    # a trace is as deep as the calls were
+threading.stack_size(256 << 20)
 
 PLAIN = {"zqs.resource.enabled": "false"}    # a busy test machine must not shed traces
 
@@ -128,10 +132,10 @@ class FakeDaemon:
         try:
             while self._one(connection):
                 pass
-        except wire.WireError as fault:
-            self.faults.append(f"pid {connection.pid}: {fault}")
         except OSError:
             pass                                  # a reset by the peer
+        except Exception as fault:
+            self.faults.append(f"pid {connection.pid}: {fault!r}")
         finally:
             with self._changed:
                 connection.open = False

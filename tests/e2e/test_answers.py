@@ -1,0 +1,158 @@
+"""Every kind of answer a daemon may give, what becomes of it, and what hostile ones cost."""
+import random
+import time
+
+import pytest
+
+import wire
+from engines import FastCgi
+from fake_daemon import HANG_UP, PLAIN, SILENCE
+from wire import answer, record
+
+URI = "/shop/list.php?page=3&tag=ab"
+ALL_KEYS = {
+    "zqs.agent_enabled": "TRUE", "zqs.auto_action_naming": "0", "zqs.urls_captured": "shop", "zqs.capture_params": "true",
+    "zqs.ignored_params": "tag", "zqs.error_collector.enabled": "true", "zqs.error_collector.record_db_errors": "true",
+    "zqs.error_collector.ignored_status_codes": "404", "zqs.action_tracer.enabled": "true",
+    "zqs.action_tracer.action_threshold": "1", "zqs.action_tracer.stack_trace_threshold": "1",
+    "zqs.action_tracer.record_sql": "obfuscated", "zqs.action_tracer.slow_sql": "true",
+    "zqs.action_tracer.slow_sql_threshold": "1", "zqs.action_tracer.explain_enabled": "true",
+    "zqs.action_tracer.explain_threshold": "1", "zqs.naming.rules": "[]",
+    "zqs.web_action_uri_params_captured": "/shop/list.php,page", "zqs.rum.enabled": "false", "zqs.rum.script": "",
+    "zqs.rum.sample_ratio": "0.5", "zqs.vantorIdSecret": "12|34", "zqs.transaction_tracer.enabled": "true",
+    "zqs.resource.enabled": "true", "zqs.resource.low": "100", "zqs.resource.high": "101", "zqs.resource.safe": "102",
+    "zqs.resource.used": "1",
+}
+PARAMS = {"zqs.capture_params": "1"}
+SETTINGS = b"".join(record(0x0D, f"{key}={value}") for key, value in {**PLAIN, **PARAMS}.items())
+STAMP = record(0x0C, b"\7" + bytes(7))
+HOLDS = [("page", "3"), ("tag", "ab")]
+
+
+def packet(*parts, length=None):
+    body = b"".join(parts)
+    return record(0x0A, body) if length is None else b"\x0a" + length.to_bytes(3, "big") + body
+
+
+def within(result, blocked):
+    """A blocked call costs about 100 ms; so many are allowed, and they must really have happened."""
+    assert (blocked - 0.5) * 100 < result.ms - result.bare.ms < blocked * 100 + 250
+
+
+def test_all_keys_take_effect(site):
+    end = int(time.monotonic()) + 60
+    site.daemon.configure({**ALL_KEYS, "zqs.profile_end_time": str(end), "zqs.new.key": "1", "": "", "x": ""}, 2**64 - 2, app_id="a1")
+    result = site.cgi("function f() {} usleep(3000); f();", URI)
+    metric = result.metric
+    assert metric.params == [("page", "3")] and metric.action.startswith("WebAction/URI/shop%2Flist.php")
+    assert metric.tracer_id and metric.transaction_id
+    assert [event.name for event in result.events] == ["Web", "usleep", "usleep", "f", "f", "ok"]
+
+
+@pytest.mark.parametrize("reply, params, opened, blocked, line", [
+    # what a daemon should say
+    pytest.param(packet(STAMP, SETTINGS), HOLDS, 1, 0, None, id="stamp and settings"),
+    pytest.param(packet(STAMP, record(0x10, "app-1"), SETTINGS), HOLDS, 1, 0, None, id="application id"),
+    pytest.param(packet(STAMP), [], 1, 0, "update config time=", id="stamp alone"),
+    pytest.param(packet(), [], 1, 0, "no config data, use default setting", id="nothing"),
+    pytest.param(packet(SETTINGS), HOLDS, 1, 0, None, id="settings without a stamp"),
+    pytest.param(packet(record(0x0C, bytes(8)), SETTINGS), [], 1, 0, "local config is newest", id="equal stamp"),
+    pytest.param(packet(STAMP, record(0x77, "?"), record(0x0D, "zqs.Capture_params=0"), record(0x0D, ""), record(0x0D, "x"),
+                        record(0x0D, "="), record(0x10, ""), SETTINGS), HOLDS, 1, 0, None, id="unknown types and keys"),
+    pytest.param(packet(STAMP, SETTINGS, record(0x0D, "zqs.urls_captured=")), HOLDS, 1, 0, None, id="empty text"),
+    # and what it should not
+    pytest.param(packet(STAMP, SETTINGS, b"\x0d\0\0\x64zqs"), HOLDS, 1, 0, None, id="record overruns"),
+    pytest.param(packet(STAMP, SETTINGS, b"\x0d\xff\xff\xff"), HOLDS, 1, 0, None, id="record overruns by 16 MiB"),
+    pytest.param(packet(STAMP, SETTINGS, b"\x0d\0"), HOLDS, 1, 0, None, id="header cut"),
+    pytest.param(packet(record(0x0C, b"\7\0\0\0"), SETTINGS), HOLDS, 1, 0, None, id="short stamp"),
+    pytest.param(packet(record(0x0C, bytes(9)), SETTINGS), HOLDS, 1, 0, None, id="long stamp"),
+    pytest.param(packet(record(0x0C, ""), SETTINGS), HOLDS, 1, 0, None, id="empty stamp"),
+    pytest.param(packet(STAMP, SETTINGS, length=4000), [], 2, 1, "recv app config data fail", id="half an answer"),
+    pytest.param(b"\x0a\0", [], 2, 1, "recv app config header fail", id="half a header"),
+    pytest.param(SILENCE, [], 2, 1, "recv app config header fail: -1 bytes", id="silence"),
+    pytest.param(HANG_UP, [], 2, 0, "recv app config header fail: 0 bytes", id="hanging up"),
+    pytest.param(record(0x0B, STAMP + SETTINGS), [], 1, 0, "data is not PK_APPINFO!", id="another packet"),
+    pytest.param(packet(STAMP, record(0x77, bytes(2**24 - 1 - 4 - len(STAMP) - len(SETTINGS))), SETTINGS), HOLDS, 1, 0, None,
+                 id="16 MiB"),
+    pytest.param(packet(STAMP, SETTINGS, record(0x0D, "zqs.urls_captured=" + "(" * 30000)), None, 1, 0, None, id="wild pattern"),
+    pytest.param(packet(STAMP, SETTINGS, record(0x0D, b"zqs.ignored_params=\0,page\xff,\n"), record(0x0D, b"zqs.cap\0=0")), HOLDS, 1, 0,
+                 None, id="bytes that are no text"),
+    *[pytest.param(packet(random.Random(seed).randbytes(4096)), [], 1, 0, None, id=f"noise {seed}") for seed in range(4)],
+])
+def test_answers(site, reply, params, opened, blocked, line):
+    """The page is the same whatever comes, and the packet arrives, over a new connection where the old one is of no use."""
+    site.daemon.reply = reply
+    result = site.cgi('echo "page";', URI, ini={"zqs.agent_log_level": "DEBUG", "memory_limit": "8M"})
+    assert [metric.params for metric in result.metrics] == ([params] if params is not None else [])
+    assert len(site.daemon.connections) == opened
+    assert not line or line in site.log()
+    within(result, blocked)
+
+
+def test_an_answer_lasts_a_minute(site, shim):
+    """Asked again after 60 s with the stamp held; an equal stamp changes nothing, a new one clears texts but not numbers."""
+    def request(seconds, reply):
+        with open(shim["SHIM_CLOCK"], "w") as clock:
+            clock.write(str(seconds))
+        site.daemon.reply = reply
+        result = server.get("echo 1;", URI)
+        return [query.stamp for query in result.queries], [name for name, _ in result.metric.params]
+
+    everything = {**PLAIN, **PARAMS, "zqs.ignored_params": "tag"}
+    server = site.serve(FastCgi, env=shim)
+    assert request(0, answer(stamp=None)) == ([0], [])
+    assert request(0, answer(everything, stamp=None)) == ([0], ["page"])
+    assert request(0, answer(everything, 2**40 + 5)) == ([0], ["page"])
+    assert request(58, SILENCE) == ([], ["page"])
+    assert request(61, answer({"zqs.capture_params": "0"}, 2**40 + 5)) == ([2**40 + 5], ["page"])
+    assert request(119, SILENCE) == ([], ["page"])
+    assert request(122, answer({"zqs.urls_captured": "shop"}, 6)) == ([2**40 + 5], ["page", "tag"])
+    assert request(183, SILENCE) == ([6], ["page", "tag"])
+    assert request(184, answer({"zqs.ignored_params": "page"}, 7)) == ([6], ["tag"])
+
+
+def test_applications_are_configured_apart(site):
+    """One process, two applications: each asks for itself and keeps its own settings."""
+    site.daemon.reply = lambda query: answer({**PLAIN, **(PARAMS if query.app.endswith(":1") else {})})
+    server = site.serve(FastCgi, {"zqs.auto_app_naming": "2"})
+    for port, asked, params in [("1", 1, HOLDS), ("2", 1, []), ("1", 0, HOLDS), ("2", 0, [])]:
+        result = server.get("", URI, env={"SERVER_PORT": port})
+        assert (len(result.queries), result.metric.params, result.metric.app) == (asked, params, f"Shop:{port}")
+
+
+def test_a_daemon_that_is_absent_costs_no_time_and_no_output(site):
+    with site.daemon.absent():
+        within(site.cgi('echo "page";'), 0)
+    assert site.log().count("connect socket ") == 2      # one for the query, one for the packet; none at start-up
+
+
+def test_a_daemon_that_accepts_nobody_costs_one_time_out_per_connect(site):
+    with site.daemon.full_backlog():
+        within(site.cgi('echo "page";'), 3)
+
+
+def test_a_daemon_that_does_not_read_costs_one_time_out(site):
+    site.daemon.deaf = True
+    site.daemon.configure(PARAMS)
+    form = "&".join(f"p{i}=" + "x" * 4000 for i in range(200)).encode()
+    within(site.cgi('echo count($_POST);', method="POST", body=form, ini={"max_input_vars": "1000"}), 1)
+    assert "send metric data fail" in site.log()
+
+
+def test_a_daemon_that_hangs_up_at_once(site):
+    site.daemon.hang_up_on_accept = True
+    within(site.cgi('echo "page";'), 0)
+    assert "fail" in site.log()
+
+
+def test_a_daemon_that_dies_between_requests_loses_what_was_on_its_way(site):
+    server = site.serve(FastCgi)
+    server.get("echo 1;")
+    site.daemon.cut()
+    server.get("echo 2;", metrics=0)
+    assert server.get("echo 3;").metric.action == "WebAction/URI/index.php"
+    with site.daemon.absent():
+        server.get("echo 4;", metrics=0)
+        server.get("echo 5;", metrics=0)
+    assert server.get("echo 6;").queries == []
+    assert "send metric data fail" in site.log()

@@ -1,0 +1,140 @@
+"""The metric packet of a request: which records it has, and what they say."""
+import os
+import re
+
+import pytest
+
+HEADERS = {"Referer": "http://a.test/?q=1", "User-Agent": "probe/1.0"}
+NUMBERS = [0x1A, 0x1B, 0x14, 0x15, 0x16]
+
+
+def test_records_of_a_web_request(site):
+    site.daemon.configure({"zqs.capture_params": "1"})
+    result = site.cgi('http_response_code(203); function work() { usleep(20000); } work();', "/shop/a12.php?x=1&y=2", "POST",
+                      b"z=3", HEADERS, ini={"zqs.license_key": "12345"})
+    metric = result.metric
+    assert metric.kinds == [0x11, 0x0E, 0x12, 0x21, *NUMBERS, *[0x2B] * len(metric.components), *[0x24] * 4, *[0x23] * 3]
+    assert (metric.app, metric.license, metric.action) == ("Shop", "12345", "WebAction/URI/shop%2Fa*.php")
+    assert metric.uri == "/shop/a12.php"
+    pid, = {c.pid for c in site.daemon.connections}
+    assert metric.details == {"referer": HEADERS["Referer"], "user-agent": HEADERS["User-Agent"], "threadName": f"pid-{pid}",
+                              "httpStatus": "203"}
+    assert metric.params == [("x", "1"), ("y", "2"), ("z", "3")]
+    assert "PHP/NULL/work" in metric.components
+
+
+@pytest.mark.parametrize("headers, names", [
+    ({}, ["threadName", "httpStatus"]),
+    ({"Referer": "", "User-Agent": "a"}, ["user-agent", "threadName", "httpStatus"])])
+def test_absent_and_empty_headers_are_left_out(site, headers, names):
+    assert list(site.cgi("", headers=headers).metric.details) == names
+
+
+def test_records_of_a_command_line_run(site):
+    site.daemon.configure({"zqs.capture_params": "1"})
+    metric = site.cli("", env={"HTTP_REFERER": "a", "QUERY_STRING": "x=1"}).metric
+    assert metric.kinds == [0x11, 0x0E, 0x12, *NUMBERS, *[0x2B] * len(metric.components)]
+    assert metric.action.startswith("BackgroundAction/Script/")
+
+
+def test_times_are_those_of_the_request(site):
+    """A quarter second of work, then a nap: duration in ms, processor time in clock ticks of the whole run."""
+    result = site.cgi('do { $r = getrusage(); } while ($r["ru_utime.tv_sec"] * 1000 + $r["ru_utime.tv_usec"] / 1000 < 250);'
+                      'usleep(100000);')
+    metric, hz = result.metric, os.sysconf("SC_CLK_TCK")
+    assert 300 <= metric.duration_ms <= result.ms
+    assert 0.15 * hz <= metric.cpu_ticks <= 0.5 * hz
+    assert 0 <= metric.system_ticks <= 0.5 * hz
+    assert (metric.db_ms, metric.block_ms, metric.calls_ms) == (0, 0, 0)
+    own = sum(own for _, own in metric.components.values())
+    assert own == metric.duration_ms, "components and remainder account for every millisecond"
+
+
+COMPONENTS = r"""
+namespace App\Shop { class Cart { function total() { usleep(6000); inner(); } static function sum() { usleep(4000); } }
+                     function inner() { usleep(5000); } }
+namespace { function outer() { usleep(4000); \App\Shop\inner(); }
+            function fast() { }
+            outer(); outer(); fast(); $c = new \App\Shop\Cart; $c->total(); $c->sum();
+            call_user_func(array($c, "sum")); }
+"""
+
+
+def test_outermost_functions_become_components(site):
+    found = site.cgi(COMPONENTS).metric.components
+    compiled, rest = found.pop("PHP/NULL/compile"), found.pop("PHP/NULL/remainder code", None)
+    assert compiled[0] == compiled[1] and (rest is None or rest[0] == rest[1] > 0)
+    assert set(found) == {"PHP/NULL/outer", "PHP/App\\\\Shop\\\\Cart/total", "PHP/App\\\\Shop\\\\Cart/sum"}
+    for name, least in (("PHP/NULL/outer", 18), ("PHP/App\\\\Shop\\\\Cart/total", 11), ("PHP/App\\\\Shop\\\\Cart/sum", 8)):
+        total, own = found[name]
+        assert least <= total < least + 100 and own == total
+
+
+def test_long_component_names_are_cut_at_127_bytes(site):
+    name = "f" * 300
+    found = site.cgi(f"function {name}() {{ usleep(15000); }} {name}();").metric.components
+    total, own = found[next(n for n in found if "fff" in n)]
+    assert next(n for n in found if "fff" in n) == f"{total}\n{own}\nPHP/NULL/{name}"[:127].split("\n")[2]
+
+
+@pytest.mark.parametrize("uri, body, ignored, expected", [
+    ("?a=1&ab=2", b"", "a,b", [("ab", "2")]),
+    ("?A=1&b=2", b"", "a,b", [("A", "1")]),
+    ("?a=1", b"a=2&c=3", None, [("a", "1"), ("a", "2"), ("c", "3")]),
+    ("?x[]=1&x[y]=2&s=", b"", None, [("s", "")]),
+    ("?7=seven&k=a%00b%0A%3A%20c", b"", None, [("k", "a\0b\n: c")]),
+    ("?v=" + "x" * 5000, b"w=" + b"y" * 4096, None, [("v", "x" * 4096), ("w", "y" * 4096)]),
+    ("?u=%C3%BC%FF", b"", "", [("u", "ü\udcff")]),
+])
+def test_parameters(site, uri, body, ignored, expected):
+    site.daemon.configure({"zqs.capture_params": "1", **({"zqs.ignored_params": ignored} if ignored is not None else {})})
+    result = site.cgi('echo count($_GET), count($_POST);', "/index.php" + uri, "POST" if body else "GET", body)
+    assert result.metric.params == expected
+
+
+def test_parameters_are_private_unless_asked_for(site):
+    assert site.cgi("", "/index.php?a=1").metric.params == []
+
+
+@pytest.mark.parametrize("auto, uri, action", [
+    ("0", "/", "URI/index"),
+    ("0", "/order/2017/view", "URI/order%2F*%2Fview"),
+    ("0", "/a1b/a12b/7", "URI/a1b%2Fa*b%2F7"),
+    ("1", "/index.php/user/7", "URI/index.php"),
+    ("1", "/x/INDEX.PHP/user", "URI/x%2FINDEX.PHP"),
+    ("1", "/rest/items", "PHP{script}"),
+])
+def test_action_names(site, auto, uri, action):
+    site.daemon.configure({"zqs.auto_action_naming": auto})
+    script = re.sub("[0-9]{2,}", "*", str(site.docroot / "index.php")).replace("/", "%2F").replace("%2F", "/", 1)
+    assert site.cgi("", uri).metric.action == "WebAction/" + action.format(script=script)
+
+
+def test_captured_parameters_take_part_in_the_name(site):
+    site.daemon.configure({"zqs.auto_action_naming": "0",
+                           "zqs.web_action_uri_params_captured": "/other.php,x|/list.php,page sort,who,X-Kind"})
+    result = site.cgi("", "/list.php?sort=asc&page=3", "POST", b"who=" + b"%22me", {"X-Kind": "42"})
+    assert result.metric.action == 'WebAction/URI/list.php?page=3&sort=asc&who=\\"me&X-Kind=*'
+
+
+def test_action_can_be_cut_by_the_script_itself(site):
+    """A worker reports its jobs one by one; a second start drops the open one, and nothing is left for the end of the run."""
+    result = site.cli("""
+        function job() { usleep(3000); }
+        if (function_exists("vantor_start_webaction")) {
+            vantor_start_webaction("dropped"); vantor_start_webaction("orders/list"); job(); vantor_end_webaction();
+            vantor_start_webaction("sync"); job(); vantor_end_webaction(); vantor_end_webaction();
+        } else { job(); job(); }""")
+    assert [metric.action for metric in result.metrics] == ["WebAction/orders/list", "WebAction/API/sync"]
+    assert all(metric.duration_ms >= 3 and metric.components["PHP/NULL/job"][0] >= 3 for metric in result.metrics)
+
+
+@pytest.mark.parametrize("count, arrives", [(2000, True), (4090, False)])
+def test_packets_of_16_mib_and_more_cannot_be_framed(site, count, arrives):
+    """The longest that fits arrives whole; a longer one is dropped with a word in the log."""
+    site.daemon.configure({"zqs.capture_params": "1"})
+    form = "&".join(f"p{i}=" + "x" * 4096 for i in range(count)).encode()
+    result = site.cgi("echo count($_POST);", method="POST", body=form,
+                      ini={"memory_limit": "256M", "post_max_size": "32M", "max_input_vars": "5000"})
+    assert [len(metric.params) for metric in result.metrics] == ([count] if arrives else [])
+    assert ("metric data too large: " in site.log()) != arrives
