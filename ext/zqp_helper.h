@@ -160,7 +160,7 @@ int zq_strncasecmp(const char *a, const char *b, size_t len);
 
 /* ---- zqp_helper_regex.cpp ------------------------------------------------------------------------------------------ */
 /* 1 when the C library's compiler can take the pattern (extended syntax) safely: at most 1,024 bytes, groups at most 64
- * deep, nested repeats multiplying to at most 1,000, at most 5,000 atoms once they are unfolded. It crashes, or runs
+ * deep, nested repeats multiplying to at most 1,000, at most 3,000 atoms once they are unfolded. It crashes, or runs
  * for seconds, on others. */
 int zq_regex_is_bounded(const char *pattern);
 

@@ -5,7 +5,7 @@
 static const size_t max_pattern_len = 1024;
 static const int max_depth = 64;
 static const unsigned long max_repeats = 1000; /* of one atom, by all the repeats that it is nested in */
-static const unsigned long max_atoms = 5000;   /* after unfolding: about 20 ms and 40 MiB for the worst of them */
+static const unsigned long max_atoms = 3000;   /* after unfolding: 0.1 s and 100 MiB for the worst of them */
 static const unsigned long max_count = 32767;  /* RE_DUP_MAX: beyond it a pattern does not compile */
 
 /* An open group, or the whole pattern. */
