@@ -15,7 +15,6 @@ typedef struct zq_stack_data {
 	int func_length;
 	/* private */
 	zval **return_slot;              /* where the return value appears; null when unused. The zval is read after the call */
-	zend_uint fn_flags;              /* of the callee, read before the call */
 	zval *object;                    /* of the call, as before it */
 } zq_stack_data;
 
@@ -26,6 +25,7 @@ typedef struct zq_user_func_data {
 	int func_full_size;                 /* length and NUL, as 5.6 counts hash keys */
 	/* private */
 	unsigned component_generation;
+	bool is_function;                   /* false: include, require or eval */
 } zq_user_func_data;
 
 /* Runs before a watched user function; bit 0 of the result asks for a component. */

@@ -104,11 +104,10 @@ const zq_after_row *find_recorder(const zq_stack_data *stack_data)
 	return row ? find_method(row, stack_data) : NULL;
 }
 
-/* 1 when a recorder has taken the call. Temporary functions (__call, closures) bear the name of what a script asked for,
- * not of what runs. */
+/* 1 when a recorder has taken the call. */
 int record_call(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC)
 {
-	if (!stack_data->func_hash_code || stack_data->fn_flags & ZEND_ACC_CALL_VIA_HANDLER) {
+	if (!stack_data->func_hash_code) {
 		return 0;
 	}
 	const zq_after_row *row = find_recorder(stack_data);
