@@ -63,7 +63,7 @@ std::string_view column_text(std::string_view text) { return text.substr(0, 1024
 }  // namespace
 
 Store::Opened::Opened(const std::string& path) : Database(path, Mode::create) {
-  execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
+  execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
   int64_t version = integer("PRAGMA user_version");
   if (version == 0) {
     execute("BEGIN IMMEDIATE");
@@ -126,22 +126,37 @@ void Store::add(const StoredQuery& query) {
 
 void Store::prune(int64_t most_bytes) {
   keep_applications_.run();
-  auto used_bytes = [this] {
-    used_pages_.step();
-    int64_t pages = used_pages_.integer(0);
-    used_pages_.reset();
-    return pages * page_size_;
-  };
-  while (used_bytes() > most_bytes) {
-    constexpr const char* oldest_action = "SELECT received_ms FROM action ORDER BY id LIMIT 1";
-    constexpr const char* oldest_event = "SELECT received_ms FROM profile_event ORDER BY id LIMIT 1";
-    int64_t action_ms = database_.integer(oldest_action), event_ms = database_.integer(oldest_event);
-    if (action_ms == 0 && event_ms == 0) return;
+  for (int64_t excess; (excess = used_bytes() - most_bytes) > 0;) {
+    int64_t action_ms = database_.integer("SELECT received_ms FROM action ORDER BY id LIMIT 1");
+    int64_t event_ms = database_.integer("SELECT received_ms FROM profile_event ORDER BY id LIMIT 1");
+    if (action_ms == 0 && event_ms == 0) break;
     bool event = action_ms == 0 || (event_ms != 0 && event_ms < action_ms);
-    // A few at a time: one packet may be 16 MiB, and no more is to go than must.
-    if (event) database_.execute("DELETE FROM profile_event WHERE id IN (SELECT id FROM profile_event ORDER BY id LIMIT 64)");
-    else database_.execute("DELETE FROM action WHERE id IN (SELECT id FROM action ORDER BY id LIMIT 16)");
+    remove_oldest(event ? "profile_event" : "action", excess);
   }
+  // Pages that were freed are used again; only many of them are worth moving others for.
+  int64_t free_bytes = database_.integer("PRAGMA freelist_count") * page_size_;
+  if (free_bytes > most_bytes / 4) database_.execute("PRAGMA incremental_vacuum");
+}
+
+int64_t Store::used_bytes() {
+  used_pages_.step();
+  int64_t pages = used_pages_.integer(0);
+  used_pages_.reset();
+  return pages * page_size_;
+}
+
+// Removes as many of the oldest rows as hold about `bytes`, at least one and at most 4096.
+void Store::remove_oldest(const std::string& table, int64_t bytes) {
+  constexpr int64_t row_bytes = 300;  // about what a row and its index entries take beside the packet
+  int64_t last_id = 0;
+  {
+    Statement select(database_, "SELECT id, length(packet) FROM " + table + " ORDER BY id LIMIT 4096");
+    while (bytes > 0 && select.step()) {
+      last_id = select.integer(0);
+      bytes -= select.integer(1) + row_bytes;
+    }
+  }
+  Statement(database_, "DELETE FROM " + table + " WHERE id <= ?").bind(1, last_id).run();
 }
 
 bool Store::changed_by_others() {

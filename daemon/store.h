@@ -48,6 +48,8 @@ class Store {
  private:
   void add_action(const StoredPacket& packet);
   void add_profile_event(const StoredPacket& packet);
+  int64_t used_bytes();
+  void remove_oldest(const std::string& table, int64_t bytes);
 
   // Its constructor brings the file's layout up to date, before the statements below are prepared.
   struct Opened : Database {

@@ -15,6 +15,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr size_t most_queued_bytes = size_t{64} << 20;
+constexpr size_t most_transaction_bytes = size_t{8} << 20;
 constexpr auto batch_time = 100ms;   // what is waited for company before a commit
 constexpr auto idle_time = 500ms;    // between looks at the profile orders
 constexpr int64_t retry_seconds = 5;
@@ -67,7 +68,7 @@ void StoreWriter::enqueue(Item item, size_t bytes) {
 }
 
 // Fills the batch with what has come; empty after idle_time without anything. False when the thread is to end.
-bool StoreWriter::wait_for_batch(std::vector<Item>& batch) {
+bool StoreWriter::wait_for_batch(Batch& batch) {
   std::unique_lock lock(mutex_);
   arrived_.wait_for(lock, idle_time, [this] { return stopping_ || !queue_.empty(); });
   if (!queue_.empty()) arrived_.wait_for(lock, batch_time, [this] { return stopping_ || queued_bytes_ > most_queued_bytes / 4; });
@@ -79,7 +80,7 @@ bool StoreWriter::wait_for_batch(std::vector<Item>& batch) {
 }
 
 void StoreWriter::run() {
-  std::vector<Item> batch;
+  Batch batch;
   for (bool running = true; running;) {
     running = wait_for_batch(batch);
     bool written = open_when_due() && write(batch);
@@ -105,21 +106,28 @@ bool StoreWriter::open_when_due() {
   }
 }
 
-bool StoreWriter::write(const std::vector<Item>& batch) {
+bool StoreWriter::write(const Batch& batch) {
   try {
     exchange_orders();
-    if (!batch.empty()) {
-      store_->begin();
-      for (const Item& item : batch) std::visit([this](const auto& value) { store_->add(value); }, item);
-      store_->prune(most_bytes_);
-      store_->commit();
-    }
+    for (auto next = batch.begin(); next != batch.end();) next = write_transaction(next, batch.end());
     if (std::exchange(failing_, false)) log_message(LogLevel::info, "the store works again");
     return true;
   } catch (const SqliteError& failure) {
     failed(failure.what());
     return false;
   }
+}
+
+// Writes items until the transaction is large enough for the log that holds it; returns the first that it left.
+StoreWriter::Batch::const_iterator StoreWriter::write_transaction(Batch::const_iterator next, Batch::const_iterator end) {
+  store_->begin();
+  for (size_t bytes = 0; next != end && bytes < most_transaction_bytes; ++next) {
+    std::visit([this](const auto& value) { store_->add(value); }, *next);
+    if (auto packet = std::get_if<StoredPacket>(&*next)) bytes += packet->body.size();
+  }
+  store_->prune(most_bytes_);
+  store_->commit();
+  return next;
 }
 
 // Orders out of the store to where queries are answered, and news of their start back.

@@ -27,10 +27,12 @@ class StoreWriter {
 
  private:
   using Item = std::variant<StoredPacket, StoredQuery>;
+  using Batch = std::vector<Item>;
   void enqueue(Item item, size_t bytes);
   void run();
-  bool wait_for_batch(std::vector<Item>& batch);
-  bool write(const std::vector<Item>& batch);
+  bool wait_for_batch(Batch& batch);
+  bool write(const Batch& batch);
+  Batch::const_iterator write_transaction(Batch::const_iterator next, Batch::const_iterator end);
   bool open_when_due();
   void exchange_orders();
   void failed(const std::string& what);
@@ -41,7 +43,7 @@ class StoreWriter {
 
   std::mutex mutex_;
   std::condition_variable arrived_;
-  std::vector<Item> queue_;
+  Batch queue_;
   size_t queued_bytes_ = 0;
   int64_t dropped_ = 0;
   bool stopping_ = false;
