@@ -106,6 +106,7 @@ protected:
 		ZQG(action_tracer_action_threshold) = 500;
 		ZQG(block_duration) = ZQG(sum_db_metric) = 0;
 		ZQG(profile_end_time) = 0;
+		efree(ZQG(app_name)); /* what request start made of the settings */
 		ZQG(app_name) = estrdup("shop");
 		ZQG(license) = "key";
 		was_cli = g_cli;
