@@ -6,7 +6,8 @@ so that any test which lets a packet arrive also checks its form.
 import json
 import re
 import struct
-from dataclasses import dataclass, field
+from collections import namedtuple
+from types import SimpleNamespace
 
 QUERY, METRIC, PROFILE = 0x0A, 0x0B, 0x09
 STAMP, SETTING, KEY, APP_ID, APP, ENVIRONMENT = 0x0C, 0x0D, 0x0E, 0x10, 0x11, 0x1C
@@ -87,69 +88,20 @@ def lines(body, least, most):
     return found
 
 
-@dataclass
-class Query:
-    app: str
-    license: str
-    stamp: int
-    enabled: str
-    environment: dict
-    raw: bytes
+Query = namedtuple("Query", "app license stamp enabled environment raw")
+Event = namedtuple("Event", "app license ms tid event name")
+Sql = namedtuple("Sql", "ms db statement stack plan", defaults=(None, None))
+Call = namedtuple("Call", "name ms callee_id callee_action", defaults=(None, None))
 
 
-@dataclass
-class Event:
-    """A thread-profile packet."""
-    app: str
-    license: str
-    ms: int
-    tid: int
-    event: str
-    name: str
+class Metric(SimpleNamespace):
+    """One finished action; what the packet does not have is None or empty."""
 
-
-@dataclass
-class Sql:
-    ms: int
-    db: str
-    statement: str
-    stack: list = None
-    plan: object = None
-
-
-@dataclass
-class Call:
-    name: str
-    ms: int
-    callee_id: str = None
-    callee_action: str = None
-
-
-@dataclass
-class Metric:
-    kinds: list
-    app: str = None
-    license: str = None
-    action: str = None
-    uri: str = None
-    cpu_ticks: int = None
-    system_ticks: int = None
-    block_ms: int = None
-    duration_ms: int = None
-    db_ms: int = None
-    calls_ms: int = 0
-    transaction_id: str = None
-    tracer_id: str = None
-    sql: list = field(default_factory=list)
-    nosql: list = field(default_factory=list)        # (product, collection, operation, ms)
-    nosql_sums: dict = field(default_factory=dict)
-    calls: list = field(default_factory=list)
-    components: dict = field(default_factory=dict)   # name: (ms, own ms)
-    error: dict = None
-    call_errors: list = field(default_factory=list)
-    trace: list = None
-    details: dict = field(default_factory=dict)
-    params: list = field(default_factory=list)
+    def __init__(self):
+        super().__init__(kinds=[], **dict.fromkeys([*NUMBERS.values(), *TEXTS.values(), "error", "trace"]), sql=[], calls=[],
+                         nosql=[],            # (product, collection, operation, ms)
+                         nosql_sums={}, components={},    # name: (ms, own ms)
+                         call_errors=[], details={}, params=[])
 
 
 def decode_query(body, raw):
@@ -180,16 +132,11 @@ def sql_record(body):
     parts = items(body)
     if not 3 <= len(parts) <= 5:
         raise WireError(f"{len(parts)} items in an SQL record")
-    found = Sql(int(parts[0]), parts[1], parts[2])
-    for extra in parts[3:]:
-        value = json.loads(extra)
-        if isinstance(value, list) and extra is parts[3]:
-            found.stack = value
-        elif isinstance(value, dict) and extra is parts[-1]:
-            found.plan = value
-        else:
-            raise WireError(f"neither stack nor plan: {extra!r}")
-    return found
+    extras = [json.loads(extra) for extra in parts[3:]]
+    if [type(extra) for extra in extras] not in ([], [list], [dict], [list, dict]):
+        raise WireError(f"neither stack nor plan in {body!r}")
+    named = {"stack" if isinstance(extra, list) else "plan": extra for extra in extras}
+    return Sql(int(parts[0]), parts[1], parts[2], **named)
 
 
 def total_record(metric, body):
@@ -247,7 +194,7 @@ def check_node(node):
 
 
 def decode_metric(body):
-    metric, order = Metric([]), []
+    metric, order = Metric(), []
     for kind, part in split(body):
         word = f"{kind:02x}"
         metric.kinds.append(kind)

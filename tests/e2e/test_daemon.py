@@ -1,0 +1,124 @@
+"""The real daemon: the agent starts it, it answers by applications.conf, keeps what comes, and shows it."""
+import json
+import os
+import signal
+import socket
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+import wire
+from engines import ENGINE, PROJECT, at_once
+from fake_daemon import wait_until
+
+QUORBIT = PROJECT / "build/bin/quorbit"
+
+
+class Real:
+    """A site whose agent finds the project's own daemon under its prefix."""
+
+    def __init__(self, site):
+        site.daemon.stop()
+        site.settings["zqs.prefix"] = PROJECT / "build"
+        self.site, self.logs = site, site.logs
+
+    def php(self, code="", name="job.php"):
+        script = self.site.script(code, name)
+        started = time.monotonic()
+        done = subprocess.run([ENGINE / "bin/php", "-c", self.site.ini_file(), script], capture_output=True, timeout=20,
+                              env={"PHP_INI_SCAN_DIR": ""})
+        assert (done.returncode, done.stderr) == (0, b"")
+        assert time.monotonic() - started < 5, "a daemon that kept the pipe would hold up whoever reads it"
+        return done.stdout
+
+    def command(self, *words):
+        return subprocess.run([QUORBIT, *words, "--root", self.site.root], capture_output=True, text=True, timeout=90).stdout
+
+    def shown(self, name="job.php"):
+        """The actions of that script, newest first."""
+        return [a for a in json.loads(self.command("show", "--json") or "[]") if a["action"].endswith(name)]
+
+    def reports(self, count, name="job.php"):
+        wait_until(lambda: len(self.shown(name)) >= count, f"{count} actions of {name}")
+        assert len(self.shown(name)) == count
+
+    def pids(self):
+        """The daemons of this root, found by what they run and not by what they say."""
+        found = []
+        for folder in Path("/proc").glob("[0-9]*"):
+            try:
+                if str(self.logs).encode() in (folder / "cmdline").read_bytes() and os.readlink(folder / "exe") == str(QUORBIT):
+                    found.append(int(folder.name))
+            except OSError:
+                pass
+        return found
+
+    def stop(self):
+        for pid in self.pids():
+            os.kill(pid, signal.SIGTERM)
+        wait_until(lambda: not self.pids(), "the daemon to end")
+
+
+@pytest.fixture
+def real(site):
+    found = Real(site)
+    yield found
+    found.stop()
+
+
+def test_many_processes_at_once_start_one_daemon(real):
+    assert at_once(10, lambda i: real.php("echo 1;")) == [b"1"] * 10
+    wait_until(lambda: len(real.pids()) == 1, "a single daemon")
+    assert real.pids() == [int((real.logs / "quorbit.pid").read_text())]
+    real.php("function work() { usleep(30000); } work();", "work.php")
+    real.reports(1, "work.php")
+    newest, = real.shown("work.php")
+    assert newest["application"] == "Shop" and 30 <= newest["duration_ms"] < 500
+    assert "PHP/NULL/work" in real.command("show", str(newest["id"]))
+    assert "work.php" in real.command("top") and "Shop" in real.command("status")
+    assert not any(path.stat().st_mode & 0o007 for path in real.logs.glob("quorbit.*"))
+
+
+def test_daemon_ends_and_starts_again_with_what_it_kept(real):
+    real.php()
+    real.reports(1)
+    real.stop()
+    assert not (real.logs / ".quorbit.sock").exists() and not (real.logs / "quorbit.pid").exists()
+    assert len(real.shown()) == 1
+    real.php()
+    real.reports(2)
+    assert len(real.pids()) == 1
+
+
+def test_applications_are_configured_by_the_operators_file(real):
+    """Settings reach the application they are for, and a changed file reaches the next process."""
+    real.php()
+    for enabled, count in [("1", 2), ("0", 2), ("1", 3)]:
+        (real.logs / "applications.conf").write_text(f"[*]\nzqs.agent_enabled = 0\n[Shop]\nzqs.agent_enabled = {enabled}\n")
+        real.php()
+        real.reports(count)
+
+
+@pytest.mark.parametrize("noise", [b"\xff" * 64, wire.record(0x0B, b"\x11\0\0\x09x"), wire.record(0x0A, b"")[:3], b""])
+def test_a_broken_client_costs_only_its_connection(real, noise):
+    real.php()
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(str(real.logs / ".quorbit.sock"))
+        client.sendall(noise)
+        real.php()
+        real.reports(2)
+
+
+def test_a_profile_shows_the_calls_of_an_application(real):
+    real.php()
+    real.reports(1)
+    profile = subprocess.Popen([QUORBIT, "profile", "Shop", "1s", "--root", real.site.root], stdout=subprocess.PIPE, text=True)
+    try:
+        wait_until(lambda: real.php("function deep() { } deep();") == b"" and profile.poll() is not None, "the profile", 30)
+        assert "deep" in profile.stdout.read() and profile.returncode == 0
+    finally:
+        profile.kill()
+        profile.wait()
+        profile.stdout.close()
