@@ -115,16 +115,27 @@ const char *sub_select(const char *stmt)
 	return zq_strncasecmp(at, "select", 6) == 0 ? at : NULL;
 }
 
+/* From the innermost "FROM (select", whose closing parenthesis may follow the table directly. */
+static const char *table_of_select(const char *stmt, int *table_len)
+{
+	const char *innermost = stmt;
+	while (const char *inner = sub_select(innermost)) {
+		innermost = inner;
+	}
+	const char *table = find_table(innermost + 6, "FROM", table_len);
+	if (table && innermost != stmt) {
+		const void *closing = memchr(table, ')', (size_t)*table_len);
+		*table_len = closing ? (int)((const char *)closing - table) : *table_len;
+	}
+	return table;
+}
+
 /* The table of a statement that starts with `operation`, six letters; null when there is none. */
 static const char *table_of(const char *stmt, const char *operation, int *table_len)
 {
 	const char *behind = stmt + 6;
 	switch (*operation) {
-	case 'S':
-		for (const char *inner = stmt; inner; inner = sub_select(inner)) {
-			behind = inner + 6;
-		}
-		return find_table(behind, "FROM", table_len);
+	case 'S': return table_of_select(stmt, table_len);
 	case 'D': return find_table(behind, "FROM", table_len);
 	case 'I':
 		if (const char *table = find_table(behind, "INTO", table_len)) {
