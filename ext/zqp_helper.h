@@ -52,6 +52,12 @@ HashTable *zq_property_table(zval *object TSRMLS_DC);
  * `function_table` is accepted for symmetry with the engine's call_user_function. */
 int zq_call_user_function(HashTable *function_table, zval **object, zval *function_name, zval *retval,
                           zend_uint param_count, zval **params TSRMLS_DC);
+/* The same for a function, or a method of `object`, given by name. "Class::method" names the method of that class even
+ * where the object's own class overrides it: the script's code does not run. */
+int zq_call_named(zval *object, const char *function, zval *retval, zend_uint param_count, zval **params TSRMLS_DC);
+/* Copies a property into `retval` as quietly, through the class's own handler; SUCCESS, or FAILURE when it is no object
+ * or cannot be read. `retval` is always initialised and released as above. */
+int zq_read_property(zval *object, const char *property, zval *retval TSRMLS_DC);
 /* zval_dtor with the hooks off: the last reference to an object runs its destructor. */
 void zq_release_result(zval *result TSRMLS_DC);
 /* Registers the shutdown function, and for a monitored caller the header callback, of this request. */

@@ -110,7 +110,7 @@ static void drop_callee_leftovers(HashTable *symbols TSRMLS_DC)
 	zend_stack_destroy(&EG(user_error_handlers_error_reporting));
 	EG(active_symbol_table) = NULL;
 	zend_hash_destroy(symbols);
-	drop_exception(TSRMLS_C); /* of a destructor run just now */
+	drop_exception(TSRMLS_C); /* thrown by a destructor, the first exception's perhaps */
 }
 
 static int call_checked(zval *object, zval *function_name, zval *retval, zend_uint param_count, zval **params TSRMLS_DC)
@@ -144,7 +144,6 @@ static int call_checked(zval *object, zval *function_name, zval *retval, zend_ui
 		efree(error);
 	}
 	if (drop_exception(TSRMLS_C)) {
-		drop_exception(TSRMLS_C); /* thrown by the destructor of the first */
 		outcome = FAILURE;
 	}
 	if (!result) {
@@ -158,22 +157,47 @@ static int call_checked(zval *object, zval *function_name, zval *retval, zend_ui
 	return outcome;
 }
 
-int zq_call_user_function(HashTable *, zval **object, zval *function_name, zval *retval, zend_uint param_count,
-                          zval **params TSRMLS_DC)
+/* What is done aside: a call, or the reading of a property when there is no function. */
+typedef struct aside_task {
+	zval *object;
+	zval *function_name;
+	const char *property;
+	zval *retval;
+	zend_uint param_count;
+	zval **params;
+} aside_task;
+
+/* Class handlers may answer with a value that nobody owns yet, or with one that the object keeps. */
+static int read_checked(const aside_task *task TSRMLS_DC)
+{
+	zend_class_entry *scope = Z_OBJCE_P(task->object);
+	zval *value = zend_read_property(scope, task->object, task->property, (int)strlen(task->property), 1 TSRMLS_CC);
+	int outcome = value && !EG(exception) ? SUCCESS : FAILURE;
+	if (value) {
+		Z_ADDREF_P(value);
+		if (outcome == SUCCESS) {
+			ZVAL_COPY_VALUE(task->retval, value);
+			zval_copy_ctor(task->retval);
+		}
+		zval_ptr_dtor(&value);
+	}
+	drop_exception(TSRMLS_C);
+	return outcome;
+}
+
+static int run_aside(const aside_task *task TSRMLS_DC)
 {
 	script_state saved;
 	zend_execute_data base;
 	HashTable symbols;
 	volatile int outcome = FAILURE, bailed_out = 0;
 
-	INIT_ZVAL(*retval);
-	if (!function_name || param_count > MAX_PARAMS) {
-		return FAILURE;
-	}
 	save_script(&saved TSRMLS_CC);
 	step_aside(&base, &symbols TSRMLS_CC);
 	zend_try {
-		outcome = call_checked(object ? *object : NULL, function_name, retval, param_count, params TSRMLS_CC);
+		outcome = task->function_name
+			? call_checked(task->object, task->function_name, task->retval, task->param_count, task->params TSRMLS_CC)
+			: read_checked(task TSRMLS_CC);
 		drop_callee_leftovers(&symbols TSRMLS_CC);
 	} zend_catch {
 		bailed_out = 1;
@@ -184,6 +208,38 @@ int zq_call_user_function(HashTable *, zval **object, zval *function_name, zval 
 	}
 	restore_frame(&saved TSRMLS_CC);
 	return outcome;
+}
+
+int zq_call_user_function(HashTable *, zval **object, zval *function_name, zval *retval, zend_uint param_count,
+                          zval **params TSRMLS_DC)
+{
+	INIT_ZVAL(*retval);
+	if (!function_name || param_count > MAX_PARAMS) {
+		return FAILURE;
+	}
+	aside_task task = {object ? *object : NULL, function_name, NULL, retval, param_count, params};
+	return run_aside(&task TSRMLS_CC);
+}
+
+int zq_call_named(zval *object, const char *function, zval *retval, zend_uint param_count, zval **params TSRMLS_DC)
+{
+	zval *name;
+	MAKE_STD_ZVAL(name);
+	ZVAL_STRING(name, function, 1);
+	zval **receiver = object ? &object : NULL;
+	int outcome = zq_call_user_function(EG(function_table), receiver, name, retval, param_count, params TSRMLS_CC);
+	zval_ptr_dtor(&name);
+	return outcome;
+}
+
+int zq_read_property(zval *object, const char *property, zval *retval TSRMLS_DC)
+{
+	INIT_ZVAL(*retval);
+	if (!object || Z_TYPE_P(object) != IS_OBJECT) {
+		return FAILURE;
+	}
+	aside_task task = {object, NULL, property, retval, 0, NULL};
+	return run_aside(&task TSRMLS_CC);
 }
 
 void zq_release_result(zval *result TSRMLS_DC)
@@ -197,15 +253,12 @@ void zq_release_result(zval *result TSRMLS_DC)
 /* Calls `function` with the name of one of our own functions, which it keeps. */
 static void hand_over_callback(const char *function, const char *callback TSRMLS_DC)
 {
-	zval *name, *argument, result;
-	MAKE_STD_ZVAL(name);
-	ZVAL_STRING(name, function, 1);
+	zval *argument, result;
 	MAKE_STD_ZVAL(argument);
 	ZVAL_STRING(argument, callback, 1);
-	zq_call_user_function(EG(function_table), NULL, name, &result, 1, &argument TSRMLS_CC);
+	zq_call_named(NULL, function, &result, 1, &argument TSRMLS_CC);
 	zq_release_result(&result TSRMLS_CC);
 	zval_ptr_dtor(&argument);
-	zval_ptr_dtor(&name);
 }
 
 void register_transaction_callback(TSRMLS_D)

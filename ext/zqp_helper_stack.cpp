@@ -104,17 +104,6 @@ static zval *exception_entry(HashTable *properties, const char *mangled, uint ma
 	return value ? value : frame_entry(properties, mangled + prefix_len, mangled_size - prefix_len, type);
 }
 
-/* The exception's own frames; FAILURE when it has no such method. `frames` is to be released. */
-static int fetch_trace(zval *exception, zval *frames TSRMLS_DC)
-{
-	zval *method;
-	MAKE_STD_ZVAL(method);
-	ZVAL_STRING(method, "getTrace", 1);
-	int outcome = zq_call_user_function(EG(function_table), &exception, method, frames, 0, NULL TSRMLS_CC);
-	zval_ptr_dtor(&method);
-	return outcome;
-}
-
 void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC)
 {
 	zq_append_text(buf, "[\"Exception");
@@ -126,7 +115,7 @@ void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC)
 	zq_append_char(buf, '"');
 	zval frames;
 	if (exception && Z_TYPE_P(exception) == IS_OBJECT) {
-		HashTable *table = fetch_trace(exception, &frames TSRMLS_CC) == SUCCESS ? table_of(&frames TSRMLS_CC) : NULL;
+		HashTable *table = zq_call_named(exception, "getTrace", &frames, 0, NULL TSRMLS_CC) == SUCCESS ? table_of(&frames TSRMLS_CC) : NULL;
 		if (table) {
 			append_frames(buf, table, 1 TSRMLS_CC);
 		}

@@ -7,6 +7,7 @@
 #include "zqp_name_table.h"
 #include "zqp_tracer.h"
 #include "zqp_wrapper.h"
+#include "zqp_wrapper_database.h"
 
 namespace {
 
@@ -47,11 +48,67 @@ constexpr auto before_rows = std::to_array<zq_before_row>({
 });
 
 constexpr auto after_rows = std::to_array<zq_after_row>({
+	{"mysql_query", NULL, performance_mysql_query},
+	{"mysql_db_query", NULL, performance_mysql_db_query},
+	{"mysql_unbuffered_query", NULL, performance_sql<sql_mysql_argument_0>},
+	{"mysqli_query", NULL, performance_sql<sql_mysql_argument_1>},
+	{"mysqli_real_query", NULL, performance_sql<sql_mysql_argument_1>},
+	{"mysqli_multi_query", NULL, performance_sql<sql_mysql_argument_1>},
+	{"mysqli_prepare", NULL, performance_prepare_argument_1},
+	{"mysqli_stmt_prepare", NULL, performance_prepare_argument_1},
+	{"mysqli_stmt_execute", NULL, performance_sql<sql_mysql_prepared>},
+	{"sqlite_query", NULL, performance_sql<sql_sqlite_argument_1>},
+	{"sqlite_exec", NULL, performance_sql<sql_sqlite_argument_1>},
+	{"sqlite_unbuffered_query", NULL, performance_sql<sql_sqlite_argument_1>},
+	{"oci_parse", NULL, performance_prepare_argument_1},
+	{"oci_execute", NULL, performance_sql<sql_oracle_prepared>},
+	{"pg_query", NULL, performance_pg_query},
+	{"pg_query_params", NULL, performance_pg_query_params},
+	{"pg_prepare", NULL, performance_prepare_last_argument},
+	{"pg_execute", NULL, performance_sql<sql_pg_prepared>},
+	{"pg_insert", NULL, performance_sql<sql_pg_insert>},
+	{"pg_delete", NULL, performance_sql<sql_pg_delete>},
 	{"fread", handshake_is_due, performance_fread},
 });
 
+constexpr zq_after_row pdo_methods[] = {
+	{"__construct", NULL, performance_pdo_construct},
+	{"query", NULL, performance_pdo_query},
+	{"exec", NULL, performance_sql<sql_pdo_exec>},
+};
+constexpr zq_after_row pdo_statement_methods[] = {
+	{"execute", NULL, performance_sql<sql_pdo_statement_execute>},
+};
+constexpr zq_after_row mysqli_methods[] = {
+	{"prepare", NULL, performance_mysqli_prepare_method},
+	{"query", NULL, performance_sql<sql_mysqli_method>},
+	{"real_query", NULL, performance_sql<sql_mysqli_method>},
+	{"multi_query", NULL, performance_sql<sql_mysqli_method>},
+};
+constexpr zq_after_row mysqli_stmt_methods[] = {
+	{"prepare", NULL, performance_mysqli_prepare_method},
+	{"execute", NULL, performance_sql<sql_mysqli_stmt_execute>},
+};
+constexpr zq_after_row sqlite3_methods[] = {
+	{"query", NULL, performance_sql<sql_sqlite_argument_0>},
+	{"querySingle", NULL, performance_sql<sql_sqlite_argument_0>},
+	{"exec", NULL, performance_sql<sql_sqlite_argument_0>},
+};
+constexpr zq_after_row sqlite_database_methods[] = {
+	{"queryExec", NULL, performance_sql<sql_sqlite_argument_0>},
+	{"unbufferedQuery", NULL, performance_sql<sql_sqlite_argument_0>},
+	{"query", NULL, performance_sql<sql_sqlite_argument_0>},
+};
+
 /* Recognised by the class that declares the method. */
-constexpr std::array<zq_class_row, 0> class_rows = {};
+constexpr auto class_rows = std::to_array<zq_class_row>({
+	{"PDO", pdo_methods},
+	{"PDOStatement", pdo_statement_methods},
+	{"mysqli", mysqli_methods},
+	{"mysqli_stmt", mysqli_stmt_methods},
+	{"SQLite3", sqlite3_methods},
+	{"SQLiteDatabase", sqlite_database_methods},
+});
 
 constexpr auto before_index = zq_index_names(before_rows);
 constexpr auto after_index = zq_index_names(after_rows);
@@ -143,6 +200,9 @@ void zq_after_internal_call(zq_stack_data *stack_data, uint64 begin TSRMLS_DC)
 {
 	if (UNEXPECTED(ZQG(profile_end_time))) {
 		thread_profile("leave function", stack_data->func, stack_data->cls TSRMLS_CC);
+	}
+	if (!stack_data->func_hash_code && !ZQG(action_tracer_enabled)) {
+		return; /* nobody wants to know how long it took */
 	}
 	uint64 end = cycle_timer();
 	if (!record_call(stack_data, begin, end TSRMLS_CC)) {

@@ -1,0 +1,336 @@
+/* Recording of database calls. Each kind of call is a row of data: whose database, where its statement is, who knows why
+ * it failed, how to ask for its plan. The steps are the same for all and know no client library. */
+#include "zqp_wrapper_database.h"
+
+#include "zqp_component.h"
+#include "zqp_exception.h"
+#include "zqp_json.h"
+#include "zqp_tracer.h"
+
+/* A worker may run queries for hours: beyond this an action keeps only sums. */
+static const size_t MAX_RECORDED_BYTES = 32 << 20;
+/* What a record takes besides its texts: list node, the heap's own words. */
+static const size_t RECORD_BYTES = 112;
+
+/* ---- where the statement is ---- */
+
+template <int index> static const char *argument(zq_stack_data *call, char **TSRMLS_DC)
+{
+	return get_argument_char(call->execute_data, index);
+}
+
+template <int index> static const char *argument_from_end(zq_stack_data *call, char **TSRMLS_DC)
+{
+	return get_reverse_argument_char(call->execute_data, index);
+}
+
+static const char *prepared(zq_stack_data *, char **TSRMLS_DC)
+{
+	return ZQG(prepared_sql);
+}
+
+/* Of a PDOStatement, whose class declares it and lets nobody write it: reading it runs no code. */
+static const char *query_string(zq_stack_data *call, char **built TSRMLS_DC)
+{
+	static const char name[] = "queryString";
+	if (!call->object || Z_TYPE_P(call->object) != IS_OBJECT) {
+		return NULL;
+	}
+	zval *value = zend_read_property(Z_OBJCE_P(call->object), call->object, name, sizeof(name) - 1, 1 TSRMLS_CC);
+	if (Z_TYPE_P(value) == IS_STRING && Z_REFCOUNT_P(value) > 0) {
+		return Z_STRVAL_P(value);
+	}
+	Z_ADDREF_P(value); /* a handler may answer with a value that nobody owns yet */
+	*built = Z_TYPE_P(value) == IS_STRING ? estrndup(Z_STRVAL_P(value), Z_STRLEN_P(value)) : NULL;
+	zval_ptr_dtor(&value);
+	return *built;
+}
+
+/* pg_insert() and pg_delete() make their statements out of a table's name and an array. */
+static const char *made_of_array(zq_stack_data *call, const char *verb, const char *join, char **built TSRMLS_DC)
+{
+	smart_str text = {};
+	const char *table = get_argument_char(call->execute_data, 1);
+	if (!table) {
+		return NULL;
+	}
+	zq_append_text(&text, verb);
+	zq_append_text(&text, table);
+	zq_append_text(&text, join);
+	get_argument_array(call->execute_data, &text, 2 TSRMLS_CC);
+	return *built = zq_buffer_text(&text);
+}
+
+static const char *inserted(zq_stack_data *call, char **built TSRMLS_DC)
+{
+	return made_of_array(call, "INSERT INTO ", " VALUE ", built TSRMLS_CC); /* the daemon knows this spelling */
+}
+
+static const char *deleted(zq_stack_data *call, char **built TSRMLS_DC)
+{
+	return made_of_array(call, "DELETE FROM ", " WHERE ", built TSRMLS_CC);
+}
+
+/* ---- why it failed ---- */
+
+zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call)
+{
+	if (!client->count_with_link || get_arguments_count(call->execute_data) != client->count_with_link) {
+		return NULL;
+	}
+	return get_argument_zval(call->execute_data, client->link_argument);
+}
+
+/* Copy of a text longer than `too_short` bytes, which is then released with its value; null for anything else. */
+static char *take_text(zval *value, int too_short TSRMLS_DC)
+{
+	char *text = NULL;
+	if (Z_TYPE_P(value) == IS_STRING && Z_STRLEN_P(value) > too_short) {
+		text = estrndup(Z_STRVAL_P(value), Z_STRLEN_P(value));
+	}
+	zq_release_result(value TSRMLS_CC);
+	return text;
+}
+
+static char *error_of_link(const zq_sql_api *api, zq_stack_data *call TSRMLS_DC)
+{
+	zval text, *link = zq_sql_link(api->client, call);
+	if (link && Z_TYPE_P(link) == IS_BOOL) {
+		return NULL; /* a connection that never was */
+	}
+	if (zq_call_named(NULL, api->client->error, &text, link ? 1 : 0, &link TSRMLS_CC) != SUCCESS) {
+		return NULL;
+	}
+	return take_text(&text, 2 TSRMLS_CC);
+}
+
+static char *error_info(const zq_sql_api *api, zq_stack_data *call TSRMLS_DC)
+{
+	zval info;
+	smart_str text = {};
+	if (!call->object || Z_TYPE_P(call->object) != IS_OBJECT ||
+	    zq_call_named(call->object, api->client->error, &info, 0, NULL TSRMLS_CC) != SUCCESS) {
+		return NULL;
+	}
+	zq_json_encode(&text, &info, 0 TSRMLS_CC);
+	zq_release_result(&info TSRMLS_CC);
+	return zq_buffer_text(&text);
+}
+
+static char *error_property(const zq_sql_api *, zq_stack_data *call TSRMLS_DC)
+{
+	zval text;
+	return zq_read_property(call->object, "error", &text TSRMLS_CC) == SUCCESS ? take_text(&text, 0 TSRMLS_CC) : NULL;
+}
+
+/* ---- the rows ---- */
+
+static constexpr zq_sql_client mysql_query = {
+	.error = "mysql_error", .query = "mysql_query", .fetch = "mysql_fetch_object", .dialect = "MySQL", .failure = NULL,
+	.link_argument = 1, .count_with_link = 2, .link_is_first = false, .passes_parameters = false};
+static constexpr zq_sql_client mysql_db_query = {
+	.error = "mysql_error", .query = "mysql_query", .fetch = "mysql_fetch_object", .dialect = "MySQL", .failure = NULL,
+	.link_argument = 2, .count_with_link = 3, .link_is_first = false, .passes_parameters = false};
+static constexpr zq_sql_client pg_query = {
+	.error = "pg_last_error", .query = "pg_query", .fetch = "pg_fetch_object", .dialect = "PGSQL",
+	.failure = "pg query explain fail",
+	.link_argument = 0, .count_with_link = 2, .link_is_first = true, .passes_parameters = false};
+static constexpr zq_sql_client pg_query_params = {
+	.error = "pg_last_error", .query = "pg_query_params", .fetch = "pg_fetch_object", .dialect = "PGSQL",
+	.failure = "pg query explain fail",
+	.link_argument = 0, .count_with_link = 3, .link_is_first = true, .passes_parameters = true};
+static constexpr zq_sql_client pdo_query = {
+	.error = "PDO::errorInfo", .query = "PDO::query", .fetch = "PDOStatement::fetch", .dialect = "PDO",
+	.failure = "get pdo explain fail",
+	.link_argument = 0, .count_with_link = 0, .link_is_first = false, .passes_parameters = false};
+static constexpr zq_sql_client pdo_statement = {
+	.error = "PDOStatement::errorInfo", .query = NULL, .fetch = NULL, .dialect = NULL, .failure = NULL,
+	.link_argument = 0, .count_with_link = 0, .link_is_first = false, .passes_parameters = false};
+
+const zq_sql_api sql_mysql_query = {"MySQL", argument<0>, error_of_link, &mysql_query, false};
+const zq_sql_api sql_mysql_db_query = {"MySQL", argument<1>, error_of_link, &mysql_db_query, false};
+const zq_sql_api sql_mysql_argument_0 = {"MySQL", argument<0>, NULL, NULL, false};
+const zq_sql_api sql_mysql_argument_1 = {"MySQL", argument<1>, NULL, NULL, false};
+const zq_sql_api sql_mysql_prepared = {"MySQL", prepared, NULL, NULL, false};
+const zq_sql_api sql_mysqli_method = {"MySQL", argument<0>, error_property, NULL, true};
+const zq_sql_api sql_mysqli_stmt_execute = {"MySQL", prepared, error_property, NULL, true};
+const zq_sql_api sql_pg_query = {"PostgreSQL", argument_from_end<0>, error_of_link, &pg_query, false};
+const zq_sql_api sql_pg_query_params = {"PostgreSQL", argument_from_end<1>, error_of_link, &pg_query_params, false};
+const zq_sql_api sql_pg_prepared = {"PostgreSQL", prepared, NULL, NULL, false};
+const zq_sql_api sql_pg_insert = {"PostgreSQL", inserted, NULL, NULL, false};
+const zq_sql_api sql_pg_delete = {"PostgreSQL", deleted, NULL, NULL, false};
+const zq_sql_api sql_sqlite_argument_0 = {"SQLite", argument<0>, NULL, NULL, false};
+const zq_sql_api sql_sqlite_argument_1 = {"SQLite", argument<1>, NULL, NULL, false};
+const zq_sql_api sql_oracle_prepared = {"Oracle", prepared, NULL, NULL, false};
+const zq_sql_api sql_pdo_query = {NULL, argument<0>, error_info, &pdo_query, false};
+const zq_sql_api sql_pdo_exec = {NULL, argument<0>, NULL, NULL, false};
+const zq_sql_api sql_pdo_statement_execute = {NULL, query_string, error_info, &pdo_statement, false};
+
+/* ---- the steps ---- */
+
+zval *zq_returned_value(zq_stack_data *call)
+{
+	return call->return_slot ? *call->return_slot : NULL;
+}
+
+static int returned_false(zq_stack_data *call)
+{
+	zval *value = zq_returned_value(call);
+	return value && Z_TYPE_P(value) == IS_BOOL && !Z_BVAL_P(value);
+}
+
+static void report_failure(const zq_sql_api *api, zq_stack_data *call, const char *statement TSRMLS_DC)
+{
+	if (!api->error || !ZQG(error_collector_enabled) || !ZQG(error_collector_record_db_errors) || ZQG(error) ||
+	    !returned_false(call)) {
+		return;
+	}
+	char *message = api->error(api, call TSRMLS_CC);
+	if (message) {
+		zq_db_error(message, statement TSRMLS_CC);
+		efree(message);
+	}
+}
+
+static int is_recorded_full(TSRMLS_D)
+{
+	if (!ZQG(sqls)) {
+		return 1;
+	}
+	if (ZQG(recorded_sql_bytes) < MAX_RECORDED_BYTES) {
+		return 0;
+	}
+	zq_note_recorded_limit("statements" TSRMLS_CC);
+	return 1;
+}
+
+static size_t text_bytes(const char *text)
+{
+	return text ? strlen(text) : 0;
+}
+
+/* Adopts the record and returns the copy that the list keeps. */
+static sql_element *append_record(sql_element *record TSRMLS_DC)
+{
+	ZQG(recorded_sql_bytes) += RECORD_BYTES + text_bytes(record->statement) + text_bytes(record->stack) +
+		text_bytes(record->explain);
+	zend_llist_add_element(ZQG(sqls), record);
+	efree(record);
+	return (sql_element *)ZQG(sqls)->tail->data;
+}
+
+/* What only a traced action keeps of a slow statement. */
+static void add_details(sql_element *record, const zq_sql_api *api, zq_stack_data *call, const char *statement TSRMLS_DC)
+{
+	if (ZQG(action_tracer_slow_sql) && record->metric >= ZQG(action_tracer_slow_sql_threshold)) {
+		record->stack = zq_code_stack_text(TSRMLS_C);
+	}
+	if (api->client && api->client->query && ZQG(action_tracer_explain_enabled) &&
+	    record->metric >= ZQG(action_tracer_explain_threshold)) {
+		record->explain = zq_explain(api, call, statement TSRMLS_CC);
+	}
+}
+
+int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+{
+	int elapsed_ms = (int)((end - begin) / 1000);
+	char *built = NULL;
+	zq_component_spent_outside(elapsed_ms TSRMLS_CC);
+	ZQG(sum_db_metric) += elapsed_ms;
+
+	const char *statement = api->statement(call, &built TSRMLS_CC);
+	if (!statement || is_recorded_full(TSRMLS_C)) {
+		if (statement || api->fails_without_statement) {
+			report_failure(api, call, statement TSRMLS_CC);
+		}
+		if (built) {
+			efree(built);
+		}
+		return 0;
+	}
+	const char *vendor = api->vendor ? api->vendor : ZQG(pdo_db);
+	sql_element *record = sql_element_alloc(vendor, statement, NULL, NULL, elapsed_ms);
+	report_failure(api, call, statement TSRMLS_CC);
+	if (ZQG(action_tracer_enabled)) {
+		add_details(record, api, call, statement TSRMLS_CC);
+	}
+	if (built) {
+		efree(built);
+	}
+	record = append_record(record TSRMLS_CC);
+	if (!ZQG(action_tracer_enabled)) {
+		return 0;
+	}
+	if (end - begin > ZQG(tracer_threshold_tick)) {
+		/* a configured SQL log takes the statement's place in the trace */
+		int data_type = ZQG(action_tracer_log_sql) ? ZQ_TRACER_PLAIN : ZQ_TRACER_SQL;
+		zq_trace_call(call->cls, call->func, call->execute_data, begin, end, data_type,
+		              data_type == ZQ_TRACER_SQL ? record : NULL TSRMLS_CC);
+	}
+	return 1;
+}
+
+/* ---- prepared statements ---- */
+
+static void remember(const char *statement TSRMLS_DC)
+{
+	if (!statement) {
+		return;
+	}
+	char *copy = estrdup(statement);
+	if (ZQG(prepared_sql)) {
+		efree(ZQG(prepared_sql));
+	}
+	ZQG(prepared_sql) = copy;
+}
+
+int performance_prepare_argument_1(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
+{
+	remember(get_argument_char(call->execute_data, 1) TSRMLS_CC);
+	return 0;
+}
+
+int performance_prepare_last_argument(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
+{
+	remember(get_reverse_argument_char(call->execute_data, 0) TSRMLS_CC);
+	return 0;
+}
+
+int performance_mysqli_prepare_method(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
+{
+	const char *statement = get_argument_char(call->execute_data, 0);
+	remember(statement TSRMLS_CC);
+	report_failure(&sql_mysqli_method, call, statement TSRMLS_CC);
+	return 0;
+}
+
+/* ---- PDO ---- */
+
+const char *zq_pdo_vendor(const char *dsn)
+{
+	/* The first row whose letter begins the name and whose driver stands anywhere in it, as in "uri:" names. */
+	static const struct {
+		char first;
+		const char *driver;
+		const char *vendor;
+	} vendors[] = {
+		{'i', "ibm:", "DB2"},          {'m', "mysql:", "MySQL"},      {'m', "mssql:", "SQLServer"},
+		{'o', "oci:", "Oracle"},       {'p', "pgsql:", "PostgreSQL"}, {'s', "sqlite:", "SQLite"},
+		{'s', "sqlsrv:", "SQLServer"}, {'s', "sybase:", "Sybase"},
+	};
+	for (const auto &row : vendors) {
+		if (dsn && *dsn == row.first && zq_strcasestr(dsn, row.driver)) {
+			return row.vendor;
+		}
+	}
+	return NULL;
+}
+
+int performance_pdo_construct(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
+{
+	const char *vendor = zq_pdo_vendor(get_argument_char(call->execute_data, 0));
+	if (vendor) {
+		ZQG(pdo_db) = vendor;
+	}
+	return 0;
+}
