@@ -75,12 +75,30 @@ static void append_frames(smart_str *buf, HashTable *frames, int continued TSRML
 	}
 }
 
+/* Frame whose operation a pending exception has replaced by its own, which has no line; null when there is none. */
+static zend_execute_data *interrupted_frame(TSRMLS_D)
+{
+	zend_execute_data *at = EG(exception) && EG(opline_before_exception) ? EG(current_execute_data) : NULL;
+	while (at && !(at->opline && at->opline->opcode == ZEND_HANDLE_EXCEPTION)) {
+		at = at->prev_execute_data;
+	}
+	return at;
+}
+
 void zq_get_code_stack(smart_str *buf TSRMLS_DC)
 {
 	zval frames;
+	zend_execute_data *interrupted = interrupted_frame(TSRMLS_C);
+	zend_op *exception_op = interrupted ? interrupted->opline : NULL;
 	INIT_ZVAL(frames);
 	zq_append_char(buf, '[');
+	if (interrupted) {
+		interrupted->opline = EG(opline_before_exception);
+	}
 	zend_fetch_debug_backtrace(&frames, 0, DEBUG_BACKTRACE_IGNORE_ARGS, max_frames TSRMLS_CC);
+	if (interrupted) {
+		interrupted->opline = exception_op;
+	}
 	if (Z_TYPE(frames) == IS_ARRAY) {
 		append_frames(buf, Z_ARRVAL(frames), 0 TSRMLS_CC);
 	}

@@ -66,7 +66,8 @@ char *rm_comment(const char *statement)
 		emit(&out, *at++);
 	}
 	out.text[out.len] = '\0';
-	return out.text;
+	/* what comments took must not stay allocated behind each of many short statements */
+	return limit - out.len > 64 ? (char *)erealloc(out.text, out.len + 1) : out.text;
 }
 
 /* ---- names ---- */
