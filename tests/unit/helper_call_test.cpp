@@ -59,6 +59,19 @@ TEST_F(HelperCall, ReturnsTheResultAndPutsTheSwitchBackToWhatItWas)
 	}
 }
 
+TEST_F(HelperCall, HidesAConstructorsErrorMode)
+{
+	/* constructors of the engine's own classes turn warnings into exceptions while they run */
+	zend_error_handling_t during = EH_SUPPRESS;
+	run("function see() { probe(); }");
+	at_probe([&](zend_execute_data *) { during = EG(error_handling); });
+	EG(error_handling) = EH_THROW;
+	EXPECT_EQ(call("see"), SUCCESS);
+	EXPECT_EQ(during, EH_NORMAL);
+	EXPECT_EQ(EG(error_handling), EH_THROW);
+	EG(error_handling) = EH_NORMAL;
+}
+
 TEST_F(HelperCall, SaysNothingAboutWhatCannotBeCalled)
 {
 	run("class T { private function p() {} }");
