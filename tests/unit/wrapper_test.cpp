@@ -131,12 +131,13 @@ TEST_F(Wrapper, FilterPassesEveryWatchedNameAndFewOthers)
 	};
 	for (const auto &name : names) {
 		std::string cls = name.cls ? name.cls : "", func = name.func, full = name.cls ? cls + "::" + func : func;
-		zq_init_funtion_hash(TSRMLS_C);
+		memset(ZQG(watch_filter), 0, sizeof ZQG(watch_filter));
 		int before = passes(name.cls ? &cls : NULL, func);
 		zq_watch_after(full.c_str(), full.size() + 1, note_after TSRMLS_CC);
 		EXPECT_EQ(0, before) << full;
 		EXPECT_EQ(1, passes(name.cls ? &cls : NULL, func)) << full;
 	}
+	zq_init_funtion_hash(TSRMLS_C);
 	int passed = 0, asked = 0;
 	for (char first = 'a'; first <= 'z'; first++) {
 		for (size_t length = 1; length < 40; length++, asked++) {
@@ -334,11 +335,8 @@ TEST_F(Wrapper, TracesInternalCallsAboveTheThresholdThatBeganInThisAction)
 	}
 }
 
-TEST_F(Wrapper, ClaimsToWatchEveryFunctionThatItHandles)
+TEST_F(Wrapper, NeedsNoHashOfMostFunctions)
 {
-	for (const char *name : {"ob_get_contents", "ob_flush", "ob_get_flush", "ob_end_flush", "fwrite", "header", "set_error_handler", "fread"}) {
-		EXPECT_EQ(1, zq_internal_may_be_watched(NULL, 0, name)) << name;
-	}
 	for (const char *name : {"strlen", "count", "array_merge", "in_array", "preg_match", ""}) {
 		EXPECT_EQ(0, zq_internal_may_be_watched(NULL, 0, name)) << name;
 	}
