@@ -101,6 +101,7 @@ struct zend_zqprof_globals {
 	unsigned component_generation; /* counts the times `components` was emptied: guards stale element pointers */
 	size_t recorded_sql_bytes;     /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
 	size_t recorded_webservice_bytes;
+	int unlisted_webservice_ms;    /* of outgoing calls beyond that bound */
 	int recorded_limit_logged;
 	uint64 watch_filter[16];       /* names in the two hook tables, as bits: one that is not set needs no lookup */
 };

@@ -182,6 +182,7 @@ void append_services(smart_str *p, spent *sum TSRMLS_DC)
 		close_record(p, record);
 		sum->services += service->metric;
 	}
+	sum->services += ZQG(unlisted_webservice_ms);
 	if (sum->services >= 1) {
 		append_number_record(p, ZQ_RE_EXTERNAL_MS, (int)sum->services);
 	}

@@ -6,7 +6,7 @@
 
 static int services_ms(TSRMLS_D)
 {
-	int sum = 0;
+	int sum = ZQG(unlisted_webservice_ms);
 	for (zend_llist_element *at = ZQG(webservices) ? ZQG(webservices)->head : NULL; at; at = at->next) {
 		sum += ((const webservice_element *)at->data)->metric;
 	}

@@ -31,6 +31,7 @@
 #include "zend_interfaces.h"
 #include "zend_llist.h"
 extern "C" {
+#include "ext/standard/file.h"
 #include "ext/standard/info.h"
 #include "ext/standard/php_smart_str.h"
 }

@@ -16,6 +16,9 @@ typedef struct zq_stack_data {
 	/* private */
 	zval **return_slot;              /* where the return value appears; null when unused. The zval is read after the call */
 	zval *object;                    /* of the call, as before it */
+	php_stream_context *lent_context;   /* holds our header while the call runs; null: none does */
+	bool lent_options;                  /* that context had no options for HTTP before */
+	const HashTable *earlier_headers;   /* $http_response_header as it was before the call, or null */
 } zq_stack_data;
 
 /* What the bookkeeping of one user call keeps. */
@@ -74,15 +77,10 @@ int zq_identity_is_set(TSRMLS_D);
 /* Small callbacks of user functions. */
 int wrapper_add_components(zend_execute_data *execute_data, char *func TSRMLS_DC);        /* 1: asks for a component */
 int wrapper_should_ignore_external(zend_execute_data *execute_data, char *func TSRMLS_DC); /* silences the calls inside */
-/* While a WebSocket client connects, its handshake may carry the identity. */
-int wrapper_websocket_connect(zend_execute_data *execute_data, char *func TSRMLS_DC);
-int performance_websocket_connect(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
 
 /* Small handlers of internal functions. */
-void wrapper_fwrite(zq_stack_data *stack_data TSRMLS_DC);        /* adds the identity to a WebSocket handshake */
 void wrapper_header(zq_stack_data *stack_data TSRMLS_DC);        /* HTTP errors; pages that must not get the script */
 void wrapper_set_error_handler(zq_stack_data *stack_data TSRMLS_DC); /* watches the script's own handler */
 void wrapper_ob_flush(zq_stack_data *stack_data TSRMLS_DC);      /* the page script, before the buffer leaves */
-int performance_fread(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC); /* a handshake's answer data; 0 */
 
 #endif

@@ -6,8 +6,9 @@
 #include "zqp_io.h"
 #include "zqp_name_table.h"
 #include "zqp_tracer.h"
-#include "zqp_wrapper.h"
 #include "zqp_wrapper_database.h"
+#include "zqp_wrapper_external.h"
+#include "zqp_wrapper_headers.h"
 
 namespace {
 
@@ -33,6 +34,9 @@ struct zq_class_row {
 	std::span<const zq_after_row> methods;
 };
 
+/* Inside a client library its own record stands for the call. */
+int is_on_its_own(TSRMLS_D) { return !ZQG(webservice_should_ignored); }
+int may_carry_identity(TSRMLS_D) { return is_on_its_own(TSRMLS_C) && zq_identity_is_set(TSRMLS_C); }
 int handshake_is_due(TSRMLS_D) { return ZQG(ws_enabled) && zq_identity_is_set(TSRMLS_C); }
 int collects_errors(TSRMLS_D) { return ZQG(error_collector_enabled); }
 int reads_headers(TSRMLS_D) { return ZQG(error_collector_enabled) || ZQG(rum_enabled); }
@@ -43,6 +47,10 @@ constexpr auto before_rows = std::to_array<zq_before_row>({
 	{"ob_get_flush", NULL, wrapper_ob_flush},
 	{"ob_end_flush", NULL, wrapper_ob_flush},
 	{"fwrite", handshake_is_due, wrapper_fwrite},
+	{"fopen", is_on_its_own, wrapper_fopen},
+	{"file_get_contents", is_on_its_own, wrapper_file_get_contents},
+	{"curl_setopt", may_carry_identity, wrapper_curl_setopt},
+	{"curl_exec", NULL, wrapper_curl_exec},
 	{"header", reads_headers, wrapper_header},
 	{"set_error_handler", collects_errors, wrapper_set_error_handler},
 });
@@ -68,6 +76,14 @@ constexpr auto after_rows = std::to_array<zq_after_row>({
 	{"pg_execute", NULL, performance_sql<sql_pg_prepared>},
 	{"pg_insert", NULL, performance_sql<sql_pg_insert>},
 	{"pg_delete", NULL, performance_sql<sql_pg_delete>},
+	{"fopen", NULL, performance_fopen},
+	{"file_get_contents", NULL, performance_file_get_contents},
+	{"curl_init", may_carry_identity, performance_curl_init},
+	{"curl_reset", may_carry_identity, performance_curl_reset},
+	{"curl_setopt", may_carry_identity, performance_curl_setopt},
+	{"curl_exec", is_on_its_own, performance_curl_exec},
+	{"curl_multi_exec", is_on_its_own, performance_curl_multi_exec},
+	{"fwrite", handshake_is_due, performance_fwrite},
 	{"fread", handshake_is_due, performance_fread},
 });
 
@@ -100,6 +116,13 @@ constexpr zq_after_row sqlite_database_methods[] = {
 	{"query", NULL, performance_sql<sql_sqlite_argument_0>},
 };
 
+constexpr zq_after_row soap_client_methods[] = {
+	{"*", NULL, performance_soapclient},
+};
+constexpr zq_after_row http_request_methods[] = {
+	{"send", is_on_its_own, performance_httprequest_send},
+};
+
 /* Recognised by the class that declares the method. */
 constexpr auto class_rows = std::to_array<zq_class_row>({
 	{"PDO", pdo_methods},
@@ -108,6 +131,8 @@ constexpr auto class_rows = std::to_array<zq_class_row>({
 	{"mysqli_stmt", mysqli_stmt_methods},
 	{"SQLite3", sqlite3_methods},
 	{"SQLiteDatabase", sqlite_database_methods},
+	{"SoapClient", soap_client_methods},
+	{"HttpRequest", http_request_methods},
 });
 
 constexpr auto before_index = zq_index_names(before_rows);

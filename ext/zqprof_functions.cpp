@@ -7,6 +7,7 @@
 #include "zqp_io.h"
 #include "zqp_naming.h"
 #include "zqp_rum.h"
+#include "zqp_wrapper_headers.h"
 
 /* Shutdown function: the last chance for the answer to a calling application and for the browser script. */
 static PHP_FUNCTION(zqprof_rshutdowncall)
@@ -27,6 +28,22 @@ static PHP_FUNCTION(zqprof_headercall)
 	(void)ht, (void)return_value_ptr, (void)this_ptr, (void)return_value_used;
 	send_transaction_data(0 TSRMLS_CC);
 	RETURN_TRUE;
+}
+
+/* Header callback of curl handles: must answer with the line's length, or the transfer ends. */
+static PHP_FUNCTION(zqprof_curl_header)
+{
+	(void)return_value_ptr, (void)this_ptr, (void)return_value_used;
+	zval *handle;
+	char *line;
+	int line_len;
+	if (zend_parse_parameters(ht TSRMLS_CC, "rs", &handle, &line, &line_len) == FAILURE) {
+		return;
+	}
+	if (ZQG(request_open)) {
+		curl_header_handler(line, (size_t)line_len TSRMLS_CC);
+	}
+	RETURN_LONG(line_len);
 }
 
 /* Frees an owned text of the globals. */
@@ -180,6 +197,7 @@ static PHP_FUNCTION(vantor_notice_error)
 extern const zend_function_entry zqprof_functions[] = {
 	PHP_FE(zqprof_rshutdowncall, NULL)
 	PHP_FE(zqprof_headercall, NULL)
+	PHP_FE(zqprof_curl_header, NULL)
 	PHP_FE(vantor_start_webaction, NULL)
 	PHP_FE(vantor_end_webaction, NULL)
 	PHP_FE(vantor_notice_error, NULL)

@@ -89,7 +89,7 @@ static void clear_request_fields(zend_zqprof_globals *g)
 	g->transaction_id = g->transaction_curl_response_data = g->transaction_req_id = NULL;
 	g->in_agent_call = 0;
 	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
-	g->recorded_limit_logged = 0;
+	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
 }
 
 /* A script on the command line is its own name, which no rule may replace. 1: the run goes on being monitored. */
@@ -392,7 +392,7 @@ void zq_empty_containers(TSRMLS_D)
 	}
 	g->component_generation++;
 	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
-	g->recorded_limit_logged = 0;
+	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
 }
 
 /* Everything that request start and the recorders made; what was never made is skipped. */

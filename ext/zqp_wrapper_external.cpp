@@ -1,0 +1,262 @@
+/* The recorder of outgoing calls, and the clients that the engine and its extensions bring: curl, streams, SOAP,
+ * HttpRequest. */
+#include "zqp_wrapper_external.h"
+
+#include <initializer_list>
+
+#include "zqp_component.h"
+#include "zqp_tracer.h"
+#include "zqp_webservice.h"
+#include "zqp_wrapper_headers.h"
+
+namespace {
+
+/* Twice what a packet can hold. */
+constexpr size_t MAX_RECORDED_BYTES = 32u << 20;
+/* Every URL needs a host; one curl_multi_exec serves many. */
+constexpr char MANY_HOSTS[] = "http://unknown-host";
+
+/* curl's numbers, so that the agent need not be linked with it. */
+enum { CURLINFO_EFFECTIVE_URL = 1048577, CURLINFO_RESPONSE_CODE = 2097154 };
+
+int elapsed_ms(uint64 btsc, uint64 ctsc) { return (int)((ctsc - btsc) / 1000); }
+
+/* The URL without its query, the scheme in lower case. */
+char *url_for_name(const char *url)
+{
+	size_t len = strcspn(url, "?");
+	char *copy = estrndup(url, (uint)len);
+	for (char *at = copy; *at && *at != ':'; at++) {
+		*at = zq_ascii_lower(*at);
+	}
+	return copy;
+}
+
+/* 401 asks for credentials and is the first half of a normal exchange. */
+bool is_failure(int status) { return status == 400 || status >= 402; }
+
+webservice_element *describe_call(const zq_stack_data *stack_data, const char *url, const char *transaction_data, int status,
+                                  const char *error_msg TSRMLS_DC)
+{
+	char *named = url_for_name(url);
+	webservice_element *element = webservice_element_alloc(stack_data->cls, stack_data->func, named, NULL, transaction_data);
+	efree(named);
+	for (char *at = element->transaction_data; at && (at = strchr(at, '\'')) != NULL; at++) {
+		*at = '"'; /* some callees answer in single quotes */
+	}
+	element->status = status;
+	if (error_msg) {
+		element->error_msg = estrdup(error_msg);
+		zq_str_replace_ln(element->error_msg);
+	}
+	if (error_msg || is_failure(status)) {
+		element->stack = zq_code_stack_text(TSRMLS_C);
+	}
+	return element;
+}
+
+size_t recorded_bytes(const webservice_element *element)
+{
+	size_t bytes = sizeof *element;
+	for (const char *text : {element->name, element->url, element->transaction_data, element->error_msg, element->stack}) {
+		bytes += text ? strlen(text) : 0;
+	}
+	return bytes;
+}
+
+/* The list's copy of the record, which it owns now. */
+webservice_element *append_call(webservice_element *element TSRMLS_DC)
+{
+	ZQG(recorded_webservice_bytes) += recorded_bytes(element);
+	zend_llist_add_element(ZQG(webservices), element);
+	efree(element);
+	return (webservice_element *)ZQG(webservices)->tail->data;
+}
+
+bool is_list_full(TSRMLS_D)
+{
+	if (ZQG(recorded_webservice_bytes) < MAX_RECORDED_BYTES) {
+		return false;
+	}
+	zq_note_recorded_limit("outgoing calls" TSRMLS_CC);
+	return true;
+}
+
+/* Result of a curl function that takes the handle, and perhaps one number; to be released. */
+int ask_curl(const char *name, zval *handle, const long *number, zval *result TSRMLS_DC)
+{
+	zval *argument;
+	MAKE_STD_ZVAL(argument);
+	ZVAL_LONG(argument, number ? *number : 0);
+	zval *params[] = {handle, argument};
+	int outcome = zq_call_named(NULL, name, result, number ? 2 : 1, params TSRMLS_CC);
+	zval_ptr_dtor(&argument);
+	return outcome;
+}
+
+int status_of_transfer(zval *handle TSRMLS_DC)
+{
+	const long code = CURLINFO_RESPONSE_CODE;
+	zval result;
+	ask_curl("curl_getinfo", handle, &code, &result TSRMLS_CC);
+	int status = Z_TYPE(result) == IS_LONG ? (int)Z_LVAL(result) : 0;
+	zq_release_result(&result TSRMLS_CC);
+	return status;
+}
+
+int record_transfer(zq_stack_data *stack_data, zval *handle, const char *url, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	const zval *outcome = stack_data->return_slot ? *stack_data->return_slot : NULL;
+	const char *answer = ZQG(transaction_curl_response_data);
+	if (!outcome || Z_TYPE_P(outcome) != IS_BOOL || Z_BVAL_P(outcome)) {
+		return EXTERNAL_SERVICE(stack_data, url, answer, status_of_transfer(handle TSRMLS_CC), NULL, btsc, ctsc TSRMLS_CC);
+	}
+	zval error;
+	ask_curl("curl_error", handle, NULL, &error TSRMLS_CC);
+	const char *text = Z_TYPE(error) == IS_STRING && Z_STRLEN(error) ? Z_STRVAL(error) : NULL;
+	int recorded = EXTERNAL_SERVICE(stack_data, url, answer, 0, text, btsc, ctsc TSRMLS_CC);
+	zq_release_result(&error TSRMLS_CC);
+	return recorded;
+}
+
+int record_stream_call(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	zq_take_back_header(stack_data TSRMLS_CC);
+	if (ZQG(webservice_should_ignored)) {
+		return 0;
+	}
+	zq_component_spent_outside(elapsed_ms(btsc, ctsc) TSRMLS_CC);
+	const char *url = get_argument_char(stack_data->execute_data, 0);
+	if (!zq_is_http_url(url)) {
+		return 0;
+	}
+	const char *answer = ZQG(transaction_tracer_enabled) ? zq_stream_answer(stack_data TSRMLS_CC) : NULL;
+	return EXTERNAL_SERVICE(stack_data, url, answer, 0, NULL, btsc, ctsc TSRMLS_CC);
+}
+
+/* The callee's data among a SOAP client's last response headers, as a copy; null when there is none. The headers of an
+ * earlier answer stay when a request gets none. */
+char *soap_answer(const zq_stack_data *stack_data TSRMLS_DC)
+{
+	const zval *body = stack_data->return_slot ? *stack_data->return_slot : NULL;
+	if (!ZQG(transaction_tracer_enabled) || !body || Z_TYPE_P(body) != IS_STRING) {
+		return NULL;
+	}
+	const zval *headers = FIND_HASH_ZVALUE(zq_property_table(stack_data->object TSRMLS_CC), "__last_response_headers",
+	                                       sizeof "__last_response_headers");
+	const char *value = headers && Z_TYPE_P(headers) == IS_STRING ? strstr(Z_STRVAL_P(headers), ZQ_ANSWER_HEADER) : NULL;
+	if (!value) {
+		return NULL;
+	}
+	value += ZQ_ANSWER_HEADER_LEN;
+	return estrndup(value, (uint)strcspn(value, "\r\n"));
+}
+
+} // namespace
+
+int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *transaction_data, int status,
+                     const char *error_msg, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	if (!ZQG(webservices) || !url || !strstr(url, "://")) {
+		return 0;
+	}
+	int metric = elapsed_ms(btsc, ctsc);
+	if (is_list_full(TSRMLS_C)) {
+		ZQG(unlisted_webservice_ms) += metric;
+		return 1;
+	}
+	webservice_element *element = describe_call(stack_data, url, transaction_data, status, error_msg TSRMLS_CC);
+	element->metric = metric;
+	if (!ZQG(action_tracer_enabled)) {
+		append_call(element TSRMLS_CC);
+		return 1;
+	}
+	if (element->transaction_data && strstr(element->transaction_data, "\"tr\"")) {
+		ZQG(child_has_tracer) = 1; /* the callee has kept a trace of its own: without ours it would hang in the air */
+	}
+	if (ctsc - btsc <= ZQG(tracer_threshold_tick) || btsc < ZQG(rinit_tick)) {
+		append_call(element TSRMLS_CC);
+		return 1;
+	}
+	element->url = estrdup(url);
+	element = append_call(element TSRMLS_CC);
+	zq_trace_call(stack_data->cls, stack_data->func, stack_data->execute_data, btsc, ctsc, ZQ_TRACER_EXTERNAL, element TSRMLS_CC);
+	return 1;
+}
+
+int performance_curl_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	zq_component_spent_outside(elapsed_ms(btsc, ctsc) TSRMLS_CC);
+	zval *handle = get_argument_zval(stack_data->execute_data, 0);
+	if (!handle || Z_TYPE_P(handle) != IS_RESOURCE) {
+		return 0;
+	}
+	const long what = CURLINFO_EFFECTIVE_URL;
+	zval url;
+	int recorded = 0;
+	if (ask_curl("curl_getinfo", handle, &what, &url TSRMLS_CC) == SUCCESS && Z_TYPE(url) == IS_STRING) {
+		recorded = record_transfer(stack_data, handle, Z_STRVAL(url), btsc, ctsc TSRMLS_CC);
+	}
+	zq_release_result(&url TSRMLS_CC);
+	wrapper_curl_exec(stack_data TSRMLS_CC);
+	return recorded;
+}
+
+int performance_curl_multi_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	zq_component_spent_outside(elapsed_ms(btsc, ctsc) TSRMLS_CC);
+	return EXTERNAL_SERVICE(stack_data, MANY_HOSTS, NULL, 0, NULL, btsc, ctsc TSRMLS_CC);
+}
+
+int performance_file_get_contents(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	return record_stream_call(stack_data, btsc, ctsc TSRMLS_CC);
+}
+
+int performance_fopen(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	return record_stream_call(stack_data, btsc, ctsc TSRMLS_CC);
+}
+
+int performance_soapclient(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	if (strcmp(stack_data->func, "SoapClient") == 0) {
+		if (!EG(exception) && zq_identity_is_set(TSRMLS_C)) {
+			zq_identify_soap_client(stack_data->object TSRMLS_CC);
+		}
+		return 0;
+	}
+	if (strcmp(stack_data->func, "__doRequest") != 0) {
+		return 0;
+	}
+	zq_component_spent_outside(elapsed_ms(btsc, ctsc) TSRMLS_CC);
+	const char *location = get_argument_char(stack_data->execute_data, 1);
+	char *answer = soap_answer(stack_data TSRMLS_CC);
+	int recorded = EXTERNAL_SERVICE(stack_data, location, answer, 0, NULL, btsc, ctsc TSRMLS_CC);
+	if (answer) {
+		efree(answer);
+	}
+	return recorded;
+}
+
+int performance_httprequest_send(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	zq_component_spent_outside(elapsed_ms(btsc, ctsc) TSRMLS_CC);
+	if (!stack_data->object || Z_TYPE_P(stack_data->object) != IS_OBJECT) {
+		return 0;
+	}
+	zend_class_entry *scope = Z_OBJCE_P(stack_data->object); /* the property is private: read as its class would */
+	while (scope->parent && strcmp(scope->name, stack_data->cls) != 0) {
+		scope = scope->parent;
+	}
+	ZQG(in_agent_call)++;
+	zval *url = zend_read_property(scope, stack_data->object, (char *)"url", sizeof "url" - 1, 1 TSRMLS_CC);
+	ZQG(in_agent_call)--;
+	if (!url) {
+		return 0;
+	}
+	Z_ADDREF_P(url); /* some classes make the value up and hand over no reference */
+	int recorded = Z_TYPE_P(url) == IS_STRING && EXTERNAL_SERVICE(stack_data, Z_STRVAL_P(url), NULL, 0, NULL, btsc, ctsc TSRMLS_CC);
+	zval_ptr_dtor(&url);
+	return recorded;
+}

@@ -1,0 +1,49 @@
+/* Recording outgoing calls: the recorder, and for each client library the routine that finds URL, outcome and answer. */
+#ifndef ZQP_WRAPPER_EXTERNAL_H
+#define ZQP_WRAPPER_EXTERNAL_H
+
+#include "zqp_wrapper.h"
+
+/* Records one outgoing call of `stack_data` with its times (us). `url` needs "://", else nothing happens;
+ * `transaction_data` is the callee's answer data, `status` an HTTP status or 0, `error_msg` null or a text: all are
+ * copied. A failed call keeps the code stack, one slower than the trace threshold enters the trace. Once the list holds
+ * 32 MiB of text only the total time of the calls grows. 1 when the call was recorded, else 0. */
+int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *transaction_data, int status,
+                     const char *error_msg, uint64 btsc, uint64 ctsc TSRMLS_DC);
+
+/* After a client's call, as zq_performance_callback: each charges the time to the innermost component. */
+int performance_curl_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_curl_multi_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_file_get_contents(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_fopen(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_soapclient(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_httprequest_send(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+
+/* ---- zqp_wrapper_library.cpp: HTTP clients written in PHP ---- */
+int wrapper_snoopy_httprequest(zend_execute_data *execute_data, char *func TSRMLS_DC);
+int performance_snoopy_httprequest(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int wrapper_nusoap_send(zend_execute_data *execute_data, char *func TSRMLS_DC); /* and the identity as a header */
+int performance_nusoap_send(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_drupal_http_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_wp_http_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_zend_http_client_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+
+/* ---- zqp_wrapper_thrift.cpp ---- */
+int wrapper_thrift_transport_construct(zend_execute_data *execute_data, char *func TSRMLS_DC);
+int wrapper_thrift_protocol_writemessagebegin(zend_execute_data *execute_data, char *func TSRMLS_DC);
+int wrapper_thrift_protocol_writefieldstop(zend_execute_data *execute_data, char *func TSRMLS_DC);
+int wrapper_thrift_protocol_skip(zend_execute_data *execute_data, char *func TSRMLS_DC);
+int performance_thrift_protocol_readstring(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_thrift_custom_function(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+
+/* ---- zqp_wrapper_websocket.cpp ---- */
+/* While a client connects, its handshake may carry the identity and the answer to it the callee's data. */
+int wrapper_websocket_connect(zend_execute_data *execute_data, char *func TSRMLS_DC);
+int performance_websocket_connect(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
+int performance_websocket_senddata(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+/* Around the handshake's fwrite: the identity goes out, and the script is told the length of what it wrote itself. */
+void wrapper_fwrite(zq_stack_data *stack_data TSRMLS_DC);
+int performance_fwrite(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC); /* 0 */
+int performance_fread(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);  /* keeps the answer's data; 0 */
+
+#endif

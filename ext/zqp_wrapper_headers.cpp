@@ -1,0 +1,220 @@
+/* The caller's identity as text, and how curl handles come to carry it and to hand back the callee's answer. */
+#include "zqp_wrapper_headers.h"
+
+namespace {
+
+constexpr char IDENTITY_HEADER[] = "X-Vantor-Id: ";
+constexpr char HEADER_CALLBACK[] = "zqprof_curl_header";
+
+/* curl's numbers, so that the agent need not be linked with it. */
+enum { CURLOPT_HTTPHEADER = 10023, CURLOPT_HEADERFUNCTION = 20079 };
+
+/* curl_setopt(handle, option, value), unseen by the script; gives `value` away. */
+void set_curl_option(zval *handle, long option, zval *value TSRMLS_DC)
+{
+	zval *number, result;
+	MAKE_STD_ZVAL(number);
+	ZVAL_LONG(number, option);
+	zval *params[] = {handle, number, value};
+	zq_call_named(NULL, "curl_setopt", &result, 3, params TSRMLS_CC);
+	zq_release_result(&result TSRMLS_CC);
+	zval_ptr_dtor(&value);
+	zval_ptr_dtor(&number);
+}
+
+/* An operator may have disabled our header callback like any function. curl aborts a transfer whose callback does not
+ * answer, so it must not be installed then. */
+int header_callback_works(TSRMLS_D)
+{
+	zend_function *current;
+	if (zend_hash_find(EG(function_table), HEADER_CALLBACK, sizeof HEADER_CALLBACK, (void **)&current) != SUCCESS) {
+		return 0;
+	}
+	for (const zend_function_entry *ours = zqprof_functions; ours->fname; ours++) {
+		if (strcmp(ours->fname, HEADER_CALLBACK) == 0) {
+			return current->type == ZEND_INTERNAL_FUNCTION && current->internal_function.handler == ours->handler;
+		}
+	}
+	return 0;
+}
+
+void identify_curl_handle(zval *handle TSRMLS_DC)
+{
+	if (!handle || Z_TYPE_P(handle) != IS_RESOURCE) {
+		return;
+	}
+	zval *headers;
+	MAKE_STD_ZVAL(headers);
+	array_init(headers);
+	add_next_index_zval(headers, zq_identity_header(TSRMLS_C));
+	set_curl_option(handle, CURLOPT_HTTPHEADER, headers TSRMLS_CC);
+	if (header_callback_works(TSRMLS_C)) {
+		zval *callback;
+		MAKE_STD_ZVAL(callback);
+		ZVAL_STRING(callback, HEADER_CALLBACK, 1);
+		set_curl_option(handle, CURLOPT_HEADERFUNCTION, callback TSRMLS_CC);
+	}
+}
+
+zend_class_entry *loaded_class(const char *name, int len TSRMLS_DC)
+{
+	zend_class_entry **found = NULL;
+	char *lower = zend_str_tolower_dup(name, (uint)len);
+	zend_hash_find(EG(class_table), lower, (uint)len + 1, (void **)&found);
+	efree(lower);
+	return found ? *found : NULL;
+}
+
+zend_function *declared_in(HashTable *functions, const char *name, int len)
+{
+	zend_function *found = NULL;
+	char *lower = zend_str_tolower_dup(name, (uint)len);
+	zend_hash_find(functions, lower, (uint)len + 1, (void **)&found);
+	efree(lower);
+	return found;
+}
+
+/* The function behind "name", "class::name", array(class, name) or array(object, name), as its declaration spells it and
+ * without running an autoloader; null when it is none of these or not loaded. */
+zend_function *named_function(zval *callable TSRMLS_DC)
+{
+	if (Z_TYPE_P(callable) == IS_STRING) {
+		char *name = Z_STRVAL_P(callable), *colons = strstr(name, "::");
+		if (!colons) {
+			return declared_in(EG(function_table), name, Z_STRLEN_P(callable));
+		}
+		zend_class_entry *ce = loaded_class(name, (int)(colons - name) TSRMLS_CC);
+		return ce ? declared_in(&ce->function_table, colons + 2, (int)strlen(colons + 2)) : NULL;
+	}
+	zval **owner, **method;
+	if (Z_TYPE_P(callable) != IS_ARRAY ||
+	    zend_hash_index_find(Z_ARRVAL_P(callable), 0, (void **)&owner) != SUCCESS ||
+	    zend_hash_index_find(Z_ARRVAL_P(callable), 1, (void **)&method) != SUCCESS || Z_TYPE_PP(method) != IS_STRING) {
+		return NULL;
+	}
+	zend_class_entry *ce = Z_TYPE_PP(owner) == IS_OBJECT && Z_OBJ_HT_PP(owner)->get_class_entry ? Z_OBJCE_PP(owner)
+	                     : Z_TYPE_PP(owner) == IS_STRING ? loaded_class(Z_STRVAL_PP(owner), Z_STRLEN_PP(owner) TSRMLS_CC)
+	                     : NULL;
+	return ce ? declared_in(&ce->function_table, Z_STRVAL_PP(method), Z_STRLEN_PP(method)) : NULL;
+}
+
+/* Calls are recognised by the name that their declaration gives them: a method by the class that declares it. */
+char *full_name_of_callback(zend_execute_data *data, int arg_seq TSRMLS_DC)
+{
+	zval *callable = get_argument_zval(data, arg_seq);
+	zend_function *function = callable ? named_function(callable TSRMLS_CC) : NULL;
+	if (!function) {
+		return get_argument_callback(data, arg_seq TSRMLS_CC);
+	}
+	char *name = NULL;
+	zend_class_entry *scope = function->common.scope;
+	spprintf(&name, 0, "%s%s%s", scope ? scope->name : "", scope ? "::" : "", function->common.function_name);
+	return name;
+}
+
+long option_of(zq_stack_data *stack_data) { return get_argument_long(stack_data->execute_data, 1); }
+
+} // namespace
+
+void zq_append_identity(smart_str *dest TSRMLS_DC)
+{
+	zq_append_text(dest, ZQG(vantor_id_secret));
+	zq_append_text(dest, ";c=1;x=");
+	zq_append_text(dest, ZQG(transaction_id));
+}
+
+zval *zq_identity_header(TSRMLS_D)
+{
+	smart_str line = {NULL, 0, 0};
+	zq_append_text(&line, IDENTITY_HEADER);
+	zq_append_identity(&line TSRMLS_CC);
+	zval *header;
+	MAKE_STD_ZVAL(header);
+	int len = (int)line.len;
+	ZVAL_STRINGL(header, zq_buffer_text(&line), len, 0);
+	return header;
+}
+
+int zq_is_identity_header(const zval *header)
+{
+	return Z_TYPE_P(header) == IS_STRING && strncmp(Z_STRVAL_P(header), IDENTITY_HEADER, sizeof IDENTITY_HEADER - 1) == 0;
+}
+
+void curl_header_handler(const char *header, size_t len TSRMLS_DC)
+{
+	if (len < ZQ_SHORTEST_ANSWER || strncmp(header, ZQ_ANSWER_HEADER, ZQ_ANSWER_HEADER_LEN) != 0) {
+		return;
+	}
+	if (ZQG(transaction_curl_response_data)) {
+		efree(ZQG(transaction_curl_response_data));
+	}
+	ZQG(transaction_curl_response_data) = estrndup(header + ZQ_ANSWER_HEADER_LEN, (uint)(len - ZQ_ANSWER_HEADER_LEN));
+	zq_str_replace_ln(ZQG(transaction_curl_response_data));
+}
+
+int wrapper_curl_header_handler(zend_execute_data *execute_data, char * TSRMLS_DC)
+{
+	const zval *line = get_argument_zval(execute_data, 1);
+	if (line && Z_TYPE_P(line) == IS_STRING) {
+		curl_header_handler(Z_STRVAL_P(line), (size_t)Z_STRLEN_P(line) TSRMLS_CC);
+	}
+	return 0;
+}
+
+void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC)
+{
+	if (option_of(stack_data) != CURLOPT_HEADERFUNCTION) {
+		return;
+	}
+	char *name = full_name_of_callback(stack_data->execute_data, 2 TSRMLS_CC);
+	if (name && *name) {
+		zq_watch_before(name, strlen(name) + 1, wrapper_curl_header_handler TSRMLS_CC);
+	}
+	if (name) {
+		efree(name);
+	}
+}
+
+/* curl itself walks the script's array to its end and turns its elements into strings, and the script can see both. So
+ * the call is left to do that to the very array that it was given, and a longer list replaces it afterwards. */
+int performance_curl_setopt(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
+{
+	zval *handle = get_argument_zval(stack_data->execute_data, 0);
+	zval *given = get_argument_zval(stack_data->execute_data, 2);
+	const zval *done = stack_data->return_slot ? *stack_data->return_slot : NULL;
+	if (option_of(stack_data) != CURLOPT_HTTPHEADER || !given || Z_TYPE_P(given) != IS_ARRAY ||
+	    !handle || !done || !zend_is_true((zval *)done)) {
+		return 0;
+	}
+	zval *headers;
+	MAKE_STD_ZVAL(headers);
+	array_init(headers);
+	for (Bucket *at = Z_ARRVAL_P(given)->pListHead; at; at = at->pListNext) {
+		zval *line = *(zval **)at->pData;
+		Z_ADDREF_P(line);
+		add_next_index_zval(headers, line);
+	}
+	add_next_index_zval(headers, zq_identity_header(TSRMLS_C));
+	set_curl_option(handle, CURLOPT_HTTPHEADER, headers TSRMLS_CC);
+	return 0;
+}
+
+int performance_curl_init(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
+{
+	identify_curl_handle(stack_data->return_slot ? *stack_data->return_slot : NULL TSRMLS_CC);
+	return 0;
+}
+
+int performance_curl_reset(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
+{
+	identify_curl_handle(get_argument_zval(stack_data->execute_data, 0) TSRMLS_CC);
+	return 0;
+}
+
+void wrapper_curl_exec(zq_stack_data * TSRMLS_DC)
+{
+	if (ZQG(transaction_curl_response_data)) {
+		efree(ZQG(transaction_curl_response_data));
+		ZQG(transaction_curl_response_data) = NULL;
+	}
+}

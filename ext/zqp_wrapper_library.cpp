@@ -1,0 +1,107 @@
+/* HTTP clients written in PHP. Where a library uses curl or a stream inside, that call is silenced: one request, one
+ * record, under the name that the application knows. */
+#include "zqp_component.h"
+#include "zqp_debug.h"
+#include "zqp_wrapper_external.h"
+#include "zqp_wrapper_headers.h"
+
+namespace {
+
+int record_url(zq_stack_data *stack_data, const char *url, const char *answer, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	zq_component_spent_outside((int)((ctsc - btsc) / 1000) TSRMLS_CC);
+	return url && *url && EXTERNAL_SERVICE(stack_data, url, answer, 0, NULL, btsc, ctsc TSRMLS_CC);
+}
+
+/* For a function that is given the whole URL. */
+int record_url_argument(zq_stack_data *stack_data, int arg_seq, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	return record_url(stack_data, get_argument_char(stack_data->execute_data, arg_seq), NULL, btsc, ctsc TSRMLS_CC);
+}
+
+zval *property_of(zval *object, const char *name, size_t size TSRMLS_DC)
+{
+	return FIND_HASH_ZVALUE(zq_property_table(object TSRMLS_CC), name, (uint)size);
+}
+
+void set_identity_header(zval *transport TSRMLS_DC)
+{
+	smart_str identity = {NULL, 0, 0};
+	zval *name, *value, result;
+	zq_append_identity(&identity TSRMLS_CC);
+	MAKE_STD_ZVAL(name);
+	ZVAL_STRING(name, "X-Vantor-Id", 1);
+	MAKE_STD_ZVAL(value);
+	int len = (int)identity.len;
+	ZVAL_STRINGL(value, zq_buffer_text(&identity), len, 0);
+	zval *params[] = {name, value};
+	zq_call_named(transport, "setHeader", &result, 2, params TSRMLS_CC);
+	zq_release_result(&result TSRMLS_CC);
+	zval_ptr_dtor(&value);
+	zval_ptr_dtor(&name);
+}
+
+} // namespace
+
+int wrapper_snoopy_httprequest(zend_execute_data *, char * TSRMLS_DC)
+{
+	zq_watch_after("Snoopy::_httprequest", sizeof "Snoopy::_httprequest", performance_snoopy_httprequest TSRMLS_CC);
+	return 0;
+}
+
+int performance_snoopy_httprequest(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	return record_url_argument(stack_data, 2, btsc, ctsc TSRMLS_CC);
+}
+
+int wrapper_nusoap_send(zend_execute_data *execute_data, char * TSRMLS_DC)
+{
+	ZQG(webservice_should_ignored) = 1;
+	zq_watch_after("soap_transport_http::send", sizeof "soap_transport_http::send", performance_nusoap_send TSRMLS_CC);
+	if (execute_data->object && zq_identity_is_set(TSRMLS_C)) {
+		set_identity_header(execute_data->object TSRMLS_CC);
+	}
+	return 0;
+}
+
+int performance_nusoap_send(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	ZQG(webservice_should_ignored) = 0;
+	const zval *url = property_of(stack_data->object, "url", sizeof "url" TSRMLS_CC);
+	if (!url || Z_TYPE_P(url) != IS_STRING || !Z_STRLEN_P(url)) {
+		ZQ_LOG(ZQ_LOG_DEBUG, "nusoap_client get url fail");
+		return record_url(stack_data, NULL, NULL, btsc, ctsc TSRMLS_CC);
+	}
+	char *without_query = estrndup(Z_STRVAL_P(url), (uint)strcspn(Z_STRVAL_P(url), "?"));
+	zval *headers = property_of(stack_data->object, "incoming_headers", sizeof "incoming_headers" TSRMLS_CC);
+	const char *answer = get_hash_value_by_name(headers, "X-Vantor-Tx-Data", sizeof "X-Vantor-Tx-Data");
+	int recorded = record_url(stack_data, without_query, answer, btsc, ctsc TSRMLS_CC);
+	efree(without_query);
+	return recorded;
+}
+
+int performance_drupal_http_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	ZQG(webservice_should_ignored) = 0;
+	return record_url_argument(stack_data, 0, btsc, ctsc TSRMLS_CC);
+}
+
+int performance_wp_http_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	ZQG(webservice_should_ignored) = 0;
+	return record_url_argument(stack_data, 0, btsc, ctsc TSRMLS_CC);
+}
+
+int performance_zend_http_client_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+{
+	ZQG(webservice_should_ignored) = 0;
+	zval *as_text, url;
+	MAKE_STD_ZVAL(as_text);
+	ZVAL_BOOL(as_text, 1);
+	zq_call_named(stack_data->object, "getUri", &url, 1, &as_text TSRMLS_CC);
+	const char *text = Z_TYPE(url) == IS_STRING ? Z_STRVAL(url) : NULL;
+	int recorded = record_url(stack_data, text, NULL, btsc, ctsc TSRMLS_CC);
+	zq_release_result(&url TSRMLS_CC);
+	zval_ptr_dtor(&as_text);
+	return recorded;
+}

@@ -1,0 +1,153 @@
+/* HTTP through PHP's streams. A stream call can only be given headers by its context, which belongs to the script: the
+ * context gets ours for the time of the call. SoapClient reads its context later, so there the header stays. */
+#include "zqp_wrapper_headers.h"
+
+namespace {
+
+php_stream_context *context_of_value(zval *value TSRMLS_DC)
+{
+	/* without a name the engine raises no warning for a resource of another type */
+	return (php_stream_context *)zend_fetch_resource(&value TSRMLS_CC, -1, NULL, NULL, 1, php_le_stream_context(TSRMLS_C));
+}
+
+/* The context that the call will use; null when the engine is going to refuse the argument. */
+php_stream_context *context_of_call(zend_execute_data *data, int arg_seq TSRMLS_DC)
+{
+	zval *given = get_argument_zval(data, arg_seq);
+	if (given && Z_TYPE_P(given) != IS_NULL) {
+		return Z_TYPE_P(given) == IS_RESOURCE ? context_of_value(given TSRMLS_CC) : NULL;
+	}
+	if (!FG(default_context)) {
+		FG(default_context) = php_stream_context_alloc(TSRMLS_C); /* as the call would at once */
+	}
+	return FG(default_context);
+}
+
+/* The options under "http", made when absent, and not shared with an array that the script has got from the context. */
+HashTable *own_http_options(php_stream_context *context, bool *made)
+{
+	HashTable *options = Z_ARRVAL_P(context->options);
+	zval **http, *fresh;
+	*made = zend_hash_find(options, "http", sizeof "http", (void **)&http) != SUCCESS;
+	if (*made) {
+		MAKE_STD_ZVAL(fresh);
+		array_init(fresh);
+		zend_hash_update(options, "http", sizeof "http", &fresh, sizeof fresh, (void **)&http);
+	}
+	if (Z_TYPE_PP(http) != IS_ARRAY) {
+		return NULL;
+	}
+	SEPARATE_ZVAL(http);
+	return Z_ARRVAL_PP(http);
+}
+
+/* Puts the identity into a context that has no header. Our own line of an earlier transaction counts as none: contexts
+ * outlive the actions of a worker. False when nothing was put there. */
+bool put_header(php_stream_context *context, bool *made_options TSRMLS_DC)
+{
+	zval *current = GET_CONTEXT_HTTP_OPTION(context, "header");
+	if (current && !zq_is_identity_header(current)) {
+		return false;
+	}
+	zval *header = zq_identity_header(TSRMLS_C);
+	bool is_there = current && strcmp(Z_STRVAL_P(current), Z_STRVAL_P(header)) == 0; /* by the call that this one is inside */
+	HashTable *options = is_there ? NULL : own_http_options(context, made_options);
+	if (!options) {
+		zval_ptr_dtor(&header);
+		return false;
+	}
+	zend_hash_update(options, "header", sizeof "header", &header, sizeof header, NULL);
+	return true;
+}
+
+/* $http_response_header where the call was made; null when it is no array. The stream wrapper builds the table of a
+ * function's variables when it needs it: where there is none, no answer has come. */
+HashTable *response_headers(TSRMLS_D)
+{
+	zval *headers = FIND_HASH_ZVALUE(EG(active_symbol_table), "http_response_header", sizeof "http_response_header");
+	return headers && Z_TYPE_P(headers) == IS_ARRAY ? Z_ARRVAL_P(headers) : NULL;
+}
+
+void before_stream_call(zq_stack_data *stack_data, int context_seq TSRMLS_DC)
+{
+	if (!zq_is_http_url(get_argument_char(stack_data->execute_data, 0))) {
+		return;
+	}
+	stack_data->earlier_headers = response_headers(TSRMLS_C);
+	if (!zq_identity_is_set(TSRMLS_C)) {
+		return;
+	}
+	php_stream_context *context = context_of_call(stack_data->execute_data, context_seq TSRMLS_CC);
+	if (context && put_header(context, &stack_data->lent_options TSRMLS_CC)) {
+		stack_data->lent_context = context;
+	}
+}
+
+} // namespace
+
+int zq_is_http_url(const char *url)
+{
+	return url && (strstr(url, "http://") || strstr(url, "https://"));
+}
+
+void wrapper_file_get_contents(zq_stack_data *stack_data TSRMLS_DC) { before_stream_call(stack_data, 2 TSRMLS_CC); }
+void wrapper_fopen(zq_stack_data *stack_data TSRMLS_DC) { before_stream_call(stack_data, 3 TSRMLS_CC); }
+
+void zq_take_back_header(zq_stack_data *stack_data TSRMLS_DC)
+{
+	php_stream_context *context = stack_data->lent_context;
+	const zval *current = GET_CONTEXT_HTTP_OPTION(context, "header");
+	if (!current || !zq_is_identity_header(current)) {
+		return; /* nothing was lent, or a callback of the script has set another */
+	}
+	bool made;
+	HashTable *options = own_http_options(context, &made);
+	zend_hash_del(options, "header", sizeof "header");
+	if (stack_data->lent_options && zend_hash_num_elements(options) == 0) {
+		zend_hash_del(Z_ARRVAL_P(context->options), "http", sizeof "http");
+	}
+}
+
+/* A call that fails before there is an answer leaves the variable of an earlier one as it was. */
+const char *zq_stream_answer(const zq_stack_data *stack_data TSRMLS_DC)
+{
+	const HashTable *headers = response_headers(TSRMLS_C);
+	if (!headers || headers == stack_data->earlier_headers) {
+		return NULL;
+	}
+	for (const Bucket *at = headers->pListTail; at; at = at->pListLast) {
+		const zval *line = *(zval **)at->pData;
+		if (Z_TYPE_P(line) == IS_STRING && Z_STRLEN_P(line) >= ZQ_SHORTEST_ANSWER &&
+		    strncmp(Z_STRVAL_P(line), ZQ_ANSWER_HEADER, ZQ_ANSWER_HEADER_LEN) == 0) {
+			return Z_STRVAL_P(line) + ZQ_ANSWER_HEADER_LEN;
+		}
+	}
+	return NULL;
+}
+
+void zq_identify_soap_client(zval *client TSRMLS_DC)
+{
+	HashTable *properties = zq_property_table(client TSRMLS_CC);
+	if (!properties) {
+		return;
+	}
+	zval *value = FIND_HASH_ZVALUE(properties, "_stream_context", sizeof "_stream_context");
+	php_stream_context *context = NULL;
+	bool made_options;
+	if (!value) {
+		context = php_stream_context_alloc(TSRMLS_C);
+		MAKE_STD_ZVAL(value);
+		ZVAL_RESOURCE(value, context->rsrc_id); /* the property holds the only reference */
+		zend_hash_update(properties, "_stream_context", sizeof "_stream_context", &value, sizeof value, NULL);
+	} else if (Z_TYPE_P(value) == IS_RESOURCE) {
+		context = context_of_value(value TSRMLS_CC);
+	}
+	if (context) {
+		put_header(context, &made_options TSRMLS_CC);
+	}
+	if (!zend_hash_exists(properties, "trace", sizeof "trace")) { /* without it the client drops response headers */
+		MAKE_STD_ZVAL(value);
+		ZVAL_LONG(value, 1);
+		zend_hash_update(properties, "trace", sizeof "trace", &value, sizeof value, NULL);
+	}
+}
