@@ -23,6 +23,8 @@ using namespace std::chrono_literals;
 constexpr size_t page_columns = 100;
 
 void put(const std::string& text) { fwrite(text.data(), 1, text.size(), stdout); }
+// Progress, apart from what is asked for.
+void tell(const std::string& line) { fprintf(stderr, "%s\n", line.c_str()); }
 
 // Columns of the terminal; 0 when the output is no terminal.
 size_t terminal_width() {
@@ -61,7 +63,7 @@ std::optional<std::pair<int64_t, int64_t>> wait_for_start(StoreReader& store, in
     int64_t now_ms = wall_clock_ms();
     if (now_ms - begin_ms > wait_ms) return std::nullopt;
     if (now_ms - told_ms >= 10000) {
-      fprintf(stderr, "  still waiting, %d s of at most %d\n", static_cast<int>((now_ms - begin_ms) / 1000), static_cast<int>(wait_ms / 1000));
+      tell("  still waiting, " + std::to_string((now_ms - begin_ms) / 1000) + " s of at most " + std::to_string(wait_ms / 1000));
       told_ms = now_ms;
     }
     std::this_thread::sleep_for(200ms);
@@ -87,15 +89,19 @@ int show(const DaemonConfig& config, const ShowOptions& options) {
 int tail(const DaemonConfig& config, const std::string& application, bool json) {
   StoreReader store = open_store(config);
   if (!json) put(tail_header());
+  int64_t last = store.last_id();
   auto rows = store.newest(10, application);
   std::reverse(rows.begin(), rows.end());
-  for (int64_t last = store.last_id();;) {
+  for (;;) {
     for (const ActionRow& row : rows) put(json ? json_text(action_summary(row), false) : tail_line(row));
     // Fails when whoever reads us has gone.
     if (fflush(stdout) != 0) return 1;
+    if (!rows.empty()) last = std::max(last, rows.back().id);
     std::this_thread::sleep_for(300ms);
+    // Taken first: what other applications send meanwhile need not be looked at again.
+    int64_t newest = store.last_id();
     rows = store.after(last, application);
-    if (!rows.empty()) last = rows.back().id;
+    if (rows.empty()) last = newest;
   }
 }
 
@@ -110,9 +116,11 @@ int top(const DaemonConfig& config, const std::string& application, int64_t sinc
 int status(const DaemonConfig& config) {
   int process = running_daemon(config);
   bool answers = daemon_answers(config);
-  put(answers ? "The daemon runs" + (process ? " as process " + std::to_string(process) : std::string()) + ".\n" : "No daemon runs.\n");
+  if (!answers) put("No daemon runs.\n");
+  else put("The daemon runs" + (process ? " as process " + std::to_string(process) : std::string()) + ".\n");
   auto applications = has_store(config) ? open_store(config).applications() : std::vector<ApplicationRow>();
-  bool received = std::any_of(applications.begin(), applications.end(), [](const ApplicationRow& row) { return row.packets > 0; });
+  auto has_sent = [](const ApplicationRow& row) { return row.packets > 0; };
+  bool received = std::any_of(applications.begin(), applications.end(), has_sent);
   put("\n" + status_text(applications, wall_clock_ms()));
   if (!received) put(nothing_received_text(config));
   return answers ? 0 : 1;
@@ -122,21 +130,20 @@ int profile(const DaemonConfig& config, const std::string& application, int64_t 
   if (!daemon_answers(config)) throw std::runtime_error("no daemon runs; see `quorbit status`");
   StoreReader store = open_store(config, true);
   int64_t order = store.order_profile(application, seconds);
-  fprintf(stderr, "Waiting for a process of \"%s\" to ask for its configuration.\n", printable(application).c_str());
-  fprintf(stderr, "A process asks at the begin of a request, at most once a minute: this may take up to 65 s, and needs requests.\n");
+  tell("Waiting for a process of \"" + printable(application) + "\" to ask for its configuration.");
+  tell("A process asks at the begin of a request, at most once a minute: this may take 65 s, and needs requests.");
   auto start = wait_for_start(store, order);
   if (!start) {
     store.cancel_order(order);
-    throw std::runtime_error("no process of this application asked; `quorbit status` lists the names of applications and their last query");
+    throw std::runtime_error("no process of this application asked; `quorbit status` lists applications and their last query");
   }
   auto [process, started_ms] = *start;
-  fprintf(stderr, "Process %lld profiles for %lld s; others of this application join as they ask.\n", static_cast<long long>(process),
-          static_cast<long long>(seconds));
+  tell("Process " + std::to_string(process) + " profiles for " + std::to_string(seconds) + " s; others join as they ask.");
   // One second for the rounding of the clock, one for the last events to be stored.
   while (wall_clock_ms() < started_ms + (seconds + 2) * 1000) std::this_thread::sleep_for(200ms);
   ProfilePrinter printer;
   store.each_profile_event(application, started_ms, [&](const ProfileEvent& event) { put(printer.add(event)); });
-  if (printer.events() == 0) fprintf(stderr, "No events came: no further request of these processes began in that time.\n");
+  if (printer.events() == 0) tell("No events came: no further request of these processes began in that time.");
   return 0;
 }
 

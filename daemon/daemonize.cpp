@@ -1,6 +1,7 @@
 // Lock, fork, socket, pid file, and back.
 #include "daemonize.h"
 
+#include "listener.h"
 #include "log.h"
 #include "server.h"
 
@@ -10,11 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -23,27 +23,6 @@ namespace quorbit {
 namespace {
 
 [[noreturn]] void fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
-
-struct sockaddr_un socket_address(const std::string& path) {
-  struct sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    errno = ENAMETOOLONG;
-    fail(path);
-  }
-  memcpy(address.sun_path, path.data(), path.size());
-  return address;
-}
-
-bool connects(const std::string& path) {
-  struct sockaddr_un address = socket_address(path);
-  int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (descriptor == -1) return false;
-  // EAGAIN: it listens, but its queue is full.
-  bool answers = connect(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN;
-  close(descriptor);
-  return answers;
-}
 
 // The descriptor that holds the lock, or -1 when another daemon has it. The file stays: removing it would let two daemons lock
 // files of the same name.
@@ -56,27 +35,6 @@ int take_lock(const std::string& path) {
   return -1;
 }
 
-// Listens at the path, in place of a socket that nobody serves any more.
-int listen_at(const std::string& path) {
-  struct sockaddr_un address = socket_address(path);
-  struct stat old;
-  if (lstat(path.c_str(), &old) == 0) {
-    if (!S_ISSOCK(old.st_mode)) throw std::runtime_error(path + ": there is something else than a socket");
-    if (unlink(path.c_str()) != 0) fail(path);
-  }
-  int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (descriptor == -1) fail("socket");
-  // Everybody who may enter the folder may connect. The mode comes from the umask, not from chmod(): the folder's group could
-  // put a link in the socket's place in between.
-  mode_t mask = umask(0111);
-  bool bound = bind(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0;
-  int bind_error = errno;
-  umask(mask);
-  errno = bind_error;
-  if (!bound || listen(descriptor, SOMAXCONN) != 0) fail(path);
-  return descriptor;
-}
-
 // Written beside and renamed, so that nobody ever reads half a number or follows a link.
 void write_pid_file(const std::string& path) {
   std::string fresh = path + ".new", text = std::to_string(getpid()) + "\n";
@@ -86,6 +44,15 @@ void write_pid_file(const std::string& path) {
   bool written = write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   close(descriptor);
   if (!written || rename(fresh.c_str(), path.c_str()) != 0) fail(path);
+}
+
+// The number in the pid file, 0 when there is none.
+int process_in(const std::string& pid_file) {
+  try {
+    return atoi(read_file(pid_file).c_str());
+  } catch (const std::runtime_error&) {
+    return 0;
+  }
 }
 
 // Leaves nothing of the process that started us: a pipe or terminal of its own would stay open as long as the daemon lives.
@@ -124,35 +91,34 @@ void block_ending_signals() {
   sigprocmask(SIG_BLOCK, &ending, nullptr);
 }
 
-int start_listening(const DaemonConfig& config) {
+// Everything that can fail before agents can be served.
+std::unique_ptr<Listener> start_listening(const DaemonConfig& config) {
   block_ending_signals();
   raise_descriptor_limit();
-  int listener = listen_at(config.socket_file);
+  auto listener = std::make_unique<Listener>(config.socket_file);
   write_pid_file(config.pid_file);
   log_message(LogLevel::info, "listening on " + config.socket_file);
   return listener;
 }
 
-int serve(const DaemonConfig& config, int listener) {
+int serve(const DaemonConfig& config, std::unique_ptr<Listener> listener) {
   int status = 0;
   try {
     ProfileSessions sessions;
     StoreWriter writer(config.store_file(), sessions);
-    Server(listener, config.applications_file(), writer, sessions).run();
+    Server(std::move(listener), config.applications_file(), writer, sessions).run();
   } catch (const std::exception& failure) {
     log_message(LogLevel::critical, failure.what());
     status = 1;
   }
-  // The lock is still held, so these are ours.
-  unlink(config.socket_file.c_str());
-  unlink(config.pid_file.c_str());
+  if (process_in(config.pid_file) == getpid()) unlink(config.pid_file.c_str());
   log_message(LogLevel::info, "ended");
   return status;
 }
 
 // The background process. `report` tells the one that waits how it went: a byte of zero, or the reason of a failure.
 int live_in_background(const DaemonConfig& config, int report) {
-  int listener;
+  std::unique_ptr<Listener> listener;
   try {
     listener = start_listening(config);
   } catch (const std::exception& failure) {
@@ -163,7 +129,7 @@ int live_in_background(const DaemonConfig& config, int report) {
   leave_terminal();
   [[maybe_unused]] ssize_t told = write(report, "", 1);
   close(report);
-  return serve(config, listener);
+  return serve(config, std::move(listener));
 }
 
 int start_in_background(const DaemonConfig& config) {
@@ -194,7 +160,7 @@ int run_daemon(const std::string& config_path, bool foreground) {
     DaemonConfig config = read_daemon_config(config_path);
     log_open(config.log_file, log_level_by_name(config.log_level));
     // A daemon that holds no lock of ours may be another user's, or another program that agents are content with.
-    if (connects(config.socket_file)) return 0;
+    if (accepts_connections(config.socket_file)) return 0;
     int lock = take_lock(config.lock_file());
     if (lock == -1) return 0;
     if (foreground) return serve(config, start_listening(config));
@@ -207,14 +173,10 @@ int run_daemon(const std::string& config_path, bool foreground) {
 }
 
 int running_daemon(const DaemonConfig& config) {
-  try {
-    int process = atoi(read_file(config.pid_file).c_str());
-    return process > 0 && (kill(process, 0) == 0 || errno == EPERM) ? process : 0;
-  } catch (const std::runtime_error&) {
-    return 0;
-  }
+  int process = process_in(config.pid_file);
+  return process > 0 && (kill(process, 0) == 0 || errno == EPERM) ? process : 0;
 }
 
-bool daemon_answers(const DaemonConfig& config) { return connects(config.socket_file); }
+bool daemon_answers(const DaemonConfig& config) { return accepts_connections(config.socket_file); }
 
 }  // namespace quorbit

@@ -42,7 +42,7 @@ void add_commands(CLI::App& app, Arguments& arguments) {
   top->add_option("--since", arguments.since, "how far back")->check(check_seconds)->capture_default_str();
   add_list_options(top, arguments, false);
   app.add_subcommand("status", "applications and their processes; what to check when nothing comes");
-  CLI::App* profile = app.add_subcommand("profile", "records every function call of an application for some time, and prints them");
+  CLI::App* profile = app.add_subcommand("profile", "records an application's function calls for some time, and prints them");
   profile->add_option("APP", arguments.show.application, "name of the application")->required();
   profile->add_option("TIME", arguments.duration, "how long, such as 30s")->required()->check(check_seconds);
 }
@@ -50,10 +50,11 @@ void add_commands(CLI::App& app, Arguments& arguments) {
 int run_command(const CLI::App& app, Arguments& arguments) {
   auto config = arguments.config();
   const std::string command = app.get_subcommands().front()->get_name();
-  if (command == "tail") return quorbit::tail(config, arguments.show.application, arguments.show.json);
-  if (command == "top") return quorbit::top(config, arguments.show.application, *quorbit::parse_seconds(arguments.since));
+  const std::string& application = arguments.show.application;
+  if (command == "tail") return quorbit::tail(config, application, arguments.show.json);
+  if (command == "top") return quorbit::top(config, application, *quorbit::parse_seconds(arguments.since));
   if (command == "status") return quorbit::status(config);
-  if (command == "profile") return quorbit::profile(config, arguments.show.application, *quorbit::parse_seconds(arguments.duration));
+  if (command == "profile") return quorbit::profile(config, application, *quorbit::parse_seconds(arguments.duration));
   if (arguments.id) arguments.show.id = arguments.id;
   return quorbit::show(config, arguments.show);
 }

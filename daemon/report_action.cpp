@@ -64,7 +64,9 @@ void print_head(const StoredAction& shown, Page& page) {
   if (action.uri) page.entry("URI", *action.uri);
   if (row.status) page.entry("status", std::to_string(row.status));
   page.entry("duration", milliseconds(action.duration_ms));
-  auto share = [&](const char* title, int64_t ms) { page.entry(title, milliseconds(ms) + " (" + percent(ms, action.duration_ms) + ")"); };
+  auto share = [&](const char* title, int64_t ms) {
+    page.entry(title, milliseconds(ms) + " (" + percent(ms, action.duration_ms) + ")");
+  };
   share("database", action.database_ms);
   share("caches", action.cache_ms);
   share("outgoing calls", action.external_ms);
@@ -97,14 +99,17 @@ void print_statements(const Action& action, Page& page) {
   page.section("SQL");
   for (const StatementGroup& group : group_statements(action.statements)) {
     std::string times = milliseconds(group.total_ms);
-    if (group.count > 1) times = std::to_string(group.count) + " times, " + times + " in all, slowest " + milliseconds(group.slowest_ms);
+    if (group.count > 1) {
+      times = std::to_string(group.count) + " times, " + times + " in all, slowest " + milliseconds(group.slowest_ms);
+    }
     page.entry(group.vendor.empty() ? "statement" : group.vendor, times);
     page.entry("", group.statement);
     if (!group.place.empty()) page.entry("run at", group.place);
     page.stack(group.stack);
     auto plan = group.plan.empty() ? std::nullopt : parse_agent_json(group.plan);
     std::string title = "plan";
-    for (const std::string& line : plan ? plan_lines(*plan) : std::vector<std::string>()) page.entry(std::exchange(title, ""), line);
+    auto lines = plan ? plan_lines(*plan) : std::vector<std::string>();
+    for (const std::string& line : lines) page.entry(std::exchange(title, ""), line);
   }
 }
 
@@ -113,7 +118,8 @@ void print_calls(const Action& action, Page& page) {
     page.section("Caches");
     std::vector<std::vector<std::string>> cells;
     for (const CacheCall& call : action.caches) {
-      cells.push_back({milliseconds(call.duration_ms), printable(call.product), printable(call.collection), printable(call.operation)});
+      cells.push_back({milliseconds(call.duration_ms), printable(call.product), printable(call.collection),
+                       printable(call.operation)});
     }
     page.rows({{"TIME", true}, {"PRODUCT"}, {"COLLECTION", false, 40}, {"OPERATION", false, 30}}, cells);
   }
@@ -125,7 +131,8 @@ void print_calls(const Action& action, Page& page) {
   if (action.components.empty()) return;
   page.section("Components");
   auto components = action.components;
-  std::stable_sort(components.begin(), components.end(), [](const Component& a, const Component& b) { return a.own_ms > b.own_ms; });
+  auto more = [](const Component& a, const Component& b) { return a.own_ms > b.own_ms; };
+  std::stable_sort(components.begin(), components.end(), more);
   std::vector<std::vector<std::string>> cells;
   for (const Component& component : components) {
     cells.push_back({milliseconds(component.duration_ms), milliseconds(component.own_ms), printable(component.name)});
@@ -146,15 +153,16 @@ void print_related(const std::vector<RelatedAction>& related, Page& page) {
   page.section("Transaction");
   constexpr const char* words[] = {"called by", "called", "same"};
   for (const auto& [relation, other] : related) {
-    page.entry(words[static_cast<int>(relation)], "action " + std::to_string(other->row.id) + ", " + other->action.application + ", " +
-                                                      other->action.name + ", " + milliseconds(other->action.duration_ms));
+    std::string text = "action " + std::to_string(other->row.id) + ", " + other->action.application + ", " + other->action.name;
+    page.entry(words[static_cast<int>(relation)], text + ", " + milliseconds(other->action.duration_ms));
   }
   // The other half itself, as far as there is one.
   for (const auto& [relation, other] : related) {
     if (relation == Relation::same_transaction || other->action.trace.empty()) continue;
     auto nodes = read_trace(other->action.trace);
     if (!nodes) continue;
-    page.section(std::string(relation == Relation::caller ? "Caller" : "Callee") + ": trace of action " + std::to_string(other->row.id));
+    const std::string half = relation == Relation::caller ? "Caller" : "Callee";
+    page.section(half + ": trace of action " + std::to_string(other->row.id));
     page.out += trace_text(*nodes, page.width());
   }
 }
@@ -166,7 +174,8 @@ void print_rest(const Action& action, Page& page) {
   for (const NameValue& parameter : action.parameters) page.entry(parameter.name, parameter.value);
   if (!action.unknown.empty()) page.section("Records unknown to this version");
   for (const UnknownRecord& record : action.unknown) {
-    page.entry("type " + std::to_string(record.type), std::to_string(record.body.size()) + " bytes: " + record.body.substr(0, 400));
+    std::string size = std::to_string(record.body.size()) + " bytes: ";
+    page.entry("type " + std::to_string(record.type), size + record.body.substr(0, 400));
   }
 }
 

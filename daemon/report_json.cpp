@@ -25,7 +25,11 @@ Json error_json(const std::optional<ErrorInfo>& error) {
 Json statements_json(const Action& action) {
   Json list = Json::array();
   for (const SqlStatement& sql : action.statements) {
-    list.push_back({{"duration_ms", sql.duration_ms}, {"vendor", sql.vendor}, {"statement", sql.statement}, {"stack", embedded(sql.stack)}, {"plan", embedded(sql.plan)}});
+    list.push_back({{"duration_ms", sql.duration_ms},
+                    {"vendor", sql.vendor},
+                    {"statement", sql.statement},
+                    {"stack", embedded(sql.stack)},
+                    {"plan", embedded(sql.plan)}});
   }
   return list;
 }
@@ -33,7 +37,10 @@ Json statements_json(const Action& action) {
 Json caches_json(const Action& action) {
   Json list = Json::array();
   for (const CacheCall& call : action.caches) {
-    list.push_back({{"product", call.product}, {"collection", call.collection}, {"operation", call.operation}, {"duration_ms", call.duration_ms}});
+    list.push_back({{"product", call.product},
+                    {"collection", call.collection},
+                    {"operation", call.operation},
+                    {"duration_ms", call.duration_ms}});
   }
   return list;
 }
@@ -41,7 +48,10 @@ Json caches_json(const Action& action) {
 Json calls_json(const Action& action) {
   Json list = Json::array();
   for (const ServiceCall& call : action.services) {
-    list.push_back({{"name", call.name}, {"duration_ms", call.duration_ms}, {"callee_id", call.callee_id}, {"callee_action", call.callee_action}});
+    list.push_back({{"name", call.name},
+                    {"duration_ms", call.duration_ms},
+                    {"callee_id", call.callee_id},
+                    {"callee_action", call.callee_action}});
   }
   return list;
 }
@@ -49,7 +59,12 @@ Json calls_json(const Action& action) {
 Json failed_calls_json(const Action& action) {
   Json list = Json::array();
   for (const ServiceError& error : action.service_errors) {
-    list.push_back({{"name", error.name}, {"code", error.code}, {"status", error.status}, {"message", error.message}, {"query", error.query}, {"stack", embedded(error.stack)}});
+    list.push_back({{"name", error.name},
+                    {"code", error.code},
+                    {"status", error.status},
+                    {"message", error.message},
+                    {"query", error.query},
+                    {"stack", embedded(error.stack)}});
   }
   return list;
 }

@@ -3,57 +3,82 @@
 
 #include "text.h"
 
+#include <algorithm>
+
 namespace quorbit {
 
 namespace {
 
-std::string name_of(const ActionRow& row) { return row.name.empty() ? "(no name)" : printable(row.name); }
-std::string status_of(const ActionRow& row) { return row.status ? std::to_string(row.status) : "-"; }
+struct ListColumn {
+  const char* title;
+  bool right;
+  size_t tail_width;
+};
+constexpr ListColumn list_columns[] = {
+    {"ID", true, 8},
+    {"TIME", false, 19},
+    {"APPLICATION", false, 16},
+    {"ACTION", false, 40},
+    {"DURATION", true, 10},
+    {"DB", true, 4},
+    {"CACHE", true, 5},
+    {"EXT", true, 4},
+    {"CODE", true, 4},
+    {"STATUS", true, 6},
+    {"ERROR", false, 5},
+};
+constexpr size_t application_column = 2, action_column = 3;
 
-// Columns that all the others take when application and action names are left out.
-constexpr size_t fixed_columns = 19 + 10 + 4 * 5 + 6 + 5 + 8 + 2 * 10;
-
-std::string pad(std::string text, size_t width, bool right) {
-  text = cut(text, width);
-  std::string fill(width - text_width(text), ' ');
-  return right ? fill + text : text + fill;
-}
-
-std::string tail_cells(const std::vector<std::string>& cells) {
-  constexpr struct {
-    size_t width;
-    bool right;
-  } columns[] = {{8, true}, {19, false}, {16, false}, {40, false}, {10, true}, {4, true}, {5, true}, {4, true}, {4, true}, {6, true}, {5, false}};
-  std::string line;
-  for (size_t i = 0; i < cells.size(); i++) line += (i ? "  " : "") + pad(cells[i], columns[i].width, columns[i].right);
-  return line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
-}
+// What the other columns of a table take together, with the blanks between all of them.
+constexpr size_t other_columns = 82;
 
 std::vector<std::string> cells_of(const ActionRow& row) {
-  return {std::to_string(row.id), local_time(row.received_ms), printable(row.application), name_of(row),
-          std::to_string(row.duration_ms) + " ms", percent(row.database_ms, row.duration_ms), percent(row.cache_ms, row.duration_ms),
-          percent(row.external_ms, row.duration_ms), percent(row.code_ms, row.duration_ms), status_of(row), row.error ? "ERROR" : ""};
+  auto share = [&row](int64_t ms) { return percent(ms, row.duration_ms); };
+  return {std::to_string(row.id),
+          local_time(row.received_ms),
+          printable(row.application),
+          row.name.empty() ? "(no name)" : printable(row.name),
+          std::to_string(row.duration_ms) + " ms",
+          share(row.database_ms),
+          share(row.cache_ms),
+          share(row.external_ms),
+          share(row.code_ms),
+          row.status ? std::to_string(row.status) : "-",
+          row.error ? "ERROR" : ""};
 }
 
-const std::vector<std::string> titles = {"ID", "TIME", "APPLICATION", "ACTION", "DURATION", "DB", "CACHE", "EXT", "CODE", "STATUS", "ERROR"};
+std::string fixed_line(const std::vector<std::string>& cells) {
+  std::string line;
+  for (size_t i = 0; i < cells.size(); i++) {
+    std::string cell = cut(cells[i], list_columns[i].tail_width);
+    std::string fill(list_columns[i].tail_width - text_width(cell), ' ');
+    line += (i ? "  " : "") + (list_columns[i].right ? fill + cell : cell + fill);
+  }
+  return line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+}
 
 }  // namespace
 
 std::string action_table(const std::vector<ActionRow>& rows, size_t width) {
   std::vector<Column> columns;
-  for (const std::string& title : titles) columns.push_back({title, title != "TIME" && title != "APPLICATION" && title != "ACTION" && title != "ERROR"});
+  for (const ListColumn& column : list_columns) columns.push_back({column.title, column.right});
   if (width > 0) {
-    size_t names = width > fixed_columns + 40 ? width - fixed_columns : 40;
-    columns[2].most = names / 3;
-    columns[3].most = names - names / 3;
+    size_t names = std::max(width, other_columns + 40) - other_columns;
+    columns[application_column].most = names / 3;
+    columns[action_column].most = names - names / 3;
   }
   std::vector<std::vector<std::string>> cells;
   for (const ActionRow& row : rows) cells.push_back(cells_of(row));
   return table(columns, cells);
 }
 
-std::string tail_header() { return tail_cells(titles); }
-std::string tail_line(const ActionRow& row) { return tail_cells(cells_of(row)); }
+std::string tail_header() {
+  std::vector<std::string> titles;
+  for (const ListColumn& column : list_columns) titles.emplace_back(column.title);
+  return fixed_line(titles);
+}
+
+std::string tail_line(const ActionRow& row) { return fixed_line(cells_of(row)); }
 
 Json action_summary(const ActionRow& row) {
   Json summary = {

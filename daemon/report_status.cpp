@@ -49,7 +49,8 @@ std::string nothing_received_text(const DaemonConfig& config) {
     line(false, "the folder " + folder + " does not exist: create it, mode 2770, group of the web server");
   } else {
     bool shared = (status.st_mode & S_IWGRP) && (status.st_mode & S_IXGRP);
-    line(shared, "the folder " + folder + (shared ? " is open to its group; PHP's processes must be in it" : " is closed to its group: chmod 2770"));
+    line(shared, "the folder " + folder + (shared ? " is open to its group, which PHP's processes must be in"
+                                                  : " is closed to its group: chmod 2770"));
   }
   bool answers = daemon_answers(config);
   line(answers, answers ? "the daemon answers on " + config.socket_file : "no daemon answers on " + config.socket_file);

@@ -42,10 +42,10 @@ std::string top_text(const std::vector<ActionSum>& sums, size_t width) {
   std::vector<std::vector<std::string>> cells;
   for (const ActionSum& sum : sums) {
     auto ms = [](int64_t value) { return std::to_string(value) + " ms"; };
+    auto share = [&sum](int64_t part) { return percent(part, sum.total_ms); };
     cells.push_back({std::to_string(sum.durations_ms.size()), std::to_string(sum.errors), ms(percentile(sum.durations_ms, 50)),
-                     ms(percentile(sum.durations_ms, 95)), percent(sum.database_ms, sum.total_ms), percent(sum.cache_ms, sum.total_ms),
-                     percent(sum.external_ms, sum.total_ms), percent(sum.code_ms, sum.total_ms), printable(sum.application),
-                     sum.name.empty() ? "(no name)" : printable(sum.name)});
+                     ms(percentile(sum.durations_ms, 95)), share(sum.database_ms), share(sum.cache_ms), share(sum.external_ms),
+                     share(sum.code_ms), printable(sum.application), sum.name.empty() ? "(no name)" : printable(sum.name)});
   }
   return table(columns, cells);
 }

@@ -22,6 +22,7 @@ constexpr size_t budget_bytes = size_t{256} << 20;
 // An agent sends a packet in one call with a time-out of 100 ms: one that is still not whole after this never will be.
 constexpr int64_t stall_seconds = 10;
 constexpr int sweep_ms = 1000;
+constexpr int keep_seconds = 5;  // between looks at the socket's name
 
 [[noreturn]] void throw_errno(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
@@ -43,8 +44,8 @@ std::string given_lines(const Settings& settings) {
 
 }  // namespace
 
-Server::Server(int listener, std::string applications_file, StoreWriter& writer, ProfileSessions& sessions)
-    : listener_(listener),
+Server::Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter& writer, ProfileSessions& sessions)
+    : listener_(std::move(listener)),
       writer_(writer),
       sessions_(sessions),
       applications_(std::move(applications_file)),
@@ -57,31 +58,29 @@ Server::Server(int listener, std::string applications_file, StoreWriter& writer,
   signals_ = signalfd(-1, &ending, SFD_NONBLOCK | SFD_CLOEXEC);
   epoll_ = epoll_create1(EPOLL_CLOEXEC);
   if (signals_ == -1 || epoll_ == -1) throw_errno("event loop");
-  for (int descriptor : {listener_, signals_}) {
-    struct epoll_event event = {};
-    event.events = EPOLLIN;
-    event.data.fd = descriptor;
-    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) throw_errno("event loop");
+  for (int descriptor : {listener_->descriptor(), signals_}) {
+    if (!watch_new(descriptor)) throw_errno("event loop");
   }
 }
 
 Server::~Server() {
   for (const auto& [descriptor, connection] : connections_) close(descriptor);
-  for (int descriptor : {listener_, signals_, epoll_}) close(descriptor);
+  close(signals_);
+  close(epoll_);
 }
 
 void Server::run() {
   std::array<struct epoll_event, 256> events;
   writer_.set_most_bytes(applications_.current().store_mb << 20);
-  for (;;) {
+  while (keep_socket()) {
     // With nobody connected there is nothing that could stall.
-    int timeout_ms = connections_.empty() && accepting_ ? -1 : sweep_ms;
+    int timeout_ms = connections_.empty() && accepting_ ? keep_seconds * 1000 : sweep_ms;
     int count = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), timeout_ms);
     if (count == -1 && errno != EINTR) throw_errno("epoll_wait");
     for (int i = 0; i < count; i++) {
       int descriptor = events[i].data.fd;
       if (descriptor == signals_) return;
-      if (descriptor == listener_) {
+      if (descriptor == listener_->descriptor()) {
         accept_agents();
         continue;
       }
@@ -93,19 +92,39 @@ void Server::run() {
   }
 }
 
+// A deleted socket would leave a daemon that nobody finds and that keeps every other from starting.
+bool Server::keep_socket() {
+  int64_t now = monotonic_second();
+  if (now - kept_second_ < keep_seconds) return true;
+  kept_second_ = now;
+  int before = listener_->descriptor();
+  if (!listener_->keep_name()) {
+    log_message(LogLevel::error, "the socket is gone or another's: ending");
+    return false;
+  }
+  if (listener_->descriptor() == before) return true;
+  log_message(LogLevel::warning, "the socket was deleted: listening anew");
+  accepting_ = watch_new(listener_->descriptor());
+  return true;
+}
+
+bool Server::watch_new(int descriptor) {
+  struct epoll_event event = {};
+  event.events = EPOLLIN;
+  event.data.fd = descriptor;
+  return epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
 void Server::accept_agents() {
   // A bounded number per round: those who are connected already come first.
   for (int i = 0; i < 64; i++) {
-    int descriptor = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    int descriptor = accept4(listener_->descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (descriptor == -1) {
       if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) pause_accepting();
       return;
     }
     auto connection = std::make_unique<Connection>(descriptor, process_of_peer(descriptor), budget_);
-    struct epoll_event event = {};
-    event.events = EPOLLIN;
-    event.data.fd = descriptor;
-    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    if (!watch_new(descriptor)) {
       close(descriptor);
       return;
     }
@@ -116,16 +135,11 @@ void Server::accept_agents() {
 // Without this a listener that cannot be served would wake us without end.
 void Server::pause_accepting() {
   refused_log_.message(LogLevel::error, std::string("no more connections for now: ") + strerror(errno));
-  epoll_ctl(epoll_, EPOLL_CTL_DEL, listener_, nullptr);
+  epoll_ctl(epoll_, EPOLL_CTL_DEL, listener_->descriptor(), nullptr);
   accepting_ = false;
 }
 
-void Server::resume_accepting() {
-  struct epoll_event event = {};
-  event.events = EPOLLIN;
-  event.data.fd = listener_;
-  accepting_ = epoll_ctl(epoll_, EPOLL_CTL_ADD, listener_, &event) == 0;
-}
+void Server::resume_accepting() { accepting_ = watch_new(listener_->descriptor()); }
 
 void Server::handle(Connection& connection, uint32_t events) {
   bool open = true;
@@ -176,7 +190,8 @@ const char* Server::answer_query(Connection& connection, const Query& query) {
   seen.sapi = query.environment_value("Server API");
   seen.php_version = query.environment_value("PHP Version");
   writer_.put(std::move(seen));
-  log_message(LogLevel::debug, "configuration of \"" + query.application + "\" given to process " + std::to_string(connection.process));
+  std::string to = " given to process " + std::to_string(connection.process);
+  log_message(LogLevel::debug, "configuration of \"" + query.application + "\"" + to);
 
   if (!connection.waiting_answer().empty()) return "asks again without taking its answers";
   ssize_t sent = send(connection.descriptor, answer.data(), answer.size(), MSG_NOSIGNAL);
@@ -224,7 +239,8 @@ void Server::close_stalled() {
   if (!accepting_) resume_accepting();
   for (auto next = connections_.begin(); next != connections_.end();) {
     Connection& connection = *(next++)->second;
-    if (connection.is_busy() && now - connection.busy_since_second > stall_seconds) close_connection(connection, "stalled within a packet");
+    bool stalled = connection.is_busy() && now - connection.busy_since_second > stall_seconds;
+    if (stalled) close_connection(connection, "stalled within a packet");
   }
 }
 

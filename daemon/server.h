@@ -3,6 +3,7 @@
 
 #include "applications.h"
 #include "connection.h"
+#include "listener.h"
 #include "log.h"
 #include "profile_sessions.h"
 #include "store_writer.h"
@@ -13,17 +14,19 @@ namespace quorbit {
 
 class Server {
  public:
-  // Serves the listening socket, which it comes to own.
-  Server(int listener, std::string applications_file, StoreWriter& writer, ProfileSessions& sessions);
+  Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter& writer, ProfileSessions& sessions);
   ~Server();
 
-  // Works until SIGTERM or SIGINT, which the caller has blocked. Throws std::system_error when the kernel refuses epoll.
+  // Works until SIGTERM or SIGINT, which the caller has blocked, or until agents can no longer find the socket. Throws
+  // std::system_error when the kernel refuses epoll.
   void run();
 
  private:
   void accept_agents();
+  bool watch_new(int descriptor);
   void pause_accepting();
   void resume_accepting();
+  bool keep_socket();
   void handle(Connection& connection, uint32_t events);
   bool receive(Connection& connection);
   bool send_waiting(Connection& connection);
@@ -33,11 +36,11 @@ class Server {
   void close_stalled();
   void watch(Connection& connection);
 
-  int listener_;
+  std::unique_ptr<Listener> listener_;
   int epoll_ = -1;
   int signals_ = -1;
   bool accepting_ = true;
-  int64_t swept_second_ = 0;
+  int64_t swept_second_ = 0, kept_second_ = 0;
   StoreWriter& writer_;
   ProfileSessions& sessions_;
   ApplicationsFile applications_;

@@ -57,13 +57,35 @@ CREATE TABLE application (
 PRAGMA user_version = 1;
 )sql";
 
+constexpr const char* insert_action_sql = R"sql(
+INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, error,
+  transaction_id, tracer_id, packet) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
+
+constexpr const char* insert_event_sql = "INSERT INTO profile_event (received_ms, application, thread, packet) VALUES (?,?,?,?)";
+
+constexpr const char* packet_seen_sql = R"sql(
+INSERT INTO application (name, packet_ms, packet_process, packets, seen_ms) VALUES (?1, ?2, ?3, 1, ?2)
+  ON CONFLICT (name) DO UPDATE SET packet_ms = ?2, packet_process = ?3, packets = packets + 1, seen_ms = ?2)sql";
+
+constexpr const char* query_seen_sql = R"sql(
+INSERT INTO application (name, query_ms, query_process, sapi, php_version, given, seen_ms) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?2)
+  ON CONFLICT (name) DO UPDATE SET query_ms = ?2, query_process = ?3, sapi = ?4, php_version = ?5, given = ?6, seen_ms = ?2)sql";
+
+// An application's name can come from a request's Host header: their number must not grow without end.
+constexpr const char* keep_applications_sql = R"sql(
+DELETE FROM application WHERE name IN (SELECT name FROM application ORDER BY seen_ms DESC LIMIT -1 OFFSET 1024))sql";
+
+constexpr const char* used_pages_sql =
+    "SELECT (SELECT page_count FROM pragma_page_count) - (SELECT freelist_count FROM pragma_freelist_count)";
+
 // The columns are for finding and listing; the packet has the whole texts.
 std::string_view column_text(std::string_view text) { return text.substr(0, 1024); }
 
 }  // namespace
 
 Store::Opened::Opened(const std::string& path) : Database(path, Mode::create) {
-  execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
+  execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL");
+  execute("PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
   int64_t version = integer("PRAGMA user_version");
   if (version == 0) {
     execute("BEGIN IMMEDIATE");
@@ -76,21 +98,12 @@ Store::Opened::Opened(const std::string& path) : Database(path, Mode::create) {
 
 Store::Store(const std::string& path)
     : database_(path),
-      insert_action_(database_,
-                     "INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, "
-                     "code_ms, status, error, transaction_id, tracer_id, packet) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?)"),
-      insert_event_(database_, "INSERT INTO profile_event (received_ms, application, thread, packet) VALUES (?,?,?,?)"),
-      packet_seen_(database_,
-                   "INSERT INTO application (name, packet_ms, packet_process, packets, seen_ms) VALUES (?1, ?2, ?3, 1, ?2) ON CONFLICT "
-                   "(name) DO UPDATE SET packet_ms = ?2, packet_process = ?3, packets = packets + 1, seen_ms = ?2"),
-      query_seen_(database_,
-                  "INSERT INTO application (name, query_ms, query_process, sapi, php_version, given, seen_ms) VALUES (?1, ?2, ?3, ?4, ?5, "
-                  "?6, ?2) ON CONFLICT (name) DO UPDATE SET query_ms = ?2, query_process = ?3, sapi = ?4, php_version = ?5, given = ?6, "
-                  "seen_ms = ?2"),
-      // An application's name can come from a request's Host header: their number must not grow without end.
-      keep_applications_(database_,
-                         "DELETE FROM application WHERE name IN (SELECT name FROM application ORDER BY seen_ms DESC LIMIT -1 OFFSET 1024)"),
-      used_pages_(database_, "SELECT (SELECT page_count FROM pragma_page_count) - (SELECT freelist_count FROM pragma_freelist_count)"),
+      insert_action_(database_, insert_action_sql),
+      insert_event_(database_, insert_event_sql),
+      packet_seen_(database_, packet_seen_sql),
+      query_seen_(database_, query_seen_sql),
+      keep_applications_(database_, keep_applications_sql),
+      used_pages_(database_, used_pages_sql),
       page_size_(database_.integer("PRAGMA page_size")) {}
 
 void Store::add(const StoredPacket& packet) {

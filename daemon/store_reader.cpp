@@ -40,13 +40,15 @@ std::vector<ActionRow> StoreReader::newest(int64_t most, const std::string& appl
 }
 
 std::vector<ActionRow> StoreReader::after(int64_t id, const std::string& application) {
-  Statement select(database_, "SELECT " ROW_COLUMNS " FROM action WHERE id > ?2 AND (?1 = '' OR application = ?1) ORDER BY id LIMIT 1000");
+  Statement select(database_,
+                   "SELECT " ROW_COLUMNS " FROM action WHERE id > ?2 AND (?1 = '' OR application = ?1) ORDER BY id LIMIT 1000");
   return rows(select.bind(1, application).bind(2, id));
 }
 
 int64_t StoreReader::last_id() { return database_.integer("SELECT max(id) FROM action"); }
 
-void StoreReader::each_since(int64_t wall_ms, const std::string& application, const std::function<void(const ActionRow&)>& on_row) {
+void StoreReader::each_since(int64_t wall_ms, const std::string& application,
+                             const std::function<void(const ActionRow&)>& on_row) {
   Statement select(database_, "SELECT " ROW_COLUMNS " FROM action WHERE received_ms >= ?2 AND (?1 = '' OR application = ?1)");
   select.bind(1, application).bind(2, wall_ms);
   while (select.step()) on_row(row_of(select));
@@ -64,7 +66,8 @@ std::vector<StoredAction> StoreReader::related(const StoredAction& to, const std
   std::vector<StoredAction> found;
   auto collect = [&](const char* condition, const std::string& value) {
     if (value.empty()) return;
-    Statement select(database_, std::string("SELECT " ROW_COLUMNS ", packet FROM action WHERE ") + condition + " = ? ORDER BY id LIMIT 100");
+    const std::string selection = "SELECT " ROW_COLUMNS ", packet FROM action WHERE ";
+    Statement select(database_, selection + condition + " = ? ORDER BY id LIMIT 100");
     select.bind(1, value);
     while (select.step() && found.size() < 100) {
       ActionRow row = row_of(select);
@@ -81,12 +84,12 @@ std::vector<StoredAction> StoreReader::related(const StoredAction& to, const std
 
 std::vector<ApplicationRow> StoreReader::applications() {
   Statement select(database_,
-                   "SELECT name, query_ms, query_process, sapi, php_version, given, packet_ms, packet_process, packets FROM application "
-                   "ORDER BY name");
+                   "SELECT name, query_ms, query_process, sapi, php_version, given, packet_ms, packet_process, packets "
+                   "FROM application ORDER BY name");
   std::vector<ApplicationRow> rows;
   while (select.step()) {
-    rows.push_back({select.text(0), select.integer(1), select.integer(2), select.text(3), select.text(4), select.text(5), select.integer(6),
-                    select.integer(7), select.integer(8)});
+    rows.push_back({select.text(0), select.integer(1), select.integer(2), select.text(3), select.text(4), select.text(5),
+                    select.integer(6), select.integer(7), select.integer(8)});
   }
   return rows;
 }

@@ -42,7 +42,8 @@ class StoreReader {
   std::vector<ActionRow> after(int64_t id, const std::string& application);
   int64_t last_id();
   // Calls on_row for every action received since then.
-  void each_since(int64_t wall_ms, const std::string& application, const std::function<void(const ActionRow&)>& on_row);
+  void each_since(int64_t wall_ms, const std::string& application,
+                  const std::function<void(const ActionRow&)>& on_row);
 
   std::optional<StoredAction> action(int64_t id);
   // The other actions, at most 100, of the same transaction or with one of these tracer ids, oldest first.
@@ -55,7 +56,8 @@ class StoreReader {
   // The process that started it and when; nothing while it waits.
   std::optional<std::pair<int64_t, int64_t>> order_start(int64_t id);
   // Calls on_event for each event of the application received since then, thread by thread, in the order in which they came.
-  void each_profile_event(const std::string& application, int64_t since_ms, const std::function<void(const ProfileEvent&)>& on_event);
+  void each_profile_event(const std::string& application, int64_t since_ms,
+                          const std::function<void(const ProfileEvent&)>& on_event);
 
  private:
   std::vector<ActionRow> rows(Statement& select);

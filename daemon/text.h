@@ -12,7 +12,8 @@ namespace quorbit {
 // The text as UTF-8: every invalid byte becomes U+FFFD.
 std::string valid_utf8(std::string_view text);
 
-// The text as one harmless line for a terminal: control and direction characters and invalid bytes are written as escapes (\n, \x1b, \u202e).
+// The text as one harmless line for a terminal: control and direction characters and invalid bytes are written as escapes
+// (\n, \x1b, \u202e).
 std::string printable(std::string_view text);
 
 // Columns that printable text takes (its code points).
@@ -21,7 +22,8 @@ size_t text_width(std::string_view text);
 // Printable text in at most `width` columns; what is cut is marked by an ellipsis.
 std::string cut(std::string_view text, size_t width);
 
-// Printable text as lines of at most `width` columns, broken at blanks where there are some; after `most` lines an ellipsis ends it.
+// Printable text as lines of at most `width` columns, broken at blanks where there are some; an ellipsis ends what does not fit into
+// `most` lines.
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most);
 
 struct Column {

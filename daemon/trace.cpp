@@ -153,8 +153,8 @@ std::vector<std::string> read_stack(std::string_view json) {
 }
 
 std::vector<std::string> plan_lines(const Json& plan) {
-  bool has_rows = plan.is_object() && plan.contains("keys") && plan.contains("values") && plan["keys"].is_array() && plan["values"].is_array();
-  if (!has_rows) return {"none"};
+  auto has_list = [&plan](const char* key) { return plan.is_object() && plan.contains(key) && plan[key].is_array(); };
+  if (!has_list("keys") || !has_list("values")) return {"none"};
   auto text = [](const Json& value) { return value.is_string() ? value.get<std::string>() : value.dump(); };
   const Json& keys = plan["keys"];
   std::vector<std::string> lines;
