@@ -43,7 +43,7 @@ class FakeDaemon:
         self.path = path
         self.reply = wire.answer(PLAIN)
         self.hang_up_on_accept = False
-        self.deaf = False                         # read nothing behind the first query
+        self.after_answer = "read"                # or "ignore" what comes then, or "hang up"
         self.connections, self.faults = [], []
         self._changed = threading.Condition()
         self._listener = None
@@ -159,11 +159,11 @@ class FakeDaemon:
         reply = self.reply(packet) if callable(self.reply) else self.reply
         if reply is not SILENCE and reply is not HANG_UP:
             connection.sock.sendall(reply)
-        if self.deaf:
+        if self.after_answer == "ignore":
             hung_up = select.poll()
             hung_up.register(connection.sock, 0)
             hung_up.poll()
-        return reply is not HANG_UP and not self.deaf
+        return reply is not HANG_UP and self.after_answer == "read"
 
     def _wait(self, condition, what, timeout=10):
         if not self._changed.wait_for(condition, timeout):

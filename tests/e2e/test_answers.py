@@ -132,7 +132,7 @@ def test_a_daemon_that_accepts_nobody_costs_one_time_out_per_connect(site):
 
 
 def test_a_daemon_that_does_not_read_costs_one_time_out(site):
-    site.daemon.deaf = True
+    site.daemon.after_answer = "ignore"
     site.daemon.configure(PARAMS)
     form = "&".join(f"p{i}=" + "x" * 4000 for i in range(200)).encode()
     within(site.cgi('echo count($_POST);', method="POST", body=form, ini={"max_input_vars": "1000"}), 1)
@@ -143,6 +143,13 @@ def test_a_daemon_that_hangs_up_at_once(site):
     site.daemon.hang_up_on_accept = True
     within(site.cgi('echo "page";'), 0)
     assert "fail" in site.log()
+
+
+def test_a_daemon_that_hangs_up_meanwhile_kills_nobody(site):
+    """Not even a script that wants SIGPIPE to end it, as command-line filters do."""
+    site.daemon.after_answer = "hang up"
+    site.cli('pcntl_signal(SIGPIPE, SIG_DFL); usleep(50000); echo "work";')
+    assert "send metric data fail" in site.log()
 
 
 def test_a_daemon_that_dies_between_requests_loses_what_was_on_its_way(site):

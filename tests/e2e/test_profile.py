@@ -41,3 +41,9 @@ def test_no_events_once_it_is_over(site):
     profile(site, -2)
     result = site.cgi(CODE)
     assert result.events == [] and result.monitored
+
+
+def test_events_end_in_the_middle_of_an_action(site, shim):
+    profile(site, 60)
+    code = 'function a() { } a(); file_put_contents(getenv("SHIM_CLOCK"), "100"); a();'
+    assert [event.name for event in site.cgi(code, env=shim).events] == ["Web", "a", "a", "getenv", "getenv", "file_put_contents"]

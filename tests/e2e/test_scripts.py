@@ -37,6 +37,8 @@ SCRIPTS = {
         'catch (Exception $e) { echo $e->getTraceAsString(); }',
     "call_user_func": 'function f(&$x, $y = 2) { $x .= $y; return func_num_args(); } $v = "v"; echo call_user_func_array("f", '
         'array(&$v, 3)), $v, call_user_func("f", $v), call_user_func("nope"), call_user_func(array("Nope", "x"));',
+    "functions without a name": '$f = create_function(\'$x\', \'return $x + 1;\'); echo $f(1), implode(array_map($f, array(1, 2)));'
+        'echo preg_replace_callback("/a/", create_function("", "return 5;"), "bab"), array_sum(array_map("intval", array("1", "x")));',
     "include and eval": 'file_put_contents("inc.php", "<?php function inc() { return __FILE__ . __LINE__; } return inc();");'
         'echo include "inc.php"; echo include_once "inc.php"; echo @include "missing.php"; eval(\'function e() { return 8; } echo e();\');'
         'echo eval("return 5;"); eval("broken(");',

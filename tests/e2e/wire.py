@@ -164,6 +164,8 @@ def component_record(metric, body):
     total, own, name = lines(body, 3, 3)
     if name in metric.components:
         raise WireError(f"component {name} twice")
+    if name == "PHP/NULL/remainder code" and (total != own or int(own) <= 0):
+        raise WireError(f"remainder of {total}, {own} ms")
     metric.components[name] = (int(total), int(own))
 
 
