@@ -94,6 +94,8 @@ TEST_F(Trace, PlacesCallsByTheirTimeSpans)
 		{{{"a", 0, 10}, {"b", 10, 20}}, "execute(a b)"},
 		{{{"c", 2, 4}, {"b", 1, 9}, {"d", 9, 10}, {"a", 0, 10}, {"e", 11, 12}}, "execute(a(b(c) d) e)"},
 		{{{"inner", 0, 5}, {"middle", 0, 10}, {"outer", 0, 15}}, "execute(outer(middle(inner)))"},
+		{{{"middle", 0, 10}, {"outer", 0, 15}, {"inner", 0, 5}}, "execute(outer(middle(inner)))"},
+		{{{"outer", 0, 15}, {"inner", 0, 5}, {"middle", 0, 10}}, "execute(outer(middle(inner)))"},
 		{{{"a", 110, 130}, {"b", 119, 125}}, "execute(a(b))"},
 		{{{"late", 120, 150}, {"below", 130, 140}, {"beside", 160, 170}}, "execute"},
 	};
