@@ -7,6 +7,7 @@ import pytest
 sys.path.insert(0, str(Path(__file__).parent))
 
 import engines  # noqa: E402
+from servers import doubles, mariadb, postgres  # noqa: E402,F401
 from skips import pytest_make_collect_report, pytest_runtest_makereport  # noqa: E402,F401
 
 
