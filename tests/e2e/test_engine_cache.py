@@ -56,7 +56,8 @@ class Workshop:
 
     def start(self):
         return subprocess.Popen([self.scripts / "find", self.link], env=self.environment, text=True,
-                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True,
+                                preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))   # ignored in background jobs
 
     def find(self):
         process = self.start()
@@ -111,7 +112,7 @@ def test_a_failed_build_leaves_nothing_that_passes_for_an_engine(tmp_path, fault
 
 @pytest.mark.parametrize("number, leftovers", [(signal.SIGTERM, 0), (signal.SIGINT, 0), (signal.SIGKILL, 1)])
 def test_an_interrupted_build_is_done_again(tmp_path, number, leftovers):
-    shop = Workshop(tmp_path, npm=f"[ -e {tmp_path}/go ] || sleep {TIMEOUT_S}; cp {tmp_path}/package.tgz .")
+    shop = Workshop(tmp_path, npm=f"[ -e {tmp_path}/go ] || exec sleep {TIMEOUT_S}; cp {tmp_path}/package.tgz .")
     process = shop.start()
     wait_until(lambda: shop.fetches() == 1, "the download to begin")
     os.killpg(process.pid, number)
