@@ -7,8 +7,6 @@ namespace quorbit {
 
 namespace {
 
-constexpr int64_t layout_version = 1;
-
 constexpr const char* layout = R"sql(
 CREATE TABLE action (
   id INTEGER PRIMARY KEY,
@@ -54,7 +52,6 @@ CREATE TABLE application (
   packet_process INTEGER,
   packets INTEGER NOT NULL DEFAULT 0,
   seen_ms INTEGER NOT NULL) WITHOUT ROWID;
-PRAGMA user_version = 1;
 )sql";
 
 constexpr const char* insert_action_sql = R"sql(
@@ -90,8 +87,9 @@ Store::Opened::Opened(const std::string& path) : Database(path, Mode::create) {
   if (version == 0) {
     execute("BEGIN IMMEDIATE");
     execute(layout);
+    execute(("PRAGMA user_version = " + std::to_string(store_layout_version)).c_str());
     execute("COMMIT");
-  } else if (version != layout_version) {
+  } else if (version != store_layout_version) {
     throw SqliteError(path + ": made by another version of the daemon; move it away");
   }
 }

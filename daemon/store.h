@@ -8,6 +8,9 @@
 
 namespace quorbit {
 
+// Kept in the file as its user_version; 0 is a file that is being made.
+constexpr int64_t store_layout_version = 1;
+
 // A packet as it was received.
 struct StoredPacket {
   uint8_t type = 0;  // record_metric or record_thread_profile

@@ -26,7 +26,11 @@ ActionRow row_of(Statement& select) {
 }  // namespace
 
 StoreReader::StoreReader(const std::string& path, bool for_orders)
-    : database_(path, for_orders ? Database::Mode::read_write : Database::Mode::read_only) {}
+    : database_(path, for_orders ? Database::Mode::read_write : Database::Mode::read_only) {
+  int64_t version = database_.integer("PRAGMA user_version");
+  if (version == 0) throw SqliteError(path + ": nothing has been stored yet");
+  if (version != store_layout_version) throw SqliteError(path + ": made by another version of the daemon");
+}
 
 std::vector<ActionRow> StoreReader::rows(Statement& select) {
   std::vector<ActionRow> rows;

@@ -33,7 +33,7 @@ struct ApplicationRow {
 // Every function throws SqliteError.
 class StoreReader {
  public:
-  // `for_orders`: profile orders are to be written too.
+  // `for_orders`: profile orders are to be written too. Throws also when the file has another version's layout or none yet.
   explicit StoreReader(const std::string& path, bool for_orders = false);
 
   // The newest actions, newest first; of one application only when its name is given.

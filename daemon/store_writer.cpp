@@ -18,7 +18,7 @@ constexpr size_t most_queued_bytes = size_t{64} << 20;
 constexpr size_t most_transaction_bytes = size_t{8} << 20;
 constexpr auto batch_time = 100ms;   // what is waited for company before a commit
 constexpr auto idle_time = 500ms;    // between looks at the profile orders
-constexpr int64_t retry_seconds = 5;
+constexpr int64_t retry_seconds = 1;
 
 // The file's inode, 0 when there is none.
 uint64_t inode_of(const std::string& path) {

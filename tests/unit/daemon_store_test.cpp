@@ -1,0 +1,181 @@
+// The store: what is written is found again, within its bound, and its thread outlives a broken file.
+#include "daemon_records.h"
+#include "store_reader.h"
+#include "store_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+using namespace quorbit;
+using namespace quorbit_test;
+
+class StoreTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/quorbit-test-XXXXXX";
+    ASSERT_TRUE(mkdtemp(name));
+    folder_ = name;
+    path_ = folder_ + "/quorbit.db";
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  static StoredPacket metric(int64_t at_ms, const std::string& application, const std::string& more = "") {
+    return {0x0B, 42, at_ms, action_body(application, "cart", 100, more)};
+  }
+  static StoredPacket event(int64_t at_ms, const std::string& line) {
+    return {0x09, 42, at_ms, record(17, "Shop") + record(14, "key") + record(44, line)};
+  }
+  template <typename... Items>
+  void add(const Items&... items) {
+    Store store(path_);
+    store.begin();
+    (store.add(items), ...);
+    store.commit();
+  }
+
+  std::string folder_, path_;
+};
+
+TEST_F(StoreTest, FindsActionsAgain) {
+  add(metric(1000, "Shop", record(0x16, number(40)) + record(0x2A, "1\n500\nc\nm\n")), metric(2000, "Api"), metric(3000, "Shop"),
+      StoredPacket{0x0B, 1, 1, "garbled"});
+  StoreReader reader(path_);
+  auto all = reader.newest(10, "");
+  ASSERT_EQ(all.size(), 3u);
+  EXPECT_EQ(all[0].received_ms, 3000);
+  EXPECT_EQ(all[2].application, "Shop");
+  EXPECT_EQ(all[2].database_ms, 40);
+  EXPECT_EQ(all[2].code_ms, 60);
+  EXPECT_TRUE(all[2].error);
+  EXPECT_EQ(all[2].status, 500);
+  EXPECT_EQ(reader.newest(1, "Shop")[0].received_ms, 3000);
+  EXPECT_EQ(reader.after(all[2].id, "Shop").size(), 1u);
+  EXPECT_EQ(reader.action(all[2].id)->action.error->cls, "c");
+  EXPECT_FALSE(reader.action(99));
+  int since = 0;
+  reader.each_since(2000, "", [&](const ActionRow&) { since++; });
+  EXPECT_EQ(since, 2);
+}
+
+TEST_F(StoreTest, JoinsTheHalvesOfATransaction) {
+  add(metric(1, "Shop", record(0x20, "tx") + record(0x26, "a")), metric(2, "Api", record(0x20, "tx") + record(0x26, "b")),
+      metric(3, "Other", record(0x26, "c")), metric(4, "Alone"));
+  StoreReader reader(path_);
+  auto related = reader.related(*reader.action(1), {"c", "b", "missing"});
+  ASSERT_EQ(related.size(), 2u);
+  EXPECT_EQ(related[0].row.application, "Api");
+  EXPECT_EQ(related[1].row.application, "Other");
+  EXPECT_TRUE(reader.related(*reader.action(4), {}).empty()) << "no id is nobody's id";
+}
+
+TEST_F(StoreTest, DropsTheOldestFirstAndNoMoreThanItMust) {
+  const std::string large = record(0x77, std::string(50000, 'x'));
+  {
+    Store store(path_);
+    store.begin();
+    store.add(event(1, "1 1 enter action Web"));
+    for (int i = 0; i < 200; i++) store.add(metric(1000 + i, "Shop", large));
+    store.prune(4 << 20);
+    store.commit();
+  }
+  StoreReader reader(path_);
+  auto rows = reader.newest(1000, "");
+  EXPECT_EQ(rows.front().received_ms, 1199);
+  EXPECT_GT(rows.size(), 60u);
+  EXPECT_LT(rows.size(), 84u);
+  EXPECT_EQ(rows.back().id, 200 - static_cast<int64_t>(rows.size()) + 1) << "no gaps";
+  int events = 0;
+  reader.each_profile_event("Shop", 0, [&](const ProfileEvent&) { events++; });
+  EXPECT_EQ(events, 0) << "it was older than all of them";
+  EXPECT_LE(std::filesystem::file_size(path_), 6u << 20) << "freed pages go back to the file system";
+}
+
+TEST_F(StoreTest, RemembersApplicationsWithinABound) {
+  {
+    Store store(path_);
+    store.begin();
+    for (int i = 0; i < 1100; i++) store.add(StoredQuery{"App" + std::to_string(i), 7, 1000 + i, "cli", "5.6", "a=b\n"});
+    store.add(metric(5000, "App0"));
+    store.prune(int64_t{1} << 30);
+    store.commit();
+  }
+  auto applications = StoreReader(path_).applications();
+  EXPECT_EQ(applications.size(), 1024u);
+  ASSERT_EQ(applications[0].name, "App0") << "seen last, though asked first";
+  EXPECT_EQ(applications[0].query_ms, 1000);
+  EXPECT_EQ(applications[0].packet_ms, 5000);
+  EXPECT_EQ(applications[0].packets, 1);
+  EXPECT_EQ(applications[0].given, "a=b\n");
+}
+
+TEST_F(StoreTest, CarriesProfileOrdersAndTheirEvents) {
+  Store store(path_);
+  StoreReader client(path_, true);
+  EXPECT_TRUE(store.changed_by_others());
+  EXPECT_FALSE(store.changed_by_others());
+  int64_t order = client.order_profile("Shop", 30), other = client.order_profile("Shop", 5);
+  EXPECT_TRUE(store.changed_by_others());
+  client.cancel_order(other);
+  int64_t now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+  auto waiting = store.waiting_orders(now_ms);
+  ASSERT_EQ(waiting.size(), 1u);
+  EXPECT_EQ(waiting[0].seconds, 30);
+  EXPECT_TRUE(store.waiting_orders(now_ms + profile_wait_ms + 1000).empty()) << "orders lapse";
+  EXPECT_FALSE(client.order_start(order));
+  store.order_started({waiting[0], 99, 777, 42, true});
+  EXPECT_EQ(client.order_start(order), (std::pair<int64_t, int64_t>(42, 777)));
+  client.cancel_order(order);
+  EXPECT_TRUE(client.order_start(order)) << "too late";
+
+  add(event(700, "1 5 enter action old"), event(800, "2 9 enter action a"), event(801, "3 5 enter action b"), event(802, "4 9 leave action a"));
+  std::string seen;
+  client.each_profile_event("Shop", 777, [&](const ProfileEvent& event) { seen += std::to_string(event.thread) + event.name; });
+  EXPECT_EQ(seen, "5b9a9a");
+}
+
+TEST_F(StoreTest, WriterStoresWhatItWasGivenBeforeItEnds) {
+  ProfileSessions sessions;
+  {
+    StoreWriter writer(path_, sessions);
+    for (int i = 0; i < 1000; i++) writer.put(metric(i, "Shop"));
+    writer.put(StoredQuery{"Shop", 1, 1, "cli", "5.6", ""});
+  }
+  StoreReader reader(path_);
+  EXPECT_EQ(reader.newest(2000, "").size(), 1000u);
+  EXPECT_EQ(reader.applications().at(0).query_process, 1);
+  EXPECT_EQ(std::filesystem::status(path_).permissions() & std::filesystem::perms::others_write, std::filesystem::perms::none);
+}
+
+TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
+  std::ofstream(path_) << std::string(10000, 'x');
+  ProfileSessions sessions;
+  StoreWriter writer(path_, sessions);
+  writer.put(metric(1, "Lost"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // let it fail once
+  EXPECT_EQ(std::filesystem::file_size(path_), 10000u) << "what is not ours is left alone";
+  std::filesystem::remove(path_);
+  std::vector<ActionRow> rows;
+  for (int i = 0; rows.empty() && i < 100; i++) {
+    writer.put(metric(2, "Kept"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    try {
+      rows = StoreReader(path_).newest(1, "");
+    } catch (const SqliteError&) {
+      // not made yet
+    }
+  }
+  ASSERT_FALSE(rows.empty());
+  EXPECT_EQ(rows[0].application, "Kept");
+}
+
+TEST_F(StoreTest, RefusesTheLayoutOfAnotherVersionAndHalfMadeFiles) {
+  add(metric(1, "Shop"));
+  for (const char* version : {"PRAGMA user_version = 99", "PRAGMA user_version = 0"}) {
+    Database(path_, Database::Mode::read_write).execute(version);
+    EXPECT_THROW(Store store(path_), SqliteError) << version;
+    EXPECT_THROW(StoreReader reader(path_), SqliteError) << version;
+  }
+}
