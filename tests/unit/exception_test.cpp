@@ -85,6 +85,9 @@ TEST_F(Errors, AreNotRecordedWhileSwitchedOff)
 
 TEST_F(Errors, SurvivesTheMemoryLimit)
 {
+	if (!is_zend_mm(TSRMLS_C)) {
+		GTEST_SKIP() << "USE_ZEND_ALLOC=0: there is no limit to reach";
+	}
 	/* a stack of more text than the reserve that the engine keeps for this error */
 	std::string name(2000, 'f');
 	std::string printed = run("function " + name + "($depth) { $depth ? " + name + "($depth - 1) : fill(); }"
