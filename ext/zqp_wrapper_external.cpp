@@ -41,6 +41,9 @@ webservice_element *describe_call(const zq_stack_data *stack_data, const char *u
 	char *named = url_for_name(url);
 	webservice_element *element = webservice_element_alloc(stack_data->cls, stack_data->func, named, NULL, transaction_data);
 	efree(named);
+	if (element->transaction_data) {
+		zq_str_replace_ln(element->transaction_data);
+	}
 	for (char *at = element->transaction_data; at && (at = strchr(at, '\'')) != NULL; at++) {
 		*at = '"'; /* some callees answer in single quotes */
 	}

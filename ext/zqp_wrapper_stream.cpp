@@ -145,7 +145,8 @@ void zq_identify_soap_client(zval *client TSRMLS_DC)
 	if (context) {
 		put_header(context, &made_options TSRMLS_CC);
 	}
-	if (!zend_hash_exists(properties, "trace", sizeof "trace")) { /* without it the client drops response headers */
+	/* without "trace" the client drops response headers; with it, it sets properties that a __set would see */
+	if (!Z_OBJCE_P(client)->__set && !zend_hash_exists(properties, "trace", sizeof "trace")) {
 		MAKE_STD_ZVAL(value);
 		ZVAL_LONG(value, 1);
 		zend_hash_update(properties, "trace", sizeof "trace", &value, sizeof value, NULL);

@@ -52,11 +52,33 @@ static const zend_function_entry sqlite_database[] = {
 	PHP_FE_END
 };
 
+/* Keeps its argument in the private property "url". */
+PHP_FUNCTION(double_construct)
+{
+	char *url = "";
+	int len = 0;
+	if (zend_parse_parameters(ZEND_NUM_ARGS() TSRMLS_CC, "|s", &url, &len) == SUCCESS) {
+		zend_class_entry *declaring = Z_OBJCE_P(getThis());
+		while (declaring->parent) {
+			declaring = declaring->parent;
+		}
+		zend_update_property_stringl(declaring, getThis(), "url", 3, url, len TSRMLS_CC);
+	}
+}
+
+static const zend_function_entry http_request[] = {
+	ZEND_FENTRY(__construct, ZEND_FN(double_construct), NULL, ZEND_ACC_PUBLIC)
+	DOUBLE(send)
+	PHP_FE_END
+};
+
 static const struct {
 	const char *name;
 	const zend_function_entry *methods;
+	const char *property; /* private, or null */
 } classes[] = {
-	{"SQLiteDatabase", sqlite_database},
+	{"SQLiteDatabase", sqlite_database, NULL},
+	{"HttpRequest", http_request, "url"},
 };
 
 PHP_MINIT_FUNCTION(doubles)
@@ -65,7 +87,10 @@ PHP_MINIT_FUNCTION(doubles)
 	for (i = 0; i < sizeof(classes) / sizeof(classes[0]); i++) {
 		zend_class_entry entry;
 		INIT_CLASS_ENTRY_EX(entry, classes[i].name, strlen(classes[i].name), classes[i].methods);
-		zend_register_internal_class(&entry TSRMLS_CC);
+		zend_class_entry *registered = zend_register_internal_class(&entry TSRMLS_CC);
+		if (classes[i].property) {
+			zend_declare_property_string(registered, classes[i].property, strlen(classes[i].property), "", ZEND_ACC_PRIVATE TSRMLS_CC);
+		}
 	}
 	return SUCCESS;
 }

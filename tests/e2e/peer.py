@@ -87,6 +87,7 @@ class WebSocketPeer(Peer):
     def serve(self, sock):
         request = read_http(sock)
         self.requests.append(request)
+        time.sleep(self.delay_ms / 1000)
         key = re.search(rb"Sec-WebSocket-Key: (\S+)", request)[1]
         accept = base64.b64encode(hashlib.sha1(key + b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest()).decode()
         sock.sendall(f"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n{ANSWER_LINE}\r\nConnection: Upgrade\r\n"
