@@ -147,16 +147,21 @@ int get_request_params(char **results, const char *uri, int uri_len, const char 
 
 /* ---- the first name ---- */
 
+void zq_set_action_name(char *name, int level TSRMLS_DC)
+{
+	if (ZQG(action_name)) {
+		efree(ZQG(action_name));
+	}
+	ZQG(action_name) = name;
+	ZQG(action_name_level) = level;
+}
+
 static void set_name(const char *prefix, const char *path TSRMLS_DC)
 {
 	smart_str name = {NULL, 0, 0};
 	zq_append_text(&name, prefix);
 	zq_append_action(&name, path);
-	if (ZQG(action_name)) {
-		efree(ZQG(action_name));
-	}
-	ZQG(action_name) = zq_buffer_text(&name);
-	ZQG(action_name_level) = ZQ_NAME_URI;
+	zq_set_action_name(zq_buffer_text(&name), ZQ_NAME_URI TSRMLS_CC);
 }
 
 /* Name of a request that does not name its script in the URI; 1 when the server told the script. */

@@ -5,6 +5,8 @@
 #include "zqp_name_table.h"
 #include "zqp_rum.h"
 #include "zqp_wrapper_external.h"
+#include "zqp_wrapper_framework.h"
+#include "zqp_wrapper_nosql.h"
 
 namespace {
 
@@ -16,13 +18,15 @@ struct zq_seed_row {
 	consteval zq_seed_row(const char (&text)[N], zq_wrapper_callback wrapper) : name(text), size(N), callback(wrapper) {}
 };
 
-/* What reveals a framework or a library; the callback then adds the names that matter for it. */
+/* What reveals a library; the callback then adds the names that matter for it. */
 constexpr zq_seed_row seed_rows[] = {
 	{"Thrift\\Protocol\\TBinaryProtocol::writeMessageBegin", wrapper_thrift_protocol_writemessagebegin},
 	{"Thrift\\Transport\\TSocket::__construct", wrapper_thrift_transport_construct},
 	{"Thrift\\Transport\\THttpClient::__construct", wrapper_thrift_transport_construct},
 	{"Snoopy::_httprequest", wrapper_snoopy_httprequest},
 	{"soap_transport_http::send", wrapper_nusoap_send},
+	{"Predis\\Autoloader::register", wrapper_predis_autoloader_register},
+	{"Predis\\Client::__construct", wrapper_predis_autoloader_register},
 	{"WebsocketClient::connect", wrapper_websocket_connect},
 };
 
@@ -68,6 +72,7 @@ zq_performance_callback zq_find_after(const char *name, size_t name_size TSRMLS_
 void zq_init_funtion_hash(TSRMLS_D)
 {
 	memset(ZQG(watch_filter), 0, sizeof ZQG(watch_filter));
+	zq_watch_frameworks(TSRMLS_C);
 	for (const zq_seed_row &row : seed_rows) {
 		zq_watch_before(row.name, row.size, row.callback TSRMLS_CC);
 	}
