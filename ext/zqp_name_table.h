@@ -59,9 +59,10 @@ template <typename Row, size_t N> consteval zq_name_index<N> zq_index_names(cons
 	return {};
 }
 
-/* The row with this name, or null. */
+/* The row with this name, or null. Not to be merged with the lookup of another table of the same size: gcc would then hold
+ * the one against the other's bounds. */
 template <typename Row, size_t N>
-static inline const Row *zq_find_row(const std::array<Row, N> &rows, const zq_name_index<N> &index, uint64 hash,
+__attribute__((no_icf)) static inline const Row *zq_find_row(const std::array<Row, N> &rows, const zq_name_index<N> &index, uint64 hash,
                                      const char *name, int length)
 {
 	int place = index.place[index.slot(hash)];

@@ -1,5 +1,73 @@
-/* Totals of cache and document store operations. */
+/* Totals of cache and document store operations. A page makes hundreds of such calls, so a call leaves no record of its
+ * own: its time goes into one row per operation. */
 #include "zqp_nosql.h"
+
+#include "zqp_component.h"
+
+namespace {
+
+enum {
+	MAX_KEY_SIZE = 512, /* counts the NUL */
+	MAX_ROWS = 4096     /* a worker that never ends its action may name a collection per job */
+};
+
+/* Operations of caches, then of collections. The clients' other methods configure them or ask for their state. */
+int is_data_operation(uint64 hash)
+{
+	switch (hash) {
+	case zq_name_hash("add"): case zq_name_hash("get"): case zq_name_hash("set"): case zq_name_hash("cas"):
+	case zq_name_hash("delete"): case zq_name_hash("flush"): case zq_name_hash("touch"): case zq_name_hash("append"):
+	case zq_name_hash("prepend"): case zq_name_hash("replace"): case zq_name_hash("increment"):
+	case zq_name_hash("decrement"): case zq_name_hash("getMulti"): case zq_name_hash("setMulti"):
+	case zq_name_hash("deleteMulti"): case zq_name_hash("getDelayed"): case zq_name_hash("getAllKeys"):
+	case zq_name_hash("fetch"): case zq_name_hash("fetchAll"): case zq_name_hash("addByKey"): case zq_name_hash("getByKey"):
+	case zq_name_hash("setByKey"): case zq_name_hash("casByKey"): case zq_name_hash("touchByKey"):
+	case zq_name_hash("deleteByKey"): case zq_name_hash("appendByKey"): case zq_name_hash("prependByKey"):
+	case zq_name_hash("replaceByKey"): case zq_name_hash("incrementByKey"): case zq_name_hash("decrementByKey"):
+	case zq_name_hash("getMultiByKey"): case zq_name_hash("setMultiByKey"): case zq_name_hash("deleteMultiByKey"):
+	case zq_name_hash("getDelayedByKey"):
+	case zq_name_hash("find"): case zq_name_hash("findOne"): case zq_name_hash("findAndModify"): case zq_name_hash("insert"):
+	case zq_name_hash("batchInsert"): case zq_name_hash("update"): case zq_name_hash("save"): case zq_name_hash("remove"):
+	case zq_name_hash("count"): case zq_name_hash("distinct"): case zq_name_hash("group"): case zq_name_hash("drop"):
+	case zq_name_hash("getIndexInfo"): case zq_name_hash("createIndex"): case zq_name_hash("ensureIndex"):
+	case zq_name_hash("deleteIndex"): case zq_name_hash("deleteIndexes"):
+		return 1;
+	}
+	return 0;
+}
+
+/* Writes the key and returns its size with the NUL. */
+uint build_key(char (&key)[MAX_KEY_SIZE], const char *collection, const char *operation, zq_operation_case spelling)
+{
+	size_t len = 0;
+	if (collection) {
+		len = strnlen(collection, MAX_KEY_SIZE - 2);
+		memcpy(key, collection, len);
+		key[len++] = '\n';
+	}
+	for (; *operation && len < MAX_KEY_SIZE - 1; operation++) {
+		key[len++] = spelling == ZQ_OPERATION_UPPER ? zq_ascii_upper(*operation) : *operation;
+	}
+	key[len] = '\0';
+	return (uint)len + 1;
+}
+
+/* The key's row, made when it is the first call's. */
+nosql_hash_element *find_or_add_row(HashTable *table, const char *key, uint key_size)
+{
+	nosql_hash_element *row = (nosql_hash_element *)FIND_HASH_PVALUE(table, key, key_size);
+	if (row) {
+		return row;
+	}
+	if (zend_hash_num_elements(table) >= MAX_ROWS && key_size > 1) {
+		return find_or_add_row(table, "", 1);
+	}
+	row = (nosql_hash_element *)ecalloc(1, sizeof *row);
+	zend_hash_update(table, key, key_size, &row, sizeof row, NULL);
+	return row;
+}
+
+} // namespace
 
 void nosql_hash_element_dtor(void *ele)
 {
@@ -22,4 +90,33 @@ int zq_nosql_total_ms(HashTable *table)
 		total_ms += (*(nosql_hash_element **)data)->tsc / 1000;
 	}
 	return (int)total_ms;
+}
+
+int zq_nosql_counts(const char *name, uint64 hash)
+{
+	return name && *name != '_' && (!hash || is_data_operation(hash));
+}
+
+char *get_nosql_op_name(const char *name, uint64 hash)
+{
+	if (!zq_nosql_counts(name, hash)) {
+		return NULL;
+	}
+	char *upper = estrdup(name);
+	for (char *at = upper; *at; at++) {
+		*at = zq_ascii_upper(*at);
+	}
+	return upper;
+}
+
+void zq_nosql_add(HashTable *table, const char *collection, const char *operation, zq_operation_case spelling,
+                  uint64 elapsed_us TSRMLS_DC)
+{
+	if (!table) {
+		return;
+	}
+	zq_component_spent_outside((int)(elapsed_us / 1000) TSRMLS_CC);
+	char key[MAX_KEY_SIZE];
+	uint key_size = build_key(key, collection, operation, spelling);
+	find_or_add_row(table, key, key_size)->tsc += elapsed_us;
 }

@@ -6,6 +6,7 @@
 #include "zqp_debug.h"
 #include "zqp_naming.h"
 #include "zqp_wrapper_external.h"
+#include "zqp_wrapper_nosql.h"
 
 namespace {
 
@@ -115,8 +116,8 @@ struct naming_hook {
 	zq_wrapper_callback callback;
 };
 
-/* A client whose calls are recorded as its own, and not once more by the built-in functions that it uses. */
-struct http_client {
+/* A client's method through which its calls go. */
+struct recorded_call {
 	watched_name name;
 	zq_performance_callback recorder;
 };
@@ -126,7 +127,8 @@ struct framework {
 	const char *word;         /* for the log */
 	watched_name components[6] = {};
 	naming_hook names[3] = {};
-	http_client client = {};
+	recorded_call client = {}; /* HTTP: not recorded once more by the built-in functions that it uses */
+	recorded_call store = {};  /* a cache */
 };
 
 constexpr framework frameworks[] = {
@@ -141,7 +143,8 @@ constexpr framework frameworks[] = {
 	           {"CController::render", wrapper_yii_frozen_action}}},
 	{.detected_on = "yii\\base\\Application::__construct", .word = "yii2",
 	 .components = {"yii\\base\\Controller::runAction", "yii\\base\\View::render", "yii\\base\\Controller::render"},
-	 .names = {{"yii\\base\\Module::runAction", wrapper_yii_frozen_action}}},
+	 .names = {{"yii\\base\\Module::runAction", wrapper_yii_frozen_action}},
+	 .store = {"yii\\redis\\Connection::executeCommand", performance_yiiredisConnection_executeCommand}},
 	{.detected_on = "Zend_Application::__construct", .word = "zend framework",
 	 .components = {"Zend_Controller_Front::dispatch", "Zend_Controller_Plugin_Broker::preDispatch",
 	                "Zend_Application::run"},
@@ -180,6 +183,9 @@ void add_hooks(const framework &found TSRMLS_DC)
 	if (found.client.recorder) {
 		zq_watch_before(found.client.name.text, found.client.name.size, wrapper_should_ignore_external TSRMLS_CC);
 		zq_watch_after(found.client.name.text, found.client.name.size, found.client.recorder TSRMLS_CC);
+	}
+	if (found.store.recorder) {
+		zq_watch_after(found.store.name.text, found.store.name.size, found.store.recorder TSRMLS_CC);
 	}
 }
 

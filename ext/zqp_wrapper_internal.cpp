@@ -9,6 +9,7 @@
 #include "zqp_wrapper_database.h"
 #include "zqp_wrapper_external.h"
 #include "zqp_wrapper_headers.h"
+#include "zqp_wrapper_nosql.h"
 
 namespace {
 
@@ -116,6 +117,24 @@ constexpr zq_after_row sqlite_database_methods[] = {
 	{"query", NULL, performance_sql<sql_sqlite_argument_0>},
 };
 
+constexpr zq_after_row memcached_methods[] = {
+	{"*", NULL, performance_memcached},
+};
+constexpr zq_after_row redis_methods[] = {
+	{"*", NULL, performance_redis},
+};
+constexpr zq_after_row mongo_collection_methods[] = {
+	{"*", NULL, performance_mongo_collection},
+};
+constexpr zq_after_row mongo_database_methods[] = {
+	{"execute", NULL, performance_mongo_script},
+};
+constexpr zq_after_row mongo_manager_methods[] = {
+	{"executeCommand", NULL, performance_mongo_manager},
+	{"executeQuery", NULL, performance_mongo_manager},
+	{"executeBulkWrite", NULL, performance_mongo_manager},
+};
+
 constexpr zq_after_row soap_client_methods[] = {
 	{"*", NULL, performance_soapclient},
 };
@@ -131,6 +150,14 @@ constexpr auto class_rows = std::to_array<zq_class_row>({
 	{"mysqli_stmt", mysqli_stmt_methods},
 	{"SQLite3", sqlite3_methods},
 	{"SQLiteDatabase", sqlite_database_methods},
+	{"Memcache", memcached_methods},
+	{"MemcachePool", memcached_methods},
+	{"Memcached", memcached_methods},
+	{"Redis", redis_methods},
+	{"RedisCluster", redis_methods},
+	{"MongoCollection", mongo_collection_methods},
+	{"MongoDB", mongo_database_methods},
+	{"MongoDB\\Driver\\Manager", mongo_manager_methods},
 	{"SoapClient", soap_client_methods},
 	{"HttpRequest", http_request_methods},
 });
