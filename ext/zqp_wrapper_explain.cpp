@@ -217,30 +217,47 @@ static int pdo_explains(zq_stack_data *call TSRMLS_DC)
 
 /* ---- the plan ---- */
 
-/* Runs EXPLAIN on the call's connection; SUCCESS leaves a result to fetch from. */
-static int run_explain(const zq_sql_client *client, zq_stack_data *call, const char *statement, zval *result TSRMLS_DC)
+/* Runs `text` on the call's connection; SUCCESS leaves a result to fetch from. `parameters` only counts where the client
+ * library passes some. */
+static int run_text(const zq_sql_client *client, zq_stack_data *call, const char *text, zval *parameters, zval *result TSRMLS_DC)
 {
-	char *text;
-	zval *params[3], *link = zq_sql_link(client, call), *last = NULL;
+	zval *params[3], *link = zq_sql_link(client, call), *statement = new_text(text);
 	zend_uint count = 0;
-	spprintf(&text, 0, "EXPLAIN %s", statement);
-	zval *explain = new_text(text);
-	efree(text);
 	if (link && client->link_is_first) {
 		params[count++] = link;
 	}
-	params[count++] = explain;
+	params[count++] = statement;
 	if (client->passes_parameters) {
-		last = get_argument_zval(call->execute_data, get_arguments_count(call->execute_data) - 1);
-		params[count++] = last;
+		params[count++] = parameters;
 	}
 	if (link && !client->link_is_first) {
 		params[count++] = link;
 	}
 	zval *object = client->count_with_link ? NULL : call->object;
 	int outcome = zq_call_named(object, client->query, result, count, params TSRMLS_CC);
-	zval_ptr_dtor(&explain);
+	zval_ptr_dtor(&statement);
 	return outcome == SUCCESS && (Z_TYPE_P(result) == IS_RESOURCE || Z_TYPE_P(result) == IS_OBJECT) ? SUCCESS : FAILURE;
+}
+
+static int run_explain(const zq_sql_client *client, zq_stack_data *call, const char *statement, zval *result TSRMLS_DC)
+{
+	char *text;
+	spprintf(&text, 0, "EXPLAIN %s", statement);
+	zval *last = get_argument_zval(call->execute_data, get_arguments_count(call->execute_data) - 1);
+	int outcome = run_text(client, call, text, last, result TSRMLS_CC);
+	efree(text);
+	return outcome;
+}
+
+/* A refused EXPLAIN leaves its error on the connection, where scripts look whether their own query has failed. */
+static void clear_error(const zq_sql_client *client, zq_stack_data *call TSRMLS_DC)
+{
+	zval result, *none;
+	MAKE_STD_ZVAL(none);
+	array_init(none);
+	run_text(client, call, "SELECT 1", none, &result TSRMLS_CC);
+	zq_release_result(&result TSRMLS_CC);
+	zval_ptr_dtor(&none);
 }
 
 /* 1 when there was another row; `row` is to be released in either case. */
@@ -295,6 +312,8 @@ char *zq_explain(const zq_sql_api *api, zq_stack_data *call, const char *stateme
 		ALLOC_INIT_ZVAL(result); /* on the heap: the fetch function gets it as its argument */
 		if (run_explain(client, call, statement, result TSRMLS_CC) == SUCCESS) {
 			plan = plan_of_rows(client, result TSRMLS_CC);
+		} else {
+			clear_error(client, call TSRMLS_CC);
 		}
 		zq_release_result(result TSRMLS_CC);
 		FREE_ZVAL(result);

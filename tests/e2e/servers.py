@@ -22,11 +22,14 @@ CREATE DATABASE shop;
 USE shop;
 CREATE TABLE users (id INT AUTO_INCREMENT PRIMARY KEY, name VARCHAR(40)) ENGINE=InnoDB;
 INSERT INTO users (name) VALUES ('Ada');
-CREATE VIEW closed AS SELECT name FROM users;
+CREATE USER owner@localhost;
+GRANT ALL ON shop.* TO owner@localhost;
+CREATE DEFINER = owner@localhost VIEW closed AS SELECT name FROM users;
 CREATE TABLE orders (id INT PRIMARY KEY, total INT) ENGINE=InnoDB;
 CREATE USER web@localhost IDENTIFIED VIA mysql_native_password USING PASSWORD('secret');
 GRANT SELECT, INSERT, UPDATE, DELETE ON shop.users TO web@localhost;
 GRANT SELECT, INSERT, UPDATE, DELETE ON shop.orders TO web@localhost;
+GRANT CREATE TEMPORARY TABLES ON shop.* TO web@localhost;
 GRANT SELECT ON shop.closed TO web@localhost;
 FLUSH PRIVILEGES;
 """
