@@ -7,6 +7,7 @@
 #define ZQP_HELPER_H
 
 #include "php_zqprof.h"
+#include "zqp_text.h"
 
 /* ---- zqp_helper_args.cpp: the intercepted call ------------------------------------------------------------------ */
 /* `data` is the frame that makes the call (it holds the callee and the arguments); arguments count from 0. A missing
@@ -158,17 +159,6 @@ int in_urls_captured(const char *url TSRMLS_DC);
 void zq_append_web(smart_str *action, const char *str);
 int zq_record_type_to_int(const char *str); /* "raw" 1, "obfuscated" 2, else 0; any case */
 int zq_str_to_int(const char *str);         /* "true" of any case 1, else the leading decimal number, 0 without one */
-/* ASCII rules whatever locale the script has set. `zq_strcasestr`: borrowed position or null. */
-char zq_ascii_lower(char ch);
-char zq_ascii_upper(char ch);
-const char *zq_strcasestr(const char *haystack, const char *needle);
-int zq_strncasecmp(const char *a, const char *b, size_t len);
-
-/* ---- zqp_helper_regex.cpp ------------------------------------------------------------------------------------------ */
-/* 1 when the C library's compiler can take the pattern (extended syntax) safely: at most 1,024 bytes, groups at most 64
- * deep, nested repeats multiplying to at most 1,000, at most 3,000 atoms once they are unfolded. It crashes, or runs
- * for seconds, on others. */
-int zq_regex_is_bounded(const char *pattern);
 
 /* ---- zqp_helper_clock.cpp ----------------------------------------------------------------------------------------- */
 /* Microseconds of the monotonic clock. */

@@ -1,6 +1,8 @@
 /* Keeps patterns away from the C library's regular expression compiler that would crash it or hold it up: it recurses
  * once per group, and unfolds every repeat into copies of what is repeated. */
-#include "zqp_helper.h"
+#include "zqp_text.h"
+
+#include <stdlib.h>
 
 static const size_t max_pattern_len = 1024;
 static const int max_depth = 64;

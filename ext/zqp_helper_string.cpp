@@ -16,45 +16,9 @@ void zq_append_long(smart_str *dest, long number)
 	zq_append(dest, text, (size_t)snprintf(text, sizeof text, "%ld", number));
 }
 
-char zq_ascii_lower(char ch)
-{
-	return ch >= 'A' && ch <= 'Z' ? ch + ('a' - 'A') : ch;
-}
-
-char zq_ascii_upper(char ch)
-{
-	return ch >= 'a' && ch <= 'z' ? ch - ('a' - 'A') : ch;
-}
-
 static int is_digit(char ch)
 {
 	return ch >= '0' && ch <= '9';
-}
-
-int zq_strncasecmp(const char *a, const char *b, size_t len)
-{
-	for (size_t i = 0; i < len; i++) {
-		int difference = (unsigned char)zq_ascii_lower(a[i]) - (unsigned char)zq_ascii_lower(b[i]);
-		if (difference || !a[i]) {
-			return difference;
-		}
-	}
-	return 0;
-}
-
-const char *zq_strcasestr(const char *haystack, const char *needle)
-{
-	if (!haystack || !needle) {
-		return NULL;
-	}
-	size_t needle_len = strlen(needle);
-	const char *end = haystack + strlen(haystack);
-	for (const char *at = haystack; (size_t)(end - at) >= needle_len; at++) {
-		if (zq_strncasecmp(at, needle, needle_len) == 0) {
-			return at;
-		}
-	}
-	return NULL;
 }
 
 static int equals_ignoring_case(const char *a, const char *b)

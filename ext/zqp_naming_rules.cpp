@@ -7,7 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "zqp_helper.h"
+#include "zqp_text.h"
 
 enum match_operator { ALWAYS = 0, EQUALS = 1, STARTS_WITH = 2, ENDS_WITH = 3, CONTAINS = 4, MATCHES_REGEX = 5 };
 
