@@ -96,7 +96,9 @@ HTTP_CLIENTS = {
         "$x = stream_context_create(array('http' => array('header' => array('A: 1'))));"
         "var_dump(stream_get_contents(fopen('$URL', 'r', false, $x)));" + OPTIONS % "$x", "fopen", False, True),
     "SoapClient": (SOAP % "", "SoapClient", True, True),
-    "SoapClient, a context": (SOAP % "$options['stream_context'] = stream_context_create();", "SoapClient", True, True),
+    "SoapClient, a context": (
+        SOAP % "$x = $options['stream_context'] = stream_context_create(array('http' => array('user_agent' => 'me')));"
+        "$o = stream_context_get_options($x);" + "print_r($o);", "SoapClient", True, True),
     "SoapClient, a context with headers": (
         SOAP % "$options['stream_context'] = stream_context_create(array('http' => array('header' => 'A: 1')));",
         "SoapClient", False, True),
