@@ -1,8 +1,18 @@
 /* Naming rules: a JSON array of rules by URL, method and parameters; the first that holds names the action.
  *
+ *   rule       {"name": text, "match": condition, "split": composition}
+ *   condition  {"method": 0 any, 1 GET, 2 POST, 3 PUT, 4 DELETE, 5 HEAD,
+ *               "match": operator on the URL, "value": text, optional "params": [parameter condition, ...]}
+ *   parameter  {"type": 1 query, 2 header, 3 form, "name": text, "match": operator on its value, "value": text}
+ *   operator   0 always, 1 equals, 2 starts with, 3 ends with, 4 contains, 5 extended regular expression; case ignored
+ *   composition, all optional: "uri": "2" first two segments, "-2" last two, "3,1" those; "urlParams", "headerParams",
+ *               "bodyParams", "cookieParams": names separated by ","; "method": true
+ *
+ * The keys of rules and conditions are read by position; one that is out of place, missing or of another type makes its
+ * rule fail without a word. Those of the composition come in any order.
+ *
  * Free of the engine, so that rules can also be tried outside a request: what a rule may ask for comes through
- * zq_naming_request, and all memory is malloc's. The keys of rules and conditions are read by position; one that is out
- * of place, missing or of another type makes its rule fail without a word. Settings page: the forms and operators. */
+ * zq_naming_request, and all memory is malloc's. */
 #ifndef ZQP_NAMING_RULES_H
 #define ZQP_NAMING_RULES_H
 
