@@ -77,12 +77,34 @@ def test_scripts_run_as_without_the_agent(site, name):
     assert site.cli(SCRIPTS[name], ini=ini).metrics
 
 
-@pytest.mark.parametrize("name, components", [
-    ("closures", {"PHP/C/bound"}),
-    ("exception through many frames", {"PHP/NULL/a"}),
-    ("generators", set()),
-])
-def test_calls_left_by_exceptions_still_count(site, name, components):
-    code = SCRIPTS[name] if name != "closures" else SCRIPTS[name].replace("return function ($x)", "usleep(2000); return function ($x)")
-    found = set(site.cgi(code).metric.components)
-    assert components <= found and not any("/g" in part for part in found)
+NAP = "usleep(2000);"
+TIMED = [
+    # what runs, its components, and the calls in its trace
+    ("class M { function __call($n, $a) { NAP } static function __callStatic($n, $a) { NAP } } $m = new M; $m->foo(); M::bar();"
+     'call_user_func(array($m, "cuf"));', "M/__call M/__callStatic",
+     "M::foo M::__call M::bar M::__callStatic M::cuf ::call_user_func"),
+    ("$c = function () { NAP }; $c(); $c->__invoke(); class I { function __invoke() { NAP } } $i = new I; $i();",
+     "NULL/{closure} I/__invoke", "::{closure} Closure::__invoke I::__invoke"),
+    # a generator's time is its consumer's
+    ("function g() { NAP yield 1; NAP } function f() { foreach (g() as $x) { NAP } } f(); foreach (g() as $x);", "NULL/f", "::f"),
+    (DEEP + 'try { a(function () { throw new Exception; }); } catch (Exception $e) { }', "NULL/a", "::a ::b ::c"),
+    # behind an exit everything begins anew; what it left is not counted
+    ('register_shutdown_function("down"); function down() { NAP } ob_start("out"); function out($b) { NAP return $b; }' + DEEP +
+     "a(function () { exit; });", "NULL/down NULL/out", "::down ::out"),
+]
+
+
+@pytest.mark.parametrize("code, components, traced", TIMED)
+def test_calls_are_timed_under_their_names(site, code, components, traced):
+    def names(node):
+        return {f"{node[5]}::{node[6]}"}.union(*map(names, node[8]))
+
+    site.daemon.configure({"zqs.action_tracer.action_threshold": "1"})
+    metric = site.cgi(code.replace("NAP", NAP)).metric
+    assert set(metric.components) - {"PHP/NULL/compile", "PHP/NULL/remainder code"} == {"PHP/" + c for c in components.split()}
+    assert names(metric.trace) - {"PHP::compile"} == {"PHP::execute", "::usleep", *traced.split()}
+
+
+def test_an_action_threshold_of_zero_is_the_default(site):
+    site.daemon.configure({"zqs.action_tracer.action_threshold": "0"})
+    assert site.cgi(NAP).metric.trace is None
