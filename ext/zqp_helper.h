@@ -131,7 +131,6 @@ void zq_str_replace_ln(char *str);     /* characters 1 to 31 become a blank */
 void zq_str_replace_to_dot(char *str); /* "/" and "\" become "." */
 void zq_obfuscate_sql(char *sql);      /* digits everywhere and quoted text become "?"; no escapes; same length */
 /* Borrowed positions and tails. */
-const char *zq_php_pos(const char *string, int length);  /* just behind the first ".php" of any case; null when none */
 const char *zq_get_base_filename(const char *filename);  /* behind the second-last "/"; whole when fewer; "" for null */
 /* A raw response header line: 0 keeps the browser script out (a length, or a type other than HTML), 1 HTML, -1 neither. */
 int get_header_content(const char *header);
@@ -158,7 +157,6 @@ int in_urls_captured(const char *url TSRMLS_DC);
 /* Appends a URL path to a name: "/" as "%2F", stop at "?", digit runs behind the third slash as "*". */
 void zq_append_web(smart_str *action, const char *str);
 int zq_record_type_to_int(const char *str); /* "raw" 1, "obfuscated" 2, else 0; any case */
-int zq_str_to_int(const char *str);         /* "true" of any case 1, else the leading decimal number, 0 without one */
 
 /* ---- zqp_helper_clock.cpp ----------------------------------------------------------------------------------------- */
 /* Microseconds of the monotonic clock. */

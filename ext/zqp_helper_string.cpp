@@ -21,18 +21,6 @@ static int is_digit(char ch)
 	return ch >= '0' && ch <= '9';
 }
 
-static int equals_ignoring_case(const char *a, const char *b)
-{
-	return a && strlen(a) == strlen(b) && zq_strncasecmp(a, b, strlen(b)) == 0;
-}
-
-/* Leading decimal number, clamped to an int. */
-static int decimal_int(const char *text)
-{
-	long number = strtol(text, NULL, 10);
-	return number > INT_MAX ? INT_MAX : number < INT_MIN ? INT_MIN : (int)number;
-}
-
 /* ---- in place ---------------------------------------------------------------------------------------------------- */
 
 void zq_str_replace_ln(char *str)
@@ -71,20 +59,6 @@ void zq_obfuscate_sql(char *sql)
 
 /* ---- positions and header lines ---------------------------------------------------------------------------------- */
 
-const char *zq_php_pos(const char *string, int length)
-{
-	const int suffix_len = sizeof(".php") - 1;
-	if (!string || length <= suffix_len) {
-		return NULL;
-	}
-	for (int i = 0; i + suffix_len <= length; i++) {
-		if (zq_strncasecmp(string + i, ".php", suffix_len) == 0) {
-			return string + i + suffix_len;
-		}
-	}
-	return NULL;
-}
-
 const char *zq_get_base_filename(const char *filename)
 {
 	if (!filename) {
@@ -120,7 +94,7 @@ int get_header_status(const char *header)
 	while ((unsigned char)*at > ' ') {
 		at++;
 	}
-	return decimal_int(at);
+	return zq_leading_int(at);
 }
 
 /* ---- ids ---------------------------------------------------------------------------------------------------------- */
@@ -287,16 +261,8 @@ void zq_append_web(smart_str *action, const char *str)
 
 int zq_record_type_to_int(const char *str)
 {
-	if (equals_ignoring_case(str, "raw")) {
+	if (zq_equals_ignoring_case(str, "raw")) {
 		return 1;
 	}
-	return equals_ignoring_case(str, "obfuscated") ? 2 : 0;
-}
-
-int zq_str_to_int(const char *str)
-{
-	if (!str) {
-		return 0;
-	}
-	return equals_ignoring_case(str, "true") ? 1 : decimal_int(str);
+	return zq_equals_ignoring_case(str, "obfuscated") ? 2 : 0;
 }

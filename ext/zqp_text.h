@@ -1,9 +1,11 @@
-/* Comparing text by ASCII rules, whatever locale the script has set, and the bound on regular expressions. Free of the
+/* Comparing and reading text by ASCII rules, whatever locale the script has set, and the bound on regular expressions. Free of the
  * engine, as is all that is built on it alone. */
 #ifndef ZQP_TEXT_H
 #define ZQP_TEXT_H
 
+#include <limits.h>
 #include <stddef.h>
+#include <stdlib.h>
 #include <string.h>
 
 static inline char zq_ascii_lower(char ch)
@@ -42,6 +44,42 @@ static inline const char *zq_strcasestr(const char *haystack, const char *needle
 		}
 	}
 	return NULL;
+}
+
+static inline int zq_equals_ignoring_case(const char *a, const char *b)
+{
+	return a && strlen(a) == strlen(b) && zq_strncasecmp(a, b, strlen(b)) == 0;
+}
+
+/* Just behind the first ".php" of any case, borrowed; null when there is none, or nothing but that. */
+static inline const char *zq_php_pos(const char *string, int length)
+{
+	const int suffix_len = sizeof(".php") - 1;
+	if (!string || length <= suffix_len) {
+		return NULL;
+	}
+	for (int i = 0; i + suffix_len <= length; i++) {
+		if (zq_strncasecmp(string + i, ".php", suffix_len) == 0) {
+			return string + i + suffix_len;
+		}
+	}
+	return NULL;
+}
+
+/* Leading decimal number, clamped to an int; 0 without one. */
+static inline int zq_leading_int(const char *text)
+{
+	long number = strtol(text, NULL, 10);
+	return number > INT_MAX ? INT_MAX : number < INT_MIN ? INT_MIN : (int)number;
+}
+
+/* A setting as a number: "true" of any case is 1, else the leading decimal number, 0 without one or for null. */
+static inline int zq_str_to_int(const char *str)
+{
+	if (!str) {
+		return 0;
+	}
+	return zq_equals_ignoring_case(str, "true") ? 1 : zq_leading_int(str);
 }
 
 /* zqp_helper_regex.cpp */
