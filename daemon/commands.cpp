@@ -114,6 +114,9 @@ int top(const DaemonConfig& config, const std::string& application, int64_t sinc
 }
 
 int status(const DaemonConfig& config) {
+  const std::string folder = config.folder();
+  bool closed_to_us = access(folder.c_str(), F_OK) == 0 && access(folder.c_str(), R_OK | X_OK) != 0;
+  if (closed_to_us) throw std::runtime_error("only root and its group may look into " + folder);
   int process = running_daemon(config);
   bool answers = daemon_answers(config);
   if (!answers) put("No daemon runs.\n");

@@ -27,7 +27,7 @@ namespace {
 // The descriptor that holds the lock, or -1 when another daemon has it. The file stays: removing it would let two daemons lock
 // files of the same name.
 int take_lock(const std::string& path) {
-  int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
+  int descriptor = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
   if (descriptor == -1) fail(path);
   if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return descriptor;
   if (errno != EWOULDBLOCK) fail(path);
@@ -93,6 +93,9 @@ void block_ending_signals() {
 
 // Everything that can fail before agents can be served.
 std::unique_ptr<Listener> start_listening(const DaemonConfig& config) {
+  // A daemon that another user started without the right to store would only keep one that has it from starting.
+  const std::string store = config.store_file();
+  if (access(store.c_str(), F_OK) == 0 && access(store.c_str(), W_OK) != 0) fail(store);
   block_ending_signals();
   raise_descriptor_limit();
   auto listener = std::make_unique<Listener>(config.socket_file);

@@ -1,6 +1,7 @@
 // quorbit: the local daemon, and the command line that reads what it stored.
 #include "commands.h"
 #include "daemonize.h"
+#include "names.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
@@ -21,6 +22,7 @@ struct Arguments {
   quorbit::ShowOptions show;
   int64_t id = 0;
   std::string since = "1h", duration;
+  quorbit::NamesOptions names;
 
   quorbit::DaemonConfig config() const {
     return config_path.empty() ? quorbit::default_daemon_config(root) : quorbit::read_daemon_config(config_path);
@@ -30,6 +32,15 @@ struct Arguments {
 void add_list_options(CLI::App* command, Arguments& arguments, bool json) {
   command->add_option("--app", arguments.show.application, "only this application");
   if (json) command->add_flag("--json", arguments.show.json, "for programs");
+}
+
+void add_names(CLI::App& app, quorbit::NamesOptions& names) {
+  CLI::App* command = app.add_subcommand("names", "a dry run: which names requests would get under an application's settings");
+  command->add_option("FILE", names.requests, "lines such as \"GET /path\", or an access log; - for standard input")->required();
+  command->add_option("--app", names.application, "the application; * for one without settings of its own")->capture_default_str();
+  command->add_option("--settings", names.settings, "a settings file instead of the daemon's applications.conf");
+  command->add_option("--script", names.script, "the file that is run for URIs without \".php\"")->capture_default_str();
+  command->add_option("-n", names.most, "how many names")->check(CLI::Range(1, 1000000))->capture_default_str();
 }
 
 void add_commands(CLI::App& app, Arguments& arguments) {
@@ -45,6 +56,7 @@ void add_commands(CLI::App& app, Arguments& arguments) {
   CLI::App* profile = app.add_subcommand("profile", "records an application's function calls for some time, and prints them");
   profile->add_option("APP", arguments.show.application, "name of the application")->required();
   profile->add_option("TIME", arguments.duration, "how long, such as 30s")->required()->check(check_seconds);
+  add_names(app, arguments.names);
 }
 
 int run_command(const CLI::App& app, Arguments& arguments) {
@@ -55,6 +67,7 @@ int run_command(const CLI::App& app, Arguments& arguments) {
   if (command == "top") return quorbit::top(config, application, *quorbit::parse_seconds(arguments.since));
   if (command == "status") return quorbit::status(config);
   if (command == "profile") return quorbit::profile(config, application, *quorbit::parse_seconds(arguments.duration));
+  if (command == "names") return quorbit::names(config, arguments.names);
   if (arguments.id) arguments.show.id = arguments.id;
   return quorbit::show(config, arguments.show);
 }

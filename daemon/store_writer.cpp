@@ -81,6 +81,7 @@ bool StoreWriter::wait_for_batch(Batch& batch) {
 
 void StoreWriter::run() {
   Batch batch;
+  open_when_due();
   for (bool running = true; running;) {
     running = wait_for_batch(batch);
     bool written = open_when_due() && write(batch);

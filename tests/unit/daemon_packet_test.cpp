@@ -62,7 +62,7 @@ TEST(Packet, ReadsSqlItemsByTheirLengths) {
 
 TEST(Packet, KeepsWhatItCannotUnderstand) {
   const std::string records[] = {
-      record(0x77, "from the future"), record(0x15, "abc"),           record(0x27, "9:1"),        record(0x27, "-1:x"),
+      record(0x77, "from the future"), record(0x15, "abc"),           record(0x27, "1:11:a9:b"),        record(0x27, "-1:x"),
       record(0x27, "1:x1:a1:b"),       record(0x27, "1:11:a1:b:"),    record(0x29, "http\nname"), record(0x29, "http\nn\n\nx"),
       record(0x2B, "1\nx\nname"),      record(0x2A, "1\n200\nclass"), record(0x17, "x\nRedis"),   record(0x24, "no colon"),
       record(0x2D, "a\n1\n2\n3\n4"),   record(0x10, "application id"),
