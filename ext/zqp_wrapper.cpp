@@ -30,10 +30,11 @@ constexpr zq_seed_row seed_rows[] = {
 	{"WebsocketClient::connect", wrapper_websocket_connect},
 };
 
-void admit(const char *name, size_t name_size TSRMLS_DC)
+void admit(const char *name TSRMLS_DC)
 {
-	int length = (int)name_size - 1;
-	unsigned bit = zq_watch_bit(length, name[0], length ? name[length - 1] : name[0]);
+	const char *colons = strstr(name, "::");
+	uint64 key = colons ? zq_watch_key(name, (int)(colons - name), colons + 2) : zq_watch_key(NULL, 0, name);
+	unsigned bit = zq_watch_bit(key);
 	ZQG(watch_filter)[bit >> 6] |= (uint64)1 << (bit & 63);
 }
 
@@ -43,7 +44,7 @@ void zq_watch_before(const char *name, size_t name_size, zq_wrapper_callback cal
 {
 	if (ZQG(wrapper_function_hash)) {
 		zend_hash_update(ZQG(wrapper_function_hash), name, (uint)name_size, &callback, sizeof callback, NULL);
-		admit(name, name_size TSRMLS_CC);
+		admit(name TSRMLS_CC);
 	}
 }
 
@@ -51,7 +52,7 @@ void zq_watch_after(const char *name, size_t name_size, zq_performance_callback 
 {
 	if (ZQG(performance_function_hash)) {
 		zend_hash_update(ZQG(performance_function_hash), name, (uint)name_size, &callback, sizeof callback, NULL);
-		admit(name, name_size TSRMLS_CC);
+		admit(name TSRMLS_CC);
 	}
 }
 

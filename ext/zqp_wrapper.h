@@ -46,19 +46,31 @@ void zq_watch_after(const char *name, size_t name_size, zq_performance_callback 
 zq_wrapper_callback zq_find_before(const char *name, size_t name_size TSRMLS_DC);
 zq_performance_callback zq_find_after(const char *name, size_t name_size TSRMLS_DC);
 
-/* Place of a full name in watch_filter, from what a caller knows before it has built the name: its length, its first
- * and its last byte. */
-static inline unsigned zq_watch_bit(int length, char first, char last)
+/* What a caller knows of a name before it has built it, as a number: of a method the length and first byte of its class and
+ * its own first two bytes, of a plain function (`cls` null) its first four. */
+static inline uint64 zq_watch_key(const char *cls, int cls_len, const char *func)
 {
-	uint64 mixed = (uint64)(unsigned)length << 16 | (uint64)(unsigned char)first << 8 | (unsigned char)last;
-	return (unsigned)(mixed * 0x9E3779B97F4A7C15u >> 54);
+	const unsigned char *name = (const unsigned char *)func;
+	uint64 key = name[0];
+	if (!key) {
+		return 0;
+	}
+	key |= (uint64)name[1] << 8;
+	if (cls) {
+		return key | (uint64)(unsigned char)cls[0] << 16 | (uint64)(unsigned)cls_len << 24 | (uint64)1 << 56;
+	}
+	if (name[1] && name[2]) {
+		key |= (uint64)name[2] << 16 | (uint64)name[3] << 24;
+	}
+	return key;
 }
+/* Its place in watch_filter, a bitmap of 1,024 bits. */
+static inline unsigned zq_watch_bit(uint64 key) { return (unsigned)(key * 0x9E3779B97F4A7C15u >> 54); }
 /* 0: no row in either table has the full name "cls::func" ("func" when `cls` is null), and nobody needs to build it. 1:
  * one may have. A row that the call itself adds changes the answer, so ask again for the after-step. */
-static inline int zq_may_be_watched(const char *cls, int cls_len, const char *func, int func_len TSRMLS_DC)
+static inline int zq_may_be_watched(const char *cls, int cls_len, const char *func TSRMLS_DC)
 {
-	unsigned bit = cls ? zq_watch_bit(cls_len + 2 + func_len, cls_len ? cls[0] : ':', func_len ? func[func_len - 1] : ':')
-	                   : zq_watch_bit(func_len, func[0], func_len ? func[func_len - 1] : func[0]);
+	unsigned bit = zq_watch_bit(zq_watch_key(cls, cls_len, func));
 	return (int)(ZQG(watch_filter)[bit >> 6] >> (bit & 63) & 1);
 }
 

@@ -16,6 +16,7 @@
 struct user_call {
 	const char *cls;                 /* declaring class, else the object's; null for a plain function */
 	const char *func;                /* function name, or the kind word of included code */
+	int cls_len;
 	zval **return_slot;
 	zend_llist_element *component;
 	uint64 start;
@@ -46,12 +47,12 @@ static const char *kind_word(zend_execute_data *caller)
 	return NULL;
 }
 
-static inline const char *class_of_call(zend_function *function, zval *object TSRMLS_DC)
+static inline zend_class_entry *class_of_call(zend_function *function, zval *object TSRMLS_DC)
 {
 	if (function->common.scope) {
-		return function->common.scope->name;
+		return function->common.scope;
 	}
-	return object && Z_TYPE_P(object) == IS_OBJECT && Z_OBJ_HT_P(object)->get_class_entry ? Z_OBJCE_P(object)->name : NULL;
+	return object && Z_TYPE_P(object) == IS_OBJECT && Z_OBJ_HT_P(object)->get_class_entry ? Z_OBJCE_P(object) : NULL;
 }
 
 /* Fills `call`; false when the frame is nothing to intercept. */
@@ -60,12 +61,16 @@ static inline bool identify_user_call(user_call *call, zend_execute_data *caller
 	zend_function *function = caller->function_state.function;
 	call->func = function->common.function_name;
 	call->is_function = call->func != NULL;
+	call->cls = NULL;
+	call->cls_len = 0;
 	if (!call->is_function) {
-		call->cls = NULL;
 		call->is_closure = false;
 		return (call->func = kind_word(caller)) != NULL;
 	}
-	call->cls = class_of_call(function, caller->object TSRMLS_CC);
+	if (zend_class_entry *scope = class_of_call(function, caller->object TSRMLS_CC)) {
+		call->cls = scope->name;
+		call->cls_len = (int)scope->name_length;
+	}
 	call->is_closure = (function->common.fn_flags & ZEND_ACC_CLOSURE) != 0;
 	if (call->is_closure) {
 		call->func = "{closure}"; /* the engine's own name for all of them, in memory that outlives the call */
@@ -80,11 +85,6 @@ static inline int enter_level(zend_zqprof_globals *g, zend_execute_data *caller)
 	int before = !caller->op_array && !caller->prev_execute_data ? 0 : g->tracer_level;
 	g->tracer_level = before + 1;
 	return before;
-}
-
-static inline int may_be_watched(const user_call *call TSRMLS_DC)
-{
-	return zq_may_be_watched(call->cls, call->cls ? (int)strlen(call->cls) : 0, call->func, (int)strlen(call->func) TSRMLS_CC);
 }
 
 /* "class::function", or the function alone; freed by free_full_name. */
@@ -146,7 +146,7 @@ static void describe_call(zq_stack_data *stack, const user_call *call, zend_exec
 	memset(stack, 0, sizeof(*stack));
 	stack->execute_data = caller;
 	stack->cls = call->cls;
-	stack->cls_length = call->cls ? (int)strlen(call->cls) : 0;
+	stack->cls_length = call->cls_len;
 	stack->func = (char *)call->func;
 	stack->func_length = (int)strlen(call->func);
 	stack->return_slot = call->return_slot;
@@ -221,42 +221,52 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	EG(active_symbol_table) = active_symbol_table;
 }
 
-static inline int after_step_is_due(const user_call *call TSRMLS_DC)
+/* Asked after the call: by then it may itself have added the row that wants it. */
+static inline int is_watched_after(const user_call *call TSRMLS_DC)
 {
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	if (call->component || g->profile_end_time) {
-		return 1;
-	}
-	if (g->action_tracer_enabled && cycle_timer() - call->start > g->tracer_threshold_tick) {
-		return 1;
-	}
-	return zend_hash_num_elements(g->performance_function_hash) && may_be_watched(call TSRMLS_CC);
+	return ZQG(performance_function_hash)->nNumOfElements && zq_may_be_watched(call->cls, call->cls_len, call->func TSRMLS_CC);
 }
 
-void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC)
+static inline int took_long(const zend_zqprof_globals *g, uint64 start)
+{
+	return g->action_tracer_enabled && cycle_timer() - start > g->tracer_threshold_tick;
+}
+
+static zend_never_inline void intercept_user_call(zend_execute_data *execute_data, zend_execute_data *caller TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	zend_execute_data *caller = execute_data->prev_execute_data;
 	user_call call;
-	/* A generator's caller frame and argument stack are gone before its body's hook returns: it passes through. */
-	if (!g->hook_enabled || !g->agent_enabled || !caller ||
-	    (execute_data->op_array->fn_flags & ZEND_ACC_GENERATOR) || !identify_user_call(&call, caller TSRMLS_CC)) {
+	if (!identify_user_call(&call, caller TSRMLS_CC)) {
 		_zend_execute_ex(execute_data TSRMLS_CC);
 		return;
 	}
 	call.level_before = call.is_function ? enter_level(g, caller) : g->tracer_level;
 	call.component = NULL;
 	call.return_slot = EG(return_value_ptr_ptr);
-	if (g->profile_end_time || g->tracer_level == 1 || may_be_watched(&call TSRMLS_CC)) {
+	if (UNEXPECTED(g->tracer_level == 1 || g->profile_end_time) || zq_may_be_watched(call.cls, call.cls_len, call.func TSRMLS_CC)) {
 		before_user_call(&call, caller TSRMLS_CC);
 	}
 	call.start = cycle_timer();
 	_zend_execute_ex(execute_data TSRMLS_CC);
-	if (g->hook_enabled && after_step_is_due(&call TSRMLS_CC)) {
+	if (g->hook_enabled && (UNEXPECTED(call.component || g->profile_end_time) || UNEXPECTED(took_long(g, call.start)) ||
+	                        is_watched_after(&call TSRMLS_CC))) {
 		after_user_call(&call, caller TSRMLS_CC);
 	}
 	if (call.is_function) {
 		g->tracer_level = call.level_before;
+	}
+}
+
+static inline int is_action_open(const zend_zqprof_globals *g) { return g->hook_enabled && g->agent_enabled; }
+
+void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC)
+{
+	zend_execute_data *caller = execute_data->prev_execute_data;
+	/* A generator's caller frame and argument stack are gone before its body's hook returns: it passes through. */
+	if (is_action_open(zq_globals(TSRMLS_C)) && caller && !(execute_data->op_array->fn_flags & ZEND_ACC_GENERATOR)) {
+		intercept_user_call(execute_data, caller TSRMLS_CC);
+	} else {
+		_zend_execute_ex(execute_data TSRMLS_CC);
 	}
 }
 
@@ -311,35 +321,67 @@ static inline void hash_names(zq_stack_data *stack)
 	}
 }
 
-void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+/* A call that a row may want, or a running profile. */
+static zend_never_inline void run_watched(zend_execute_data *frame, zend_class_entry *scope, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	zq_stack_data stack;
-	zend_function *function;
-	if (!g->hook_enabled || !g->agent_enabled || !execute_data_ptr ||
-	    !(function = execute_data_ptr->function_state.function)->common.function_name) {
-		run_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
-		return;
-	}
-	if (function->common.fn_flags & ZEND_ACC_CALL_VIA_HANDLER) {
-		run_trampoline(execute_data_ptr, fci, return_value_used TSRMLS_CC);
-		return;
-	}
-	memset(&stack, 0, sizeof(stack));
-	stack.execute_data = execute_data_ptr;
-	stack.func = (char *)function->common.function_name; /* lives as long as its module */
-	stack.cls = class_of_call(function, execute_data_ptr->object TSRMLS_CC);
-	stack.cls_length = stack.cls ? (int)strlen(stack.cls) : 0;
-	stack.object = execute_data_ptr->object;
-	stack.return_slot = internal_return_slot(execute_data_ptr, fci);
-	if (zq_internal_may_be_watched(stack.cls, stack.cls_length, stack.func)) {
-		hash_names(&stack);
-	}
+	zq_stack_data stack = {};
+	stack.execute_data = frame;
+	stack.func = (char *)frame->function_state.function->common.function_name; /* lives as long as its module */
+	stack.cls = scope ? scope->name : NULL;
+	stack.cls_length = scope ? (int)scope->name_length : 0;
+	stack.object = frame->object;
+	stack.return_slot = internal_return_slot(frame, fci);
+	hash_names(&stack);
 	zq_before_internal_call(&stack TSRMLS_CC);
 	uint64 start = cycle_timer();
-	run_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
-	if (g->hook_enabled) {
+	run_internal(frame, fci, return_value_used TSRMLS_CC);
+	if (ZQG(hook_enabled)) {
 		zq_after_internal_call(&stack, start TSRMLS_CC);
+	}
+}
+
+static zend_never_inline void trace_unwatched(zend_execute_data *frame, const char *cls, const char *func, uint64 start TSRMLS_DC)
+{
+	zq_stack_data stack = {};
+	stack.execute_data = frame;
+	stack.cls = cls;
+	stack.func = (char *)func;
+	zq_trace_default(&stack, start, cycle_timer() TSRMLS_CC);
+}
+
+static zend_never_inline void intercept_internal_call(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zend_function *function = frame->function_state.function;
+	if (UNEXPECTED(function->common.fn_flags & ZEND_ACC_CALL_VIA_HANDLER)) {
+		run_trampoline(frame, fci, return_value_used TSRMLS_CC);
+		return;
+	}
+	zend_class_entry *scope = class_of_call(function, frame->object TSRMLS_CC);
+	const char *cls = scope ? scope->name : NULL;
+	const char *func = function->common.function_name;
+	if (UNEXPECTED(g->profile_end_time) || zq_internal_may_be_watched(cls, scope ? (int)scope->name_length : 0, func)) {
+		run_watched(frame, scope, fci, return_value_used TSRMLS_CC);
+		return;
+	}
+	if (!g->action_tracer_enabled) { /* nobody wants to know how long it took */
+		run_internal(frame, fci, return_value_used TSRMLS_CC);
+		return;
+	}
+	uint64 start = cycle_timer();
+	run_internal(frame, fci, return_value_used TSRMLS_CC);
+	if (g->hook_enabled && UNEXPECTED(took_long(g, start))) {
+		trace_unwatched(frame, cls, func, start TSRMLS_CC);
+	}
+}
+
+void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	if (is_action_open(zq_globals(TSRMLS_C)) && execute_data_ptr &&
+	    execute_data_ptr->function_state.function->common.function_name) {
+		intercept_internal_call(execute_data_ptr, fci, return_value_used TSRMLS_CC);
+	} else {
+		run_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
 	}
 }
 

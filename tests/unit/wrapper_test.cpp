@@ -127,7 +127,7 @@ TEST_F(Wrapper, FilterPassesEveryWatchedNameAndFewOthers)
 		const char *cls, *func;
 	} names[] = {{NULL, "f"}, {NULL, "wp_head"}, {"A", "b"}, {"Cart", "total"}, {"yii\\base\\Module", "runAction"}, {NULL, ""}, {"A", ""}};
 	auto passes = [&](const std::string *cls, const std::string &func) {
-		return zq_may_be_watched(cls ? cls->c_str() : NULL, cls ? (int)cls->size() : 0, func.c_str(), (int)func.size() TSRMLS_CC);
+		return zq_may_be_watched(cls ? cls->c_str() : NULL, cls ? (int)cls->size() : 0, func.c_str() TSRMLS_CC);
 	};
 	for (const auto &name : names) {
 		std::string cls = name.cls ? name.cls : "", func = name.func, full = name.cls ? cls + "::" + func : func;

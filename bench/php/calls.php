@@ -1,0 +1,52 @@
+<?php
+/* One kind of call, many times: CALLS says which, COUNT how often. */
+function plain($a)
+{
+    return $a;
+}
+
+class Shape
+{
+    public function method($a)
+    {
+        return $a;
+    }
+
+    public static function fixed($a)
+    {
+        return $a;
+    }
+}
+
+function user_function($n)
+{
+    for ($i = 0; $i < $n; $i++) {
+        plain($i);
+    }
+}
+
+function user_method($n)
+{
+    $shape = new Shape;
+    for ($i = 0; $i < $n; $i++) {
+        $shape->method($i);
+    }
+}
+
+function internal_function($n)
+{
+    for ($i = 0; $i < $n; $i++) {
+        abs($i);
+    }
+}
+
+function internal_method($n)
+{
+    $object = new ArrayObject(array(1));
+    for ($i = 0; $i < $n; $i++) {
+        $object->count();
+    }
+}
+
+$kind = getenv('CALLS');
+$kind((int) getenv('COUNT'));
