@@ -52,7 +52,8 @@ int zq_error_need_report(int type)
 	}
 }
 
-/* Class of an exception that nobody caught, copied out of the engine's message; null for any other message. */
+/* Class of an exception that nobody caught, copied out of the engine's message; null for any other message, and for an
+ * exception without a message of its own, whose class stands in front of other words. */
 static char *uncaught_class(const char *msg)
 {
 	static const char before[] = "Uncaught exception '";
@@ -61,8 +62,12 @@ static char *uncaught_class(const char *msg)
 		return NULL;
 	}
 	start += sizeof(before) - 1;
-	const char *end = strstr(start, "' with message");
-	return end ? estrndup(start, (uint)(end - start)) : NULL;
+	static const char behind[] = "' with message";
+	const char *end = strchr(start, '\''); /* no class name has a quote: the next one ends it */
+	if (!end || strncmp(end, behind, sizeof(behind) - 1) != 0) {
+		return NULL;
+	}
+	return estrndup(start, (uint)(end - start));
 }
 
 /* No PHP code may run in here: the engine is in the middle of an error. */
