@@ -1,71 +1,14 @@
-/* Insertion of the browser script. A page is searched chunk by chunk, each byte at most once and none beyond the first
- * 65,536: an html tag must have been seen, then the end of the title or of the head is the place. */
+/* Insertion of the browser script. A page is searched chunk by chunk, and only at its beginning: an html tag must have been
+ * seen, then the end of the title or of the head is the place. */
 #include "zqp_rum.h"
 #include "zqp_io.h"
-
-static const size_t MAX_EXAMINED = 65536;
-
-/* 1 when the text at `at` begins with `word`, lower-case letters, in any case. */
-static int begins_with(const char *at, const char *end, const char *word, size_t word_len)
-{
-	return (size_t)(end - at) >= word_len && zq_strncasecmp(at, word, word_len) == 0;
-}
-
-static const char *end_of_search(const char *buf, size_t length)
-{
-	return buf + (length < MAX_EXAMINED ? length : MAX_EXAMINED);
-}
-
-/* The next "<" at or behind `at`, or null. */
-static const char *next_tag(const char *at, const char *end)
-{
-	return at < end ? (const char *)memchr(at, '<', (size_t)(end - at)) : NULL;
-}
-
-const char *html_pos(const char *buf, size_t length)
-{
-	const char *end = end_of_search(buf, length);
-	for (const char *at = next_tag(buf, end); at; at = next_tag(at + 1, end)) {
-		const char *behind = at + sizeof("<html") - 1;
-		if (!begins_with(at, end, ZEND_STRL("<html")) || behind == end) {
-			continue;
-		}
-		if (*behind == '>') {
-			return behind;
-		}
-		if (*behind == '\t' || *behind == '\n' || *behind == '\r' || *behind == ' ') {
-			return (const char *)memchr(behind, '>', (size_t)(end - behind)); /* no other tag ends either, if null */
-		}
-	}
-	return NULL;
-}
-
-const char *rum_pos(const char *buf, size_t length)
-{
-	const char *end = end_of_search(buf, length);
-	for (const char *at = next_tag(buf, end); at; at = next_tag(at + 1, end)) {
-		if (begins_with(at, end, ZEND_STRL("</head>"))) {
-			return at;
-		}
-		if (begins_with(at, end, ZEND_STRL("</title>"))) {
-			return at + sizeof("</title>") - 1;
-		}
-	}
-	return NULL;
-}
 
 /* The name can come from the client's URI: what could end the string or the script is written as an escape. */
 static void append_script_text(smart_str *out, const char *text)
 {
+	char written[ZQ_RUM_ESCAPE_SIZE];
 	for (; text && *text; text++) {
-		unsigned char ch = (unsigned char)*text;
-		if (ch < 32 || strchr("'\\<>", ch)) {
-			char escape[8];
-			snprintf(escape, sizeof(escape), "\\u%04x", ch);
-			zq_append(out, escape, 6);
-		} else {
-			zq_append_char(out, *text);
-		}
+		zq_append(out, written, zq_rum_escape(written, *text));
 	}
 }
 
@@ -99,7 +42,7 @@ int buildScript(const char *script, smart_str *out TSRMLS_DC)
 
 static int page_wants_script(TSRMLS_D)
 {
-	return ZQG(agent_enabled) && ZQG(rum_enabled) && ZQG(rum_script);
+	return ZQG(agent_enabled) && ZQG(rum_enabled) && ZQG(rum_script) && ZQG(rum_write_length) < ZQ_RUM_EXAMINED_BYTES;
 }
 
 /* Where the element goes in this piece of the page, or null. Remembers an html tag for the pieces to come. */
@@ -111,30 +54,69 @@ static const char *insertion_point(const char *piece, size_t length TSRMLS_DC)
 	return ZQG(rum_flag) == 1 ? rum_pos(piece, length) : NULL;
 }
 
-/* Under CGI and FPM the response headers pass through the writer too, each in a chunk of its own that is the header's
- * very text. They are no part of the page. */
-static int is_response_header(const char *chunk TSRMLS_DC)
+/* The engine's compression runs as an output handler: what is still in a buffer is plain text. */
+static int engine_compresses(TSRMLS_D)
 {
-	if (!SG(headers_sent)) {
-		return 0;
+	return php_output_handler_started(ZEND_STRL("zlib output compression") TSRMLS_CC)
+		|| php_output_handler_started(ZEND_STRL("ob_gzhandler") TSRMLS_CC);
+}
+
+/* 1 when this header says that the body is something into which no element can be put. The script's own calls of
+ * header() are seen as they are made; an extension, the configuration or an output handler sets headers unseen. */
+static int header_forbids(const char *header, int in_buffer TSRMLS_DC)
+{
+	if (zq_strncasecmp(header, ZEND_STRL("content-encoding:")) == 0) {
+		return !in_buffer || !engine_compresses(TSRMLS_C);
 	}
-	if (SG(sapi_headers).http_status_line) {
-		return 1; /* freed when the headers are out */
+	return zq_strncasecmp(header, ZEND_STRL("transfer-encoding:")) == 0 || get_header_content(header) == 0;
+}
+
+/* A response without a type of its own gets the configured one; an empty one leaves it to the browser. */
+static int default_type_is_html(TSRMLS_D)
+{
+	const char *type = SG(default_mimetype);
+	return !SG(sapi_headers).send_default_content_type || !type || !*type || zq_strcasestr(type, "text/html");
+}
+
+/* 1 when `piece` is page text. Under CGI and FPM the response headers pass through the writer too, each in a chunk of its
+ * own that is the header's very text. */
+static int is_page(const char *piece, int in_buffer TSRMLS_DC)
+{
+	if (!in_buffer && SG(headers_sent) && SG(sapi_headers).http_status_line) {
+		return 0; /* freed when the headers are out */
 	}
 	for (zend_llist_element *at = SG(sapi_headers).headers.head; at; at = at->next) {
-		if (((sapi_header_struct *)at->data)->header == chunk) {
-			return 1;
+		const char *header = ((sapi_header_struct *)at->data)->header;
+		if (header == piece || header_forbids(header, in_buffer TSRMLS_CC)) {
+			return 0;
 		}
 	}
-	return 0;
+	return default_type_is_html(TSRMLS_C);
+}
+
+/* What the agent adds must not be what trips the memory limit: after a page that exhausted it there is nothing left. */
+static void lift_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)-1); }
+static void restore_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)PG(memory_limit)); }
+
+/* The element, freed by zq_buffer_free; its `c` is null when the script is unusable. */
+static smart_str make_element(TSRMLS_D)
+{
+	smart_str element = {NULL, 0, 0};
+	lift_memory_limit(TSRMLS_C);
+	buildScript(ZQG(rum_script), &element TSRMLS_CC);
+	restore_memory_limit(TSRMLS_C);
+	return element;
 }
 
 /* Writes the chunk with the element in it; 1, or 0 with nothing written when this is not the place. */
 static int write_with_script(const char *str, unsigned int length TSRMLS_DC)
 {
 	const char *at = insertion_point(str, length TSRMLS_CC);
-	smart_str element = {NULL, 0, 0};
-	if (!at || !buildScript(ZQG(rum_script), &element TSRMLS_CC)) {
+	if (!at) {
+		return 0;
+	}
+	smart_str element = make_element(TSRMLS_C);
+	if (!element.c) {
 		return 0;
 	}
 	ZQG(rum_enabled) = 0; /* before the writes: the client may be gone, and that ends the script here */
@@ -152,10 +134,10 @@ static int write_with_script(const char *str, unsigned int length TSRMLS_DC)
 
 int zq_ub_write(const char *str, unsigned int length TSRMLS_DC)
 {
-	if (EXPECTED(!g_module_up || !page_wants_script(TSRMLS_C)) || is_response_header(str TSRMLS_CC)) {
+	if (EXPECTED(!g_module_up || !page_wants_script(TSRMLS_C)) || !is_page(str, 0 TSRMLS_CC)) {
 		return _sapi_ub_write(str, length TSRMLS_CC);
 	}
-	if (ZQG(rum_write_length) < MAX_EXAMINED && write_with_script(str, length TSRMLS_CC)) {
+	if (write_with_script(str, length TSRMLS_CC)) {
 		return (int)length;
 	}
 	ZQG(rum_write_length) += length;
@@ -178,26 +160,33 @@ static void insert_into_buffer(php_output_handler *handler, size_t offset, const
 	buffer->used += len;
 }
 
-void injectOutputBuffer(TSRMLS_D)
+static void insert_element(php_output_handler *handler, size_t offset TSRMLS_DC)
 {
-	if (!page_wants_script(TSRMLS_C) || ZQG(rum_write_length) >= MAX_EXAMINED) {
+	smart_str element = make_element(TSRMLS_C);
+	if (!element.c) {
 		return;
 	}
+	lift_memory_limit(TSRMLS_C);
+	insert_into_buffer(handler, offset, element.c, element.len);
+	restore_memory_limit(TSRMLS_C);
+	ZQG(rum_enabled) = 0;
+	zq_buffer_free(&element);
+}
+
+void injectOutputBuffer(TSRMLS_D)
+{
 	/* while a handler runs, the buffer is the handler's */
-	if (php_output_get_status(TSRMLS_C) & PHP_OUTPUT_LOCKED) {
+	if (!page_wants_script(TSRMLS_C) || (php_output_get_status(TSRMLS_C) & PHP_OUTPUT_LOCKED)) {
 		return;
 	}
 	php_output_handler *handler = php_output_get_active_handler(TSRMLS_C);
-	if (!handler || !handler->buffer.data) {
+	if (!handler || !handler->buffer.data || !is_page(handler->buffer.data, 1 TSRMLS_CC)) {
 		return;
 	}
 	size_t examined = handler->buffer.used;
 	const char *at = insertion_point(handler->buffer.data, examined TSRMLS_CC);
-	smart_str element = {NULL, 0, 0};
-	if (at && buildScript(ZQG(rum_script), &element TSRMLS_CC)) {
-		insert_into_buffer(handler, (size_t)(at - handler->buffer.data), element.c, element.len);
-		ZQG(rum_enabled) = 0;
-		zq_buffer_free(&element);
+	if (at) {
+		insert_element(handler, (size_t)(at - handler->buffer.data) TSRMLS_CC);
 	}
 	ZQG(rum_write_length) += examined;
 }
