@@ -1,0 +1,96 @@
+#!/usr/bin/python3
+"""What the agent costs a script that does nothing but call a local server, with identity and callee's data on.
+
+    bench/external.py [PAIRS]
+
+Two scripts, one on the engine with the agent and one without, take turns at 100 calls; the figure is the median of the
+pairs' ratios. The server is the engine's own, without the agent; its page takes a millisecond, as a fast service does. The
+bound holds for that page; the same loops against an empty one show what a call costs where nothing hides it: on a curl
+handle two options to set, six header lines to look at and two questions to ask. Ends with status 1 when the bound is passed.
+Needs a finished build."""
+import subprocess
+import sys
+from pathlib import Path
+from statistics import median
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests/e2e"))
+
+import engines  # noqa: E402
+
+CALLS, BOUND = 100, 1.05
+PAGES = {"service.php": "usleep(1000);", "empty.php": ""}
+SETTINGS = {"zqs.vantorIdSecret": "12|34", "zqs.transaction_tracer.enabled": "1", "zqs.action_tracer.enabled": "1"}
+SCRIPT = """
+if (function_exists('vantor_start_webaction')) vantor_start_webaction('bench');
+while (fgets(STDIN)) {
+    $t = microtime(true);
+    for ($i = 0; $i < %d; $i++) { %s }
+    echo microtime(true) - $t, "\\n";
+}
+"""
+LOOPS = {
+    "curl": "$c = curl_init('%s'); curl_setopt($c, CURLOPT_RETURNTRANSFER, true); curl_exec($c);",
+    "curl, headers": "$c = curl_init('%s'); curl_setopt($c, CURLOPT_RETURNTRANSFER, true);"
+                     "curl_setopt($c, CURLOPT_HTTPHEADER, array('Accept: text/plain')); curl_exec($c);",
+    "file_get_contents": "file_get_contents('%s');",
+}
+
+
+class Script:
+    def __init__(self, site, code, agent):
+        argv = [engines.ENGINE / "bin/php", "-c", site.ini_file(agent), "-f", site.script(SCRIPT % (CALLS, code), "loop.php")]
+        self.process = subprocess.Popen([str(a) for a in argv], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
+
+    def turn(self):
+        """Seconds of one call."""
+        self.process.stdin.write("go\n")
+        return float(self.process.stdout.readline()) / CALLS
+
+    def end(self):
+        self.process.stdin.close()
+        assert self.process.wait() == 0
+
+
+def measure(site, code, pairs):
+    """(seconds of one call without the agent, median ratio)."""
+    scripts = {agent: Script(site, code, agent) for agent in (False, True)}
+    for script in scripts.values():
+        script.turn()                                     # warms up the caches of both
+    bare, ratios = [], []
+    for i in range(pairs):
+        found = {agent: scripts[agent].turn() for agent in ((False, True) if i % 2 else (True, False))}
+        bare.append(found[False])
+        ratios.append(found[True] / found[False])
+    for script in scripts.values():
+        script.end()
+    site.daemon.settle()
+    assert len(site.daemon.received(engines.wire.Metric)[-1].calls) == (pairs + 1) * CALLS
+    site.daemon.forget()
+    return median(bare), median(ratios)
+
+
+def main():
+    pairs = int(sys.argv[1]) if len(sys.argv) > 1 else 31
+    site, good = engines.Site(), True
+    try:
+        site.daemon.configure(SETTINGS)
+        for page, code in PAGES.items():
+            site.script(code, page)
+        server = engines.BuiltIn(site, site.ini_file(False), False)
+        site.servers.append(server)
+        server.start()
+        print(f"{CALLS * pairs} calls each{'':<24}{'without':>12}{'added':>13}{'ratio':>9}{'bound':>8}")
+        for page in PAGES:
+            for name, code in LOOPS.items():
+                call, ratio = measure(site, code % f"http://127.0.0.1:{server.port}/{page}", pairs)
+                verdict = "" if page == "empty.php" else f"{BOUND:>8.2f}  {'ok' if ratio <= BOUND else 'ABOVE THE BOUND'}"
+                good = good and (page == "empty.php" or ratio <= BOUND)
+                print(f"{name + ', ' + page:<38}{call * 1e6:>9.1f} us{call * (ratio - 1) * 1e6:>10.1f} us{ratio:>9.3f}{verdict}",
+                      flush=True)
+    finally:
+        site.close()
+    return 0 if good else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
