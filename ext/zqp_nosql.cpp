@@ -59,8 +59,9 @@ nosql_hash_element *find_or_add_row(HashTable *table, const char *key, uint key_
 	if (row) {
 		return row;
 	}
-	if (zend_hash_num_elements(table) >= MAX_ROWS && key_size > 1) {
-		return find_or_add_row(table, "", 1);
+	const char *shared = strchr(key, '\n') ? "\n" : ""; /* has as many lines as the store's other keys */
+	if (zend_hash_num_elements(table) >= MAX_ROWS && strcmp(key, shared) != 0) {
+		return find_or_add_row(table, shared, (uint)strlen(shared) + 1);
 	}
 	row = (nosql_hash_element *)ecalloc(1, sizeof *row);
 	zend_hash_update(table, key, key_size, &row, sizeof row, NULL);

@@ -106,11 +106,10 @@ def test_time_in_a_store_is_not_the_components_own(site, doubles):
 
 CONNECT = '$r = new Redis; $r->connect("SOCKET"); '
 PREDIS_CLIENT = 'new Predis\\Client(array("scheme" => "unix", "path" => "SOCKET"))'
-ARRAYED = '$r = new Redis; $r->connect("SOCKET"); $r->hMSet("h", array("a" => 1)); '
 # what: (script, rows besides CONNECT); BLPOP of an empty list waits its second
 REDIS = {
-    "methods": (CONNECT + '$r->set("k", "v"); echo $r->get("k"), $r->get("none"); $r->HGETALL("h"); echo $r->_prefix("x");',
-                "CONNECT SET GET HGETALL"),
+    "methods": (CONNECT + '$r->set("k", "v"); echo $r->get("k"), $r->get("none"); $r->hMSet("h", array("a" => 1)); '
+                'print_r($r->hGetAll("h")); echo $r->_prefix("x");', "CONNECT SET GET HMSET HGETALL"),
     "blocking": (CONNECT + 'var_dump($r->blPop(array("empty"), 1));', {"CONNECT": 0, "BLPOP": 1000}),
     "a block": (CONNECT + 'print_r($r->multi()->set("k", 1)->incr("k")->exec());', "CONNECT MULTI SET INCR EXEC"),
     "a pipeline": (CONNECT + '$p = $r->pipeline(); for ($i = 0; $i < 100; $i++) $p->set("k", $i); echo count($p->exec());',
@@ -120,6 +119,8 @@ REDIS = {
     "through __call": (CONNECT + 'class Lazy { function __call($n, $a) { return call_user_func_array(array($GLOBALS["r"], $n), $a); } } '
                        '$l = new Lazy; $l->get("k"); $l->hSet("h", "f", 1); $f = function () use ($r) { $r->del("k"); }; $f();',
                        "CONNECT GET HSET DEL"),
+    "several servers": ('$a = new RedisArray(array("SOCKET")); $a->set("k", 1); echo $a->get("k"), $a->_target("k");',
+                        "SET GET"),
     "other casing": (CONNECT + '$r->GET("k"); $r->Del("h");', "CONNECT GET DEL"),
     "an error": (CONNECT + '$r->del("k"); $r->rPush("k", 1); var_dump($r->incr("k")); echo $r->getLastError(); $r->del("k");',
                  "CONNECT DEL RPUSH INCR GETLASTERROR"),
