@@ -129,7 +129,9 @@ class Site:
     def script(self, code, name="index.php"):
         path = self.docroot / name
         path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_text("<?php " + code)
+        fresh = path.with_suffix(f".{threading.get_ident()}")
+        fresh.write_text("<?php " + code)
+        fresh.replace(path)                                             # whole at any time: many may be reading it
         return path
 
     def log(self):
