@@ -112,7 +112,7 @@ NameCounts count_names(std::istream& lines, const Namer& namer) {
 
 std::string names_text(const NameCounts& counts, size_t most, size_t width, const std::string& script) {
   constexpr size_t other_columns = 30;  // what stands before the name
-  std::string out = std::to_string(counts.requests) + " requests, " + std::to_string(counts.names.size()) + " names\n\n";
+  std::string out = "Requests: " + std::to_string(counts.requests) + ", names: " + std::to_string(counts.names.size()) + "\n\n";
   std::vector<std::vector<std::string>> rows;
   bool by_script = false;
   for (const NameCount& count : counts.names) {
@@ -127,7 +127,7 @@ std::string names_text(const NameCounts& counts, size_t most, size_t width, cons
   out += "\nWhat a framework calls its actions cannot be known here: requests that it dispatches get its names, unless a rule named them.\n";
   if (by_script) out += "For a URI without \".php\" the file counts that the server runs; " + printable(script) + " was taken (--script).\n";
   if (counts.passed_over_count) {
-    out += std::to_string(counts.passed_over_count) + " lines are no requests and were passed over, the first:";
+    out += "Lines that are no requests and were passed over: " + std::to_string(counts.passed_over_count) + ", the first:";
     for (int64_t number : counts.passed_over) out += " " + std::to_string(number);
     out += "\n";
   }

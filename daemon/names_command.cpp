@@ -43,7 +43,10 @@ int names(const DaemonConfig& config, const NamesOptions& options) {
   std::string text = names_text(counts, options.most, terminal_width(), options.script);
   fwrite(text.data(), 1, text.size(), stdout);
   auto invalid = namer.invalid_rules();
-  if (invalid) fprintf(stderr, "The naming rules are no JSON and were not used. What is wrong begins at: %s\n", cut(printable(*invalid), 60).c_str());
+  if (invalid) {
+    std::string at = invalid->empty() ? "their end" : cut(printable(*invalid), 60);
+    fprintf(stderr, "The naming rules are no JSON and were not used. What is wrong begins at: %s\n", at.c_str());
+  }
   return invalid ? 1 : 0;
 }
 

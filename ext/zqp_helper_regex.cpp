@@ -1,5 +1,6 @@
 /* Keeps patterns away from the C library's regular expression compiler that would crash it or hold it up: it recurses
- * once per group, and unfolds every repeat into copies of what is repeated. */
+ * once per group, and unfolds every repeat into copies of what is repeated. Its matcher takes linear time, but for
+ * references back to a group, which are no part of the extended syntax: seconds for an address of a hundred bytes. */
 #include "zqp_text.h"
 
 #include <stdlib.h>
@@ -78,6 +79,9 @@ static int read_one(const char **at, group *groups, int *depth)
 	group *g = &groups[*depth];
 	unsigned long copies = 1;
 	char ch = *(*at)++;
+	if (ch == '\\' && **at >= '1' && **at <= '9') {
+		return 0;
+	}
 	if (ch == '(') {
 		if (*depth == max_depth) {
 			return 0;

@@ -204,6 +204,8 @@ TEST_F(HelperString, RefusesPatternsThatWouldHoldUpTheCompiler)
 		{"a" + repeated("+", 10), 0}, /* each one doubles what stands before it */
 		{repeated("(", 10) + "a" + repeated("+)", 10), 0},
 		{repeated("a{999}", 9), 0},
+		{"(a)\\1", 0}, /* matching takes time without bound */
+		{"(a)[\\1]\\\\1\\0", 1},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.pattern.substr(0, 60));

@@ -124,6 +124,7 @@ TEST(NamingRules, AppliesTheOperatorsToTheUrl)
 		{4, "P/I", true}, {4, "", true}, {4, "cart", false},
 		{5, "^/shop/[a-z]+$", true}, {5, "SHOP", true}, {5, "(", false}, {5, "^item", false},
 		{5, std::string(30000, '('), false}, {5, "((((a{200}){200}){200}){200})", false},
+		{5, R"(/(s)hop/i(\\1)?)", false}, {5, R"(/sho[\\1p]/)", true}, {5, R"(^/(.*)(.*)(.*)\\1\\2\\3x$)", false},
 		{6, "/shop/item", false}, {-1, "/shop/item", false},
 	};
 	Request request;

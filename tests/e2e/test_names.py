@@ -1,0 +1,181 @@
+"""Names by rule and URI: what the agent makes of bad rules and hostile addresses, and the dry run `quorbit names`, which must
+give what the agent gives."""
+import json
+import re
+import subprocess
+
+import pytest
+
+import engines
+import wire
+from test_frameworks import VERBOSE, log_lines
+
+QUORBIT = engines.PROJECT / "build/bin/quorbit"
+
+
+def rule(name, match=4, value="", split=None, params=None, method=0):
+    condition = {"method": method, "match": match, "value": value, **({"params": params} if params else {})}
+    return {"name": name, "match": condition, "split": split or {}}
+
+
+RULES = [
+    rule("Login", 2, "/user/login", {"uri": "2", "urlParams": "act", "method": True}, method=2),
+    rule("Android", 0, "", {"uri": "-1", "headerParams": "User-Agent"}, [{"type": 2, "name": "user-agent", "match": 2, "value": "droid"}]),
+    rule("Form", 0, "", {}, [{"type": 3, "name": "id", "match": 5, "value": "."}]),
+    rule("Item", 5, "^/item/[0-9]+$"),
+]
+REQUESTS = [     # method, URI, user agent
+    ("POST", "/user/login/now?act=in", None), ("GET", "/user/login/now?act=in", None), ("GET", "/item/77", None),
+    ("GET", "/item/77", None), ("GET", "/item/x77/4711", None), ("GET", "/", None), ("GET", "/a/b", "Droid \"9\""),
+    ("GET", "/list.php?page=3&sort=a%2Fb%22&tag[]=x&page=12", None), ("HEAD", "/LIST.PHP/7", "Lynx"), ("GET", "/list.php?", None),
+]
+CAPTURED = "/other.php,x|/list.php,page sort tag none,,User-Agent"
+SETTINGS = {
+    "rules": {"zqs.naming.rules": json.dumps(RULES), "zqs.auto_action_naming": "0"},
+    "parameters": {"zqs.auto_action_naming": "0", "zqs.web_action_uri_params_captured": CAPTURED},
+    "scripts": {"zqs.auto_action_naming": "TRUE", "zqs.web_action_uri_params_captured": CAPTURED},
+    "defaults": {},
+}
+
+
+def access_log(requests):
+    quoted = [(method, uri, (agent or "-").replace('"', '\\"')) for method, uri, agent in requests]
+    return "".join(f'10.0.0.7 - - [01/Jan/2024:10:00:00 +0100] "{method} {uri} HTTP/1.1" 200 12 "-" "{agent}"\n'
+                   for method, uri, agent in quoted)
+
+
+def dry_run(site, settings, text, *arguments):
+    """Exit status, {name: (requests, named by)} and everything printed."""
+    body = "[Shop]\n" + "".join(f"{key} = {value}\n" for key, value in settings.items())
+    (site.root / "app.conf").write_text(body)
+    (site.root / "requests").write_bytes(text if isinstance(text, bytes) else text.encode())
+    done = subprocess.run([QUORBIT, "names", site.root / "requests", "--app", "Shop", "--settings", site.root / "app.conf",
+                           *map(str, arguments)], capture_output=True, text=True, timeout=30)
+    rows = re.findall(r"^ *(\d+) +\d+%  (rule|URI|script) +(.*)$", done.stdout, re.M)
+    return done.returncode, {name: (int(count), by) for count, by, name in rows}, done.stdout + done.stderr
+
+
+@pytest.mark.parametrize("kind", SETTINGS)
+def test_the_dry_run_gives_the_names_that_the_agent_gives(site, kind):
+    settings = SETTINGS[kind]
+    site.daemon.configure(settings)
+    given = {}
+    for method, uri, agent in REQUESTS:
+        headers = {"User-Agent": agent} if agent else {}
+        name = site.cgi("", uri, method, headers=headers, twin=False, env={"SCRIPT_NAME": uri.partition("?")[0]}).metric.action
+        given[name] = given.get(name, 0) + 1
+    status, names, printed = dry_run(site, settings, access_log(REQUESTS), "--script", site.docroot / "index.php")
+    assert {name: count for name, (count, _) in names.items()} == given and status == 0
+    assert printed.startswith(f"Requests: {len(REQUESTS)}, names: {len(given)}\n") and "framework" in printed
+    by = {"rules": {"rule", "URI"}, "parameters": {"URI"}}.get(kind, {"URI", "script"})
+    assert {by for _, by in names.values()} == by
+
+
+def test_the_busiest_names_come_first(site):
+    lines = [f"GET /shop/{'abcdef'[i % 6]}{i}" for i in range(12, 200)] + ["GET /cart"] * 500 + ["# GET /comment", ""]
+    _, names, printed = dry_run(site, {"zqs.auto_action_naming": "0"}, "\n".join(lines), "-n", 3)
+    assert list(names.items())[0] == ("WebAction/URI/cart", (500, "URI"))
+    assert printed.startswith("Requests: 688, names: 7\n") and len(names) == 3 and "and 4 more\n" in printed
+
+
+@pytest.mark.parametrize("line, name", [
+    ("GET /a", "URI/a"), ("GET   /a  HTTP/1.0", "URI/a"), ("PROPFIND /a\r", "URI/a"), ("GET /a?b=/c", "URI/a"),
+    ('h - u [t] "GET /\\x41\\"/%7E HTTP/1.1" 200 5', 'URI/A"%2F~'),
+    ('h - u [t] "GET /a', "URI/a"),
+    ("GET /\x1b[31m", "URI/\\x1b[*m"), ("GET /a+b", "URI/a+b"), ("GET /%", "URI/%"),
+    ("", None), ("GET", None), ("GET a", None), ("get /a", None), ("/a", None), ("OPTIONS *", None), ('h "-" 408', None),
+    ('h "\\x16\\x03\\x01" 400', None), ("\\", None), ('"', None), (b"\xff\xfe /a", None),
+])
+def test_lines_of_requests(site, line, name):
+    """Whatever a client sends can stand in a log."""
+    line = line if isinstance(line, bytes) else line.encode()
+    status, names, printed = dry_run(site, {"zqs.auto_action_naming": "0"}, b"#\n" + line)
+    assert status == 0 and list(names) == (["WebAction/" + name] if name else [])
+    assert ("no requests and were passed over: 1, the first: 2\n" in printed) == (name is None and line != b"")
+
+
+def test_the_dry_run_says_what_is_wrong(site):
+    status, names, printed = dry_run(site, {"zqs.naming.rules": "[1,,2]", "zqs.nonsense": "1"}, "GET /a.php")
+    assert status == 1 and names == {"WebAction/URI/a.php": (1, "URI")}
+    assert "The naming rules are no JSON and were not used. What is wrong begins at: ,2]" in printed
+    assert 'agents know no setting "zqs.nonsense"' in printed
+    for arguments in (["names", site.root], ["names", "/nonexistent"]):
+        done = subprocess.run([QUORBIT, *arguments, "--settings", site.root / "app.conf"], capture_output=True, text=True)
+        assert done.returncode == 1 and "\nquorbit: " in done.stderr, done
+
+
+# ---- bad input, in a real request ----
+
+def wrong_types():
+    """The rule that would match, with each of its places in turn holding something of another type."""
+    good = rule("Bad", 0, "", {"uri": "1"}, [{"type": 1, "name": "a", "match": 0, "value": ""}])
+    others = [None, True, 7, -1e300, "text", [], {}, [[]], {"name": {}}]
+
+    def places(node, path=()):
+        for key in (node if isinstance(node, dict) else range(len(node)) if isinstance(node, list) else []):
+            yield path + (key,)
+            yield from places(node[key], path + (key,))
+
+    found = []
+    for path in places(good):
+        if path[0] == "split" and len(path) > 1:
+            continue                                   # a part of another type is left out, and the rule holds
+        for other in others:
+            changed = json.loads(json.dumps(good))
+            target = changed
+            for key in path[:-1]:
+                target = target[key]
+            if type(other) is not type(target[path[-1]]):
+                target[path[-1]] = other
+                found.append(changed)
+    return found
+
+
+def deep(depth):
+    return "[" * depth + "]" * depth
+
+
+BAD_RULES = {
+    "wrong types everywhere": json.dumps(wrong_types()),
+    "a megabyte of rules": json.dumps([rule(f"R{i}", 1, "/none/" + "x" * 60) for i in range(8000)]),
+    "a pattern of a megabyte": json.dumps([rule("R", 5, "(" * (1 << 20))]),
+    "patterns that do not compile": json.dumps([rule("R", 5, value) for value in ("(", "[", "a{2,1}", "*{", "a{99999}", "[[:x:]]", "\\")]),
+    "patterns too costly to compile": json.dumps([rule("R", 5, "((((a{200}){200}){200}){200})"), rule("R", 5, "(" * 300 + ")" * 300)]),
+    "patterns too costly to match": json.dumps([rule("R", 5, value) for value in (
+        r"^/(a+)(a+)(a+)\1\2\3x", r"^/(.*)(.*)\1\2x$", "^/(a+)+$", "^(/(a|aa)+)+$", "(.*)(.*)(.*)(.*)(.*)x$", "((a*)*)*b")]),
+    "invalid UTF-8": b'[{"name":"\xff\xfe","match":{"method":0,"match":1,"value":"\xc3("},"split":{"uri":"\xed\xa0\x80"}}]',
+    "numbers out of range": '[{"name":"R","match":{"method":1e400,"match":0,"value":""},"split":{}},'
+                            '{"name":"R","match":{"method":0,"match":-99999999999,"value":""},"split":{}}]',
+    "another root": '{"name":"R","match":{"method":0,"match":0,"value":""},"split":{}}',
+}
+LAST = json.dumps([rule("Last", 0, "", {"uri": "1"})])[1:-1]
+HOSTILE = "/" + "a" * 2000 + "/%22%27;!"
+
+
+@pytest.mark.parametrize("kind", BAD_RULES)
+def test_bad_rules_name_nothing_and_cost_little(site, kind):
+    """No crash, no name; a good rule behind them is tried."""
+    bad = BAD_RULES[kind] if isinstance(BAD_RULES[kind], bytes) else BAD_RULES[kind].encode()
+    with_last = bad.rstrip(b"]") + b"]" * (len(bad) - len(bad.rstrip(b"]")) - 1) + b"," + LAST.encode() + b"]"
+    expected = [(bad, "WebAction/URI/" + HOSTILE[1:].replace("/", "%2F").replace("22", "*").replace("27", "*"))]
+    if bad.startswith(b"["):
+        expected.append((with_last, "WebAction/Last/" + "a" * 2000))
+    for rules, name in expected:
+        settings = [wire.record(wire.SETTING, b"zqs.naming.rules=" + rules), wire.record(wire.SETTING, "zqs.auto_action_naming=0"),
+                    wire.record(wire.SETTING, "zqs.resource.enabled=0")]
+        site.daemon.reply = wire.record(wire.QUERY, wire.record(wire.STAMP, b"\1" + bytes(7)) + b"".join(settings))
+        result = site.cgi("echo 1;", HOSTILE, ini=VERBOSE)
+        assert result.metric.action == name and result.metric.duration_ms < 1500
+    assert "naming json invalid" not in site.log()
+
+
+@pytest.mark.parametrize("rules, invalid_at", [
+    (deep(10000), "["), ('[{"name":"R"', ""), ("[1,,2]", ",2]"), ("%s%n%n", "%s%n%n"), ('["\x01', None), ("x" * (1 << 20), "xxxx")])
+def test_rules_that_are_no_json_are_logged_once(site, rules, invalid_at):
+    site.daemon.configure({"zqs.naming.rules": rules})
+    assert site.cgi("echo 1;", ini={"zqs.agent_log_level": "ERROR"}).metric.action == "WebAction/URI/index.php"
+    lines = log_lines(site, "naming json invalid at: ")
+    assert len(lines) == 1 and lines[0].startswith(invalid_at or "")
+    site.daemon.configure({"zqs.naming.rules": "[]"}, stamp=2)
+    site.cgi("echo 1;")
+    assert len(log_lines(site, "naming json invalid at: ")) == 1
