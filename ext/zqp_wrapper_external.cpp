@@ -183,7 +183,8 @@ int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *tra
 	}
 	element->url = estrdup(url);
 	element = append_call(element TSRMLS_CC);
-	zq_trace_call(stack_data->cls, stack_data->func, stack_data->execute_data, btsc, ctsc, ZQ_TRACER_EXTERNAL, element TSRMLS_CC);
+	zq_trace_call(stack_data->cls, stack_data->func, stack_data->execute_data, btsc, ctsc, ZQ_TRACER_EXTERNAL,
+	              element TSRMLS_CC);
 	return 1;
 }
 
@@ -259,7 +260,8 @@ int performance_httprequest_send(zq_stack_data *stack_data, uint64 btsc, uint64 
 		return 0;
 	}
 	Z_ADDREF_P(url); /* some classes make the value up and hand over no reference */
-	int recorded = Z_TYPE_P(url) == IS_STRING && EXTERNAL_SERVICE(stack_data, Z_STRVAL_P(url), NULL, 0, NULL, btsc, ctsc TSRMLS_CC);
+	const char *text = Z_TYPE_P(url) == IS_STRING ? Z_STRVAL_P(url) : NULL;
+	int recorded = EXTERNAL_SERVICE(stack_data, text, NULL, 0, NULL, btsc, ctsc TSRMLS_CC);
 	zval_ptr_dtor(&url);
 	return recorded;
 }
