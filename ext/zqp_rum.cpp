@@ -71,11 +71,11 @@ static int header_forbids(const char *header, int in_buffer TSRMLS_DC)
 	return zq_strncasecmp(header, ZEND_STRL("transfer-encoding:")) == 0 || get_header_content(header) == 0;
 }
 
-/* A response without a type of its own gets the configured one; an empty one leaves it to the browser. */
+/* A response without a type of its own will get the configured one. */
 static int default_type_is_html(TSRMLS_D)
 {
 	const char *type = SG(default_mimetype);
-	return !SG(sapi_headers).send_default_content_type || !type || !*type || zq_strcasestr(type, "text/html");
+	return !SG(sapi_headers).send_default_content_type || !type || zq_strcasestr(type, "text/html");
 }
 
 /* 1 when `piece` is page text. Under CGI and FPM the response headers pass through the writer too, each in a chunk of its
