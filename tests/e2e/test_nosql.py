@@ -139,7 +139,8 @@ def test_redis(site, redis, phpredis, what):
 
 
 def test_redis_cluster(site, cluster, phpredis):
-    code = f'$c = new RedisCluster(null, array("127.0.0.1:{cluster.port}")); $c->set("k", "v"); echo $c->get("k"); echo $c->_prefix("");'
+    code = (f'$c = new RedisCluster(null, array("127.0.0.1:{cluster.port}")); '
+            '$c->set("k", "v"); echo $c->get("k"), $c->_prefix("");')
     check_rows(call(site, code, phpredis), {("Redis", "", "SET"): 0, ("Redis", "", "GET"): 0})
 
 
@@ -152,7 +153,8 @@ echo $c->blpop("empty", 1); $c->del("n", "h");
 """
 
 
-@pytest.mark.parametrize("load", [f'require "{PREDIS}/Autoloader.php"; Predis\\Autoloader::register();', f'require "{PREDIS}/autoload.php";'])
+@pytest.mark.parametrize("load", [f'require "{PREDIS}/Autoloader.php"; Predis\\Autoloader::register();',
+                                  f'require "{PREDIS}/autoload.php";'], ids=["autoloader", "client"])
 def test_predis(site, redis, load):
     code = load + PREDIS_CALLS.replace("CLIENT", PREDIS_CLIENT).replace("SOCKET", str(redis.socket))
     result = call(site, code, {})
@@ -168,15 +170,14 @@ def test_predis_shares_its_rows_with_the_extension(site, redis, phpredis):
 
 
 def test_yii_commands_are_kept_as_they_are_written(site, redis):
-    code = f'require "{YII}"; $c = new yii\\redis\\Connection(array("unixSocket" => "{redis.socket}")); ' \
-        'COMMANDS $c->executeCommand(""); $c->executeCommand(array());'
-    code = code.replace('$c->executeCommand(""); $c->executeCommand(array());',
-                        'foreach (array("", "nonsense") as $n) try { $c->executeCommand($n); } catch (Exception $e) { echo "refused"; } ')
-    commands = '$c->set("k", 1); echo $c->get("k"), $c->executeCommand("get", array("k")); $c->executeCommand("CONFIG GET", array("port"));'
-    result = call(site, code.replace("COMMANDS", "new yii\\base\\Application; " + commands), {})
+    commands = (f'require "{YII}"; $c = new yii\\redis\\Connection(array("unixSocket" => "{redis.socket}")); $c->set("k", 1); '
+                'echo $c->get("k"), $c->executeCommand("get", array("k")); $c->executeCommand("CONFIG GET", array("port")); '
+                'foreach (array("", "nonsense") as $n) try { $c->executeCommand($n); } catch (Exception $e) { echo "refused"; } ')
+    used = commands.replace("$c =", "new yii\\base\\Application; $c =")
+    result = call(site, used, {})
     check_rows(result, {("Redis", "", name): 0 for name in ("SET", "GET", "get", "CONFIG GET", "nonsense")})
     check_sums(result)
-    assert call(site, code.replace("COMMANDS", commands), {}).metric.nosql == [], "without the framework it is somebody else's class"
+    assert call(site, commands, {}).metric.nosql == [], "without the framework it is somebody else's class"
 
 
 def test_server_that_dies_during_a_call(site, mortal_redis, phpredis):
@@ -218,5 +219,6 @@ def test_only_the_first_call_of_an_operation_takes_memory(site, doubles):
             'echo memory_get_usage() - $before;')
     metric = site.cgi(code, ini=doubles).metric
     assert len(metric.nosql) == 3
-    metric = site.cgi('$m = new MongoDB\\Driver\\Manager; for ($i = 0; $i < 6000; $i++) $m->executeQuery("db.c$i");', ini=doubles).metric
+    code = '$m = new MongoDB\\Driver\\Manager; for ($i = 0; $i < 6000; $i++) $m->executeQuery("db.c$i");'
+    metric = site.cgi(code, ini=doubles).metric
     assert len(metric.nosql) == 4097 and metric.nosql[-1][:3] == ("MongoDB", "", "")
