@@ -222,17 +222,16 @@ int performance_fopen(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS
 	return record_stream_call(stack_data, btsc, ctsc TSRMLS_CC);
 }
 
+int performance_soapclient_construct(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
+{
+	if (!EG(exception)) {
+		zq_identify_soap_client(stack_data->object TSRMLS_CC);
+	}
+	return 0;
+}
+
 int performance_soapclient(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
 {
-	if (strcmp(stack_data->func, "SoapClient") == 0) {
-		if (!EG(exception) && zq_identity_is_set(TSRMLS_C)) {
-			zq_identify_soap_client(stack_data->object TSRMLS_CC);
-		}
-		return 0;
-	}
-	if (strcmp(stack_data->func, "__doRequest") != 0) {
-		return 0;
-	}
 	zq_component_spent_outside(elapsed_ms(btsc, ctsc) TSRMLS_CC);
 	const char *location = get_argument_char(stack_data->execute_data, 1);
 	char *answer = soap_answer(stack_data TSRMLS_CC);

@@ -16,6 +16,7 @@ int performance_curl_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TS
 int performance_curl_multi_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 int performance_file_get_contents(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 int performance_fopen(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
+int performance_soapclient_construct(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC); /* records nothing; 0 */
 int performance_soapclient(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 int performance_httprequest_send(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 

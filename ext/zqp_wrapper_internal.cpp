@@ -136,7 +136,8 @@ constexpr zq_after_row mongo_manager_methods[] = {
 };
 
 constexpr zq_after_row soap_client_methods[] = {
-	{"*", NULL, performance_soapclient},
+	{"SoapClient", zq_identity_is_set, performance_soapclient_construct}, /* its constructor has the old style's name */
+	{"__doRequest", NULL, performance_soapclient},
 };
 constexpr zq_after_row http_request_methods[] = {
 	{"send", is_on_its_own, performance_httprequest_send},
