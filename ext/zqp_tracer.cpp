@@ -16,9 +16,52 @@ sql_element *sql_element_alloc(const char *db, const char *statement, char *stac
 	return element;
 }
 
+/* Links a node made by ourselves, as zend_llist_add_element() does with its own. */
+static void append_node(zend_llist *list, zend_llist_element *node)
+{
+	node->prev = list->tail;
+	node->next = NULL;
+	if (list->tail) {
+		list->tail->next = node;
+	} else {
+		list->head = node;
+	}
+	list->tail = node;
+	list->count++;
+}
+
+/* The record before this one when it holds the very same text; null otherwise. */
+static const sql_element *same_before(const zend_llist *list, const char *statement)
+{
+	const sql_element *last = list->tail ? (const sql_element *)list->tail->data : NULL;
+	return last && last->text_is_verbatim && strcmp(last->statement, statement) == 0 ? last : NULL;
+}
+
+/* One block holds list node, record and text: for a script that does nothing but query, each allocation shows. */
+sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric)
+{
+	const size_t head = offsetof(zend_llist_element, data) + sizeof(sql_element);
+	const sql_element *same = same_before(list, statement);
+	size_t most = same ? 0 : strnlen(statement, ZQ_MAX_STATEMENT), len = most;
+	zend_llist_element *node = (zend_llist_element *)emalloc(same ? head : head + most + 1);
+	if (!same) {
+		len = zq_clean_statement(statement, most, (char *)node + head);
+		if (most - len > 64) { /* what comments took must not stay allocated behind many short statements */
+			node = (zend_llist_element *)erealloc(node, head + len + 1);
+		}
+	}
+	sql_element *element = (sql_element *)node->data;
+	*element = {db, same ? same->statement : (char *)node + head, NULL, NULL, metric, true, len == most};
+	append_node(list, node);
+	return element;
+}
+
 void sql_element_dtor(void *ele)
 {
 	sql_element *element = (sql_element *)ele;
+	if (element->text_is_kept) {
+		element->statement = NULL;
+	}
 	char **texts[] = {&element->statement, &element->stack, &element->explain};
 	for (char **text : texts) {
 		if (*text) {

@@ -11,10 +11,16 @@ typedef struct sql_element {
 	char *stack;     /* JSON, may be null */
 	char *explain;   /* JSON, may be null */
 	int metric;      /* ms */
+	/* private */
+	bool text_is_kept = false;     /* `statement` lies in a list node, this one or an earlier one: not freed with the record */
+	bool text_is_verbatim = false; /* cleaning changed nothing of it */
 } sql_element;
 
 /* New record, adopting `stack` and `explain`; the statement is stored through rm_comment(), or "sql is null". */
 sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric);
+/* Appends a record to `list` (of sql_element, request memory) and returns it, borrowed; `stack` and `explain` are null. A
+ * statement that repeats the one before shares its text, so that no single record may be removed from the list. */
+sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric);
 void sql_element_dtor(void *ele); /* frees the strings, not the record */
 
 enum { ZQ_TRACER_PLAIN = 0, ZQ_TRACER_SQL = 1, ZQ_TRACER_EXTERNAL = 2 };
@@ -63,8 +69,11 @@ void tracer_list_to_json(int server, zend_llist *tracer_list, smart_str *msg TSR
 int output_tracer_tree(smart_str *msg, tracer_tree_node *node, int threshold, int is_first_node TSRMLS_DC);
 
 /* ---- zqp_tracer_sql_name.cpp: purely lexical, no parser ---- */
-/* Copy without comments and with white space squeezed, quoted text kept; cut at 16384 bytes. */
+enum { ZQ_MAX_STATEMENT = 16384 }; /* bytes; longer ones are cut */
+/* Copy without comments and with white space squeezed, quoted text kept; cut at ZQ_MAX_STATEMENT bytes. */
 char *rm_comment(const char *statement);
+/* The same into `out`, which has room for `most` bytes and a NUL; returns the length. */
+size_t zq_clean_statement(const char *statement, size_t most, char *out);
 /* "Database <db>/<table>/<operation>". */
 char *metric_name_from_sql(const sql_element *sql);
 int isSpace(char ch); /* 1 for bytes 0x01 to 0x20 */

@@ -2,14 +2,25 @@
  * the first match wins. */
 #include "zqp_tracer.h"
 
-static const size_t MAX_STATEMENT = 16384;
-
 int isSpace(char ch)
 {
 	return ch >= 0x01 && ch <= 0x20;
 }
 
 /* ---- comments ---- */
+
+/* Bytes that are copied as they are, wherever they stand: not white space, nothing that begins or ends a quote or comment. */
+struct plain_bytes {
+	bool is_plain[256];
+	constexpr plain_bytes() : is_plain()
+	{
+		for (int ch = 0x21; ch < 256; ch++) {
+			is_plain[ch] = ch != '\'' && ch != '"' && ch != '-' && ch != '/';
+		}
+	}
+};
+
+static constexpr plain_bytes bytes;
 
 struct cleaned_text {
 	char *text;
@@ -45,14 +56,19 @@ static const char *skip_comment(const char *at)
 	return at;
 }
 
-char *rm_comment(const char *statement)
+size_t zq_clean_statement(const char *statement, size_t most, char *text)
 {
-	size_t statement_len = strlen(statement);
-	size_t limit = statement_len < MAX_STATEMENT ? statement_len : MAX_STATEMENT;
-	struct cleaned_text out = {(char *)emalloc(limit + 1), 0, 0};
+	struct cleaned_text out = {text, 0, 0};
 	char quote = 0;
 	const char *at = statement;
-	while (*at && out.len < limit) {
+	while (*at && out.len < most) {
+		if (bytes.is_plain[(unsigned char)*at]) {
+			do {
+				text[out.len++] = *at++;
+			} while (out.len < most && bytes.is_plain[(unsigned char)*at]);
+			out.after_blank = 0;
+			continue;
+		}
 		if (quote) {
 			if (*at == quote && at[-1] != '\\') {
 				quote = 0;
@@ -65,9 +81,16 @@ char *rm_comment(const char *statement)
 		}
 		emit(&out, *at++);
 	}
-	out.text[out.len] = '\0';
-	/* what comments took must not stay allocated behind each of many short statements */
-	return limit - out.len > 64 ? (char *)erealloc(out.text, out.len + 1) : out.text;
+	text[out.len] = '\0';
+	return out.len;
+}
+
+char *rm_comment(const char *statement)
+{
+	size_t most = strnlen(statement, ZQ_MAX_STATEMENT);
+	char *text = (char *)emalloc(most + 1);
+	zq_clean_statement(statement, most, text);
+	return text;
 }
 
 /* ---- names ---- */

@@ -10,7 +10,7 @@
 /* A worker may run queries for hours: beyond this an action keeps only sums. */
 static const size_t MAX_RECORDED_BYTES = 32 << 20;
 /* What a record takes besides its texts: list node, the heap's own words. */
-static const size_t RECORD_BYTES = 112;
+static const size_t RECORD_BYTES = 80;
 
 /* ---- where the statement is ---- */
 
@@ -181,8 +181,8 @@ static int returned_false(zq_stack_data *call)
 
 static void report_failure(const zq_sql_api *api, zq_stack_data *call, const char *statement TSRMLS_DC)
 {
-	if (!api->error || !ZQG(error_collector_enabled) || !ZQG(error_collector_record_db_errors) || ZQG(error) ||
-	    !returned_false(call)) {
+	if (!api->error || !returned_false(call) || !ZQG(error_collector_enabled) ||
+	    !ZQG(error_collector_record_db_errors) || ZQG(error)) {
 		return;
 	}
 	char *message = api->error(api, call TSRMLS_CC);
@@ -192,31 +192,26 @@ static void report_failure(const zq_sql_api *api, zq_stack_data *call, const cha
 	}
 }
 
-static int is_recorded_full(TSRMLS_D)
+static int is_recorded_full(const zend_zqprof_globals *g TSRMLS_DC)
 {
-	if (!ZQG(sqls)) {
+	if (!g->sqls) {
 		return 1;
 	}
-	if (ZQG(recorded_sql_bytes) < MAX_RECORDED_BYTES) {
+	if (g->recorded_sql_bytes < MAX_RECORDED_BYTES) {
 		return 0;
 	}
 	zq_note_recorded_limit("statements" TSRMLS_CC);
 	return 1;
 }
 
-static size_t text_bytes(const char *text)
+/* A text that is shared counts again: the report repeats it too. */
+static void count_bytes(zend_zqprof_globals *g, const sql_element *record)
 {
-	return text ? strlen(text) : 0;
-}
-
-/* Adopts the record and returns the copy that the list keeps. */
-static sql_element *append_record(sql_element *record TSRMLS_DC)
-{
-	ZQG(recorded_sql_bytes) += RECORD_BYTES + text_bytes(record->statement) + text_bytes(record->stack) +
-		text_bytes(record->explain);
-	zend_llist_add_element(ZQG(sqls), record);
-	efree(record);
-	return (sql_element *)ZQG(sqls)->tail->data;
+	g->recorded_sql_bytes += RECORD_BYTES + strlen(record->statement);
+	const char *details[] = {record->stack, record->explain};
+	for (const char *text : details) {
+		g->recorded_sql_bytes += text ? strlen(text) : 0;
+	}
 }
 
 /* What only a traced action keeps of a slow statement. */
@@ -231,43 +226,46 @@ static void add_details(sql_element *record, const zq_sql_api *api, zq_stack_dat
 	}
 }
 
+/* Appends the trace element of a statement. A configured SQL log takes the statement's place in it. */
+static void trace_statement(zq_stack_data *call, uint64 begin, uint64 end, sql_element *record TSRMLS_DC)
+{
+	if (ZQG(action_tracer_log_sql)) {
+		zq_trace_call(call->cls, call->func, call->execute_data, begin, end, ZQ_TRACER_PLAIN, NULL TSRMLS_CC);
+	} else {
+		zq_trace_call(call->cls, call->func, call->execute_data, begin, end, ZQ_TRACER_SQL, record TSRMLS_CC);
+	}
+}
+
 int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
 {
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	int elapsed_ms = (int)((end - begin) / 1000);
 	char *built = NULL;
 	zq_component_spent_outside(elapsed_ms TSRMLS_CC);
-	ZQG(sum_db_metric) += elapsed_ms;
+	g->sum_db_metric += elapsed_ms;
 
 	const char *statement = api->statement(call, &built TSRMLS_CC);
-	if (!statement || is_recorded_full(TSRMLS_C)) {
-		if (statement || api->fails_without_statement) {
-			report_failure(api, call, statement TSRMLS_CC);
-		}
-		if (built) {
-			efree(built);
-		}
-		return 0;
+	sql_element *record = NULL;
+	if (statement && !is_recorded_full(g TSRMLS_CC)) {
+		record = zq_keep_statement(g->sqls, api->vendor ? api->vendor : g->pdo_db, statement, elapsed_ms);
 	}
-	const char *vendor = api->vendor ? api->vendor : ZQG(pdo_db);
-	sql_element *record = sql_element_alloc(vendor, statement, NULL, NULL, elapsed_ms);
-	report_failure(api, call, statement TSRMLS_CC);
-	if (ZQG(action_tracer_enabled)) {
+	if (statement || api->fails_without_statement) {
+		report_failure(api, call, statement TSRMLS_CC);
+	}
+	if (record && g->action_tracer_enabled) {
 		add_details(record, api, call, statement TSRMLS_CC);
 	}
 	if (built) {
 		efree(built);
 	}
-	record = append_record(record TSRMLS_CC);
-	if (!ZQG(action_tracer_enabled)) {
+	if (!record) {
 		return 0;
 	}
-	if (end - begin > ZQG(tracer_threshold_tick)) {
-		/* a configured SQL log takes the statement's place in the trace */
-		int data_type = ZQG(action_tracer_log_sql) ? ZQ_TRACER_PLAIN : ZQ_TRACER_SQL;
-		zq_trace_call(call->cls, call->func, call->execute_data, begin, end, data_type,
-		              data_type == ZQ_TRACER_SQL ? record : NULL TSRMLS_CC);
+	count_bytes(g, record);
+	if (g->action_tracer_enabled && end - begin > g->tracer_threshold_tick) {
+		trace_statement(call, begin, end, record TSRMLS_CC);
 	}
-	return 1;
+	return g->action_tracer_enabled != 0;
 }
 
 /* ---- prepared statements ---- */
