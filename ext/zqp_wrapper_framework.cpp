@@ -105,7 +105,7 @@ int wrapper_illuminate_dispatch(zend_execute_data *execute_data, char * TSRMLS_D
 
 /* Full name of a function as the watch tables want it; converts from a literal. */
 struct watched_name {
-	const char *text = NULL; /* null ends a list */
+	const char *text = NULL; /* null: none */
 	size_t size = 0;         /* counts the NUL */
 	consteval watched_name() = default;
 	template <size_t N> consteval watched_name(const char (&name)[N]) : text(name), size(N) {}
@@ -125,8 +125,8 @@ struct recorded_call {
 struct framework {
 	watched_name detected_on; /* called once at start-up, before anything below */
 	const char *word;         /* for the log */
-	watched_name components[6] = {};
-	naming_hook names[3] = {};
+	watched_name components[5] = {};
+	naming_hook names[2] = {};
 	recorded_call client = {}; /* HTTP: not recorded once more by the built-in functions that it uses */
 	recorded_call store = {};  /* a cache */
 };
@@ -174,11 +174,15 @@ constexpr framework frameworks[] = {
 
 void add_hooks(const framework &found TSRMLS_DC)
 {
-	for (const watched_name *part = found.components; part->text; part++) {
-		zq_watch_before(part->text, part->size, wrapper_add_components TSRMLS_CC);
+	for (const watched_name &part : found.components) {
+		if (part.text) {
+			zq_watch_before(part.text, part.size, wrapper_add_components TSRMLS_CC);
+		}
 	}
-	for (const naming_hook *hook = found.names; hook->name.text; hook++) {
-		zq_watch_before(hook->name.text, hook->name.size, hook->callback TSRMLS_CC);
+	for (const naming_hook &hook : found.names) {
+		if (hook.name.text) {
+			zq_watch_before(hook.name.text, hook.name.size, hook.callback TSRMLS_CC);
+		}
 	}
 	if (found.client.recorder) {
 		zq_watch_before(found.client.name.text, found.client.name.size, wrapper_should_ignore_external TSRMLS_CC);
