@@ -288,6 +288,39 @@ def test_stale_answers_are_not_taken_for_new_ones(call):
         ("curl_exec", None), ("SoapClient", "77|8"), ("SoapClient", None)]
 
 
+NOTIFIED = ("$x = stream_context_create(); stream_context_set_params($x, array('notification' => 'n'));"
+            "var_dump(file_get_contents('$URL', false, $x)); print_r(stream_context_get_options($x));")
+# script: (what is recorded, with the callee's id; requests that carry the identity)
+CALLBACKS = {
+    "header callback throws": (
+        "function seen($c, $l) { throw new Exception($l); } $c = curl_init('$URL'); curl_setopt($c, CURLOPT_HEADERFUNCTION, 'seen');"
+        "try { curl_exec($c); } catch (Exception $e) { echo $e; }", [("curl_exec", None)], 1),
+    "script ends inside, goes on at shutdown": (
+        "$c = curl_init('$URL'); curl_setopt($c, CURLOPT_WRITEFUNCTION, function () { exit('bye'); });"
+        "register_shutdown_function(function () { echo file_get_contents('$URL'); }); curl_exec($c);",
+        [("file_get_contents", "77|8")], 2),
+    "a call inside a call": (
+        "function n($code) { static $in = 0; if (!$in++) echo file_get_contents('$URL', false, $GLOBALS['x']); }" + NOTIFIED,
+        [("file_get_contents", "77|8")] * 2, 2),
+    "headers set meanwhile": (
+        "function n($code) { stream_context_set_option($GLOBALS['x'], 'http', 'header', 'A: 1'); }" + NOTIFIED,
+        [("file_get_contents", "77|8")], 0),
+    "script ends inside a stream": ("function n($code) { exit('bye'); }" + NOTIFIED, [], 0),
+    "inside a generator": ("function g($u) { yield file_get_contents($u); yield $http_response_header; }"
+                           "foreach (g('$URL') as $v) var_dump($v);", [("file_get_contents", "77|8")], 1),
+    "into a reference": ("$r = array('X: 1'); $http_response_header = &$r; echo file_get_contents('$URL'); var_dump($r);",
+                         [("file_get_contents", "77|8")], 1),
+}
+
+
+@pytest.mark.parametrize("case", CALLBACKS)
+def test_scripts_that_act_during_a_call(call, case):
+    code, recorded, identified = CALLBACKS[case]
+    result, mine, _ = call(code)
+    assert [(c.name.rpartition("/")[2], c.callee_id) for c in result.metric.calls] == recorded
+    assert len(IDENTITY.findall(b"".join(mine))) == identified
+
+
 # ---- hostile answers ----
 
 LONG = "X-Vantor-Tx-Data: " + '{"id":"77|8","action":"' + "a" * 60000 + '"}'

@@ -72,6 +72,21 @@ TEST_F(External, RecordsNothingWithoutAnAddressAndTurnsQuotesOfAnswers)
 	EXPECT_STREQ("{\"id\":\"it\"s\",\"action\":\"tr\"}", last()->transaction_data);
 }
 
+TEST_F(External, CountsOnlyTheTimeOfCallsBeyondTheBound)
+{
+	record("http://h/", 200, 6000, 9000);
+	EXPECT_LT(strlen(last()->name), ZQG(recorded_webservice_bytes));
+	ZQG(recorded_webservice_bytes) = 32u << 20;
+	EXPECT_EQ(1, record("http://h/", 200, 6000, 11000));
+	EXPECT_EQ(1u, zend_llist_count(ZQG(webservices)));
+	EXPECT_EQ(1u, zend_llist_count(ZQG(tracer)));
+	EXPECT_EQ(5, ZQG(unlisted_webservice_ms));
+	zq_empty_containers(TSRMLS_C);
+	record("http://h/", 200, 6000, 9000);
+	EXPECT_EQ(1u, zend_llist_count(ZQG(webservices))) << "the next action begins anew";
+	EXPECT_EQ(0, ZQG(unlisted_webservice_ms));
+}
+
 TEST_F(External, TakesOnlyWholeAnswerLines)
 {
 	struct {
