@@ -117,12 +117,12 @@ static int call_checked(zval *object, zval *function_name, zval *retval, zend_ui
 {
 	zend_fcall_info call;
 	zend_fcall_info_cache target;
-	char *name = NULL, *error = NULL;
+	char *error = NULL;
 	zval **slots[MAX_PARAMS], *result = NULL;
 	int outcome = FAILURE;
 
 	/* asked first, because the call itself would raise a warning for some of what cannot be called */
-	if (zend_is_callable_ex(function_name, object, IS_CALLABLE_CHECK_SILENT, &name, NULL, &target, &error TSRMLS_CC)) {
+	if (zend_is_callable_ex(function_name, object, IS_CALLABLE_CHECK_SILENT, NULL, NULL, &target, &error TSRMLS_CC)) {
 		for (zend_uint i = 0; i < param_count; i++) {
 			slots[i] = &params[i];
 		}
@@ -136,9 +136,6 @@ static int call_checked(zval *object, zval *function_name, zval *retval, zend_ui
 		call.params = slots;
 		call.no_separation = 1;
 		outcome = zend_call_function(&call, &target TSRMLS_CC);
-	}
-	if (name) {
-		efree(name);
 	}
 	if (error) {
 		efree(error);
