@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdio>
 #include <stdexcept>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -25,13 +24,6 @@ constexpr size_t page_columns = 100;
 void put(const std::string& text) { fwrite(text.data(), 1, text.size(), stdout); }
 // Progress, apart from what is asked for.
 void tell(const std::string& line) { fprintf(stderr, "%s\n", line.c_str()); }
-
-// Columns of the terminal; 0 when the output is no terminal.
-size_t terminal_width() {
-  struct winsize size = {};
-  if (!isatty(STDOUT_FILENO) || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
-  return size.ws_col;
-}
 
 bool has_store(const DaemonConfig& config) {
   struct stat status;

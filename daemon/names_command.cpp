@@ -10,17 +10,10 @@
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 namespace quorbit {
 
 namespace {
-
-size_t terminal_width() {
-  struct winsize size = {};
-  return isatty(STDOUT_FILENO) && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
-}
 
 NameCounts count_file(const std::string& path, const Namer& namer) {
   if (path == "-") return count_names(std::cin, namer);

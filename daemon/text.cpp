@@ -5,6 +5,8 @@
 #include <charconv>
 #include <cstdio>
 #include <ctime>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace quorbit {
 
@@ -111,6 +113,12 @@ std::vector<std::string> wrap(std::string_view text, size_t width, size_t most) 
   }
   lines.push_back(cut(text, width));
   return lines;
+}
+
+size_t terminal_width() {
+  struct winsize size = {};
+  if (!isatty(STDOUT_FILENO) || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
+  return size.ws_col;
 }
 
 std::string table(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows) {

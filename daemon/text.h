@@ -16,6 +16,9 @@ std::string valid_utf8(std::string_view text);
 // (\n, \x1b, \u202e).
 std::string printable(std::string_view text);
 
+// Columns of the terminal; 0 when standard output is none.
+size_t terminal_width();
+
 // Columns that printable text takes (its code points).
 size_t text_width(std::string_view text);
 
