@@ -2,6 +2,8 @@
  * becomes a name) are exact; all of them go by ASCII, whatever locale the script has set. */
 #include "zqp_helper.h"
 
+#include <charconv>
+
 #include <limits.h>
 #include <regex.h>
 #include <time.h>
@@ -13,7 +15,7 @@
 void zq_append_long(smart_str *dest, long number)
 {
 	char text[24];
-	zq_append(dest, text, (size_t)snprintf(text, sizeof text, "%ld", number));
+	zq_append(dest, text, (size_t)(std::to_chars(text, text + sizeof text, number).ptr - text));
 }
 
 static int is_digit(char ch)

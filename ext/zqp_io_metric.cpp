@@ -4,6 +4,8 @@
  * records, in the packet's order. Missing lists and tables count as empty, so that an action can be reported from any state. */
 #include <unistd.h>
 
+#include <charconv>
+
 #include "zqp_component.h"
 #include "zqp_debug.h"
 #include "zqp_exception.h"
@@ -118,7 +120,7 @@ void append_statements(smart_str *p TSRMLS_DC)
 	for (zend_llist_element *at = list_head(ZQG(sqls)); at; at = at->next) {
 		const sql_element *sql = (const sql_element *)at->data;
 		char metric[16];
-		snprintf(metric, sizeof metric, "%d", sql->metric);
+		*std::to_chars(metric, metric + sizeof metric - 1, sql->metric).ptr = '\0';
 
 		size_t record = open_record(p, ZQ_RE_SQL);
 		append_sql_item(p, metric);
