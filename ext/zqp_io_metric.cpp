@@ -113,26 +113,33 @@ void append_sql_item(smart_str *p, const char *text)
 	zq_append(p, text, len);
 }
 
+void append_statement(smart_str *p, const sql_element *sql, int keep_details)
+{
+	char metric[16];
+	*std::to_chars(metric, metric + sizeof metric - 1, sql->metric).ptr = '\0';
+
+	size_t record = open_record(p, ZQ_RE_SQL);
+	append_sql_item(p, metric);
+	append_sql_item(p, sql->db);
+	append_sql_item(p, sql->statement);
+	if (keep_details && sql->stack) {
+		append_sql_item(p, sql->stack);
+	}
+	if (keep_details && sql->explain) {
+		append_sql_item(p, sql->explain);
+	}
+	close_record(p, record);
+}
+
 /* The statement goes as it was run, in every mode: the daemon takes names and groups from it. */
 void append_statements(smart_str *p TSRMLS_DC)
 {
 	int keep_details = ZQG(action_tracer_record_sql) != 0;
 	for (zend_llist_element *at = list_head(ZQG(sqls)); at; at = at->next) {
 		const sql_element *sql = (const sql_element *)at->data;
-		char metric[16];
-		*std::to_chars(metric, metric + sizeof metric - 1, sql->metric).ptr = '\0';
-
-		size_t record = open_record(p, ZQ_RE_SQL);
-		append_sql_item(p, metric);
-		append_sql_item(p, sql->db);
-		append_sql_item(p, sql->statement);
-		if (keep_details && sql->stack) {
-			append_sql_item(p, sql->stack);
+		for (unsigned i = 0; i <= sql->repeats; i++) {
+			append_statement(p, sql, keep_details);
 		}
-		if (keep_details && sql->explain) {
-			append_sql_item(p, sql->explain);
-		}
-		close_record(p, record);
 	}
 }
 

@@ -16,6 +16,22 @@ sql_element *sql_element_alloc(const char *db, const char *statement, char *stac
 	return element;
 }
 
+/* Where the text of a record made by zq_keep_statement() lies. */
+static char *own_text(sql_element *element)
+{
+	return (char *)(element + 1);
+}
+
+/* The last record when a call with these figures is like it; null otherwise. */
+static sql_element *repeated(const zend_llist *list, const char *db, const char *statement, int metric)
+{
+	sql_element *last = list->tail ? (sql_element *)list->tail->data : NULL;
+	if (!last || !last->text_is_verbatim || last->metric != metric || last->db != db || last->stack || last->explain) {
+		return NULL;
+	}
+	return strcmp(last->statement, statement) == 0 ? last : NULL;
+}
+
 /* Links a node made by ourselves, as zend_llist_add_element() does with its own. */
 static void append_node(zend_llist *list, zend_llist_element *node)
 {
@@ -30,28 +46,25 @@ static void append_node(zend_llist *list, zend_llist_element *node)
 	list->count++;
 }
 
-/* The record before this one when it holds the very same text; null otherwise. */
-static const sql_element *same_before(const zend_llist *list, const char *statement)
-{
-	const sql_element *last = list->tail ? (const sql_element *)list->tail->data : NULL;
-	return last && last->text_is_verbatim && strcmp(last->statement, statement) == 0 ? last : NULL;
-}
-
-/* One block holds list node, record and text: for a script that does nothing but query, each allocation shows. */
-sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric)
+/* Scripts repeat one quick statement thousands of times, and then each allocation shows: a repetition takes none, and
+ * list node, record and text are one block. */
+sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric, int may_repeat)
 {
 	const size_t head = offsetof(zend_llist_element, data) + sizeof(sql_element);
-	const sql_element *same = same_before(list, statement);
-	size_t most = same ? 0 : strnlen(statement, ZQ_MAX_STATEMENT), len = most;
-	zend_llist_element *node = (zend_llist_element *)emalloc(same ? head : head + most + 1);
-	if (!same) {
-		len = zq_clean_statement(statement, most, (char *)node + head);
-		if (most - len > 64) { /* what comments took must not stay allocated behind many short statements */
-			node = (zend_llist_element *)erealloc(node, head + len + 1);
-		}
+	sql_element *element = may_repeat ? repeated(list, db, statement, metric) : NULL;
+	if (element) {
+		element->repeats++;
+		return element;
 	}
-	sql_element *element = (sql_element *)node->data;
-	*element = {db, same ? same->statement : (char *)node + head, NULL, NULL, metric, true, len == most};
+	size_t most = strnlen(statement, ZQ_MAX_STATEMENT);
+	zend_llist_element *node = (zend_llist_element *)emalloc(head + most + 1);
+	size_t len = zq_clean_statement(statement, most, (char *)node + head);
+	if (most - len > 64) { /* what comments took must not stay allocated behind many short statements */
+		node = (zend_llist_element *)erealloc(node, head + len + 1);
+	}
+	element = (sql_element *)node->data;
+	*element = {db, own_text(element), NULL, NULL, metric};
+	element->text_is_verbatim = len == most;
 	append_node(list, node);
 	return element;
 }
@@ -59,7 +72,7 @@ sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *sta
 void sql_element_dtor(void *ele)
 {
 	sql_element *element = (sql_element *)ele;
-	if (element->text_is_kept) {
+	if (element->statement == own_text(element)) {
 		element->statement = NULL;
 	}
 	char **texts[] = {&element->statement, &element->stack, &element->explain};

@@ -12,15 +12,16 @@ typedef struct sql_element {
 	char *explain;   /* JSON, may be null */
 	int metric;      /* ms */
 	/* private */
-	bool text_is_kept = false;     /* `statement` lies in a list node, this one or an earlier one: not freed with the record */
-	bool text_is_verbatim = false; /* cleaning changed nothing of it */
+	unsigned repeats : 31 = 0;         /* so many more calls like this one followed it at once */
+	unsigned text_is_verbatim : 1 = 0; /* cleaning changed nothing of the statement */
 } sql_element;
 
 /* New record, adopting `stack` and `explain`; the statement is stored through rm_comment(), or "sql is null". */
 sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric);
-/* Appends a record to `list` (of sql_element, request memory) and returns it, borrowed; `stack` and `explain` are null. A
- * statement that repeats the one before shares its text, so that no single record may be removed from the list. */
-sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric);
+/* Records one call in `list` (of sql_element, request memory) and returns its record, borrowed; `stack` and `explain` are
+ * null. When `may_repeat`, a call that is like the last one in all that is kept of it counts as its repetition; a record
+ * that gets a stack or a plan must not be one. */
+sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric, int may_repeat);
 void sql_element_dtor(void *ele); /* frees the strings, not the record */
 
 enum { ZQ_TRACER_PLAIN = 0, ZQ_TRACER_SQL = 1, ZQ_TRACER_EXTERNAL = 2 };

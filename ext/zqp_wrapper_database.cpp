@@ -204,7 +204,7 @@ static int is_recorded_full(const zend_zqprof_globals *g TSRMLS_DC)
 	return 1;
 }
 
-/* A text that is shared counts again: the report repeats it too. */
+/* A repetition counts as much: the report repeats the record. */
 static void count_bytes(zend_zqprof_globals *g, const sql_element *record)
 {
 	g->recorded_sql_bytes += RECORD_BYTES + strlen(record->statement);
@@ -214,16 +214,16 @@ static void count_bytes(zend_zqprof_globals *g, const sql_element *record)
 	}
 }
 
-/* What only a traced action keeps of a slow statement. */
-static void add_details(sql_element *record, const zq_sql_api *api, zq_stack_data *call, const char *statement TSRMLS_DC)
+/* What only a traced action keeps, of slow statements. */
+static int wants_stack(const zend_zqprof_globals *g, int elapsed_ms)
 {
-	if (ZQG(action_tracer_slow_sql) && record->metric >= ZQG(action_tracer_slow_sql_threshold)) {
-		record->stack = zq_code_stack_text(TSRMLS_C);
-	}
-	if (api->client && api->client->query && ZQG(action_tracer_explain_enabled) &&
-	    record->metric >= ZQG(action_tracer_explain_threshold)) {
-		record->explain = zq_explain(api, call, statement TSRMLS_CC);
-	}
+	return g->action_tracer_enabled && g->action_tracer_slow_sql && elapsed_ms >= g->action_tracer_slow_sql_threshold;
+}
+
+static int wants_plan(const zend_zqprof_globals *g, const zq_sql_api *api, int elapsed_ms)
+{
+	return g->action_tracer_enabled && g->action_tracer_explain_enabled && api->client && api->client->query &&
+		elapsed_ms >= g->action_tracer_explain_threshold;
 }
 
 /* Appends the trace element of a statement. A configured SQL log takes the statement's place in it. */
@@ -246,14 +246,19 @@ int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint
 
 	const char *statement = api->statement(call, &built TSRMLS_CC);
 	sql_element *record = NULL;
+	int has_stack = wants_stack(g, elapsed_ms), has_plan = wants_plan(g, api, elapsed_ms);
 	if (statement && !is_recorded_full(g TSRMLS_CC)) {
-		record = zq_keep_statement(g->sqls, api->vendor ? api->vendor : g->pdo_db, statement, elapsed_ms);
+		const char *vendor = api->vendor ? api->vendor : g->pdo_db;
+		record = zq_keep_statement(g->sqls, vendor, statement, elapsed_ms, !has_stack && !has_plan);
 	}
 	if (statement || api->fails_without_statement) {
 		report_failure(api, call, statement TSRMLS_CC);
 	}
-	if (record && g->action_tracer_enabled) {
-		add_details(record, api, call, statement TSRMLS_CC);
+	if (record && has_stack) {
+		record->stack = zq_code_stack_text(TSRMLS_C);
+	}
+	if (record && has_plan) {
+		record->explain = zq_explain(api, call, statement TSRMLS_CC);
 	}
 	if (built) {
 		efree(built);

@@ -1,6 +1,6 @@
 /* Which statements may be sent once more behind EXPLAIN, and whose database a data source names. */
-#include <gtest/gtest.h>
-
+#include "engine_fixture.h"
+#include "zqp_tracer.h"
 #include "zqp_wrapper_database.h"
 
 struct Statement {
@@ -86,4 +86,45 @@ TEST(PdoVendor, IsReadFromTheDataSourceName)
 	for (const auto &row : cases) {
 		EXPECT_STREQ(zq_pdo_vendor(row.dsn), row.vendor) << (row.dsn ? row.dsn : "null");
 	}
+}
+
+class KeptStatements : public EngineTest {};
+
+TEST_F(KeptStatements, CountARepetitionOnlyWhenNothingOfItDiffers)
+{
+	static const char mysql[] = "MySQL", sqlite[] = "SQLite";
+	const std::string longest(20000, 'x');
+	const struct {
+		const char *db, *statement;
+		int ms, may_repeat;
+		const char *kept; /* null: a repetition */
+	} calls[] = {
+		{mysql, "SELECT 1", 0, 1, "SELECT 1"},    {mysql, "SELECT 1", 0, 1, NULL},
+		{mysql, "SELECT 1", 0, 0, "SELECT 1"},    {mysql, "SELECT 1", 1, 1, "SELECT 1"},
+		{sqlite, "SELECT 1", 1, 1, "SELECT 1"},   {sqlite, "SELECT 1 ", 1, 1, "SELECT 1 "},
+		{sqlite, "SELECT\n2", 1, 1, "SELECT 2"},  {sqlite, "SELECT 2", 1, 1, NULL},
+		{sqlite, "-/**/- c", 1, 1, "-- c"},       {sqlite, "-- c", 1, 1, ""},
+		{sqlite, "", 1, 1, ""},                   {sqlite, "", 1, 1, NULL},
+		{sqlite, longest.c_str(), 1, 1, longest.c_str() + 20000 - ZQ_MAX_STATEMENT},
+		{sqlite, longest.c_str(), 1, 1, longest.c_str() + 20000 - ZQ_MAX_STATEMENT},
+		{NULL, "SELECT 3", 1, 1, "SELECT 3"},     {NULL, "SELECT 3", 1, 1, NULL},
+	};
+	zend_llist list;
+	zend_llist_init(&list, sizeof(sql_element), sql_element_dtor, 0);
+	size_t records = 0;
+	unsigned repeats = 0;
+	for (const auto &call : calls) {
+		sql_element *record = zq_keep_statement(&list, call.db, call.statement, call.ms, call.may_repeat);
+		records += call.kept != NULL;
+		repeats = call.kept ? 0 : repeats + 1;
+		EXPECT_EQ(zend_llist_count(&list), records) << call.statement;
+		EXPECT_EQ(record->repeats, repeats) << call.statement;
+		EXPECT_EQ((void *)record, list.tail->data);
+		if (call.kept) {
+			EXPECT_STREQ(record->statement, call.kept);
+		}
+	}
+	((sql_element *)list.tail->data)->stack = estrdup("[]");
+	EXPECT_EQ(zq_keep_statement(&list, NULL, "SELECT 3", 1, 1)->repeats, 0u) << "a record with a stack is one of its own";
+	zend_llist_destroy(&list);
 }
