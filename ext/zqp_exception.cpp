@@ -2,6 +2,8 @@
  * failed queries. The first three keep the first error; a failed query takes the place of what was there. */
 #include "zqp_exception.h"
 
+#include "zqp_lock.h"
+
 error_element *error_element_alloc(const char *msg, const char *cls, char *stack)
 {
 	error_element *element = (error_element *)ecalloc(1, sizeof(error_element));
@@ -20,10 +22,21 @@ void error_element_dtor(void *ele)
 	char *texts[] = {element->msg, element->cls, element->stack};
 	for (char *text : texts) {
 		if (text) {
-			efree(text);
+			pefree(text, element->persistent);
 		}
 	}
-	efree(element);
+	pefree(element, element->persistent);
+}
+
+/* A copy in process memory, from the strings of `element`, which stays as it is. */
+static error_element *persistent_copy(const error_element *element)
+{
+	error_element *copy = (error_element *)pecalloc(1, sizeof(error_element), 1);
+	copy->msg = pestrdup(element->msg, 1);
+	copy->cls = pestrdup(element->cls, 1);
+	copy->stack = pestrdup(element->stack, 1);
+	copy->persistent = true;
+	return copy;
 }
 
 const char *zq_get_err_type_name(int type)
@@ -80,8 +93,10 @@ static void record_engine_error(int type, const char *format, va_list args TSRML
 	va_end(copy);
 
 	char *exception_class = type == E_ERROR ? uncaught_class(msg) : NULL;
-	ZQG(error) = error_element_alloc(msg, exception_class ? exception_class : zq_get_err_type_name(type),
-	                                 zq_code_stack_text(TSRMLS_C));
+	const char *cls = exception_class ? exception_class : zq_get_err_type_name(type);
+	error_element *element = error_element_alloc(msg, cls, zq_code_stack_text(TSRMLS_C));
+	ZQG(error) = persistent_copy(element);
+	error_element_dtor(element);
 	if (exception_class) {
 		efree(exception_class);
 	}
@@ -94,18 +109,26 @@ static int engine_error_is_wanted(int type TSRMLS_DC)
 		&& zq_error_need_report(type);
 }
 
-/* Records with the memory limit lifted: for "Allowed memory size exhausted" there is next to nothing left, and a second
- * failure in here would print the engine's message twice. 1 when the recording bailed out. */
-static int record_unlimited(int type, const char *format, va_list args TSRMLS_DC)
+/* Records on a heap that exists for this alone. Behind "Allowed memory size exhausted" the script's own has next to nothing
+ * left, and the engine discards a buffered page whose request has grown beyond the limit since. The time limit must not
+ * strike meanwhile: what the engine does then belongs on the script's heap. 1 when the recording bailed out. */
+static int record_aside(int type, const char *format, va_list args TSRMLS_DC)
 {
 	volatile int bailed_out = 0;
-	zend_set_memory_limit((size_t)-1);
+	sigset_t timers;
+	zq_hold_timers(&timers);
+	zend_mm_heap *own = is_zend_mm(TSRMLS_C) ? zend_mm_startup() : NULL;
+	zend_mm_heap *of_script = own ? zend_mm_set_heap(own TSRMLS_CC) : NULL;
 	zend_try {
 		record_engine_error(type, format, args TSRMLS_CC);
 	} zend_catch {
 		bailed_out = 1;
 	} zend_end_try();
-	zend_set_memory_limit(PG(memory_limit));
+	if (own) {
+		zend_mm_set_heap(of_script TSRMLS_CC);
+		zend_mm_shutdown(own, 1, 1 TSRMLS_CC);
+	}
+	zq_allow_timers(&timers);
 	return bailed_out;
 }
 
@@ -128,7 +151,7 @@ void zq_error_cb(int type, const char *error_filename, const uint error_lineno, 
 	}
 	int bailed_out = 0;
 	if (engine_error_is_wanted(type TSRMLS_CC)) {
-		bailed_out = record_unlimited(type, format, args TSRMLS_CC);
+		bailed_out = record_aside(type, format, args TSRMLS_CC);
 	}
 	_zend_error_cb(type, error_filename, error_lineno, format, args);
 	if (bailed_out && !engine_ends_request(type)) {

@@ -9,6 +9,8 @@ typedef struct error_element {
 	char *msg;
 	char *cls;   /* error type name, exception class, "HTTP_ERROR" or "DB_ERROR" */
 	char *stack; /* JSON, may be null */
+	/* private */
+	bool persistent; /* strings and record are malloc's, not the request allocator's */
 } error_element;
 
 /* New record with copies of `msg` and `cls`, adopting `stack`; request memory. */

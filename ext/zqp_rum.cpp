@@ -144,33 +144,43 @@ int zq_ub_write(const char *str, unsigned int length TSRMLS_DC)
 	return _sapi_ub_write(str, length TSRMLS_CC);
 }
 
-/* Moves up what follows `offset` and puts the text there; grows the buffer as the engine does when it appends. */
-static void insert_into_buffer(php_output_handler *handler, size_t offset, const char *text, size_t len)
+/* Grows the buffer as the engine does when it appends `len` bytes. 0 when the script's memory limit leaves no room: behind a
+ * fatal error the engine discards the page of a request that is beyond it. */
+static int grow_buffer(php_output_handler *handler, size_t len TSRMLS_DC)
 {
 	php_output_buffer *buffer = &handler->buffer;
-	if (buffer->size <= buffer->used + len) {
-		size_t by_chunk = PHP_OUTPUT_HANDLER_INITBUF_SIZE(handler->size);
-		size_t by_need = PHP_OUTPUT_HANDLER_INITBUF_SIZE(len + buffer->used - buffer->size);
-		size_t growth = by_chunk > by_need ? by_chunk : by_need;
-		buffer->data = (char *)erealloc(buffer->data, buffer->size + growth);
-		buffer->size += growth;
+	if (buffer->size > buffer->used + len) {
+		return 1;
 	}
-	memmove(buffer->data + offset + len, buffer->data + offset, buffer->used - offset);
-	memcpy(buffer->data + offset, text, len);
-	buffer->used += len;
+	size_t by_chunk = PHP_OUTPUT_HANDLER_INITBUF_SIZE(handler->size);
+	size_t by_need = PHP_OUTPUT_HANDLER_INITBUF_SIZE(len + buffer->used - buffer->size);
+	size_t size = buffer->size + (by_chunk > by_need ? by_chunk : by_need);
+	char *grown = (char *)emalloc(size);
+	if (zend_memory_usage(1 TSRMLS_CC) > (size_t)PG(memory_limit)) {
+		efree(grown);
+		return 0;
+	}
+	memcpy(grown, buffer->data, buffer->used);
+	efree(buffer->data);
+	buffer->data = grown;
+	buffer->size = size;
+	return 1;
 }
 
+/* Moves up what follows `offset` and puts the element there, if there is one and room for it. */
 static void insert_element(php_output_handler *handler, size_t offset TSRMLS_DC)
 {
 	smart_str element = make_element(TSRMLS_C);
-	if (!element.c) {
-		return;
-	}
 	lift_memory_limit(TSRMLS_C);
-	insert_into_buffer(handler, offset, element.c, element.len);
-	restore_memory_limit(TSRMLS_C);
-	ZQG(rum_enabled) = 0;
+	if (element.c && grow_buffer(handler, element.len TSRMLS_CC)) {
+		char *at = handler->buffer.data + offset;
+		memmove(at + element.len, at, handler->buffer.used - offset);
+		memcpy(at, element.c, element.len);
+		handler->buffer.used += element.len;
+		ZQG(rum_enabled) = 0;
+	}
 	zq_buffer_free(&element);
+	restore_memory_limit(TSRMLS_C);
 }
 
 void injectOutputBuffer(TSRMLS_D)

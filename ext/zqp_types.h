@@ -16,6 +16,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+extern "C" {
+#include "zend.h" /* zend_alloc.h, below it, leaves its heap functions without C linkage */
+}
 #include "php.h"
 #include "php_ini.h"
 #include "php_main.h"

@@ -18,9 +18,8 @@ QUEUED_MS = 250
 BROWSER_SCRIPT = "window.qv_rum = {}; {}"
 
 PAGE = """usleep(30000); ?><!DOCTYPE html>
-<html><head><title>shop</title>
-<script>window.alert = function () { window.attacked = true; };</script>
-</head><body>demo</body></html>"""
+<html><head><script>window.alert = function () { window.attacked = true; };</script>
+<title>shop</title></head><body>demo</body></html>"""
 
 # Loads the pages side by side and writes down what each one's script finds.
 FRAMES = """<!DOCTYPE html><html><body>%s<script>
@@ -102,7 +101,7 @@ def browse(site, url):
         ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-dev-shm-usage",
          "--disable-background-networking", "--disable-component-update", "--disable-sync", "--disable-extensions",
          "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1", f"--user-data-dir={home}", "--dump-dom", url],
-        capture_output=True, timeout=120, env={"PATH": os.environ["PATH"], "HOME": str(home)})
+        capture_output=True, timeout=60, env={"PATH": os.environ["PATH"], "HOME": str(home)})
     parser = Found()
     parser.feed(done.stdout.decode())
     assert parser.value, done.stdout[-2000:] + done.stderr[-2000:]

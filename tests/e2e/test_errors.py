@@ -196,3 +196,16 @@ def test_response_status(site, code, expected):
     result = site.cgi(code, ini=SHOWN)
     check(result, expected)
     assert not expected or result.metric.error["status"] == result.status
+
+
+@pytest.mark.parametrize("filler", [0, 100_000, 300_000, 700_000])
+def test_recording_exhausted_memory_costs_the_page_nothing(site, filler):
+    """However near to the limit the last allocation came: the engine discards a buffered page that is beyond it."""
+    site.daemon.configure(COLLECTING)
+    name = "f" * 2000
+    result = site.cgi(f"ob_start(); echo 'page'; function {name}($depth) {{ $depth ? {name}($depth - 1) : fill(); }}"
+                      "function fill() { $all = array(); for ($i = 0; ; $i++) $all[] = 'x' . $i; }"
+                      f"$filler = str_repeat('p', {filler}); {name}(30);", twin=False,
+                      ini={**SHOWN, "memory_limit": "2M"})
+    assert result.body.startswith(b"page") and result.body.count(b"Allowed memory size") == 1
+    assert len(result.metric.error["stack"]) == 20

@@ -71,7 +71,7 @@ PAGES = {
     "exit in a function, buffered": ("function f() { ob_start();" + echo(PAGE) + "exit; } f();", "<title>t</title>"),
     "a fatal error": ("ob_start();" + echo(PAGE) + "absent();", "<title>t</title>"),
     "memory exhausted": (
-        "ob_start();" + echo(PAGE) + "$all = array(); while (true) $all[] = str_repeat('x', 1000);", "<title>t</title>"),
+        "ob_start();" + echo(PAGE) + "str_repeat('x', 64 << 20);", "<title>t</title>"),
     "written at shutdown": (
         "register_shutdown_function(function () {" + echo(PAGE) + "});", "<title>t</title>"),
     "written by a destructor": (
@@ -224,3 +224,15 @@ def test_scripts(site, script, head, tail):
             page = result.body.decode()
             assert page.startswith(before) and page.endswith(after)
             assert re.fullmatch(r"\{id:'34',n:'[^']*',tid:'[0-9a-f]+',q:0,a:\d+\};", page[len(before):-len(after)])
+
+
+@pytest.mark.parametrize("size", [0, 20_000, 400_000])
+@pytest.mark.parametrize("start", ["", "ob_start();"])
+def test_a_page_that_exhausted_its_memory_goes_out_with_a_script_of_any_size(site, start, size):
+    """A request that has grown beyond its limit since would lose its buffered page: the engine discards it."""
+    configure(site, "/*" + "x" * size + "*/{}")
+    code = start + echo(PAGE) + "$all = array(); while (true) $all[] = str_repeat('x', 1000);"
+    result = site.cgi(code, ini={"memory_limit": "2M", "display_errors": "1", "html_errors": "0"}, twin=False)
+    page, _, message = re.sub(rb"<script>.*?</script>", b"", result.body).partition(b"\nFatal error: ")
+    assert page == PAGE.encode() and message.startswith(b"Allowed memory size of 2097152 bytes") and b"Fatal" not in message
+    assert result.body.count(b"qv_rum.agent=") == 1
