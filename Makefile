@@ -8,7 +8,7 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all demo test check bench engine-suite install uninstall clean configure test-packages
+.PHONY: all demo test check bench fuzz engine-suite install uninstall clean configure test-packages
 
 all: configure
 	@cmake --build build -j$(JOBS)
@@ -30,6 +30,11 @@ check: test-packages configure
 # what the agent costs
 bench: all
 	@bench/run
+
+# random input for the parsers, a minute each; FUZZ_SECONDS changes that
+fuzz:
+	@engine/packages fuzz
+	@tests/fuzz/run $(FUZZ_SECONDS)
 
 # the engine's own test suite with and without the agent, and the differences
 engine-suite: all
