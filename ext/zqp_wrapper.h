@@ -78,7 +78,7 @@ static inline int zq_may_be_watched(const char *cls, int cls_len, const char *fu
  * are 0 is dispatched to no row; profile line and default trace element need none. */
 void zq_before_internal_call(zq_stack_data *stack_data TSRMLS_DC);
 void zq_after_internal_call(zq_stack_data *stack_data, uint64 begin TSRMLS_DC);
-/* 0: no row handles an internal call of this function (`cls` null: a plain function, whose name is read up to its second
+/* 0: no row handles an internal call of this function (`cls` null: a plain function; the name is read up to its second
  * byte), so that its hash codes may stay 0. 1: a row may. */
 int zq_internal_may_be_watched(const char *cls, int cls_len, const char *func);
 /* Appends the default trace element of a call slower than the threshold. */

@@ -180,18 +180,44 @@ consteval zq_name_sieve sift_functions()
 	return sieve;
 }
 
+consteval int takes_every_method(const zq_class_row &row)
+{
+	for (const zq_after_row &method : row.methods) {
+		if (method.name.hash == zq_name_hash("*")) {
+			return 1;
+		}
+	}
+	return 0;
+}
+
 /* By first byte and length, which the engine keeps. */
-consteval zq_name_sieve sift_classes()
+consteval zq_name_sieve sift_classes(int every_method)
 {
 	zq_name_sieve sieve = {};
 	for (const zq_class_row &row : class_rows) {
-		sieve.admit((unsigned char)row.name.text[0], (unsigned char)row.name.length);
+		if (takes_every_method(row) == every_method) {
+			sieve.admit((unsigned char)row.name.text[0], (unsigned char)row.name.length);
+		}
+	}
+	return sieve;
+}
+
+/* Methods of the classes that list theirs. */
+consteval zq_name_sieve sift_methods()
+{
+	zq_name_sieve sieve = {};
+	for (const zq_class_row &row : class_rows) {
+		for (const zq_after_row &method : row.methods) {
+			sieve.admit((unsigned char)method.name.text[0], (unsigned char)method.name.text[1]);
+		}
 	}
 	return sieve;
 }
 
 constexpr zq_name_sieve function_sieve = sift_functions();
-constexpr zq_name_sieve class_sieve = sift_classes();
+constexpr zq_name_sieve whole_class_sieve = sift_classes(1);
+constexpr zq_name_sieve class_sieve = sift_classes(0);
+constexpr zq_name_sieve method_sieve = sift_methods();
 
 const zq_after_row *find_method(const zq_class_row *row, const zq_stack_data *stack_data)
 {
@@ -228,10 +254,13 @@ int record_call(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC)
 
 int zq_internal_may_be_watched(const char *cls, int cls_len, const char *func)
 {
-	if (cls) {
-		return class_sieve.passes((unsigned char)cls[0], (unsigned char)cls_len);
+	if (cls && whole_class_sieve.passes((unsigned char)cls[0], (unsigned char)cls_len)) {
+		return 1;
 	}
-	return func[0] && function_sieve.passes((unsigned char)func[0], (unsigned char)func[1]);
+	if (!func[0] || (cls && !class_sieve.passes((unsigned char)cls[0], (unsigned char)cls_len))) {
+		return 0;
+	}
+	return (cls ? method_sieve : function_sieve).passes((unsigned char)func[0], (unsigned char)func[1]);
 }
 
 void zq_before_internal_call(zq_stack_data *stack_data TSRMLS_DC)
