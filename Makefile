@@ -8,7 +8,7 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all demo test check bench fuzz engine-suite install uninstall clean configure test-packages
+.PHONY: all demo test check bench bench-check fuzz engine-suite install uninstall clean configure test-packages
 
 all: configure
 	@cmake --build build -j$(JOBS)
@@ -27,9 +27,12 @@ check: test-packages configure
 	@cmake --build --preset sanitize -j$(JOBS)
 	@ctest --preset sanitize --no-tests=error
 
-# what the agent costs
+# what the agent costs; bench-check fails when a call costs more instructions than bench/budget.toml allows
 bench: all
 	@bench/run
+
+bench-check: all
+	@bench/instructions.py --check
 
 # random input for the parsers, a minute each; FUZZ_SECONDS changes that
 fuzz:

@@ -1,5 +1,5 @@
 <?php
-/* One kind of call, many times: CALLS says which, COUNT how often. */
+/* One kind of call, many times: CALLS says which, COUNT how often. Prints nanoseconds per call. */
 function plain($a)
 {
     return $a;
@@ -49,4 +49,7 @@ function internal_method($n)
 }
 
 $kind = getenv('CALLS');
-$kind((int) getenv('COUNT'));
+$count = (int) getenv('COUNT');
+$start = microtime(true);
+$kind($count);
+printf("%.3f", (microtime(true) - $start) * 1e9 / $count);

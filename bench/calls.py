@@ -1,0 +1,86 @@
+#!/usr/bin/python3
+"""What watching costs a call, and a script that does nothing but call: nanoseconds and ratios by the wall clock.
+
+    bench/calls.py [ROUNDS]
+
+Each round runs every configuration once, in turn; figures are medians, with the quartiles beside them. Configurations: no
+extension; an empty one that only passes both execute hooks through; the agent loaded but off; on with its defaults; on with
+every call of 1 ms or more traced. Needs a finished build; a daemon that takes every packet listens meanwhile."""
+import os
+import statistics
+import subprocess
+import sys
+from pathlib import Path
+
+PROJECT = Path(__file__).resolve().parents[1]
+sys.path[:0] = [str(PROJECT / "tests/e2e"), str(PROJECT / "bench")]
+
+import engines  # noqa: E402
+from instructions import KINDS, build_empty_hook  # noqa: E402
+
+CALLS = 300000
+ENGINE_BENCH = PROJECT / "build/engine-tests/Zend/bench.php"        # there after `make engine-suite`
+
+
+def configurations(site):
+    def ini(agent, **more):
+        return site.ini_file(agent, {name.replace("__", "."): value for name, value in more.items()})
+
+    return {"no extension": ini(False), "empty hook": ini(False, extension=build_empty_hook()),
+            "agent off": ini(True, zqs__agent_enabled="0"), "agent on": ini(True),
+            "all traced": ini(True, zqs__action_tracer__action_threshold="1", zqs__app_name="Traced")}
+
+
+def run(ini, script, environment):
+    """Seconds that a page of its own process takes, and what it prints."""
+    variables = {**engines.web_environment(script, "/calls.php"), "PATH": os.environ["PATH"], **environment}
+    before = os.times()
+    done = subprocess.run([engines.ENGINE / "bin/php-cgi", "-q", "-c", ini], env=variables, capture_output=True, check=True)
+    after = os.times()
+    return sum(after[2:4]) - sum(before[2:4]), done.stdout
+
+
+def spread(values):
+    low, middle, high = statistics.quantiles(values, n=4)
+    return middle, f"{middle:7.3g} ({low:.3g} to {high:.3g})"
+
+
+def calls(settings, rounds):
+    print(f"nanoseconds per call, {rounds} rounds: median (quartiles)")
+    for kind in KINDS:
+        found = {name: [] for name in settings}
+        for _ in range(rounds):
+            for name, ini in settings.items():
+                text = run(ini, PROJECT / "bench/php/calls.php", {"CALLS": kind, "COUNT": str(CALLS)})[1]
+                found[name].append(float(text.rsplit(b"\n", 1)[-1]))
+        floor = statistics.median(found["no extension"])
+        for name, values in found.items():
+            middle, text = spread(values)
+            print(f"  {kind:18} {name:13} {text:28} {middle - floor:+6.0f} ns")
+
+
+def engine_bench(settings, rounds):
+    print(f"Zend/bench.php, processor time by that without an extension, {rounds} rounds: median (quartiles)")
+    ratios = {name: [] for name in settings if name != "no extension"}
+    for _ in range(rounds):
+        floor = run(settings["no extension"], ENGINE_BENCH, {})[0]
+        for name in ratios:
+            ratios[name].append(run(settings[name], ENGINE_BENCH, {})[0] / floor)
+    for name, values in ratios.items():
+        print(f"  {name:13} {spread(values)[1]}")
+
+
+def main():
+    rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 31
+    site = engines.Site()
+    try:
+        settings = configurations(site)
+        calls(settings, rounds)
+        if ENGINE_BENCH.exists():
+            engine_bench(settings, max(3, rounds // 3))
+    finally:
+        site.close()
+
+
+if __name__ == "__main__":
+    main()
