@@ -19,11 +19,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr size_t page_columns = 100;
-
 void put(const std::string& text) { fwrite(text.data(), 1, text.size(), stdout); }
 // Progress, apart from what is asked for.
 void tell(const std::string& line) { fprintf(stderr, "%s\n", line.c_str()); }
+
+// Columns to print in: the terminal's, within reason.
+size_t output_width() { return std::clamp(terminal_width(), size_t{100}, size_t{200}); }
 
 bool has_store(const DaemonConfig& config) {
   struct stat status;
@@ -35,13 +36,13 @@ StoreReader open_store(const DaemonConfig& config, bool for_orders = false) {
   return StoreReader(config.store_file(), for_orders);
 }
 
-int show_action(StoreReader& store, int64_t id, bool json) {
+int show_action(StoreReader& store, int64_t id, const ShowOptions& options) {
   auto shown = store.action(id);
   if (!shown) throw std::runtime_error("there is no action " + std::to_string(id) + " (any more)");
   auto others = store.related(*shown, called_tracer_ids(shown->action));
   auto related = relate(*shown, others);
-  if (json) put(json_text(action_json(*shown, related), true));
-  else put(action_text(*shown, related, std::clamp(terminal_width(), page_columns, size_t{200})));
+  if (options.json) put(json_text(action_json(*shown, related), true));
+  else put(action_text(*shown, related, output_width(), options.full));
   return 0;
 }
 
@@ -66,10 +67,10 @@ std::optional<std::pair<int64_t, int64_t>> wait_for_start(StoreReader& store, in
 
 int show(const DaemonConfig& config, const ShowOptions& options) {
   StoreReader store = open_store(config);
-  if (options.id) return show_action(store, *options.id, options.json);
+  if (options.id) return show_action(store, *options.id, options);
   auto rows = store.newest(options.most, options.application);
   if (!options.json) {
-    put(action_table(rows, terminal_width()));
+    put(action_table(rows, output_width(), wall_clock_ms()));
     return 0;
   }
   Json list = Json::array();
@@ -101,7 +102,7 @@ int top(const DaemonConfig& config, const std::string& application, int64_t sinc
   StoreReader store = open_store(config);
   ActionSums sums;
   store.each_since(wall_clock_ms() - since_seconds * 1000, application, [&](const ActionRow& row) { sums.add(row); });
-  put(top_text(sums.sorted(), terminal_width()));
+  put(top_text(sums.sorted(), output_width()));
   return 0;
 }
 

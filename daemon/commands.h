@@ -15,6 +15,7 @@ struct ShowOptions {
   int64_t most = 20;
   std::string application;    // "" for all
   bool json = false;
+  bool full = false;          // of one action: nothing summed up or cut
 };
 
 int show(const DaemonConfig& config, const ShowOptions& options);

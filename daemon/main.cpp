@@ -47,6 +47,7 @@ void add_commands(CLI::App& app, Arguments& arguments) {
   CLI::App* show = app.add_subcommand("show", "the newest actions, or one whole");
   show->add_option("ID", arguments.id, "an action of the list")->check(CLI::PositiveNumber);
   show->add_option("-n", arguments.show.most, "how many actions")->check(CLI::Range(1, 1000000))->capture_default_str();
+  show->add_flag("--full", arguments.show.full, "of one action: every call and statement for itself, nothing cut");
   add_list_options(show, arguments, true);
   add_list_options(app.add_subcommand("tail", "actions as they come"), arguments, true);
   CLI::App* top = app.add_subcommand("top", "sums per action name");

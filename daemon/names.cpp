@@ -111,7 +111,6 @@ NameCounts count_names(std::istream& lines, const Namer& namer) {
 }
 
 std::string names_text(const NameCounts& counts, size_t most, size_t width, const std::string& script) {
-  constexpr size_t other_columns = 30;  // what stands before the name
   std::string out = "Requests: " + std::to_string(counts.requests) + ", names: " + std::to_string(counts.names.size()) + "\n\n";
   std::vector<std::vector<std::string>> rows;
   bool by_script = false;
@@ -120,9 +119,7 @@ std::string names_text(const NameCounts& counts, size_t most, size_t width, cons
     if (rows.size() == most) continue;
     rows.push_back({std::to_string(count.requests), percent(count.requests, counts.requests), by_word(count.by), printable(count.name)});
   }
-  Column name{"name"};
-  if (width > other_columns) name.most = width - other_columns;
-  if (!rows.empty()) out += table({{"requests", true}, {"share", true}, {"named by"}, name}, rows);
+  if (!rows.empty()) out += table({{"requests", true}, {"share", true}, {"named by"}, {"name", false, true}}, rows, width ? width : SIZE_MAX);
   if (rows.size() < counts.names.size()) out += "and " + std::to_string(counts.names.size() - rows.size()) + " more\n";
   out += "\nWhat a framework calls its actions cannot be known here: requests that it dispatches get its names, unless a rule named them.\n";
   if (by_script) out += "For a URI without \".php\" the file counts that the server runs; " + printable(script) + " was taken (--script).\n";

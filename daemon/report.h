@@ -3,21 +3,25 @@
 
 #include "config.h"
 #include "json_text.h"
+#include "page.h"
 #include "store_reader.h"
 #include "trace.h"
+
+#include <map>
+#include <set>
 
 namespace quorbit {
 
 // --- lists (report_list.cpp)
 
-// A table, one line per action; names are cut when a terminal of `width` columns is written to (0: never).
-std::string action_table(const std::vector<ActionRow>& rows, size_t width);
+// A table, one line per action, in `width` columns: long names are cut in the middle. The date is left out when all are of today.
+std::string action_table(const std::vector<ActionRow>& rows, size_t width, int64_t now_wall_ms);
 // Lines of fixed columns, so that later ones fit below earlier ones.
 std::string tail_header();
 std::string tail_line(const ActionRow& row);
 Json action_summary(const ActionRow& row);
 
-// --- one action (report_action.cpp, report_json.cpp)
+// --- one action (report_action.cpp, report_sql.cpp, report_json.cpp)
 
 // How another stored action belongs to the one that is shown.
 enum class Relation { caller, callee, same_transaction };
@@ -32,19 +36,25 @@ std::vector<std::string> called_tracer_ids(const Action& action);
 // Sorts out who called whom.
 std::vector<RelatedAction> relate(const StoredAction& shown, const std::vector<StoredAction>& others);
 
-// The action whole, in `width` columns.
-std::string action_text(const StoredAction& shown, const std::vector<RelatedAction>& related, size_t width);
+// The action in `width` columns: what is repeated is told once with its count, long texts and tables are cut. `full`: nothing is.
+std::string action_text(const StoredAction& shown, const std::vector<RelatedAction>& related, size_t width, bool full);
 Json action_json(const StoredAction& shown, const std::vector<RelatedAction>& related);
 
-// Identical statements of one action.
+// Statements of one action that differ in their values only.
 struct StatementGroup {
-  std::string vendor, statement;
-  int64_t count = 0, total_ms = 0, slowest_ms = 0;
-  std::string stack, plan;  // of the slowest that has one
-  std::string place;        // "file:line" that ran it, when known
+  std::string kind;  // the statement without its values
+  int64_t count = 0, total_ms = 0;
+  SqlStatement slowest;
+  std::string stack, plan;       // of the slowest that has one
+  std::set<std::string> places;  // "file:line" of each that ran it, as far as known
+
+  // Where the slowest with a stack was run; "" when no stack came.
+  std::string place() const;
 };
 // Groups, those with most time first.
 std::vector<StatementGroup> group_statements(const std::vector<SqlStatement>& statements);
+// The section on SQL.
+void print_statements(const std::vector<SqlStatement>& statements, Page& page);
 
 // JSON text; invalid UTF-8 becomes U+FFFD. In one line, or indented for `pretty`.
 std::string json_text(const Json& value, bool pretty);

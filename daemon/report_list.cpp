@@ -16,41 +16,40 @@ struct ListColumn {
 };
 constexpr ListColumn list_columns[] = {
     {"ID", true, 8},
-    {"TIME", false, 19},
+    {"TIME", false, 14},
     {"APPLICATION", false, 16},
     {"ACTION", false, 40},
-    {"DURATION", true, 10},
+    {"TOOK", true, 8},
     {"DB", true, 4},
     {"CACHE", true, 5},
     {"EXT", true, 4},
     {"CODE", true, 4},
-    {"STATUS", true, 6},
-    {"ERROR", false, 5},
+    {"STATUS", false, 9},
 };
 constexpr size_t application_column = 2, action_column = 3;
 
-// What the other columns of a table take together, with the blanks between all of them.
-constexpr size_t other_columns = 82;
+// The year says nothing in a list of the newest.
+std::string day_of(int64_t wall_ms) { return local_time(wall_ms).substr(5, 6); }
+std::string time_of_day(int64_t wall_ms) { return local_time(wall_ms).substr(11); }
 
-std::vector<std::string> cells_of(const ActionRow& row) {
+std::vector<std::string> cells_of(const ActionRow& row, bool with_day) {
   auto share = [&row](int64_t ms) { return percent(ms, row.duration_ms); };
   return {std::to_string(row.id),
-          local_time(row.received_ms),
+          (with_day ? day_of(row.received_ms) : "") + time_of_day(row.received_ms),
           printable(row.application),
           row.name.empty() ? "(no name)" : printable(row.name),
-          std::to_string(row.duration_ms) + " ms",
+          duration_text(row.duration_ms),
           share(row.database_ms),
           share(row.cache_ms),
           share(row.external_ms),
           share(row.code_ms),
-          row.status ? std::to_string(row.status) : "-",
-          row.error ? "ERROR" : ""};
+          (row.status ? std::to_string(row.status) : "-") + (row.error ? " ERROR" : "")};
 }
 
 std::string fixed_line(const std::vector<std::string>& cells) {
   std::string line;
   for (size_t i = 0; i < cells.size(); i++) {
-    std::string cell = cut(cells[i], list_columns[i].tail_width);
+    std::string cell = cut_middle(cells[i], list_columns[i].tail_width);
     std::string fill(list_columns[i].tail_width - text_width(cell), ' ');
     line += (i ? "  " : "") + (list_columns[i].right ? fill + cell : cell + fill);
   }
@@ -59,17 +58,16 @@ std::string fixed_line(const std::vector<std::string>& cells) {
 
 }  // namespace
 
-std::string action_table(const std::vector<ActionRow>& rows, size_t width) {
+std::string action_table(const std::vector<ActionRow>& rows, size_t width, int64_t now_wall_ms) {
   std::vector<Column> columns;
   for (const ListColumn& column : list_columns) columns.push_back({column.title, column.right});
-  if (width > 0) {
-    size_t names = std::max(width, other_columns + 40) - other_columns;
-    columns[application_column].most = names / 3;
-    columns[action_column].most = names - names / 3;
-  }
+  columns[application_column].shrinks = columns[action_column].shrinks = true;
+  const std::string today = local_time(now_wall_ms).substr(0, 10);
+  auto is_old = [&today](const ActionRow& row) { return !local_time(row.received_ms).starts_with(today); };
+  bool with_day = std::any_of(rows.begin(), rows.end(), is_old);
   std::vector<std::vector<std::string>> cells;
-  for (const ActionRow& row : rows) cells.push_back(cells_of(row));
-  return table(columns, cells);
+  for (const ActionRow& row : rows) cells.push_back(cells_of(row, with_day));
+  return table(columns, cells, width);
 }
 
 std::string tail_header() {
@@ -78,7 +76,7 @@ std::string tail_header() {
   return fixed_line(titles);
 }
 
-std::string tail_line(const ActionRow& row) { return fixed_line(cells_of(row)); }
+std::string tail_line(const ActionRow& row) { return fixed_line(cells_of(row, true)); }
 
 Json action_summary(const ActionRow& row) {
   Json summary = {

@@ -37,17 +37,15 @@ int64_t percentile(std::vector<int64_t> values, int percentile) {
 
 std::string top_text(const std::vector<ActionSum>& sums, size_t width) {
   std::vector<Column> columns = {{"COUNT", true}, {"ERRORS", true}, {"P50", true}, {"P95", true}, {"DB", true}, {"CACHE", true},
-                                 {"EXT", true}, {"CODE", true}, {"APPLICATION", false, 24}, {"ACTION"}};
-  if (width > 0) columns.back().most = width > 120 ? width - 90 : 40;
+                                 {"EXT", true}, {"CODE", true}, {"APPLICATION", false, true}, {"ACTION", false, true}};
   std::vector<std::vector<std::string>> cells;
   for (const ActionSum& sum : sums) {
-    auto ms = [](int64_t value) { return std::to_string(value) + " ms"; };
     auto share = [&sum](int64_t part) { return percent(part, sum.total_ms); };
-    cells.push_back({std::to_string(sum.durations_ms.size()), std::to_string(sum.errors), ms(percentile(sum.durations_ms, 50)),
-                     ms(percentile(sum.durations_ms, 95)), share(sum.database_ms), share(sum.cache_ms), share(sum.external_ms),
+    cells.push_back({std::to_string(sum.durations_ms.size()), std::to_string(sum.errors), duration_text(percentile(sum.durations_ms, 50)),
+                     duration_text(percentile(sum.durations_ms, 95)), share(sum.database_ms), share(sum.cache_ms), share(sum.external_ms),
                      share(sum.code_ms), printable(sum.application), sum.name.empty() ? "(no name)" : printable(sum.name)});
   }
-  return table(columns, cells);
+  return table(columns, cells, width);
 }
 
 }  // namespace quorbit

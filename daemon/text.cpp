@@ -100,6 +100,14 @@ std::string cut(std::string_view text, size_t width) {
   return std::string(text.substr(0, bytes_of(text, width - 1))).append(ellipsis);
 }
 
+std::string cut_middle(std::string_view text, size_t width) {
+  size_t whole = text_width(text);
+  if (whole <= width) return std::string(text);
+  if (width == 0) return {};
+  size_t tail = (width - 1) / 2, head = width - 1 - tail;
+  return std::string(text.substr(0, bytes_of(text, head))).append(ellipsis).append(text.substr(bytes_of(text, whole - tail)));
+}
+
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most) {
   std::vector<std::string> lines;
   while (text_width(text) > width) {
@@ -121,33 +129,65 @@ size_t terminal_width() {
   return size.ws_col;
 }
 
-std::string table(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows) {
+static std::vector<size_t> column_widths(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows, size_t width) {
   std::vector<size_t> widths;
+  size_t taken = columns.empty() ? 0 : 2 * (columns.size() - 1), shrinking = 0;
   for (size_t i = 0; i < columns.size(); i++) {
     size_t widest = text_width(columns[i].title);
-    for (const auto& row : rows) widest = std::max(widest, std::min(text_width(row[i]), columns[i].most));
+    for (const auto& row : rows) widest = std::max(widest, text_width(row[i]));
     widths.push_back(widest);
+    if (columns[i].shrinks) shrinking++;
+    else taken += widest;
   }
-  std::string out;
+  // The narrowest first: what one does not need is left to wider ones.
+  std::vector<size_t> order(columns.size());
+  for (size_t i = 0; i < order.size(); i++) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [&widths](size_t a, size_t b) { return widths[a] < widths[b]; });
+  size_t left = width - std::min(width, taken);
+  for (size_t i : order) {
+    if (!columns[i].shrinks) continue;
+    widths[i] = std::min(widths[i], std::max(left / shrinking--, size_t{4}));
+    left -= std::min(left, widths[i]);
+  }
+  return widths;
+}
+
+std::vector<std::string> table_lines(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows, size_t width) {
+  auto widths = column_widths(columns, rows, width);
+  std::vector<std::string> lines;
   auto line = [&](auto cell_of) {
+    std::string text;
     size_t pending = 0;  // blanks owed before the next cell, so that no line ends in blanks
     for (size_t i = 0; i < columns.size(); i++) {
-      std::string cell = cut(cell_of(i), widths[i]);
+      std::string cell = cut_middle(cell_of(i), widths[i]);
       size_t fill = widths[i] - text_width(cell);
       size_t before = pending + (columns[i].right ? fill : 0);
-      if (!cell.empty()) out.append(before, ' ').append(cell);
+      if (!cell.empty()) text.append(before, ' ').append(cell);
       pending = cell.empty() ? pending + widths[i] + 2 : (columns[i].right ? 2 : fill + 2);
     }
-    out += '\n';
+    lines.push_back(std::move(text));
   };
   line([&](size_t i) { return columns[i].title; });
   for (const auto& row : rows) line([&](size_t i) { return row[i]; });
+  return lines;
+}
+
+std::string table(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows, size_t width) {
+  std::string out;
+  for (const std::string& line : table_lines(columns, rows, width)) out += line + "\n";
   return out;
 }
 
 std::string percent(int64_t part, int64_t whole) {
   if (whole <= 0) return "-";
   return std::to_string((part * 100 + whole / 2) / whole) + "%";
+}
+
+std::string duration_text(int64_t ms) {
+  if (ms < 10000) return std::to_string(ms) + " ms";
+  if (ms >= 1000000) return std::to_string((ms + 500) / 1000) + " s";
+  int64_t tenths = (ms + 50) / 100;
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
 }
 
 static std::string format_time(const char* format, const struct tm& fields) {

@@ -25,21 +25,30 @@ size_t text_width(std::string_view text);
 // Printable text in at most `width` columns; what is cut is marked by an ellipsis.
 std::string cut(std::string_view text, size_t width);
 
+// The same, but what is cut is in the middle: names differ at both ends.
+std::string cut_middle(std::string_view text, size_t width);
+
 // Printable text as lines of at most `width` columns, broken at blanks where there are some; an ellipsis ends what does not fit into
 // `most` lines.
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most);
 
 struct Column {
   std::string title;
-  bool right = false;     // alignment
-  size_t most = SIZE_MAX;  // columns; longer cells are cut
+  bool right = false;    // alignment
+  bool shrinks = false;  // gives way when the table is too wide
 };
 
-// Rows of printable cells under their titles, two blanks between columns, each line ended by a line feed.
-std::string table(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows);
+// Rows of printable cells under their titles, two blanks between columns. Where that takes more than `width` columns, the columns
+// that shrink give way, the widest first; cells are cut in the middle.
+std::vector<std::string> table_lines(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows, size_t width);
+// The same as one text, each line ended by a line feed.
+std::string table(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows, size_t width = SIZE_MAX);
 
 // "37%" of the whole; "-" when there is no whole.
 std::string percent(int64_t part, int64_t whole);
+
+// A duration for people: "9999 ms", "12.3 s", "1234 s".
+std::string duration_text(int64_t ms);
 
 // Local time "2024-05-31 13:45:12" of milliseconds since 1970.
 std::string local_time(int64_t wall_ms);

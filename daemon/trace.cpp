@@ -1,7 +1,5 @@
-// Reading and printing traces.
+// Reading traces.
 #include "trace.h"
-
-#include "text.h"
 
 #include <algorithm>
 
@@ -11,9 +9,6 @@ namespace {
 
 // Positions in the list that a node is written as.
 enum { at_start, at_end, at_name, at_url, at_count, at_class, at_function, at_parameters, at_children, node_size };
-
-constexpr size_t text_lines = 6;    // of one statement or URL in the tree; `--json` has it whole
-constexpr size_t most_indent = 20;  // levels that are shown by indentation
 
 std::string string_at(const Json& object, const char* key) {
   auto found = object.find(key);
@@ -60,8 +55,10 @@ bool is_node(const Json& list) {
 TraceNode node_of(const Json& list, size_t level) {
   TraceNode node;
   node.level = level;
-  node.start_ms = list[at_start].get<int64_t>();
-  node.end_ms = list[at_end].get<int64_t>();
+  // Whatever a packet says, differences and sums stay numbers.
+  constexpr int64_t most_ms = 1000000000000;
+  node.start_ms = std::clamp(list[at_start].get<int64_t>(), -most_ms, most_ms);
+  node.end_ms = std::clamp(list[at_end].get<int64_t>(), -most_ms, most_ms);
   node.name = list[at_name].get<std::string>();
   node.url = list[at_url].get<std::string>();
   node.cls = list[at_class].get<std::string>();
@@ -69,58 +66,6 @@ TraceNode node_of(const Json& list, size_t level) {
   read_parameters(list[at_parameters], node);
   return node;
 }
-
-std::string right(int64_t number, size_t width) {
-  std::string text = std::to_string(number);
-  return std::string(text.size() < width ? width - text.size() : 0, ' ') + text;
-}
-
-class TreePrinter {
- public:
-  explicit TreePrinter(size_t width) : width_(width) {}
-
-  std::string out;
-
-  void print(const TraceNode& node) {
-    indent_ = 2 * std::min(node.level, most_indent);
-    std::string head = right(node.start_ms, 7) + right(node.end_ms - node.start_ms, 8) + "  " + std::string(indent_, ' ');
-    // Levels that indentation cannot show are told by their number.
-    if (node.level > most_indent) head += "(" + std::to_string(node.level) + ") ";
-    out += head + cut(label(node), width_ - head.size()) + "\n";
-    details(node);
-  }
-
- private:
-  static std::string label(const TraceNode& node) {
-    std::string call = node.cls.empty() ? node.func : node.cls + "::" + node.func;
-    return printable(node.name.empty() ? call : node.name + "  (" + call + ")");
-  }
-
-  void details(const TraceNode& node) {
-    if (!node.place.empty()) detail("at", {printable(node.place)});
-    if (node.sql) detail("SQL", {printable(*node.sql)});
-    if (!node.url.empty()) detail("URL", {printable(node.url)});
-    std::vector<std::string> frames;
-    for (const std::string& frame : node.stack) frames.push_back(printable(frame));
-    detail("stack", frames);
-    if (node.plan) detail("plan", plan_lines(*node.plan));
-    if (node.callee) detail("callee", {printable(node.callee->action) + ", " + std::to_string(node.callee->duration_ms) + " ms"});
-  }
-
-  void detail(std::string title, const std::vector<std::string>& texts) {
-    std::string before(19 + indent_, ' ');
-    title.resize(8, ' ');
-    for (const std::string& text : texts) {
-      for (const std::string& line : wrap(text, width_ - before.size() - title.size(), text_lines)) {
-        out += before + title + line + "\n";
-        title.assign(title.size(), ' ');
-      }
-    }
-  }
-
-  size_t width_;
-  size_t indent_ = 0;
-};
 
 }  // namespace
 
@@ -141,33 +86,9 @@ std::optional<std::vector<TraceNode>> read_trace(std::string_view json) {
   return nodes;
 }
 
-std::string trace_text(const std::vector<TraceNode>& nodes, size_t width) {
-  TreePrinter printer(width);
-  for (const TraceNode& node : nodes) printer.print(node);
-  return std::move(printer.out);
-}
-
 std::vector<std::string> read_stack(std::string_view json) {
   auto list = parse_agent_json(json);
   return list ? frames_of(*list) : std::vector<std::string>();
-}
-
-std::vector<std::string> plan_lines(const Json& plan) {
-  auto has_list = [&plan](const char* key) { return plan.is_object() && plan.contains(key) && plan[key].is_array(); };
-  if (!has_list("keys") || !has_list("values")) return {"none"};
-  auto text = [](const Json& value) { return value.is_string() ? value.get<std::string>() : value.dump(); };
-  const Json& keys = plan["keys"];
-  std::vector<std::string> lines;
-  for (const Json& row : plan["values"]) {
-    std::string line;
-    for (size_t i = 0; row.is_array() && i < row.size() && i < keys.size(); i++) {
-      if (row[i].is_null()) continue;
-      if (keys.size() == 1) line = text(row[i]);
-      else line += (line.empty() ? "" : "  ") + text(keys[i]) + "=" + text(row[i]);
-    }
-    lines.push_back(printable(line));
-  }
-  return lines;
 }
 
 }  // namespace quorbit

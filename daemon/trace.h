@@ -30,13 +30,11 @@ struct TraceNode {
 // The nodes in the order in which they are printed, parents before their children. Nothing when the text is no trace.
 std::optional<std::vector<TraceNode>> read_trace(std::string_view json);
 
-// The tree as lines of at most `width` columns, each ended by a line feed.
-std::string trace_text(const std::vector<TraceNode>& nodes, size_t width);
+// The tree as lines of at most `width` columns, each ended by a line feed. Runs of siblings that do the same become one line with
+// their number, total and slowest, their statements without the values; stacks and plans are left out. `full`: everything, line by line.
+std::string trace_text(const std::vector<TraceNode>& nodes, size_t width, bool full);
 
 // The frames of a stack, innermost first; nothing when the text is no list of texts.
 std::vector<std::string> read_stack(std::string_view json);
-
-// A query plan as lines of printable text: the bare values of a plan with one column, else "column=value" without empty ones.
-std::vector<std::string> plan_lines(const Json& plan);
 
 }  // namespace quorbit
