@@ -45,15 +45,6 @@ static int page_wants_script(TSRMLS_D)
 	return ZQG(agent_enabled) && ZQG(rum_enabled) && ZQG(rum_script) && ZQG(rum_write_length) < ZQ_RUM_EXAMINED_BYTES;
 }
 
-/* Where the element goes in this piece of the page, or null. Remembers an html tag for the pieces to come. */
-static const char *insertion_point(const char *piece, size_t length TSRMLS_DC)
-{
-	if (ZQG(rum_flag) < 1 && html_pos(piece, length)) {
-		ZQG(rum_flag) = 1;
-	}
-	return ZQG(rum_flag) == 1 ? rum_pos(piece, length) : NULL;
-}
-
 /* The engine's compression runs as an output handler: what is still in a buffer is plain text. */
 static int engine_compresses(TSRMLS_D)
 {
@@ -78,20 +69,45 @@ static int default_type_is_html(TSRMLS_D)
 	return !SG(sapi_headers).send_default_content_type || !type || zq_strcasestr(type, "text/html");
 }
 
-/* 1 when `piece` is page text. Under CGI and FPM the response headers pass through the writer too, each in a chunk of its
- * own that is the header's very text. */
-static int is_page(const char *piece, int in_buffer TSRMLS_DC)
+static int response_forbids(int in_buffer TSRMLS_DC)
 {
-	if (!in_buffer && SG(headers_sent) && SG(sapi_headers).http_status_line) {
-		return 0; /* freed when the headers are out */
-	}
 	for (zend_llist_element *at = SG(sapi_headers).headers.head; at; at = at->next) {
-		const char *header = ((sapi_header_struct *)at->data)->header;
-		if (header == piece || header_forbids(header, in_buffer TSRMLS_CC)) {
-			return 0;
+		if (header_forbids(((sapi_header_struct *)at->data)->header, in_buffer TSRMLS_CC)) {
+			return 1;
 		}
 	}
-	return default_type_is_html(TSRMLS_C);
+	return !default_type_is_html(TSRMLS_C);
+}
+
+/* Where the element goes in this piece of the page, or null. Remembers an html tag for the pieces to come. */
+static const char *insertion_point(const char *piece, size_t length, int in_buffer TSRMLS_DC)
+{
+	size_t examined = length < ZQ_RUM_EXAMINED_BYTES ? length : ZQ_RUM_EXAMINED_BYTES;
+	if (!memchr(piece, '<', examined) || response_forbids(in_buffer TSRMLS_CC)) {
+		return NULL; /* the headers are asked last: a page may come in many small pieces */
+	}
+	if (ZQG(rum_flag) < 1 && html_pos(piece, length)) {
+		ZQG(rum_flag) = 1;
+	}
+	return ZQG(rum_flag) == 1 ? rum_pos(piece, length) : NULL;
+}
+
+/* Under CGI and FPM the response headers pass through the writer too, each in a chunk of its own that is the header's
+ * very text. They are no part of the page. */
+static int is_response_header(const char *chunk TSRMLS_DC)
+{
+	if (!SG(headers_sent)) {
+		return 0;
+	}
+	if (SG(sapi_headers).http_status_line) {
+		return 1; /* freed when the headers are out */
+	}
+	for (zend_llist_element *at = SG(sapi_headers).headers.head; at; at = at->next) {
+		if (((sapi_header_struct *)at->data)->header == chunk) {
+			return 1;
+		}
+	}
+	return 0;
 }
 
 /* What the agent adds must not be what trips the memory limit: after a page that exhausted it there is nothing left. */
@@ -111,7 +127,7 @@ static smart_str make_element(TSRMLS_D)
 /* Writes the chunk with the element in it; 1, or 0 with nothing written when this is not the place. */
 static int write_with_script(const char *str, unsigned int length TSRMLS_DC)
 {
-	const char *at = insertion_point(str, length TSRMLS_CC);
+	const char *at = insertion_point(str, length, 0 TSRMLS_CC);
 	if (!at) {
 		return 0;
 	}
@@ -134,7 +150,7 @@ static int write_with_script(const char *str, unsigned int length TSRMLS_DC)
 
 int zq_ub_write(const char *str, unsigned int length TSRMLS_DC)
 {
-	if (EXPECTED(!g_module_up || !page_wants_script(TSRMLS_C)) || !is_page(str, 0 TSRMLS_CC)) {
+	if (EXPECTED(!g_module_up || !page_wants_script(TSRMLS_C)) || is_response_header(str TSRMLS_CC)) {
 		return _sapi_ub_write(str, length TSRMLS_CC);
 	}
 	if (write_with_script(str, length TSRMLS_CC)) {
@@ -190,11 +206,11 @@ void injectOutputBuffer(TSRMLS_D)
 		return;
 	}
 	php_output_handler *handler = php_output_get_active_handler(TSRMLS_C);
-	if (!handler || !handler->buffer.data || !is_page(handler->buffer.data, 1 TSRMLS_CC)) {
+	if (!handler || !handler->buffer.data) {
 		return;
 	}
 	size_t examined = handler->buffer.used;
-	const char *at = insertion_point(handler->buffer.data, examined TSRMLS_CC);
+	const char *at = insertion_point(handler->buffer.data, examined, 1 TSRMLS_CC);
 	if (at) {
 		insert_element(handler, (size_t)(at - handler->buffer.data) TSRMLS_CC);
 	}
