@@ -252,17 +252,17 @@ def test_the_vendor_is_that_of_the_last_known_connection(page, code, vendors):
 def test_pruning_starts_with_the_101st_call(page, calls, kept):
     """a .. d and a pause make five; the pause, four levels down, takes less than a hundredth of the page."""
     code = ("function a() { b(); } function b() { c(); } function c() { d(); } function d() { usleep(2000); } a();"
-            f"for ($i = 0; $i < {calls}; $i++) usleep(3500);")
-    for attempt in range(8):                  # a busy machine makes other calls slow enough to be traced
-        trace = page(code, {"zqs.action_tracer.action_threshold": "1"}).metric.trace
-        shown = [child[6] for child in trace[8]]
-        if len(shown) == calls + 1:
+            f"for ($i = 0; $i < {calls}; $i++) usleep(5000);")
+    wanted = ["a", "b", "c", "d", "usleep"] if kept else ["a", "b", "c"]
+    for attempt in range(8):                  # a busy machine traces further calls, and makes the pause a long one
+        trace = node = page(code, {"zqs.action_tracer.action_threshold": "1"}).metric.trace
+        path = []
+        while node[8]:
+            node = node[8][0]
+            path.append(node[6])
+        if len(trace[8]) == calls + 1 and path == wanted:
             break
-    node, path = trace, []
-    while node[8]:
-        node = node[8][0]
-        path.append(node[6])
-    assert len(shown) == calls + 1 and path == (["a", "b", "c", "d", "usleep"] if kept else ["a", "b", "c"])
+    assert len(trace[8]) == calls + 1 and path == wanted
 
 
 @pytest.mark.parametrize("statement", ['"SELECT 1"', '"SELECT $i"'])
