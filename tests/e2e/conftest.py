@@ -21,7 +21,7 @@ def site():
 @pytest.fixture(scope="session")
 def shim_library(tmp_path_factory):
     library = tmp_path_factory.mktemp("shim") / "shim.so"
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, Path(__file__).parent / "shim.c", "-Wl,--no-as-needed",
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, engines.PROJECT / "tests/doubles/shim.c", "-Wl,--no-as-needed",
                     engines.EXTENSION], check=True)
     return library
 

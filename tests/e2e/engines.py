@@ -8,16 +8,19 @@ import signal
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
-import wire
-from fake_daemon import FakeDaemon, wait_until
-
 PROJECT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(PROJECT / "tests/doubles"))      # what stands in for the daemon, services and peers
+
+import wire  # noqa: E402
+from fake_daemon import FakeDaemon, wait_until  # noqa: E402
+
 ENGINE = PROJECT / "build/engine"
 EXTENSION = Path(os.environ.get("QUORBIT_EXTENSION", PROJECT / "build/zqprof.so"))     # another build, such as a sanitized one
 WEB_USER = "www-data"
