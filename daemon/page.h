@@ -14,7 +14,7 @@ class Page {
 
   size_t width() const { return width_; }
   bool full() const { return full_; }
-  // This many lines, rows or entries; all of them when nothing is to be left out.
+  // This many lines, rows or columns; all of them when nothing is to be left out.
   size_t most(size_t count) const { return full_ ? SIZE_MAX : count; }
 
   // A line of its own after an empty one.

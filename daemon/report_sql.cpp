@@ -24,7 +24,7 @@ void print_plan(const std::string& json, Page& page) {
   auto plan = json.empty() ? std::nullopt : parse_agent_json(json);
   if (!plan) return;
   if (std::string finding = plan_finding(*plan); !finding.empty()) page.entry("finding", finding);
-  page.lines("plan", plan_lines(*plan, page.text_columns(), page.most(plan_rows)));
+  page.lines("plan", plan_lines(*plan, page.most(page.text_columns()), page.most(plan_rows)));
 }
 
 void print_group(const StatementGroup& group, Page& page) {

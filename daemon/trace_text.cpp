@@ -106,7 +106,7 @@ class TreePrinter {
       for (std::string& piece : wrapped(frame, SIZE_MAX)) frames.push_back(std::move(piece));
     }
     detail("stack", frames);
-    if (node.plan) detail("plan", plan_lines(*node.plan, detail_columns(), SIZE_MAX));
+    if (node.plan) detail("plan", plan_lines(*node.plan, SIZE_MAX, SIZE_MAX));
     callee(node);
   }
 
