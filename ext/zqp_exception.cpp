@@ -109,6 +109,36 @@ static int engine_error_is_wanted(int type TSRMLS_DC)
 		&& zq_error_need_report(type);
 }
 
+/* The engine ends the process when it cannot set up a heap. */
+static int memory_is_left(void)
+{
+	void *volatile probe = malloc(1 << 20); /* volatile: compilers drop a block that nobody uses */
+	free(probe);
+	return probe != NULL;
+}
+
+/* What can be recorded when the machine's memory is gone: the message, as far as it fits, and the type, but no stack. */
+static void record_briefly(int type, const char *format, va_list args TSRMLS_DC)
+{
+	char msg[512];
+	va_list copy;
+	va_copy(copy, args);
+	ap_php_vsnprintf(msg, sizeof(msg), format, copy);
+	va_end(copy);
+	error_element *element = (error_element *)calloc(1, sizeof(error_element));
+	if (!element) {
+		return;
+	}
+	element->persistent = true;
+	element->msg = strdup(msg);
+	element->cls = strdup(zq_get_err_type_name(type));
+	if (element->msg && element->cls) {
+		ZQG(error) = element;
+	} else {
+		error_element_dtor(element);
+	}
+}
+
 /* Records on a heap that exists for this alone. Behind "Allowed memory size exhausted" the script's own has next to nothing
  * left, and the engine discards a buffered page whose request has grown beyond the limit since. The time limit must not
  * strike meanwhile: what the engine does then belongs on the script's heap. 1 when the recording bailed out. */
@@ -116,6 +146,10 @@ static int record_aside(int type, const char *format, va_list args TSRMLS_DC)
 {
 	volatile int bailed_out = 0;
 	sigset_t timers;
+	if (!memory_is_left()) {
+		record_briefly(type, format, args TSRMLS_CC);
+		return 0;
+	}
 	zq_hold_timers(&timers);
 	zend_mm_heap *own = is_zend_mm(TSRMLS_C) ? zend_mm_startup() : NULL;
 	zend_mm_heap *of_script = own ? zend_mm_set_heap(own TSRMLS_CC) : NULL;

@@ -5,6 +5,9 @@ import re
 
 import pytest
 
+import engines
+import wire
+
 SHOWN = {"memory_limit": "8M", "display_errors": "1", "html_errors": "0", "log_errors": "1", "error_log": ""}
 COLLECTING = {"zqs.error_collector.enabled": "1", "zqs.error_collector.ignored_status_codes": "418,503"}
 NESTED = "function a($f) { b($f); } function b($f) { $f(); }\n"
@@ -209,3 +212,15 @@ def test_recording_exhausted_memory_costs_the_page_nothing(site, filler):
                       ini={**SHOWN, "memory_limit": "2M"})
     assert result.body.startswith(b"page") and result.body.count(b"Allowed memory size") == 1
     assert len(result.metric.error["stack"]) == 20
+
+
+def test_a_machine_without_memory(site):
+    """No stack then, but the message."""
+    site.daemon.configure(COLLECTING)
+    script = site.script("ob_start(); echo 'page'; $all = array(); while (true) $all[] = str_repeat('x', 3000);")
+    result = site.run(["/bin/sh", "-c", 'ulimit -v 300000; exec "$@"', "sh", engines.ENGINE / "bin/php-cgi", "-c",
+                       site.ini_file(True, {**SHOWN, "memory_limit": "-1"})], engines.web_environment(script, "/index.php"), web=True)
+    site.daemon.settle()
+    metric, = site.daemon.received(wire.Metric)
+    assert result.body.startswith(b"page\nFatal error: Out of memory")
+    assert (metric.error["class"], metric.error["message"][:14], metric.error["stack"]) == ("RUNTIME_ERROR", "Out of memory ", None)
