@@ -55,6 +55,7 @@ class Engine : public ::testing::Environment {
 		php_embed_module.ini_entries = settings.data();
 		ASSERT_EQ(php_module_startup(&php_embed_module, get_module(), 1), SUCCESS);
 		SG(options) |= SAPI_OPTION_NO_CHDIR;
+		g_cli = 1; /* no web request is behind the tests' ones */
 	}
 
 	void TearDown() override
@@ -77,6 +78,7 @@ void EngineTest::SetUp()
 	printed.clear();
 	ASSERT_EQ(php_request_startup(TSRMLS_C), SUCCESS);
 	request_open_ = true;
+	zq_create_containers(TSRMLS_C);
 	PG(during_request_startup) = 0; /* as the engine does when it begins a script: errors are displayed from here on */
 }
 
@@ -90,6 +92,7 @@ std::string EngineTest::end_request()
 	printed.clear();
 	if (request_open_) {
 		request_open_ = false;
+		ZQG(hook_enabled) = ZQG(agent_enabled) = 0;
 		for (zval *val : values_) {
 			zval_ptr_dtor(&val);
 		}
@@ -135,10 +138,12 @@ void EngineTest::at_probe(std::function<void(zend_execute_data *)> action)
 	probe_action = std::move(action);
 }
 
-std::string EngineTest::probe(const std::string &arguments, std::function<void(zend_execute_data *)> action)
+void EngineTest::expect_made(const std::function<std::string(const std::string &)> &make,
+                             std::initializer_list<std::pair<std::string, std::string>> pairs)
 {
-	at_probe(std::move(action));
-	return run("probe(" + arguments + ");");
+	for (const auto &[text, made] : pairs) {
+		EXPECT_EQ(make(text), made) << text.substr(0, 200);
+	}
 }
 
 std::string EngineTest::taken(char *text)

@@ -1,6 +1,6 @@
 /* A PHP engine inside the test process, with the extension registered as one of its own modules: started before the
  * first test, one real request per test. No daemon answers, and the agent is switched off by setting, so that a test
- * meets zeroed state and opens what it needs. */
+ * meets zeroed state and empty lists, and switches on what it needs until the request ends. */
 #ifndef ENGINE_FIXTURE_H
 #define ENGINE_FIXTURE_H
 
@@ -31,8 +31,10 @@ protected:
 
 	/* The PHP function probe() calls this with the frame that called it. */
 	static void at_probe(std::function<void(zend_execute_data *)> action);
-	/* Runs "probe(<arguments>);" with that action. */
-	std::string probe(const std::string &arguments, std::function<void(zend_execute_data *)> action);
+
+	/* Expects `make` to make the second text of each pair's first. */
+	static void expect_made(const std::function<std::string(const std::string &)> &make,
+	                        std::initializer_list<std::pair<std::string, std::string>> pairs);
 
 	/* A request string or a buffer as text, released; "(null)" for a null pointer. */
 	static std::string taken(char *text);
