@@ -1,0 +1,35 @@
+<?php
+# --- own classes for statements and connections => made;gone;
+class Rows extends PDOStatement {
+    protected function __construct() { echo "made;"; }
+    function __destruct() { echo "gone;"; }
+}
+class Db extends PDO {
+    function query($s) { echo "query;"; return parent::query($s); }
+    function errorInfo() { echo "info;"; }
+}
+$db = new Db("sqlite::memory:");
+$db->setAttribute(PDO::ATTR_STATEMENT_CLASS, array("Rows"));
+$db->query("SELECT 1");
+$db->query("SELEC 2");
+$r = $db->query("SELECT 3");
+$r = null;
+echo "end";
+# --- an exception => inner
+$db = pdo_sqlite_link();
+$db->sqliteCreateFunction("f", function () { throw new Exception("inner"); });
+try { $db->query("SELECT f()"); } catch (Exception $e) { echo $e->getMessage(), $e->getLine(); }
+echo "end";
+# --- another query => 8
+$db = pdo_sqlite_link();
+$db->sqliteCreateFunction("f", function () use ($db) { $db->query("SELECT 7")->fetchAll(); return 8; });
+echo $db->query("SELECT f()")->fetchColumn(), "end";
+# --- exit => end
+$db = pdo_sqlite_link();
+$db->sqliteCreateFunction("f", function () { exit("end"); });
+$db->query("SELECT f()");
+# --- a fatal error => undefined
+register_shutdown_function(function () { echo "end"; });
+$db = pdo_sqlite_link();
+$db->sqliteCreateFunction("f", function () { undefined(); });
+$db->query("SELECT f()");

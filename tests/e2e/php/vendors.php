@@ -1,0 +1,14 @@
+<?php
+# --- the last known connection's => SQLite MySQL MySQL
+$a = new PDO("sqlite::memory:");
+$a->exec("SELECT 1");
+try { new PDO("mysql:unix_socket=/none"); } catch (Exception $e) { }
+$a->exec("SELECT 2");
+try { new PDO("SQLite:x"); } catch (Exception $e) { }
+$a->query("SELECT 3");
+# --- no vendor before the first => - SQLite
+file_put_contents("dsn", "sqlite::memory:");
+$a = new PDO("uri:file://" . getcwd() . "/dsn");
+$a->exec("SELECT 1");
+$b = new PDO("sqlite::memory:");
+$a->exec("SELECT 2");
