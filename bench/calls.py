@@ -13,7 +13,7 @@ import sys
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[1]
-sys.path[:0] = [str(PROJECT / "tests/e2e"), str(PROJECT / "bench")]
+sys.path[:0] = [str(PROJECT / "tests/harness"), str(PROJECT / "bench")]
 
 import engines  # noqa: E402
 from instructions import KINDS, build_empty_hook  # noqa: E402

@@ -14,7 +14,7 @@ import sys
 from pathlib import Path
 from statistics import median
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests/e2e"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests/harness"))
 
 import engines  # noqa: E402
 

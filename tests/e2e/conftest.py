@@ -4,7 +4,7 @@ from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).parent))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "harness"))
 
 import engines  # noqa: E402
 from servers import doubles, mariadb, postgres  # noqa: E402,F401

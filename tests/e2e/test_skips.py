@@ -14,7 +14,7 @@ import skips
 def test_skipped_test_fails_in_ci(tmp_path, ci, code, test):
     (tmp_path / "test_sample.py").write_text(f"import pytest\ndef test_other(): pass\n{test}\n")
     done = subprocess.run([sys.executable, "-m", "pytest", "-p", "skips", "-p", "no:cacheprovider", "test_sample.py"], cwd=tmp_path,
-                          capture_output=True, env={**os.environ, "CI": ci, "PYTHONPATH": str(Path(__file__).parent)})
+                          capture_output=True, env={**os.environ, "CI": ci, "PYTHONPATH": str(Path(skips.__file__).parent)})
     assert (done.returncode in (1, 2)) == bool(code), done.stdout
 
 

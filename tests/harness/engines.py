@@ -23,8 +23,14 @@ from fake_daemon import FakeDaemon, wait_until  # noqa: E402
 
 ENGINE = PROJECT / "build/engine"
 EXTENSION = Path(os.environ.get("QUORBIT_EXTENSION", PROJECT / "build/zqprof.so"))     # another build, such as a sanitized one
+SCRIPTS = PROJECT / "tests/e2e/php"
 WEB_USER = "www-data"
 IS_ROOT = os.geteuid() == 0
+
+
+def php(name):
+    """The code of a script in tests/e2e/php, for the calls below that take code."""
+    return (SCRIPTS / f"{name}.php").read_text().removeprefix("<?php\n")
 
 
 @dataclass
