@@ -1,0 +1,47 @@
+<?php
+/* Scripts that act while a call runs, and after it: calls recorded, with the callee's id, and requests that carry the identity. */
+function notified($url) {
+    $GLOBALS['x'] = $x = stream_context_create();
+    stream_context_set_params($x, array('notification' => 'n'));
+    var_dump(file_get_contents($url, false, $x));
+    print_r(stream_context_get_options($x));
+}
+# --- header callback throws => 1 identified: curl_exec
+function seen($c, $l) { throw new Exception($l); }
+$c = curl_init('$URL');
+curl_setopt($c, CURLOPT_HEADERFUNCTION, 'seen');
+try { curl_exec($c); } catch (Exception $e) { echo $e; }
+
+# --- script ends inside, goes on at shutdown => 2 identified: file_get_contents 77|8
+$c = curl_init('$URL');
+curl_setopt($c, CURLOPT_WRITEFUNCTION, function () { exit('bye'); });
+register_shutdown_function(function () { echo file_get_contents('$URL'); });
+curl_exec($c);
+
+# --- a call inside a call => 2 identified: file_get_contents 77|8, file_get_contents 77|8
+function n($code) { static $in = 0; if (!$in++) echo file_get_contents('$URL', false, $GLOBALS['x']); }
+notified('$URL');
+
+# --- headers set meanwhile => 0 identified: file_get_contents 77|8
+function n($code) { stream_context_set_option($GLOBALS['x'], 'http', 'header', 'A: 1'); }
+notified('$URL');
+
+# --- script ends inside a stream => 0 identified:
+function n($code) { exit('bye'); }
+notified('$URL');
+
+# --- inside a generator => 1 identified: file_get_contents 77|8
+function g($u) { yield file_get_contents($u); yield $http_response_header; }
+foreach (g('$URL') as $v) var_dump($v);
+
+# --- into a reference => 1 identified: file_get_contents 77|8
+$r = array('X: 1');
+$http_response_header = &$r;
+echo file_get_contents('$URL');
+var_dump($r);
+# --- a library that throws => 1 identified: drupal_http_request, file_get_contents 77|8
+function drupal_bootstrap() { }
+function drupal_http_request($u) { file_get_contents($u); throw new Exception; }
+drupal_bootstrap();
+try { drupal_http_request('$URL'); } catch (Exception $e) { }
+file_get_contents('$URL');

@@ -1,0 +1,70 @@
+<?php
+/* Every function at moments when a script is unlikely to call it. */
+$f = fopen('php://memory', 'r');
+$l = array(1, 2, 3);
+function any() {
+    zqprof_rshutdowncall();
+    zqprof_headercall();
+    zqprof_curl_header($GLOBALS['f'], 'X-Vantor-Tx-Data: {"id":"1"}    ');
+    vantor_notice_error('x');
+    vantor_end_webaction();
+    vantor_start_webaction('y');
+    vantor_notice_error(new Exception('z'));
+}
+
+# --- inside functions => done
+function a() { b(); }
+function b() { any(); any(); }
+a();
+a();
+echo 'done';
+
+# --- inside a callback => done
+array_map('any', $l);
+usort($l, function () { any(); return 0; });
+echo 'done';
+
+# --- inside an error handler => done
+set_error_handler('any');
+echo $nothing;
+@file_get_contents('http://127.0.0.1:1/');
+echo 'done';
+
+# --- inside a header callback of curl => done
+$c = curl_init('file:///etc/hostname');
+curl_setopt($c, CURLOPT_RETURNTRANSFER, 1);
+curl_setopt($c, CURLOPT_WRITEFUNCTION, function ($c, $d) { any(); return strlen($d); });
+curl_exec($c);
+curl_exec($c);
+echo 'done';
+
+# --- inside an output buffer => done
+ob_start(function ($t) { any(); return $t; });
+echo 'x';
+ob_flush();
+ob_end_flush();
+echo 'done';
+
+# --- in a destructor => done
+class D { function __destruct() { any(); } }
+$d = new D;
+$d = null;
+$GLOBALS['last'] = new D;
+echo 'done';
+
+# --- at shutdown => done
+register_shutdown_function('any');
+echo 'done';
+exit;
+
+# --- in a method that the agent calls => done
+class Zend_Application { function __construct() { } }
+class Zend_Http_Client {
+    function getUri() { any(); return 'http://h/'; }
+    function request() { }
+}
+new Zend_Application;
+$z = new Zend_Http_Client;
+$z->request();
+$z->request();
+echo 'done';
