@@ -10,19 +10,14 @@ from fake_daemon import HANG_UP, PLAIN, SILENCE
 from wire import answer, record
 
 URI = "/shop/list.php?page=3&tag=ab"
-ALL_KEYS = {
-    "zqs.agent_enabled": "TRUE", "zqs.auto_action_naming": "0", "zqs.urls_captured": "shop", "zqs.capture_params": "true",
-    "zqs.ignored_params": "tag", "zqs.error_collector.enabled": "true", "zqs.error_collector.record_db_errors": "true",
-    "zqs.error_collector.ignored_status_codes": "404", "zqs.action_tracer.enabled": "true",
-    "zqs.action_tracer.action_threshold": "1", "zqs.action_tracer.stack_trace_threshold": "1",
-    "zqs.action_tracer.record_sql": "obfuscated", "zqs.action_tracer.slow_sql": "true",
-    "zqs.action_tracer.slow_sql_threshold": "1", "zqs.action_tracer.explain_enabled": "true",
-    "zqs.action_tracer.explain_threshold": "1", "zqs.naming.rules": "[]",
-    "zqs.web_action_uri_params_captured": "/shop/list.php,page", "zqs.rum.enabled": "false", "zqs.rum.script": "",
-    "zqs.rum.sample_ratio": "0.5", "zqs.vantorIdSecret": "12|34", "zqs.transaction_tracer.enabled": "true",
-    "zqs.resource.enabled": "true", "zqs.resource.low": "100", "zqs.resource.high": "101", "zqs.resource.safe": "102",
-    "zqs.resource.used": "1",
-}
+ALL_KEYS = {f"zqs.{key}": value for key, _, value in (line.partition("=") for line in """
+    agent_enabled=TRUE auto_action_naming=0 urls_captured=shop capture_params=true ignored_params=tag naming.rules=[]
+    web_action_uri_params_captured=/shop/list.php,page vantorIdSecret=12|34 transaction_tracer.enabled=true
+    error_collector.enabled=true error_collector.record_db_errors=true error_collector.ignored_status_codes=404
+    action_tracer.enabled=true action_tracer.action_threshold=1 action_tracer.stack_trace_threshold=1
+    action_tracer.record_sql=obfuscated action_tracer.slow_sql=true action_tracer.slow_sql_threshold=1
+    action_tracer.explain_enabled=true action_tracer.explain_threshold=1 rum.enabled=false rum.script= rum.sample_ratio=0.5
+    resource.enabled=true resource.low=100 resource.high=101 resource.safe=102 resource.used=1""".split())}
 PARAMS = {"zqs.capture_params": "1"}
 SETTINGS = b"".join(record(0x0D, f"{key}={value}") for key, value in {**PLAIN, **PARAMS}.items())
 STAMP = record(0x0C, b"\7" + bytes(7))
@@ -36,12 +31,15 @@ def packet(*parts, length=None):
 
 def within(result, blocked):
     """A blocked call costs about 100 ms; so many are allowed, and they must really have happened."""
-    assert (blocked - 0.5) * 100 < result.ms - result.bare.ms < blocked * 100 + 250
+    extra_ms = result.ms - result.bare.ms
+    assert extra_ms < blocked * 100 + 250
+    assert not blocked or extra_ms > (blocked - 0.5) * 100
 
 
 def test_all_keys_take_effect(site):
     end = int(time.monotonic()) + 60
-    site.daemon.configure({**ALL_KEYS, "zqs.profile_end_time": str(end), "zqs.new.key": "1", "": "", "x": ""}, 2**64 - 2, app_id="a1")
+    unknown = {"zqs.new.key": "1", "": "", "x": ""}
+    site.daemon.configure({**ALL_KEYS, "zqs.profile_end_time": str(end), **unknown}, 2**64 - 2, app_id="a1")
     result = site.cgi("function f() {} usleep(3000); f();", URI)
     metric = result.metric
     assert metric.params == [("page", "3")] and metric.action.startswith("WebAction/URI/shop%2Flist.php")
@@ -51,22 +49,14 @@ def test_all_keys_take_effect(site):
 
 @pytest.mark.parametrize("reply, params, opened, blocked, line", [
     # what a daemon should say
-    pytest.param(packet(STAMP, SETTINGS), HOLDS, 1, 0, None, id="stamp and settings"),
     pytest.param(packet(STAMP, record(0x10, "app-1"), SETTINGS), HOLDS, 1, 0, None, id="application id"),
-    pytest.param(packet(STAMP), [], 1, 0, "update config time=", id="stamp alone"),
     pytest.param(packet(), [], 1, 0, "no config data, use default setting", id="nothing"),
-    pytest.param(packet(SETTINGS), HOLDS, 1, 0, None, id="settings without a stamp"),
-    pytest.param(packet(record(0x0C, bytes(8)), SETTINGS), [], 1, 0, "local config is newest", id="equal stamp"),
     pytest.param(packet(STAMP, record(0x77, "?"), record(0x0D, "zqs.Capture_params=0"), record(0x0D, ""), record(0x0D, "x"),
                         record(0x0D, "="), record(0x10, ""), SETTINGS), HOLDS, 1, 0, None, id="unknown types and keys"),
-    pytest.param(packet(STAMP, SETTINGS, record(0x0D, "zqs.urls_captured=")), HOLDS, 1, 0, None, id="empty text"),
     # and what it should not
     pytest.param(packet(STAMP, SETTINGS, b"\x0d\0\0\x64zqs"), HOLDS, 1, 0, None, id="record overruns"),
-    pytest.param(packet(STAMP, SETTINGS, b"\x0d\xff\xff\xff"), HOLDS, 1, 0, None, id="record overruns by 16 MiB"),
-    pytest.param(packet(STAMP, SETTINGS, b"\x0d\0"), HOLDS, 1, 0, None, id="header cut"),
     pytest.param(packet(record(0x0C, b"\7\0\0\0"), SETTINGS), HOLDS, 1, 0, None, id="short stamp"),
     pytest.param(packet(record(0x0C, bytes(9)), SETTINGS), HOLDS, 1, 0, None, id="long stamp"),
-    pytest.param(packet(record(0x0C, ""), SETTINGS), HOLDS, 1, 0, None, id="empty stamp"),
     pytest.param(packet(STAMP, SETTINGS, length=4000), [], 2, 1, "recv app config data fail", id="half an answer"),
     pytest.param(b"\x0a\0", [], 2, 1, "recv app config header fail", id="half a header"),
     pytest.param(SILENCE, [], 2, 1, "recv app config header fail: -1 bytes", id="silence"),
@@ -75,8 +65,8 @@ def test_all_keys_take_effect(site):
     pytest.param(packet(STAMP, record(0x77, bytes(2**24 - 1 - 4 - len(STAMP) - len(SETTINGS))), SETTINGS), HOLDS, 1, 0, None,
                  id="16 MiB"),
     pytest.param(packet(STAMP, SETTINGS, record(0x0D, "zqs.urls_captured=" + "(" * 30000)), None, 1, 0, None, id="wild pattern"),
-    pytest.param(packet(STAMP, SETTINGS, record(0x0D, b"zqs.ignored_params=\0,page\xff,\n"), record(0x0D, b"zqs.cap\0=0")), HOLDS, 1, 0,
-                 None, id="bytes that are no text"),
+    pytest.param(packet(STAMP, SETTINGS, record(0x0D, b"zqs.ignored_params=\0,page\xff,\n"), record(0x0D, b"zqs.cap\0=0")),
+                 HOLDS, 1, 0, None, id="bytes that are no text"),
     *[pytest.param(packet(random.Random(seed).randbytes(4096)), [], 1, 0, None, id=f"noise {seed}") for seed in range(4)],
 ])
 def test_answers(site, reply, params, opened, blocked, line):

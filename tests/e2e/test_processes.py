@@ -5,26 +5,23 @@ from collections import Counter
 import pytest
 
 import wire
-from engines import ENGINE, Apache, BuiltIn, FastCgi, Fpm, at_once
+from engines import ENGINE, Apache, BuiltIn, FastCgi, Fpm, at_once, php
 
 FOLDER = subprocess.run([ENGINE / "bin/php-config", "--extension-dir"], capture_output=True, text=True).stdout.strip()
 OPCACHE = {"zend_extension": f"{FOLDER}/opcache.so", "opcache.enable": "1", "opcache.memory_consumption": "16"}
-GATHER = """
-$dir = __DIR__ . "/gate"; touch("$dir/" . uniqid("", true));
-for ($end = microtime(true) + 10; count(glob("$dir/*")) < %d && microtime(true) < $end; ) { usleep(2000); clearstatcache(); }
-function page() { return "page " . count($_GET); } echo page();
-"""
-CODE = 'class A { static function f() { return strtoupper("hello"); } } function g() { return A::f(); } header("X-T: 1"); echo g();'
+CODE = php("greeting")
 
 
-def gate(site, count):
-    """A script that answers only when `count` requests have come in; the requests thus run side by side."""
+def meet(site, server, count):
+    """So many requests that run side by side."""
     folder = site.docroot / "gate"
     folder.mkdir(exist_ok=True)
     folder.chmod(0o777)
     for file in folder.iterdir():
         file.unlink()
-    return site.script(GATHER % count, "gate.php")
+    script = site.script(php("gate"), "gate.php")
+    pages = at_once(count, lambda i: server.agent.request(script, f"/gate.php?count={count}"))
+    assert {page.body for page in pages} == {b"page 1"}
 
 
 @pytest.mark.parametrize("kind", [FastCgi, BuiltIn])
@@ -52,12 +49,9 @@ def test_fpm_children_have_sockets_of_their_own(site, ini):
     server = site.serve(Fpm, ini)
     result = server.get(CODE)
     assert result.metric.details["httpStatus"] == "200"
-    script = gate(site, Fpm.children)
     site.daemon.forget()
-    for turn in range(3):
-        gate(site, Fpm.children)
-        pages = at_once(Fpm.children, lambda i: server.agent.request(script, "/gate.php?n=1"))
-        assert {page.body for page in pages} == {b"page 1"}
+    for _ in range(3):
+        meet(site, server, Fpm.children)
     found = site.daemon.wait_metrics(3 * Fpm.children)
     speakers = {c.pid: c for c in site.daemon.connections if c.packets}
     assert len(speakers) == Fpm.children and server.agent.process.pid not in speakers
@@ -72,10 +66,8 @@ def test_apache_threads_have_sockets_of_their_own(site, ini):
     assert server.get(CODE, "/shop.php?a=1").metric.uri == "/shop.php"
     server.get('http_response_code(404); echo "gone";')
     site.daemon.forget()
-    for turn in range(3):
-        script = gate(site, count)
-        pages = at_once(count, lambda i: server.agent.request(script, f"/gate.php?n={i}"))
-        assert {page.body for page in pages} == {b"page 1"}
+    for _ in range(3):
+        meet(site, server, count)
     site.daemon.wait_metrics(3 * count)
     speakers = [c for c in site.daemon.connections if c.packets]
     assert len({c.pid for c in speakers}) == 1 and sum(c.open for c in speakers) >= 8
@@ -84,11 +76,7 @@ def test_apache_threads_have_sockets_of_their_own(site, ini):
 
 def test_forked_script_reports_twice(site):
     """Parent and children speak over connections of their own, and each tells of its run."""
-    result = site.cli("""
-        function work($who) { usleep(2000); return $who; }
-        work("before");
-        for ($i = 0; $i < 3; $i++) { $pid = pcntl_fork(); if (!$pid) { work("child"); exit(7); } pcntl_waitpid($pid, $status); }
-        echo work("parent"), pcntl_wexitstatus($status);""")
+    result = site.cli(php("fork"))
     assert len(result.metrics) == 4
     speakers = [c for c in site.daemon.connections if c.packets]
     assert len({c.pid for c in speakers}) == 4

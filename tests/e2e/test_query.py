@@ -3,21 +3,17 @@ import struct
 
 import pytest
 
-from engines import EXTENSION, IS_ROOT, Apache, BuiltIn, FastCgi, Fpm
+from engines import EXTENSION, IS_ROOT, Apache, BuiltIn, FastCgi, Fpm, php
 from wire import record
 
-ENVIRONMENT = """
-$list = array();
-foreach (get_loaded_extensions() as $name) { $v = phpversion($name); $list[] = $v ? "$name($v)" : $name; }
-file_put_contents("%s", phpversion() . "\\n" . implode(",", $list) . "\\n"
-    . (function_exists("apache_get_version") ? apache_get_version() : ""));
-"""
+PROXY = {"zqs.port": "1", "zqs.proxy_host": "h", "zqs.proxy_port": "2", "zqs.proxy_user": "u", "zqs.proxy_password": "p=q"}
 
 
 def check_query(site, result, api, apache=False, app="Shop", license="empty key", enabled="true"):
     """Byte for byte, against what the engine says of itself."""
     version, plugins, server = (site.docroot / "environment").read_text().split("\n")
-    environment = ["quorbit=Oct 20 2016", f"PHP Version={version}", "Thread Safety=yes", f"module={EXTENSION}", f"Server API={api}"]
+    environment = ["quorbit=Oct 20 2016", f"PHP Version={version}", "Thread Safety=yes", f"module={EXTENSION}",
+                   f"Server API={api}"]
     environment += [f"Apache Version={server}", "Apache MPM=event"] if apache else []
     body = record(0x11, app) + record(0x0E, license) + record(0x0C, struct.pack("<Q", 0)) + \
         record(0x0D, f"zqs.agent_enabled={enabled}")
@@ -30,11 +26,10 @@ def check_query(site, result, api, apache=False, app="Shop", license="empty key"
 def code(site):
     (site.docroot / "environment").touch()
     (site.docroot / "environment").chmod(0o666)
-    return ENVIRONMENT % (site.docroot / "environment")
+    return php("environment")
 
 
 @pytest.mark.parametrize("ini, expected", [
-    ({}, {}),
     ({"zqs.license_key": "999-é", "zqs.app_name": "", "zqs.agent_enabled": "2"},
      {"license": "999-é", "app": "", "enabled": "false"}),
     ({"zqs.license_key": ""}, {"license": "empty key"}),
@@ -51,12 +46,11 @@ def test_query_of_a_server(site, code, kind, api):
 
 
 @pytest.mark.parametrize("ini, changed", [
-    ({}, {}),
     ({"zqs.ssl": "2", "zqs.audit_mode": "1", "zqs.daemon_log_level": "debug", "zqs.action_tracer.log_sql": "1"},
      {"zqs.ssl": "FALSE", "zqs.audit_mode": "TRUE", "zqs.daemon_log_level": "debug", "zqs.action_tracer.log_sql": "TRUE"}),
-    ({"zqs.host": "collector.test", "zqs.port": "8443"}, {"zqs.cert_file": None, "zqs.host": "collector.test", "zqs.port": "8443"}),
-    ({"zqs.port": "1", "zqs.proxy_host": "h", "zqs.proxy_port": "2", "zqs.proxy_user": "u", "zqs.proxy_password": "p=q"},
-     {"zqs.port": "1", "zqs.proxy_host": "h", "zqs.proxy_port": "2", "zqs.proxy_user": "u", "zqs.proxy_password": "p=q"}),
+    ({"zqs.host": "collector.test", "zqs.port": "8443"},
+     {"zqs.cert_file": None, "zqs.host": "collector.test", "zqs.port": "8443"}),
+    (PROXY, PROXY),
 ])
 def test_daemon_is_configured_and_started_when_nobody_listens(site, ini, changed):
     """The start command gets the file; what it prints goes nowhere, and the request loses only its packet."""

@@ -67,8 +67,6 @@ def test_trace_is_read():
     pytest.param(metric(numbers=FIVE[:-8]), id="number missing"),
     pytest.param(metric(numbers=FIVE[:-8] + record(0x16, b"\0\0")), id="short number"),
     pytest.param(record(wire.METRIC, FIVE + HEAD), id="order"),
-    pytest.param(metric(record(0x24, "a: b"), record(0x2B, "1\n1\nx")), id="component after details"),
-    pytest.param(metric(record(0x26, "1f")), id="trace id without a trace"),
     pytest.param(metric(record(0x27, "2:124:test9:SELECT 1")), id="item overruns"),
     pytest.param(metric(record(0x29, "Memcached\nget\n12")), id="Memcached without its empty line"),
     pytest.param(metric(record(0x99, "")), id="unknown record"),

@@ -1,0 +1,5 @@
+<?php
+function f() {
+    require "missing.php";
+}
+f();

@@ -1,0 +1,17 @@
+<?php
+function a($f) {
+    return b($f);
+}
+function b($f) {
+    return c($f);
+}
+function c($f) {
+    usleep(2000);
+    return $f();
+}
+set_time_limit(1);
+a(function () {
+    while (true) {
+        md5(1);
+    }
+});
