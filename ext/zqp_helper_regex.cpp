@@ -14,7 +14,7 @@ static const unsigned long max_count = 32767;  /* RE_DUP_MAX: beyond it a patter
 /* An open group, or the whole pattern. */
 typedef struct group {
 	unsigned long atoms;        /* unfolded, without the last one */
-	unsigned long last_atoms;   /* the one that a repeat would multiply; a group counts as one */
+	unsigned long last_atoms;   /* the one that a repeat would multiply; a group and each repeat count as one */
 	unsigned long repeats;      /* greatest product of nested repeats, without the last atom's */
 	unsigned long last_repeats;
 } group;
@@ -79,6 +79,7 @@ static int read_one(const char **at, group *groups, int *depth)
 	group *g = &groups[*depth];
 	unsigned long copies = 1;
 	char ch = *(*at)++;
+	int is_repeat = strchr("*?+{", ch) != NULL; /* a node of its own: repeats of repeats copy it with the rest */
 	if (ch == '\\' && **at >= '1' && **at <= '9') {
 		return 0;
 	}
@@ -105,7 +106,7 @@ static int read_one(const char **at, group *groups, int *depth)
 		add_atom(g, 1, 1);
 	}
 	g = &groups[*depth];
-	g->last_atoms *= copies;
+	g->last_atoms = g->last_atoms * copies + is_repeat;
 	g->last_repeats *= copies;
 	return g->atoms + g->last_atoms <= max_atoms && g->last_repeats <= max_repeats;
 }

@@ -94,6 +94,7 @@ TEST_F(HelperString, RefusesPatternsThatWouldHoldUpTheCompiler)
 		{"a{1000}", 1}, {"a{1001}", 0}, {"a{1000,}", 0}, {"a{1,2000}", 0}, {"a{99999999999999999999}", 0},
 		{"(x|(b(a{1,40})y)z){1,40}", 0}, {"a{40}{40}", 0}, {"a{999}b{999}c{999}d{999}", 0},
 		{"a" + std::string(9, '+'), 1}, {"a" + std::string(10, '+'), 0}, /* each one doubles what stands before it */
+		{"a??{0,999}", 1}, {"a" + std::string(21, '?') + "{0,999}", 0}, /* copies bring their repeats along */
 		{"(a)\\1", 0}, {"(a)[\\1]\\\\1\\0", 1},                         /* matching a reference takes time without bound */
 		{"[[:a", 1},                                                     /* unfinished: ends the scan, and does not compile */
 	};
