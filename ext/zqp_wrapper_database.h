@@ -79,7 +79,7 @@ zval *zq_returned_value(zq_stack_data *call);
  * change is sent. */
 char *zq_explain(const zq_sql_api *api, zq_stack_data *call, const char *statement TSRMLS_DC);
 /* 1 when no ";" but a last one stands outside quotes and comments, whichever database reads them. Text that databases
- * read differently (escapes, "#", nested comments, dollar quotes) counts as two statements when it has a ";". */
+ * read differently (escapes, "#", "[", nested comments, dollar quotes) counts as two statements when it has a ";". */
 int zq_is_single_statement(const char *statement);
 /* 1 when every database answers EXPLAIN in front of it with a plan. A refused EXPLAIN ends a PostgreSQL transaction. */
 int zq_is_plannable(const char *statement);

@@ -24,8 +24,8 @@ static const char *skip_quoted(const char *at, const char *end)
 		if (*at == quote) {
 			return at + 1;
 		}
-		/* an escape for some, a character for others; and "`" quotes for some only */
-		if (*at == '\\' || (quote == '`' && strchr(";'\"", *at))) {
+		/* an escape for some, a character for others; and "`" quotes for some only: nothing that means more to others */
+		if (*at == '\\' || (quote == '`' && strchr(";'\"-/$", *at))) {
 			return NULL;
 		}
 	}
@@ -68,6 +68,7 @@ static const char *skip_token(const char *at, const char *end)
 	case '`': return skip_quoted(at, end);
 	case ';':
 	case '#':
+	case '[': /* quotes a name for some */
 	case '\\': return NULL;
 	case '$': return at[1] >= '0' && at[1] <= '9' ? at + 1 : NULL;
 	default: return at + 1;

@@ -21,6 +21,7 @@ const struct { bool is_single, is_plannable; const char *text; } statements[] = 
 	{false, true, "SELECT 1 -- x\r; DELETE FROM t"}, {false, true, "SELECT 1 /* /* */ ; DELETE FROM t; -- */"},
 	{false, true, "SELECT 1 /*! ; DELETE FROM t */"}, {false, true, "SELECT $$ ' $$; DELETE FROM t; SELECT $$ ' $$"},
 	{false, true, "SELECT $a$;$a$"}, {false, true, "SELECT `a'b`, ';'"}, {false, true, "SELECT 1 /*/; DELETE FROM t"},
+	{false, true, "SELECT ['] ; DELETE FROM t; -- '"}, {false, true, "SELECT ` -- `, '\n; DELETE FROM t; -- '"},
 };
 
 TEST(Explain, IsSentOnlyForAStatementThatIsAloneAndHasAPlan)
