@@ -35,7 +35,7 @@ bench-check: all
 	@bench/instructions.py --check
 
 # random input for the parsers, a minute each; FUZZ_SECONDS changes that
-fuzz:
+fuzz: configure
 	@engine/packages fuzz
 	@tests/fuzz/run $(FUZZ_SECONDS)
 

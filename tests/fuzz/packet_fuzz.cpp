@@ -1,0 +1,67 @@
+// What agents send to the local daemon, decoded and reported: every packet that is taken prints as harmless text and as JSON
+// that strict parsers take, in every width and form.
+// Input: a number for the width, then the packet's body.
+// sources: daemon/packet.cpp daemon/wire.cpp daemon/json_text.cpp daemon/text.cpp daemon/page.cpp daemon/plan.cpp daemon/sql_text.cpp daemon/trace.cpp daemon/trace_text.cpp daemon/report_action.cpp daemon/report_sql.cpp daemon/report_json.cpp daemon/report_list.cpp daemon/report_profile.cpp
+// libraries: nlohmann_json sqlite3
+#include "report.h"
+#include "require.h"
+#include "text.h"
+
+using namespace quorbit;
+
+namespace {
+
+void check_text(const std::string& text) {
+  REQUIRE(valid_utf8(text) == text);
+  for (char byte : text) REQUIRE(byte == '\n' || (static_cast<unsigned char>(byte) >= ' ' && byte != 0x7F));
+}
+
+void check_json(const Json& value) {
+  for (bool pretty : {false, true}) {
+    std::string text = json_text(value, pretty);
+    REQUIRE(valid_utf8(text) == text);
+    REQUIRE(Json::accept(text));
+  }
+}
+
+// As the store tells what it has kept of an action.
+StoredAction stored(int64_t id, const Action& action) {
+  ActionRow row{id, 0, 1, action.application, action.name, action.duration_ms, action.database_ms, action.cache_ms,
+                action.external_ms, action.code_ms(), action.status(), action.error.has_value()};
+  return {row, action};
+}
+
+void check_action(const Action& action, size_t width) {
+  StoredAction shown = stored(1, action), other = stored(2, action);
+  std::vector<StoredAction> others = {other};
+  auto related = relate(shown, others);
+  for (bool full : {false, true}) check_text(action_text(shown, related, width, full));
+  check_text(action_table({shown.row}, width, 1000));
+  check_text(tail_line(shown.row));
+  check_json(action_json(shown, related));
+  check_json(action_summary(shown.row));
+}
+
+void check_query(const Query& query) {
+  Settings settings(query.environment.begin(), query.environment.end());
+  std::string packet = write_answer(7, query.stamp, settings);
+  REQUIRE(packet.size() > header_size && read_header(packet.data()).length == packet.size() - header_size);
+  auto records = read_records(std::string_view(packet).substr(header_size));
+  REQUIRE(records && records->size() == (query.stamp == 7 ? 1 : 1 + settings.size()));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1) return -1;
+  // Commands never print in fewer columns.
+  size_t width = 60 + data[0];
+  std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);
+  if (auto action = read_action(body)) check_action(*action, width);
+  if (auto query = read_query(body)) check_query(*query);
+  if (auto event = read_profile_event(body)) {
+    ProfilePrinter printer;
+    for (int i = 0; i < 3; i++) check_text(printer.add(*event));
+  }
+  return 0;
+}

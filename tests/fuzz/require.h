@@ -1,0 +1,29 @@
+// What every target shares: a check that ends the run, and inputs cut into texts.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#define REQUIRE(condition) \
+	((condition) ? (void)0 : (fprintf(stderr, "%s:%d: does not hold: %s\n", __FILE__, __LINE__, #condition), abort()))
+
+// The text up to the next line feed (or the end), taken off the front of the input.
+inline std::string take_line(std::string_view *input)
+{
+	std::string line(input->substr(0, input->find('\n')));
+	input->remove_prefix(line.size() < input->size() ? line.size() + 1 : input->size());
+	return line;
+}
+
+// A C string in a block of exactly its size, so that the sanitizer sees one byte too many.
+struct CText {
+	explicit CText(std::string_view bytes) : text(strndup(bytes.data(), bytes.size()), free) {}
+	operator char *() const { return text.get(); }
+	std::string str() const { return text.get(); }
+	std::unique_ptr<char, decltype(&free)> text;
+};
