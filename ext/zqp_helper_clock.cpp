@@ -21,22 +21,33 @@ int zq_thread_id(void)
 	return (int)syscall(SYS_gettid);
 }
 
+/* Reads up to `size` - 1 bytes of a file in one call and NUL-terminates them; the count, or -1 with errno set. */
+static ssize_t read_once(const char *path, char *text, size_t size)
+{
+	int fd = open(path, O_RDONLY | O_CLOEXEC);
+	if (fd == -1) {
+		return -1;
+	}
+	ssize_t len = read(fd, text, size - 1);
+	close(fd);
+	text[len > 0 ? len : 0] = '\0';
+	return len > 0 ? len : 0;
+}
+
 int zq_read_stat(int pid, uint64 *user_ticks, uint64 *system_ticks, long *resident_pages)
 {
-	char path[32];
+	char path[32], line[1024];
 	snprintf(path, sizeof path, "/proc/%d/stat", pid);
-	FILE *stat = fopen(path, "re");
-	if (!stat) {
+	if (read_once(path, line, sizeof line) == -1) {
 		ZQ_LOG(ZQ_LOG_ERROR, "open %s fail: %s", path, strerror(errno));
 		return -1;
 	}
 	/* fields 14, 15 and 24 of proc(5) */
 	unsigned long user, system;
 	long resident;
-	int fields = fscanf(stat,
+	int fields = sscanf(line,
 	                    "%*d %*s %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u%lu %lu %*d %*d %*d %*d %*d %*d %*u %*u %ld",
 	                    &user, &system, &resident);
-	fclose(stat);
 	if (fields != 3) {
 		return -1;
 	}
@@ -92,18 +103,15 @@ int zq_memory_used_of(const char *meminfo)
 int get_memory_used(void)
 {
 	char text[512];
-	int fd = open("/proc/meminfo", O_RDONLY | O_CLOEXEC);
-	if (fd == -1) {
+	ssize_t len = read_once("/proc/meminfo", text, sizeof text);
+	if (len == -1) {
 		ZQ_LOG(ZQ_LOG_ERROR, "open /proc/meminfo fail: %s", strerror(errno));
 		return 0;
 	}
-	ssize_t len = read(fd, text, sizeof text - 1);
-	close(fd);
-	if (len <= 0) {
+	if (len == 0) {
 		ZQ_LOG(ZQ_LOG_ERROR, "read /proc/meminfo fail");
 		return 0;
 	}
-	text[len] = '\0';
 	return zq_memory_used_of(text);
 }
 

@@ -11,7 +11,6 @@
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_json.h"
-#include "zqp_lock.h"
 #include "zqp_nosql.h"
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
@@ -365,11 +364,7 @@ void send_metric(int server_t TSRMLS_DC)
 	smart_str packet = {NULL, 0, 0};
 	append_packet(&packet, server_t TSRMLS_CC);
 
-	/* A time limit that struck inside would leave half a packet on a stream that is kept. */
-	sigset_t timers;
-	zq_hold_timers(&timers);
 	transmit(&packet TSRMLS_CC);
-	zq_allow_timers(&timers);
 	zq_buffer_free(&packet);
 }
 

@@ -3,7 +3,6 @@
 
 #include "zqp_debug.h"
 #include "zqp_io.h"
-#include "zqp_lock.h"
 
 static void send_event(int sock, const char *line, size_t line_len TSRMLS_DC)
 {
@@ -14,13 +13,9 @@ static void send_event(int sock, const char *line, size_t line_len TSRMLS_DC)
 	zq_append_record(&packet, ZQ_RE_PROFILE_LINE, line, line_len);
 	zq_fill_packet_header(&packet, ZQ_PK_THREAD_PROFILE);
 
-	/* A time limit that struck inside would leave half a packet on a stream that is kept. */
-	sigset_t timers;
-	zq_hold_timers(&timers);
 	if (zq_daemon_send(sock, packet.c, packet.len) != (ssize_t)packet.len) {
 		close_daemon(sock TSRMLS_CC);
 	}
-	zq_allow_timers(&timers);
 	zq_buffer_free(&packet);
 }
 
