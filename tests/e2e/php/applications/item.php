@@ -1,0 +1,4 @@
+<?php
+/* The called application. */
+usleep(4000);
+echo 'item';
