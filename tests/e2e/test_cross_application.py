@@ -14,7 +14,6 @@ CALLEE = {"zqs.vantorIdSecret": "12|34", "zqs.action_tracer.enabled": "1", "zqs.
 CALLER = {"X-Vantor-Id": "12|99;c=1;x=abc123"}
 TRACED = {**CALLEE, "zqs.transaction_tracer.enabled": "1"}
 ITEM = program("applications/item.php")
-CALL_ITEM = "echo file_get_contents('$URL');"
 NAME = "x-vantor-tx-data"
 
 
@@ -76,7 +75,6 @@ IDENTITIES = {
     "12": ("", None),
     "13|99;c=1;x=abc": (None, None),
     "1|2;c=1;x=abc": (None, None),
-    "": (None, None),
     ";c=1;x=12|34": (None, None),
     "12|99;c=1;x=" + "a" * 60000: ("a" * 60000, None),
     "12|99;c=1;x=\x80\xff\x7f'\"\\%s%n": ("\x80\xff\x7f'\"\\%s%n", None),
@@ -92,10 +90,9 @@ def test_incoming_identity(site, identity):
     found = answers_in(result)
     assert len(found) == accepted
     for answer in found:
-        metric = result.metric
-        assert metric.transaction_id == transaction.encode().decode("utf-8", "surrogateescape") or not transaction
-        assert len(metric.transaction_id) >= 2
-        assert answer.get("r") == request_id and answer["trId"] == metric.tracer_id and answer["tr"] == 1
+        given = result.metric.transaction_id
+        assert given == transaction if transaction else len(given) >= 2
+        assert (answer.get("r"), answer["trId"], answer["tr"]) == (request_id, result.metric.tracer_id, 1)
 
 
 @pytest.mark.parametrize("identity, uri", [
@@ -160,7 +157,7 @@ def test_the_daemon_joins_both_halves(real):
     real.php()                                    # starts the daemon
     wait_until(lambda: real.pids(), "the daemon")
     site.script(ITEM, "item.php")
-    page = site.script(CALL_ITEM.replace("$URL", start_server(site)), "page.php")
+    page = site.script(f"echo file_get_contents('{start_server(site)}');", "page.php")
     site.run([ENGINE / "bin/php-cgi", "-c", site.ini_file(True)], env=web_environment(page, "/page.php"), web=True)
 
     def of(name):

@@ -25,31 +25,25 @@ SOAP_ANSWER = http_answer("""<?xml version="1.0"?><e:Envelope xmlns:e="http://sc
 i:type="x:int">5</n></r></e:Body></e:Envelope>""", kind="text/xml")
 
 @pytest.fixture
-def peers():
+def call(site):
+    """Runs a script that calls a peer; gives the result and the requests of the run with the agent and of its twin."""
     started = []
 
-    def start(kind=Peer, **options):
-        started.append(kind(**options))
-        return started[-1]
-
-    yield start
-    for peer in started:
-        peer.close()
-
-
-@pytest.fixture
-def call(site, peers):
-    """Runs a script that calls a peer; gives the result and the requests of the run with the agent and of its twin."""
-    def run(code, answer=None, delay_ms=3, settings=TRACING, peer=None, path="/api/b2/items/123?x=1", **options):
+    def run(code, answer=None, delay_ms=3, settings=TRACING, kind=Peer, **options):
         site.daemon.configure(settings)
-        peer = peer or peers(answer=answer, delay_ms=delay_ms)
-        code = code.replace("$URL", peer.url(path)).replace("$PORT", str(peer.port))
-        result = site.cgi(code.replace("$FIXTURES", str(Path(__file__).parent / "php")), **options)
+        peer = kind(answer=answer, delay_ms=delay_ms)
+        started.append(peer)
+        for word, value in (("$URL", peer.url()), ("$PORT", peer.port), ("$FIXTURES", Path(__file__).parent / "php")):
+            code = code.replace(word, str(value))
+        result = site.cgi(code, **options)
         requests = peer.take()
         half = len(requests) // 2
         result.peer = peer
         return result, requests[:half], requests[half:]
-    return run
+
+    yield run
+    for peer in started:
+        peer.close()
 
 
 @pytest.fixture
@@ -119,7 +113,7 @@ def test_a_client_looks_the_same_when_nothing_is_traced(call):
 def test_failed_transfer_is_reported_with_its_stack(call, code, expected):
     answer, _, error = expected.partition(": ")
     metric = call(code, http_answer(status=answer))[0].metric
-    found = "".join(f"{e['status']}/{e['code']} {e['message']}" for e in metric.call_errors)
+    found = "".join(f"{e['status']}/{e['code']} {e['message']}".rstrip() for e in metric.call_errors)
     assert re.fullmatch(error, found)
     for error in metric.call_errors:
         assert [frame.partition("(")[0] for frame in error["stack"]] == ["curl_exec", "transfer", "fetch"]
@@ -203,7 +197,8 @@ def test_a_url_with_quotes_stays_inside_its_strings(call):
 
 def test_recorded_text_is_bounded(call):
     """Beyond 32 MiB only the total grows; the run ends normally under an ordinary memory limit."""
-    result, _, _ = call(program("external/bounded.php"), settings={"zqs.action_tracer.enabled": "0"}, ini={"memory_limit": "128M"})
+    settings = {"zqs.action_tracer.enabled": "0"}
+    result, _, _ = call(program("external/bounded.php"), settings=settings, ini={"memory_limit": "128M"})
     assert result.body == b"1" and result.metrics == [], "too large to be sent"
 
 
@@ -213,11 +208,10 @@ def test_http_request_class(call, doubles, code, expected):
 
 
 @pytest.mark.parametrize("settings", [TRACING, NO_IDENTITY], ids=["identity", "no identity"])
-def test_websocket(call, peers, settings):
+def test_websocket(call, settings):
     identified = settings is TRACING
-    peer = peers(WebSocketPeer, delay_ms=3)
-    result, mine, bare = call(program("external/websocket.php"), peer=peer, settings=settings)
-    name = f"ws:%2F%2F127.0.0.1:{peer.port}%2Fchat%2F*/WebsocketClient"
+    result, mine, bare = call(program("external/websocket.php"), kind=WebSocketPeer, settings=settings)
+    name = f"ws:%2F%2F127.0.0.1:{result.peer.port}%2Fchat%2F*/WebsocketClient"
     assert [(c.name, c.callee_id) for c in result.metric.calls] == [(name, "77|8" if identified else None), (name, None)]
     assert mine[1:] == bare[1:] == [b"one", b"two"] and IDENTITY.sub(b"", mine[0]) == bare[0]
     found = re.findall(IDENTITY.pattern + rb"(?=Sec-WebSocket-Key: )", mine[0])
@@ -228,10 +222,9 @@ SERVICE = "thrift:%2F%2F127.0.0.1%2FShop.Calc.CalcClient.add/Shop\\\\Calc\\\\Cal
 
 
 @pytest.mark.parametrize("settings", [TRACING, NO_IDENTITY], ids=["identity", "no identity"])
-def test_thrift(call, peers, settings):
-    peer = peers(ThriftPeer, delay_ms=3)
-    result, mine, bare = call(program("external/thrift.php"), peer=peer, settings=settings)
-    metric = result.metric
+def test_thrift(call, settings):
+    result, mine, bare = call(program("external/thrift.php"), kind=ThriftPeer, settings=settings)
+    metric, peer = result.metric, result.peer
     assert result.body == b"int(23)\n" and mine == bare == [("add", {1: 20, 2: 3})]
     one, = metric.calls
     assert one.name == SERVICE and one.ms >= 3 and one.callee_id == "77|8"
@@ -241,19 +234,14 @@ def test_thrift(call, peers, settings):
     assert node[7]["txData"] == json.loads(peer.extra) and node[5:7] == ["Shop\\Calc\\CalcClient", "add"]
 
 
-def test_thrift_failure_keeps_the_exceptions_text(call, peers):
+def test_thrift_failure_keeps_the_exceptions_text(call):
     class Silent(ThriftPeer):
         def serve(self, sock):
             sock.recv(4096)
 
-    error, = call(program("external/thrift.php"), peer=peers(Silent))[0].metric.call_errors
+    error, = call(program("external/thrift.php"), kind=Silent)[0].metric.call_errors
     assert (error["name"], error["code"], error["message"]) == (SERVICE, 1000, "TSocket: Could not read 4 bytes")
     assert error["stack"][0].startswith("Shop\\Calc\\CalcClient.add(")
-
-
-def test_thrift_over_http_is_one_record_and_the_next_call_counts_again(call):
-    result, _, _ = call(program("external/thrift_over_http.php"))
-    assert [c.name for c in result.metric.calls] == [SERVICE, metric_name(result.peer, "/api/b2/items/*", "file_get_contents")]
 
 
 @pytest.mark.parametrize("disabled, calls", [("zqprof_curl_header", [("curl_exec", None)]), ("curl_getinfo", [])])

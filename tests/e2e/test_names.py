@@ -1,6 +1,8 @@
 """Names by rule and URI: what the agent makes of bad rules and hostile addresses, and the dry run `quorbit names`, which must
 give what the agent gives."""
+import functools
 import json
+import operator
 import re
 import subprocess
 
@@ -18,10 +20,18 @@ def rule(name, match=4, value="", split=None, params=None, method=0):
     return {"name": name, "match": condition, "split": split or {}}
 
 
+def param(kind, name, match, value):
+    return [{"type": kind, "name": name, "match": match, "value": value}]
+
+
+def patterns(*values):
+    return json.dumps([rule("R", 5, value) for value in values])
+
+
 RULES = [
     rule("Login", 2, "/user/login", {"uri": "2", "urlParams": "act", "method": True}, method=2),
-    rule("Android", 0, "", {"uri": "-1", "headerParams": "User-Agent"}, [{"type": 2, "name": "user-agent", "match": 2, "value": "droid"}]),
-    rule("Form", 0, "", {}, [{"type": 3, "name": "id", "match": 5, "value": "."}]),
+    rule("Android", 0, "", {"uri": "-1", "headerParams": "User-Agent"}, param(2, "user-agent", 2, "droid")),
+    rule("Form", 0, "", {}, param(3, "id", 5, ".")),
     rule("Item", 5, "^/item/[0-9]+$"),
 ]
 REQUESTS = [     # method, URI, user agent
@@ -38,10 +48,9 @@ SETTINGS = {
 }
 
 
-def access_log(requests):
-    quoted = [(method, uri, (agent or "-").replace('"', '\\"')) for method, uri, agent in requests]
-    return "".join(f'10.0.0.7 - - [01/Jan/2024:10:00:00 +0100] "{method} {uri} HTTP/1.1" 200 12 "-" "{agent}"\n'
-                   for method, uri, agent in quoted)
+def log_line(method, uri, agent):
+    agent = (agent or "-").replace('"', '\\"')
+    return f'10.0.0.7 - - [01/Jan/2024:10:00:00 +0100] "{method} {uri} HTTP/1.1" 200 12 "-" "{agent}"\n'
 
 
 def dry_run(site, settings, text, *arguments):
@@ -64,7 +73,8 @@ def test_the_dry_run_gives_the_names_that_the_agent_gives(site, kind):
         headers = {"User-Agent": agent} if agent else {}
         name = site.cgi("", uri, method, headers=headers, twin=False, env={"SCRIPT_NAME": uri.partition("?")[0]}).metric.action
         given[name] = given.get(name, 0) + 1
-    status, names, printed = dry_run(site, settings, access_log(REQUESTS), "--script", site.docroot / "index.php")
+    log = "".join(log_line(*request) for request in REQUESTS)
+    status, names, printed = dry_run(site, settings, log, "--script", site.docroot / "index.php")
     assert {name: count for name, (count, _) in names.items()} == given and status == 0
     assert printed.startswith(f"Requests: {len(REQUESTS)}, names: {len(given)}\n") and "framework" in printed
     by = {"rules": {"rule", "URI"}, "parameters": {"URI"}}.get(kind, {"URI", "script"})
@@ -107,48 +117,36 @@ def test_the_dry_run_says_what_is_wrong(site):
 # ---- bad input, in a real request ----
 
 def wrong_types():
-    """The rule that would match, with each of its places in turn holding something of another type."""
-    good = rule("Bad", 0, "", {"uri": "1"}, [{"type": 1, "name": "a", "match": 0, "value": ""}])
+    """The rule that would match, with each of its places in turn holding something of another type. Only the parts of
+    "split" do not count: one of another type is left out, and the rule holds."""
+    good = rule("Bad", 0, "", {"uri": "1"}, param(1, "a", 0, ""))
     others = [None, True, 7, -1e300, "text", [], {}, [[]], {"name": {}}]
-
-    def places(node, path=()):
-        for key in (node if isinstance(node, dict) else range(len(node)) if isinstance(node, list) else []):
-            yield path + (key,)
-            yield from places(node[key], path + (key,))
-
-    found = []
-    for path in places(good):
-        if path[0] == "split" and len(path) > 1:
-            continue                                   # a part of another type is left out, and the rule holds
+    condition = ("match", "params", 0)
+    places = [("name",), ("match",), ("split",), *(("match", key) for key in good["match"]), condition,
+              *((*condition, key) for key in good["match"]["params"][0])]
+    for *path, last in places:
         for other in others:
             changed = json.loads(json.dumps(good))
-            target = changed
-            for key in path[:-1]:
-                target = target[key]
-            if type(other) is not type(target[path[-1]]):
-                target[path[-1]] = other
-                found.append(changed)
-    return found
-
-
-def deep(depth):
-    return "[" * depth + "]" * depth
+            target = functools.reduce(operator.getitem, path, changed)
+            if type(other) is not type(target[last]):
+                target[last] = other
+                yield changed
 
 
 BAD_RULES = {
-    "wrong types everywhere": json.dumps(wrong_types()),
+    "wrong types everywhere": json.dumps(list(wrong_types())),
     "a megabyte of rules": json.dumps([rule(f"R{i}", 1, "/none/" + "x" * 60) for i in range(8000)]),
-    "a pattern of a megabyte": json.dumps([rule("R", 5, "(" * (1 << 20))]),
-    "patterns that do not compile": json.dumps([rule("R", 5, value) for value in ("(", "[", "a{2,1}", "*{", "a{99999}", "[[:x:]]", "\\")]),
-    "patterns too costly to compile": json.dumps([rule("R", 5, "((((a{200}){200}){200}){200})"), rule("R", 5, "(" * 300 + ")" * 300)]),
-    "patterns too costly to match": json.dumps([rule("R", 5, value) for value in (
-        r"^/(a+)(a+)(a+)\1\2\3x", r"^/(.*)(.*)\1\2x$", "^/(a+)+$", "^(/(a|aa)+)+$", "(.*)(.*)(.*)(.*)(.*)x$", "((a*)*)*b")]),
+    "a pattern of a megabyte": patterns("(" * (1 << 20)),
+    "patterns that do not compile": patterns("(", "[", "a{2,1}", "*{", "a{99999}", "[[:x:]]", "\\"),
+    "patterns too costly to compile": patterns("((((a{200}){200}){200}){200})", "(" * 300 + ")" * 300),
+    "patterns too costly to match": patterns(r"^/(a+)(a+)(a+)\1\2\3x", r"^/(.*)(.*)\1\2x$", "^/(a+)+$", "^(/(a|aa)+)+$",
+                                             "(.*)(.*)(.*)(.*)(.*)x$", "((a*)*)*b"),
     "invalid UTF-8": b'[{"name":"\xff\xfe","match":{"method":0,"match":1,"value":"\xc3("},"split":{"uri":"\xed\xa0\x80"}}]',
     "numbers out of range": '[{"name":"R","match":{"method":1e400,"match":0,"value":""},"split":{}},'
                             '{"name":"R","match":{"method":0,"match":-99999999999,"value":""},"split":{}}]',
     "another root": '{"name":"R","match":{"method":0,"match":0,"value":""},"split":{}}',
 }
-LAST = json.dumps([rule("Last", 0, "", {"uri": "1"})])[1:-1]
+LAST = json.dumps(rule("Last", 0, "", {"uri": "1"})).encode()
 HOSTILE = "/" + "a" * 2000 + "/%22%27;!"
 
 
@@ -156,26 +154,30 @@ HOSTILE = "/" + "a" * 2000 + "/%22%27;!"
 def test_bad_rules_name_nothing_and_cost_little(site, kind):
     """No crash, no name; a good rule behind them is tried."""
     bad = BAD_RULES[kind] if isinstance(BAD_RULES[kind], bytes) else BAD_RULES[kind].encode()
-    with_last = bad.rstrip(b"]") + b"]" * (len(bad) - len(bad.rstrip(b"]")) - 1) + b"," + LAST.encode() + b"]"
     expected = [(bad, "WebAction/URI/" + HOSTILE[1:].replace("/", "%2F").replace("22", "*").replace("27", "*"))]
     if bad.startswith(b"["):
-        expected.append((with_last, "WebAction/Last/" + "a" * 2000))
+        expected.append((bad[:-1] + b"," + LAST + b"]", "WebAction/Last/" + "a" * 2000))
     for rules, name in expected:
-        settings = [wire.record(wire.SETTING, b"zqs.naming.rules=" + rules), wire.record(wire.SETTING, "zqs.auto_action_naming=0"),
-                    wire.record(wire.SETTING, "zqs.resource.enabled=0")]
-        site.daemon.reply = wire.record(wire.QUERY, wire.record(wire.STAMP, b"\1" + bytes(7)) + b"".join(settings))
+        settings = [b"zqs.naming.rules=" + rules, b"zqs.auto_action_naming=0", b"zqs.resource.enabled=0"]
+        records = [wire.record(wire.STAMP, b"\1" + bytes(7)), *(wire.record(wire.SETTING, setting) for setting in settings)]
+        site.daemon.reply = wire.record(wire.QUERY, b"".join(records))
         result = site.cgi("echo 1;", HOSTILE, ini=VERBOSE)
         assert result.metric.action == name and result.metric.duration_ms < 1500
     assert "naming json invalid" not in site.log()
 
 
-@pytest.mark.parametrize("rules, invalid_at", [
-    (deep(10000), "["), ('[{"name":"R"', ""), ("[1,,2]", ",2]"), ("%s%n%n", "%s%n%n"), ('["\x01', None), ("x" * (1 << 20), "xxxx")])
+# rules: where the log says that they are wrong
+NO_JSON = {
+    "[" * 10000 + "]" * 10000: "[", '[{"name":"R"': "", "[1,,2]": ",2]", "%s%n%n": "%s%n%n", '["\x01': "", "x" * (1 << 20): "xxxx",
+}
+
+
+@pytest.mark.parametrize("rules, invalid_at", NO_JSON.items(), ids=lambda text: text[:12].encode("unicode_escape").decode())
 def test_rules_that_are_no_json_are_logged_once(site, rules, invalid_at):
     site.daemon.configure({"zqs.naming.rules": rules})
     assert site.cgi("echo 1;", ini={"zqs.agent_log_level": "ERROR"}).metric.action == "WebAction/URI/index.php"
     lines = log_lines(site, "naming json invalid at: ")
-    assert len(lines) == 1 and lines[0].startswith(invalid_at or "")
+    assert len(lines) == 1 and lines[0].startswith(invalid_at)
     site.daemon.configure({"zqs.naming.rules": "[]"}, stamp=2)
     site.cgi("echo 1;")
     assert len(log_lines(site, "naming json invalid at: ")) == 1

@@ -65,3 +65,5 @@ class Dispatcher extends Object {
 Configure::write('debug', 0);
 $Dispatcher = new Dispatcher;
 $Dispatcher->dispatch(trim(strtok($_SERVER['REQUEST_URI'], '?'), '/'));
+# --- /posts => cakePHP/Blog.Post
+# --- /pages/index => URI/pages%2Findex

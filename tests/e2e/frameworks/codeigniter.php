@@ -102,3 +102,6 @@ $CI = new $class();
 call_user_func_array(array(&$CI, $RTR->method), array_slice($RTR->uri->segments, 2));
 $OUT =& load_class('Output');
 $OUT->_display();
+# --- / => CI/blog%2Findex
+# --- /blog/post/7 => CI/blog%2Fpost
+# --- /blog => CI/blog

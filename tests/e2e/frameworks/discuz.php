@@ -30,3 +30,4 @@ class C extends core {
 }
 C::creatapp();
 C::app()->init();
+# --- /forum.php => URI/forum.php

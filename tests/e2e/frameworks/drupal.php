@@ -60,3 +60,5 @@ function drupal_render_page($page) {
 }
 drupal_bootstrap(DRUPAL_BOOTSTRAP_FULL);
 menu_execute_active_handler();
+# --- /node/4711/edit => drupal/node%2F*%2Fedit
+# --- / => drupal/node

@@ -57,3 +57,4 @@ class JSite {
 $app = new JSite;
 $app->dispatch();
 $app->render();
+# --- /article => URI/article

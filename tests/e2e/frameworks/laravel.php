@@ -87,3 +87,5 @@ namespace {
 	Route::get('/users/{id}', 'UserController@show');
 	echo Route::dispatch(new Illuminate\Http\Request);
 }
+# --- /users/123 => App.Http.Controllers.UserController::show/*
+# --- /users => URI/users

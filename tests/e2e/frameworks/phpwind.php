@@ -42,3 +42,4 @@ class IndexController extends WindSimpleController {
 	}
 }
 Wekit::run('phpwind');
+# --- /read.php => URI/read.php

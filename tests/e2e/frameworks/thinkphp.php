@@ -42,3 +42,4 @@ namespace {
 	}
 	Think\App::run();
 }
+# --- /home/index => thinkPHP/Index

@@ -55,3 +55,4 @@ function load_template() {
 }
 wp_initial_constants();
 load_template();
+# --- /2017/hello => URI/*%2Fhello

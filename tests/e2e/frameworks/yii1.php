@@ -100,3 +100,6 @@ class SiteController extends CController {
 	}
 }
 Yii::createWebApplication(array('name' => 'shop'))->run();
+# --- /site/index => yii/site%2Findex
+# --- /site/captcha => yii/site%2Fcaptcha
+# --- / => yii/front page

@@ -94,3 +94,5 @@ namespace {
 	}
 	(new yii\web\Application(['id' => 'shop']))->run();
 }
+# --- /site/index?page=12 => yii/site%2Findex
+# --- / => URI/index

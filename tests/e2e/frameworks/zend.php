@@ -73,3 +73,4 @@ class IndexController extends Zend_Controller_Action {
 }
 $application = new Zend_Application('production', array());
 $application->bootstrap()->run();
+# --- /index => zendFramework/indexAction

@@ -45,3 +45,10 @@ function drupal_http_request($u) { file_get_contents($u); throw new Exception; }
 drupal_bootstrap();
 try { drupal_http_request('$URL'); } catch (Exception $e) { }
 file_get_contents('$URL');
+
+# --- Thrift over HTTP is one record, and the next call counts again => 1 identified: Shop\\Calc\\CalcClient, file_get_contents 77|8
+require '$FIXTURES/thrift.php';
+$t = new Thrift\Transport\THttpClient('127.0.0.1', $PORT, '/rpc');
+$c = new Shop\Calc\CalcClient(new Thrift\Protocol\TBinaryProtocol($t));
+try { $c->add(1, 2); } catch (Exception $e) { }
+file_get_contents('$URL');

@@ -1,16 +1,16 @@
 <?php
 /* The status that a transfer is answered with, and the error recorded of it: status/code and message, as a pattern. */
 function transfer($c) { curl_setopt($c, CURLOPT_RETURNTRANSFER, true); return curl_exec($c); }
-# --- 400 => 400 Bad Request: 400/400 
+# --- 400 => 400 Bad Request: 400/400
 function fetch() { var_dump(transfer(curl_init('$URL'))); }
 fetch();
-# --- 503 => 503 Service Unavailable: 503/503 
+# --- 503 => 503 Service Unavailable: 503/503
 function fetch() { var_dump(transfer(curl_init('$URL'))); }
 fetch();
-# --- 401 is half of an exchange => 401 Unauthorized: 
+# --- 401 is half of an exchange => 401 Unauthorized
 function fetch() { var_dump(transfer(curl_init('$URL'))); }
 fetch();
-# --- 302 => 302 Found: 
+# --- 302 => 302 Found
 function fetch() { var_dump(transfer(curl_init('$URL'))); }
 fetch();
 # --- refused => 200 OK: /1000 Failed to connect.*
