@@ -1,4 +1,4 @@
-"""The PHP programs below php/. A file is one program, or a table of them, each under a line `# --- name => what is expected of it`;
+"""The PHP programs below php/. A file is one program, or a table of them, each under a line `# --- name => what is expected`;
 what stands above the first of these lines belongs to all."""
 import re
 from pathlib import Path

@@ -114,11 +114,10 @@ def test_a_broken_client_costs_only_its_connection(real, noise):
 def test_a_profile_shows_the_calls_of_an_application(real):
     real.php()
     real.reports(1)
-    profile = subprocess.Popen([QUORBIT, "profile", "Shop", "1s", "--root", real.site.root], stdout=subprocess.PIPE, text=True)
-    try:
-        wait_until(lambda: real.php("function deep() { } deep();") == b"" and profile.poll() is not None, "the profile", 30)
-        assert "deep" in profile.stdout.read() and profile.returncode == 0
-    finally:
-        profile.kill()
-        profile.wait()
-        profile.stdout.close()
+    command = [QUORBIT, "profile", "Shop", "1s", "--root", real.site.root]
+    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as profile:
+        try:
+            wait_until(lambda: real.php("function deep() { } deep();") == b"" and profile.poll() is not None, "the profile", 30)
+            assert "deep" in profile.stdout.read() and profile.returncode == 0
+        finally:
+            profile.kill()

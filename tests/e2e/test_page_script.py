@@ -1,5 +1,5 @@
-"""The browser script in the page: exactly once where it belongs, not at all where it does not; without it the response is byte for
-byte the one without the agent."""
+"""The browser script in the page: exactly once where it belongs, not at all where it does not; without it the response is
+byte for byte the one without the agent."""
 import re
 import zlib
 

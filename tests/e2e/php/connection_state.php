@@ -11,14 +11,16 @@ foreach (array("INSERT INTO n (v) VALUES (1),(2)", "INSERT INTO n (v) VALUES (2)
 # --- mysql => DB_ERROR
 $link = mysql_link();
 mysql_query("CREATE TEMPORARY TABLE n (id INT AUTO_INCREMENT PRIMARY KEY, v INT UNIQUE)");
-foreach (array("INSERT INTO n (v) VALUES (1),(2)", "INSERT INTO n (v) VALUES (2)", "UPDATE n SET v = v + 10", "DELETE FROM n") as $sql) {
+foreach (array("INSERT INTO n (v) VALUES (1),(2)", "INSERT INTO n (v) VALUES (2)", "UPDATE n SET v = v + 10",
+               "DELETE FROM n") as $sql) {
     mysql_query($sql);
     echo mysql_affected_rows(), " ", mysql_insert_id(), mysql_info(), mysql_error();
 }
 # --- pg => DB_ERROR
 $link = pg_link();
 pg_query("CREATE TEMP TABLE n (id SERIAL, v INT UNIQUE)");
-foreach (array("INSERT INTO n (v) VALUES (1), (2)", "INSERT INTO n (v) VALUES (2)", "UPDATE n SET v = v + 10", "SELECT lastval()") as $sql) {
+foreach (array("INSERT INTO n (v) VALUES (1), (2)", "INSERT INTO n (v) VALUES (2)", "UPDATE n SET v = v + 10",
+               "SELECT lastval()") as $sql) {
     $r = @pg_query($link, $sql);
     echo json_encode(array($r ? array(pg_affected_rows($r), pg_fetch_row($r)) : 0, pg_last_error(), pg_last_notice($link)));
 }

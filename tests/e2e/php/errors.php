@@ -14,7 +14,7 @@ eval('class A { }');
 # --- an error of the application => USER_ERROR | 100% broken | trigger_error f
 function f() { trigger_error('100% broken', E_USER_ERROR); }
 f();
-# --- wrong type => RECOVERABLE_ERROR | Argument 1 passed to f() must be of the type array, integer given, called | f
+# --- wrong type => RECOVERABLE_ERROR | Argument 1 passed to f() must be of the type array, integer given | f
 function f(array $x) { }
 f(1);
 # --- behind an @ => RUNTIME_ERROR | Call to undefined function absent() | f
@@ -33,13 +33,13 @@ trigger_error('w', E_USER_WARNING);
 trigger_error('d', E_USER_DEPRECATED);
 S::f();
 include 'absent.php';
-# --- memory => RUNTIME_ERROR | Allowed memory size of 8388608 bytes exhausted (tried to allocate 100001 bytes) | str_repeat {closure} a
+# --- memory => RUNTIME_ERROR | Allowed memory size of 8388608 bytes exhausted | str_repeat {closure} a
 function a($f) { $f(); }
 a(function () {
     $x = array();
     while (true) $x[] = str_repeat('x', 100000);
 });
-# --- memory at shutdown => RUNTIME_ERROR | Allowed memory size of 8388608 bytes exhausted (tried to allocate 67108865 bytes) | str_repeat {closure}
+# --- memory at shutdown => RUNTIME_ERROR | Allowed memory size of 8388608 bytes exhausted | str_repeat {closure}
 register_shutdown_function(function () { str_repeat('x', 64 << 20); });
 # --- time, in nested calls => RUNTIME_ERROR | Maximum execution time of 1 second exceeded | {closure} a
 function a($f) { $f(); }
@@ -55,7 +55,7 @@ a(function () { throw new LogicException('lost', 5); });
 namespace Shop\Cart;
 class Full extends \Exception { }
 throw new Full("it's full");
-# --- a previous exception, which the engine names first => RuntimeException | Uncaught exception 'RuntimeException' with message 'inner'
+# --- its previous one first => RuntimeException | Uncaught exception 'RuntimeException' with message 'inner'
 throw new LogicException('outer', 0, new RuntimeException('inner'));
 # --- an exception without message, in one that has one => RUNTIME_ERROR | Uncaught exception 'RuntimeException'
 throw new LogicException('outer', 0, new RuntimeException);
@@ -133,7 +133,7 @@ function handler($type, $message) { echo "[$message]"; return true; }
 set_error_handler('handler');
 echo $x;
 trigger_error('w', E_USER_WARNING);
-# --- handled wrong type => RECOVERABLE_ERROR | Argument 1 passed to f() must be of the type array, integer given, called | handler f
+# --- handled wrong type => RECOVERABLE_ERROR | Argument 1 passed to f() must be of the type array, integer given | handler f
 function handler($type, $message) { echo "[$message]"; return true; }
 function f(array $x) { return 1; }
 set_error_handler('handler');
@@ -158,7 +158,7 @@ trigger_error('broken', E_USER_ERROR);
 function handler($type, $message) { echo 'seen'; return false; }
 set_error_handler('handler');
 trigger_error('broken', E_USER_ERROR);
-# --- handler that throws => RECOVERABLE_ERROR | Argument 1 passed to f() must be of the type array, integer given, called | handler f
+# --- throws => RECOVERABLE_ERROR | Argument 1 passed to f() must be of the type array, integer given | handler f
 function handler($type, $message) { throw new ErrorException($message, 0, $type); }
 function f(array $x) { }
 set_error_handler('handler');
