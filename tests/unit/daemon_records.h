@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -23,9 +25,17 @@ inline std::string record(int type, std::string_view body) {
 inline std::string number(int32_t value) { return {reinterpret_cast<const char*>(&value), sizeof value}; }
 
 // The body of a metric packet: the records that every action has, then `more`.
-inline std::string action_body(const std::string& application, const std::string& name, int duration_ms, const std::string& more = "") {
+inline std::string action_body(const std::string& application, const std::string& name, int duration_ms,
+                               const std::string& more = "") {
   return record(0x11, application) + record(0x0E, "account") + record(0x12, name) + record(0x1A, number(3)) +
          record(0x1B, number(900)) + record(0x14, number(7)) + record(0x15, number(duration_ms)) + more;
+}
+
+// A file of data/, whole.
+inline std::string data(const std::string& name) {
+  const std::string here = __FILE__;
+  std::ifstream file(here.substr(0, here.rfind('/')) + "/data/" + name);
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 }  // namespace quorbit_test
