@@ -24,6 +24,7 @@ SOAP_ANSWER = http_answer("""<?xml version="1.0"?><e:Envelope xmlns:e="http://sc
 <r xmlns="urn:stock"><n xmlns:i="http://www.w3.org/2001/XMLSchema-instance" xmlns:x="http://www.w3.org/2001/XMLSchema"
 i:type="x:int">5</n></r></e:Body></e:Envelope>""", kind="text/xml")
 
+
 @pytest.fixture
 def call(site):
     """Runs a script that calls a peer; gives the result and the requests of the run with the agent and of its twin."""

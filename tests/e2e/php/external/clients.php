@@ -146,8 +146,8 @@ soap(new SoapClient(null, $soap));
 # --- SoapClient, a context => SoapClient, identified, answered
 $x = $soap['stream_context'] = stream_context_create(array('http' => array('user_agent' => 'me')));
 $before = stream_context_get_options($x);
-print_r($before);
 soap(new SoapClient(null, $soap));
+print_r($before);
 
 # --- SoapClient, a context with headers => SoapClient, answered
 $soap['stream_context'] = stream_context_create(array('http' => array('header' => 'A: 1')));
