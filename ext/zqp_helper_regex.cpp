@@ -9,31 +9,52 @@ static const size_t max_pattern_len = 1024;
 static const int max_depth = 64;
 static const unsigned long max_repeats = 1000; /* of one atom, by all the repeats that it is nested in */
 static const unsigned long max_atoms = 3000;   /* after unfolding: 0.1 s and 100 MiB for the worst of them */
+static const unsigned long max_loop = 64;      /* of what an endless repeat goes round without reading: time by its cube */
 static const unsigned long max_count = 32767;  /* RE_DUP_MAX: beyond it a pattern does not compile */
 
-/* An open group, or the whole pattern. */
+/* What a repeat may multiply: a character, a bracket expression, a group, with the repeats that it has already. */
+typedef struct atom {
+	unsigned long atoms;   /* unfolded; a group and each repeat count as one more */
+	unsigned long repeats; /* greatest product of nested repeats */
+	int can_be_empty;
+} atom;
+
+/* An open group, or the whole pattern: what it has read without the last atom, which a repeat may follow. */
 typedef struct group {
-	unsigned long atoms;        /* unfolded, without the last one */
-	unsigned long last_atoms;   /* the one that a repeat would multiply; a group and each repeat count as one */
-	unsigned long repeats;      /* greatest product of nested repeats, without the last atom's */
-	unsigned long last_repeats;
+	atom read;          /* `can_be_empty`: the present branch */
+	atom last;
+	int has_empty_branch;
 } group;
+
+static const atom nothing = {0, 1, 1};
 
 static void settle(group *g)
 {
-	g->atoms += g->last_atoms;
-	if (g->last_repeats > g->repeats) {
-		g->repeats = g->last_repeats;
+	g->read.atoms += g->last.atoms;
+	if (g->last.repeats > g->read.repeats) {
+		g->read.repeats = g->last.repeats;
 	}
-	g->last_atoms = 0;
-	g->last_repeats = 1;
+	g->read.can_be_empty &= g->last.can_be_empty;
+	g->last = nothing;
 }
 
-static void add_atom(group *g, unsigned long atoms, unsigned long repeats)
+static void add_atom(group *g, atom added)
 {
 	settle(g);
-	g->last_atoms = atoms;
-	g->last_repeats = repeats;
+	g->last = added;
+}
+
+static void begin_branch(group *g)
+{
+	add_atom(g, {1, 1, 1});
+	g->has_empty_branch |= g->read.can_be_empty;
+	g->read.can_be_empty = 1;
+}
+
+static void close_group(group *g)
+{
+	settle(g);
+	add_atom(g - 1, {g->read.atoms + 1, g->read.repeats, g->read.can_be_empty | g->has_empty_branch});
 }
 
 /* Behind a bracket expression whose "[" was just read; a "]" directly behind "[" or "[^", and those that end a class
@@ -59,56 +80,88 @@ static const char *skip_brackets(const char *at)
 	return *at ? at + 1 : at;
 }
 
-/* Copies that "{n}", "{n,}" or "{n,m}" makes of an atom; `*at` stands behind the "{" and is moved behind the "}". */
-static unsigned long copies_of_braces(const char **at)
+struct repeat {
+	unsigned long copies; /* that it makes of the atom */
+	int may_be_none, is_endless;
+};
+
+/* "{n}", "{n,}" or "{n,m}"; `*at` stands behind the "{" and is moved behind the "}". */
+static struct repeat read_braces(const char **at)
 {
 	char *end;
 	unsigned long low = strtoul(*at, &end, 10), copies = low;
+	int is_endless = 0;
 	if (*end == ',') {
 		const char *high = end + 1;
 		copies = strtoul(high, &end, 10);
-		copies = end == high ? low + 1 : copies > low ? copies : low;
+		is_endless = end == high;
+		copies = is_endless ? low + 1 : copies > low ? copies : low;
 	}
 	*at = *end == '}' ? end + 1 : end;
-	return copies < 1 ? 1 : copies > max_count ? max_count : copies;
+	return {copies < 1 ? 1 : copies > max_count ? max_count : copies, low == 0, is_endless};
+}
+
+/* Applies the repeat `ch` to the last atom; 0 when it would go round too much that can be empty. */
+static int read_repeat(char ch, const char **at, atom *last)
+{
+	struct repeat repeat = {ch == '+' ? 2ul : 1ul, ch != '+', ch != '?'}; /* "+" is unfolded as "aa*" */
+	if (ch == '{') {
+		repeat = read_braces(at);
+	}
+	if (repeat.is_endless && last->can_be_empty && last->atoms > max_loop) {
+		return 0;
+	}
+	last->atoms = last->atoms * repeat.copies + 1;
+	last->repeats *= repeat.copies;
+	last->can_be_empty |= repeat.may_be_none;
+	return 1;
+}
+
+/* An escaped character, or one of the places that GNU's syntax knows; 0 for a reference back. */
+static int read_escape(const char **at, group *g)
+{
+	if (**at >= '1' && **at <= '9') {
+		return 0;
+	}
+	add_atom(g, {1, 1, **at && strchr("bB<>`'", **at)});
+	*at += **at != '\0';
+	return 1;
 }
 
 /* Reads one atom or operator; 0 when a bound is passed. */
 static int read_one(const char **at, group *groups, int *depth)
 {
 	group *g = &groups[*depth];
-	unsigned long copies = 1;
 	char ch = *(*at)++;
-	int is_repeat = strchr("*?+{", ch) != NULL; /* a node of its own: repeats of repeats copy it with the rest */
-	if (ch == '\\' && **at >= '1' && **at <= '9') {
-		return 0;
-	}
-	if (ch == '(') {
+	int is_bounded = 1;
+	switch (ch) {
+	case '(':
 		if (*depth == max_depth) {
 			return 0;
 		}
-		groups[++*depth] = {0, 0, 1, 1};
+		groups[++*depth] = {nothing, nothing, 0};
 		return 1;
-	}
-	if (ch == ')' && *depth > 0) {
-		settle(g);
-		--*depth;
-		add_atom(g - 1, g->atoms + 1, g->repeats);
-	} else if (ch == '{') {
-		copies = copies_of_braces(at);
-	} else if (ch == '+') {
-		copies = 2; /* unfolded as "aa*" */
-	} else if (ch == '[') {
+	case ')':
+		if (*depth > 0) {
+			close_group(g);
+			g = &groups[--*depth];
+		} else {
+			add_atom(g, {1, 1, 0});
+		}
+		break;
+	case '|': begin_branch(g); break;
+	case '\\': is_bounded = read_escape(at, g); break;
+	case '*':
+	case '?':
+	case '+':
+	case '{': is_bounded = read_repeat(ch, at, &g->last); break;
+	case '[':
 		*at = skip_brackets(*at);
-		add_atom(g, 1, 1);
-	} else if (ch != '*' && ch != '?') {
-		*at += ch == '\\' && **at;
-		add_atom(g, 1, 1);
+		add_atom(g, {1, 1, 0});
+		break;
+	default: add_atom(g, {1, 1, ch == '^' || ch == '$'});
 	}
-	g = &groups[*depth];
-	g->last_atoms = g->last_atoms * copies + is_repeat;
-	g->last_repeats *= copies;
-	return g->atoms + g->last_atoms <= max_atoms && g->last_repeats <= max_repeats;
+	return is_bounded && g->read.atoms + g->last.atoms <= max_atoms && g->last.repeats <= max_repeats;
 }
 
 int zq_regex_is_bounded(const char *pattern)
@@ -118,7 +171,7 @@ int zq_regex_is_bounded(const char *pattern)
 	}
 	group groups[max_depth + 1];
 	int depth = 0;
-	groups[0] = {0, 0, 1, 1};
+	groups[0] = {nothing, nothing, 0};
 	while (*pattern) {
 		if (!read_one(&pattern, groups, &depth)) {
 			return 0;

@@ -84,8 +84,8 @@ static inline int zq_str_to_int(const char *str)
 
 /* zqp_helper_regex.cpp */
 /* 1 when the C library can take the pattern (extended syntax) safely: at most 1,024 bytes, groups at most 64 deep, nested
- * repeats multiplying to at most 1,000, at most 3,000 atoms and repeats once they are unfolded, no references back to a
- * group. It crashes, takes gigabytes or runs for seconds on others. */
+ * repeats multiplying to at most 1,000, at most 3,000 atoms and repeats once they are unfolded, 64 of them in an endless
+ * repeat of what can be empty, no references back to a group. It crashes, takes gigabytes or runs for seconds on others. */
 int zq_regex_is_bounded(const char *pattern);
 
 #endif

@@ -95,6 +95,7 @@ TEST_F(HelperString, RefusesPatternsThatWouldHoldUpTheCompiler)
 		{"(x|(b(a{1,40})y)z){1,40}", 0}, {"a{40}{40}", 0}, {"a{999}b{999}c{999}d{999}", 0},
 		{"a" + std::string(9, '+'), 1}, {"a" + std::string(10, '+'), 0}, /* each one doubles what stands before it */
 		{"a??{0,999}", 1}, {"a" + std::string(21, '?') + "{0,999}", 0}, /* copies bring their repeats along */
+		{"((a?){1,200})+", 0}, {"((x|^){1,100})*", 0}, {"((a?){1,12})+", 1}, {"(/[a-z]{0,200})+", 1}, /* round and round nothing */
 		{"(a)\\1", 0}, {"(a)[\\1]\\\\1\\0", 1},                         /* matching a reference takes time without bound */
 		{"[[:a", 1},                                                     /* unfinished: ends the scan, and does not compile */
 	};
