@@ -15,7 +15,7 @@ from pathlib import Path
 from statistics import median
 
 PROJECT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(PROJECT / "tests/e2e"))
+sys.path.insert(0, str(PROJECT / "tests/harness"))
 
 import engines  # noqa: E402
 
