@@ -2,9 +2,13 @@
 #include "php_zqprof.h"
 #include "zqp_helper.h"
 
+/* The engine's signature of a change handler; all but value and stage are unused here. */
+typedef int (*change_handler)(zend_ini_entry *, char *, uint, void *, void *, void *, int TSRMLS_DC);
+
 /* A script changed a trace setting: the running request follows. At every other stage the settings are read when the
  * application's record is made. ini_restore() may bring a null value. */
-static int store_at_run_time(int zend_zqprof_globals::*field, const char *new_value, int stage TSRMLS_DC)
+template <int zend_zqprof_globals::*field>
+static int follow_at_run_time(zend_ini_entry *, char *new_value, uint, void *, void *, void *, int stage TSRMLS_DC)
 {
 	if (stage == ZEND_INI_STAGE_RUNTIME) {
 		zq_globals(TSRMLS_C)->*field = zq_str_to_int(new_value ? new_value : "");
@@ -12,42 +16,20 @@ static int store_at_run_time(int zend_zqprof_globals::*field, const char *new_va
 	return SUCCESS;
 }
 
-/* The engine's signature of a change handler; all but value and stage are unused here. */
-#define ZQ_CHANGE_HANDLER(name)                                                                                         \
-	static int name(zend_ini_entry *, char *new_value, uint, void *, void *, void *, int stage TSRMLS_DC)
-
-ZQ_CHANGE_HANDLER(update_action_tracer_enabled)
-{
-	return store_at_run_time(&zend_zqprof_globals::action_tracer_enabled, new_value, stage TSRMLS_CC);
-}
-
-ZQ_CHANGE_HANDLER(update_action_tracer_action_threshold)
-{
-	return store_at_run_time(&zend_zqprof_globals::action_tracer_action_threshold, new_value, stage TSRMLS_CC);
-}
-
-ZQ_CHANGE_HANDLER(update_action_tracer_slow_sql)
-{
-	return store_at_run_time(&zend_zqprof_globals::action_tracer_slow_sql, new_value, stage TSRMLS_CC);
-}
-
-ZQ_CHANGE_HANDLER(update_action_tracer_slow_sql_threshold)
-{
-	return store_at_run_time(&zend_zqprof_globals::action_tracer_slow_sql_threshold, new_value, stage TSRMLS_CC);
-}
-
-ZQ_CHANGE_HANDLER(update_action_tracer_explain_enabled)
-{
-	return store_at_run_time(&zend_zqprof_globals::action_tracer_explain_enabled, new_value, stage TSRMLS_CC);
-}
-
-ZQ_CHANGE_HANDLER(update_action_tracer_explain_threshold)
-{
-	return store_at_run_time(&zend_zqprof_globals::action_tracer_explain_threshold, new_value, stage TSRMLS_CC);
-}
+using globals = zend_zqprof_globals;
+static constexpr change_handler update_action_tracer_enabled = follow_at_run_time<&globals::action_tracer_enabled>;
+static constexpr change_handler update_action_tracer_action_threshold =
+	follow_at_run_time<&globals::action_tracer_action_threshold>;
+static constexpr change_handler update_action_tracer_slow_sql = follow_at_run_time<&globals::action_tracer_slow_sql>;
+static constexpr change_handler update_action_tracer_slow_sql_threshold =
+	follow_at_run_time<&globals::action_tracer_slow_sql_threshold>;
+static constexpr change_handler update_action_tracer_explain_enabled =
+	follow_at_run_time<&globals::action_tracer_explain_enabled>;
+static constexpr change_handler update_action_tracer_explain_threshold =
+	follow_at_run_time<&globals::action_tracer_explain_threshold>;
 
 /* Only a command-line run may rename its application: in a web request the name decides whose configuration rules. */
-ZQ_CHANGE_HANDLER(update_zqs_app_name)
+static int update_zqs_app_name(zend_ini_entry *, char *new_value, uint, void *, void *, void *, int stage TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (g_cli && stage == ZEND_INI_STAGE_RUNTIME && g->request_open) {
@@ -59,8 +41,6 @@ ZQ_CHANGE_HANDLER(update_zqs_app_name)
 	}
 	return SUCCESS;
 }
-
-typedef int (*change_handler)(zend_ini_entry *, char *, uint, void *, void *, void *, int TSRMLS_DC);
 
 template <size_t N, size_t M>
 static constexpr zend_ini_entry setting(const char (&name)[N], const char (&value)[M], int changeable,

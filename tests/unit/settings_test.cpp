@@ -1,0 +1,35 @@
+#include "engine_fixture.h"
+
+class Settings : public EngineTest {};
+
+/* A running request follows ini_set() of the trace settings; only a command-line run may name its application. */
+TEST_F(Settings, FollowTheScript)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	const struct { const char *setting; int *field; } rows[] = {
+		{"enabled", &g->action_tracer_enabled}, {"action_threshold", &g->action_tracer_action_threshold},
+		{"slow_sql", &g->action_tracer_slow_sql}, {"slow_sql_threshold", &g->action_tracer_slow_sql_threshold},
+		{"explain_enabled", &g->action_tracer_explain_enabled}, {"explain_threshold", &g->action_tracer_explain_threshold},
+	};
+	std::string all;
+	for (const auto &row : rows) {
+		*row.field = -1;
+		all += std::to_string(30 + (&row - rows)) + ",";
+		run("ini_set('zqs.action_tracer." + std::string(row.setting) + "', '" + std::to_string(30 + (&row - rows)) + " ms');");
+	}
+	std::string found;
+	for (const auto &row : rows) {
+		found += std::to_string(*row.field) + ",";
+	}
+	EXPECT_EQ(found, all); /* each its own field, the text's leading number */
+	run("ini_set('zqs.action_tracer.enabled', 'TRUE'); ini_set('zqs.action_tracer.slow_sql', 'on');");
+	EXPECT_EQ(g->action_tracer_enabled, 1);
+	EXPECT_EQ(g->action_tracer_slow_sql, 0);
+	const int was_cli = g_cli;
+	for (const auto &[cli, name] : {std::pair(1, "cron"), std::pair(0, "web")}) {
+		g_cli = cli;
+		run("ini_set('zqs.app_name', '" + std::string(name) + "');");
+		EXPECT_STREQ(g->app_name, "cron");
+	}
+	g_cli = was_cli;
+}
