@@ -53,8 +53,9 @@ HashTable *zq_property_table(zval *object TSRMLS_DC);
  * `function_table` is accepted for symmetry with the engine's call_user_function. */
 int zq_call_user_function(HashTable *function_table, zval **object, zval *function_name, zval *retval,
                           zend_uint param_count, zval **params TSRMLS_DC);
-/* The same for a function, or a method of `object`, given by name. "Class::method" names the method of that class even
- * where the object's own class overrides it: the script's code does not run. */
+/* The same for a function, or a method of `object`, given by name; a function's is found faster in lower case.
+ * "Class::method" names the method of that class even where the object's own class overrides it: the script's code does
+ * not run. */
 int zq_call_named(zval *object, const char *function, zval *retval, zend_uint param_count, zval **params TSRMLS_DC);
 /* Copies a property into `retval` as quietly, through the class's own handler; SUCCESS, or FAILURE when it is no object
  * or cannot be read. `retval` is always initialised and released as above. */

@@ -113,33 +113,34 @@ static void drop_callee_leftovers(HashTable *symbols TSRMLS_DC)
 	drop_exception(TSRMLS_C); /* thrown by a destructor, the first exception's perhaps */
 }
 
-static int call_checked(zval *object, zval *function_name, zval *retval, zend_uint param_count, zval **params TSRMLS_DC)
+/* What is done aside: a call, or the reading of a property. */
+typedef struct aside_task {
+	zval *object;
+	zval *callable;              /* whatever PHP code can call; or */
+	zend_function *function;     /* a function that is known already; or */
+	const char *property;
+	zval *retval;
+	zend_uint param_count;
+	zval **params;
+} aside_task;
+
+static int call(const aside_task *task, zend_fcall_info_cache *target TSRMLS_DC)
 {
 	zend_fcall_info call;
-	zend_fcall_info_cache target;
-	char *error = NULL;
 	zval **slots[MAX_PARAMS], *result = NULL;
-	int outcome = FAILURE;
-
-	/* asked first, because the call itself would raise a warning for some of what cannot be called */
-	if (zend_is_callable_ex(function_name, object, IS_CALLABLE_CHECK_SILENT, NULL, NULL, &target, &error TSRMLS_CC)) {
-		for (zend_uint i = 0; i < param_count; i++) {
-			slots[i] = &params[i];
-		}
-		memset(&call, 0, sizeof call);
-		call.size = sizeof call;
-		call.function_table = EG(function_table);
-		call.function_name = function_name;
-		call.object_ptr = object;
-		call.retval_ptr_ptr = &result;
-		call.param_count = param_count;
-		call.params = slots;
-		call.no_separation = 1;
-		outcome = zend_call_function(&call, &target TSRMLS_CC);
+	for (zend_uint i = 0; i < task->param_count; i++) {
+		slots[i] = &task->params[i];
 	}
-	if (error) {
-		efree(error);
-	}
+	memset(&call, 0, sizeof call);
+	call.size = sizeof call;
+	call.function_table = EG(function_table);
+	call.function_name = task->callable;
+	call.object_ptr = task->object;
+	call.retval_ptr_ptr = &result;
+	call.param_count = task->param_count;
+	call.params = slots;
+	call.no_separation = 1;
+	int outcome = zend_call_function(&call, target TSRMLS_CC);
 	if (drop_exception(TSRMLS_C)) {
 		outcome = FAILURE;
 	}
@@ -147,22 +148,37 @@ static int call_checked(zval *object, zval *function_name, zval *retval, zend_ui
 		return outcome;
 	}
 	if (outcome == SUCCESS) {
-		COPY_PZVAL_TO_ZVAL(*retval, result);
+		COPY_PZVAL_TO_ZVAL(*task->retval, result);
 	} else {
 		zval_ptr_dtor(&result);
 	}
 	return outcome;
 }
 
-/* What is done aside: a call, or the reading of a property when there is no function. */
-typedef struct aside_task {
-	zval *object;
-	zval *function_name;
-	const char *property;
-	zval *retval;
-	zend_uint param_count;
-	zval **params;
-} aside_task;
+static int call_known(const aside_task *task TSRMLS_DC)
+{
+	zend_fcall_info_cache target;
+	memset(&target, 0, sizeof target);
+	target.initialized = 1;
+	target.function_handler = task->function;
+	return call(task, &target TSRMLS_CC);
+}
+
+static int call_checked(const aside_task *task TSRMLS_DC)
+{
+	zend_fcall_info_cache target;
+	char *error = NULL;
+	/* asked first, because the call itself would raise a warning for some of what cannot be called */
+	int callable = zend_is_callable_ex(task->callable, task->object, IS_CALLABLE_CHECK_SILENT, NULL, NULL, &target, &error TSRMLS_CC);
+	if (error) {
+		efree(error);
+	}
+	if (callable) {
+		return call(task, &target TSRMLS_CC);
+	}
+	drop_exception(TSRMLS_C); /* an autoloader's */
+	return FAILURE;
+}
 
 /* Class handlers may answer with a value that nobody owns yet, or with one that the object keeps. */
 static int read_checked(const aside_task *task TSRMLS_DC)
@@ -182,6 +198,11 @@ static int read_checked(const aside_task *task TSRMLS_DC)
 	return outcome;
 }
 
+static int perform(const aside_task *task TSRMLS_DC)
+{
+	return task->property ? read_checked(task TSRMLS_CC) : task->function ? call_known(task TSRMLS_CC) : call_checked(task TSRMLS_CC);
+}
+
 static int run_aside(const aside_task *task TSRMLS_DC)
 {
 	script_state saved;
@@ -192,9 +213,7 @@ static int run_aside(const aside_task *task TSRMLS_DC)
 	save_script(&saved TSRMLS_CC);
 	step_aside(&base, &symbols TSRMLS_CC);
 	zend_try {
-		outcome = task->function_name
-			? call_checked(task->object, task->function_name, task->retval, task->param_count, task->params TSRMLS_CC)
-			: read_checked(task TSRMLS_CC);
+		outcome = perform(task TSRMLS_CC);
 		drop_callee_leftovers(&symbols TSRMLS_CC);
 	} zend_catch {
 		bailed_out = 1;
@@ -214,12 +233,18 @@ int zq_call_user_function(HashTable *, zval **object, zval *function_name, zval 
 	if (!function_name || param_count > MAX_PARAMS) {
 		return FAILURE;
 	}
-	aside_task task = {object ? *object : NULL, function_name, NULL, retval, param_count, params};
+	aside_task task = {object ? *object : NULL, function_name, NULL, NULL, retval, param_count, params};
 	return run_aside(&task TSRMLS_CC);
 }
 
 int zq_call_named(zval *object, const char *function, zval *retval, zend_uint param_count, zval **params TSRMLS_DC)
 {
+	aside_task task = {NULL, NULL, NULL, NULL, retval, param_count, params};
+	if (!object && param_count <= MAX_PARAMS &&
+	    zend_hash_find(EG(function_table), function, (uint)strlen(function) + 1, (void **)&task.function) == SUCCESS) {
+		INIT_ZVAL(*retval);
+		return run_aside(&task TSRMLS_CC);
+	}
 	zval *name;
 	MAKE_STD_ZVAL(name);
 	ZVAL_STRING(name, function, 1);
@@ -235,7 +260,7 @@ int zq_read_property(zval *object, const char *property, zval *retval TSRMLS_DC)
 	if (!object || Z_TYPE_P(object) != IS_OBJECT) {
 		return FAILURE;
 	}
-	aside_task task = {object, NULL, property, retval, 0, NULL};
+	aside_task task = {object, NULL, NULL, property, retval, 0, NULL};
 	return run_aside(&task TSRMLS_CC);
 }
 
