@@ -8,8 +8,9 @@ pairs' ratios. The server is the engine's own, without the agent. The bound is h
 against an empty page, where nothing hides the cost, and for those that carry an identity and bring the callee's data
 against a service that takes a millisecond. The latter against an empty page is shown for what it is: on a curl handle there
 are two options to set and a PHP function to call for every header line of the answer, on a stream a context to make and one
-more packet to send, and no service that has an identity to answer with is an empty page. Ends with status 1 when the bound is passed. Needs a finished build. All run on one
-processor: where the scheduler puts a client and its server decides more about such a call than anything in it."""
+more packet to send, and no service that has an identity to answer with is an empty page. Ends with status 1 when the bound
+is passed. Needs a finished build. All run on one processor: where the scheduler puts a client and its server decides more
+about such a call than anything in it."""
 import itertools
 import os
 import subprocess
