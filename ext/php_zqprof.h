@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include "zqp_clock.h"
 #include "zqp_types.h"
 
 #define ZQ_MODULE_NAME "quorbit"
@@ -103,6 +104,7 @@ struct zend_zqprof_globals {
 	size_t recorded_webservice_bytes;
 	int unlisted_webservice_ms;    /* of outgoing calls beyond that bound */
 	int recorded_limit_logged;
+	zq_clock clock;
 	uint64 watch_filter[16];       /* names in the two hook tables, as bits: one that is not set needs no lookup */
 };
 

@@ -160,8 +160,6 @@ void zq_append_web(smart_str *action, const char *str);
 int zq_record_type_to_int(const char *str); /* "raw" 1, "obfuscated" 2, else 0; any case */
 
 /* ---- zqp_helper_clock.cpp ----------------------------------------------------------------------------------------- */
-/* Microseconds of the monotonic clock. */
-uint64 cycle_timer(void);
 /* User + system ticks and resident KiB (each may be null) of a process or thread id; 0, or -1 with the outputs
  * untouched. A file that cannot be opened is logged. */
 int get_usage(int pid, uint64 *cpu, long *mem);

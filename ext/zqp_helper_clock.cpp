@@ -1,20 +1,12 @@
-/* The clock behind every figure, and samplers of what the kernel knows about the process and the host. */
+/* Samplers of what the kernel knows about the process and the host. */
 #include "zqp_helper.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "zqp_debug.h"
-
-uint64 cycle_timer(void)
-{
-	struct timespec now;
-	clock_gettime(CLOCK_MONOTONIC, &now);
-	return (uint64)now.tv_sec * 1000000 + (uint64)now.tv_nsec / 1000;
-}
 
 int zq_thread_id(void)
 {

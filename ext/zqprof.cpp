@@ -30,6 +30,7 @@ static void php_zqprof_init_globals(void *globals TSRMLS_DC)
 	zend_zqprof_globals *g = (zend_zqprof_globals *)globals;
 	memset(g, 0, sizeof(*g));
 	g->daemon_sock = -1;
+	zq_clock_start(&g->clock);
 	if (sapi_module.ub_write != zq_ub_write) { /* a second thread must not save the hook itself */
 		_sapi_ub_write = sapi_module.ub_write;
 		sapi_module.ub_write = zq_ub_write;
@@ -76,6 +77,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 {
 	(void)type;
 	zq_lock_init();
+	zq_clock_init();
 	ts_allocate_id(&zqprof_globals_id, sizeof(zend_zqprof_globals), (ts_allocate_ctor)php_zqprof_init_globals,
 	               (ts_allocate_dtor)php_zqprof_shutdown_globals);
 	zend_register_ini_entries(zqprof_ini_entries, module_number TSRMLS_CC);
