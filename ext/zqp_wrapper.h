@@ -68,10 +68,10 @@ static inline uint64 zq_watch_key(const char *cls, int cls_len, const char *func
 static inline unsigned zq_watch_bit(uint64 key) { return (unsigned)(key * 0x9E3779B97F4A7C15u >> 54); }
 /* 0: no row in either table has the full name "cls::func" ("func" when `cls` is null), and nobody needs to build it. 1:
  * one may have. A row that the call itself adds changes the answer, so ask again for the after-step. */
-static inline int zq_may_be_watched(const char *cls, int cls_len, const char *func TSRMLS_DC)
+static inline int zq_may_be_watched(const zend_zqprof_globals *g, const char *cls, int cls_len, const char *func)
 {
 	unsigned bit = zq_watch_bit(zq_watch_key(cls, cls_len, func));
-	return (int)(ZQG(watch_filter)[bit >> 6] >> (bit & 63) & 1);
+	return (int)(g->watch_filter[bit >> 6] >> (bit & 63) & 1);
 }
 
 /* Around every internal call of a monitored request. `begin` is the clock before the call (us). A call whose hash codes

@@ -14,17 +14,18 @@
 
 /* What one intercepted user call keeps while it runs. */
 struct user_call {
-	const char *cls;                 /* declaring class, else the object's; null for a plain function */
+	zend_class_entry *scope;         /* declaring class, else the object's; null for a plain function */
 	const char *func;                /* function name, or the kind word of included code */
-	int cls_len;
 	zval **return_slot;
-	zend_llist_element *component;
-	uint64 start;
+	zend_llist_element *component;   /* opened for it, or null */
 	unsigned component_generation;
 	int level_before;
-	bool is_function;                /* false: include, require or eval */
-	bool is_closure;                 /* may be freed before its caller goes on */
+	uint64 start;
 };
+
+/* The engine's own name for all closures, in memory that outlives the call. Whoever bears it may be freed before its caller
+ * goes on. */
+static const char CLOSURE_NAME[] = "{closure}";
 
 /* Name of code that runs without being called, by the caller's include-or-eval operation; null for none. */
 static const char *kind_word(zend_execute_data *caller)
@@ -60,22 +61,21 @@ static inline bool identify_user_call(user_call *call, zend_execute_data *caller
 {
 	zend_function *function = caller->function_state.function;
 	call->func = function->common.function_name;
-	call->is_function = call->func != NULL;
-	call->cls = NULL;
-	call->cls_len = 0;
-	if (!call->is_function) {
-		call->is_closure = false;
+	if (UNEXPECTED(!call->func)) {
+		call->scope = NULL;
 		return (call->func = kind_word(caller)) != NULL;
 	}
-	if (zend_class_entry *scope = class_of_call(function, caller->object TSRMLS_CC)) {
-		call->cls = scope->name;
-		call->cls_len = (int)scope->name_length;
-	}
-	call->is_closure = (function->common.fn_flags & ZEND_ACC_CLOSURE) != 0;
-	if (call->is_closure) {
-		call->func = "{closure}"; /* the engine's own name for all of them, in memory that outlives the call */
+	call->scope = class_of_call(function, caller->object TSRMLS_CC);
+	if (UNEXPECTED(function->common.fn_flags & ZEND_ACC_CLOSURE)) {
+		call->func = CLOSURE_NAME;
 	}
 	return true;
+}
+
+/* false: included or evaluated code. */
+static inline bool is_function_call(const zend_execute_data *caller)
+{
+	return caller->function_state.function->common.function_name != NULL;
 }
 
 /* Nesting of user functions. A call that the engine makes on its own (shutdown function, output handler) starts anew:
@@ -145,25 +145,27 @@ static void describe_call(zq_stack_data *stack, const user_call *call, zend_exec
 {
 	memset(stack, 0, sizeof(*stack));
 	stack->execute_data = caller;
-	stack->cls = call->cls;
-	stack->cls_length = call->cls_len;
+	stack->cls = call->scope ? call->scope->name : NULL;
+	stack->cls_length = call->scope ? (int)call->scope->name_length : 0;
 	stack->func = (char *)call->func;
 	stack->func_length = (int)strlen(call->func);
 	stack->return_slot = call->return_slot;
 	stack->object = caller->object;
 }
 
-static zend_never_inline void before_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
+/* 1: there is something to do after the call, however quick it is. */
+static zend_never_inline int before_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
 {
 	zq_stack_data stack;
 	zq_user_func_data user_data = {};
 	describe_call(&stack, call, caller);
 	build_full_name(&user_data, &stack);
-	user_data.is_function = call->is_function;
+	user_data.is_function = is_function_call(caller);
 	zq_before_function_call(&stack, &user_data TSRMLS_CC);
 	call->component = user_data.llist_comp_ele;
 	call->component_generation = user_data.component_generation;
 	free_full_name(&user_data, &stack);
+	return call->component || ZQG(profile_end_time);
 }
 
 /* While a closure's or trampoline's caller is looked at after the call, its callee may be freed memory: whoever walks
@@ -204,7 +206,7 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	if (caller->op_array) {
 		EG(active_symbol_table) = caller->symbol_table;
 	}
-	if (call->is_closure) {
+	if (call->func == CLOSURE_NAME) {
 		put_stub(&stub, caller, call->func, NULL);
 	}
 	describe_call(&stack, call, caller);
@@ -213,7 +215,7 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	user_data.component_generation = call->component_generation;
 	zq_after_function_call(&stack, &user_data, call->start TSRMLS_CC);
 	free_full_name(&user_data, &stack);
-	if (call->is_closure) {
+	if (call->func == CLOSURE_NAME) {
 		remove_stub(&stub, caller);
 	}
 	EG(opline_ptr) = opline_ptr;
@@ -221,40 +223,44 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	EG(active_symbol_table) = active_symbol_table;
 }
 
-/* Asked after the call: by then it may itself have added the row that wants it. */
-static inline int is_watched_after(const user_call *call TSRMLS_DC)
+static inline int is_watched(const zend_zqprof_globals *g, const user_call *call)
 {
-	return ZQG(performance_function_hash)->nNumOfElements && zq_may_be_watched(call->cls, call->cls_len, call->func TSRMLS_CC);
+	return call->scope ? zq_may_be_watched(g, call->scope->name, (int)call->scope->name_length, call->func)
+	                   : zq_may_be_watched(g, NULL, 0, call->func);
 }
 
-static inline int took_long(const zend_zqprof_globals *g, uint64 start)
+/* Asked after the call: by then it may itself have added the row that wants it. */
+static inline int is_watched_after(const zend_zqprof_globals *g, const user_call *call)
 {
-	return g->action_tracer_enabled && cycle_timer() - start > g->tracer_threshold_tick;
+	return g->performance_function_hash->nNumOfElements && is_watched(g, call);
+}
+
+static inline int took_long(zend_zqprof_globals *g, uint64 start)
+{
+	return g->action_tracer_enabled && (int64_t)(zq_clock_us(&g->clock) - start) > (int64_t)g->tracer_threshold_tick;
 }
 
 static zend_never_inline void intercept_user_call(zend_execute_data *execute_data, zend_execute_data *caller TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	user_call call;
+	int is_awaited = 0;
 	if (!identify_user_call(&call, caller TSRMLS_CC)) {
 		_zend_execute_ex(execute_data TSRMLS_CC);
 		return;
 	}
-	call.level_before = call.is_function ? enter_level(g, caller) : g->tracer_level;
+	call.level_before = is_function_call(caller) ? enter_level(g, caller) : g->tracer_level;
 	call.component = NULL;
 	call.return_slot = EG(return_value_ptr_ptr);
-	if (UNEXPECTED(g->tracer_level == 1 || g->profile_end_time) || zq_may_be_watched(call.cls, call.cls_len, call.func TSRMLS_CC)) {
-		before_user_call(&call, caller TSRMLS_CC);
+	if (UNEXPECTED(g->tracer_level == 1 || g->profile_end_time) || is_watched(g, &call)) {
+		is_awaited = before_user_call(&call, caller TSRMLS_CC);
 	}
-	call.start = cycle_timer();
+	call.start = zq_clock_us(&g->clock);
 	_zend_execute_ex(execute_data TSRMLS_CC);
-	if (g->hook_enabled && (UNEXPECTED(call.component || g->profile_end_time) || UNEXPECTED(took_long(g, call.start)) ||
-	                        is_watched_after(&call TSRMLS_CC))) {
+	if (g->hook_enabled && (UNEXPECTED(is_awaited) || UNEXPECTED(took_long(g, call.start)) || is_watched_after(g, &call))) {
 		after_user_call(&call, caller TSRMLS_CC);
 	}
-	if (call.is_function) {
-		g->tracer_level = call.level_before;
-	}
+	g->tracer_level = call.level_before;
 }
 
 static inline int is_action_open(const zend_zqprof_globals *g) { return g->hook_enabled && g->agent_enabled; }
@@ -368,7 +374,7 @@ static zend_never_inline void intercept_internal_call(zend_execute_data *frame, 
 		run_internal(frame, fci, return_value_used TSRMLS_CC);
 		return;
 	}
-	uint64 start = cycle_timer();
+	uint64 start = zq_clock_us(&g->clock);
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
 	if (g->hook_enabled && UNEXPECTED(took_long(g, start))) {
 		trace_unwatched(frame, cls, func, start TSRMLS_CC);

@@ -18,7 +18,7 @@ TEST_F(Wrapper, FilterPassesEveryWatchedNameAndFewOthers)
 	};
 	for (const auto &[cls, func] : names) {
 		const std::string full = cls ? cls + ("::" + func) : func;
-		const auto passes = [&] { return zq_may_be_watched(cls, cls ? (int)strlen(cls) : 0, func.c_str() TSRMLS_CC); };
+		const auto passes = [&] { return zq_may_be_watched(zq_globals(TSRMLS_C), cls, cls ? (int)strlen(cls) : 0, func.c_str()); };
 		memset(ZQG(watch_filter), 0, sizeof ZQG(watch_filter));
 		EXPECT_EQ(0, passes()) << full;
 		zq_watch_before(full.c_str(), full.size() + 1, note TSRMLS_CC);
@@ -30,7 +30,7 @@ TEST_F(Wrapper, FilterPassesEveryWatchedNameAndFewOthers)
 	for (char first = 'a'; first <= 'z'; first++) {
 		for (size_t length = 1; length < 40; length++, asked++) {
 			std::string func = first + std::string(length, (char)('a' + (first + length) % 26));
-			passed += zq_may_be_watched(nullptr, 0, func.c_str() TSRMLS_CC);
+			passed += zq_may_be_watched(zq_globals(TSRMLS_C), nullptr, 0, func.c_str());
 		}
 	}
 	EXPECT_LT(passed * 20, asked) << "one in twenty";
