@@ -122,6 +122,12 @@ static zval *exception_entry(HashTable *properties, const char *mangled, uint ma
 	return value ? value : frame_entry(properties, mangled + prefix_len, mangled_size - prefix_len, type);
 }
 
+/* A __call answers to that name too, and does whatever it does. */
+static int declares_get_trace(zval *object TSRMLS_DC)
+{
+	return zend_hash_exists(&Z_OBJCE_P(object)->function_table, ZEND_STRS("gettrace"));
+}
+
 void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC)
 {
 	zq_append_text(buf, "[\"Exception");
@@ -132,7 +138,7 @@ void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC)
 	}
 	zq_append_char(buf, '"');
 	zval frames;
-	if (exception && Z_TYPE_P(exception) == IS_OBJECT) {
+	if (exception && Z_TYPE_P(exception) == IS_OBJECT && declares_get_trace(exception TSRMLS_CC)) {
 		HashTable *table = zq_call_named(exception, "getTrace", &frames, 0, NULL TSRMLS_CC) == SUCCESS ? table_of(&frames TSRMLS_CC) : NULL;
 		if (table) {
 			append_frames(buf, table, 1 TSRMLS_CC);

@@ -142,21 +142,17 @@ static void notice_text(const char *message TSRMLS_DC)
 	ZQG(error) = error_element_alloc(message, "Exception", zq_code_stack_text(TSRMLS_C));
 }
 
-/* An object's "message", without running a line of its code: exceptions are read as the engine reads them, any other
- * object only in its property table. The result is released with zval_ptr_dtor. */
+/* An object's "message" as its own class sees it, from the property table, so that no __get runs; borrowed. */
 static zval *message_of(zval *object TSRMLS_DC)
 {
-	zval *message;
-	if (instanceof_function(Z_OBJCE_P(object), zend_exception_get_default(TSRMLS_C) TSRMLS_CC)) {
-		message = zend_read_property(Z_OBJCE_P(object), object, (char *)"message", sizeof("message") - 1, 1 TSRMLS_CC);
-	} else {
-		HashTable *properties = Z_OBJ_HT_P(object)->get_properties ? Z_OBJPROP_P(object) : NULL;
-		message = FIND_HASH_ZVALUE(properties, "message", sizeof("message"));
+	HashTable *properties = zq_property_table(object TSRMLS_CC);
+	zend_property_info *declared;
+	const uint not_its_own = ZEND_ACC_STATIC | ZEND_ACC_SHADOW; /* shadow: private to a parent class */
+	if (properties && zend_hash_find(&Z_OBJCE_P(object)->properties_info, ZEND_STRS("message"), (void **)&declared) == SUCCESS &&
+	    !(declared->flags & not_its_own)) {
+		return FIND_HASH_ZVALUE(properties, declared->name, (uint)declared->name_length + 1); /* mangled unless public */
 	}
-	if (message) {
-		Z_ADDREF_P(message);
-	}
-	return message;
+	return FIND_HASH_ZVALUE(properties, ZEND_STRS("message"));
 }
 
 static void notice_object(zval *object TSRMLS_DC)
@@ -165,6 +161,7 @@ static void notice_object(zval *object TSRMLS_DC)
 	if (!message) {
 		return;
 	}
+	Z_ADDREF_P(message); /* the object's getTrace() may replace it */
 	if (Z_TYPE_P(message) == IS_STRING && Z_STRLEN_P(message)) {
 		smart_str stack = {NULL, 0, 0};
 		zq_get_exception_stack(object, &stack TSRMLS_CC);

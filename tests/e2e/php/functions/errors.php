@@ -23,6 +23,20 @@ vantor_notice_error(object('plain'));
 # --- an object that makes it up => Exception: next (vantor_notice_error)
 vantor_notice_error(new Magic);
 vantor_notice_error('next');
+# --- an object whose own class alone sees its message => Kept: kept (Exception)
+class Kept extends Magic { protected $message = 'kept'; }
+vantor_notice_error(new Kept);
+# --- an object whose class does not see the message => nothing
+class Owner { private $message = 'private'; }
+class Heir extends Owner { static $other; }
+vantor_notice_error(new Heir);
+# --- an exception that makes it up => Exception: next (vantor_notice_error)
+class Hollow extends Exception {
+    function __construct() { unset($this->message); }
+    function __get($n) { exit('asked'); }
+}
+vantor_notice_error(new Hollow);
+vantor_notice_error('next');
 # --- a message that is no text => nothing
 vantor_notice_error(object(array()));
 # --- array => nothing
