@@ -207,9 +207,8 @@ static void add_time(crash_line *line, const struct timespec *now)
 	add_number(line, (unsigned long)(now->tv_nsec / 1000000), 3);
 }
 
-static void write_backtrace(int fd)
+static void write_backtrace(int fd, void **frames, int count)
 {
-	void *frames[100];
 	crash_line banner = {};
 	struct timespec now;
 	clock_gettime(CLOCK_REALTIME, &now);
@@ -221,7 +220,6 @@ static void write_backtrace(int fd)
 	add_number(&banner, (unsigned long)getuid(), 1);
 	add_text(&banner, ") SIGSEGV backtrace(" ZQ_VERSION ") ========\n");
 	(void)!write(fd, banner.text, banner.len);
-	int count = backtrace(frames, 100);
 	for (int i = 1; i < count; i++) { /* the first frame is the handler itself */
 		(void)!write(fd, "\t", 1);
 		backtrace_symbols_fd(&frames[i], 1, fd);
@@ -237,7 +235,8 @@ void dump_handler(int)
 		entered = 1;
 		int fd = open_for_append(g_dump_file);
 		if (fd != -1) {
-			write_backtrace(fd);
+			void *frames[100];
+			write_backtrace(fd, frames, backtrace(frames, 100));
 			close(fd);
 		}
 		if (g_pre_handler) {

@@ -62,6 +62,7 @@ def test_crash_leaves_a_backtrace_and_still_ends_the_process(site, writable):
                            r"\(Oct 20 2016\) ========\n((?:\t.+\n)+)\n========== SIGSEGV ==========\n", site.log())
         assert banner and int(banner[1]) == site.daemon.connections[0].pid and int(banner[2]) == os.getuid()
         assert 3 < banner[3].count("\n") < 100 and "zqprof.so" in banner[3]
+        assert "zqprof.so" not in banner[3].partition("\n")[0]        # the handler itself is left out
 
 
 @pytest.mark.parametrize("ini, shown", [
