@@ -62,6 +62,9 @@ int zq_call_named(zval *object, const char *function, zval *retval, zend_uint pa
 int zq_read_property(zval *object, const char *property, zval *retval TSRMLS_DC);
 /* zval_dtor with the hooks off: the last reference to an object runs its destructor. */
 void zq_release_result(zval *result TSRMLS_DC);
+/* 1 when PHP code that calls our own function `name` reaches it: an operator may have disabled it like any function, and
+ * its stand-in prints a warning. */
+int zq_callback_works(const char *name TSRMLS_DC);
 /* Registers the shutdown function, and for a monitored caller the header callback, of this request. */
 void register_transaction_callback(TSRMLS_D);
 

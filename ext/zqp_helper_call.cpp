@@ -272,10 +272,27 @@ void zq_release_result(zval *result TSRMLS_DC)
 	ZQG(hook_enabled) = hooks;
 }
 
+int zq_callback_works(const char *name TSRMLS_DC)
+{
+	zend_function *current;
+	if (zend_hash_find(EG(function_table), name, (uint)strlen(name) + 1, (void **)&current) != SUCCESS) {
+		return 0;
+	}
+	for (const zend_function_entry *ours = zqprof_functions; ours->fname; ours++) {
+		if (strcmp(ours->fname, name) == 0) {
+			return current->type == ZEND_INTERNAL_FUNCTION && current->internal_function.handler == ours->handler;
+		}
+	}
+	return 0;
+}
+
 /* Calls `function` with the name of one of our own functions, which it keeps. */
 static void hand_over_callback(const char *function, const char *callback TSRMLS_DC)
 {
 	zval *argument, result;
+	if (!zq_callback_works(callback TSRMLS_CC)) {
+		return;
+	}
 	MAKE_STD_ZVAL(argument);
 	ZVAL_STRING(argument, callback, 1);
 	zq_call_named(NULL, function, &result, 1, &argument TSRMLS_CC);

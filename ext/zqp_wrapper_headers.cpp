@@ -22,22 +22,6 @@ void set_curl_option(zval *handle, long option, zval *value TSRMLS_DC)
 	zval_ptr_dtor(&number);
 }
 
-/* An operator may have disabled our header callback like any function. curl aborts a transfer whose callback does not
- * answer, so it must not be installed then. */
-int header_callback_works(TSRMLS_D)
-{
-	zend_function *current;
-	if (zend_hash_find(EG(function_table), HEADER_CALLBACK, sizeof HEADER_CALLBACK, (void **)&current) != SUCCESS) {
-		return 0;
-	}
-	for (const zend_function_entry *ours = zqprof_functions; ours->fname; ours++) {
-		if (strcmp(ours->fname, HEADER_CALLBACK) == 0) {
-			return current->type == ZEND_INTERNAL_FUNCTION && current->internal_function.handler == ours->handler;
-		}
-	}
-	return 0;
-}
-
 void identify_curl_handle(zval *handle TSRMLS_DC)
 {
 	if (!handle || Z_TYPE_P(handle) != IS_RESOURCE) {
@@ -48,7 +32,7 @@ void identify_curl_handle(zval *handle TSRMLS_DC)
 	array_init(headers);
 	add_next_index_zval(headers, zq_identity_header(TSRMLS_C));
 	set_curl_option(handle, CURLOPT_HTTPHEADER, headers TSRMLS_CC);
-	if (header_callback_works(TSRMLS_C)) {
+	if (zq_callback_works(HEADER_CALLBACK TSRMLS_CC)) { /* curl aborts a transfer whose callback does not answer */
 		zval *callback;
 		MAKE_STD_ZVAL(callback);
 		ZVAL_STRING(callback, HEADER_CALLBACK, 1);

@@ -95,6 +95,17 @@ def test_incoming_identity(site, identity):
         assert (answer.get("r"), answer["trId"], answer["tr"]) == (request_id, result.metric.tracer_id, 1)
 
 
+@pytest.mark.parametrize("disabled, answers", [
+    ("zqprof_rshutdowncall,zqprof_headercall", 0), ("zqprof_headercall", 1), ("header_register_callback", 1),
+    ("register_shutdown_function,header_register_callback", 0),
+])
+def test_disabled_functions_only_lose_the_answer(site, disabled, answers):
+    """Nothing is printed about them: the script has not called them."""
+    site.daemon.configure(CALLEE)
+    result = site.cgi("", headers=CALLER, ini={"disable_functions": disabled}, differs=("headers",) * answers)
+    assert len(answers_in(result)) == answers and result.monitored
+
+
 @pytest.mark.parametrize("identity, uri", [
     ("12|9;c=1;x=a;r=1\r\nX-Evil: 1", "/index.php"),
     ("12|9;c=1;x=a", "/a\r\nX-Evil: 1/b\n\nbody"),
