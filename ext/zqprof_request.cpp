@@ -96,7 +96,7 @@ static void clear_request_fields(zend_zqprof_globals *g)
 static int accept_command_line(const char *script TSRMLS_DC)
 {
 	if (!script) {
-		return 1; /* code given on the command line: monitored, without a name */
+		return 1; /* the configuration keeps $_SERVER empty: monitored, without a name */
 	}
 	if (!*script) {
 		ZQ_LOG(ZQ_LOG_VERBOSE, "agent disabled due to CLI and NO script");
@@ -140,7 +140,7 @@ static int accept_configuration(TSRMLS_D)
 static int keep_trace_under_load(int used, int low, int high)
 {
 	srandom((unsigned)cycle_timer());
-	return random() <= (high - used) * random_max / (high - low);
+	return random() <= ((double)high - used) * random_max / ((double)high - low);
 }
 
 /* Sheds load when the host's memory is short. */
