@@ -18,6 +18,8 @@ typedef struct script_state {
 	zend_ptr_stack error_handlers;
 	zend_stack error_handler_masks;
 	zend_error_handling_t error_handling;
+	zend_llist_element *tick_functions;
+	int ticks_count;
 	int hook_enabled;
 } script_state;
 
@@ -35,6 +37,8 @@ static void save_script(script_state *saved TSRMLS_DC)
 	saved->error_handlers = EG(user_error_handlers);
 	saved->error_handler_masks = EG(user_error_handlers_error_reporting);
 	saved->error_handling = EG(error_handling);
+	saved->tick_functions = PG(tick_functions).head;
+	saved->ticks_count = EG(ticks_count);
 	saved->hook_enabled = ZQG(hook_enabled);
 }
 
@@ -56,6 +60,7 @@ static void step_aside(zend_execute_data *base, HashTable *symbols TSRMLS_DC)
 	zend_ptr_stack_init(&EG(user_error_handlers));
 	zend_stack_init(&EG(user_error_handlers_error_reporting));
 	EG(error_handling) = EH_NORMAL;
+	PG(tick_functions).head = NULL; /* the callee may have been compiled under declare(ticks) */
 	ZQG(hook_enabled) = 0;
 	ZQG(in_agent_call)++;
 }
@@ -66,6 +71,10 @@ static void step_back(const script_state *saved TSRMLS_DC)
 	ZQG(in_agent_call)--;
 	ZQG(hook_enabled) = saved->hook_enabled;
 	EG(error_handling) = saved->error_handling;
+	EG(ticks_count) = saved->ticks_count;
+	if (saved->tick_functions) { /* the tail stayed: what the callee registered has come behind them */
+		PG(tick_functions).head = saved->tick_functions;
+	}
 	EG(user_error_handler) = saved->error_handler;
 	EG(user_error_handler_error_reporting) = saved->error_handler_mask;
 	EG(user_error_handlers) = saved->error_handlers;

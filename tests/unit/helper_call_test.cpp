@@ -65,6 +65,16 @@ TEST_F(HelperCall, KeepsAPendingExceptionForTheScriptAndNoneOfTheCallees)
 	          "1+pending3NULL-");
 }
 
+TEST_F(HelperCall, RunsNoTickFunctionOfTheScriptAndCountsNoTick)
+{
+	run("function callee() { declare(ticks=1) { $a = 1; $b = 2; } return 'done'; } register_tick_function(function () { echo '.'; });");
+	const char *const ticking = "declare(ticks=3); echo 'a'; probe(); echo 'b'; echo 'c'; echo 'd';";
+	const std::string undisturbed = run(ticking);
+	EXPECT_NE(undisturbed.find('.'), std::string::npos);
+	at_probe([&](zend_execute_data *) { EXPECT_EQ(call("callee"), "done"); });
+	EXPECT_EQ(run(ticking), undisturbed);
+}
+
 TEST_F(HelperCall, KeepsTheScriptsErrorHandlersAndVariables)
 {
 	run("function callee() { restore_error_handler(); set_error_handler(function () { echo 'callee'; return true; });"
