@@ -24,6 +24,20 @@ zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSR
 void (*_zend_error_cb)(int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);
 int (*_sapi_ub_write)(const char *str, unsigned int str_length TSRMLS_DC);
 
+/* Puts `ours` in place of a process-wide hook and keeps what was there; a hook that is already ours (the module was
+ * started before in this process) keeps its saved predecessor. */
+template <typename T> static void replace_hook(T *hook, T *saved, T ours)
+{
+	if (*hook != ours) {
+		*saved = *hook;
+		*hook = ours;
+	}
+}
+
+/* Since the module's last start. When a later thread begins, the writer in place may be another extension's that leads
+ * to ours: taking that for our predecessor would send output round in a circle. */
+static int writer_is_hooked;
+
 /* Runs for every thread, under the thread table's own lock: its argument is all that it may touch of ours. */
 static void php_zqprof_init_globals(void *globals TSRMLS_DC)
 {
@@ -31,9 +45,9 @@ static void php_zqprof_init_globals(void *globals TSRMLS_DC)
 	memset(g, 0, sizeof(*g));
 	g->daemon_sock = -1;
 	zq_clock_start(&g->clock);
-	if (sapi_module.ub_write != zq_ub_write) { /* a second thread must not save the hook itself */
-		_sapi_ub_write = sapi_module.ub_write;
-		sapi_module.ub_write = zq_ub_write;
+	if (!writer_is_hooked) {
+		replace_hook(&sapi_module.ub_write, &_sapi_ub_write, zq_ub_write);
+		writer_is_hooked = 1;
 	}
 }
 
@@ -49,16 +63,6 @@ static void php_zqprof_shutdown_globals(void *globals TSRMLS_DC)
 	free(g->license_copy);
 	g->license_copy = NULL;
 	g->license = NULL;
-}
-
-/* Puts `ours` in place of a process-wide hook and keeps what was there; a hook that is already ours (the module was
- * started before in this process) keeps its saved predecessor. */
-template <typename T> static void replace_hook(T *hook, T *saved, T ours)
-{
-	if (*hook != ours) {
-		*saved = *hook;
-		*hook = ours;
-	}
 }
 
 static void connect_or_launch_daemon(TSRMLS_D)
@@ -78,6 +82,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	(void)type;
 	zq_lock_init();
 	zq_clock_init();
+	writer_is_hooked = 0;
 	ts_allocate_id(&zqprof_globals_id, sizeof(zend_zqprof_globals), (ts_allocate_ctor)php_zqprof_init_globals,
 	               (ts_allocate_dtor)php_zqprof_shutdown_globals);
 	zend_register_ini_entries(zqprof_ini_entries, module_number TSRMLS_CC);
