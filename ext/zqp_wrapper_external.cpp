@@ -41,6 +41,7 @@ webservice_element *describe_call(const zq_stack_data *stack_data, const char *u
 	char *named = url_for_name(url);
 	webservice_element *element = webservice_element_alloc(stack_data->cls, stack_data->func, named, NULL, transaction_data);
 	efree(named);
+	zq_str_replace_ln(element->name); /* one line of its record, whatever the URL holds */
 	if (element->transaction_data) {
 		zq_str_replace_ln(element->transaction_data);
 	}
@@ -182,6 +183,7 @@ int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *tra
 		return 1;
 	}
 	element->url = estrdup(url);
+	zq_str_replace_ln(element->url);
 	element = append_call(element TSRMLS_CC);
 	zq_trace_call(stack_data->cls, stack_data->func, stack_data->execute_data, btsc, ctsc, ZQ_TRACER_EXTERNAL,
 	              element TSRMLS_CC);

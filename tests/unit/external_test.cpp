@@ -36,6 +36,13 @@ TEST_F(External, TracesWhatIsSlowerThanTheThresholdAndBeganInTheAction)
 	}
 }
 
+TEST_F(External, KeepsNameAndQueryToOneLineOfTheirRecords)
+{
+	record("data://text/plain,HTTP/1.0 404\r\n\r\n?a\nb", 6000, 9000);
+	EXPECT_STREQ("data:%2F%2Ftext%2Fplain,HTTP%2F1.0 *    /curl_exec", last()->name);
+	EXPECT_STREQ("data://text/plain,HTTP/1.0 404    ?a b", last()->url);
+}
+
 TEST_F(External, CountsOnlyTheTimeOfCallsBeyondTheBound)
 {
 	record("http://h/", 6000, 9000);
