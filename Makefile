@@ -39,9 +39,10 @@ fuzz: configure
 	@engine/packages fuzz
 	@tests/fuzz/run $(FUZZ_SECONDS)
 
-# the engine's own test suite with and without the agent, and the differences
+# the engine's own test suite with and without the agent, and the differences; SUITE_MODES and SUITE_FOLDERS choose a part,
+# for example SUITE_MODES="off cgi/traced" SUITE_FOLDERS="Zend ext/spl"
 engine-suite: all
-	@tests/engine/run
+	@tests/engine/run $(if $(SUITE_MODES),--modes "$(SUITE_MODES)") $(SUITE_FOLDERS)
 
 # These two use what `make` built and build nothing themselves: they run as root, with another cache.
 install uninstall:

@@ -1,0 +1,118 @@
+"""Where the engine's runner of tests works: a copy of the tests, since they write beside themselves, and a network, a /tmp and
+processes of its own, since they share ports and names of files, and leave servers behind."""
+import functools
+import hashlib
+import os
+import re
+import shutil
+import subprocess
+
+import phpt
+
+NAMESPACES = ["unshare", "--net", "--mount", "--ipc", "--pid", "--fork", "--kill-child", "--mount-proc"]
+SETUP = """
+place="$1"
+shift
+ip link set lo up
+while [ "$1" != -- ]; do
+    mkdir -p "$place/$2"
+    mount --bind "$1" "$place/$2"
+    shift 2
+done
+shift
+mount --rbind "$place" /tmp
+cd /tmp/src
+"$@"
+"""
+NEIGHBOURS = ["tests", "Zend/tests", "sapi/cli/tests", phpt.PDO]         # files that tests of other folders include
+PROGRESS = re.compile(r"REDIRECT .*?\[([^\]\n]+)\]\) (begin|done)\n|"
+                      r"TEST \d+/\d+ \[([^\]\n]+\.phpt)\]\r(?:[^\r]*?\b)?(PASS|FAIL|XFAIL|SKIP|BORK|WARN|LEAK)\b")
+RAN = {"PASS", "FAIL", "XFAIL", "WARN", "LEAK"}
+
+
+@functools.cache
+def namespaces_work():
+    return shutil.which("ip") is not None and subprocess.run([*NAMESPACES, "true"], capture_output=True).returncode == 0
+
+
+def root_folder(test):
+    """The extension, or the part of the engine, that a test belongs to."""
+    parts = test.split("/")
+    return "/".join(parts[:2]) if parts[0] in ("ext", "sapi") else parts[0]
+
+
+class Place:
+    """`mounts` are {name: folder} to be seen beside the tests."""
+
+    def __init__(self, folder, source, tests, everything_through_cgi, mounts):
+        self.folder, self.tests, self.mounts = folder, tests, mounts
+        self.src = os.path.join(folder, "src")
+        os.makedirs(self.src)
+        os.chmod(folder, 0o1777)                       # it will be somebody's /tmp
+        roots = sorted({*map(root_folder, tests), *NEIGHBOURS, "run-tests.php"})
+        subprocess.run(["cp", "-a", "--parents", *roots, self.src], cwd=source, check=True)
+        for test in self._adapted():
+            phpt.adapt(os.path.join(self.src, test), "/" + test[:-1], everything_through_cgi)
+
+    def _adapted(self):
+        redirected = any(test.startswith("ext/pdo_") for test in self.tests)
+        return sorted({*self.tests, *(phpt.find(self.src, [phpt.PDO]) if redirected else [])})
+
+    def inside(self, path=""):
+        """The path of a file of this place as the tests see it."""
+        if namespaces_work():
+            return os.path.join("/tmp", path)
+        first, _, rest = path.partition("/")
+        return os.path.join(self.mounts.get(first, os.path.join(self.folder, first)), rest)
+
+    def start(self, settings, environment):
+        with open(os.path.join(self.src, "list.txt"), "w") as handle:
+            handle.writelines(self.inside(f"src/{test}") + "\n" for test in self.tests)
+        command = [self.inside("engine/bin/php"), "-n", "run-tests.php", "-q", "-n", "--offline", "--set-timeout", "120"]
+        for key, value in settings.items():
+            command += ["-d", f"{key}={value}"]
+        command += ["-r", "list.txt"]
+        if namespaces_work():
+            pairs = [word for name, host in self.mounts.items() for word in (host, name)]
+            command = [*NAMESPACES, "sh", "-ec", SETUP, "sh", self.folder, *pairs, "--", *command]
+        variables = {"PATH": os.environ["PATH"], "HOME": self.inside(), "NO_INTERACTION": "1", "TEST_PHP_EXECUTABLE": self.inside("engine/bin/php"), "TEST_PHP_SRCDIR": self.inside("src"),
+                     "TEST_PHP_CGI_EXECUTABLE": self.inside("engine/bin/php-cgi"), **environment}
+        self.log = open(os.path.join(self.folder, "log.txt"), "w+", encoding="latin-1", newline="")
+        self.process = subprocess.Popen(command, cwd=self.src, env=variables, stdin=subprocess.DEVNULL, stdout=self.log,
+                                        stderr=subprocess.STDOUT)
+
+    def outcomes(self):
+        """{test: (outcome, digest of the output if the test failed)}, once the runner has ended. Tests of PDO that a driver's
+        test leads to are named "driver's test: test"."""
+        self.process.wait()
+        self.log.seek(0)
+        found, driver = {}, ""
+        for redirecting, step, path, outcome in PROGRESS.findall(self.log.read()):
+            if step:
+                driver = self._name(redirecting) + ": " if step == "begin" else ""
+                continue
+            test = self._name(path)
+            beside = os.path.dirname(driver) if driver else os.path.dirname(test)
+            found[driver + test] = (outcome, self._digest(f"{beside}/{os.path.basename(test)}") if outcome == "FAIL" else "")
+        self.log.close()
+        return found
+
+    def _name(self, path):
+        return path.removeprefix(self.inside("src/"))
+
+    def _digest(self, test):
+        output = os.path.join(self.src, test[:-len("phpt")] + "out")
+        if not os.path.exists(output):
+            return "no output"
+        with open(output, "rb") as handle:
+            return hashlib.sha256(handle.read()).hexdigest()
+
+    def expected_actions(self, outcomes):
+        """The actions of the tests that ran."""
+        found = []
+        for name, (outcome, _) in outcomes.items():
+            driver, _, test = name.rpartition(": ")
+            if outcome in RAN:
+                written = os.path.join(os.path.dirname(driver or test), os.path.basename(test))
+                found += phpt.expected_actions(os.path.join(self.src, test), self.inside(f"src/{written}"), "/" + test[:-1])
+        return found
