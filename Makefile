@@ -8,7 +8,7 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all demo test check bench bench-check fuzz engine-suite install uninstall clean configure test-packages
+.PHONY: all demo test check bench bench-check fuzz random engine-suite install uninstall clean configure test-packages
 
 all: configure
 	@cmake --build build -j$(JOBS)
@@ -18,7 +18,7 @@ demo: all
 
 # unit tests, then the end-to-end tests
 test: test-packages configure
-	@cmake --build build -j$(JOBS) --target all unit_tests
+	@cmake --build build -j$(JOBS) --target all unit_tests zqprof_traced
 	@tests/run
 
 # the unit tests under the address and undefined-behaviour sanitizers
@@ -38,6 +38,13 @@ bench-check: all
 fuzz: configure
 	@engine/packages fuzz
 	@tests/fuzz/run $(FUZZ_SECONDS)
+
+# random applications with and without the agent; RANDOM_PROGRAMS says how many (500), RANDOM_SEED which (those of the day);
+# RANDOM_ONLY replays one
+random: configure
+	@cmake --build build -j$(JOBS) --target zqprof_traced
+	@tests/random/run.py $(if $(RANDOM_PROGRAMS),--programs $(RANDOM_PROGRAMS)) $(if $(RANDOM_SEED),--seed $(RANDOM_SEED)) \
+		$(if $(RANDOM_ONLY),--only $(RANDOM_ONLY))
 
 # the engine's own test suite with and without the agent, and the differences; SUITE_MODES and SUITE_FOLDERS choose a part,
 # for example SUITE_MODES="off cgi/traced" SUITE_FOLDERS="Zend ext/spl"

@@ -30,6 +30,7 @@ from peer import Peer, http_answer, read_http  # noqa: E402
 KEPT = PROJECT / "build/random"
 TIMEOUT_S = 60
 CUT_DOWN = 3              # so many of the programs that differ
+MOST_UNDEFINED = 0.02     # of the programs
 EXPECTED_PACKETS = 0.95   # of the programs: a busy machine may read a packet too late
 
 EVERY_CALL = {"zqs.action_tracer.action_threshold": "-1", "zqs.action_tracer.slow_sql_threshold": "0",
@@ -118,9 +119,7 @@ class Runs:
         if not still(files["main.php"]):
             return files, "it does not differ every time"
         files = {**files, "main.php": shrinker.shrink(files["main.php"], still)}
-        bare, _, _ = self.compare(files, place, way)
-        doubt = "" if bare == self.without(place, way + 1) else "; without the agent, too, it depends on the allocator"
-        return files, f"cut down to {files['main.php'].count(chr(10))} lines{doubt}"
+        return files, f"cut down to {files['main.php'].count(chr(10))} lines"
 
 
 @dataclass
@@ -132,6 +131,7 @@ class Tally:
     packets: int = 0
     output: int = 0
     endings: Counter = field(default_factory=Counter)       # exit statuses on the bare engine
+    undefined: int = 0        # the engine itself crashes, or makes another thing of them with another allocator
     different: list = field(default_factory=list)           # numbers of programs
     lock: threading.Lock = field(default_factory=threading.Lock)
 
@@ -144,9 +144,11 @@ class Tally:
             self.packets += packets
             self.output += len(bare[1])
             self.endings[bare[0]] += 1
-            if is_whole(bare) and bare != agent:
+            if bare != agent and is_whole(bare) and bare == self.runs.without(place, number + 1):
                 self.different.append(number)
                 self.report(files, place, number, bare, agent)
+            elif bare != agent:
+                self.undefined += 1
         shutil.rmtree(place)
 
     def report(self, files, place, number, bare, agent):
@@ -164,10 +166,11 @@ class Tally:
     def summary(self):
         endings = ", ".join(f"{count} with {status}" for status, count in sorted(self.endings.items(), key=str))
         return (f"{self.programs} programs of seed {self.seed}: {endings} as exit status; {self.output} bytes of output, "
-                f"{self.packets} packets, {len(self.different)} differences")
+                f"{self.packets} packets, {self.undefined} undefined by the engine, {len(self.different)} differences")
 
     def is_good(self):
-        return not self.different and self.packets >= EXPECTED_PACKETS * self.programs
+        few = self.undefined <= 1 + MOST_UNDEFINED * self.programs
+        return not self.different and few and self.packets >= EXPECTED_PACKETS * self.programs
 
 
 def difference(bare, agent):
