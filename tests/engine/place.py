@@ -62,8 +62,8 @@ class Place:
         """The path of a file of this place as the tests see it."""
         if namespaces_work():
             return os.path.join("/tmp", path)
-        first, _, rest = path.partition("/")
-        return os.path.join(self.mounts.get(first, os.path.join(self.folder, first)), rest)
+        first, slash, rest = path.partition("/")
+        return self.mounts.get(first, os.path.join(self.folder, first)) + slash + rest
 
     def start(self, settings, environment):
         with open(os.path.join(self.src, "list.txt"), "w") as handle:

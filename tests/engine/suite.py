@@ -24,6 +24,7 @@ TOP = os.path.dirname(os.path.dirname(HERE))
 BUILD = os.path.join(TOP, "build")
 WANTED_SHARE = 0.95
 REPEATS = 3
+MOST_LINES = 60                                        # of differences, and of faults, per mode
 
 Mode = collections.namedtuple("Mode", "name extension listening settings")
 MODES = {mode.name: mode for mode in (
@@ -167,11 +168,12 @@ def judged(suite, sapi, mode, bare, done, excused):
     arrived = {"off": "processes started", "dead": "reports without a daemon"}.get(mode.name, f"packets, {done.traces} traces")
     row(sapi, mode.name, done, f"{done.seen} of {done.expected} {arrived}; {len(differing)} differ, {flaky} did when not alone")
     well = True
-    for test, before, after in differing:
+    for number, (test, before, after) in enumerate(differing):
         listed = test in excused and (not excused[test] or excused[test] & {mode.name, f"{sapi}/{mode.name}"})
         well = well and listed
-        print(f"     differs: {test}: {before} without, {after} with{' (listed)' if listed else ''}")
-    for fault in done.faults:
+        if number < MOST_LINES:
+            print(f"     differs: {test}: {before} without, {after} with{' (listed)' if listed else ''}")
+    for fault in done.faults[:MOST_LINES]:
         well = False
         print(f"     fault: {fault}")
     if not done.expected or done.seen < WANTED_SHARE * done.expected:
