@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -148,17 +149,29 @@ int zq_daemon_socket(int connect_now TSRMLS_DC)
 	return g->daemon_sock;
 }
 
-/* The time limit must not leave in the middle of an exchange: the stream would be out of step afterwards. */
+/* Waits until the socket takes more, no longer than until `deadline`; false when that has passed. */
+static bool wait_for_room(int sock, uint64 deadline)
+{
+	uint64 now = cycle_timer();
+	struct pollfd room = {sock, POLLOUT, 0};
+	return now < deadline && poll(&room, 1, (int)((deadline - now + 999) / 1000)) != 0;
+}
+
+/* The time limit must not leave in the middle of an exchange: the stream would be out of step afterwards. The socket's
+ * own time-out would begin anew with every bit that a slow reader takes: the packet as a whole has that time. */
 ssize_t zq_daemon_send(int sock, const char *data, size_t len)
 {
 	sigset_t saved_mask;
-	ssize_t sent;
+	size_t sent = 0;
+	ssize_t n;
 	zq_hold_timers(&saved_mask);
+	uint64 deadline = cycle_timer() + daemon_timeout_us;
 	do {
-		sent = send(sock, data, len, MSG_NOSIGNAL);
-	} while (sent == -1 && errno == EINTR); /* nothing was taken yet */
+		n = send(sock, data + sent, len - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+		sent += n > 0 ? (size_t)n : 0;
+	} while (sent < len && (n > 0 || errno == EINTR || (errno == EAGAIN && wait_for_room(sock, deadline))));
 	zq_allow_timers(&saved_mask);
-	return sent;
+	return sent || n >= 0 ? (ssize_t)sent : -1;
 }
 
 ssize_t zq_daemon_recv(int sock, char *data, size_t len)

@@ -27,13 +27,10 @@ class Connection:
         self.open = True
 
     def read(self, size):
-        data = b""
-        while len(data) < size:
-            part = self.sock.recv(min(size - len(data), 1 << 16))
-            if not part:
-                break
-            data += part
-        return data
+        data, count = bytearray(size), 0
+        while count < size and (more := self.sock.recv_into(memoryview(data)[count:])):
+            count += more
+        return bytes(data[:count])
 
 
 class FakeDaemon:
