@@ -8,7 +8,7 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all demo test check bench bench-check fuzz random engine-suite install uninstall clean configure test-packages
+.PHONY: all demo test check bench bench-check fuzz random engine-suite soak install uninstall clean configure test-packages
 
 all: configure
 	@cmake --build build -j$(JOBS)
@@ -50,6 +50,10 @@ random: configure
 # for example SUITE_MODES="off cgi/traced" SUITE_FOLDERS="Zend ext/spl"
 engine-suite: all
 	@tests/engine/run $(if $(SUITE_MODES),--modes "$(SUITE_MODES)") $(SUITE_FOLDERS)
+
+# the long runs: graceful reloads, a million requests, forks, Xdebug and opcache; SOAK_REQUESTS and SOAK_RELOADS shorten them
+soak: all test-packages
+	@tests/soak/run
 
 # These two use what `make` built and build nothing themselves: they run as root, with another cache.
 install uninstall:

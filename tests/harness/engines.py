@@ -26,6 +26,7 @@ EXTENSION = Path(os.environ.get("QUORBIT_EXTENSION", PROJECT / "build/zqprof.so"
 SCRIPTS = PROJECT / "tests/e2e/php"
 WEB_USER = "www-data"
 IS_ROOT = os.geteuid() == 0
+AGENT = "the agent"                        # its place in a php.ini's "load"
 
 
 def php(name):
@@ -120,13 +121,14 @@ class Site:
         assert not faults, faults
 
     def ini_file(self, agent=True, extra=None):
-        """The path of a php.ini, in a folder of its own; names are the engine's, `zqs.*` ones only go to the agent."""
+        """The path of a php.ini, in a folder of its own; names are the engine's, `zqs.*` ones only go to the agent. What is
+        loaded comes in the order of "load", a list of lines and AGENT, or behind one "zend_extension"."""
         settings = {"date.timezone": "UTC", **{k: v for k, v in (extra or {}).items() if not k.startswith("zqs.")}}
-        text = ""
-        for preload in [settings.pop("zend_extension", None)]:
-            text += f'zend_extension="{preload}"\n' if preload else ""
+        preload = settings.pop("zend_extension", None)
+        load = settings.pop("load", [f'zend_extension="{preload}"'] * bool(preload) + [AGENT])
+        ours = [f'extension="{self.extension}"'] if agent else []
+        text = "".join(f"{line}\n" for entry in load for line in (ours if entry is AGENT else [entry]))
         if agent:
-            text += f'extension="{self.extension}"\n'
             settings.update(self.settings)
             settings.update({k: v for k, v in (extra or {}).items() if k.startswith("zqs.")})
         text += "".join(f'{key}="{value}"\n' for key, value in settings.items())
@@ -335,8 +337,10 @@ class BuiltIn(Http):
 
 
 class Apache(Http):
-    """Apache's event MPM: one process with many threads."""
+    """Apache's event MPM: one process with many threads. More processes than one come only while it reloads."""
+    mpm = "event"
     threads = 16
+    processes = 1
 
     def command(self):
         config, modules = self.site.root / f"{self.name}.conf", Path("/usr/lib/apache2/modules")
@@ -347,11 +351,11 @@ PidFile {self.site.root}/{self.name}.pid
 DefaultRuntimeDir {self.site.root}
 ErrorLog {self.site.root}/{self.name}.log
 Listen 127.0.0.1:{self.port}
-LoadModule mpm_event_module {modules}/mod_mpm_event.so
+LoadModule mpm_{self.mpm}_module {modules}/mod_mpm_{self.mpm}.so
 LoadModule authz_core_module {modules}/mod_authz_core.so
 LoadModule php5_module {ENGINE}/apache/libphp5.so
 {owner}StartServers 1
-ServerLimit 1
+ServerLimit {self.processes}
 ThreadsPerChild {self.threads}
 ThreadLimit {self.threads}
 MaxRequestWorkers {self.threads}
@@ -368,6 +372,11 @@ SetHandler application/x-httpd-php
     def console(self):
         log = self.site.root / f"{self.name}.log"
         return super().console() + (log.read_text(errors="replace") if log.exists() else "")
+
+
+class ApacheWorker(Apache):
+    """Apache's worker MPM."""
+    mpm = "worker"
 
 
 def at_once(count, work):

@@ -1,0 +1,44 @@
+"""The long runs of tests/soak in brief: reloads under load, many requests, forks, and neighbours that hook the engine too."""
+import sys
+
+import pytest
+
+from engines import PROJECT
+
+sys.path.insert(0, str(PROJECT / "tests/soak"))
+
+import scenarios  # noqa: E402
+
+
+def silent(_):
+    """Nobody reads the figures of a short run."""
+
+
+@pytest.mark.parametrize("kind, count", [("event", 5), ("worker", 3), ("fpm", 20)])
+def test_reloads_under_load_lose_no_answer_and_no_packet(kind, count):
+    """The parent starts the module anew each time, children end with it: nothing of that shows, and descriptors stay."""
+    figures = scenarios.reloads(kind, count, silent)
+    assert figures["reloads"] == count and not figures["not answered"], figures
+
+
+@pytest.mark.parametrize("kind, count", [("event", 15_000), ("fpm", 5_000)])
+def test_many_requests_leave_memory_and_descriptors_as_they_were(kind, count):
+    figures = scenarios.requests(kind, count, silent)
+    assert figures["packets"] == count
+
+
+def test_every_process_of_a_fork_tree_reports_its_own_run_once():
+    assert scenarios.forks(3)["processes"] == 120
+
+
+@pytest.mark.parametrize("order", scenarios.load_orders().values(), ids=scenarios.load_orders())
+def test_neighbours_see_the_same_with_the_agent(order):
+    """Traces, coverage, stacks and limits of a debugger, and code from a cache, whichever was loaded first."""
+    scenarios.neighbours(order)
+
+
+@pytest.mark.parametrize("kind", ["event", "fpm"])
+def test_neighbours_and_the_agent_share_a_loaded_server(kind):
+    order = scenarios.load_orders()["opcache agent xdebug"]
+    figures = scenarios.neighbours_under_load(kind, order, 2_000)
+    assert figures["packets"] == 2_000
