@@ -2,7 +2,7 @@
 HEAD = b"<html><head><title>shop</title></head><body>"
 BODIES = {1: b"50", 2: b"OutOfStock gone", 3: b"190", 4: b"INNER", 5: b"anything2", 6: b"part", 7: b"slow", 8: b"left",
           9: b"", 10: b"", 11: b"not here", 12: b"3", 13: b"now and later", 14: b"fresh"}
-ERRORS = {9: "OutOfStock", 10: "RUNTIME_ERROR", 11: "404"}
+ERRORS = {9: "OutOfStock", 10: "RUNTIME_ERROR", 11: "HTTP_ERROR"}
 STATUS = {11: 404}
 
 
