@@ -5,7 +5,7 @@ import pytest
 
 from cases import cases, program
 from engines import ENGINE, Apache, BuiltIn, FastCgi, Fpm, Site, web_environment
-from fake_daemon import wait_until
+from fake_daemon import PLAIN, wait_until
 from peer import Peer, http_answer
 from test_daemon import real  # noqa: F401 (a fixture)
 
@@ -164,7 +164,7 @@ def test_two_applications_share_one_transaction(site, callee, code, service):
 def test_the_daemon_joins_both_halves(real):
     """`show` of either action prints the other's trace as well."""
     site = real.site
-    (real.logs / "applications.conf").write_text("[*]\n" + "".join(f"{key} = {value}\n" for key, value in TRACED.items()))
+    (real.logs / "applications.conf").write_text("[*]\n" + "".join(f"{key} = {value}\n" for key, value in {**PLAIN, **TRACED}.items()))
     real.php()                                    # starts the daemon
     wait_until(lambda: real.pids(), "the daemon")
     site.script(ITEM, "item.php")
