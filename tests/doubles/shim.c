@@ -1,10 +1,12 @@
 /* Loaded in place of the extension, which it needs and therefore brings along: what the extension opens as /proc/meminfo
  * is the file that SHIM_MEMINFO names, and its monotonic clock is ahead by the seconds in the file that SHIM_CLOCK names;
  * the processor's counter knows nothing of that, so the kernel seems not to trust it then. Either file may change at any
- * time. With SHIM_WALL set the wall clock is ahead by a year at one reading and behind by one at the next. (The engine loads
- * extensions with RTLD_DEEPBIND, so that preloading would not reach them.) */
+ * time. With SHIM_WALL set the wall clock is ahead by a year at one reading and behind by one at the next. With
+ * SHIM_SIGSEGV set there is a handler of that signal before the extension's. (The engine loads extensions with RTLD_DEEPBIND,
+ * so that preloading would not reach them.) */
 #define _GNU_SOURCE
 #include <fcntl.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -62,4 +64,14 @@ time_t time(time_t *now)
 	struct timespec precise;
 	clock_gettime(CLOCK_REALTIME, &precise);
 	return now ? *now = precise.tv_sec : precise.tv_sec;
+}
+
+static void earlier_handler(int signal_number)
+{
+	(void)!write(2, signal_number == SIGSEGV ? "SEGV" : "?", signal_number == SIGSEGV ? 4 : 1);
+}
+
+__attribute__((constructor)) static void install_handler(void)
+{
+	if (getenv("SHIM_SIGSEGV")) signal(SIGSEGV, earlier_handler);
 }

@@ -51,12 +51,14 @@ def test_messages_of_a_request(site):
     assert site.log().startswith("\n") and site.log().endswith("MSHUTDOWN processing done\n")
 
 
-@pytest.mark.parametrize("writable", [True, False])
-def test_crash_leaves_a_backtrace_and_still_ends_the_process(site, writable):
+@pytest.mark.parametrize("writable, earlier", [(True, False), (False, False), (True, True), (False, True)])
+def test_crash_leaves_a_backtrace_and_still_ends_the_process(site, shim, writable, earlier):
+    """An earlier handler, which returns, is called once in between."""
     if not writable:
         (site.logs / "php-agent.log").mkdir()
-    crash = site.cli('function f() { posix_kill(getmypid(), 11); usleep(500000); } f();')
-    assert crash.code == -signal.SIGSEGV
+    crash = site.cli('function f() { posix_kill(getmypid(), 11); usleep(500000); } f();', twin=False,
+                     env={"SHIM_SIGSEGV": "1"} if earlier else {})
+    assert (crash.code, crash.body, crash.stderr) == (-signal.SIGSEGV, b"", b"SEGV" * earlier)
     if writable:
         banner = re.search(r"\n======== \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \(pid:(\d+),uid:(\d+)\) SIGSEGV backtrace"
                            r"\(Oct 20 2016\) ========\n((?:\t.+\n)+)\n========== SIGSEGV ==========\n", site.log())
