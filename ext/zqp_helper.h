@@ -68,6 +68,11 @@ int zq_callback_works(const char *name TSRMLS_DC);
 /* Registers the shutdown function, and for a monitored caller the header callback, of this request. */
 void register_transaction_callback(TSRMLS_D);
 
+/* ---- the script's memory limit (header only) --------------------------------------------------------------------- */
+/* What the agent builds must not be what trips it. A bailout in between is no harm: the engine puts the limit back. */
+static inline void zq_lift_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)-1); }
+static inline void zq_restore_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)PG(memory_limit)); }
+
 /* ---- growing buffers (header only) ------------------------------------------------------------------------------- */
 /* The engine's smart_str, whose macros do not compile as C++. `c` is null until something was appended. Growth is by
  * half the size and at least 128 bytes, so that a 16 MiB packet costs linear time. */

@@ -110,17 +110,14 @@ static int is_response_header(const char *chunk TSRMLS_DC)
 	return 0;
 }
 
-/* What the agent adds must not be what trips the memory limit: after a page that exhausted it there is nothing left. */
-static void lift_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)-1); }
-static void restore_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)PG(memory_limit)); }
-
-/* The element, freed by zq_buffer_free; its `c` is null when the script is unusable. */
+/* The element, freed by zq_buffer_free; its `c` is null when the script is unusable. After a page that exhausted the memory
+ * limit nothing is left. */
 static smart_str make_element(TSRMLS_D)
 {
 	smart_str element = {NULL, 0, 0};
-	lift_memory_limit(TSRMLS_C);
+	zq_lift_memory_limit(TSRMLS_C);
 	buildScript(ZQG(rum_script), &element TSRMLS_CC);
-	restore_memory_limit(TSRMLS_C);
+	zq_restore_memory_limit(TSRMLS_C);
 	return element;
 }
 
@@ -187,7 +184,7 @@ static int grow_buffer(php_output_handler *handler, size_t len TSRMLS_DC)
 static void insert_element(php_output_handler *handler, size_t offset TSRMLS_DC)
 {
 	smart_str element = make_element(TSRMLS_C);
-	lift_memory_limit(TSRMLS_C);
+	zq_lift_memory_limit(TSRMLS_C);
 	if (element.c && grow_buffer(handler, element.len TSRMLS_CC)) {
 		char *at = handler->buffer.data + offset;
 		memmove(at + element.len, at, handler->buffer.used - offset);
@@ -196,7 +193,7 @@ static void insert_element(php_output_handler *handler, size_t offset TSRMLS_DC)
 		ZQG(rum_enabled) = 0;
 	}
 	zq_buffer_free(&element);
-	restore_memory_limit(TSRMLS_C);
+	zq_restore_memory_limit(TSRMLS_C);
 }
 
 void injectOutputBuffer(TSRMLS_D)

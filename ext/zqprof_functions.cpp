@@ -93,24 +93,17 @@ static int may_change_action(TSRMLS_D)
 	return g_cli && g->request_open && !g->in_agent_call;
 }
 
-/* vantor_start_webaction(string name [, string other]): a command-line run begins an action of its own. */
-static PHP_FUNCTION(vantor_start_webaction)
+/* 1 when the application is monitored: the action is open then. */
+static int start_action(const char *name TSRMLS_DC)
 {
-	(void)return_value_ptr, (void)this_ptr, (void)return_value_used;
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	char *name = NULL, *other = NULL;
-	int name_len, other_len;
-	if (zend_parse_parameters(ht TSRMLS_CC, "s|s!", &name, &name_len, &other, &other_len) == FAILURE || !name ||
-	    !may_change_action(TSRMLS_C)) {
-		return;
-	}
 	g->rinit_tick = cycle_timer();
 	if (!g->license) {
 		zq_set_license(TSRMLS_C);
 	}
 	update_app_info((long)(g->rinit_tick / 1000000) TSRMLS_CC);
 	if (!g->agent_enabled) {
-		return;
+		return 0;
 	}
 	g->tracer_threshold_tick = zq_tracer_threshold_us(g->action_tracer_action_threshold);
 	get_usage(zq_thread_id(), &g->rinit_cpu, NULL);
@@ -118,7 +111,25 @@ static PHP_FUNCTION(vantor_start_webaction)
 	zq_create_containers(TSRMLS_C);
 	reset_action(TSRMLS_C);
 	g->hook_enabled = 1;
-	RETURN_TRUE;
+	return 1;
+}
+
+/* vantor_start_webaction(string name [, string other]): a command-line run begins an action of its own. */
+static PHP_FUNCTION(vantor_start_webaction)
+{
+	(void)return_value_ptr, (void)this_ptr, (void)return_value_used;
+	char *name = NULL, *other = NULL;
+	int name_len, other_len;
+	if (zend_parse_parameters(ht TSRMLS_CC, "s|s!", &name, &name_len, &other, &other_len) == FAILURE || !name ||
+	    !may_change_action(TSRMLS_C)) {
+		return;
+	}
+	zq_lift_memory_limit(TSRMLS_C);
+	int started = start_action(name TSRMLS_CC);
+	zq_restore_memory_limit(TSRMLS_C);
+	if (started) {
+		RETURN_TRUE;
+	}
 }
 
 /* vantor_end_webaction(): reports the open action of a command-line run. */
@@ -131,9 +142,11 @@ static PHP_FUNCTION(vantor_end_webaction)
 	}
 	g->hook_enabled = 0;
 	g->rdown_tick = cycle_timer();
+	zq_lift_memory_limit(TSRMLS_C); /* a packet can be larger than the room that the script has left */
 	send_metric((int)((g->rdown_tick - g->rinit_tick) / 1000) TSRMLS_CC);
 	zq_empty_containers(TSRMLS_C);
 	zq_free_config_copies(TSRMLS_C);
+	zq_restore_memory_limit(TSRMLS_C);
 	RETURN_TRUE;
 }
 

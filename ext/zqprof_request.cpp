@@ -178,38 +178,38 @@ static int accept_url(const char *uri TSRMLS_DC)
 	return 0;
 }
 
-static HashTable *new_table(uint size, dtor_func_t dtor)
+static void make_table(HashTable **table, uint size, dtor_func_t dtor)
 {
-	HashTable *table = (HashTable *)emalloc(sizeof(HashTable));
-	zend_hash_init(table, size, NULL, dtor, 0);
-	return table;
+	if (!*table) {
+		*table = (HashTable *)emalloc(sizeof(HashTable));
+		zend_hash_init(*table, size, NULL, dtor, 0);
+	}
 }
 
-static zend_llist *new_list(size_t element_size, void (*dtor)(void *))
+static void make_list(zend_llist **list, size_t element_size, void (*dtor)(void *))
 {
-	zend_llist *list = (zend_llist *)emalloc(sizeof(zend_llist));
-	zend_llist_init(list, element_size, dtor, 0);
-	return list;
+	if (!*list) {
+		*list = (zend_llist *)emalloc(sizeof(zend_llist));
+		zend_llist_init(*list, element_size, dtor, 0);
+	}
 }
 
 void zq_create_containers(TSRMLS_D)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	if (!g->wrapper_function_hash) {
-		g->wrapper_function_hash = new_table(32, NULL);
-		g->performance_function_hash = new_table(16, NULL);
+	if (!g->performance_function_hash) {
+		make_table(&g->wrapper_function_hash, 32, NULL);
+		make_table(&g->performance_function_hash, 16, NULL);
 		zq_init_funtion_hash(TSRMLS_C);
 	}
-	if (!g->sqls) {
-		g->sqls = new_list(sizeof(sql_element), sql_element_dtor);
-		g->tracer = new_list(sizeof(tracer_element), tracer_element_dtor);
-		g->components = new_list(sizeof(component_element), component_element_dtor);
-		g->webservices = new_list(sizeof(webservice_element), webservice_element_dtor);
-		g->components_hash = new_table(64, component_hash_element_dtor);
-		g->nosql_memcc = new_table(16, nosql_hash_element_dtor);
-		g->nosql_redis = new_table(16, nosql_hash_element_dtor);
-		g->nosql_mongo = new_table(16, nosql_hash_element_dtor);
-	}
+	make_list(&g->sqls, sizeof(sql_element), sql_element_dtor);
+	make_list(&g->tracer, sizeof(tracer_element), tracer_element_dtor);
+	make_list(&g->components, sizeof(component_element), component_element_dtor);
+	make_list(&g->webservices, sizeof(webservice_element), webservice_element_dtor);
+	make_table(&g->components_hash, 64, component_hash_element_dtor);
+	make_table(&g->nosql_memcc, 16, nosql_hash_element_dtor);
+	make_table(&g->nosql_redis, 16, nosql_hash_element_dtor);
+	make_table(&g->nosql_mongo, 16, nosql_hash_element_dtor);
 }
 
 static void reset_counters(zend_zqprof_globals *g)
@@ -297,10 +297,6 @@ static void activate(TSRMLS_D)
 	g->hook_enabled = 1;
 }
 
-/* What the agent keeps must not be what trips the script's memory limit. */
-static void lift_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)-1); }
-static void restore_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)PG(memory_limit)); }
-
 int zm_activate_zqprof(INIT_FUNC_ARGS)
 {
 	(void)type;
@@ -312,14 +308,14 @@ int zm_activate_zqprof(INIT_FUNC_ARGS)
 	g->rinit_tick = cycle_timer();
 	g->app_name = NULL;
 	clear_request_fields(g);
-	lift_memory_limit(TSRMLS_C);
+	zq_lift_memory_limit(TSRMLS_C);
 	zend_try {
 		activate(TSRMLS_C);
 	} zend_catch {
 		g->hook_enabled = 0;
 		g->agent_enabled = 0;
 	} zend_end_try();
-	restore_memory_limit(TSRMLS_C);
+	zq_restore_memory_limit(TSRMLS_C);
 	return SUCCESS;
 }
 
@@ -431,11 +427,11 @@ int zm_deactivate_zqprof(SHUTDOWN_FUNC_ARGS)
 	(void)module_number;
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (g->agent_enabled && g->hook_enabled) {
-		lift_memory_limit(TSRMLS_C);
+		zq_lift_memory_limit(TSRMLS_C);
 		zend_try {
 			end_action(TSRMLS_C);
 		} zend_end_try();
-		restore_memory_limit(TSRMLS_C);
+		zq_restore_memory_limit(TSRMLS_C);
 	}
 	g->hook_enabled = 0;
 	g->request_open = 0;

@@ -72,6 +72,13 @@ def test_ten_thousand_actions_keep_memory_flat(site):
         (1, f"trouble {i}", "WebAction/job/" + ("again" if i % 10 == 0 else str(i % 3))) for i in range(10000)}
 
 
+def test_reporting_does_not_count_against_the_memory_limit(site):
+    """A packet of 16 MB beside its records is more than the worker's limit. The worker's own excess still ends it."""
+    result = site.cli(program("functions/heavy_worker.php"), twin=False)
+    assert (result.metric.action, len(result.metric.sql)) == ("WebAction/API/heavy", 1000)
+    assert b"over the limit: " in result.body and b"memory size of 31457280 bytes exhausted" in result.body
+
+
 @pytest.mark.parametrize("code, expected", cases("functions/errors.php"))
 @pytest.mark.parametrize("collect", [True, False])
 def test_reported_error(site, code, expected, collect):
