@@ -24,7 +24,7 @@ def test_reloads_under_load_lose_no_answer_and_no_packet(kind, count):
 @pytest.mark.parametrize("kind, count", [("event", 15_000), ("fpm", 5_000)])
 def test_many_requests_leave_memory_and_descriptors_as_they_were(kind, count):
     figures = scenarios.requests(kind, count, silent)
-    assert figures["packets"] == count
+    assert figures["answered"] == count and figures["connections"] <= 40, figures      # one for each thread, kept
 
 
 def test_every_process_of_a_fork_tree_reports_its_own_run_once():
@@ -41,4 +41,4 @@ def test_neighbours_see_the_same_with_the_agent(order):
 def test_neighbours_and_the_agent_share_a_loaded_server(kind):
     order = scenarios.load_orders()["opcache agent xdebug"]
     figures = scenarios.neighbours_under_load(kind, order, 2_000)
-    assert figures["packets"] == 2_000
+    assert figures["answered"] == 2_000, figures

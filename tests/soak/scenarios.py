@@ -18,7 +18,8 @@ from sink import Sink
 
 SCRIPTS = Path(__file__).parent / "php"
 QUIET = {"display_errors": "0", "log_errors": "0"}
-LOST_PACKET = "send metric data fail"
+TRACED = {"zqs.action_tracer.action_threshold": "1"}      # here as well as in the daemon's answer, which may come too late
+LOST_PACKET, LATE_ANSWER = "send metric data fail", "recv app config"
 FLAT_KIB = 512                             # more growth than that from the middle of a run to its end is a leak
 ANSWERS_PER_RELOAD = 20
 # How many packets a process of php/tree.php sends, by its end; one if not named here.
@@ -43,7 +44,7 @@ class Run:
 
     def check(self):
         """Every answer right, and one whole packet for each, but for those that the agent's log says were lost."""
-        said = self.site.log().count(LOST_PACKET)
+        said, late = (self.site.log().count(line) for line in (LOST_PACKET, LATE_ANSWER))
         deadline = time.monotonic() + 5                   # a packet may leave after its answer
         while len(self.missing()) > said and time.monotonic() < deadline:
             time.sleep(0.05)
@@ -52,9 +53,10 @@ class Run:
         self.figures |= {"requests": self.load.next, "answered": self.load.right, "not answered": dict(self.load.lost),
                          "packets": self.sink.packets, "queries": self.sink.queries, "connections": self.sink.connections,
                          "answered without a packet": len(missing), "lost packets in the log": said,
+                         "late answers of the daemon in the log": late,
                          "packets of requests not answered": unanswered}
         wrong = {"wrong answers": self.load.wrong, "told twice": [n for n, times in enumerate(seen) if times > 1][:10],
-                 "torn": self.sink.torn, "faults": self.sink.faults, "complaints": self.sink.complaints(),
+                 "torn": max(self.sink.torn - said, 0), "faults": self.sink.faults, "complaints": self.sink.complaints() if self.sink.faults else [],
                  "crashes": self.server.crashes()[:10], "lost in silence": missing[:10] if len(missing) > said else []}
         assert not any(wrong.values()), ({what: found for what, found in wrong.items() if found}, self.figures)
         return self.figures
@@ -69,7 +71,7 @@ def running(kind, count, keep=False, ini=None):
     try:
         for file in SCRIPTS.iterdir():
             shutil.copy(file, site.docroot)
-        server = KINDS[kind](site, site.ini_file(True, {**QUIET, **(ini or {})}), True)
+        server = KINDS[kind](site, site.ini_file(True, {**QUIET, **TRACED, **(ini or {})}), True)
         site.servers.append(server)
         server.start()
         yield Run(site, server, sink, Load(server.protocol(site.docroot / "index.php", keep), server.lanes, count, pages.answer))
