@@ -56,7 +56,8 @@ class Run:
                          "late answers of the daemon in the log": late,
                          "packets of requests not answered": unanswered}
         wrong = {"wrong answers": self.load.wrong, "told twice": [n for n, times in enumerate(seen) if times > 1][:10],
-                 "torn": max(self.sink.torn - said, 0), "faults": self.sink.faults, "complaints": self.sink.complaints() if self.sink.faults else [],
+                 "torn": max(self.sink.torn - said, 0), "faults": self.sink.faults,
+                 "complaints": self.sink.complaints() if self.sink.faults else [],
                  "crashes": self.server.crashes()[:10], "lost in silence": missing[:10] if len(missing) > said else []}
         assert not any(wrong.values()), ({what: found for what, found in wrong.items() if found}, self.figures)
         return self.figures
@@ -159,8 +160,8 @@ def load_orders():
     subprocess.run([engines.PROJECT / "engine/extensions", "xdebug"], check=True)
     cache, debugger = f"{folder}/opcache.so", engines.PROJECT / "build/extensions/xdebug.so"
     lines = {"opcache": f'zend_extension="{cache}"', "xdebug": f'zend_extension="{debugger}"', "agent": AGENT}
-    return {" ".join(order): [lines[name] for name in order]
-            for names in (("opcache",), ("xdebug",), ("opcache", "xdebug")) for order in itertools.permutations([*names, "agent"])}
+    sets = [("opcache", "agent"), ("xdebug", "agent"), ("opcache", "xdebug", "agent")]
+    return {" ".join(order): [lines[name] for name in order] for names in sets for order in itertools.permutations(names)}
 
 
 def neighbours(order):
