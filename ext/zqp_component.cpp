@@ -6,9 +6,11 @@
 
 component_element *component_element_alloc(char *name)
 {
-	component_element *element = (component_element *)ecalloc(1, sizeof(component_element));
-	zq_str_replace_ln(name);
-	element->name = name;
+	component_element *element = (component_element *)zq_list_new(sizeof *element);
+	*element = {name, 0, 0};
+	if (name) {
+		zq_str_replace_ln(name);
+	}
 	return element;
 }
 
@@ -35,23 +37,24 @@ static void append_name_part(smart_str *name, const char *part)
 	json_escape_string(name, part, strlen(part), 0);
 }
 
-zend_llist_element *zq_component_open(const char *cls, const char *func TSRMLS_DC)
+zend_llist_element *zq_component_open(TSRMLS_D)
 {
-	if (!ZQG(components)) {
-		return NULL;
-	}
+	return ZQG(components) ? zq_list_append(ZQG(components), component_element_alloc(NULL)) : NULL;
+}
+
+static char *component_name(const char *cls, const char *func)
+{
 	smart_str name = {NULL, 0, 0};
 	zq_append(&name, "PHP", 3);
 	append_name_part(&name, cls ? cls : "NULL");
 	append_name_part(&name, func ? func : "");
-
-	component_element *element = component_element_alloc(zq_buffer_text(&name));
-	zend_llist_add_element(ZQG(components), element);
-	efree(element);
-	return ZQG(components)->tail;
+	zq_str_replace_ln(zq_buffer_text(&name));
+	return name.c;
 }
 
-void zq_component_close(zend_llist_element *element, unsigned generation, int elapsed_ms TSRMLS_DC)
+/* Only here does a component get its name: nobody sees those that took no time, and outermost functions are many. */
+void zq_component_close(zend_llist_element *element, unsigned generation, const char *cls, const char *func,
+                        int elapsed_ms TSRMLS_DC)
 {
 	zend_llist *open = ZQG(components);
 	if (!element || !open || generation != ZQG(component_generation) || open->tail != element) {
@@ -63,6 +66,7 @@ void zq_component_close(zend_llist_element *element, unsigned generation, int el
 		if (element->prev) {
 			((component_element *)element->prev->data)->exclusive += elapsed_ms;
 		}
+		component->name = component_name(cls, func);
 		zq_component_add(component->name, component->metric, component->exclusive TSRMLS_CC);
 	}
 	zend_llist_remove_tail(open);

@@ -115,6 +115,29 @@ static inline void zq_buffer_free(smart_str *dest)
 	dest->len = dest->a = 0;
 }
 
+/* ---- list nodes (header only) ------------------------------------------------------------------------------------ */
+/* Data of `size` bytes inside a new node for an engine list, request memory: where the engine's own function would make a
+ * copy of a record made elsewhere, one allocation does. zq_list_append() gives it to a list, efree(zq_list_node()) releases
+ * one that was not given away. */
+static inline void *zq_list_new(size_t size)
+{
+	return ((zend_llist_element *)emalloc(offsetof(zend_llist_element, data) + size))->data;
+}
+static inline zend_llist_element *zq_list_node(void *data)
+{
+	return (zend_llist_element *)((char *)data - offsetof(zend_llist_element, data));
+}
+static inline zend_llist_element *zq_list_append(zend_llist *list, void *data)
+{
+	zend_llist_element *node = zq_list_node(data);
+	node->prev = list->tail;
+	node->next = NULL;
+	*(list->tail ? &list->tail->next : &list->head) = node;
+	list->tail = node;
+	list->count++;
+	return node;
+}
+
 /* ---- names as numbers (header only) ------------------------------------------------------------------------------ */
 /* h = 5381; for each byte h = (h * 33) XOR byte, the byte sign-extended. Compile-time for labels; the request path
  * uses the same function, so both agree by construction. A hit is confirmed by length and bytes. */

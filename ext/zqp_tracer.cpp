@@ -3,7 +3,7 @@
 #include "zqp_debug.h"
 
 /* Each call kept costs some 200 bytes of the script's own memory limit. */
-static const int MAX_TRACED_CALLS = 100000;
+static const size_t MAX_TRACED_CALLS = 100000;
 
 sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric)
 {
@@ -32,40 +32,25 @@ static sql_element *repeated(const zend_llist *list, const char *db, const char 
 	return strcmp(last->statement, statement) == 0 ? last : NULL;
 }
 
-/* Links a node made by ourselves, as zend_llist_add_element() does with its own. */
-static void append_node(zend_llist *list, zend_llist_element *node)
-{
-	node->prev = list->tail;
-	node->next = NULL;
-	if (list->tail) {
-		list->tail->next = node;
-	} else {
-		list->head = node;
-	}
-	list->tail = node;
-	list->count++;
-}
-
 /* Scripts repeat one quick statement thousands of times, and then each allocation shows: a repetition takes none, and
  * list node, record and text are one block. */
 sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric, int may_repeat)
 {
-	const size_t head = offsetof(zend_llist_element, data) + sizeof(sql_element);
 	sql_element *element = may_repeat ? repeated(list, db, statement, metric) : NULL;
 	if (element) {
 		element->repeats++;
 		return element;
 	}
 	size_t most = strnlen(statement, ZQ_MAX_STATEMENT);
-	zend_llist_element *node = (zend_llist_element *)emalloc(head + most + 1);
-	size_t len = zq_clean_statement(statement, most, (char *)node + head);
+	element = (sql_element *)zq_list_new(sizeof *element + most + 1);
+	size_t len = zq_clean_statement(statement, most, own_text(element));
 	if (most - len > 64) { /* what comments took must not stay allocated behind many short statements */
-		node = (zend_llist_element *)erealloc(node, head + len + 1);
+		size_t size = offsetof(zend_llist_element, data) + sizeof *element + len + 1;
+		element = (sql_element *)((zend_llist_element *)erealloc(zq_list_node(element), size))->data;
 	}
-	element = (sql_element *)node->data;
 	*element = {db, own_text(element), NULL, NULL, metric};
 	element->text_is_verbatim = len == most;
-	append_node(list, node);
+	zq_list_append(list, element);
 	return element;
 }
 
@@ -84,30 +69,33 @@ void sql_element_dtor(void *ele)
 	}
 }
 
-static char *copy_without_controls(const char *name)
+/* Puts a name with its NUL at `to`, control characters as blanks. */
+static char *put_name(char *to, const char *name, size_t size)
 {
-	char *copy = estrdup(name);
-	zq_str_replace_ln(copy);
-	return copy;
+	memcpy(to, name, size);
+	zq_str_replace_ln(to);
+	return to;
 }
 
+/* List node, element and names are one block, so that a traced call costs one allocation. */
 tracer_element *tracer_element_alloc(const char *cls, const char *func)
 {
-	tracer_element *element = (tracer_element *)ecalloc(1, sizeof(tracer_element));
-	element->cls = cls ? copy_without_controls(cls) : NULL;
-	element->func = copy_without_controls(func ? func : "");
+	size_t cls_size = cls ? strlen(cls) + 1 : 0;
+	size_t func_size = func ? strlen(func) + 1 : 1;
+	tracer_element *element = (tracer_element *)zq_list_new(sizeof(tracer_element) + cls_size + func_size);
+	char *names = (char *)(element + 1);
+	memset(element, 0, sizeof *element);
+	element->cls = cls ? put_name(names, cls, cls_size) : NULL;
+	element->func = put_name(names + cls_size, func ? func : "", func_size);
 	return element;
 }
 
 void tracer_element_dtor(void *ele)
 {
 	tracer_element *element = (tracer_element *)ele;
-	char **texts[] = {&element->cls, &element->func, &element->filename};
-	for (char **text : texts) {
-		if (*text) {
-			efree(*text);
-			*text = NULL;
-		}
+	if (element->filename) {
+		efree(element->filename);
+		element->filename = NULL;
 	}
 }
 
@@ -136,7 +124,7 @@ int zq_trace_is_full(TSRMLS_D)
 	if (!ZQG(tracer)) {
 		return 1;
 	}
-	if (zend_llist_count(ZQG(tracer)) < MAX_TRACED_CALLS) {
+	if (EXPECTED(ZQG(tracer)->count < MAX_TRACED_CALLS)) {
 		return 0;
 	}
 	zq_note_recorded_limit("traced calls" TSRMLS_CC);
@@ -147,10 +135,10 @@ void zq_trace_append(tracer_element *element TSRMLS_DC)
 {
 	if (zq_trace_is_full(TSRMLS_C)) {
 		tracer_element_dtor(element);
+		efree(zq_list_node(element));
 	} else {
-		zend_llist_add_element(ZQG(tracer), element);
+		zq_list_append(ZQG(tracer), element);
 	}
-	efree(element);
 }
 
 void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,

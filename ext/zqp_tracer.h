@@ -26,7 +26,7 @@ void sql_element_dtor(void *ele); /* frees the strings, not the record */
 
 enum { ZQ_TRACER_PLAIN = 0, ZQ_TRACER_SQL = 1, ZQ_TRACER_EXTERNAL = 2 };
 
-/* One timed call; an element of `tracer`, copied by value. */
+/* One timed call; the data of a node of `tracer`. */
 typedef struct tracer_element {
 	char *cls;       /* may be null; control characters replaced, as in func */
 	char *func;
@@ -47,16 +47,17 @@ typedef struct tracer_tree_node {
 	struct tracer_tree_node *last_child; /* appending to a wide node must not walk its children */
 } tracer_tree_node;
 
-/* Zeroed element with copies of the names; `cls` may be null. zq_trace_append() takes it over. */
+/* Zeroed element with copies of the names; `cls` may be null. It lies in a list node and its names behind it, in one block
+ * that is released by giving it to zq_trace_append(). */
 tracer_element *tracer_element_alloc(const char *cls, const char *func);
-void tracer_element_dtor(void *ele); /* frees cls, func, filename; not data, not the record */
+void tracer_element_dtor(void *ele); /* frees filename; not data, not the block */
 /* For zend_llist_sort: 1 when f belongs behind s (later start; on equal starts the earlier end), else 0. */
 int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **s TSRMLS_DC);
 /* Logs once per action, at DEBUG, that `what` (plural) has reached its bound. */
 void zq_note_recorded_limit(const char *what TSRMLS_DC);
 /* 1 when nothing more may be added to `tracer`: no list, or 100,000 elements (noted in the log once). */
 int zq_trace_is_full(TSRMLS_D);
-/* Appends the element unless the trace is full; adopts it, names and shell, in either case. */
+/* Appends the element unless the trace is full; adopts its block in either case. */
 void zq_trace_append(tracer_element *element TSRMLS_DC);
 /* Appends a call with file and line when its whole milliseconds reach action_tracer_stack_trace_threshold; nothing when
  * the trace is full. `data_frame` is the frame that made the call. The callers test the threshold for being traced. */

@@ -87,22 +87,24 @@ static inline int enter_level(zend_zqprof_globals *g, zend_execute_data *caller)
 	return before;
 }
 
-/* "class::function", or the function alone; freed by free_full_name. */
+/* "class::function", or the function alone, for a call that a row or the profile may want; freed by free_full_name. */
 static void build_full_name(zq_user_func_data *user_data, const zq_stack_data *stack)
 {
-	if (!stack->cls) {
-		user_data->func_full_name = stack->func;
-		user_data->func_full_size = stack->func_length + 1;
-		return;
+	size_t func_size = (size_t)stack->func_length + 1, prefix = 0;
+	user_data->func_full_name = stack->func;
+	if (stack->cls) {
+		prefix = (size_t)stack->cls_length + 2;
+		user_data->func_full_name = (char *)emalloc(prefix + func_size);
+		memcpy(user_data->func_full_name, stack->cls, (size_t)stack->cls_length);
+		memcpy(user_data->func_full_name + stack->cls_length, "::", 2);
+		memcpy(user_data->func_full_name + prefix, stack->func, func_size);
 	}
-	user_data->func_full_size = stack->cls_length + stack->func_length + 3;
-	user_data->func_full_name = (char *)emalloc((size_t)user_data->func_full_size);
-	snprintf(user_data->func_full_name, (size_t)user_data->func_full_size, "%s::%s", stack->cls, stack->func);
+	user_data->func_full_size = (int)(prefix + func_size);
 }
 
 static void free_full_name(zq_user_func_data *user_data, const zq_stack_data *stack)
 {
-	if (user_data->func_full_name != stack->func) {
+	if (user_data->func_full_name && user_data->func_full_name != stack->func) {
 		efree(user_data->func_full_name);
 	}
 }
@@ -114,13 +116,14 @@ static void zq_before_function_call(zq_stack_data *stack, zq_user_func_data *use
 	if (g->profile_end_time) {
 		thread_profile("enter function", user_data->func_full_name, NULL TSRMLS_CC);
 	}
-	zq_wrapper_callback callback = zq_find_before(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC);
+	zq_wrapper_callback callback =
+		user_data->func_full_name ? zq_find_before(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC) : NULL;
 	if (callback) {
 		wanted = callback(stack->execute_data, user_data->func_full_name TSRMLS_CC) & 1;
 	}
 	/* Every outermost user function is a component; included code never is by its level. */
 	if (wanted || (g->tracer_level == 1 && user_data->is_function)) {
-		user_data->llist_comp_ele = zq_component_open(stack->cls, stack->func TSRMLS_CC);
+		user_data->llist_comp_ele = zq_component_open(TSRMLS_C);
 		user_data->component_generation = g->component_generation;
 	}
 }
@@ -131,13 +134,15 @@ static void zq_after_function_call(zq_stack_data *stack, zq_user_func_data *user
 	if (g->profile_end_time) {
 		thread_profile("leave function", user_data->func_full_name, NULL TSRMLS_CC);
 	}
-	uint64 now = cycle_timer();
-	zq_performance_callback callback = zq_find_after(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC);
+	uint64 now = zq_clock_us(&g->clock);
+	zq_performance_callback callback =
+		user_data->func_full_name ? zq_find_after(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC) : NULL;
 	if (!callback || !callback(stack, start, now TSRMLS_CC)) {
 		zq_trace_default(stack, start, now TSRMLS_CC);
 	}
 	if (user_data->llist_comp_ele) {
-		zq_component_close(user_data->llist_comp_ele, user_data->component_generation, (int)((now - start) / 1000) TSRMLS_CC);
+		zq_component_close(user_data->llist_comp_ele, user_data->component_generation, stack->cls, stack->func,
+		                   (int)((now - start) / 1000) TSRMLS_CC);
 	}
 }
 
@@ -153,13 +158,27 @@ static void describe_call(zq_stack_data *stack, const user_call *call, zend_exec
 	stack->object = caller->object;
 }
 
+static inline int is_watched(const zend_zqprof_globals *g, const user_call *call)
+{
+	return call->scope ? zq_may_be_watched(g, call->scope->name, (int)call->scope->name_length, call->func)
+	                   : zq_may_be_watched(g, NULL, 0, call->func);
+}
+
+/* Asked after the call: by then it may itself have added the row that wants it. */
+static inline int is_watched_after(const zend_zqprof_globals *g, const user_call *call)
+{
+	return g->performance_function_hash->nNumOfElements && is_watched(g, call);
+}
+
 /* 1: there is something to do after the call, however quick it is. */
 static zend_never_inline int before_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
 {
 	zq_stack_data stack;
 	zq_user_func_data user_data = {};
 	describe_call(&stack, call, caller);
-	build_full_name(&user_data, &stack);
+	if (ZQG(profile_end_time) || is_watched(zq_globals(TSRMLS_C), call)) {
+		build_full_name(&user_data, &stack);
+	}
 	user_data.is_function = is_function_call(caller);
 	zq_before_function_call(&stack, &user_data TSRMLS_CC);
 	call->component = user_data.llist_comp_ele;
@@ -210,7 +229,9 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 		put_stub(&stub, caller, call->func, NULL);
 	}
 	describe_call(&stack, call, caller);
-	build_full_name(&user_data, &stack);
+	if (ZQG(profile_end_time) || is_watched_after(zq_globals(TSRMLS_C), call)) {
+		build_full_name(&user_data, &stack);
+	}
 	user_data.llist_comp_ele = call->component;
 	user_data.component_generation = call->component_generation;
 	zq_after_function_call(&stack, &user_data, call->start TSRMLS_CC);
@@ -221,18 +242,6 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	EG(opline_ptr) = opline_ptr;
 	EG(active_op_array) = active_op_array;
 	EG(active_symbol_table) = active_symbol_table;
-}
-
-static inline int is_watched(const zend_zqprof_globals *g, const user_call *call)
-{
-	return call->scope ? zq_may_be_watched(g, call->scope->name, (int)call->scope->name_length, call->func)
-	                   : zq_may_be_watched(g, NULL, 0, call->func);
-}
-
-/* Asked after the call: by then it may itself have added the row that wants it. */
-static inline int is_watched_after(const zend_zqprof_globals *g, const user_call *call)
-{
-	return g->performance_function_hash->nNumOfElements && is_watched(g, call);
 }
 
 static inline int took_long(zend_zqprof_globals *g, uint64 start)
@@ -296,26 +305,45 @@ static inline zval **internal_return_slot(zend_execute_data *frame, zend_fcall_i
 	return frame->opline ? &EX_TMP_VAR(frame, frame->opline->result.var)->var.ptr : NULL;
 }
 
+/* What is left of a call that no recorder looks at: its hash codes stay 0. */
+static zq_stack_data unwatched_call(zend_execute_data *frame, const char *cls, const char *func)
+{
+	zq_stack_data stack = {};
+	stack.execute_data = frame;
+	stack.cls = cls;
+	stack.func = (char *)func;
+	return stack;
+}
+
+static zend_never_inline void before_trampoline(zend_execute_data *frame, const char *cls, const char *func TSRMLS_DC)
+{
+	zq_stack_data stack = unwatched_call(frame, cls, func);
+	zq_before_internal_call(&stack TSRMLS_CC);
+}
+
+static zend_never_inline void after_trampoline(zend_execute_data *frame, zend_class_entry *scope, const char *func,
+                                               uint64 start TSRMLS_DC)
+{
+	zq_stack_data stack = unwatched_call(frame, scope ? scope->name : NULL, func);
+	callee_stub stub;
+	put_stub(&stub, frame, func, scope);
+	zq_after_internal_call(&stack, start TSRMLS_CC);
+	remove_stub(&stub, frame);
+}
+
 /* `__call`, `__callStatic` and `Closure::__invoke` come as temporary functions that are freed inside their own handler:
- * no recorder looks at them (their hash codes stay 0); a slow one enters the trace behind a stub. */
+ * a slow one enters the trace behind a stub. */
 static zend_never_inline void run_trampoline(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
-	zend_function *function = frame->function_state.function;
-	zend_class_entry *scope = function->common.scope;
-	zq_stack_data stack = {};
-	callee_stub stub;
-	stack.execute_data = frame;
-	stack.cls = scope ? scope->name : NULL;
-	stack.func = estrdup(function->common.function_name);
-	zq_before_internal_call(&stack TSRMLS_CC);
+	zend_class_entry *scope = frame->function_state.function->common.scope;
+	char *func = estrdup(frame->function_state.function->common.function_name);
+	before_trampoline(frame, scope ? scope->name : NULL, func TSRMLS_CC);
 	uint64 start = cycle_timer();
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
 	if (ZQG(hook_enabled)) {
-		put_stub(&stub, frame, stack.func, scope);
-		zq_after_internal_call(&stack, start TSRMLS_CC);
-		remove_stub(&stub, frame);
+		after_trampoline(frame, scope, func, start TSRMLS_CC);
 	}
-	efree(stack.func);
+	efree(func);
 }
 
 static inline void hash_names(zq_stack_data *stack)
@@ -348,10 +376,7 @@ static zend_never_inline void run_watched(zend_execute_data *frame, zend_class_e
 
 static zend_never_inline void trace_unwatched(zend_execute_data *frame, const char *cls, const char *func, uint64 start TSRMLS_DC)
 {
-	zq_stack_data stack = {};
-	stack.execute_data = frame;
-	stack.cls = cls;
-	stack.func = (char *)func;
+	zq_stack_data stack = unwatched_call(frame, cls, func);
 	zq_trace_default(&stack, start, cycle_timer() TSRMLS_CC);
 }
 
