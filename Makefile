@@ -27,12 +27,13 @@ check: test-packages configure
 	@cmake --build --preset sanitize -j$(JOBS)
 	@ctest --preset sanitize --no-tests=error
 
-# what the agent costs; bench-check fails when a call costs more instructions than bench/budget.toml allows
+# what the agent costs; bench-check fails when a call costs more instructions or stack than bench/budget.toml allows
 bench: all
 	@bench/run
 
 bench-check: all
 	@bench/instructions.py --check
+	@bench/stack.py --check
 
 # random input for the parsers, a minute each; FUZZ_SECONDS changes that
 fuzz: configure
