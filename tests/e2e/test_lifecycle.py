@@ -31,7 +31,7 @@ def test_every_process_of_a_fork_tree_reports_its_own_run_once():
     assert scenarios.forks(3)["processes"] == 120
 
 
-@pytest.mark.parametrize("order", scenarios.load_orders().values(), ids=scenarios.load_orders())
+@pytest.mark.parametrize("order", scenarios.ORDERS)
 def test_neighbours_see_the_same_with_the_agent(order):
     """Traces, coverage, stacks and limits of a debugger, and code from a cache, whichever was loaded first."""
     scenarios.neighbours(order)
@@ -39,6 +39,5 @@ def test_neighbours_see_the_same_with_the_agent(order):
 
 @pytest.mark.parametrize("kind", ["event", "fpm"])
 def test_neighbours_and_the_agent_share_a_loaded_server(kind):
-    order = scenarios.load_orders()["opcache agent xdebug"]
-    figures = scenarios.neighbours_under_load(kind, order, 2_000)
+    figures = scenarios.neighbours_under_load(kind, "opcache agent xdebug", 2_000)
     assert figures["answered"] == 2_000, figures

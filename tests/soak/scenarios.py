@@ -1,5 +1,6 @@
 """The long runs. Each starts private servers below a folder of its own, gives what it measured, and raises when anything
 was wrong; tests/e2e/test_lifecycle.py runs them briefly."""
+import functools
 import itertools
 import shutil
 import subprocess
@@ -154,24 +155,31 @@ def forks(rounds, depth=3, breadth=3):
     return {"trees": rounds, "processes": processes, "packets": packets}
 
 
-def load_orders():
-    """php.ini lines of opcache and Xdebug before and behind the agent's. (Xdebug demands to be loaded as a Zend extension.)"""
+ORDERS = [" ".join(order) for names in (("opcache", "agent"), ("xdebug", "agent"), ("opcache", "xdebug", "agent"))
+          for order in itertools.permutations(names)]
+
+
+@functools.cache
+def neighbour_lines():
+    """The php.ini lines that load each. (Xdebug demands to be loaded as a Zend extension.)"""
     folder = subprocess.run([engines.ENGINE / "bin/php-config", "--extension-dir"], capture_output=True, text=True).stdout.strip()
     subprocess.run([engines.PROJECT / "engine/extensions", "xdebug"], check=True)
-    cache, debugger = f"{folder}/opcache.so", engines.PROJECT / "build/extensions/xdebug.so"
-    lines = {"opcache": f'zend_extension="{cache}"', "xdebug": f'zend_extension="{debugger}"', "agent": AGENT}
-    sets = [("opcache", "agent"), ("xdebug", "agent"), ("opcache", "xdebug", "agent")]
-    return {" ".join(order): [lines[name] for name in order] for names in sets for order in itertools.permutations(names)}
+    libraries = {"opcache": f"{folder}/opcache.so", "xdebug": engines.PROJECT / "build/extensions/xdebug.so"}
+    return {"agent": AGENT, **{name: f'zend_extension="{path}"' for name, path in libraries.items()}}
+
+
+def neighbour_settings(order, clashes="0"):
+    return {**NEIGHBOURS, CLASHES: clashes, "load": [neighbour_lines()[name] for name in order.split()]}
 
 
 def neighbours(order):
-    """The command line with neighbours loaded in that order: nothing may differ from a run without the agent."""
+    """The command line with neighbours loaded in that order, one of ORDERS: nothing may differ from a run without the agent."""
     site = engines.Site()
     try:
         shutil.copy(SCRIPTS / "neighbours.php", site.docroot)
         for clashes, arguments in (("0", []), ("1", []), ("0", ["300"])):
-            result = site.both("php", ["neighbours.php", site.root, *arguments],
-                               ini={**QUIET, **NEIGHBOURS, CLASHES: clashes, "load": order})
+            ini = {**QUIET, **neighbour_settings(order, clashes)}
+            result = site.both("php", ["neighbours.php", site.root, *arguments], ini=ini)
             assert b"sdrawkcab" in result.body, (result.body, result.stderr)
             assert result.metric.action == "BackgroundAction/Script/neighbours.php", result.metric
         assert not site.log(), site.log()
@@ -181,7 +189,7 @@ def neighbours(order):
 
 def neighbours_under_load(kind, order, count):
     """A server with neighbours loaded in that order, whose cached code is thrown away now and then."""
-    with running(kind, count, keep=True, ini={**NEIGHBOURS, CLASHES: "0", "load": order}) as run:
+    with running(kind, count, keep=True, ini=neighbour_settings(order)) as run:
         run.load.run()
         run.check()
         assert not run.load.lost, run.figures
