@@ -37,6 +37,10 @@ class Hollow extends Exception {
 }
 vantor_notice_error(new Hollow);
 vantor_notice_error('next');
+# --- an object that changes when its properties are listed => nothing
+$d = new DateTime;
+vantor_notice_error($d);
+vantor_notice_error('changed', isset($d->date));
 # --- a message that is no text => nothing
 vantor_notice_error(object(array()));
 # --- array => nothing
