@@ -64,7 +64,7 @@ void reset_inherited() {
   for (int signal = 1; signal < SIGRTMIN; signal++) {
     if (signal != SIGKILL && signal != SIGSTOP) ::signal(signal, SIG_DFL);
   }
-  for (int ignored : {SIGPIPE, SIGHUP}) ::signal(ignored, SIG_IGN);
+  for (int ignored : {SIGPIPE, SIGHUP, SIGXFSZ}) ::signal(ignored, SIG_IGN);
   umask(027);
 }
 

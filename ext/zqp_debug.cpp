@@ -7,6 +7,8 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
@@ -21,6 +23,7 @@ int zqprof_ini_log_level;
 
 static char *g_dump_file; /* a copy of its own, never freed: a crash may come after the log was closed */
 static sighandler_t g_pre_handler;
+static const rlim_t MOST_ADDED_AT_ONCE = 64 << 10; /* bytes; a record of the log, or the daemon's settings */
 static long g_dump_utc_offset; /* s; read when registering, since localtime is not safe in a handler */
 
 /* ---- log --------------------------------------------------------------------------------------------------------- */
@@ -128,9 +131,20 @@ static void write_record(int level, const char *format, va_list args)
 	free(record);
 }
 
+int zq_file_may_grow(const char *path)
+{
+	struct rlimit limit;
+	struct stat status;
+	if (getrlimit(RLIMIT_FSIZE, &limit) == -1 || limit.rlim_cur == RLIM_INFINITY) {
+		return 1;
+	}
+	rlim_t size = stat(path, &status) == 0 && S_ISREG(status.st_mode) ? (rlim_t)status.st_size : 0;
+	return limit.rlim_cur >= size + MOST_ADDED_AT_ONCE;
+}
+
 void zq_log_write(int level, const char *format, ...)
 {
-	if (!zqprof_ini_log_file) {
+	if (!zqprof_ini_log_file || !zq_file_may_grow(zqprof_ini_log_file)) {
 		return;
 	}
 	int saved_errno = errno;

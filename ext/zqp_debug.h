@@ -35,7 +35,10 @@ int zq_get_level_by_name(const char *name);
 const char *get_log_level_name(int level);
 /* Writes a record header to an open stream: line break, local time with ms, kernel thread id, real user id, level. */
 void zq_log_newline(FILE *stream, int level);
-/* Appends one record to the log: opened, written at once and closed. A file that cannot be opened drops the message.
+/* 0 when the process's limit for the size of files leaves less than 64 KiB for this one (absent counts as empty): a write
+ * beyond the limit would end the process with SIGXFSZ. */
+int zq_file_may_grow(const char *path);
+/* Appends one record to the log: opened, written at once and closed. A file that cannot be opened or grow drops the message.
  * errno is the same afterwards. Use ZQ_LOG. */
 void zq_log_write(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 

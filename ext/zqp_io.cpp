@@ -13,6 +13,7 @@
 #include "zqp_lock.h"
 
 static const int daemon_timeout_us = 100000; /* what a stalled daemon may cost a request, per call */
+static const size_t MIB = 1 << 20;
 
 /* ---- framing ----------------------------------------------------------------------------------------------------- */
 
@@ -158,14 +159,15 @@ static bool wait_for_room(int sock, uint64 deadline)
 }
 
 /* The time limit must not leave in the middle of an exchange: the stream would be out of step afterwards. The socket's
- * own time-out would begin anew with every bit that a slow reader takes: the packet as a whole has that time. */
+ * own time-out would begin anew with every bit that a slow reader takes: the packet as a whole has that time, and as much
+ * again for each MiB, since a busy machine may let a daemon wait more than once for its turn. */
 ssize_t zq_daemon_send(int sock, const char *data, size_t len)
 {
 	sigset_t saved_mask;
 	size_t sent = 0;
 	ssize_t n;
 	zq_hold_timers(&saved_mask);
-	uint64 deadline = cycle_timer() + daemon_timeout_us;
+	uint64 deadline = cycle_timer() + daemon_timeout_us * (1 + len / MIB);
 	do {
 		n = send(sock, data + sent, len - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
 		sent += n > 0 ? (size_t)n : 0;
@@ -276,7 +278,7 @@ int zq_daemon_start(int create_config TSRMLS_DC)
 		ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(ENAMETOOLONG));
 		return -1;
 	}
-	if (create_config) {
+	if (create_config && zq_file_may_grow(config_path)) {
 		FILE *file = fopen(config_path, "w+e");
 		if (file) {
 			write_daemon_config(file, prefix, root);

@@ -59,7 +59,7 @@ void close_daemon(int sock TSRMLS_DC);
 /* Makes daemon_sock this process's own: drops a descriptor inherited through fork, connects when `connect_now` and
  * there is none. Returns daemon_sock, -1 when not connected. */
 int zq_daemon_socket(int connect_now TSRMLS_DC);
-/* Sends the whole packet, without SIGPIPE, within 100 ms; the count that went out, or -1. */
+/* Sends the whole packet, without SIGPIPE, within 100 ms and 100 ms more per MiB; the count that went out, or -1. */
 ssize_t zq_daemon_send(int sock, const char *data, size_t len);
 /* Receives exactly `len` bytes within the socket's time-out; the count that came, or -1. */
 ssize_t zq_daemon_recv(int sock, char *data, size_t len);

@@ -41,6 +41,7 @@ class FakeDaemon:
         self.reply = wire.answer(PLAIN)
         self.hang_up_on_accept = False
         self.after_answer = "read"                # or "ignore" what comes then, or "hang up"
+        self.through = None                       # what stands between new connections and their sockets
         self.connections, self.faults = [], []
         self._changed = threading.Condition()
         self._listener = None
@@ -126,6 +127,8 @@ class FakeDaemon:
     _probes = 0
 
     def _serve(self, connection):
+        if self.through:
+            connection.sock = self.through(connection.sock)
         try:
             while self._one(connection):
                 pass

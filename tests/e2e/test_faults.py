@@ -1,0 +1,250 @@
+"""What can fail around the agent, one thing at a time: the page is what it is without the agent and comes in time, nothing
+crashes, and what is lost is what docs/reliability.md says."""
+import re
+import shutil
+import signal
+import subprocess
+import time
+
+import pytest
+
+import wire
+from cases import cases
+from engines import ENGINE, IS_ROOT, PROJECT, SCRIPTS, WEB_USER, FastCgi, web_environment
+from fake_daemon import PLAIN, SILENCE
+
+EVERY_HOOK = (SCRIPTS / "faults/every_hook.php").read_text().removeprefix("<?php")
+PROFILE = {"zqs.capture_params": "1", "zqs.action_tracer.action_threshold": "-1", "zqs.error_collector.enabled": "1",
+           "zqs.error_collector.record_db_errors": "0"}
+PROMPT_MS = 1500          # on a busy machine; what blocks takes longer
+NAMESPACE = ["unshare", "--mount"] + ([] if IS_ROOT else ["--user", "--map-root-user"])
+
+
+class Through:
+    """A daemon's socket that does its work in another way."""
+
+    def __init__(self, sock):
+        self.sock = sock
+
+    def __getattr__(self, name):
+        return getattr(self.sock, name)
+
+
+class Mortal(Through):
+    """Dies with the last byte of its allowance, whichever way that goes."""
+    allowance = total = 0
+
+    def spend(self, data, move):
+        count = move(data[:self.allowance])
+        self.allowance -= count
+        Mortal.total += count
+        if not self.allowance or not count:
+            raise ConnectionAbortedError
+        return count
+
+    def recv_into(self, view):
+        return self.spend(view, self.sock.recv_into)
+
+    def sendall(self, data):
+        self.spend(data, self.sock.send)
+
+
+class Slow(Through):
+    """Reads little at a time once it has answered, and takes its time for it."""
+    pause_s = 0
+
+    def recv_into(self, view):
+        time.sleep(self.pause_s)
+        count = self.sock.recv_into(view[:1 << 16])
+        if not count:
+            raise ConnectionAbortedError
+        return count
+
+    def sendall(self, data):
+        self.sock.sendall(data)
+        self.pause_s = 0.08
+
+
+def compare(site, prefix=(), code=EVERY_HOOK, ini=None, env=None):
+    """A page with the agent, after it was found to be what it is without; `prefix` goes before the engine's command."""
+    script = site.script(code)
+    script.chmod(0o644)
+    variables = {**web_environment(script, "/index.php?rounds=3"), **(env or {})}
+    found = [site.run([*prefix, ENGINE / "bin/php-cgi", "-c", site.ini_file(agent, ini)], variables, web=True)
+             for agent in (True, False)]
+    found[0].check_twin(found[1], ())
+    assert found[0].body.startswith(b"page") and found[0].ms - found[1].ms < PROMPT_MS
+    site.daemon.settle()
+    found[0].metrics = site.daemon.received(wire.Metric)
+    return found[0]
+
+
+def test_daemon_dies_at_any_byte(site):
+    """Of the query, of its own answer, of the profile's events and of the packet."""
+    site.daemon.configure({**PROFILE, "zqs.profile_end_time": str(int(time.monotonic()) + 1000)})
+    site.daemon.through = Mortal
+    Mortal.allowance, Mortal.total, whole = 1 << 40, 0, 0
+    assert len(compare(site).metrics) == 1
+    total = Mortal.total
+    for allowance in [1, 3, 4, 5, 40, 120, 250, 300, 350, 400, *range(500, total, total // 24), total - 1, total]:
+        site.daemon.forget()
+        Mortal.allowance = allowance
+        count = len(compare(site).metrics)
+        assert count <= 1
+        whole += count
+    assert whole > 1                                   # the packet finds a way once it fits a connection of its own
+
+
+@pytest.mark.parametrize("command", ["kill -9 $$", "echo noise; echo noise >&2; exit 3", "sleep 2 &", "exec 0<&-; ulimit -n 0"])
+def test_start_command_fails(site, command):
+    program = site.root / "prefix/bin/quorbit"
+    program.write_text(f"#!/bin/sh\n{command}\n")
+    program.chmod(0o755)
+    with site.daemon.absent():
+        compare(site)
+
+
+def test_daemon_reads_slowly(site):
+    """2 MB at 64 KiB per 80 ms would take 2.5 s."""
+    site.daemon.configure(PROFILE)
+    site.daemon.through = Slow
+    ini = {"max_input_vars": "1000"}
+    form = "&".join(f"p{i}=" + "x" * 4000 for i in range(600)).encode()
+    result = site.cgi('echo count($_POST);', method="POST", body=form, ini=ini)
+    assert result.ms - result.bare.ms < PROMPT_MS and not result.metrics
+    assert "send metric data fail" in site.log()
+
+
+@pytest.mark.parametrize("listens", [True, False])
+def test_descriptors_run_out(site, listens):
+    """The script takes all there are, then does its work."""
+    code = "$all = array(); while ($file = @fopen(__FILE__, 'r')) $all[] = $file; error_reporting(0);" + EVERY_HOOK
+    prefix = ["sh", "-c", 'ulimit -n 40; exec "$@"', "sh"]
+    if listens:
+        assert len(compare(site, prefix, code).metrics) == 1
+    else:
+        with site.daemon.absent():
+            compare(site, prefix, code)
+
+
+def log_on_a_full_disk(site):
+    (site.logs / "php-agent.log").symlink_to("/dev/full")
+
+
+def log_folder_read_only(site):
+    site.logs.chmod(0o555)
+    return ["setpriv", f"--reuid={WEB_USER}", f"--regid={WEB_USER}", "--clear-groups"] if IS_ROOT else []
+
+
+def log_is_a_folder(site):
+    (site.logs / "php-agent.log").mkdir()
+
+
+def log_beyond_the_size_limit(site):
+    return ["sh", "-c", 'ulimit -f 0; exec "$@"', "sh"]
+
+
+@pytest.mark.parametrize("fault", [log_on_a_full_disk, log_folder_read_only, log_is_a_folder, log_beyond_the_size_limit])
+def test_log_cannot_be_written(site, fault):
+    prefix = fault(site) or ()
+    assert len(compare(site, prefix, ini={"zqs.agent_log_level": "DEBUG"}).metrics) == 1
+    with site.daemon.absent():
+        compare(site, prefix, ini={"zqs.agent_log_level": "DEBUG"})
+
+
+def test_runtime_folder_is_missing(site):
+    site.daemon.stop()
+    shutil.rmtree(site.logs)
+    compare(site, ini={"zqs.agent_log_level": "DEBUG"})
+
+
+def test_proc_is_not_mounted(site):
+    prefix = [*NAMESPACE, "sh", "-c", 'mount -t tmpfs none /proc && exec "$@"', "sh"]
+    site.daemon.configure({"zqs.resource.enabled": "1"})
+    assert len(compare(site, prefix).metrics) == 1
+
+
+def test_wall_clock_jumps(site, shim):
+    """A year ahead, a year back, at every reading: durations do not know."""
+    site.daemon.configure(PROFILE)
+    result = site.cgi("function pause() { usleep(30000); } pause();", env={**shim, "SHIM_WALL": "1"},
+                      ini={"zqs.agent_log_level": "DEBUG"})
+    assert 30 <= result.metric.duration_ms < 30 + PROMPT_MS
+    assert 30 <= result.metric.components["PHP/NULL/pause"][0] <= result.metric.duration_ms
+    assert len(set(re.findall(r"\n(\d{4})-", site.log()))) == 2
+
+
+def test_memory_ends_anywhere(site):
+    """Also inside the agent, with every call traced: the page and the error are sent, and reported."""
+    site.extension = PROJECT / "build/traced/zqprof.so"
+    site.daemon.configure(PROFILE)
+    ini = {"display_errors": "1", "html_errors": "0", "memory_limit": "3M"}
+    server = site.serve(FastCgi, ini)
+    places = set()
+    for i in range(40):
+        page = server.get(EVERY_HOOK, f"/index.php?filler={i * 61}{'&plain=1' if i % 4 else ''}", twin=False)
+        assert page.body.startswith(b"page") and page.body.count(b"Allowed memory size of 3145728 bytes") == 1, page.body[-300:]
+        assert page.metric.error["message"].startswith("Allowed memory size")
+        places.add(page.metric.error["stack"][0])
+    assert len(places) >= 3
+
+
+@pytest.mark.parametrize("limit", ["time", "memory"])
+@pytest.mark.parametrize("code, _", cases("faults/places.php"))
+def test_limit_ends_a_request_inside(site, code, _, limit):
+    """The engine leaves by a long jump, past every hook that is at work."""
+    site.daemon.configure(PROFILE)
+    result = compare(site, code=code, ini={"display_errors": "1", "html_errors": "0"}, env={"LIMIT": limit})
+    assert result.metrics[0].error["message"].startswith("Maximum exec" if limit == "time" else "Allowed memory")
+
+
+@pytest.mark.parametrize("reply", [wire.answer(PLAIN), SILENCE])
+@pytest.mark.parametrize("handled", [True, False])
+def test_sigterm_in_the_middle(site, handled, reply):
+    """Ends the process as it would without the agent; a script that handles it goes on, and is reported."""
+    site.daemon.reply = reply
+    code = "declare(ticks = 1); pcntl_signal(SIGTERM, function () { echo 'handled'; });" if handled else ""
+    script = site.script(code + "echo 'page'; for ($i = 0; $i < 100; $i++) usleep(3000); echo 'end';", "job.php")
+
+    def run(agent):
+        command = [ENGINE / "bin/php", "-c", site.ini_file(agent), "-f", script]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, cwd=site.docroot) as process:
+            assert process.stdout.read(4) == b"page"
+            process.send_signal(signal.SIGTERM)
+            return process.stdout.read(), process.wait(20)
+
+    assert run(True) == run(False) == ((b"handledend", 0) if handled else (b"", -signal.SIGTERM))
+    site.daemon.settle()
+    assert len(site.daemon.received(wire.Metric)) == handled
+
+
+def test_disk_of_the_store_is_full(site):
+    """The real daemon in a folder of 1 MB, which is filled up and emptied again: what comes meanwhile is lost, nothing else."""
+    site.daemon.stop()
+    site.settings["zqs.prefix"] = PROJECT / "build"
+    script = site.script("echo str_repeat('page', 3);", "job.php")
+    steps = site.root / "steps"
+    steps.write_text(f"""set -e
+mount -t tmpfs -o size=1m none {site.logs}
+page() {{ {ENGINE}/bin/php -c {site.ini_file()} -f {script}; echo; }}
+shown() {{ sleep 1.5; {PROJECT}/build/bin/quorbit show --json --root {site.root} | grep -o '"action"' | wc -l; }}
+page; shown
+dd if=/dev/zero of={site.logs}/filler bs=4k 2>/dev/null || true
+for i in $(seq 40); do page; done | sort | uniq -c
+rm {site.logs}/filler
+page; sleep 1.5; page; shown
+kill $(cat {site.logs}/quorbit.pid)
+while [ -e {site.logs}/quorbit.pid ]; do sleep 0.05; done
+""")
+    done = site.run([*NAMESPACE, "sh", steps])
+    lines = [line.strip() for line in done.body.decode().splitlines()]
+    assert (done.stderr, done.code) == (b"", 0)
+    assert lines[:3] == ["pagepagepage", "1", "40 pagepagepage"] and int(lines[-1]) >= 2
+
+
+def test_every_fault_of_the_table_has_its_test():
+    """docs/reliability.md names tests of this folder."""
+    table = (PROJECT / "docs/reliability.md").read_text().partition("## Faults")[2].partition("\n## ")[0]
+    sources = "".join(path.read_text() for path in (PROJECT / "tests/e2e").glob("test_*.py"))
+    named = re.findall(r"`(test_\w+)`", table)
+    assert len(named) > 20 and [name for name in named if f"def {name}(" not in sources] == []
