@@ -46,7 +46,8 @@ SETTINGS = {"traced": EVERY_CALL, "pages": PAGES,
 ALLOCATORS = [{}, {"USE_ZEND_ALLOC": "0", "MALLOC_PERTURB_": "85"}]
 INI = {"display_errors": "1", "html_errors": "0", "log_errors": "1", "error_log": "", "error_reporting": "-1",
        "session.gc_probability": "0", "soap.wsdl_cache_enabled": "0", "max_execution_time": "30"}
-ANSWERS = {"/ok": http_answer(), "/json": http_answer('{"x":[1,2]}', kind="application/json"), "/long": http_answer("line\n" * 4000),
+ANSWERS = {"/ok": http_answer(), "/json": http_answer('{"x":[1,2]}', kind="application/json"),
+           "/long": http_answer("line\n" * 4000),
            "/missing": http_answer("none", "404 Not Found"), "/moved": http_answer("", "302 Found", ["Location: /ok"]),
            "/nothing": b"no answer\r\n\r\n"}
 
