@@ -4,18 +4,21 @@
 declare(ticks = 3);
 
 namespace {
+    /* Releases objects in the reverse order of their making, so that those made afterwards get the numbers they would get. */
     function do_worst($what) {
         set_error_handler('strtoupper');
         trigger_error($what);
         set_exception_handler('strlen');
         restore_exception_handler();
         $nobody = new Nobody;
+        $nobody = null;
         echo @$undefined[$what];
         try {
             throw new Worse($what);
         } catch (Oops $e) {
+            $e = null;
         }
-        throw new Oops($what, 1, $e);
+        throw new Oops($what);
     }
 
     /* Its destructor throws, but catches that. */
