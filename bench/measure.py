@@ -1,0 +1,113 @@
+"""What the measuring scripts share: the configurations that are compared, rounds in which they take turns, medians with their
+spread, and the record that bench/report makes its tables of.
+
+A figure that has a limit is recorded with it; limits are decisions, kept beside what they limit, never set from a measurement."""
+import json
+import os
+import statistics
+import subprocess
+import sys
+from pathlib import Path
+
+PROJECT = Path(__file__).resolve().parents[1]
+sys.path[:0] = [str(PROJECT / "tests/harness"), str(PROJECT / "bench")]
+
+import engines  # noqa: E402
+from instructions import build_empty_hook  # noqa: E402
+
+RECORDS = PROJECT / "build/bench/records"
+NONE, EMPTY, OFF, ON, TRACED, IDLE, PROFILING = ("no extension", "empty hook", "agent off", "agent on", "all traced",
+                                                 "Xdebug idle", "Xdebug profiling")
+CPUS = sorted(os.sched_getaffinity(0))
+
+
+def pin(cpu):
+    """For a child process: a prefix of its command that keeps it on one processor, the last for what is measured."""
+    return ["taskset", "-c", str(CPUS[cpu])]
+
+
+def build_traced():
+    """The extension whose trace no call is too short for."""
+    subprocess.run(["cmake", "--build", PROJECT / "build", "--target", "zqprof_traced"], check=True, stdout=subprocess.DEVNULL)
+    return PROJECT / "build/traced/zqprof.so"
+
+
+def build_xdebug():
+    subprocess.run([PROJECT / "engine/extensions", "xdebug"], check=True)
+    return PROJECT / "build/extensions/xdebug.so"
+
+
+def configurations(site, names):
+    """A php.ini for each of the names. In "all traced" every call of a microsecond enters the trace, and it is sent."""
+    profile = site.root / "profile"
+    profile.mkdir(exist_ok=True)
+
+    def xdebug(**more):
+        return site.ini_file(False, {"zend_extension": build_xdebug(), **{f"xdebug.{key}": value for key, value in more.items()}})
+
+    def traced():
+        shipped, site.extension = site.extension, build_traced()
+        try:
+            return site.ini_file(True, {"zqs.action_tracer.action_threshold": "-1"})
+        finally:
+            site.extension = shipped
+
+    make = {NONE: lambda: site.ini_file(False),
+            EMPTY: lambda: site.ini_file(False, {"extension": build_empty_hook()}),
+            OFF: lambda: site.ini_file(True, {"zqs.agent_enabled": "0"}),
+            ON: lambda: site.ini_file(True),
+            TRACED: traced,
+            IDLE: lambda: xdebug(),
+            PROFILING: lambda: xdebug(profiler_enable=1, profiler_output_dir=profile, profiler_output_name="out")}
+    return {name: make[name]() for name in names}
+
+
+def processor_us(pid):
+    """Processor time that the kernel's scheduler counted for a process of one thread."""
+    return int(Path(f"/proc/{pid}/schedstat").read_text().split()[0]) / 1000
+
+
+def in_turns(names, rounds, measure):
+    """Lists of measure(name), one figure a round; every other round goes backwards."""
+    found = {name: [] for name in names}
+    for number in range(rounds):
+        for name in (names if number % 2 else reversed(names)):
+            found[name].append(measure(name))
+    return found
+
+
+def spread(values):
+    """(median, lower quartile, upper quartile)."""
+    low, middle, high = statistics.quantiles(values, n=4) if len(values) > 1 else values * 3
+    return middle, low, high
+
+
+def ratios(values, base):
+    """Each round's figure by that of the base in the same round."""
+    return [value / other for value, other in zip(values, base)]
+
+
+class Record:
+    """The figures of one script, printed as they come and kept below build/ when it ends."""
+
+    def __init__(self, name):
+        self.name, self.rows, self.missed = name, [], []
+
+    def add(self, what, unit, values, limit=None, at_least=False, **more):
+        """One figure from the rounds' values: printed with its spread and, where it has one, its limit."""
+        middle, low, high = spread(values)
+        held = limit is None or (middle >= limit if at_least else middle <= limit)
+        row = {"what": what, "unit": unit, "median": middle, "low": low, "high": high, "rounds": len(values), "held": held, **more}
+        if limit is not None:
+            row |= {"limit": limit, "at_least": at_least}
+        self.rows.append(row)
+        bound = "" if limit is None else f"   {'at least' if at_least else 'at most'} {limit:g}: {'ok' if held else 'MISSED'}"
+        print(f"  {what:52} {middle:9.4g} {unit:8} ({low:.4g} to {high:.4g}){bound}", flush=True)
+        self.missed += [] if held else [what]
+        return middle
+
+    def keep(self):
+        """Writes the record; the exit status of a script: 1 when a limit was missed."""
+        RECORDS.mkdir(parents=True, exist_ok=True)
+        (RECORDS / f"{self.name}.json").write_text(json.dumps({"rows": self.rows}, indent=1) + "\n")
+        return 1 if self.missed else 0
