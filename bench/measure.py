@@ -13,12 +13,41 @@ PROJECT = Path(__file__).resolve().parents[1]
 sys.path[:0] = [str(PROJECT / "tests/harness"), str(PROJECT / "bench")]
 
 import engines  # noqa: E402
+from engines import wire  # noqa: E402
+from fake_daemon import FakeDaemon  # noqa: E402
 from instructions import build_empty_hook  # noqa: E402
 
 RECORDS = PROJECT / "build/bench/records"
 NONE, EMPTY, OFF, ON, TRACED, IDLE, PROFILING = ("no extension", "empty hook", "agent off", "agent on", "all traced",
                                                  "Xdebug idle", "Xdebug profiling")
 CPUS = sorted(os.sched_getaffinity(0))
+
+
+class Drain(FakeDaemon):
+    """A daemon that answers queries and takes everything else without looking at it, so that it is never what is measured."""
+
+    def _one(self, connection):
+        header = connection.read(4)
+        left = int.from_bytes(header[1:], "big")
+        while left and (part := connection.sock.recv(min(left, 1 << 20))):
+            left -= len(part)
+        if header[:1] == b"\x0a":
+            connection.sock.sendall(self.reply)
+        return bool(header)
+
+
+def drained_site(**settings):
+    """A site whose daemon is a Drain, and whose log is off."""
+    site = engines.Site(**{"zqs.agent_log_level": "OFF", **settings})
+    site.daemon.stop()
+    site.daemon = Drain(site.daemon.path)
+    site.daemon.reply = wire.answer({"zqs.resource.enabled": "false"})      # a busy machine must not shed what is measured
+    return site
+
+
+def has_counter_clock():
+    """The kernel itself keeps time with the time-stamp counter, so the agent may."""
+    return Path("/sys/devices/system/clocksource/clocksource0/current_clocksource").read_text().strip() == "tsc"
 
 
 def pin(cpu):

@@ -1,0 +1,189 @@
+#!/usr/bin/python3
+"""The same PHP work without an extension, with an empty one that only passes both execute hooks through, with the agent loaded
+but off, on with its defaults and with everything traced, and with Xdebug idle and profiling.
+
+    bench/yardstick.py [ROUNDS]
+
+The work: one kind of call in a loop; calls that all enter a trace; the engine's own Zend/bench.php; a page of 13,000 calls and
+one of queries, in one FastCGI process for each configuration; the latter's throughput under FPM. All configurations take
+turns, pinned to one processor; figures are medians with their quartiles, and ratios are by the same round's figure without an
+extension. Processor time where whole processes are compared, the script's own clock for loops. Needs a finished build."""
+import os
+import subprocess
+import sys
+import threading
+import time
+
+from instructions import KINDS
+from measure import (EMPTY, IDLE, NONE, OFF, ON, PROFILING, PROJECT, TRACED, Record, build_xdebug, configurations, drained_site,
+                     engines, has_counter_clock, in_turns, pin, processor_us, ratios)
+
+ALL = (NONE, EMPTY, OFF, ON, TRACED, IDLE, PROFILING)
+COUNTER = has_counter_clock()
+# what the agent may add or take, by the clock that it has
+UNWATCHED_NS, OFF_NS, TRACED_NS = 70 if COUNTER else 100, 3, 250
+ENGINE_RATIO, CALLS_RATIO, QUERIES_RATIO = 1.25 if COUNTER else 1.35, 1.10 if COUNTER else 1.14, 1.02
+THROUGHPUT = 0.98
+PAGE_CALLS = {"page_calls": (12500, 13500), "page_queries": (100, 1000)}
+
+CALLS, SLOW_CALLS = 200000, 50000
+TURN = 4                    # requests of a page in one turn
+BLOCK = 40                  # requests of a page in one turn of FPM
+ENGINE_BENCH = PROJECT / "build/engine-tests/Zend/bench.php"        # there after `make engine-suite`
+
+
+class PinnedFastCgi(engines.FastCgi):
+    def command(self):
+        return [*pin(-1), *super().command()]
+
+
+class PinnedFpm(engines.Fpm):
+    children = 1
+
+    def command(self):
+        return [*pin(-1), *super().command()]
+
+
+def run(ini, script, **variables):
+    """(seconds of processor time, output) of a page in a process of its own."""
+    environment = {**engines.web_environment(script, "/bench.php"), "PATH": os.environ["PATH"], **variables}
+    before = os.times()
+    done = subprocess.run([*pin(-1), engines.ENGINE / "bin/php-cgi", "-q", "-c", ini], env=environment, capture_output=True, check=True)
+    after = os.times()
+    return sum(after[2:4]) - sum(before[2:4]), done.stdout
+
+
+def loops(record, inis, rounds, script, names, kinds, counts):
+    """Nanoseconds per call of each kind, by configuration."""
+    found = {}
+    for kind in kinds:
+        def one(name, kind=kind):
+            text = run(inis[name], PROJECT / f"bench/php/{script}.php", CALLS=kind, COUNT=str(counts.get(name, counts[NONE])))[1]
+            return float(text.rsplit(b"\n", 1)[-1])
+        found[kind] = in_turns(names, rounds, one)
+        for name in names:
+            record.add(f"{kind}, {name}", "ns", found[kind][name], group=script, work=kind, configuration=name)
+    return found
+
+
+def above(values, base):
+    return [value - other for value, other in zip(values, base)]
+
+
+def calls(record, inis, rounds):
+    print("one call in a loop")
+    found = loops(record, inis, rounds, "calls", ALL, KINDS, {NONE: CALLS, PROFILING: CALLS // 10})
+    for kind, by in found.items():
+        record.add(f"{kind}, agent on above no extension", "ns", above(by[ON], by[NONE]), UNWATCHED_NS)
+        record.add(f"{kind}, agent off above the empty hook", "ns", above(by[OFF], by[EMPTY]), OFF_NS)
+    print("a call that enters the trace")
+    kinds = ("user_function", "internal_function")
+    for kind, by in loops(record, inis, rounds, "slow_calls", (NONE, ON, TRACED), kinds, {NONE: SLOW_CALLS}).items():
+        record.add(f"{kind}, traced above no extension", "ns", above(by[TRACED], by[NONE]), TRACED_NS)
+
+
+def compare(record, group, work, found, limits):
+    """Times of one work by configuration, and ratios to the one without an extension."""
+    for name, values in found.items():
+        ratio = ratios(values, found[NONE])
+        record.add(f"{work}, {name}", "times", ratio, limits.get(name), group=group, work=work, configuration=name)
+
+
+def engine_bench(record, inis, rounds):
+    if not ENGINE_BENCH.exists():
+        print("Zend/bench.php: left out, it is there after `make engine-suite`")
+        return
+    print("Zend/bench.php, processor time")
+
+    def one(name):
+        return run(inis[name], ENGINE_BENCH)[0]
+
+    compare(record, "engine", "Zend/bench.php", in_turns((NONE, ON), rounds, one), {ON: ENGINE_RATIO})
+    others = in_turns((NONE, EMPTY, OFF, TRACED, IDLE), max(1, rounds // 6), one)      # the profile would be of half a gigabyte
+    compare(record, "engine", "Zend/bench.php", {name: values for name, values in others.items()}, {})
+
+
+def count_calls(site, page):
+    """The calls that a page makes, as Xdebug counts them."""
+    ini = site.ini_file(False, {"zend_extension": build_xdebug(), "xdebug.auto_trace": 1, "xdebug.trace_format": 1,
+                                "xdebug.trace_output_dir": site.root, "xdebug.trace_output_name": page})
+    run(ini, site.docroot / f"{page}.php")
+    rows = (line.split("\t") for line in (site.root / f"{page}.xt").read_text(errors="replace").splitlines())
+    return sum(len(row) > 2 and row[2] == "0" for row in rows)
+
+
+def start(site, kind, name, ini):
+    server = kind(site, ini, name, env={"PHP_FCGI_MAX_REQUESTS": "0"})
+    server.name = f"{kind.__name__}{len(site.servers)}".lower()
+    site.servers.append(server)
+    server.start()
+    return server
+
+
+def ask(server, page, times):
+    for _ in range(times):
+        answer = server.request(server.site.docroot / f"{page}.php", f"/{page}.php")
+        assert answer.status == 200 and answer.body.endswith(b"</html>"), answer
+
+
+def pages(record, site, inis, rounds):
+    servers = {name: start(site, PinnedFastCgi, name, inis[name]) for name in ALL}
+    for page, limit in (("page_calls", CALLS_RATIO), ("page_queries", QUERIES_RATIO)):
+        count = count_calls(site, page)
+        least, most = PAGE_CALLS[page]
+        assert least <= count <= most, f"{page} makes {count} calls"
+
+        def one(name):
+            before = processor_us(servers[name].process.pid)
+            ask(servers[name], page, TURN)
+            return (processor_us(servers[name].process.pid) - before) / TURN / 1000
+
+        for name in ALL:
+            one(name)
+        print(f"{page}: {count} calls")
+        found = in_turns(ALL, rounds, one)
+        record.add(f"{page}, no extension", "ms", found[NONE], calls=count)
+        compare(record, "pages", page, found, {ON: limit})
+    for server in servers.values():
+        server.stop()
+
+
+def throughput(record, site, inis, rounds):
+    """Three clients keep one child busy; a turn is as many requests for the page of queries."""
+    print("page_queries under FPM, requests a second")
+    servers = {name: start(site, PinnedFpm, name, inis[name]) for name in (NONE, ON)}
+
+    def one(name):
+        began = time.monotonic()
+        engines.at_once(3, lambda i: ask(servers[name], "page_queries", BLOCK // 3))
+        return BLOCK // 3 * 3 / (time.monotonic() - began)
+
+    for name in servers:
+        one(name)
+    found = in_turns((NONE, ON), rounds, one)
+    record.add("no extension", "req/s", found[NONE])
+    record.add("agent on by no extension", "times", ratios(found[ON], found[NONE]), THROUGHPUT, at_least=True)
+
+
+def main():
+    rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 31
+    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+    threading.stack_size(1 << 20)
+    site, record = drained_site(), Record("yardstick")
+    site.docroot.chmod(0o777)
+    try:
+        for page in PAGE_CALLS:
+            (site.docroot / f"{page}.php").write_text((PROJECT / f"bench/php/{page}.php").read_text())
+        inis = configurations(site, ALL)
+        run(inis[NONE], site.docroot / "page_queries.php")                  # makes its database
+        calls(record, inis, rounds)
+        pages(record, site, inis, rounds)
+        throughput(record, site, inis, rounds)
+        engine_bench(record, inis, rounds)
+    finally:
+        site.close()
+    return record.keep()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
