@@ -29,7 +29,7 @@ PAGE_CALLS = {"page_calls": (12500, 13500), "page_queries": (100, 1000)}
 CALLS, SLOW_CALLS = 200000, 50000
 TURN = 4                    # requests of a page in one turn
 BLOCK = 40                  # requests of a page in one turn of FPM
-ENGINE_BENCH = PROJECT / "build/engine-tests/Zend/bench.php"        # there after `make engine-suite`
+ENGINE_BENCH = PROJECT / "build/engine-tests/Zend/bench.php"
 
 
 class PinnedFastCgi(engines.FastCgi):
@@ -82,25 +82,28 @@ def calls(record, inis, rounds):
         record.add(f"{kind}, traced above no extension", "ns", above(by[TRACED], by[NONE]), TRACED_NS)
 
 
-def compare(record, group, work, found, limits):
-    """Times of one work by configuration, and ratios to the one without an extension."""
+def compare(record, work, unit, found, limits):
+    """What the work takes without an extension, and the other configurations by that."""
     for name, values in found.items():
-        ratio = ratios(values, found[NONE])
-        record.add(f"{work}, {name}", "times", ratio, limits.get(name), group=group, work=work, configuration=name)
+        if name == NONE:
+            record.add(f"{work}, {name}", unit, values, group="ratios", work=work, configuration=name)
+        else:
+            record.add(f"{work}, {name}", "times", ratios(values, found[NONE]), limits.get(name), group="ratios", work=work,
+                       configuration=name)
 
 
 def engine_bench(record, inis, rounds):
-    if not ENGINE_BENCH.exists():
-        print("Zend/bench.php: left out, it is there after `make engine-suite`")
-        return
+    subprocess.run([PROJECT / "tests/engine/source"], check=True)
     print("Zend/bench.php, processor time")
 
     def one(name):
         return run(inis[name], ENGINE_BENCH)[0]
 
-    compare(record, "engine", "Zend/bench.php", in_turns((NONE, ON), rounds, one), {ON: ENGINE_RATIO})
-    others = in_turns((NONE, EMPTY, OFF, TRACED, IDLE), max(1, rounds // 6), one)      # the profile would be of half a gigabyte
-    compare(record, "engine", "Zend/bench.php", {name: values for name, values in others.items()}, {})
+    compare(record, "Zend/bench.php", "s", in_turns((NONE, ON), rounds, one), {ON: ENGINE_RATIO})
+    others = in_turns((NONE, EMPTY, OFF, TRACED, IDLE), max(1, rounds // 6), one)      # a profile would be of half a gigabyte
+    for name in (EMPTY, OFF, TRACED, IDLE):
+        record.add(f"Zend/bench.php, {name}", "times", ratios(others[name], others[NONE]), group="ratios", work="Zend/bench.php",
+                   configuration=name)
 
 
 def count_calls(site, page):
@@ -141,9 +144,7 @@ def pages(record, site, inis, rounds):
         for name in ALL:
             one(name)
         print(f"{page}: {count} calls")
-        found = in_turns(ALL, rounds, one)
-        record.add(f"{page}, no extension", "ms", found[NONE], calls=count)
-        compare(record, "pages", page, found, {ON: limit})
+        compare(record, page, "ms", in_turns(ALL, rounds, one), {ON: limit})
     for server in servers.values():
         server.stop()
 

@@ -37,7 +37,7 @@ class Catalogue
     private function name($id)
     {
         $name = 'Item';
-        for ($i = 0; $i < 12; $i++) {
+        for ($i = 0; $i < 16; $i++) {
             $name .= ' ' . self::$words[($id + $i * $id) % 12];
         }
         return $name;
@@ -75,7 +75,7 @@ class View
     private function stars($id)
     {
         $sum = 0;
-        for ($i = 0; $i < 36; $i++) {
+        for ($i = 0; $i < 330; $i++) {
             $sum = ($sum * 31 + $id * $i) % 1009;
         }
         return str_repeat('*', 1 + $sum % 5);

@@ -33,7 +33,7 @@ function section(PDO $db, $number)
 
 $db = connect();
 echo '<html><head><title>Shop</title></head><body>';
-for ($number = 0; $number < 30; $number++) {
+for ($number = 0; $number < 50; $number++) {
     echo section($db, $number);
 }
 echo '</body></html>';
