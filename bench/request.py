@@ -61,7 +61,7 @@ def stalled(record, site, script):
     record.add("daemon never answers: wait", "ms", waits_ms(pair, script, 15), TIMEOUT_MS + SLACK_MS)
     with site.daemon.full_backlog():
         pair.agent.request(script, "/index.php")            # drops the connection that it had
-        record.add("daemon accepts nobody: wait", "ms", waits_ms(pair, script, 15), 2 * TIMEOUT_MS + SLACK_MS)
+        record.add("daemon accepts nobody: wait", "ms", waits_ms(pair, script, 15), 2 * (TIMEOUT_MS + SLACK_MS))
 
 
 def main():
