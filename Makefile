@@ -27,7 +27,8 @@ check: test-packages configure
 	@cmake --build --preset sanitize -j$(JOBS)
 	@ctest --preset sanitize --no-tests=error
 
-# what the agent costs; bench-check fails when a call costs more instructions or stack than bench/budget.toml allows
+# what the agent costs (bench/report writes docs/performance.md from such a run); bench-check fails when a call costs more
+# instructions or stack than bench/budget.toml allows
 bench: all
 	@bench/run
 

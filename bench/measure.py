@@ -15,11 +15,12 @@ sys.path[:0] = [str(PROJECT / "tests/harness"), str(PROJECT / "bench")]
 import engines  # noqa: E402
 from engines import wire  # noqa: E402
 from fake_daemon import FakeDaemon  # noqa: E402
-from instructions import build_empty_hook  # noqa: E402
+from instructions import CLOCK_SOURCE, build_empty_hook, build_traced  # noqa: E402
 
 RECORDS = PROJECT / "build/bench/records"
 NONE, EMPTY, OFF, ON, TRACED, IDLE, PROFILING = ("no extension", "empty hook", "agent off", "agent on", "all traced",
                                                  "Xdebug idle", "Xdebug profiling")
+KERNEL = "agent on, kernel's clock"
 CPUS = sorted(os.sched_getaffinity(0))
 
 
@@ -47,18 +48,18 @@ def drained_site(**settings):
 
 def has_counter_clock():
     """The kernel itself keeps time with the time-stamp counter, so the agent may."""
-    return Path("/sys/devices/system/clocksource/clocksource0/current_clocksource").read_text().strip() == "tsc"
+    return CLOCK_SOURCE.read_text().strip() == "tsc"
+
+
+def under_another_clock(site):
+    """The beginning of a command that runs where the kernel's clock source has another name (root only)."""
+    (site.root / "clocksource").write_text("other\n")
+    return ["unshare", "-m", "sh", "-c", f'mount --bind {site.root}/clocksource {CLOCK_SOURCE} && exec "$@"', "sh"]
 
 
 def pin(cpu):
     """For a child process: a prefix of its command that keeps it on one processor, the last for what is measured."""
     return ["taskset", "-c", str(CPUS[cpu])]
-
-
-def build_traced():
-    """The extension whose trace no call is too short for."""
-    subprocess.run(["cmake", "--build", PROJECT / "build", "--target", "zqprof_traced"], check=True, stdout=subprocess.DEVNULL)
-    return PROJECT / "build/traced/zqprof.so"
 
 
 def build_xdebug():
@@ -72,6 +73,7 @@ def configurations(site, names):
     profile.mkdir(exist_ok=True)
 
     def xdebug(**more):
+        more = {"max_nesting_level": 100000, **more}
         return site.ini_file(False, {"zend_extension": build_xdebug(), **{f"xdebug.{key}": value for key, value in more.items()}})
 
     def traced():
@@ -85,6 +87,7 @@ def configurations(site, names):
             EMPTY: lambda: site.ini_file(False, {"extension": build_empty_hook()}),
             OFF: lambda: site.ini_file(True, {"zqs.agent_enabled": "0"}),
             ON: lambda: site.ini_file(True),
+            KERNEL: lambda: site.ini_file(True),
             TRACED: traced,
             IDLE: lambda: xdebug(),
             PROFILING: lambda: xdebug(profiler_enable=1, profiler_output_dir=profile, profiler_output_name="out")}
@@ -107,7 +110,7 @@ def in_turns(names, rounds, measure):
 
 def spread(values):
     """(median, lower quartile, upper quartile)."""
-    low, middle, high = statistics.quantiles(values, n=4) if len(values) > 1 else values * 3
+    low, middle, high = statistics.quantiles(values, n=4, method="inclusive") if len(values) > 1 else values * 3
     return middle, low, high
 
 
@@ -126,7 +129,8 @@ class Record:
         """One figure from the rounds' values: printed with its spread and, where it has one, its limit."""
         middle, low, high = spread(values)
         held = limit is None or (middle >= limit if at_least else middle <= limit)
-        row = {"what": what, "unit": unit, "median": middle, "low": low, "high": high, "rounds": len(values), "held": held, **more}
+        row = {"what": what, "unit": unit, "median": middle, "low": low, "high": high, "rounds": len(values), "held": held}
+        row |= more
         if limit is not None:
             row |= {"limit": limit, "at_least": at_least}
         self.rows.append(row)

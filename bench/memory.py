@@ -77,10 +77,10 @@ def main():
     threads = engines.Apache.threads
     print(f"KiB of private memory that the agent adds, by thread, {threads} threads")
     added = {state: [(mine[state] - bare[state]) / threads for mine, bare in found] for state in found[0][0]}
-    record.add("idle thread", "KiB", added["idle"], IDLE_KIB)
+    record.add("private memory of an idle thread", "KiB", added["idle"], IDLE_KIB)
     more = [busy - idle for busy, idle in zip(added["in a request"], added["idle"])]
-    record.add("in a request, more than idle", "KiB", more, REQUEST_KIB)
-    record.add("idle after it", "KiB", added["idle after it"])
+    record.add("private memory in a request, more than idle", "KiB", more, REQUEST_KIB)
+    record.add("private memory, idle after it", "KiB", added["idle after it"])
     record.add("the process without the agent, idle", "MiB", [bare["idle"] / 1024 for _, bare in found])
     return record.keep()
 

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""How fast a report is made of what an action has recorded, and that the time grows with its length: megabytes per second of processor
-time.
+"""How fast a report is made of what an action has recorded, and that the time grows with its length: megabytes per second of
+processor time.
 
     bench/packet.py [ROUNDS]
 
@@ -15,10 +15,10 @@ import subprocess
 import sys
 import threading
 
-from measure import ON, PROJECT, TRACED, Record, configurations, engines, pin
+from measure import ON, PROJECT, TRACED, Record, configurations, engines, in_turns, pin, ratios
 
 AT_LEAST = 200                      # MB/s
-LINEAR = 1.15                       # microseconds of a byte in the longest packet by those in the shortest
+LINEAR = 1.5                        # time of a byte in the longest packet by that in the shortest: beyond any cache, but no more
 KINDS = {"statements": ON, "statements and trace": TRACED}
 PACKET = {"statements": 380, "statements and trace": 880}           # bytes of one statement, about
 SIZES_MIB = (1, 4, 15)
@@ -65,6 +65,20 @@ def instructions(ini, count):
     return int(re.search(rb"Collected : (\d+)", done.stderr).group(1))
 
 
+def measure(record, site, ini, kind, rounds):
+    counts = {mib: mib * (1 << 20) // PACKET[kind] for mib in SIZES_MIB}
+    lengths = {mib: packet_length(site, ini, count) for mib, count in counts.items()}
+    if "--instructions" in sys.argv:
+        for mib, length in lengths.items():
+            print(f"{kind}, {length / 1e6:.1f} MB: {instructions(ini, counts[mib]) / length:.2f} instructions a byte", flush=True)
+        return
+    byte_us = in_turns(SIZES_MIB, rounds, lambda mib: float(run(ini, counts[mib], pin(-1)).stdout) / lengths[mib])
+    for mib, length in lengths.items():
+        record.add(f"packet of {kind}, {length / 1e6:.1f} MB", "MB/s", [1 / us for us in byte_us[mib]], AT_LEAST, at_least=True)
+    record.add(f"packet of {kind}, a byte of the longest by one of the shortest", "times",
+               ratios(byte_us[SIZES_MIB[-1]], byte_us[SIZES_MIB[0]]), LINEAR)
+
+
 def main():
     arguments = [a for a in sys.argv[1:] if a != "--instructions"]
     rounds = int(arguments[0]) if arguments else 15
@@ -73,19 +87,7 @@ def main():
     try:
         inis = configurations(site, KINDS.values())
         for kind, configuration in KINDS.items():
-            ini, each_us = inis[configuration], {}
-            for mib in SIZES_MIB:
-                count = mib * (1 << 20) // PACKET[kind]
-                length = packet_length(site, ini, count)
-                if "--instructions" in sys.argv:
-                    print(f"{kind}, {length / 1e6:.1f} MB: {instructions(ini, count) / length:.2f} instructions a byte", flush=True)
-                    continue
-                values = [float(run(ini, count, pin(-1)).stdout) for _ in range(rounds)]
-                each_us[mib] = [us / length for us in values]
-                record.add(f"{kind}, {length / 1e6:.1f} MB", "MB/s", [length / us for us in values], AT_LEAST, at_least=True)
-            if each_us:
-                record.add(f"{kind}, a byte at {SIZES_MIB[-1]} MiB by one at {SIZES_MIB[0]}", "times",
-                           [a / b for a, b in zip(sorted(each_us[SIZES_MIB[-1]]), sorted(each_us[SIZES_MIB[0]]))], LINEAR)
+            measure(record, site, inis[configuration], kind, rounds)
     finally:
         site.close()
     return record.keep() if record.rows else 0

@@ -8,14 +8,14 @@ import sys
 
 import matplotlib
 
-from measure import EMPTY, IDLE, NONE, OFF, ON, PROFILING, PROJECT, RECORDS, TRACED, has_counter_clock
+from measure import EMPTY, IDLE, KERNEL, NONE, OFF, ON, PROFILING, PROJECT, RECORDS, TRACED, has_counter_clock
 
 matplotlib.use("svg")
 import matplotlib.pyplot as plot  # noqa: E402
 
 PAGE, PICTURE = PROJECT / "docs/performance.md", PROJECT / "docs/performance.svg"
-NAMES = (NONE, EMPTY, OFF, ON, TRACED, IDLE, PROFILING)
-COLOURS = dict(zip(NAMES, ("#bbbbbb", "#888888", "#7fb37f", "#2f7d32", "#1b5e9b", "#e3a33b", "#b3402a")))
+NAMES = (NONE, EMPTY, OFF, ON, KERNEL, TRACED, IDLE, PROFILING)
+COLOURS = dict(zip(NAMES, ("#bbbbbb", "#888888", "#7fb37f", "#2f7d32", "#b8c94a", "#1b5e9b", "#e3a33b", "#b3402a")))
 SCRIPTS = ("yardstick", "request", "packet", "memory")
 WORKS = {"Zend/bench.php": "Zend/bench.php", "page_calls": "page of 13,000 calls", "page_queries": "page of queries"}
 
@@ -41,7 +41,9 @@ def table(head, lines):
     return "\n".join("| " + " | ".join(row) + " |" for row in rows) + "\n"
 
 
-def number(value):
+def number(value, unit=None):
+    if unit == "times":
+        return f"{value:.3f}"
     return f"{value:,.0f}" if abs(value) >= 100 else f"{value:.1f}" if abs(value) >= 10 else f"{value:.3g}"
 
 
@@ -49,7 +51,8 @@ def calls_table(rows):
     lines = []
     for kind, by in figures(rows, "calls").items():
         base = by[NONE]["median"]
-        lines.append([kind.replace("_", " "), *(f"{number(by[name]['median'])} ({by[name]['median'] / base:.2f})" for name in NAMES)])
+        cells = (f"{number(by[name]['median'])} ({by[name]['median'] / base:.2f})" if name in by else "" for name in NAMES)
+        lines.append([kind.replace("_", " "), *cells])
     return table(["ns per call (times no extension)", *NAMES], lines)
 
 
@@ -57,7 +60,8 @@ def ratios_table(rows):
     lines = []
     for work, by in figures(rows, "ratios").items():
         cells = [f"{number(by[NONE]['median'])} {by[NONE]['unit']}"]
-        cells += [f"{by[name]['median']:.3f} ({by[name]['low']:.3f} to {by[name]['high']:.3f})" if name in by else "" for name in NAMES[1:]]
+        for row in (by.get(name) for name in NAMES[1:]):
+            cells.append(f"{row['median']:.3f} ({row['low']:.3f} to {row['high']:.3f})" if row else "")
         lines.append([WORKS[work], *cells])
     return table(["processor time", NONE, *(f"{name}, times" for name in NAMES[1:])], lines)
 
@@ -68,8 +72,9 @@ def limits_table(scripts):
         for row in rows:
             if "limit" in row:
                 bound = f"{'at least' if row['at_least'] else 'at most'} {row['limit']:g} {row['unit']}"
-                spread = f"{number(row['low'])} to {number(row['high'])}"
-                lines.append([row["what"], f"**{number(row['median'])}** {row['unit']}", spread, str(row["rounds"]), bound,
+                middle, low, high = (number(row[key], row["unit"]) for key in ("median", "low", "high"))
+                what = row["what"].replace("_", " ")
+                lines.append([what, f"**{middle}** {row['unit']}", f"{low} to {high}", str(row["rounds"]), bound,
                               "met" if row["held"] else "**missed**", f"`bench/{script}.py`"])
     return table(["what", "median", "quartiles", "rounds", "limit", "", "printed by"], lines)
 
@@ -79,23 +84,24 @@ def draw(rows):
     figure, (left, right) = plot.subplots(1, 2, figsize=(11, 4.2), layout="constrained")
     calls, works = figures(rows, "calls"), figures(rows, "ratios")
     for at, name in enumerate(NAMES):
-        left.bar([i + (at - 3) * 0.12 for i in range(len(calls))], [by[name]["median"] for by in calls.values()], 0.12,
-                 color=COLOURS[name], label=name)
+        there = [(i, by[name]["median"]) for i, by in enumerate(calls.values()) if name in by]
+        left.bar([i + (at - 3.5) * 0.11 for i, _ in there], [value for _, value in there], 0.11, color=COLOURS[name], label=name)
         there = [(i, by[name]) for i, by in enumerate(works.values()) if name in by and name != NONE]
-        right.bar([i + (at - 3.5) * 0.14 for i, _ in there], [row["median"] for _, row in there], 0.14, color=COLOURS[name],
+        right.bar([i + (at - 4) * 0.12 for i, _ in there], [row["median"] for _, row in there], 0.12, color=COLOURS[name],
                   yerr=list(zip(*((row["median"] - row["low"], row["high"] - row["median"]) for _, row in there))),
                   error_kw={"linewidth": 0.8})
     left.set(title="one call, ns of processor time", yscale="log")
     left.set_xticks(range(len(calls)), [kind.replace("_", "\n") for kind in calls])
-    right.set(title="processor time by that without an extension", yscale="log")
+    right.set(title="processor time by that without an extension", yscale="log", ylim=(0.9, None))
     right.set_xticks(range(len(works)), [WORKS[work] for work in works])
     right.axhline(1, color="black", linewidth=0.6)
     for axes, ticks in ((left, (50, 100, 200, 500, 1000, 2000, 5000)), (right, (1, 1.1, 1.25, 1.5, 2, 3, 5, 8))):
         axes.set_yticks(ticks, [f"{tick:g}" for tick in ticks])
         axes.minorticks_off()
         axes.grid(axis="y", linewidth=0.3)
-    left.legend(fontsize=7, frameon=False, loc="upper left")
-    figure.savefig(PICTURE, metadata={"Date": None, "Creator": None})
+    figure.legend(*left.get_legend_handles_labels(), frameon=False, loc="lower center", bbox_to_anchor=(0.5, -0.07),
+                  ncol=len(NAMES))
+    figure.savefig(PICTURE, bbox_inches="tight", metadata={"Date": None, "Creator": None})
     PICTURE.write_text("\n".join(line.rstrip() for line in PICTURE.read_text().splitlines()) + "\n")
 
 
@@ -109,7 +115,8 @@ def machine():
 def main():
     scripts = {name: read(name) for name in SCRIPTS}
     yardstick = scripts["yardstick"]
-    parts = [machine(), "![one call, and three pieces of work](performance.svg)\n", calls_table(yardstick), ratios_table(yardstick),
+    picture = "![one call, and three pieces of work](performance.svg)\n"
+    parts = [machine(), picture, calls_table(yardstick), ratios_table(yardstick),
              "### Against the limits\n", limits_table(scripts), "### Instructions of a call\n",
              "```\n" + (RECORDS / "instructions.txt").read_text().strip() + "\n```\n"]
     begin, end = "<!-- begin: written by bench/report -->\n", "<!-- end -->\n"

@@ -58,10 +58,10 @@ def stalled(record, site, script):
     site.daemon.start()
     site.daemon.reply = None                                # it takes everything and says nothing
     pair = site.serve(engines.FastCgi)
-    record.add("daemon never answers: wait", "ms", waits_ms(pair, script, 15), TIMEOUT_MS + SLACK_MS)
+    record.add("empty request, daemon never answers: wait", "ms", waits_ms(pair, script, 15), TIMEOUT_MS + SLACK_MS)
     with site.daemon.full_backlog():
         pair.agent.request(script, "/index.php")            # drops the connection that it had
-        record.add("daemon accepts nobody: wait", "ms", waits_ms(pair, script, 15), 2 * (TIMEOUT_MS + SLACK_MS))
+        record.add("empty request, daemon accepts nobody: wait", "ms", waits_ms(pair, script, 15), 2 * (TIMEOUT_MS + SLACK_MS))
 
 
 def main():
@@ -72,13 +72,13 @@ def main():
         pair = site.serve(engines.FastCgi, env={"PHP_FCGI_MAX_REQUESTS": "0"})
         script = site.script("echo 1;", "index.php")
         print("what the agent adds to a request that does nothing")
-        record.add("daemon listening: processor time", "us", added_us(pair, script, rounds), CPU_US)
+        record.add("empty request, daemon listening: processor time", "us", added_us(pair, script, rounds), CPU_US)
         if subprocess.run(["which", "strace"], capture_output=True).returncode == 0:
             calls = {name: count for name, count in added_calls(pair, script).items() if count}
             print(f"  {calls}")
-            record.add("daemon listening: system calls", "calls", [sum(calls.values())], SYSTEM_CALLS)
+            record.add("empty request, daemon listening: system calls", "calls", [sum(calls.values())], SYSTEM_CALLS)
         site.daemon.stop()
-        record.add("daemon dead: processor time", "us", added_us(pair, script, rounds), CPU_US_DAEMON_DEAD)
+        record.add("empty request, daemon dead: processor time", "us", added_us(pair, script, rounds), CPU_US_DAEMON_DEAD)
         stalled(record, site, script)
     finally:
         site.close()

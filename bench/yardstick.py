@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """The same PHP work without an extension, with an empty one that only passes both execute hooks through, with the agent loaded
-but off, on with its defaults and with everything traced, and with Xdebug idle and profiling.
+but off, on with its defaults (also where it has to ask the kernel for the time) and with everything traced, and with Xdebug
+idle and profiling.
 
     bench/yardstick.py [ROUNDS]
 
@@ -14,27 +15,32 @@ import sys
 import threading
 import time
 
-from instructions import KINDS
-from measure import (EMPTY, IDLE, NONE, OFF, ON, PROFILING, PROJECT, TRACED, Record, build_xdebug, configurations, drained_site,
-                     engines, has_counter_clock, in_turns, pin, processor_us, ratios)
+from measure import (EMPTY, IDLE, KERNEL, NONE, OFF, ON, PROFILING, PROJECT, TRACED, Record, build_xdebug, configurations,
+                     drained_site, engines, has_counter_clock, in_turns, pin, processor_us, ratios, under_another_clock)
 
-ALL = (NONE, EMPTY, OFF, ON, TRACED, IDLE, PROFILING)
 COUNTER = has_counter_clock()
-# what the agent may add or take, by the clock that it has
-UNWATCHED_NS, OFF_NS, TRACED_NS = 70 if COUNTER else 100, 3, 250
-ENGINE_RATIO, CALLS_RATIO, QUERIES_RATIO = 1.25 if COUNTER else 1.35, 1.10 if COUNTER else 1.14, 1.02
-THROUGHPUT = 0.98
+OTHER_CLOCK = (KERNEL,) if COUNTER and engines.IS_ROOT else ()
+ALL = (NONE, EMPTY, OFF, ON, *OTHER_CLOCK, TRACED, IDLE, PROFILING)
+KINDS = ("user_function", "user_method", "internal_function", "internal_method")
+# what the agent may add or take, with the time-stamp counter and with the kernel's clock
+OFF_NS, TRACED_NS, THROUGHPUT, QUERIES_RATIO = 3, 250, 0.98, 1.02
+LIMITS = ((70, 100), (1.25, 1.35), (1.10, 1.14))
+UNWATCHED_NS, ENGINE_RATIO, CALLS_RATIO = ({ON: a if COUNTER else b, KERNEL: b} for a, b in LIMITS)
 PAGE_CALLS = {"page_calls": (12500, 13500), "page_queries": (100, 1000)}
 
 CALLS, SLOW_CALLS = 200000, 50000
+PREFIXES = {}               # of the commands of some configurations
+SETTLE_US = 20000           # by then a process knows how fast the counter runs
 TURN = 4                    # requests of a page in one turn
 BLOCK = 40                  # requests of a page in one turn of FPM
 ENGINE_BENCH = PROJECT / "build/engine-tests/Zend/bench.php"
 
 
 class PinnedFastCgi(engines.FastCgi):
+    prefix = ()
+
     def command(self):
-        return [*pin(-1), *super().command()]
+        return [*self.prefix, *pin(-1), *super().command()]
 
 
 class PinnedFpm(engines.Fpm):
@@ -44,25 +50,28 @@ class PinnedFpm(engines.Fpm):
         return [*pin(-1), *super().command()]
 
 
-def run(ini, script, **variables):
+def run(ini, script, prefix=(), **variables):
     """(seconds of processor time, output) of a page in a process of its own."""
     environment = {**engines.web_environment(script, "/bench.php"), "PATH": os.environ["PATH"], **variables}
     before = os.times()
-    done = subprocess.run([*pin(-1), engines.ENGINE / "bin/php-cgi", "-q", "-c", ini], env=environment, capture_output=True, check=True)
+    command = [*prefix, *pin(-1), engines.ENGINE / "bin/php-cgi", "-q", "-c", ini]
+    done = subprocess.run(command, env=environment, capture_output=True, check=True)
     after = os.times()
     return sum(after[2:4]) - sum(before[2:4]), done.stdout
 
 
-def loops(record, inis, rounds, script, names, kinds, counts):
+def loops(record, inis, rounds, group, names, kinds, counts):
     """Nanoseconds per call of each kind, by configuration."""
+    script = PROJECT / "bench/php/calls.php"
     found = {}
     for kind in kinds:
         def one(name, kind=kind):
-            text = run(inis[name], PROJECT / f"bench/php/{script}.php", CALLS=kind, COUNT=str(counts.get(name, counts[NONE])))[1]
+            count = counts.get(name, counts[NONE])
+            text = run(inis[name], script, PREFIXES.get(name, ()), CALLS=kind, COUNT=str(count), SETTLE_US=str(SETTLE_US))[1]
             return float(text.rsplit(b"\n", 1)[-1])
         found[kind] = in_turns(names, rounds, one)
         for name in names:
-            record.add(f"{kind}, {name}", "ns", found[kind][name], group=script, work=kind, configuration=name)
+            record.add(f"{kind}, {name}", "ns", found[kind][name], group=group, work=kind, configuration=name)
     return found
 
 
@@ -74,11 +83,12 @@ def calls(record, inis, rounds):
     print("one call in a loop")
     found = loops(record, inis, rounds, "calls", ALL, KINDS, {NONE: CALLS, PROFILING: CALLS // 10})
     for kind, by in found.items():
-        record.add(f"{kind}, agent on above no extension", "ns", above(by[ON], by[NONE]), UNWATCHED_NS)
+        for name in (ON, *OTHER_CLOCK):
+            record.add(f"{kind}, {name}, above no extension", "ns", above(by[name], by[NONE]), UNWATCHED_NS[name])
         record.add(f"{kind}, agent off above the empty hook", "ns", above(by[OFF], by[EMPTY]), OFF_NS)
     print("a call that enters the trace")
-    kinds = ("user_function", "internal_function")
-    for kind, by in loops(record, inis, rounds, "slow_calls", (NONE, ON, TRACED), kinds, {NONE: SLOW_CALLS}).items():
+    kinds = ("long_user_function", "long_function")
+    for kind, by in loops(record, inis, rounds, "long calls", (NONE, ON, TRACED), kinds, {NONE: SLOW_CALLS}).items():
         record.add(f"{kind}, traced above no extension", "ns", above(by[TRACED], by[NONE]), TRACED_NS)
 
 
@@ -97,13 +107,14 @@ def engine_bench(record, inis, rounds):
     print("Zend/bench.php, processor time")
 
     def one(name):
-        return run(inis[name], ENGINE_BENCH)[0]
+        return run(inis[name], ENGINE_BENCH, PREFIXES.get(name, ()))[0]
 
-    compare(record, "Zend/bench.php", "s", in_turns((NONE, ON), rounds, one), {ON: ENGINE_RATIO})
-    others = in_turns((NONE, EMPTY, OFF, TRACED, IDLE), max(1, rounds // 6), one)      # a profile would be of half a gigabyte
-    for name in (EMPTY, OFF, TRACED, IDLE):
-        record.add(f"Zend/bench.php, {name}", "times", ratios(others[name], others[NONE]), group="ratios", work="Zend/bench.php",
-                   configuration=name)
+    compare(record, "Zend/bench.php", "s", in_turns((NONE, ON), rounds, one), ENGINE_RATIO)
+    names = (NONE, EMPTY, OFF, *OTHER_CLOCK, TRACED, IDLE)                  # a profile would be of half a gigabyte
+    others = in_turns(names, max(2, rounds // 6), one)
+    for name in names[1:]:
+        record.add(f"Zend/bench.php, {name}", "times", ratios(others[name], others[NONE]), ENGINE_RATIO.get(name), group="ratios",
+                   work="Zend/bench.php", configuration=name)
 
 
 def count_calls(site, page):
@@ -118,6 +129,7 @@ def count_calls(site, page):
 def start(site, kind, name, ini):
     server = kind(site, ini, name, env={"PHP_FCGI_MAX_REQUESTS": "0"})
     server.name = f"{kind.__name__}{len(site.servers)}".lower()
+    server.prefix = PREFIXES.get(name, ())
     site.servers.append(server)
     server.start()
     return server
@@ -131,7 +143,7 @@ def ask(server, page, times):
 
 def pages(record, site, inis, rounds):
     servers = {name: start(site, PinnedFastCgi, name, inis[name]) for name in ALL}
-    for page, limit in (("page_calls", CALLS_RATIO), ("page_queries", QUERIES_RATIO)):
+    for page, limits in (("page_calls", CALLS_RATIO), ("page_queries", {ON: QUERIES_RATIO})):
         count = count_calls(site, page)
         least, most = PAGE_CALLS[page]
         assert least <= count <= most, f"{page} makes {count} calls"
@@ -144,7 +156,7 @@ def pages(record, site, inis, rounds):
         for name in ALL:
             one(name)
         print(f"{page}: {count} calls")
-        compare(record, page, "ms", in_turns(ALL, rounds, one), {ON: limit})
+        compare(record, page, "ms", in_turns(ALL, rounds, one), limits)
     for server in servers.values():
         server.stop()
 
@@ -162,8 +174,8 @@ def throughput(record, site, inis, rounds):
     for name in servers:
         one(name)
     found = in_turns((NONE, ON), rounds, one)
-    record.add("no extension", "req/s", found[NONE])
-    record.add("agent on by no extension", "times", ratios(found[ON], found[NONE]), THROUGHPUT, at_least=True)
+    record.add("page_queries under FPM, no extension", "req/s", found[NONE])
+    record.add("page_queries under FPM, throughput, agent on", "times", ratios(found[ON], found[NONE]), THROUGHPUT, at_least=True)
 
 
 def main():
@@ -175,6 +187,7 @@ def main():
     try:
         for page in PAGE_CALLS:
             (site.docroot / f"{page}.php").write_text((PROJECT / f"bench/php/{page}.php").read_text())
+        PREFIXES.update({name: under_another_clock(site) for name in OTHER_CLOCK})
         inis = configurations(site, ALL)
         run(inis[NONE], site.docroot / "page_queries.php")                  # makes its database
         calls(record, inis, rounds)

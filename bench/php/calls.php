@@ -1,5 +1,6 @@
 <?php
-/* One kind of call, many times: CALLS says which, COUNT how often. Prints nanoseconds of processor time per call. */
+/* One kind of call, many times: CALLS says which, COUNT how often, SETTLE_US how long to wait before. Prints nanoseconds of
+ * processor time per call. */
 function plain($a)
 {
     return $a;
@@ -48,6 +49,21 @@ function long_function($n) /* takes microseconds, so that its duration is never 
     }
 }
 
+function busy($text)
+{
+    for ($i = 0; $i < 40; $i++) {
+        $text = $i;
+    }
+    return $text;
+}
+
+function long_user_function($n)
+{
+    for ($i = 0; $i < $n; $i++) {
+        busy($i);
+    }
+}
+
 function internal_method($n)
 {
     $object = new ArrayObject(array(1));
@@ -64,6 +80,7 @@ function spent_us()
 
 $kind = getenv('CALLS');
 $count = (int) getenv('COUNT');
+usleep((int) getenv('SETTLE_US'));
 $start = spent_us();
 if ($kind === 'outermost_function') { /* called by the script itself, and so a component */
     for ($i = 0; $i < $count; $i++) {
