@@ -12,7 +12,14 @@ from pathlib import Path
 from measure import PROJECT, Record, engines
 
 IDLE_KIB, REQUEST_KIB = 256, 1024       # what a thread may take idle, and more than that in a request
-HOLD = "<?php if (isset($_GET['wait'])) { touch(__DIR__ . '/at/' . $_GET['wait']); while (!file_exists(__DIR__ . '/go')) { usleep(2000); clearstatcache(); } }\n"
+HOLD = """<?php if (isset($_GET['wait'])) {
+    touch(__DIR__ . '/at/' . $_GET['wait']);
+    while (!file_exists(__DIR__ . '/go')) {
+        usleep(2000);
+        clearstatcache();
+    }
+}
+"""
 
 
 def private_kib(server):
