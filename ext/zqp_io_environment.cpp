@@ -7,7 +7,7 @@
 
 #include "zqp_lock.h"
 
-/* malloc'ed; published once under the process lock, read-only afterwards. */
+/* malloc'ed; published once under the process lock, unchanged afterwards and therefore read without it: by known(). */
 static char *g_php_version, *g_apache_version, *g_apache_mpm, *g_plugin_list;
 
 extern "C" zend_module_entry *get_module(void);
@@ -108,13 +108,15 @@ static char *plugin_list(TSRMLS_D)
 	return text;
 }
 
+static const char *known(char *const *fact) { return __atomic_load_n(fact, __ATOMIC_ACQUIRE); }
+
 /* Keeps the first value that any thread computed; the others' are freed. */
 static void publish(char **fact, char *value)
 {
 	sigset_t saved;
 	zq_lock(&saved);
 	if (!*fact) {
-		*fact = value;
+		__atomic_store_n(fact, value, __ATOMIC_RELEASE);
 		value = NULL;
 	}
 	zq_unlock(&saved);
@@ -123,18 +125,18 @@ static void publish(char **fact, char *value)
 
 static void compute_missing(TSRMLS_D)
 {
-	if (!g_php_version) {
+	if (!known(&g_php_version)) {
 		publish(&g_php_version, text_of_call("phpversion" TSRMLS_CC));
 	}
 	if (sapi_module.pretty_name && strstr(sapi_module.pretty_name, "Apache")) {
-		if (!g_apache_version) {
+		if (!known(&g_apache_version)) {
 			publish(&g_apache_version, text_of_call("apache_get_version" TSRMLS_CC));
 		}
-		if (!g_apache_mpm) {
+		if (!known(&g_apache_mpm)) {
 			publish(&g_apache_mpm, apache_mpm(TSRMLS_C));
 		}
 	}
-	if (!g_plugin_list) {
+	if (!known(&g_plugin_list)) {
 		publish(&g_plugin_list, plugin_list(TSRMLS_C));
 	}
 }
@@ -151,13 +153,13 @@ void zq_append_environment(smart_str *p TSRMLS_DC)
 	Dl_info self;
 	compute_missing(TSRMLS_C);
 	pack_write_env(p, ZQ_MODULE_NAME, ZQ_VERSION);
-	pack_when_known(p, "PHP Version", g_php_version);
+	pack_when_known(p, "PHP Version", known(&g_php_version));
 	pack_write_env(p, "Thread Safety", "yes");
 	if (dladdr((void *)get_module, &self)) {
 		pack_when_known(p, "module", self.dli_fname);
 	}
 	pack_write_env(p, "Server API", sapi_module.pretty_name);
-	pack_when_known(p, "Apache Version", g_apache_version);
-	pack_when_known(p, "Apache MPM", g_apache_mpm);
-	pack_when_known(p, "Plugin List", g_plugin_list);
+	pack_when_known(p, "Apache Version", known(&g_apache_version));
+	pack_when_known(p, "Apache MPM", known(&g_apache_mpm));
+	pack_when_known(p, "Plugin List", known(&g_plugin_list));
 }
