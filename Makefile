@@ -8,7 +8,8 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all demo test check bench bench-check fuzz random engine-suite soak install uninstall clean configure test-packages
+.PHONY: all demo test check sanitize bench bench-check fuzz random engine-suite soak install \
+        uninstall clean configure test-packages
 
 all: configure
 	@cmake --build build -j$(JOBS)
@@ -16,19 +17,27 @@ all: configure
 demo: all
 	@demo/run
 
-# unit tests, then the end-to-end tests
-test: test-packages configure
+# unit tests, plain and under the sanitizers, then the end-to-end tests
+test: check
 	@cmake --build build -j$(JOBS) --target all unit_tests zqprof_traced
 	@tests/run
 
-# the unit tests under the address and undefined-behaviour sanitizers
+# the unit tests under the address and undefined-behaviour sanitizers, on the plain engine
 check: test-packages configure
 	@cmake --preset sanitize --log-level=WARNING >/dev/null
 	@cmake --build --preset sanitize -j$(JOBS)
 	@ctest --preset sanitize --no-tests=error
 
+<<<<<<< HEAD
 # what the agent costs (bench/report writes docs/performance.md from such a run); bench-check fails when a call costs more
 # instructions or stack than bench/budget.toml allows
+=======
+# everything under sanitizers, on engines of their own: half an hour, and as much again for the engines the first time
+sanitize: all test-packages
+	@tests/sanitize/run
+
+# what the agent costs; bench-check fails when a call costs more instructions or stack than bench/budget.toml allows
+>>>>>>> 4ef028b (Run unit tests, end-to-end tests and sixteen threads under sanitizers, on engines built to suit)
 bench: all
 	@bench/run
 

@@ -21,7 +21,7 @@ sys.path.insert(0, str(PROJECT / "tests/doubles"))      # what stands in for the
 import wire  # noqa: E402
 from fake_daemon import FakeDaemon, wait_until  # noqa: E402
 
-ENGINE = PROJECT / "build/engine"
+ENGINE = Path(os.environ.get("QUORBIT_ENGINE", PROJECT / "build/engine"))              # another, such as one under a sanitizer
 EXTENSION = Path(os.environ.get("QUORBIT_EXTENSION", PROJECT / "build/zqprof.so"))     # another build, such as a sanitized one
 SCRIPTS = PROJECT / "tests/e2e/php"
 WEB_USER = "www-data"
@@ -367,7 +367,8 @@ DocumentRoot {self.site.docroot}
 SetHandler application/x-httpd-php
 </FilesMatch>
 """)
-        return ["/usr/sbin/apache2", "-d", self.site.root, "-f", config, "-D", "FOREGROUND"]
+        own = ENGINE / "sbin/apache2"         # an engine that needs preparations has one
+        return [own if own.exists() else "/usr/sbin/apache2", "-d", self.site.root, "-f", config, "-D", "FOREGROUND"]
 
     def console(self):
         log = self.site.root / f"{self.name}.log"
