@@ -1,8 +1,11 @@
 /* Keeps patterns away from the C library's regular expression compiler that would crash it or hold it up: it recurses
- * once per group, and unfolds every repeat into copies of what is repeated. Its matcher takes linear time, but for
- * references back to a group, which are no part of the extended syntax: seconds for an address of a hundred bytes. */
+ * once per group, and unfolds every repeat into copies of what is repeated. Its matcher begins anew at every byte, and can
+ * make a new state of all atoms at every step: "[a-z]+@" takes time by the square of a text of letters, ".*a.{60}b" sixty
+ * times that, and the text may be a form field of megabytes. So only its beginning is looked at. References back to a
+ * group, no part of the extended syntax, take seconds for a hundred bytes. */
 #include "zqp_text.h"
 
+#include <regex.h>
 #include <stdlib.h>
 
 static const size_t max_pattern_len = 1024;
@@ -10,6 +13,8 @@ static const int max_depth = 64;
 static const unsigned long max_repeats = 1000; /* of one atom, by all the repeats that it is nested in */
 static const unsigned long max_atoms = 3000;   /* after unfolding: 0.1 s and 100 MiB for the worst of them */
 static const unsigned long max_loop = 64;      /* of what an endless repeat goes round without reading: time by its cube */
+static const size_t max_subject_len = 2048;    /* 7 ms for "[a-z]+@"; at 64 KiB it would be 6 s */
+static const size_t max_steps = 20000000;      /* atoms times the square of the length: half a second at worst */
 static const unsigned long max_count = 32767;  /* RE_DUP_MAX: beyond it a pattern does not compile */
 
 /* What a repeat may multiply: a character, a bracket expression, a group, with the repeats that it has already. */
@@ -164,7 +169,8 @@ static int read_one(const char **at, group *groups, int *depth)
 	return is_bounded && g->read.atoms + g->last.atoms <= max_atoms && g->last.repeats <= max_repeats;
 }
 
-int zq_regex_is_bounded(const char *pattern)
+/* Atoms and repeats of the pattern once it is unfolded, at least 1; 0 when a bound is passed. */
+static unsigned long count_atoms(const char *pattern)
 {
 	if (!pattern || strlen(pattern) > max_pattern_len) {
 		return 0;
@@ -177,5 +183,36 @@ int zq_regex_is_bounded(const char *pattern)
 			return 0;
 		}
 	}
-	return 1;
+	return groups[0].read.atoms + groups[0].last.atoms + 1;
+}
+
+int zq_regex_is_bounded(const char *pattern)
+{
+	return count_atoms(pattern) != 0;
+}
+
+/* How much of a subject may be looked at. Without an endless repeat no match goes far. */
+static size_t examined_len(const char *pattern, unsigned long atoms)
+{
+	size_t len = max_subject_len;
+	if (strpbrk(pattern, "*+") || strstr(pattern, ",}")) {
+		while (len * len * atoms > max_steps) {
+			len -= len / 16;
+		}
+	}
+	return len;
+}
+
+int zq_regex_matches(const char *subject, const char *pattern)
+{
+	regex_t compiled;
+	unsigned long atoms = count_atoms(pattern);
+	if (atoms == 0 || regcomp(&compiled, pattern, REG_EXTENDED | REG_ICASE | REG_NEWLINE | REG_NOSUB) != 0) {
+		return 0;
+	}
+	size_t len = strnlen(subject, examined_len(pattern, atoms));
+	regmatch_t range = {0, (regoff_t)len};
+	int found = regexec(&compiled, subject, 0, &range, REG_STARTEND | (subject[len] ? REG_NOTEOL : 0)) == 0;
+	regfree(&compiled);
+	return found;
 }

@@ -5,7 +5,6 @@
 #include <charconv>
 
 #include <limits.h>
-#include <regex.h>
 #include <time.h>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -233,13 +232,7 @@ int in_urls_captured(const char *url TSRMLS_DC)
 	cArray *patterns = url ? get_c_array(ZQG(urls_captured), '\n') : NULL;
 	int found = 0;
 	for (int i = 0; patterns && i < patterns->length && !found; i++) {
-		regex_t regex;
-		if (!zq_regex_is_bounded(patterns->items[i]) ||
-		    regcomp(&regex, patterns->items[i], REG_EXTENDED | REG_ICASE | REG_NEWLINE | REG_NOSUB) != 0) {
-			continue;
-		}
-		found = regexec(&regex, url, 0, NULL, 0) == 0;
-		regfree(&regex);
+		found = zq_regex_matches(url, patterns->items[i]);
 	}
 	free_c_array(patterns);
 	return found;

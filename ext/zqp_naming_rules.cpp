@@ -2,7 +2,6 @@
 #include "zqp_naming_rules.h"
 
 #include <cJSON.h>
-#include <regex.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -27,18 +26,6 @@ static cJSON *next_key(cJSON **at, const char *key, int type)
 	return item;
 }
 
-static int regex_matches(const char *subject, const char *pattern)
-{
-	regex_t compiled;
-	if (!zq_regex_is_bounded(pattern)
-	    || regcomp(&compiled, pattern, REG_EXTENDED | REG_ICASE | REG_NEWLINE | REG_NOSUB) != 0) {
-		return 0;
-	}
-	int found = regexec(&compiled, subject, 0, NULL, 0) == 0;
-	regfree(&compiled);
-	return found;
-}
-
 static int operator_holds(int match, const char *subject, const char *value)
 {
 	if (match == ALWAYS) {
@@ -54,7 +41,7 @@ static int operator_holds(int match, const char *subject, const char *value)
 	case ENDS_WITH:
 		return subject_len >= value_len && !zq_strncasecmp(subject + subject_len - value_len, value, value_len);
 	case CONTAINS: return zq_strcasestr(subject, value) != NULL;
-	case MATCHES_REGEX: return regex_matches(subject, value);
+	case MATCHES_REGEX: return zq_regex_matches(subject, value);
 	default: return 0;
 	}
 }

@@ -87,5 +87,9 @@ static inline int zq_str_to_int(const char *str)
  * repeats multiplying to at most 1,000, at most 3,000 atoms and repeats once they are unfolded, 64 of them in an endless
  * repeat of what can be empty, no references back to a group. It crashes, takes gigabytes or runs for seconds on others. */
 int zq_regex_is_bounded(const char *pattern);
+/* 1 when the bounded pattern (extended syntax, ignoring case, "." and brackets without line ends) matches somewhere in the
+ * beginning of the subject, 0 otherwise: in its first 2,048 bytes, or fewer for a large pattern with an endless repeat
+ * (80 for the largest). "$" never matches at the cut. */
+int zq_regex_matches(const char *subject, const char *pattern);
 
 #endif

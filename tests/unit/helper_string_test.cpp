@@ -110,6 +110,28 @@ TEST_F(HelperString, RefusesPatternsThatWouldHoldUpTheCompiler)
 	}
 }
 
+TEST_F(HelperString, MatchesTheBeginningOfALongText)
+{
+	const std::string edge = std::string(2046, 'x') + "yz", longer = edge + "yz";
+	const std::tuple<std::string, const char *, int> cases[] = {
+		{edge, "yz$", 1}, {longer, "YZ", 1}, {longer, "yz$", 0}, {longer, "y$", 0}, {longer, "yzyz", 0}, {longer, "^x{5}", 1},
+		{"", "^$", 1}, {"a\nb", "^b$", 1}, {"a\nb", "a.b", 0}, {"a", "[", 0},
+		{std::string(600, 'x') + "y", "x*y", 1}, {std::string(600, 'x') + "y", "(x|z){200}*y", 0}, /* a large pattern sees less */
+	};
+	for (const auto &[subject, pattern, matches] : cases) {
+		EXPECT_EQ(zq_regex_matches(subject.c_str(), pattern), matches) << subject.size() << " " << pattern;
+	}
+	std::string megabytes(8 << 20, 'a'); /* the matcher begins anew at every byte */
+	for (size_t i = 1; i < megabytes.size(); i++) {
+		megabytes[i] = "ab"[(i * i >> 3) % 7 & 1];
+	}
+	for (const char *pattern : {"[a-z]+@", "(a|b)*a(a|b){60}c", "(.*a){0,}.{500}c", "[ab]+a[ab]{990}c", "a{1,990}c"}) {
+		auto begin = std::chrono::steady_clock::now();
+		EXPECT_EQ(zq_regex_matches(megabytes.c_str(), pattern), 0);
+		EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2)) << pattern;
+	}
+}
+
 TEST_F(HelperString, ReadsSettings)
 {
 	const auto read = [](const std::string &text) {
