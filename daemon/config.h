@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 
 namespace quorbit {
 
@@ -27,10 +28,18 @@ DaemonConfig parse_daemon_config(std::string_view text);
 // The same from a file. Throws std::runtime_error also when it cannot be read.
 DaemonConfig read_daemon_config(const std::string& path);
 
+// The same for the daemon itself, which writes where the file says. Throws std::runtime_error also when it is neither root's nor
+// this process's user's.
+DaemonConfig read_trusted_config(const std::string& path);
+
 // What the agent would write for this runtime root ("/var" unless set otherwise).
 DaemonConfig default_daemon_config(const std::string& runtime_root);
 
-// The whole of a file. Throws std::runtime_error when it cannot be read or is larger than 64 MiB.
-std::string read_file(const std::string& path);
+// The whole of a file. Throws std::runtime_error when it cannot be read, is larger than 64 MiB or, where that is asked for, belongs to
+// another than root or this process's user.
+std::string read_file(const std::string& path, bool of_root_or_us = false);
+
+// Whether only root and this process's user can have made the file: the folder may be writable for others.
+bool is_of_root_or_us(const struct stat& status);
 
 }  // namespace quorbit

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <grp.h>
 #include <memory>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -24,10 +25,17 @@ namespace {
 
 [[noreturn]] void fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
+// Root needs only to have begun: where the folder is another account's, everything in it is that account's too.
+void become_owner_of(const std::string& folder) {
+  struct stat status;
+  if (geteuid() != 0 || stat(folder.c_str(), &status) != 0 || status.st_uid == 0) return;
+  if (setgroups(0, nullptr) != 0 || setgid(status.st_gid) != 0 || setuid(status.st_uid) != 0) fail("becoming the owner of " + folder);
+}
+
 // The descriptor that holds the lock, or -1 when another daemon has it. The file stays: removing it would let two daemons lock
 // files of the same name.
 int take_lock(const std::string& path) {
-  int descriptor = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
+  int descriptor = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0640);
   if (descriptor == -1) fail(path);
   if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return descriptor;
   if (errno != EWOULDBLOCK) fail(path);
@@ -160,7 +168,8 @@ int start_in_background(const DaemonConfig& config) {
 int run_daemon(const std::string& config_path, bool foreground) {
   reset_inherited();
   try {
-    DaemonConfig config = read_daemon_config(config_path);
+    DaemonConfig config = read_trusted_config(config_path);
+    become_owner_of(config.folder());
     log_open(config.log_file, log_level_by_name(config.log_level));
     // A daemon that holds no lock of ours may be another user's, or another program that agents are content with.
     if (accepts_connections(config.socket_file)) return 0;

@@ -1,6 +1,7 @@
 // Appending to the daemon's log.
 #include "log.h"
 
+#include "config.h"
 #include "text.h"
 
 #include <cerrno>
@@ -8,7 +9,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <strings.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quorbit {
@@ -27,7 +27,7 @@ std::string trusted_target(const std::string& path) {
   struct stat status;
   char target[4096];
   ssize_t length = -1;
-  if (fstat(link, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid())) {
+  if (fstat(link, &status) == 0 && is_of_root_or_us(status)) {
     length = readlinkat(link, "", target, sizeof target);
   }
   close(link);

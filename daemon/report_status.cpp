@@ -46,11 +46,12 @@ std::string nothing_received_text(const DaemonConfig& config) {
   auto line = [&out](bool good, const std::string& text) { out += std::string(good ? "  ok     " : "  CHECK  ") + text + "\n"; };
   struct stat status;
   if (stat(folder.c_str(), &status) != 0) {
-    line(false, "the folder " + folder + " does not exist: create it, mode 2770, group of the web server");
+    line(false, "the folder " + folder + " does not exist: create it, mode 2750, group of the web server");
   } else {
-    bool shared = (status.st_mode & S_IWGRP) && (status.st_mode & S_IXGRP);
-    line(shared, "the folder " + folder + (shared ? " is open to its group, which PHP's processes must be in"
-                                                  : " is closed to its group: chmod 2770"));
+    bool shared = status.st_mode & S_IXGRP, exposed = status.st_mode & S_IWOTH;
+    line(shared && !exposed, "the folder " + folder + (!shared  ? " is closed to its group: chmod 2750"
+                                                       : exposed ? " is writable for everybody: chmod 2750"
+                                                                 : " is open to its group, which PHP's processes must be in"));
   }
   bool answers = daemon_answers(config);
   line(answers, answers ? "the daemon answers on " + config.socket_file : "no daemon answers on " + config.socket_file);

@@ -1,6 +1,12 @@
 // Layout of the store and the writing half.
 #include "store.h"
 
+#include "config.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 #include <utility>
 
 namespace quorbit {
@@ -80,7 +86,19 @@ std::string_view column_text(std::string_view text) { return text.substr(0, 1024
 
 }  // namespace
 
-Store::Opened::Opened(const std::string& path) : Database(path, Mode::create) {
+// Makes a missing file: what applications send is not for other accounts. A file or link that another account has put there is
+// refused. SQLite has no file open here, whose locks closing another descriptor of it would drop.
+static const std::string& private_file(const std::string& path) {
+  int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+  if (file == -1) throw SqliteError(path + ": " + strerror(errno));
+  struct stat status;
+  bool ours = fstat(file, &status) == 0 && S_ISREG(status.st_mode) && is_of_root_or_us(status);
+  close(file);
+  if (!ours) throw SqliteError(path + ": belongs to another account, or is no file");
+  return path;
+}
+
+Store::Opened::Opened(const std::string& path) : Database(private_file(path), Mode::create) {
   execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL");
   execute("PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
   int64_t version = integer("PRAGMA user_version");

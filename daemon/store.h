@@ -31,7 +31,7 @@ struct StoredQuery {
 // The writing half. Every function throws SqliteError; after that the object is of no more use.
 class Store {
  public:
-  // Opens the file, or makes it with mode 0640 less the umask.
+  // Opens the file, or makes it with mode 0600. One that belongs to neither root nor this process's user is refused.
   explicit Store(const std::string& path);
 
   void begin() { database_.execute("BEGIN IMMEDIATE"); }

@@ -48,7 +48,7 @@ void StoreWriter::put(StoredPacket packet) {
 }
 
 void StoreWriter::put(StoredQuery query) {
-  size_t bytes = sizeof(Item) + query.given.size() + query.application.size();
+  size_t bytes = sizeof(Item) + query.given.size() + query.application.size() + query.sapi.size() + query.php_version.size();
   enqueue(std::move(query), bytes);
 }
 

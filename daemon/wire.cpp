@@ -45,6 +45,9 @@ std::string_view Query::environment_value(std::string_view name) const {
   return {};
 }
 
+// An agent sends some twenty; a packet of 16 MiB could hold millions.
+constexpr size_t most_environment = 1024;
+
 static void read_query_record(const Record& record, Query& query) {
   switch (record.type) {
     case record_application_name: query.application = record.body; break;
@@ -54,7 +57,7 @@ static void read_query_record(const Record& record, Query& query) {
       break;
     case record_environment: {
       size_t equals = record.body.find('=');
-      if (equals == std::string_view::npos) break;
+      if (equals == std::string_view::npos || query.environment.size() == most_environment) break;
       query.environment.emplace_back(record.body.substr(0, equals), record.body.substr(equals + 1));
       break;
     }

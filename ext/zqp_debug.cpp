@@ -88,23 +88,68 @@ void zq_log_newline(FILE *stream, int level)
 	        (int)getuid(), get_log_level_name(level));
 }
 
-/* Opens for appending; a signal may interrupt the first attempt. */
-static int open_for_append(const char *path)
+/* A link in the log's place is followed when root or we made it: operators redirect logs. Any other would have us append
+ * to a file of somebody else's choice, and as root hand it to everybody. Called from the crash handler as well. */
+static int open_link_target(const char *path, int flags)
 {
-	int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-	if (fd == -1 && errno == EINTR) {
-		fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+	char folder[1024], target[1024];
+	struct stat status;
+	const char *name = strrchr(path, '/');
+	size_t folder_len = name ? (size_t)(name + 1 - path) : sizeof(folder);
+	if (folder_len >= sizeof(folder)) {
+		return -1;
 	}
+	memcpy(folder, path, folder_len);
+	folder[folder_len] = '\0';
+	int link = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+	int trusted = link != -1 && fstat(link, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid());
+	ssize_t len = trusted ? readlinkat(link, "", target, sizeof(target)) : -1;
+	close(link);
+	if (len <= 0 || len == (ssize_t)sizeof(target)) {
+		return -1;
+	}
+	target[len] = '\0';
+	int folder_fd = open(folder, O_PATH | O_DIRECTORY | O_CLOEXEC);
+	int fd = openat(folder_fd, target, flags, 0666);
+	close(folder_fd);
 	return fd;
 }
 
-/* Text that came from outside must not look like a record of its own: its control characters become blanks. A line
- * break at the very end is the message's own. */
+/* Opens for appending; a signal may interrupt the first attempt. `create` is O_CREAT or 0. Nothing that lies in the log's
+ * place may hold the process up, and a pipe without a reader would. */
+static int open_for_append(const char *path, int create)
+{
+	int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | create;
+	int fd = open(path, flags | O_NOFOLLOW, 0666);
+	if (fd == -1 && errno == EINTR) {
+		fd = open(path, flags | O_NOFOLLOW, 0666);
+	}
+	return fd == -1 && errno == ELOOP ? open_link_target(path, flags) : fd;
+}
+
+void zq_log_share(void)
+{
+	struct stat status;
+	int fd = open_for_append(zqprof_ini_log_file, 0);
+	if (fd == -1) {
+		return;
+	}
+	/* a file with a second name may be another's, linked into the folder */
+	if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
+		fchmod(fd, 0666);
+	}
+	close(fd);
+}
+
+/* Text that came from outside must not look like a record of its own, nor command the terminal that shows it: control
+ * characters, those of UTF-8 (C2 80 to C2 9F) too, become blanks. A line break at the very end is the message's own. */
 static void blank_control_characters(char *text, size_t len)
 {
 	for (size_t i = 0; i + 1 < len; i++) {
 		if ((unsigned char)text[i] < 32 || text[i] == 127) {
 			text[i] = ' ';
+		} else if (text[i] == '\xC2' && (unsigned char)text[i + 1] >= 0x80 && (unsigned char)text[i + 1] < 0xA0) {
+			text[i] = text[i + 1] = ' ';
 		}
 	}
 }
@@ -123,7 +168,7 @@ static void write_record(int level, const char *format, va_list args)
 	vfprintf(stream, format, args);
 	fclose(stream);
 	blank_control_characters(record + header_len, len - header_len);
-	int fd = open_for_append(zqprof_ini_log_file);
+	int fd = open_for_append(zqprof_ini_log_file, O_CREAT);
 	if (fd != -1) {
 		(void)!write(fd, record, len);
 		close(fd);
@@ -247,7 +292,7 @@ void dump_handler(int)
 	static volatile sig_atomic_t entered;
 	if (!entered) {
 		entered = 1;
-		int fd = open_for_append(g_dump_file);
+		int fd = open_for_append(g_dump_file, O_CREAT);
 		if (fd != -1) {
 			void *frames[100];
 			write_backtrace(fd, frames, backtrace(frames, 100));

@@ -27,6 +27,9 @@ extern int zqprof_ini_log_level;
 
 /* Reads path and level from the settings. Ends the process with status 1 when the path cannot be allocated. */
 void zq_log_init(TSRMLS_D);
+/* Makes an existing log writable for every account (mode 0666): all that run PHP append to it. Neither this nor any other
+ * opening of the log follows a link that is not root's or our own. */
+void zq_log_share(void);
 /* Frees the path; the log is silent afterwards. */
 void zq_log_final(void);
 /* Level for a name, ignoring case; 0 (silent) for an unknown one. */

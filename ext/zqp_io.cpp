@@ -236,6 +236,28 @@ static void write_daemon_config(FILE *file, const char *prefix, const char *root
 	write_when_set(file, "zqs.proxy_password");
 }
 
+/* Writes a new file and puts it in the old one's place: a daemon that another process starts meanwhile never reads half of
+ * it, and nothing is written through a link or into a file that another account has put there. -1 with errno set. */
+static int replace_daemon_config(const char *path, const char *prefix, const char *root)
+{
+	char fresh[255 + 16];
+	snprintf(fresh, sizeof(fresh), "%s.%d", path, (int)getpid());
+	unlink(fresh); /* left by a process of that number */
+	int fd = open(fresh, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+	FILE *file = fd != -1 ? fdopen(fd, "w") : NULL;
+	if (!file) {
+		return -1;
+	}
+	write_daemon_config(file, prefix, root);
+	if (fclose(file) == 0 && rename(fresh, path) == 0) {
+		return 0;
+	}
+	int error = errno;
+	unlink(fresh);
+	errno = error;
+	return -1;
+}
+
 /* system() with standard input, output and error on /dev/null: a missing command must not print into cron mail, pages
  * or pipes. Start-up of a process: no other thread of ours can be writing there. */
 static int run_silently(const char *command)
@@ -278,14 +300,8 @@ int zq_daemon_start(int create_config TSRMLS_DC)
 		ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(ENAMETOOLONG));
 		return -1;
 	}
-	if (create_config && zq_file_may_grow(config_path)) {
-		FILE *file = fopen(config_path, "w+e");
-		if (file) {
-			write_daemon_config(file, prefix, root);
-			fclose(file);
-		} else {
-			ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(errno));
-		}
+	if (create_config && zq_file_may_grow(config_path) && replace_daemon_config(config_path, prefix, root) == -1) {
+		ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(errno));
 	}
 	ZQ_LOG(ZQ_LOG_INFO, "start daemon: %s", command);
 	return run_silently(command);

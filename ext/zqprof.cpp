@@ -2,7 +2,6 @@
 #include "php_zqprof.h"
 
 #include <strings.h>
-#include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
 
@@ -92,7 +91,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	replace_hook(&zend_compile_file, &_zend_compile_file, zq_compile_file);
 	zq_log_init(TSRMLS_C);
 	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_VERSION);
-	chmod(zqprof_ini_log_file, 0666); /* every account that runs PHP appends to it; absent is fine */
+	zq_log_share();
 	connect_or_launch_daemon(TSRMLS_C);
 	g_cli = strcasecmp(sapi_module.name, "cli") == 0;
 	zq_app_config_init();

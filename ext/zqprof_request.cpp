@@ -235,6 +235,7 @@ static void read_caller(const char *identity TSRMLS_DC)
 			efree(value);
 			value = NULL;
 		}
+		zq_str_replace_ln(value); /* goes on into headers of calls and of the answer */
 		*field = value;
 	}
 }

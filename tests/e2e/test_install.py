@@ -55,19 +55,21 @@ def test_install_places_its_files_and_uninstall_takes_them_back(root):
     neighbour.parent.mkdir(parents=True)
     neighbour.touch()
     assert make("install", root).returncode == 0
-    ours = {f"{EXTENSION_DIR}/zqprof.so", "/usr/bin/quorbit", "/usr/share/quorbit/quorbit.ini", "/etc/logrotate.d/quorbit"}
+    ours = {f"{EXTENSION_DIR}/zqprof.so", "/usr/bin/quorbit", "/usr/share/quorbit/quorbit.ini", "/etc/logrotate.d/quorbit",
+            "/var/log/quorbit/php-agent.log"}
     assert installed(root) == ours | {"/usr/bin/neighbour"}
     logs = root / "var/log/quorbit"
-    assert stat.S_IMODE(logs.stat().st_mode) == 0o2770
-    assert grp.getgrgid(logs.stat().st_gid).gr_name == GROUP
+    log = logs / "php-agent.log"
+    assert (stat.S_IMODE(logs.stat().st_mode), stat.S_IMODE(log.stat().st_mode)) == (0o2750, 0o666)
+    assert {grp.getgrgid(path.stat().st_gid).gr_name for path in (logs, log)} == {GROUP}
     assert "@" not in (root / "etc/logrotate.d/quorbit").read_text()
 
-    (logs / "php-agent.log").touch()
+    log.write_text("a line")
     again = make("install", root)
-    assert again.returncode == 0 and installed(root) == ours | {"/usr/bin/neighbour", "/var/log/quorbit/php-agent.log"}
+    assert again.returncode == 0 and installed(root) == ours | {"/usr/bin/neighbour"} and log.read_text() == "a line"
     assert "kept" in make("uninstall", root).stdout
     assert installed(root) == {"/usr/bin/neighbour", "/var/log/quorbit/php-agent.log"}
-    (logs / "php-agent.log").unlink()
+    os.truncate(log, 0)
     make("uninstall", root)
     assert installed(root) == {"/usr/bin/neighbour"}
     assert not logs.exists() and not (root / "usr/share/quorbit").exists()

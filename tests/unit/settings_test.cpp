@@ -1,4 +1,5 @@
 #include "engine_fixture.h"
+#include "zqp_io.h"
 
 class Settings : public EngineTest {};
 
@@ -32,4 +33,24 @@ TEST_F(Settings, FollowTheScript)
 		EXPECT_STREQ(g->app_name, "cron");
 	}
 	g_cli = was_cli;
+}
+
+/* The name can come from the client's Host header. */
+TEST_F(Settings, OfApplicationsWithoutNumberTakeNoMemoryWithoutBound)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zq_app_config_final();
+	zq_app_config_init();
+	const auto record_of = [&](const std::string &name) {
+		g->app_name = estrdup(name.c_str());
+		app_cfg_info *record = get_app_info(TSRMLS_C);
+		efree(g->app_name);
+		g->app_name = NULL;
+		return record;
+	};
+	app_cfg_info *first = record_of("app0");
+	for (int i = 1; i < 1100; i++) {
+		ASSERT_EQ(record_of("app" + std::to_string(i)) != NULL, i < 1024) << i;
+	}
+	EXPECT_EQ(record_of("app0"), first);
 }
