@@ -3,6 +3,7 @@
 #include "zqp_tracer.h"
 
 #include <cJSON.h>
+#include <cmath>
 
 extern "C" {
 #include "ext/standard/html.h"
@@ -86,7 +87,7 @@ static int is_strict_json(const char *text)
 			}
 		} else if (*at == '-' || (*at >= '0' && *at <= '9')) {
 			const char *behind = skip_number(at);
-			if (behind == at) {
+			if (behind == at || !std::isfinite(zend_strtod(at, NULL))) {
 				return 0;
 			}
 			at = behind + strspn(behind, "eE+-0123456789"); /* the parser has checked the exponent's form */

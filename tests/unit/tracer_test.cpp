@@ -92,6 +92,7 @@ TEST_F(Trace, KeepsWhatACalleeAnsweredOnlyWhenItIsAnObject)
 		{"", false}, {"[1]", false}, {"7", false}, {"{", false}, {"{\"a\":1}}", false}, {"{\"a\":1}x", false}, {"{'a':1}", false},
 		{"{\"a\":01}", false}, {"{\"a\":1.}", false}, {"{\"a\":-}", false}, {"{\"a\":.5}", false}, {"{\"a\":\"\x01\"}", false},
 		{"{\"a\":\"\xff\"}", false}, {"{\x0b}", false}, {"\xef\xbb\xbf{}", false}, {std::string(5000, '{'), false},
+		{"{\"a\":1e999}", false}, {"{\"a\":-1" + std::string(400, '0') + "}", false}, {"{\"a\":[1e308,0e999]}", true}, /* infinite */
 	};
 	for (const auto &[data, kept] : cases) {
 		add("f", -2000, 9000, ZQ_TRACER_EXTERNAL, service("http://h/p", data)); /* began before the request */
