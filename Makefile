@@ -28,16 +28,12 @@ check: test-packages configure
 	@cmake --build --preset sanitize -j$(JOBS)
 	@ctest --preset sanitize --no-tests=error
 
-<<<<<<< HEAD
-# what the agent costs (bench/report writes docs/performance.md from such a run); bench-check fails when a call costs more
-# instructions or stack than bench/budget.toml allows
-=======
 # everything under sanitizers, on engines of their own: half an hour, and as much again for the engines the first time
 sanitize: all test-packages
 	@tests/sanitize/run
 
-# what the agent costs; bench-check fails when a call costs more instructions or stack than bench/budget.toml allows
->>>>>>> 4ef028b (Run unit tests, end-to-end tests and sixteen threads under sanitizers, on engines built to suit)
+# what the agent costs (bench/report writes docs/performance.md from such a run); bench-check fails when a call costs more
+# instructions or stack than bench/budget.toml allows
 bench: all
 	@bench/run
 
