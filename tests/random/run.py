@@ -29,6 +29,7 @@ from peer import Peer, http_answer, read_http  # noqa: E402
 
 KEPT = PROJECT / "build/random"
 TIMEOUT_S = 60
+AT_FAULT = 99             # valgrind's exit status then
 CUT_DOWN = 3              # so many of the programs that differ
 MOST_UNDEFINED = 0.02     # of the programs
 EXPECTED_PACKETS = 0.95   # of the programs: a busy machine may read a packet too late
@@ -74,11 +75,11 @@ class Runs:
         self.bare = site.ini_file(False, INI)
         self.with_agent = [site.ini_file(True, {**INI, "zqs.app_name": name}) for name in SETTINGS]
 
-    def execute(self, place, ini, allocator):
+    def execute(self, place, ini, allocator, prefix=()):
         """((exit status, headers and page, standard error), process id)"""
         env = engines.web_environment(place / "main.php", "/random/main.php?a=1&b[]=two")
         env |= {"PEER": f"http://127.0.0.1:{self.peer.port}", "PHP_INI_SCAN_DIR": "", **allocator}
-        with subprocess.Popen([engines.ENGINE / "bin/php-cgi", "-c", ini], env=env, cwd=place, stdin=subprocess.DEVNULL,
+        with subprocess.Popen([*prefix, engines.ENGINE / "bin/php-cgi", "-c", ini], env=env, cwd=place, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
             try:
                 output, errors = process.communicate(timeout=TIMEOUT_S)
@@ -89,6 +90,14 @@ class Runs:
 
     def without(self, place, way):
         return self.execute(place, self.bare, ALLOCATORS[way % 2])[0]
+
+    def is_defined(self, place, bare, way):
+        """Whether the bare engine knows what it does there: with the other allocator it does the same, and it reads nothing
+        that it has freed."""
+        if not is_whole(bare) or bare != self.without(place, way + 1):
+            return False
+        (status, _, _), _ = self.execute(place, self.bare, ALLOCATORS[1], ["valgrind", "-q", f"--error-exitcode={AT_FAULT}"])
+        return status != AT_FAULT
 
     def compare(self, files, place, way):
         """(what the bare engine made of the program, what it was with the agent, packets)"""
@@ -132,7 +141,7 @@ class Tally:
     packets: int = 0
     output: int = 0
     endings: Counter = field(default_factory=Counter)       # exit statuses on the bare engine
-    undefined: int = 0        # the engine itself crashes, or makes another thing of them with another allocator
+    undefined: int = 0        # what they do is left to chance, without the agent too
     different: list = field(default_factory=list)           # numbers of programs
     lock: threading.Lock = field(default_factory=threading.Lock)
 
@@ -145,7 +154,7 @@ class Tally:
             self.packets += packets
             self.output += len(bare[1])
             self.endings[bare[0]] += 1
-            if bare != agent and is_whole(bare) and bare == self.runs.without(place, number + 1):
+            if bare != agent and self.runs.is_defined(place, bare, number):
                 self.different.append(number)
                 self.report(files, place, number, bare, agent)
             elif bare != agent:
