@@ -20,12 +20,27 @@ struct user_call {
 	zend_llist_element *component;   /* opened for it, or null */
 	unsigned component_generation;
 	int level_before;
+	bool is_closure;                 /* may be freed before its caller goes on, and its name with it */
+	bool is_awaited;                 /* there is something to do afterwards, however quick it is */
 	uint64 start;
 };
 
-/* The engine's own name for all closures, in memory that outlives the call. Whoever bears it may be freed before its caller
- * goes on. */
+/* What most closures are called, in memory that outlives the call. */
 static const char CLOSURE_NAME[] = "{closure}";
+
+/* The name of a closure that outlives it: closures of a namespace bear that too, those made of functions and methods the
+ * name of these. */
+static zend_never_inline const char *keep_closure_name(const char *name)
+{
+	return strcmp(name, CLOSURE_NAME) == 0 ? CLOSURE_NAME : estrdup(name);
+}
+
+static inline void drop_closure_name(const user_call *call)
+{
+	if (call->is_closure && call->func != CLOSURE_NAME) {
+		efree((char *)call->func);
+	}
+}
 
 /* Name of code that runs without being called, by the caller's include-or-eval operation; null for none. */
 static const char *kind_word(zend_execute_data *caller)
@@ -67,7 +82,8 @@ static inline bool identify_user_call(user_call *call, zend_execute_data *caller
 	}
 	call->scope = class_of_call(function, caller->object TSRMLS_CC);
 	if (UNEXPECTED(function->common.fn_flags & ZEND_ACC_CLOSURE)) {
-		call->func = CLOSURE_NAME;
+		call->is_closure = true;
+		call->func = keep_closure_name(call->func);
 	}
 	return true;
 }
@@ -170,8 +186,7 @@ static inline int is_watched_after(const zend_zqprof_globals *g, const user_call
 	return g->performance_function_hash->nNumOfElements && is_watched(g, call);
 }
 
-/* 1: there is something to do after the call, however quick it is. */
-static zend_never_inline int before_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
+static zend_never_inline void before_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
 {
 	zq_stack_data stack;
 	zq_user_func_data user_data = {};
@@ -184,7 +199,7 @@ static zend_never_inline int before_user_call(user_call *call, zend_execute_data
 	call->component = user_data.llist_comp_ele;
 	call->component_generation = user_data.component_generation;
 	free_full_name(&user_data, &stack);
-	return call->component || ZQG(profile_end_time);
+	call->is_awaited = call->component || ZQG(profile_end_time);
 }
 
 /* While a closure's or trampoline's caller is looked at after the call, its callee may be freed memory: whoever walks
@@ -225,8 +240,8 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	if (caller->op_array) {
 		EG(active_symbol_table) = caller->symbol_table;
 	}
-	if (call->func == CLOSURE_NAME) {
-		put_stub(&stub, caller, call->func, NULL);
+	if (call->is_closure) {
+		put_stub(&stub, caller, call->func, call->scope);
 	}
 	describe_call(&stack, call, caller);
 	if (ZQG(profile_end_time) || is_watched_after(zq_globals(TSRMLS_C), call)) {
@@ -236,7 +251,7 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	user_data.component_generation = call->component_generation;
 	zq_after_function_call(&stack, &user_data, call->start TSRMLS_CC);
 	free_full_name(&user_data, &stack);
-	if (call->func == CLOSURE_NAME) {
+	if (call->is_closure) {
 		remove_stub(&stub, caller);
 	}
 	EG(opline_ptr) = opline_ptr;
@@ -253,7 +268,7 @@ static zend_never_inline void intercept_user_call(zend_execute_data *execute_dat
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	user_call call;
-	int is_awaited = 0;
+	call.is_closure = call.is_awaited = false;
 	if (!identify_user_call(&call, caller TSRMLS_CC)) {
 		_zend_execute_ex(execute_data TSRMLS_CC);
 		return;
@@ -262,13 +277,14 @@ static zend_never_inline void intercept_user_call(zend_execute_data *execute_dat
 	call.component = NULL;
 	call.return_slot = EG(return_value_ptr_ptr);
 	if (UNEXPECTED(g->tracer_level == 1 || g->profile_end_time) || is_watched(g, &call)) {
-		is_awaited = before_user_call(&call, caller TSRMLS_CC);
+		before_user_call(&call, caller TSRMLS_CC);
 	}
 	call.start = zq_clock_us(&g->clock);
 	_zend_execute_ex(execute_data TSRMLS_CC);
-	if (g->hook_enabled && (UNEXPECTED(is_awaited) || UNEXPECTED(took_long(g, call.start)) || is_watched_after(g, &call))) {
+	if (g->hook_enabled && (UNEXPECTED(call.is_awaited) || UNEXPECTED(took_long(g, call.start)) || is_watched_after(g, &call))) {
 		after_user_call(&call, caller TSRMLS_CC);
 	}
+	drop_closure_name(&call);
 	g->tracer_level = call.level_before;
 }
 

@@ -18,6 +18,7 @@ def test_scripts_run_as_without_the_agent(site, name):
 @pytest.mark.parametrize("name, components, traced", [
     ("magic", "M/__call M/__callStatic", "M::foo M::__call M::bar M::__callStatic M::cuf ::call_user_func"),
     ("closures", "NULL/{closure} I/__invoke", "::{closure} Closure::__invoke I::__invoke"),
+    ("named_closures", r"NULL/Shop\\{closure} Shop\\C/pay", r"::Shop\{closure} Shop\C::pay ::call_user_func"),
     ("generators", "NULL/f", "::f"),                       # a generator's time is its consumer's
     ("exception", "NULL/a", "::a ::b ::c"),
     ("after_exit", "NULL/down NULL/out", "::down ::out"),  # everything begins anew; what the exit left is not counted
