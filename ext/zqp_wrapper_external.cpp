@@ -117,7 +117,7 @@ int record_transfer(zq_stack_data *stack_data, zval *handle, const char *url, ui
 	}
 	zval error;
 	ask_curl("curl_error", handle, NULL, &error TSRMLS_CC);
-	const char *text = Z_TYPE(error) == IS_STRING && Z_STRLEN(error) ? Z_STRVAL(error) : NULL;
+	const char *text = Z_TYPE(error) == IS_STRING ? Z_STRVAL(error) : ""; /* a failure also when curl has no words for it */
 	int recorded = EXTERNAL_SERVICE(stack_data, url, answer, 0, text, btsc, ctsc TSRMLS_CC);
 	zq_release_result(&error TSRMLS_CC);
 	return recorded;

@@ -40,9 +40,19 @@ void identify_curl_handle(zval *handle TSRMLS_DC)
 	}
 }
 
+/* Names may be given from the global namespace on: with a leading backslash, which no table has. */
+void drop_leading_backslash(const char **name, int *len)
+{
+	if (**name == '\\') {
+		++*name;
+		--*len;
+	}
+}
+
 zend_class_entry *loaded_class(const char *name, int len TSRMLS_DC)
 {
 	zend_class_entry **found = NULL;
+	drop_leading_backslash(&name, &len);
 	char *lower = zend_str_tolower_dup(name, (uint)len);
 	zend_hash_find(EG(class_table), lower, (uint)len + 1, (void **)&found);
 	efree(lower);
@@ -52,6 +62,7 @@ zend_class_entry *loaded_class(const char *name, int len TSRMLS_DC)
 zend_function *declared_in(HashTable *functions, const char *name, int len)
 {
 	zend_function *found = NULL;
+	drop_leading_backslash(&name, &len);
 	char *lower = zend_str_tolower_dup(name, (uint)len);
 	zend_hash_find(functions, lower, (uint)len + 1, (void **)&found);
 	efree(lower);
@@ -100,11 +111,14 @@ long option_of(zq_stack_data *stack_data) { return get_argument_long(stack_data-
 
 } // namespace
 
+/* The id may be a caller's: a line end in it would start a header of that caller's making. */
 void zq_append_identity(smart_str *dest TSRMLS_DC)
 {
+	size_t start = dest->len;
 	zq_append_text(dest, ZQG(vantor_id_secret));
 	zq_append_text(dest, ";c=1;x=");
 	zq_append_text(dest, ZQG(transaction_id));
+	zq_str_replace_ln(zq_buffer_text(dest) + start);
 }
 
 zval *zq_identity_header(TSRMLS_D)
@@ -121,7 +135,8 @@ zval *zq_identity_header(TSRMLS_D)
 
 int zq_is_identity_header(const zval *header)
 {
-	return Z_TYPE_P(header) == IS_STRING && strncmp(Z_STRVAL_P(header), IDENTITY_HEADER, sizeof IDENTITY_HEADER - 1) == 0;
+	return Z_TYPE_P(header) == IS_STRING && strncmp(Z_STRVAL_P(header), IDENTITY_HEADER, sizeof IDENTITY_HEADER - 1) == 0 &&
+	       !strpbrk(Z_STRVAL_P(header), "\r\n"); /* a script that forwards an id ends its line, and may go on */
 }
 
 void curl_header_handler(const char *header, size_t len TSRMLS_DC)

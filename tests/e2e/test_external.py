@@ -121,6 +121,11 @@ def test_failed_transfer_is_reported_with_its_stack(call, code, expected):
         assert error["name"] == metric.calls[0].name and error["query"] in ("", "?x=1")
 
 
+def test_failed_transfer_without_a_text_is_a_failure(call):
+    error, = call("curl_exec(curl_init('http://127.0.0.1:1/'));", ini={"disable_functions": "curl_error"})[0].metric.call_errors
+    assert (error["code"], error["status"], error["message"]) == (1000, "", "")
+
+
 @pytest.mark.parametrize("code, expected", cases("external/named.php"))
 def test_which_calls_count_and_under_which_name(call, code, expected):
     result, mine, _ = call(code, delay_ms=0)
@@ -188,6 +193,12 @@ def test_hostile_answer_headers(call, case, client):
         metric = call(CODE[client], answer)[0].metric
         assert metric.calls[0].callee_id == callee_id
         assert ("txData" in traced_call(metric)[7]) == traced
+
+
+@pytest.mark.parametrize("client", ["curl", "file_get_contents", "SoapClient", "nusoap"])
+def test_an_id_from_outside_starts_no_header(call, client):
+    _, (request,), _ = call(CODE[client], SOAP_ANSWER, env={"HTTP_X_VANTOR_ID": "12|9;c=1;x=a\r\nX-Evil: 1"}, differs=("headers",))
+    assert b"\r\nX-Vantor-Id: 12|34;c=1;x=a  X-Evil: 1\r\n" in request
 
 
 def test_a_url_with_quotes_stays_inside_its_strings(call):

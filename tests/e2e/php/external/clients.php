@@ -65,6 +65,11 @@ $c = curl_init('$URL');
 curl_setopt($c, CURLOPT_HEADERFUNCTION, 'base::seen_BY_class');
 transfer($c);
 
+# --- curl, header callback by its full name => curl_exec, identified, answered
+$c = curl_init('$URL');
+curl_setopt($c, CURLOPT_HEADERFUNCTION, '\\seen');
+transfer($c);
+
 # --- curl, closure as header callback => curl_exec, identified
 $c = curl_init('$URL');
 curl_setopt($c, CURLOPT_HEADERFUNCTION, function ($c, $line) { echo $line; return strlen($line); });
@@ -116,6 +121,11 @@ options($x);
 
 # --- file_get_contents, a context with headers => file_get_contents, answered
 $x = stream_context_create(array('http' => array('header' => 'A: 1')));
+var_dump(file_get_contents('$URL', false, $x));
+options($x);
+
+# --- file_get_contents, a context that forwards an id => file_get_contents, answered
+$x = stream_context_create(array('http' => array('header' => "X-Vantor-Id: 9\r\nA: 1")));
 var_dump(file_get_contents('$URL', false, $x));
 options($x);
 
