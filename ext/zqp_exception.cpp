@@ -226,21 +226,36 @@ void zq_http_error(int status_code, const char *msg TSRMLS_DC)
 	ZQG(error) = error_element_alloc(msg ? msg : status, "HTTP_ERROR", zq_code_stack_text(TSRMLS_C));
 }
 
+/* Driver message and statement, in process memory; null when there is none left. */
+static char *describe_failed_statement(const char *msg, const char *sql)
+{
+	size_t msg_len = strlen(msg), size = msg_len + (sql ? strlen(sql) : 0) + 32;
+	char *text = (char *)malloc(size);
+	if (text && sql) {
+		snprintf(text, size, "%s. sql=[%s]", msg, sql);
+		zq_obfuscate_sql(text + msg_len); /* no values leave the process */
+	} else if (text) {
+		memcpy(text, msg, msg_len + 1);
+	}
+	return text;
+}
+
+/* Until the request ends the record is kept outside the script's memory limit: a failed statement may be as long as all that
+ * the script has left. */
 void zq_db_error(const char *msg, const char *sql TSRMLS_DC)
 {
-	const char *driver_msg = msg ? msg : "";
 	char *stack = zq_code_stack_text(TSRMLS_C);
-	error_element *error;
-	if (sql) {
-		size_t size = strlen(driver_msg) + strlen(sql) + 32;
-		char *text = (char *)emalloc(size);
-		snprintf(text, size, "%s. sql=[%s]", driver_msg, sql);
-		zq_obfuscate_sql(text + strlen(driver_msg)); /* no values leave the process */
-		error = error_element_alloc(text, "DB_ERROR", stack);
-		efree(text);
-	} else {
-		error = error_element_alloc(driver_msg, "DB_ERROR", stack);
+	sigset_t timers;
+	zq_hold_timers(&timers);
+	error_element *element = (error_element *)calloc(1, sizeof(error_element));
+	if (element) {
+		element->persistent = true;
+		element->msg = describe_failed_statement(msg ? msg : "", sql);
+		element->cls = strdup("DB_ERROR");
+		element->stack = strdup(stack);
+		error_element_dtor(ZQG(error));
+		ZQG(error) = element;
 	}
-	error_element_dtor(ZQG(error));
-	ZQG(error) = error;
+	zq_allow_timers(&timers);
+	efree(stack);
 }

@@ -236,7 +236,7 @@ static void trace_statement(zq_stack_data *call, uint64 begin, uint64 end, sql_e
 	}
 }
 
-int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	int elapsed_ms = (int)((end - begin) / 1000);
@@ -247,9 +247,11 @@ int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint
 	const char *statement = api->statement(call, &built TSRMLS_CC);
 	sql_element *record = NULL;
 	int has_stack = wants_stack(g, elapsed_ms), has_plan = wants_plan(g, api, elapsed_ms);
+	int is_traced = g->action_tracer_enabled && end - begin > g->tracer_threshold_tick;
 	if (statement && !is_recorded_full(g TSRMLS_CC)) {
 		const char *vendor = api->vendor ? api->vendor : g->pdo_db;
-		record = zq_keep_statement(g->sqls, vendor, statement, elapsed_ms, !has_stack && !has_plan);
+		record = zq_keep_statement(g->sqls, vendor, statement, elapsed_ms,
+		                           !has_stack && !has_plan && !is_traced /* the trace takes a name from each, then obfuscates it */);
 	}
 	if (statement || api->fails_without_statement) {
 		report_failure(api, call, statement TSRMLS_CC);
@@ -267,10 +269,18 @@ int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint
 		return 0;
 	}
 	count_bytes(g, record);
-	if (g->action_tracer_enabled && end - begin > g->tracer_threshold_tick) {
+	if (is_traced) {
 		trace_statement(call, begin, end, record TSRMLS_CC);
 	}
 	return g->action_tracer_enabled != 0;
+}
+
+int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+{
+	zq_lift_memory_limit(TSRMLS_C); /* a failed statement is copied whole, and drivers quote it */
+	int taken = record_statement(api, call, begin, end TSRMLS_CC);
+	zq_restore_memory_limit(TSRMLS_C);
+	return taken;
 }
 
 /* ---- prepared statements ---- */
@@ -303,7 +313,9 @@ int performance_mysqli_prepare_method(zq_stack_data *call, uint64, uint64 TSRMLS
 {
 	const char *statement = get_argument_char(call->execute_data, 0);
 	remember(statement TSRMLS_CC);
+	zq_lift_memory_limit(TSRMLS_C);
 	report_failure(&sql_mysqli_method, call, statement TSRMLS_CC);
+	zq_restore_memory_limit(TSRMLS_C);
 	return 0;
 }
 

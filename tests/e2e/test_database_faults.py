@@ -55,6 +55,12 @@ def test_links_of_the_wrong_type(page):
     assert page(program("wrong_links.php")).metric.error is None
 
 
+def test_a_long_statement_that_fails_takes_nothing_of_the_memory_limit(page):
+    code = "$sql = str_repeat('x', 6 << 20); $db = new PDO('sqlite::memory:'); $db->query($sql); str_repeat('y', 40 << 20); echo 'end';"
+    result = page(code, ini={"memory_limit": "64M"})
+    assert result.body == b"end" and len(result.metric.error["message"]) > 2 * (6 << 20)
+
+
 @pytest.mark.parametrize("link", ["pdo_sqlite", "pdo_mysql", "pdo_pg"])
 def test_exception_inside_a_transaction(page, link):
     code = program("transaction.php")

@@ -6,6 +6,7 @@
 
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
+#include "zqp_wrapper_database.h"
 
 class Trace : public EngineTest {
 protected:
@@ -99,6 +100,20 @@ TEST_F(Trace, KeepsWhatACalleeAnsweredOnlyWhenItIsAnObject)
 		EXPECT_EQ(json(), R"([0,120,"","",1,"PHP","execute",{},[[-2,9,"External/http:%2F%2Fh%2Fp/curl_exec","",1,"","f",{"txId":"a\"b")" +
 		                  (kept ? ",\"txData\":" + data : "") + "},[]]]]");
 	}
+}
+
+TEST_F(Trace, NamesEachOfTwoEqualStatementsByItsTextAsRun)
+{
+	zq_stack_data call = {};
+	call.func = const_cast<char *>("f");
+	ZQG(action_tracer_enabled) = 1;
+	ZQG(action_tracer_record_sql) = 2;
+	ZQG(prepared_sql) = estrdup("SELECT 7 FROM t1");
+	for (uint64 start : {10, 40}) {
+		zq_record_sql(&sql_mysql_prepared, &call, request_start + start * 1000, request_start + start * 1000 + 30000 TSRMLS_CC);
+	}
+	const std::string node = R"re(,"Database MySQL/t1/SELECT","",1,"","f",{"sql":"SELECT ? FROM t?"},[]])re";
+	EXPECT_EQ(json(), R"([0,120,"","",1,"PHP","execute",{},[[10,40)" + node + ",[40,70" + node + "]]");
 }
 
 TEST_F(Trace, WritesAValidExternalNameAsItIsAndEscapesAnyOther)
