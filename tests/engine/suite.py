@@ -154,6 +154,14 @@ def excuses(stack):
     return found
 
 
+def keep(build, sapi, mode, outcomes):
+    """The outcome of every test, in a file to look into."""
+    folder = os.path.join(build, "engine-suite")
+    os.makedirs(folder, exist_ok=True)
+    with open(os.path.join(folder, f"{sapi}-{mode}.txt"), "w") as handle:
+        handle.writelines(f"{outcome:5} {test}\n" for test, (outcome, _) in sorted(outcomes.items()))
+
+
 def row(sapi, mode, done, notes=""):
     counts = collections.Counter(outcome for outcome, _ in done.outcomes.values())
     other = sum(count for outcome, count in counts.items() if outcome not in ("PASS", "FAIL", "XFAIL", "SKIP"))
@@ -198,11 +206,13 @@ def run_all(suite, options, tests):
         if not modes:
             continue
         bare = suite.run(sapi, MODES["bare"], tests)
+        keep(suite.build, sapi, "bare", bare.outcomes)
         row(sapi, "bare", bare)
         for mode in modes:
             if mode == "bare":
                 continue
             done = suite.run(sapi, MODES[mode], tests)
+            keep(suite.build, sapi, mode, done.outcomes)
             well = judged(suite, sapi, MODES[mode], bare, done, excuses(options.stack)) and well
     return well
 
