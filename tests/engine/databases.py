@@ -7,7 +7,7 @@ import phpt
 
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 sys.path[:0] = [os.path.join(TOP, "tests", name) for name in ("harness", "doubles")]
-from servers import MariaDb, PostgreSql                # noqa: E402
+from servers import MariaDb, PostgreSql, die_with_parent  # noqa: E402, F401
 
 MYSQL_ACCOUNT = """FLUSH PRIVILEGES;
 CREATE DATABASE test;

@@ -32,16 +32,21 @@ def read(path):
     return list(zip(parts[1::2], parts[2::2]))
 
 
+def starts_engine(sections):
+    """A child would inherit the variables of its parent's request, and php-cgi run that script again, without end."""
+    return any(b"PHP_BINARY" in body for _, body in sections)
+
+
 def uses_cgi(sections):
     """The runner takes php-cgi for tests that describe a request."""
     return any(name in REQUEST and body.partition(b"\n")[2] for name, body in sections)
 
 
 def adapt(path, uri, everything_through_cgi):
-    """Gives a test an empty request, if it is to have one, and every test with a request a URI, without which the agent
-    leaves it alone."""
+    """Gives a test an empty request, if it is to have one and can, and every test with a request a URI, without which the
+    agent leaves it alone."""
     sections = read(path)
-    if everything_through_cgi and not uses_cgi(sections):
+    if everything_through_cgi and not uses_cgi(sections) and not starts_engine(sections):
         at = next((i for i, (name, _) in enumerate(sections) if name in BODY), len(sections))
         sections.insert(at, (b"GET", b"\n\n"))
     if not uses_cgi(sections):

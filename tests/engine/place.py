@@ -8,6 +8,7 @@ import shutil
 import subprocess
 
 import phpt
+from databases import die_with_parent
 
 NAMESPACES = ["unshare", "--net", "--mount", "--ipc", "--pid", "--fork", "--kill-child", "--mount-proc"]
 SETUP = """
@@ -79,7 +80,12 @@ class Place:
                      "TEST_PHP_CGI_EXECUTABLE": self.inside("engine/bin/php-cgi"), **environment}
         self.log = open(os.path.join(self.folder, "log.txt"), "w+", encoding="latin-1", newline="")
         self.process = subprocess.Popen(command, cwd=self.src, env=variables, stdin=subprocess.DEVNULL, stdout=self.log,
-                                        stderr=subprocess.STDOUT)
+                                        stderr=subprocess.STDOUT, preexec_fn=die_with_parent)
+
+    def stop(self):
+        """Ends what is still running, and with it all that its tests have started."""
+        self.process.kill()
+        self.process.wait()
 
     def outcomes(self):
         """{test: (outcome, digest of the output if the test failed)}, once the runner has ended. Tests of PDO that a driver's

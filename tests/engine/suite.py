@@ -10,6 +10,7 @@ import collections
 import os
 import resource
 import shutil
+import signal
 import sys
 import tempfile
 import time
@@ -62,10 +63,15 @@ class Suite:
         self.passes += 1
         started = time.monotonic()
         folder = os.path.join(self.work, str(self.passes))
+        runners = []
         with databases.running(tests) as servers:
-            runners = [Runner(self, os.path.join(folder, str(n)), sapi, mode, share, servers)
-                       for n, share in enumerate(split(tests, shards or self.shards))]
-            ends = [runner.end() for runner in runners]
+            try:
+                for number, share in enumerate(split(tests, shards or self.shards)):
+                    runners.append(Runner(self, os.path.join(folder, str(number)), sapi, mode, share, servers))
+                ends = [runner.end() for runner in runners]
+            finally:
+                for runner in runners:
+                    runner.place.stop()
         if not os.environ.get("SUITE_KEEP"):
             shutil.rmtree(folder, ignore_errors=True)
         outcomes = {test: outcome for end in ends for test, outcome in end.outcomes.items()}
@@ -238,6 +244,7 @@ def limit_stack(text):
 
 def main():
     options = arguments()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("ended"))         # what was started ends with us, /tmp is left clean
     limit_stack(options.stack)
     if options.list:
         with open(options.list) as handle:
