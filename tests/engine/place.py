@@ -25,7 +25,7 @@ mount --rbind "$place" /tmp
 cd /tmp/src
 "$@"
 """
-NEIGHBOURS = ["tests", "Zend/tests", "sapi/cli/tests", phpt.PDO]         # files that tests of other folders include
+NEIGHBOURS = ["tests/quicktester.inc", "sapi/cli/tests", phpt.PDO]         # what tests of other folders include
 PROGRESS = re.compile(r"REDIRECT .*?\[([^\]\n]+)\]\) (begin|done)\n|"
                       r"TEST \d+/\d+ \[([^\]\n]+\.phpt)\]\r(?:[^\r]*?\b)?(PASS|FAIL|XFAIL|SKIP|BORK|WARN|LEAK)\b")
 RAN = {"PASS", "FAIL", "XFAIL", "WARN", "LEAK"}
