@@ -35,8 +35,10 @@ static HashTable *request_array(int track TSRMLS_DC)
 static zval *request_value(int track, const char *name TSRMLS_DC)
 {
 	HashTable *values = request_array(track TSRMLS_CC);
-	if (track != TRACK_VARS_SERVER) {
-		return FIND_HASH_ZVALUE(values, name, (uint)strlen(name) + 1);
+	if (track != TRACK_VARS_SERVER) { /* visitors' arrays have "7" as a number */
+		zval **value;
+		int is_there = values && zend_symtable_find(values, name, (uint)strlen(name) + 1, (void **)&value) == SUCCESS;
+		return is_there ? *value : NULL;
 	}
 	char *key = get_server_key(name);
 	zval *value = FIND_HASH_ZVALUE(values, key, (uint)strlen(key) + 1);

@@ -37,9 +37,9 @@ RULES = [
 REQUESTS = [     # method, URI, user agent
     ("POST", "/user/login/now?act=in", None), ("GET", "/user/login/now?act=in", None), ("GET", "/item/77", None),
     ("GET", "/item/77", None), ("GET", "/item/x77/4711", None), ("GET", "/", None), ("GET", "/a/b", "Droid \"9\""),
-    ("GET", "/list.php?page=3&sort=a%2Fb%22&tag[]=x&page=12", None), ("HEAD", "/LIST.PHP/7", "Lynx"), ("GET", "/list.php?", None),
+    ("GET", "/list.php?page=3&sort=a%2Fb%22&tag[]=x&page=12&7=y", None), ("HEAD", "/LIST.PHP/7", "Lynx"), ("GET", "/list.php?", None),
 ]
-CAPTURED = "/other.php,x|/list.php,page sort tag none,,User-Agent"
+CAPTURED = "/other.php,x|/list.php,page sort tag none 7,,User-Agent"
 SETTINGS = {
     "rules": {"zqs.naming.rules": json.dumps(RULES), "zqs.auto_action_naming": "0"},
     "parameters": {"zqs.auto_action_naming": "0", "zqs.web_action_uri_params_captured": CAPTURED},
