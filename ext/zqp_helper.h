@@ -72,6 +72,13 @@ void register_transaction_callback(TSRMLS_D);
 /* What the agent builds must not be what trips it. A bailout in between is no harm: the engine puts the limit back. */
 static inline void zq_lift_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)-1); }
 static inline void zq_restore_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)PG(memory_limit)); }
+/* Bytes that one of an action's lists may take: 32 MiB, twice what a packet can hold, but never more than a quarter of what the
+ * script may use. */
+static inline size_t zq_most_recorded_bytes(TSRMLS_D)
+{
+	const size_t most = 32u << 20;
+	return PG(memory_limit) > 0 && (size_t)PG(memory_limit) / 4 < most ? (size_t)PG(memory_limit) / 4 : most;
+}
 
 /* ---- growing buffers (header only) ------------------------------------------------------------------------------- */
 /* The engine's smart_str, whose macros do not compile as C++. `c` is null until something was appended. Growth is by

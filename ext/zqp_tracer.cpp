@@ -3,7 +3,7 @@
 #include "zqp_debug.h"
 
 /* Each call kept costs some 200 bytes of the script's own memory limit. */
-static const size_t MAX_TRACED_CALLS = 100000;
+static const size_t MAX_TRACED_CALLS = 100000, TRACED_CALL_BYTES = 256;
 
 sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric)
 {
@@ -124,7 +124,8 @@ int zq_trace_is_full(TSRMLS_D)
 	if (!ZQG(tracer)) {
 		return 1;
 	}
-	if (EXPECTED(ZQG(tracer)->count < MAX_TRACED_CALLS)) {
+	size_t count = ZQG(tracer)->count;
+	if (EXPECTED(count < MAX_TRACED_CALLS && count * TRACED_CALL_BYTES < zq_most_recorded_bytes(TSRMLS_C))) {
 		return 0;
 	}
 	zq_note_recorded_limit("traced calls" TSRMLS_CC);

@@ -55,7 +55,8 @@ void tracer_element_dtor(void *ele); /* frees filename; not data, not the block 
 int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **s TSRMLS_DC);
 /* Logs once per action, at DEBUG, that `what` (plural) has reached its bound. */
 void zq_note_recorded_limit(const char *what TSRMLS_DC);
-/* 1 when nothing more may be added to `tracer`: no list, or 100,000 elements (noted in the log once). */
+/* 1 when nothing more may be added to `tracer`: no list, or 100,000 elements, or as
+ * many as take a quarter of the script's memory limit (noted in the log once). */
 int zq_trace_is_full(TSRMLS_D);
 /* Appends the element unless the trace is full; adopts its block in either case. */
 void zq_trace_append(tracer_element *element TSRMLS_DC);

@@ -7,8 +7,6 @@
 #include "zqp_json.h"
 #include "zqp_tracer.h"
 
-/* A worker may run queries for hours: beyond this an action keeps only sums. */
-static const size_t MAX_RECORDED_BYTES = 32 << 20;
 /* What a record takes besides its texts: list node, the heap's own words. */
 static const size_t RECORD_BYTES = 80;
 
@@ -192,12 +190,13 @@ static void report_failure(const zq_sql_api *api, zq_stack_data *call, const cha
 	}
 }
 
+/* A worker may run queries for hours: beyond a bound an action keeps only sums. */
 static int is_recorded_full(const zend_zqprof_globals *g TSRMLS_DC)
 {
 	if (!g->sqls) {
 		return 1;
 	}
-	if (g->recorded_sql_bytes < MAX_RECORDED_BYTES) {
+	if (g->recorded_sql_bytes < zq_most_recorded_bytes(TSRMLS_C)) {
 		return 0;
 	}
 	zq_note_recorded_limit("statements" TSRMLS_CC);

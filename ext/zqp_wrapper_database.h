@@ -36,8 +36,8 @@ typedef struct zq_sql_api {
 } zq_sql_api;
 
 /* Records one call with its times in us: duration, statement, failure, and at their thresholds stack, plan and trace
- * element. 1: the default trace element is not wanted; 0: it is, when the call was slow. Beyond 32 MiB of recorded
- * statements only durations and failures are kept. */
+ * element. 1: the default trace element is not wanted; 0: it is, when the call was slow. Beyond zq_most_recorded_bytes()
+ * of statements only durations and failures are kept. */
 int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
 
 /* The recorder for one row. */

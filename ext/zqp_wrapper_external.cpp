@@ -11,8 +11,6 @@
 
 namespace {
 
-/* Twice what a packet can hold. */
-constexpr size_t MAX_RECORDED_BYTES = 32u << 20;
 /* Every URL needs a host; one curl_multi_exec serves many. */
 constexpr char MANY_HOSTS[] = "http://unknown-host";
 
@@ -79,7 +77,7 @@ webservice_element *append_call(webservice_element *element TSRMLS_DC)
 
 bool is_list_full(TSRMLS_D)
 {
-	if (ZQG(recorded_webservice_bytes) < MAX_RECORDED_BYTES) {
+	if (ZQG(recorded_webservice_bytes) < zq_most_recorded_bytes(TSRMLS_C)) {
 		return false;
 	}
 	zq_note_recorded_limit("outgoing calls" TSRMLS_CC);

@@ -7,7 +7,7 @@
 /* Records one outgoing call of `stack_data` with its times (us). `url` needs "://", else nothing happens;
  * `transaction_data` is the callee's answer data, `status` an HTTP status or 0, `error_msg` null or a text: all are
  * copied. A failed call keeps the code stack, one slower than the trace threshold enters the trace. Once the list holds
- * 32 MiB of text only the total time of the calls grows. 1 when the call was recorded, else 0. */
+ * zq_most_recorded_bytes() of text only the total time of the calls grows. 1 when the call was recorded, else 0. */
 int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *transaction_data, int status,
                      const char *error_msg, uint64 btsc, uint64 ctsc TSRMLS_DC);
 

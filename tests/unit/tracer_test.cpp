@@ -145,3 +145,12 @@ TEST_F(Trace, KeepsABoundedNumberOfCallsWithoutStackAndInLinearTime)
 	}
 	EXPECT_LT((clock() - begin) / CLOCKS_PER_SEC, 8); /* walking along the siblings would take a minute */
 }
+
+TEST_F(Trace, TakesAQuarterOfTheMemoryLimitAtMost)
+{
+	run("ini_set('memory_limit', 32 << 20);");
+	for (uint64 i = 0; i < 40000; i++) {
+		add("f", i, i + 1);
+	}
+	EXPECT_EQ(zend_llist_count(ZQG(tracer)), 32768u);
+}
