@@ -150,17 +150,19 @@ int zq_daemon_socket(int connect_now TSRMLS_DC)
 	return g->daemon_sock;
 }
 
-/* Waits until the socket takes more, no longer than until `deadline`; false when that has passed. */
+/* Waits until the socket takes more, no longer than for one time-out and until `deadline`; false when that has passed. */
 static bool wait_for_room(int sock, uint64 deadline)
 {
 	uint64 now = cycle_timer();
+	uint64 wait_us = now + daemon_timeout_us < deadline ? daemon_timeout_us : deadline - now;
 	struct pollfd room = {sock, POLLOUT, 0};
-	return now < deadline && poll(&room, 1, (int)((deadline - now + 999) / 1000)) != 0;
+	return now < deadline && poll(&room, 1, (int)((wait_us + 999) / 1000)) != 0;
 }
 
 /* The time limit must not leave in the middle of an exchange: the stream would be out of step afterwards. The socket's
  * own time-out would begin anew with every bit that a slow reader takes: the packet as a whole has that time, and as much
- * again for each MiB, since a busy machine may let a daemon wait more than once for its turn. */
+ * again for each MiB, since a busy machine may let a daemon wait more than once for its turn. A daemon that takes nothing
+ * has one time-out. */
 ssize_t zq_daemon_send(int sock, const char *data, size_t len)
 {
 	sigset_t saved_mask;

@@ -124,7 +124,7 @@ def test_a_daemon_that_accepts_nobody_costs_one_time_out_per_connect(site):
 def test_a_daemon_that_does_not_read_costs_one_time_out(site):
     site.daemon.after_answer = "ignore"
     site.daemon.configure(PARAMS)
-    form = "&".join(f"p{i}=" + "x" * 4000 for i in range(200)).encode()
+    form = "&".join(f"p{i}=" + "x" * 4000 for i in range(600)).encode()
     within(site.cgi('echo count($_POST);', method="POST", body=form, ini={"max_input_vars": "1000"}), 1)
     assert "send metric data fail" in site.log()
 
