@@ -103,6 +103,7 @@ struct zend_zqprof_globals {
 	size_t recorded_sql_bytes;     /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
 	size_t recorded_webservice_bytes;
 	int unlisted_webservice_ms;    /* of outgoing calls beyond that bound */
+	HashTable *own_curl_callbacks; /* curl handles that have ours and nothing of the script's, by resource id; request; may be null */
 	int recorded_limit_logged;
 	zq_clock clock;
 	uint64 watch_filter[16];       /* names in the two hook tables, as bits: one that is not set needs no lookup */

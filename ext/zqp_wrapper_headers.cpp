@@ -7,7 +7,10 @@ constexpr char IDENTITY_HEADER[] = "X-Vantor-Id: ";
 constexpr char HEADER_CALLBACK[] = "zqprof_curl_header";
 
 /* curl's numbers, so that the agent need not be linked with it. */
-enum { CURLOPT_HTTPHEADER = 10023, CURLOPT_HEADERFUNCTION = 20079 };
+enum { CURLOPT_HTTPHEADER = 10023, CURLOPT_WRITEHEADER = 10029, CURLOPT_HEADERFUNCTION = 20079 };
+
+/* What a worker's endless action may keep. */
+enum { MAX_KNOWN_HANDLES = 10000 };
 
 /* curl_setopt(handle, option, value), unseen by the script; gives `value` away. */
 void set_curl_option(zval *handle, long option, zval *value TSRMLS_DC)
@@ -20,6 +23,27 @@ void set_curl_option(zval *handle, long option, zval *value TSRMLS_DC)
 	zq_release_result(&result TSRMLS_CC);
 	zval_ptr_dtor(&value);
 	zval_ptr_dtor(&number);
+}
+
+void note_own_callback(const zval *handle TSRMLS_DC)
+{
+	HashTable *handles = ZQG(own_curl_callbacks);
+	if (!handles) {
+		handles = ZQG(own_curl_callbacks) = (HashTable *)emalloc(sizeof(HashTable));
+		zend_hash_init(handles, 8, NULL, NULL, 0);
+	}
+	if (zend_hash_num_elements(handles) >= MAX_KNOWN_HANDLES) {
+		zend_hash_clean(handles);
+	}
+	char is_there = 1;
+	zend_hash_index_update(handles, (ulong)Z_LVAL_P(handle), &is_there, sizeof is_there, NULL);
+}
+
+/* 1 when the handle had our callback alone until now. */
+int forget_own_callback(const zval *handle TSRMLS_DC)
+{
+	HashTable *handles = ZQG(own_curl_callbacks);
+	return handles && handle && Z_TYPE_P(handle) == IS_RESOURCE && zend_hash_index_del(handles, (ulong)Z_LVAL_P(handle)) == SUCCESS;
 }
 
 void identify_curl_handle(zval *handle TSRMLS_DC)
@@ -37,6 +61,7 @@ void identify_curl_handle(zval *handle TSRMLS_DC)
 		MAKE_STD_ZVAL(callback);
 		ZVAL_STRING(callback, HEADER_CALLBACK, 1);
 		set_curl_option(handle, CURLOPT_HEADERFUNCTION, callback TSRMLS_CC);
+		note_own_callback(handle TSRMLS_CC);
 	}
 }
 
@@ -162,7 +187,11 @@ int wrapper_curl_header_handler(zend_execute_data *execute_data, char * TSRMLS_D
 
 void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC)
 {
-	if (option_of(stack_data) != CURLOPT_HEADERFUNCTION) {
+	long option = option_of(stack_data);
+	if (!option || option == CURLOPT_HEADERFUNCTION || option == CURLOPT_WRITEHEADER) { /* 0: curl makes a number of it */
+		forget_own_callback(get_argument_zval(stack_data->execute_data, 0) TSRMLS_CC);
+	}
+	if (option != CURLOPT_HEADERFUNCTION || ZQG(webservice_should_ignored)) {
 		return;
 	}
 	char *name = full_name_of_callback(stack_data->execute_data, 2 TSRMLS_CC);
@@ -171,6 +200,27 @@ void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC)
 	}
 	if (name) {
 		efree(name);
+	}
+}
+
+void wrapper_curl_setopt_array(zq_stack_data *stack_data TSRMLS_DC)
+{
+	const zval *options = get_argument_zval(stack_data->execute_data, 1);
+	if (options && Z_TYPE_P(options) == IS_ARRAY && (zend_hash_index_exists(Z_ARRVAL_P(options), CURLOPT_HEADERFUNCTION) ||
+	                                                 zend_hash_index_exists(Z_ARRVAL_P(options), CURLOPT_WRITEHEADER))) {
+		forget_own_callback(get_argument_zval(stack_data->execute_data, 0) TSRMLS_CC);
+	}
+}
+
+/* While an exception of one transfer's callback waits, curl cannot call ours, and would end the other transfers for that.
+ * Answers to transfers in parallel are not told apart anyway. */
+void wrapper_curl_multi_add_handle(zq_stack_data *stack_data TSRMLS_DC)
+{
+	zval *handle = get_argument_zval(stack_data->execute_data, 1);
+	if (forget_own_callback(handle TSRMLS_CC)) {
+		zval *none;
+		ALLOC_INIT_ZVAL(none);
+		set_curl_option(handle, CURLOPT_WRITEHEADER, none TSRMLS_CC);
 	}
 }
 

@@ -21,8 +21,12 @@ int zq_is_identity_header(const zval *header);
 void curl_header_handler(const char *header, size_t len TSRMLS_DC);
 /* Before a script's own header callback: its line goes through curl_header_handler() as well. Asks for no component. */
 int wrapper_curl_header_handler(zend_execute_data *execute_data, char *func TSRMLS_DC);
-/* Before curl_setopt: watches a header callback that is given by name. */
+/* Before curl_setopt: watches a header callback that is given by name, outside of client libraries. */
 void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC);
+/* Before curl_setopt_array: notes that the script sets a header callback or file; the names in it are not watched. */
+void wrapper_curl_setopt_array(zq_stack_data *stack_data TSRMLS_DC);
+/* Before curl_multi_add_handle: takes our header callback off a handle that has none of the script's. */
+void wrapper_curl_multi_add_handle(zq_stack_data *stack_data TSRMLS_DC);
 /* Before curl_exec: forgets data that came with an answer to another call. */
 void wrapper_curl_exec(zq_stack_data *stack_data TSRMLS_DC);
 /* After curl_setopt: adds the identity to a header list that the script has set. 0. */

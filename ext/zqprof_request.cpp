@@ -87,6 +87,7 @@ static void clear_request_fields(zend_zqprof_globals *g)
 	g->components_hash = g->nosql_memcc = g->nosql_redis = g->nosql_mongo = NULL;
 	g->wrapper_function_hash = g->performance_function_hash = NULL;
 	g->transaction_id = g->transaction_curl_response_data = g->transaction_req_id = NULL;
+	g->own_curl_callbacks = NULL;
 	g->in_agent_call = 0;
 	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
 	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
@@ -382,7 +383,7 @@ void zq_empty_containers(TSRMLS_D)
 			zend_llist_clean(list);
 		}
 	}
-	for (HashTable *table : {g->components_hash, g->nosql_memcc, g->nosql_redis, g->nosql_mongo}) {
+	for (HashTable *table : {g->components_hash, g->nosql_memcc, g->nosql_redis, g->nosql_mongo, g->own_curl_callbacks}) {
 		if (table) {
 			zend_hash_clean(table);
 		}
@@ -416,6 +417,7 @@ static void release_request(TSRMLS_D)
 	free_table(&g->performance_function_hash);
 	free_text(&g->transaction_id);
 	free_text(&g->transaction_curl_response_data);
+	free_table(&g->own_curl_callbacks);
 	free_text(&g->transaction_req_id);
 	zq_free_config_copies(TSRMLS_C);
 	free_text(&g->app_name);

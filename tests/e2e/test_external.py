@@ -163,6 +163,7 @@ def test_scripts_that_act_during_a_call(call, code, expected):
     result, mine, _ = call(code)
     identified = len(IDENTITY.findall(b"".join(mine)))
     calls = [f"{name} {callee_id or ''}".rstrip() for name, callee_id in recorded(result)]
+    calls = [name for i, name in enumerate(calls) if "multi" not in name or calls.index(name) == i]
     assert f"{identified} identified: {', '.join(calls)}".rstrip() == expected
 
 

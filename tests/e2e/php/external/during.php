@@ -12,6 +12,31 @@ $c = curl_init('$URL');
 curl_setopt($c, CURLOPT_HEADERFUNCTION, 'seen');
 try { curl_exec($c); } catch (Exception $e) { echo $e; }
 
+# --- one of several transfers throws => 2 identified: curl_multi_exec
+$m = curl_multi_init();
+foreach (array(0, 1) as $i) {
+    $c[$i] = curl_init('$URL');
+    curl_multi_add_handle($m, $c[$i]);
+}
+curl_setopt_array($c[0], array(CURLOPT_WRITEFUNCTION => function () { throw new Exception('thrown'); }));
+curl_setopt($c[1], CURLOPT_RETURNTRANSFER, 1);
+do {
+    try { curl_multi_exec($m, $run); } catch (Exception $e) { echo $e->getMessage(); }
+    usleep(30000);      // both answers wait
+} while ($run);
+var_dump(curl_multi_getcontent($c[1]), curl_error($c[1]));
+
+# --- header callbacks in a set of transfers stay => 2 identified: curl_multi_exec
+$m = curl_multi_init();
+function seen($c, $line) { static $n = 0; echo ++$n; return strlen($line); }
+foreach (array(0, 1) as $i) {
+    $c[$i] = curl_init('$URL');
+    $i ? curl_setopt($c[$i], (string)CURLOPT_HEADERFUNCTION, 'seen') : curl_setopt_array($c[$i], array(CURLOPT_HEADERFUNCTION => 'seen'));
+    curl_setopt($c[$i], CURLOPT_RETURNTRANSFER, 1);
+    curl_multi_add_handle($m, $c[$i]);
+}
+do { curl_multi_exec($m, $run); curl_multi_select($m, 0.001); } while ($run);
+
 # --- script ends inside, goes on at shutdown => 2 identified: file_get_contents 77|8
 $c = curl_init('$URL');
 curl_setopt($c, CURLOPT_WRITEFUNCTION, function () { exit('bye'); });
