@@ -103,9 +103,9 @@ class MariaDb(DatabaseServer):
         self.pdo = f"mysql:unix_socket={self.socket};dbname=shop"
 
     def options(self):
-        return ["--no-defaults", f"--datadir={self.data}", f"--lc-messages-dir={SHARE}", "--innodb-buffer-pool-size=16M",
-                "--innodb-log-file-size=4M", "--innodb-flush-log-at-trx-commit=0", "--skip-performance-schema",
-                "--innodb-use-native-aio=0"]
+        return ["--no-defaults", f"--datadir={self.data}", f"--tmpdir={self.root}", f"--lc-messages-dir={SHARE}",
+                "--innodb-buffer-pool-size=16M", "--innodb-log-file-size=4M", "--innodb-flush-log-at-trx-commit=0",
+                "--skip-performance-schema", "--innodb-use-native-aio=0"]
 
     def prepare(self):
         tables = ["mysql_system_tables", "mysql_performance_tables", "mysql_system_tables_data"]
