@@ -2,6 +2,7 @@
 import collections
 import multiprocessing
 import os
+import signal
 import sys
 
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -40,6 +41,7 @@ def settled(daemon):
 
 
 def serve(path, pipe):
+    signal.signal(signal.SIGTERM, signal.SIG_DFL)
     daemon = CountingDaemon(path)
     pipe.send("listening")
     if pipe.recv() == "report":

@@ -80,7 +80,7 @@ class Place:
                      "TEST_PHP_CGI_EXECUTABLE": self.inside("engine/bin/php-cgi"), **environment}
         self.log = open(os.path.join(self.folder, "log.txt"), "w+", encoding="latin-1", newline="")
         self.process = subprocess.Popen(command, cwd=self.src, env=variables, stdin=subprocess.DEVNULL, stdout=self.log,
-                                        stderr=subprocess.STDOUT, preexec_fn=die_with_parent)
+                                        stderr=subprocess.STDOUT, preexec_fn=die_with_parent, start_new_session=True)
 
     def stop(self):
         """Ends what is still running, and with it all that its tests have started."""
