@@ -6,15 +6,20 @@ import os
 import re
 import shutil
 import subprocess
+import tempfile
 
 import phpt
 from databases import die_with_parent
 
+TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 NAMESPACES = ["unshare", "--net", "--mount", "--ipc", "--pid", "--fork", "--kill-child", "--mount-proc"]
-SETUP = """
-place="$1"
-shift
+# A layer over the engine's source takes what is written. Some file systems cannot carry one: then there is a copy.
+LAYER = 'mkdir "$place/src" && mount -t overlay tests -o "lowerdir=$source,upperdir=$place/written,workdir=$place/work" "$place/src"'
+SETUP = f"""
+place="$1" source="$2"
+shift 2
 ip link set lo up
+if [ -d "$place/written" ]; then {LAYER}; fi
 while [ "$1" != -- ]; do
     mkdir -p "$place/$2"
     mount --bind "$1" "$place/$2"
@@ -36,6 +41,15 @@ def namespaces_work():
     return shutil.which("ip") is not None and subprocess.run([*NAMESPACES, "true"], capture_output=True).returncode == 0
 
 
+@functools.cache
+def layers_work():
+    with tempfile.TemporaryDirectory(dir="/tmp") as place:
+        for name in ("written", "work"):
+            os.mkdir(os.path.join(place, name))
+        return namespaces_work() and subprocess.run([*NAMESPACES, "sh", "-c", LAYER], capture_output=True,
+                                                    env={**os.environ, "place": place, "source": TOP}).returncode == 0
+
+
 def root_folder(test):
     """The extension, or the part of the engine, that a test belongs to."""
     parts = test.split("/")
@@ -46,21 +60,21 @@ class Place:
     """`mounts` are {name: folder} to be seen beside the tests."""
 
     def __init__(self, folder, source, tests, everything_through_cgi, mounts):
-        self.folder, self.tests, self.mounts = folder, tests, mounts
-        self.src = os.path.join(folder, "src")
+        self.folder, self.source, self.tests, self.mounts = folder, source, tests, mounts
+        self.src = os.path.join(folder, "written" if layers_work() else "src")
         os.makedirs(self.src)
+        os.mkdir(os.path.join(folder, "work"))
         os.chmod(folder, 0o1777)                       # it will be somebody's /tmp
-        roots = sorted({*map(root_folder, tests), *NEIGHBOURS, "run-tests.php"})
-        subprocess.run(["cp", "-a", "--parents", *roots, self.src], cwd=source, check=True)
-        for test in self._adapted():
-            phpt.adapt(os.path.join(self.src, test), "/" + test[:-1], everything_through_cgi)
-
-    def _adapted(self):
-        redirected = any(test.startswith("ext/pdo_") for test in self.tests)
-        return sorted({*self.tests, *(phpt.find(self.src, [phpt.PDO]) if redirected else [])})
+        redirected = any(test.startswith("ext/pdo_") for test in tests)
+        adapted = sorted({*tests, *(phpt.find(source, [phpt.PDO]) if redirected else [])})
+        whole = [] if layers_work() else sorted({*map(root_folder, tests), *NEIGHBOURS, "run-tests.php"})
+        subprocess.run(["xargs", "-0", "cp", "-a", "--parents", "-t", self.src], cwd=source, check=True,
+                       input="\0".join([*whole, *adapted]).encode())
+        for test in adapted:
+            phpt.adapt(os.path.join(self.src, test), self._uri(test), everything_through_cgi)
 
     def inside(self, path=""):
-        """The path of a file of this place as the tests see it."""
+        """The path of a file of this place as the tests see it, below "src" for the tests themselves."""
         if namespaces_work():
             return os.path.join("/tmp", path)
         first, slash, rest = path.partition("/")
@@ -75,12 +89,13 @@ class Place:
         command += ["-r", "list.txt"]
         if namespaces_work():
             pairs = [word for name, host in self.mounts.items() for word in (host, name)]
-            command = [*NAMESPACES, "sh", "-ec", SETUP, "sh", self.folder, *pairs, "--", *command]
-        variables = {"PATH": os.environ["PATH"], "HOME": self.inside(), "NO_INTERACTION": "1", "TEST_PHP_EXECUTABLE": self.inside("engine/bin/php"), "TEST_PHP_SRCDIR": self.inside("src"),
+            command = [*NAMESPACES, "sh", "-ec", SETUP, "sh", self.folder, self.source, *pairs, "--", *command]
+        variables = {"PATH": os.environ["PATH"], "HOME": self.inside(), "NO_INTERACTION": "1",
+                     "TEST_PHP_EXECUTABLE": self.inside("engine/bin/php"), "TEST_PHP_SRCDIR": self.inside("src"),
                      "TEST_PHP_CGI_EXECUTABLE": self.inside("engine/bin/php-cgi"), **environment}
         self.log = open(os.path.join(self.folder, "log.txt"), "w+", encoding="latin-1", newline="")
-        self.process = subprocess.Popen(command, cwd=self.src, env=variables, stdin=subprocess.DEVNULL, stdout=self.log,
-                                        stderr=subprocess.STDOUT, preexec_fn=die_with_parent, start_new_session=True)
+        self.process = subprocess.Popen(command, cwd=self.folder if namespaces_work() else self.src, env=variables, stdin=subprocess.DEVNULL, stdout=self.log,
+                                        stderr=subprocess.STDOUT, start_new_session=True, preexec_fn=die_with_parent)
 
     def stop(self):
         """Ends what is still running, and with it all that its tests have started."""
@@ -103,6 +118,10 @@ class Place:
         self.log.close()
         return found
 
+    def _uri(self, test):
+        """What a script of the command line has in its place: the script's path, which some tests go by."""
+        return self.inside(f"src/{test[:-1]}")
+
     def _name(self, path):
         return path.removeprefix(self.inside("src/"))
 
@@ -120,5 +139,5 @@ class Place:
             driver, _, test = name.rpartition(": ")
             if outcome in RAN:
                 written = os.path.join(os.path.dirname(driver or test), os.path.basename(test))
-                found += phpt.expected_actions(os.path.join(self.src, test), self.inside(f"src/{written}"), "/" + test[:-1])
+                found += phpt.expected_actions(os.path.join(self.src, test), self.inside(f"src/{written}"), self._uri(test))
         return found

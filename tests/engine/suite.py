@@ -130,11 +130,13 @@ def differs(bare, agent):
     return not bare & agent
 
 
-def differences(suite, sapi, mode, bare, agent):
-    """[(test, the bare engine's outcomes, the agent's)] that stay when both are repeated alone, and how many did not stay."""
+def differences(suite, sapi, mode, bare, agent, excused):
+    """[(test, the bare engine's outcomes, the agent's)] that are excused or stay when both are repeated alone, and how many
+    did not stay."""
     none = ("NONE", "")
     seen = {test: ({bare.get(test, none)}, {agent.get(test, none)}) for test in {*bare, *agent}}
-    suspects = first = sorted(test for test, sets in seen.items() if differs(*sets))
+    first = sorted(test for test, sets in seen.items() if differs(*sets))
+    listed, suspects = ([test for test in first if (test in excused) == wanted] for wanted in (True, False))
     for _ in range(REPEATS):
         if not suspects:
             break
@@ -143,8 +145,8 @@ def differences(suite, sapi, mode, bare, agent):
             for test in suspects:
                 seen[test][column].add(again.outcomes.get(test, none))
         suspects = [test for test in suspects if differs(*seen[test])]
-    words = [(test, *("/".join(sorted({outcome for outcome, _ in side})) for side in seen[test])) for test in suspects]
-    return words, len(first) - len(suspects)
+    words = [(test, *("/".join(sorted({outcome for outcome, _ in side})) for side in seen[test])) for test in listed + suspects]
+    return words, len(first) - len(words)
 
 
 def excuses(stack):
@@ -178,12 +180,13 @@ def row(sapi, mode, done, notes=""):
 
 def judged(suite, sapi, mode, bare, done, excused):
     """Prints a mode's row and its differences; returns whether all is well."""
-    differing, flaky = differences(suite, sapi, mode, bare.outcomes, done.outcomes)
+    excused = {test for test, modes in excused.items() if not modes or modes & {mode.name, f"{sapi}/{mode.name}"}}
+    differing, flaky = differences(suite, sapi, mode, bare.outcomes, done.outcomes, excused)
     arrived = {"off": "processes started", "dead": "reports without a daemon"}.get(mode.name, f"packets, {done.traces} traces")
     row(sapi, mode.name, done, f"{done.seen} of {done.expected} {arrived}; {len(differing)} differ, {flaky} did when not alone")
     well = True
     for number, (test, before, after) in enumerate(differing):
-        listed = test in excused and (not excused[test] or excused[test] & {mode.name, f"{sapi}/{mode.name}"})
+        listed = test in excused
         well = well and listed
         if number < MOST_LINES:
             print(f"     differs: {test}: {before} without, {after} with{' (listed)' if listed else ''}")
