@@ -8,7 +8,7 @@ import sqlite3
 import stat
 import subprocess
 import time
-from contextlib import closing
+from contextlib import closing, suppress
 from pathlib import Path
 
 import pytest
@@ -62,7 +62,10 @@ def test_the_web_servers_group_reaches_the_socket_and_the_log_and_nobody_else_an
 
 def sockets_of(pid):
     """Inode numbers of the sockets that a process holds."""
-    links = [os.readlink(link) for link in Path(f"/proc/{pid}/fd").iterdir()]
+    links = []
+    for link in Path(f"/proc/{pid}/fd").iterdir():
+        with suppress(FileNotFoundError):                    # closed meanwhile
+            links.append(os.readlink(link))
     return {int(link[8:-1]) for link in links if link.startswith("socket:")}
 
 
