@@ -83,16 +83,14 @@ def test_daemon_dies_at_any_byte(site):
     """Of the query, of its own answer, of the profile's events and of the packet."""
     site.daemon.configure({**PROFILE, "zqs.profile_end_time": str(int(time.monotonic()) + 1000)})
     site.daemon.through = Mortal
-    Mortal.allowance, Mortal.total, whole = 1 << 40, 0, 0
+    Mortal.allowance, Mortal.total = 1 << 40, 0
     assert len(compare(site).metrics) == 1
     total = Mortal.total
     for allowance in [1, 3, 4, 5, 40, 120, 250, 300, 350, 400, *range(500, total, total // 24), total - 1, total]:
         site.daemon.forget()
         Mortal.allowance = allowance
-        count = len(compare(site).metrics)
-        assert count <= 1
-        whole += count
-    assert whole > 1                                   # the packet finds a way once it fits a connection of its own
+        # without the whole answer nothing is monitored; behind it the packet may find a way by a connection of its own
+        assert len(compare(site).metrics) <= (allowance >= 500)
 
 
 @pytest.mark.parametrize("command", ["kill -9 $$", "echo noise; echo noise >&2; exit 3", "sleep 2 &", "exec 0<&-; ulimit -n 0"])
