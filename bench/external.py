@@ -9,8 +9,9 @@ against an empty page, where nothing hides the cost, and for those that carry an
 against a service that takes a millisecond. The latter against an empty page is shown for what it is: on a curl handle there
 are two options to set and a PHP function to call for every header line of the answer, on a stream a context to make and one
 more packet to send, and no service that has an identity to answer with is an empty page. Ends with status 1 when the bound
-is passed. Needs a finished build. All run on one processor: where the scheduler puts a client and its server decides more
-about such a call than anything in it."""
+is passed. Needs a finished build. All run on one processor, first come, first served where that is permitted: where and when
+the scheduler lets a client and its server run decides more about such a call than anything in it."""
+import contextlib
 import itertools
 import os
 import subprocess
@@ -82,6 +83,8 @@ def main():
     pairs = int(sys.argv[1]) if len(sys.argv) > 1 else 155
     site, good = engines.Site(), True
     os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+    with contextlib.suppress(PermissionError):
+        os.sched_setscheduler(0, os.SCHED_FIFO, os.sched_param(1))
     try:
         site.script("", EMPTY)
         site.script("usleep(1000);", SERVICE)

@@ -240,16 +240,21 @@ int in_urls_captured(const char *url TSRMLS_DC)
 
 void zq_append_web(smart_str *action, const char *str)
 {
-	int slashes = 0, digits = 0; /* of the current run */
-	for (; str && *str && *str != '?'; str++) {
-		digits = is_digit(*str) && slashes > 2 ? digits + 1 : 0;
-		if (digits > 1) {
-			action->c[action->len - 1] = '*';
-		} else if (*str == '/') {
+	int slashes = 0;
+	for (const char *at = str ? str : "";;) {
+		size_t plain = strcspn(at, slashes > 2 ? "/?0123456789" : "/?");
+		zq_append(action, at, plain);
+		at += plain;
+		if (*at == '/') {
 			zq_append(action, "%2F", 3);
 			slashes++;
+			at++;
+		} else if (is_digit(*at)) {
+			size_t digits = strspn(at, "0123456789");
+			zq_append_char(action, digits > 1 ? '*' : *at);
+			at += digits;
 		} else {
-			zq_append_char(action, *str);
+			return;
 		}
 	}
 }

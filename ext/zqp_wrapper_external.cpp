@@ -19,26 +19,16 @@ enum { CURLINFO_EFFECTIVE_URL = 1048577, CURLINFO_RESPONSE_CODE = 2097154 };
 
 int elapsed_ms(uint64 btsc, uint64 ctsc) { return (int)((ctsc - btsc) / 1000); }
 
-/* The URL without its query, the scheme in lower case. */
-char *url_for_name(const char *url)
-{
-	size_t len = strcspn(url, "?");
-	char *copy = estrndup(url, (uint)len);
-	for (char *at = copy; *at && *at != ':'; at++) {
-		*at = zq_ascii_lower(*at);
-	}
-	return copy;
-}
-
 /* 401 asks for credentials and is the first half of a normal exchange. */
 bool is_failure(int status) { return status == 400 || status >= 402; }
 
 webservice_element *describe_call(const zq_stack_data *stack_data, const char *url, const char *transaction_data, int status,
                                   const char *error_msg TSRMLS_DC)
 {
-	char *named = url_for_name(url);
-	webservice_element *element = webservice_element_alloc(stack_data->cls, stack_data->func, named, NULL, transaction_data);
-	efree(named);
+	webservice_element *element = webservice_element_alloc(stack_data->cls, stack_data->func, url, NULL, transaction_data);
+	for (size_t i = strcspn(url, ":/?"); i-- > 0;) {
+		element->name[i] = zq_ascii_lower(element->name[i]); /* the scheme */
+	}
 	zq_str_replace_ln(element->name); /* one line of its record, whatever the URL holds */
 	if (element->transaction_data) {
 		zq_str_replace_ln(element->transaction_data);
@@ -84,16 +74,14 @@ bool is_list_full(TSRMLS_D)
 	return true;
 }
 
-/* Result of a curl function that takes the handle, and perhaps one number; to be released. */
+/* Result of a curl function that takes the handle and perhaps one number, neither of which it keeps; to be released. */
 int ask_curl(const char *name, zval *handle, const long *number, zval *result TSRMLS_DC)
 {
-	zval *argument;
-	MAKE_STD_ZVAL(argument);
-	ZVAL_LONG(argument, number ? *number : 0);
-	zval *params[] = {handle, argument};
-	int outcome = zq_call_named(NULL, name, result, number ? 2 : 1, params TSRMLS_CC);
-	zval_ptr_dtor(&argument);
-	return outcome;
+	zval argument;
+	INIT_PZVAL(&argument);
+	ZVAL_LONG(&argument, number ? *number : 0);
+	zval *params[] = {handle, &argument};
+	return zq_call_named(NULL, name, result, number ? 2 : 1, params TSRMLS_CC);
 }
 
 int status_of_transfer(zval *handle TSRMLS_DC)
