@@ -205,7 +205,7 @@ int get_usage(int pid, uint64 *cpu, long *mem);
 int zq_read_stat(int pid, uint64 *user_ticks, uint64 *system_ticks, long *resident_pages);
 /* Percent of the host's memory in use; 0 when it cannot be read, which is logged. */
 int get_memory_used(void);
-/* The figure of get_memory_used() for a given text of /proc/meminfo; 0 without a usable total. */
+/* The figure of get_memory_used() for a given text of /proc/meminfo; 0 without a usable total, which is logged as well. */
 int zq_memory_used_of(const char *meminfo);
 /* Milliseconds between a front end's queue stamp ("t=..." or "s=...") and `ms`, in 32-bit arithmetic, at least 0. */
 int get_block_time(const char *queue_start, uint64 ms);

@@ -13,7 +13,8 @@ int zq_thread_id(void)
 	return (int)syscall(SYS_gettid);
 }
 
-/* Reads up to `size` - 1 bytes of a file in one call and NUL-terminates them; the count, or -1 with errno set. */
+/* Reads up to `size` - 1 bytes of a file in one call and NUL-terminates them: none when that fails. The count, or -1 with errno
+ * set for a file that cannot be opened. */
 static ssize_t read_once(const char *path, char *text, size_t size)
 {
 	int fd = open(path, O_RDONLY | O_CLOEXEC);
@@ -89,19 +90,18 @@ int zq_memory_used_of(const char *meminfo)
 			break;
 		}
 	}
-	return total ? (int)(100 - (int64_t)(available_x100 / total)) : 0;
+	if (!total) {
+		ZQ_LOG(ZQ_LOG_ERROR, "read /proc/meminfo fail");
+		return 0;
+	}
+	return (int)(100 - (int64_t)(available_x100 / total));
 }
 
 int get_memory_used(void)
 {
 	char text[512];
-	ssize_t len = read_once("/proc/meminfo", text, sizeof text);
-	if (len == -1) {
+	if (read_once("/proc/meminfo", text, sizeof text) == -1) {
 		ZQ_LOG(ZQ_LOG_ERROR, "open /proc/meminfo fail: %s", strerror(errno));
-		return 0;
-	}
-	if (len == 0) {
-		ZQ_LOG(ZQ_LOG_ERROR, "read /proc/meminfo fail");
 		return 0;
 	}
 	return zq_memory_used_of(text);

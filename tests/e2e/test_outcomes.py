@@ -100,6 +100,7 @@ def test_load_shedding(site, shim, figures, settings, monitored, traced):
     site.daemon.configure({**TRACED, "zqs.resource.enabled": "true", **settings})
     result = site.cgi(SLOW, env=meminfo(shim, **figures))
     assert (result.monitored, result.monitored and result.metric.tracer_id is not None) == (monitored, traced)
+    assert ("ERROR: read /proc/meminfo fail" in site.log()) == (figures.get("total") == 0)
 
 
 def test_load_sheds_traces_by_chance_and_an_overload_lasts(site, shim):
