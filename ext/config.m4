@@ -23,6 +23,7 @@ if test "$PHP_ZQPROF" != "no"; then
   PHP_NEW_EXTENSION(zqprof, $zqprof_sources, $ext_shared,, $zqprof_flags, yes)
 
   dnl nodelete: hooks stay installed when the engine unloads its modules. as-needed: no C++ runtime in every process.
-  ZQPROF_SHARED_LIBADD="$ZQPROF_SHARED_LIBADD -Wl,-z,nodelete -Wl,--as-needed"
+  ZQPROF_SHARED_LIBADD="$ZQPROF_SHARED_LIBADD -Wl,-z,nodelete -Wl,--as-needed dnl
+-Wl,--version-script=PHP_EXT_SRCDIR(zqprof)/exports.map"
   PHP_SUBST(ZQPROF_SHARED_LIBADD)
 fi
