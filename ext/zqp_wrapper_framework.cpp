@@ -141,10 +141,6 @@ constexpr framework frameworks[] = {
 	                "CInlineAction::runWithParams"},
 	 .names = {{"CWebApplication::runController", wrapper_yii_frozen_action},
 	           {"CController::render", wrapper_yii_frozen_action}}},
-	{.detected_on = "yii\\base\\Application::__construct", .word = "yii2",
-	 .components = {"yii\\base\\Controller::runAction", "yii\\base\\View::render", "yii\\base\\Controller::render"},
-	 .names = {{"yii\\base\\Module::runAction", wrapper_yii_frozen_action}},
-	 .store = {"yii\\redis\\Connection::executeCommand", performance_yiiredisConnection_executeCommand}},
 	{.detected_on = "Zend_Application::__construct", .word = "zend framework",
 	 .components = {"Zend_Controller_Front::dispatch", "Zend_Controller_Plugin_Broker::preDispatch",
 	                "Zend_Application::run"},
@@ -166,10 +162,14 @@ constexpr framework frameworks[] = {
 	 .components = {"Wekit::init", "WindWebFrontController::run", "WindSimpleController::doAction", "WindView::render"}},
 	{.detected_on = "JVersion::getShortVersion", .word = "joomla",
 	 .components = {"JController::execute", "JView::display", "JDocumentRendererModules::render"}},
-	{.detected_on = "Think\\Dispatcher::getModule", .word = "thinkPHP",
-	 .names = {{"controller", wrapper_think_frozen_action}}},
+	{.detected_on = "yii\\base\\Application::__construct", .word = "yii2",
+	 .components = {"yii\\base\\Controller::runAction", "yii\\base\\View::render", "yii\\base\\Controller::render"},
+	 .names = {{"yii\\base\\Module::runAction", wrapper_yii_frozen_action}},
+	 .store = {"yii\\redis\\Connection::executeCommand", performance_yiiredisConnection_executeCommand}},
 	{.detected_on = "Illuminate\\Foundation\\Application::__construct", .word = "laravel",
 	 .names = {{"Illuminate\\Routing\\ControllerDispatcher::dispatch", wrapper_illuminate_dispatch}}},
+	{.detected_on = "Think\\Dispatcher::getModule", .word = "thinkPHP",
+	 .names = {{"controller", wrapper_think_frozen_action}}},
 };
 
 void add_hooks(const framework &found TSRMLS_DC)
