@@ -81,12 +81,14 @@ int show(const DaemonConfig& config, const ShowOptions& options) {
 
 int tail(const DaemonConfig& config, const std::string& application, bool json) {
   StoreReader store = open_store(config);
-  if (!json) put(tail_header());
+  // No page to fit into: whoever filters the lines looks for whole names.
+  const size_t width = terminal_width() ? output_width() : 130;
+  if (!json) put(tail_header(width));
   int64_t last = store.last_id();
   auto rows = store.newest(10, application);
   std::reverse(rows.begin(), rows.end());
   for (;;) {
-    for (const ActionRow& row : rows) put(json ? json_text(action_summary(row), false) : tail_line(row));
+    for (const ActionRow& row : rows) put(json ? json_text(action_summary(row), false) : tail_line(row, width, wall_clock_ms()));
     // Fails when whoever reads us has gone.
     if (fflush(stdout) != 0) return 1;
     if (!rows.empty()) last = std::max(last, rows.back().id);

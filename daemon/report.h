@@ -16,9 +16,10 @@ namespace quorbit {
 
 // A table, one line per action, in `width` columns: long names are cut in the middle. The date is left out when all are of today.
 std::string action_table(const std::vector<ActionRow>& rows, size_t width, int64_t now_wall_ms);
-// Lines of fixed columns, so that later ones fit below earlier ones.
-std::string tail_header();
-std::string tail_line(const ActionRow& row);
+// Lines of fixed columns, so that later ones fit below earlier ones: the names share what is left of `width`. An action that is not
+// of today has its date in place of the time.
+std::string tail_header(size_t width);
+std::string tail_line(const ActionRow& row, size_t width, int64_t now_wall_ms);
 Json action_summary(const ActionRow& row);
 
 // --- one action (report_action.cpp, report_sql.cpp, report_json.cpp)

@@ -69,6 +69,7 @@ TEST(List, FitsByShorteningNamesInTheMiddle) {
     std::string text = action_table({row}, width, 0);
     EXPECT_EQ(text_width(text.substr(text.find('\n') + 1)), width + 1) << text;
     EXPECT_NE(text.find("n/cart  120 ms  50%     0%  25%   25%  500 ERROR\n"), std::string::npos) << text;
+    EXPECT_EQ(text_width(tail_line(row, width, 0)), width + 1) << tail_line(row, width, 0);
   }
   row.application = "Shop";
   std::string text = action_table({row}, 100, 0);
