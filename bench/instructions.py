@@ -4,9 +4,10 @@
 The same PHP loop runs under php-cgi with two counts of iterations; the difference, divided by the difference of the counts,
 is the price of one iteration. Configurations: no extension, one that only passes both execute hooks through (the floor), the
 same with two readings of the clock that the agent uses here, the agent loaded but off, the agent on with its defaults; and a
-build with no shortest time for a trace, so that every call enters it, which includes writing and sending it in the end. With
---check, fails when budget.toml's limits are passed; what the agent adds when it is on is counted above the hook that reads the
-clock. Needs a finished build; a daemon that takes every packet listens meanwhile.
+build with no shortest time for a trace, so that every call enters it, which includes writing and sending it in the end. Then
+the engine's own Zend/bench.php as a whole, with the agent off, by the empty hook. With --check, fails when budget.toml's limits
+are passed; what the agent adds when it is on is counted above the hook that reads the clock. Needs a finished build; a daemon
+that takes every packet listens meanwhile.
 """
 import argparse
 import os
@@ -55,12 +56,11 @@ def configurations(site):
     return found
 
 
-def count(name, ini, kind, iterations):
-    environment = {**engines.web_environment(HERE / "php/calls.php", "/calls.php"), "PATH": os.environ["PATH"],
-                   "CALLS": kind, "COUNT": str(iterations)}
-    if name == "clock hook":    # "tsc": the counter, which the agent then reads too
-        environment["EMPTY_HOOK_CLOCK"] = CLOCK_SOURCE.read_text().strip()
-    command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", engines.ENGINE / "bin/php-cgi", "-q", "-c", ini]
+def count(ini, script, variables):
+    """Instructions of one process."""
+    environment = {**engines.web_environment(script, "/calls.php"), "PATH": os.environ["PATH"], **variables}
+    command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", engines.ENGINE / "bin/php-cgi", "-q", "-d", "max_execution_time=0",
+               "-c", ini]
     done = subprocess.run(command, env=environment, capture_output=True, text=True)
     found = re.search(r"Collected : (\d+)", done.stderr)
     if done.returncode or not found:
@@ -69,7 +69,23 @@ def count(name, ini, kind, iterations):
 
 
 def per_call(name, ini, kind):
-    return (count(name, ini, kind, MANY) - count(name, ini, kind, FEW)) / (MANY - FEW)
+    clock = {"EMPTY_HOOK_CLOCK": CLOCK_SOURCE.read_text().strip()} if name == "clock hook" else {}  # "tsc": as the agent then does
+    few, many = (count(ini, HERE / "php/calls.php", {"CALLS": kind, "COUNT": str(calls), **clock}) for calls in (FEW, MANY))
+    return (many - few) / (MANY - FEW)
+
+
+def engine_bench():
+    """Zend/bench.php in the engine's source, which is fetched when it is not there."""
+    subprocess.check_call([PROJECT / "tests/engine/source"])
+    return PROJECT / "build/engine-tests/Zend/bench.php"
+
+
+def switched_off(settings, limit):
+    """Prints what the agent adds to Zend/bench.php when it is off; the figure in words when it is above its limit."""
+    script = engine_bench()
+    hook, off = (count(settings[name], script, {}) for name in ("empty hook", "off"))
+    print(f"Zend/bench.php: empty hook {hook:,}, off {off:,}: {off / hook:.4f} times, allowed {limit}")
+    return [f"Zend/bench.php, off: {off / hook:.4f}, allowed {limit}"] if off > hook * limit else []
 
 
 def measure(settings, limits):
@@ -90,10 +106,12 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--check", action="store_true")
     options = parser.parse_args()
-    limits = tomllib.loads((HERE / "budget.toml").read_text())["instructions_per_call"]
+    limits = tomllib.loads((HERE / "budget.toml").read_text())
     site = engines.Site()
     try:
-        passed = measure(configurations(site), limits)
+        settings = configurations(site)
+        passed = measure(settings, limits["instructions_per_call"])
+        passed += switched_off(settings, limits["times_instructions_of_engine_bench"]["off"])
     finally:
         site.close()
     for line in passed:

@@ -15,6 +15,7 @@ import sys
 import threading
 import time
 
+import instructions
 from measure import (EMPTY, IDLE, KERNEL, NONE, OFF, ON, PROFILING, PROJECT, TRACED, Record, build_xdebug, configurations,
                      drained_site, engines, has_counter_clock, in_turns, pin, processor_us, ratios, under_another_clock)
 
@@ -33,7 +34,6 @@ PREFIXES = {}               # of the commands of some configurations
 SETTLE_US = 20000           # by then a process knows how fast the counter runs
 TURN = 4                    # requests of a page in one turn
 BLOCK = 40                  # requests of a page in one turn of FPM
-ENGINE_BENCH = PROJECT / "build/engine-tests/Zend/bench.php"
 
 
 class PinnedFastCgi(engines.FastCgi):
@@ -103,11 +103,11 @@ def compare(record, work, unit, found, limits):
 
 
 def engine_bench(record, inis, rounds):
-    subprocess.run([PROJECT / "tests/engine/source"], check=True)
+    script = instructions.engine_bench()
     print("Zend/bench.php, processor time")
 
     def one(name):
-        return run(inis[name], ENGINE_BENCH, PREFIXES.get(name, ()))[0]
+        return run(inis[name], script, PREFIXES.get(name, ()))[0]
 
     compare(record, "Zend/bench.php", "s", in_turns((NONE, ON), rounds, one), ENGINE_RATIO)
     names = (NONE, EMPTY, OFF, *OTHER_CLOCK, TRACED, IDLE)                  # a profile would be of half a gigabyte
