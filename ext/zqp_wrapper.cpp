@@ -1,5 +1,5 @@
-/* The two tables of watched user functions, the names in them from the start of a request, and the callbacks that are too
- * small for a file of their own. */
+/* The two tables of watched user functions, the names in them from the start of a request and those that a script gives, and
+ * the callbacks that are too small for a file of their own. */
 #include "zqp_debug.h"
 #include "zqp_exception.h"
 #include "zqp_name_table.h"
@@ -38,6 +38,73 @@ void admit(const char *name TSRMLS_DC)
 	ZQG(watch_filter)[bit >> 6] |= (uint64)1 << (bit & 63);
 }
 
+/* Names may be given from the global namespace on: with a leading backslash, which no table has. */
+void drop_leading_backslash(const char **name, int *len)
+{
+	if (**name == '\\') {
+		++*name;
+		--*len;
+	}
+}
+
+zend_class_entry *loaded_class(const char *name, int len TSRMLS_DC)
+{
+	zend_class_entry **found = NULL;
+	drop_leading_backslash(&name, &len);
+	char *lower = zend_str_tolower_dup(name, (uint)len);
+	zend_hash_find(EG(class_table), lower, (uint)len + 1, (void **)&found);
+	efree(lower);
+	return found ? *found : NULL;
+}
+
+zend_function *declared_in(HashTable *functions, const char *name, int len)
+{
+	zend_function *found = NULL;
+	drop_leading_backslash(&name, &len);
+	char *lower = zend_str_tolower_dup(name, (uint)len);
+	zend_hash_find(functions, lower, (uint)len + 1, (void **)&found);
+	efree(lower);
+	return found;
+}
+
+/* The function behind "name", "class::name", array(class, name) or array(object, name), as its declaration spells it and
+ * without running an autoloader; null when it is none of these or not loaded. */
+zend_function *named_function(zval *callable TSRMLS_DC)
+{
+	if (Z_TYPE_P(callable) == IS_STRING) {
+		char *name = Z_STRVAL_P(callable), *colons = strstr(name, "::");
+		if (!colons) {
+			return declared_in(EG(function_table), name, Z_STRLEN_P(callable));
+		}
+		zend_class_entry *ce = loaded_class(name, (int)(colons - name) TSRMLS_CC);
+		return ce ? declared_in(&ce->function_table, colons + 2, (int)strlen(colons + 2)) : NULL;
+	}
+	zval **owner, **method;
+	if (Z_TYPE_P(callable) != IS_ARRAY ||
+	    zend_hash_index_find(Z_ARRVAL_P(callable), 0, (void **)&owner) != SUCCESS ||
+	    zend_hash_index_find(Z_ARRVAL_P(callable), 1, (void **)&method) != SUCCESS || Z_TYPE_PP(method) != IS_STRING) {
+		return NULL;
+	}
+	zend_class_entry *ce = Z_TYPE_PP(owner) == IS_OBJECT && Z_OBJ_HT_PP(owner)->get_class_entry ? Z_OBJCE_PP(owner)
+	                     : Z_TYPE_PP(owner) == IS_STRING ? loaded_class(Z_STRVAL_PP(owner), Z_STRLEN_PP(owner) TSRMLS_CC)
+	                     : NULL;
+	return ce ? declared_in(&ce->function_table, Z_STRVAL_PP(method), Z_STRLEN_PP(method)) : NULL;
+}
+
+/* Calls are recognised by the name that their declaration gives them: a method by the class that declares it. */
+char *full_name_of_callback(zend_execute_data *data, int arg_seq TSRMLS_DC)
+{
+	zval *callable = get_argument_zval(data, arg_seq);
+	zend_function *function = callable ? named_function(callable TSRMLS_CC) : NULL;
+	if (!function) {
+		return get_argument_callback(data, arg_seq TSRMLS_CC);
+	}
+	char *name = NULL;
+	zend_class_entry *scope = function->common.scope;
+	spprintf(&name, 0, "%s%s%s", scope ? scope->name : "", scope ? "::" : "", function->common.function_name);
+	return name;
+}
+
 } // namespace
 
 void zq_watch_before(const char *name, size_t name_size, zq_wrapper_callback callback TSRMLS_DC)
@@ -53,6 +120,17 @@ void zq_watch_after(const char *name, size_t name_size, zq_performance_callback 
 	if (ZQG(performance_function_hash)) {
 		zend_hash_update(ZQG(performance_function_hash), name, (uint)name_size, &callback, sizeof callback, NULL);
 		admit(name TSRMLS_CC);
+	}
+}
+
+void zq_watch_callback(zend_execute_data *data, int arg_seq, zq_wrapper_callback callback TSRMLS_DC)
+{
+	char *name = full_name_of_callback(data, arg_seq TSRMLS_CC);
+	if (name && *name) {
+		zq_watch_before(name, strlen(name) + 1, callback TSRMLS_CC);
+	}
+	if (name) {
+		efree(name);
 	}
 }
 
@@ -114,11 +192,7 @@ void wrapper_header(zq_stack_data *stack_data TSRMLS_DC)
 
 void wrapper_set_error_handler(zq_stack_data *stack_data TSRMLS_DC)
 {
-	char *handler = get_argument_callback(stack_data->execute_data, 0 TSRMLS_CC);
-	if (handler) {
-		zq_watch_before(handler, strlen(handler) + 1, wrapper_user_error_handler TSRMLS_CC);
-		efree(handler);
-	}
+	zq_watch_callback(stack_data->execute_data, 0, wrapper_user_error_handler TSRMLS_CC);
 }
 
 void wrapper_ob_flush(zq_stack_data * TSRMLS_DC)

@@ -42,6 +42,9 @@ void zq_init_funtion_hash(TSRMLS_D);
 /* Add or replace a row; `name_size` counts the NUL. A null table (no action open) is skipped. */
 void zq_watch_before(const char *name, size_t name_size, zq_wrapper_callback callback TSRMLS_DC);
 void zq_watch_after(const char *name, size_t name_size, zq_performance_callback callback TSRMLS_DC);
+/* The same for the callable that is an argument of a call, given by name or as an array: watched under the name that its
+ * declaration gives it, an inherited method under its parent's. Closures have none and are skipped. */
+void zq_watch_callback(zend_execute_data *data, int arg_seq, zq_wrapper_callback callback TSRMLS_DC);
 /* Callback registered for a name, or null. */
 zq_wrapper_callback zq_find_before(const char *name, size_t name_size TSRMLS_DC);
 zq_performance_callback zq_find_after(const char *name, size_t name_size TSRMLS_DC);

@@ -65,73 +65,6 @@ void identify_curl_handle(zval *handle TSRMLS_DC)
 	}
 }
 
-/* Names may be given from the global namespace on: with a leading backslash, which no table has. */
-void drop_leading_backslash(const char **name, int *len)
-{
-	if (**name == '\\') {
-		++*name;
-		--*len;
-	}
-}
-
-zend_class_entry *loaded_class(const char *name, int len TSRMLS_DC)
-{
-	zend_class_entry **found = NULL;
-	drop_leading_backslash(&name, &len);
-	char *lower = zend_str_tolower_dup(name, (uint)len);
-	zend_hash_find(EG(class_table), lower, (uint)len + 1, (void **)&found);
-	efree(lower);
-	return found ? *found : NULL;
-}
-
-zend_function *declared_in(HashTable *functions, const char *name, int len)
-{
-	zend_function *found = NULL;
-	drop_leading_backslash(&name, &len);
-	char *lower = zend_str_tolower_dup(name, (uint)len);
-	zend_hash_find(functions, lower, (uint)len + 1, (void **)&found);
-	efree(lower);
-	return found;
-}
-
-/* The function behind "name", "class::name", array(class, name) or array(object, name), as its declaration spells it and
- * without running an autoloader; null when it is none of these or not loaded. */
-zend_function *named_function(zval *callable TSRMLS_DC)
-{
-	if (Z_TYPE_P(callable) == IS_STRING) {
-		char *name = Z_STRVAL_P(callable), *colons = strstr(name, "::");
-		if (!colons) {
-			return declared_in(EG(function_table), name, Z_STRLEN_P(callable));
-		}
-		zend_class_entry *ce = loaded_class(name, (int)(colons - name) TSRMLS_CC);
-		return ce ? declared_in(&ce->function_table, colons + 2, (int)strlen(colons + 2)) : NULL;
-	}
-	zval **owner, **method;
-	if (Z_TYPE_P(callable) != IS_ARRAY ||
-	    zend_hash_index_find(Z_ARRVAL_P(callable), 0, (void **)&owner) != SUCCESS ||
-	    zend_hash_index_find(Z_ARRVAL_P(callable), 1, (void **)&method) != SUCCESS || Z_TYPE_PP(method) != IS_STRING) {
-		return NULL;
-	}
-	zend_class_entry *ce = Z_TYPE_PP(owner) == IS_OBJECT && Z_OBJ_HT_PP(owner)->get_class_entry ? Z_OBJCE_PP(owner)
-	                     : Z_TYPE_PP(owner) == IS_STRING ? loaded_class(Z_STRVAL_PP(owner), Z_STRLEN_PP(owner) TSRMLS_CC)
-	                     : NULL;
-	return ce ? declared_in(&ce->function_table, Z_STRVAL_PP(method), Z_STRLEN_PP(method)) : NULL;
-}
-
-/* Calls are recognised by the name that their declaration gives them: a method by the class that declares it. */
-char *full_name_of_callback(zend_execute_data *data, int arg_seq TSRMLS_DC)
-{
-	zval *callable = get_argument_zval(data, arg_seq);
-	zend_function *function = callable ? named_function(callable TSRMLS_CC) : NULL;
-	if (!function) {
-		return get_argument_callback(data, arg_seq TSRMLS_CC);
-	}
-	char *name = NULL;
-	zend_class_entry *scope = function->common.scope;
-	spprintf(&name, 0, "%s%s%s", scope ? scope->name : "", scope ? "::" : "", function->common.function_name);
-	return name;
-}
-
 long option_of(zq_stack_data *stack_data) { return get_argument_long(stack_data->execute_data, 1); }
 
 } // namespace
@@ -194,13 +127,7 @@ void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC)
 	if (option != CURLOPT_HEADERFUNCTION || ZQG(webservice_should_ignored)) {
 		return;
 	}
-	char *name = full_name_of_callback(stack_data->execute_data, 2 TSRMLS_CC);
-	if (name && *name) {
-		zq_watch_before(name, strlen(name) + 1, wrapper_curl_header_handler TSRMLS_CC);
-	}
-	if (name) {
-		efree(name);
-	}
+	zq_watch_callback(stack_data->execute_data, 2, wrapper_curl_header_handler TSRMLS_CC);
 }
 
 void wrapper_curl_setopt_array(zq_stack_data *stack_data TSRMLS_DC)

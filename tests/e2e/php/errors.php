@@ -124,7 +124,12 @@ set_error_handler(function () { echo 'handled'; return true; });
 trigger_error('broken', E_USER_ERROR);
 set_error_handler(new I);
 trigger_error('broken', E_USER_ERROR);
-# --- handler named in other letters => nothing
+# --- handled by an inherited method => USER_ERROR | broken | Caller.method trigger_error
+class Caller { function method($type, $message) { } }
+class Heir extends Caller { }
+set_error_handler(array(new Heir, 'method'));
+trigger_error('broken', E_USER_ERROR);
+# --- handler named in other letters => USER_ERROR | broken | handler trigger_error
 function handler($type, $message) { echo "[$message]"; return true; }
 set_error_handler('HANDLER');
 trigger_error('broken', E_USER_ERROR);
