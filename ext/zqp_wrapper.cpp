@@ -73,6 +73,9 @@ zend_function *named_function(zval *callable TSRMLS_DC)
 {
 	if (Z_TYPE_P(callable) == IS_STRING) {
 		char *name = Z_STRVAL_P(callable), *colons = strstr(name, "::");
+		if (!*name) {
+			return NULL; /* made by create_function(): a NUL and more here, but one name for all of them in their calls */
+		}
 		if (!colons) {
 			return declared_in(EG(function_table), name, Z_STRLEN_P(callable));
 		}

@@ -124,6 +124,8 @@ set_error_handler(function () { echo 'handled'; return true; });
 trigger_error('broken', E_USER_ERROR);
 set_error_handler(new I);
 trigger_error('broken', E_USER_ERROR);
+set_error_handler(create_function('$type, $message', 'return true;'));
+call_user_func(create_function('$a, $b', ''), E_ERROR, 'no error');
 # --- handled by an inherited method => USER_ERROR | broken | Caller.method trigger_error
 class Caller { function method($type, $message) { } }
 class Heir extends Caller { }
