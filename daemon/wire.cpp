@@ -51,7 +51,6 @@ constexpr size_t most_environment = 1024;
 static void read_query_record(const Record& record, Query& query) {
   switch (record.type) {
     case record_application_name: query.application = record.body; break;
-    case record_account_key: query.account_key = record.body; break;
     case record_stamp:
       if (record.body.size() == sizeof query.stamp) memcpy(&query.stamp, record.body.data(), sizeof query.stamp);
       break;

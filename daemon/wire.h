@@ -22,7 +22,6 @@ enum RecordType : uint8_t {
   record_stamp = 0x0C,
   record_setting = 0x0D,
   record_account_key = 0x0E,
-  record_application_id = 0x10,
   record_application_name = 0x11,
   record_action_name = 0x12,
   record_block_ms = 0x14,
@@ -75,7 +74,6 @@ bool append_record(std::string& out, uint8_t type, std::string_view body);
 // What an agent says of itself when it asks for an application's configuration.
 struct Query {
   std::string application;
-  std::string account_key;
   uint64_t stamp = 0;  // of the configuration it has; 0 for none
   std::vector<std::pair<std::string, std::string>> environment;
   // The value of an environment entry, or "".
