@@ -20,6 +20,7 @@ std::string action_table(const std::vector<ActionRow>& rows, size_t width, int64
 // of today has its date in place of the time.
 std::string tail_header(size_t width);
 std::string tail_line(const ActionRow& row, size_t width, int64_t now_wall_ms);
+// The same row for programs: one object.
 Json action_summary(const ActionRow& row);
 
 // --- one action (report_action.cpp, report_sql.cpp, report_json.cpp)
@@ -39,6 +40,7 @@ std::vector<RelatedAction> relate(const StoredAction& shown, const std::vector<S
 
 // The action in `width` columns: what is repeated is told once with its count, long texts and tables are cut. `full`: nothing is.
 std::string action_text(const StoredAction& shown, const std::vector<RelatedAction>& related, size_t width, bool full);
+// Everything of it as one object, for programs.
 Json action_json(const StoredAction& shown, const std::vector<RelatedAction>& related);
 
 // Statements of one action that differ in their values only.
@@ -82,10 +84,12 @@ class ActionSums {
 
 // The smallest value that at least `percentile` per cent of the values do not exceed; 0 of no values.
 int64_t percentile(std::vector<int64_t> values, int percentile);
+// A table in `width` columns, one line per sum, in their order.
 std::string top_text(const std::vector<ActionSum>& sums, size_t width);
 
 // --- state (report_status.cpp)
 
+// Per application its last query and packet, its PHP and the settings given; "" when there is none.
 std::string status_text(const std::vector<ApplicationRow>& applications, int64_t now_wall_ms);
 // What to look at when nothing has been received, judged from the files as they are.
 std::string nothing_received_text(const DaemonConfig& config);

@@ -148,7 +148,8 @@ void zq_set_license(TSRMLS_D);
 /* Threshold for the trace in us: one hundredth of the action threshold (ms), at least ZQ_TRACER_FLOOR_US. */
 uint64 zq_tracer_threshold_us(int action_threshold_ms);
 
-/* zqprof_execute.cpp: the hooks, and the thread profile. */
+/* zqprof_execute.cpp: the engine's hooks. Each runs what was hooked before and gives back what that gives; nothing of the call,
+ * its result or its errors changes. */
 void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC);
 void zq_execute_internal(zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
 zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC);
