@@ -139,7 +139,8 @@ const char *sub_select(const char *stmt)
 	return zq_strncasecmp(at, "select", 6) == 0 ? at : NULL;
 }
 
-/* From the innermost "FROM (select", whose closing parenthesis may follow the table directly. */
+/* From the innermost "FROM (select", whose closing parenthesis may follow the table directly, unless it is part of a name in
+ * delimiters. */
 static const char *table_of_select(const char *stmt, int *table_len)
 {
 	const char *innermost = stmt;
@@ -147,7 +148,7 @@ static const char *table_of_select(const char *stmt, int *table_len)
 		innermost = inner;
 	}
 	const char *table = find_table(innermost + 6, "FROM", table_len);
-	if (table && innermost != stmt) {
+	if (table && innermost != stmt && !strchr("([\"'`", table[-1])) {
 		const void *closing = memchr(table, ')', (size_t)*table_len);
 		*table_len = closing ? (int)((const char *)closing - table) : *table_len;
 	}

@@ -23,6 +23,7 @@ TEST_F(SqlName, NamesTableAndOperation)
 		{"SELECT * FROM users WHERE id=1", "users/SELECT"}, {" \nselect * from `orders` o where 1", "orders/SELECT"},
 		{"SELECT a FROM (SELECT b FROM t2) x", "t2/SELECT"}, {"SELECT a FROM(  select b from t3)", "t3/SELECT"},
 		{"SELECT a FROM (select b FROM ( SELECT c FROM [deep.t])) x", "deep.t/SELECT"}, {"SELECT a FROM t1,t2", "t1/SELECT"},
+		{"SELECT a FROM (SELECT b FROM `f(x)`) t", "f(x)/SELECT"},
 		{"SELECT a FROM f(1)", "f(1)/SELECT"}, {"SELECT 1", "/SELECT"}, {"SELECT a FROM", "/SELECT"}, {"SELECT a FROM ((\"q t\"))", "q/SELECT"},
 		{"DELETE FROM logs", "logs/DELETE"}, {"DELETE", "/DELETE"}, {"update t1 set a=1", "t1/UPDATE"}, {"UPDATEX y", "X/UPDATE"},
 		{"INSERT INTO t4 (a) VALUES (1)", "t4/INSERT"}, {"INSERT t5 VALUES (1)", "t5/INSERT"}, {"CALL p(1)", "CALL/CALL"},
