@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from engines import IS_ROOT, WEB_USER
+from engines import EXTENSION, IS_ROOT, WEB_USER
 from fake_daemon import wait_until
 
 SHARE = Path("/usr/share/mysql")
@@ -165,3 +165,18 @@ def doubles():
     project = Path(__file__).resolve().parents[2]
     subprocess.run([project / "tests/doubles/build"], check=True, env=os.environ)
     return {"extension": str(project / "build/doubles.so")}
+
+
+@pytest.fixture(scope="session")
+def shim_library(tmp_path_factory):
+    library = tmp_path_factory.mktemp("shim") / "shim.so"
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, Path(__file__).with_name("shim.c"), "-Wl,--no-as-needed",
+                    EXTENSION], check=True)
+    return library
+
+
+@pytest.fixture
+def shim(site, shim_library):
+    """Puts shim.c between the agent and the machine; the environment that names the two files by which to steer it."""
+    site.extension = shim_library
+    return {"SHIM_MEMINFO": str(site.root / "meminfo"), "SHIM_CLOCK": str(site.root / "clock")}

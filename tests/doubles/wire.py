@@ -185,6 +185,13 @@ def call_error_record(body):
             "stack": json.loads(found[5])}
 
 
+def nodes(node):
+    """A node of a trace and all below it."""
+    yield node
+    for child in node[8]:
+        yield from nodes(child)
+
+
 def check_node(node):
     """A trace node has nine elements of fixed types."""
     if len(node) != 9 or [type(x) for x in node] != [int, int, str, str, int, str, str, dict, list] or node[4] != 1:

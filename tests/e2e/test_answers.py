@@ -4,7 +4,6 @@ import time
 
 import pytest
 
-import wire
 from engines import FastCgi
 from fake_daemon import HANG_UP, PLAIN, SILENCE
 from wire import answer, record

@@ -3,11 +3,10 @@ import json
 
 import pytest
 
+import wire
 from cases import cases, program
 from engines import ENGINE, Apache, BuiltIn, FastCgi, Fpm, Site, web_environment
 from fake_daemon import PLAIN, wait_until
-from peer import Peer, http_answer
-from test_daemon import real  # noqa: F401 (a fixture)
 
 CALLEE = {"zqs.vantorIdSecret": "12|34", "zqs.action_tracer.enabled": "1", "zqs.error_collector.enabled": "1",
           "zqs.action_tracer.action_threshold": "1"}
@@ -84,9 +83,8 @@ IDENTITIES = {
 @pytest.mark.parametrize("identity", IDENTITIES, ids=lambda identity: identity[:20].encode("unicode_escape").decode())
 def test_incoming_identity(site, identity):
     transaction, request_id = IDENTITIES[identity]
-    site.daemon.configure(CALLEE)
     accepted = transaction is not None
-    result = site.cgi(ITEM, env={"HTTP_X_VANTOR_ID": identity}, differs=("headers",) * accepted)
+    result = site.cgi(ITEM, env={"HTTP_X_VANTOR_ID": identity}, differs=("headers",) * accepted, settings=CALLEE)
     found = answers_in(result)
     assert len(found) == accepted
     for answer in found:
@@ -112,22 +110,11 @@ def test_disabled_functions_only_lose_the_answer(site, disabled, answers):
     ("12|9;c=1;x=a\r\nX-Evil: 1", "/\x01\x1f"),
 ])
 def test_nothing_a_visitor_sends_can_split_the_answer(site, identity, uri):
-    site.daemon.configure(CALLEE)
-    result = site.cgi("echo 'page';", uri, env={"HTTP_X_VANTOR_ID": identity}, twin=False)
+    result = site.cgi("echo 'page';", uri, env={"HTTP_X_VANTOR_ID": identity}, twin=False, settings=CALLEE)
     answer, = raw_answers(result)
     assert result.body == b"page" and not [ch for ch in answer if ch < " "]
     assert {name.lower() for name, _ in result.headers} == {NAME, "x-powered-by", "content-type"}
 
-
-def test_answer_says_where_the_time_went(site):
-    peer = Peer(http_answer(lines=()), delay_ms=30)
-    site.daemon.configure(CALLEE)
-    result = site.cgi(program("applications/time.php").replace("$URL", peer.url()), headers=CALLER, twin=False)
-    peer.close()
-    time = answers_in(result)[0]["time"]
-    assert list(time) == ["duration", "qu", "db", "ex", "code"]
-    assert time["ex"] == result.metric.calls_ms >= 30 and time["db"] == result.metric.db_ms >= 20
-    assert time["code"] == time["duration"] - time["ex"] - time["db"] >= 10
 
 
 @pytest.fixture
@@ -138,23 +125,17 @@ def callee():
     site.close()
 
 
-def external_call(node):
-    found = [node] if node[2].startswith("External/") else []
-    return found + [deeper for child in node[8] for deeper in external_call(child)]
-
-
 @pytest.mark.parametrize("code, service", cases("applications/callers.php"))
 def test_two_applications_share_one_transaction(site, callee, code, service):
     """The call, its answer and both traces carry one id; each side knows the other's trace."""
     callee.script(program(f"applications/{service}.php"), "item.php")
-    site.daemon.configure(TRACED)
-    result = site.cgi(code.replace("$URL", start_server(callee)), twin=False)
+    result = site.cgi(code.replace("$URL", start_server(callee)), twin=False, settings=TRACED)
     assert result.body in (b"item", b"4")
     mine, (theirs,) = result.metric, callee.daemon.wait_metrics()
     assert mine.transaction_id == theirs.transaction_id and mine.tracer_id != theirs.tracer_id
     one, = mine.calls
     assert (one.callee_id, one.callee_action) == ("56", theirs.action) == ("56", "WebAction/URI/item.php")
-    node, = external_call(mine.trace)
+    node, = [node for node in wire.nodes(mine.trace) if node[2].startswith("External/")]
     data = node[7]["txData"]
     assert (node[7]["txId"], data["tr"]) == (mine.transaction_id, 1)
     assert (data["trId"], data["action"]) == (theirs.tracer_id, theirs.action)

@@ -93,8 +93,7 @@ class Page:
             self.env["PG_DSN"] = getfixture("postgres").dsn
 
     def run(self, sql, settings):
-        self.site.daemon.configure(settings)
-        return self.site.cgi(self.code, env={**self.env, "SQL": sql}, ini=self.ini).metric
+        return self.site.cgi(self.code, env={**self.env, "SQL": sql}, ini=self.ini, settings=settings).metric
 
 
 @pytest.fixture

@@ -21,8 +21,7 @@ def page(site, request):
             env["MYSQL_SOCKET"] = str(request.getfixturevalue("mariadb").socket)
         if re.search("(pg|pdo_pg)(_link|$)", used):
             env["PG_DSN"] = request.getfixturevalue("postgres").dsn
-        site.daemon.configure(settings)
-        return site.cgi(LINKS + code, ini={"zqs.agent_log_level": "DEBUG", **(ini or {})}, env=env)
+        return site.cgi(LINKS + code, ini={"zqs.agent_log_level": "DEBUG", **(ini or {})}, env=env, settings=settings)
     return run
 
 
@@ -145,9 +144,8 @@ def test_pruning_starts_with_the_101st_call(site, calls, kept):
 ])
 def test_a_worker_that_runs_queries_for_hours_stays_bounded(site, varies, first, limit, least):
     runs = 450000
-    site.daemon.configure({})
     result = site.cli(program("worker.php"), env={"RUNS": str(runs), "VARIES": varies},
-                      ini={"zqs.agent_log_level": "DEBUG", "memory_limit": limit})
+                      ini={"zqs.agent_log_level": "DEBUG", "memory_limit": limit}, settings={})
     found = statements(result.metric)
     assert result.body == b"small;bounded;" and least < len(found) < runs and found[:3] == first
     assert site.log().count("statements of this action are full") == 1

@@ -25,8 +25,7 @@ def summary(error):
 
 @pytest.mark.parametrize("code, expected", cases("errors.php"))
 def test_the_reported_error(site, code, expected):
-    site.daemon.configure(COLLECTING)
-    result = site.cgi(code, ini=SHOWN)
+    result = site.cgi(code, ini=SHOWN, settings=COLLECTING)
     error = result.metric.error
     assert (error and summary(error)) == expected
     assert not error or error["class"] != "HTTP_ERROR" or error["status"] == result.status
@@ -35,10 +34,9 @@ def test_the_reported_error(site, code, expected):
 @pytest.mark.parametrize("filler", [0, 100_000, 300_000, 700_000])
 def test_recording_exhausted_memory_costs_the_page_nothing(site, filler):
     """However near to the limit the last allocation came: the engine discards a buffered page that is beyond it."""
-    site.daemon.configure(COLLECTING)
     name = "f" * 2000
     result = site.cgi(program("exhausted.php").replace("NAME", name), ini={**SHOWN, "memory_limit": "2M"}, twin=False,
-                      env={"FILLER": str(filler)})
+                      env={"FILLER": str(filler)}, settings=COLLECTING)
     assert result.body.startswith(b"page") and result.body.count(b"Allowed memory size") == 1
     assert len(result.metric.error["stack"]) == 20
 

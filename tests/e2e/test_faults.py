@@ -9,60 +9,16 @@ import time
 import pytest
 
 import wire
-from cases import cases
-from engines import ENGINE, IS_ROOT, PROJECT, SCRIPTS, WEB_USER, FastCgi, web_environment
+from cases import cases, program
+from engines import ENGINE, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
 from fake_daemon import PLAIN, SILENCE
+from sockets import Mortal, Slow
 
-EVERY_HOOK = (SCRIPTS / "faults/every_hook.php").read_text().removeprefix("<?php")
+EVERY_HOOK = program("faults/every_hook.php")
 PROFILE = {"zqs.capture_params": "1", "zqs.action_tracer.action_threshold": "-1", "zqs.error_collector.enabled": "1",
            "zqs.error_collector.record_db_errors": "0"}
 PROMPT_MS = 1500          # on a busy machine; what blocks takes longer
 NAMESPACE = ["unshare", "--mount"] + ([] if IS_ROOT else ["--user", "--map-root-user"])
-
-
-class Through:
-    """A daemon's socket that does its work in another way."""
-
-    def __init__(self, sock):
-        self.sock = sock
-
-    def __getattr__(self, name):
-        return getattr(self.sock, name)
-
-
-class Mortal(Through):
-    """Dies with the last byte of its allowance, whichever way that goes."""
-    allowance = total = 0
-
-    def spend(self, data, move):
-        count = move(data[:self.allowance])
-        self.allowance -= count
-        Mortal.total += count
-        if not self.allowance or not count:
-            raise ConnectionAbortedError
-        return count
-
-    def recv_into(self, view):
-        return self.spend(view, self.sock.recv_into)
-
-    def sendall(self, data):
-        self.spend(data, self.sock.send)
-
-
-class Slow(Through):
-    """Reads little at a time once it has answered, and takes its time for it."""
-    pause_s = 0
-
-    def recv_into(self, view):
-        time.sleep(self.pause_s)
-        count = self.sock.recv_into(view[:1 << 16])
-        if not count:
-            raise ConnectionAbortedError
-        return count
-
-    def sendall(self, data):
-        self.sock.sendall(data)
-        self.pause_s = 0.08
 
 
 def compare(site, prefix=(), code=EVERY_HOOK, ini=None, env=None):
@@ -164,9 +120,8 @@ def test_proc_is_not_mounted(site):
 
 def test_wall_clock_jumps(site, shim):
     """A year ahead, a year back, at every reading: durations do not know."""
-    site.daemon.configure(PROFILE)
     result = site.cgi("function pause() { usleep(30000); } pause();", env={**shim, "SHIM_WALL": "1"},
-                      ini={"zqs.agent_log_level": "DEBUG"})
+                      ini={"zqs.agent_log_level": "DEBUG"}, settings=PROFILE)
     assert 30 <= result.metric.duration_ms < 30 + PROMPT_MS
     assert 30 <= result.metric.components["PHP/NULL/pause"][0] <= result.metric.duration_ms
     assert len(set(re.findall(r"\n(\d{4})-", site.log()))) == 2

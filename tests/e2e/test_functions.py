@@ -26,10 +26,9 @@ RESULTS = {
 
 @pytest.mark.parametrize("web", [False, True], ids=["command line", "web"])
 def test_results(site, web):
-    site.daemon.configure(COLLECTING)
     expected = [(call, result) for result, calls in RESULTS.items() for call in calls]
     code = f"$stream = fopen('php://memory', 'r'); echo json_encode(array({','.join(call for call, _ in expected)}));"
-    found = json.loads((site.cgi if web else site.cli)(code, twin=False).body)
+    found = json.loads((site.cgi if web else site.cli)(code, twin=False, settings=COLLECTING).body)
     meaning = {"command line": None if web else True, "command line, once": None}
     assert list(zip([call for call, _ in expected], found)) == [(call, meaning.get(result, result)) for call, result in expected]
 
@@ -41,8 +40,7 @@ def test_declared_and_warning_as_the_engine_does(site, code, printed):
 
 def test_actions_of_a_worker(site):
     """Each has its own name, errors, calls and ids; what lies between two is nobody's; the last one is still open."""
-    site.daemon.configure(CONNECTED)
-    first, *found = site.cli(program("functions/worker.php"), twin=False).metrics
+    first, *found = site.cli(program("functions/worker.php"), twin=False, settings=CONNECTED).metrics
     assert first.action.startswith("BackgroundAction/")
     assert [(m.action, len(m.calls), m.error and m.error["message"]) for m in found] == [
         ("WebAction/orders/list", 1, "first"), ("WebAction/API/sync", 2, None), ("WebAction/a/b?c", 0, None),
@@ -63,8 +61,7 @@ def test_a_framework_does_not_rename_an_action_of_the_application(site):
 
 def test_ten_thousand_actions_keep_memory_flat(site):
     """Every tenth is started twice; calls, errors and components happen in each. One packet per action."""
-    site.daemon.configure(CONNECTED)
-    result = site.cli(program("functions/long_worker.php"), twin=False)
+    result = site.cli(program("functions/long_worker.php"), twin=False, settings=CONNECTED)
     assert abs(int(result.body)) < 1024
     found = result.metrics[1:]
     assert len(found) == 10000

@@ -3,51 +3,14 @@ import grp
 import json
 import os
 import re
-import shutil
-import signal
 import stat
 import subprocess
-import tempfile
-from pathlib import Path
 
 import pytest
 
-from engines import ENGINE, EXTENSION, IS_ROOT, PROJECT, web_environment
+from engines import ENGINE, EXTENSION, web_environment
 from fake_daemon import wait_until
-
-EXTENSION_DIR = "/opt/php/modules"
-GROUP = "www-data" if IS_ROOT else grp.getgrgid(os.getegid()).gr_name
-
-
-@pytest.fixture
-def root():
-    folder = Path(tempfile.mkdtemp(prefix="zq", dir="/tmp"))     # short: the path of a socket must fit in 107 bytes
-    yield folder
-    shutil.rmtree(folder)
-
-
-def make(verb, root, **variables):
-    settings = {"DESTDIR": root, "EXTENSION_DIR": EXTENSION_DIR, "WEB_GROUP": GROUP, **variables}
-    return subprocess.run(["make", "-C", PROJECT, verb, *(f"{name}={value}" for name, value in settings.items())],
-                          capture_output=True, text=True, timeout=60)
-
-
-def installed(root):
-    return {str(path)[len(str(root)):] for path in root.rglob("*") if not path.is_dir()}
-
-
-def php(root, program, *arguments, **keywords):
-    """The engine with the installed ini file as its php.ini, turned to the staging folder."""
-    return subprocess.run([ENGINE / "bin" / program, "-c", f"{root}/usr/share/quorbit/quorbit.ini",
-                           "-d", f"extension_dir={root}{EXTENSION_DIR}", "-d", f"zqs.prefix={root}/usr",
-                           "-d", f"zqs.runtime_root={root}/var", *arguments], capture_output=True, timeout=60, **keywords)
-
-
-def stop_daemon(root):
-    pid = int((root / "var/log/quorbit/quorbit.pid").read_text())
-    assert os.readlink(f"/proc/{pid}/exe") == f"{root}/usr/bin/quorbit"
-    os.kill(pid, signal.SIGTERM)
-    wait_until(lambda: not Path(f"/proc/{pid}/exe").exists(), "the daemon's end")
+from staging import EXTENSION_DIR, GROUP, installed, make, php, stop_daemon
 
 
 def test_install_places_its_files_and_uninstall_takes_them_back(root):

@@ -4,16 +4,16 @@ import re
 
 import pytest
 
-from engines import php
+from cases import program
+
 
 HEADERS = {"Referer": "http://a.test/?q=1", "User-Agent": "probe/1.0"}
 NUMBERS = [0x1A, 0x1B, 0x14, 0x15, 0x16]
 
 
 def test_records_of_a_web_request(site):
-    site.daemon.configure({"zqs.capture_params": "1"})
     result = site.cgi('http_response_code(203); function work() { usleep(20000); } work();', "/shop/a12.php?x=1&y=2", "POST",
-                      b"z=3", HEADERS, ini={"zqs.license_key": "12345"})
+                      b"z=3", HEADERS, ini={"zqs.license_key": "12345"}, settings={"zqs.capture_params": "1"})
     metric = result.metric
     assert metric.kinds == [0x11, 0x0E, 0x12, 0x21, *NUMBERS, *[0x2B] * len(metric.components), *[0x24] * 4, *[0x23] * 3]
     assert (metric.app, metric.license, metric.action) == ("Shop", "12345", "WebAction/URI/shop%2Fa*.php")
@@ -30,8 +30,7 @@ def test_absent_and_empty_headers_are_left_out(site):
 
 
 def test_records_of_a_command_line_run(site):
-    site.daemon.configure({"zqs.capture_params": "1"})
-    metric = site.cli("", env={"HTTP_REFERER": "a", "QUERY_STRING": "x=1"}).metric
+    metric = site.cli("", env={"HTTP_REFERER": "a", "QUERY_STRING": "x=1"}, settings={"zqs.capture_params": "1"}).metric
     assert metric.kinds == [0x11, 0x0E, 0x12, *NUMBERS, *[0x2B] * len(metric.components)]
     assert metric.action.startswith("BackgroundAction/Script/")
 
@@ -50,7 +49,7 @@ def test_times_are_those_of_the_request(site):
 
 
 def test_outermost_functions_become_components(site):
-    metric = site.cgi(php("components")).metric
+    metric = site.cgi(program("components.php")).metric
     found = metric.components
     assert sum(own for _, own in found.values()) == metric.duration_ms, "nothing is counted twice"
     compiled, rest = found.pop("PHP/NULL/compile"), found.pop("PHP/NULL/remainder code", None)
@@ -96,28 +95,3 @@ def test_action_names(site, auto, uri, action):
     site.daemon.configure({"zqs.auto_action_naming": auto})
     script = re.sub("[0-9]{2,}", "*", str(site.docroot / "index.php")).replace("/", "%2F").replace("%2F", "/", 1)
     assert site.cgi("", uri).metric.action == "WebAction/" + action.format(script=script)
-
-
-def test_captured_parameters_take_part_in_the_name(site):
-    site.daemon.configure({"zqs.auto_action_naming": "0",
-                           "zqs.web_action_uri_params_captured": "/other.php,x|/list.php,page sort,who,X-Kind"})
-    result = site.cgi("", "/list.php?sort=asc&page=3", "POST", b"who=" + b"%22me", {"X-Kind": "42"})
-    assert result.metric.action == 'WebAction/URI/list.php?page=3&sort=asc&who=\\"me&X-Kind=*'
-
-
-def test_action_can_be_cut_by_the_script_itself(site):
-    result = site.cli(php("jobs"))
-    assert [metric.action for metric in result.metrics] == ["WebAction/orders/list", "WebAction/API/sync"]
-    for metric in result.metrics:
-        assert metric.duration_ms >= 3 and set(metric.components) <= {"PHP/NULL/job", "PHP/NULL/remainder code"}
-
-
-@pytest.mark.parametrize("count, arrives", [(2000, True), (4090, False)])
-def test_packets_of_16_mib_and_more_cannot_be_framed(site, count, arrives):
-    """The longest that fits arrives whole; a longer one is dropped with a word in the log."""
-    site.daemon.configure({"zqs.capture_params": "1"})
-    form = "&".join(f"p{i}=" + "x" * 4096 for i in range(count)).encode()
-    result = site.cgi("echo count($_POST);", method="POST", body=form,
-                      ini={"memory_limit": "256M", "post_max_size": "32M", "max_input_vars": "5000"})
-    assert [len(metric.params) for metric in result.metrics] == ([count] if arrives else [])
-    assert ("metric data too large: " in site.log()) != arrives

@@ -1,13 +1,11 @@
 """Caches and document stores: each client's calls as one total per operation, in agreement with all else a packet says."""
 import json
 import threading
-from pathlib import Path
 
 import pytest
 
 from cases import cases, program
-from engines import ENGINE
-from stores import cluster, mortal_redis, phpredis, redis  # noqa: F401 (fixtures)
+from engines import ENGINE, SCRIPTS
 
 CALLEE = {"zqs.vantorIdSecret": "12|34", "zqs.action_tracer.enabled": "0"}
 CALLER = {"X-Vantor-Id": "12|99;c=1;x=abc123"}
@@ -47,10 +45,9 @@ def check_rows(metric, expected):
 
 def check(site, code, expected, ini, server=None):
     """One request by a monitored caller, whose answer's header is the one thing that the twin does not have."""
-    site.daemon.configure(CALLEE)
     ini = {**ini, "output_buffering": "65536"}               # the answer goes out with the page, at its end
-    code = code.replace("$SOCKET", str(server and server.socket)).replace("$FIXTURES", str(Path(__file__).parent / "php"))
-    result = site.cgi(code + "\nusleep(20000);", headers=CALLER, ini=ini, differs=["headers"])
+    code = code.replace("$SOCKET", str(server and server.socket)).replace("$FIXTURES", str(SCRIPTS))
+    result = site.cgi(code + "\nusleep(20000);", headers=CALLER, ini=ini, differs=["headers"], settings=CALLEE)
     check_rows(result.metric, expected)
     check_sums(result)
 

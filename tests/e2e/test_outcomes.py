@@ -25,7 +25,6 @@ def meminfo(shim, total=1000, **figures):
     (None, {"ini": {"zqs.agent_enabled": "2"}}),
 ])
 def test_web_requests(site, line, options):
-    site.daemon.configure(options.pop("settings", None))
     ini = {"zqs.agent_log_level": "VERBOSE", **options.pop("ini", {})}
     result = site.cgi('echo "done";', ini=ini, **options)
     assert result.monitored == (line is None)

@@ -1,15 +1,11 @@
 """Many requests, many processes, many threads: every stream of bytes belongs to one of them and is whole."""
-import subprocess
-from collections import Counter
-
 import pytest
 
 import wire
-from engines import ENGINE, Apache, BuiltIn, FastCgi, Fpm, at_once, php
+from cases import program
+from engines import Apache, BuiltIn, FastCgi, Fpm, at_once
 
-FOLDER = subprocess.run([ENGINE / "bin/php-config", "--extension-dir"], capture_output=True, text=True).stdout.strip()
-OPCACHE = {"zend_extension": f"{FOLDER}/opcache.so", "opcache.enable": "1", "opcache.memory_consumption": "16"}
-CODE = php("greeting")
+CODE = program("greeting.php")
 
 
 def meet(site, server, count):
@@ -19,7 +15,7 @@ def meet(site, server, count):
     folder.chmod(0o777)
     for file in folder.iterdir():
         file.unlink()
-    script = site.script(php("gate"), "gate.php")
+    script = site.script(program("gate.php"), "gate.php")
     pages = at_once(count, lambda i: server.agent.request(script, f"/gate.php?count={count}"))
     assert {page.body for page in pages} == {b"page 1"}
 
@@ -44,40 +40,17 @@ def test_one_request_leaves_nothing_to_the_next(site):
         {"PHP/NULL/three"}
 
 
-@pytest.mark.parametrize("ini", [{}, OPCACHE], ids=["plain", "opcache"])
-def test_fpm_children_have_sockets_of_their_own(site, ini):
-    server = site.serve(Fpm, ini)
-    result = server.get(CODE)
-    assert result.metric.details["httpStatus"] == "200"
-    site.daemon.forget()
-    for _ in range(3):
-        meet(site, server, Fpm.children)
-    found = site.daemon.wait_metrics(3 * Fpm.children)
-    speakers = {c.pid: c for c in site.daemon.connections if c.packets}
-    assert len(speakers) == Fpm.children and server.agent.process.pid not in speakers
-    assert Counter(metric.details["threadName"] for metric in found) == Counter({f"pid-{pid}": 3 for pid in speakers})
-    for pid, connection in speakers.items():
-        assert {m.details["threadName"] for m in connection.packets if isinstance(m, wire.Metric)} == {f"pid-{pid}"}
-
-
-@pytest.mark.parametrize("ini", [{}, OPCACHE], ids=["plain", "opcache"])
-def test_apache_threads_have_sockets_of_their_own(site, ini):
-    server, count = site.serve(Apache, ini), 10
-    assert server.get(CODE, "/shop.php?a=1").metric.uri == "/shop.php"
-    server.get('http_response_code(404); echo "gone";')
+@pytest.mark.parametrize("kind, count, processes", [(Fpm, Fpm.children, Fpm.children), (Apache, 10, 1)])
+def test_children_and_threads_have_sockets_of_their_own(site, kind, count, processes):
+    server = site.serve(kind)
+    server.get(CODE)
     site.daemon.forget()
     for _ in range(3):
         meet(site, server, count)
     site.daemon.wait_metrics(3 * count)
     speakers = [c for c in site.daemon.connections if c.packets]
-    assert len({c.pid for c in speakers}) == 1 and sum(c.open for c in speakers) >= 8
-    assert server.agent.process.pid not in {c.pid for c in speakers}
-
-
-def test_forked_script_reports_twice(site):
-    """Parent and children speak over connections of their own, and each tells of its run."""
-    result = site.cli(php("fork"))
-    assert len(result.metrics) == 4
-    speakers = [c for c in site.daemon.connections if c.packets]
-    assert len({c.pid for c in speakers}) == 4
-    assert sorted(len(c.packets) for c in speakers) == [1, 1, 1, 2]      # the parent's has the query as well
+    pids = {c.pid for c in speakers}
+    assert len(pids) == processes and server.agent.process.pid not in pids
+    told = [[m.details["threadName"] for m in site.daemon.received(wire.Metric, [c])] for c in speakers]
+    assert [set(names) for names in told] == [{f"pid-{c.pid}"} for c in speakers]
+    assert len(told) >= count and all(len(names) <= 3 for names in told), "so many at once, three times"

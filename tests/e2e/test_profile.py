@@ -1,8 +1,7 @@
 """A thread profile: each action sends its events while it lasts."""
 import time
 
-from engines import php
-
+from cases import program
 
 
 def profile(site, seconds):
@@ -13,7 +12,7 @@ def profile(site, seconds):
 def test_events_of_an_action(site):
     profile(site, 60)
     before = int(time.monotonic() * 1000)
-    result = site.cgi(php("profile"), ini={"zqs.license_key": "k1"})
+    result = site.cgi(program("profile.php"), ini={"zqs.license_key": "k1"})
     found = [(event.event, event.name) for event in result.events]
     assert found == [
         ("enter action", "Web"), ("enter function", "main"), ("enter function", "Cart::total"), ("enter function", "Cart::sum"),

@@ -3,7 +3,8 @@ import struct
 
 import pytest
 
-from engines import EXTENSION, IS_ROOT, Apache, BuiltIn, FastCgi, Fpm, php
+from cases import program
+from engines import EXTENSION, IS_ROOT, Apache, BuiltIn, FastCgi, Fpm
 from wire import record
 
 PROXY = {"zqs.port": "1", "zqs.proxy_host": "h", "zqs.proxy_port": "2", "zqs.proxy_user": "u", "zqs.proxy_password": "p=q"}
@@ -26,7 +27,7 @@ def check_query(site, result, api, apache=False, app="Shop", license="empty key"
 def code(site):
     (site.docroot / "environment").touch()
     (site.docroot / "environment").chmod(0o666)
-    return php("environment")
+    return program("environment.php")
 
 
 @pytest.mark.parametrize("ini, expected", [

@@ -1,7 +1,9 @@
 """Scripts that leave by every door and call in every way: what they show is the same with the agent, and it reports them."""
 import pytest
 
-from engines import SCRIPTS, php
+import wire
+from cases import program
+from engines import SCRIPTS
 
 INI = {"memory_limit": "32M", "display_errors": "1", "html_errors": "0", "log_errors": "1", "error_log": "/dev/stderr"}
 TRACED = {"zqs.action_tracer.action_threshold": "1", "zqs.error_collector.enabled": "1", "zqs.transaction_tracer.enabled": "1"}
@@ -9,9 +11,8 @@ TRACED = {"zqs.action_tracer.action_threshold": "1", "zqs.error_collector.enable
 
 @pytest.mark.parametrize("name", sorted(path.stem for path in (SCRIPTS / "scripts").iterdir()))
 def test_scripts_run_as_without_the_agent(site, name):
-    site.daemon.configure(TRACED)
-    code = php(f"scripts/{name}")
-    assert site.cgi(code, ini=INI).metric.action == "WebAction/URI/index.php"
+    code = program(f"scripts/{name}.php")
+    assert site.cgi(code, ini=INI, settings=TRACED).metric.action == "WebAction/URI/index.php"
     assert site.cli(code, ini=INI).metrics
 
 
@@ -24,15 +25,11 @@ def test_scripts_run_as_without_the_agent(site, name):
     ("after_exit", "NULL/down NULL/out", "::down ::out"),  # everything begins anew; what the exit left is not counted
 ])
 def test_calls_are_timed_under_their_names(site, name, components, traced):
-    def names(node):
-        return {f"{node[5]}::{node[6]}"}.union(*map(names, node[8]))
-
-    site.daemon.configure(TRACED)
-    metric = site.cgi(php(f"timed/{name}")).metric
+    metric = site.cgi(program(f"timed/{name}.php"), settings=TRACED).metric
     assert set(metric.components) - {"PHP/NULL/compile", "PHP/NULL/remainder code"} == {"PHP/" + c for c in components.split()}
-    assert names(metric.trace) - {"PHP::compile"} == {"PHP::execute", "::usleep", *traced.split()}
+    nodes = {f"{node[5]}::{node[6]}" for node in wire.nodes(metric.trace)}
+    assert nodes - {"PHP::compile"} == {"PHP::execute", "::usleep", *traced.split()}
 
 
 def test_an_action_threshold_of_zero_is_the_default(site):
-    site.daemon.configure({"zqs.action_tracer.action_threshold": "0"})
-    assert site.cgi("usleep(2000);").metric.trace is None
+    assert site.cgi("usleep(2000);", settings={"zqs.action_tracer.action_threshold": "0"}).metric.trace is None

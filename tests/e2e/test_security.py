@@ -17,9 +17,9 @@ import wire
 from cases import program
 from engines import IS_ROOT, WEB_USER
 from fake_daemon import wait_until
+from local_daemon import QUORBIT
 from peer import Peer
-from test_daemon import QUORBIT, real  # noqa: F401 (a fixture)
-from test_install import make, php, root, stop_daemon  # noqa: F401 (a fixture)
+from staging import make, php, stop_daemon
 
 needs_accounts = pytest.mark.skipif(not IS_ROOT, reason="other accounts need root")
 WEB_UID = pwd.getpwnam(WEB_USER).pw_uid
@@ -45,7 +45,7 @@ for name, attempt in attempts.items():
 
 
 @needs_accounts
-def test_the_web_servers_group_reaches_the_socket_and_the_log_and_nobody_else_anything(root):  # noqa: F811
+def test_the_web_servers_group_reaches_the_socket_and_the_log_and_nobody_else_anything(root):
     make("install", root)
     root.chmod(0o755)
     logs = root / "var/log/quorbit"
@@ -69,7 +69,7 @@ def sockets_of(pid):
     return {int(link[8:-1]) for link in links if link.startswith("socket:")}
 
 
-def test_the_daemon_listens_on_its_socket_alone(real):  # noqa: F811
+def test_the_daemon_listens_on_its_socket_alone(real):
     real.php()
     pid, = real.pids()
     wait_until(lambda: len(sockets_of(pid)) == 1, "php's connection to close")
@@ -80,7 +80,7 @@ def test_the_daemon_listens_on_its_socket_alone(real):  # noqa: F811
 @needs_accounts
 @pytest.mark.parametrize("kind", ["link", "pipe"])
 @pytest.mark.parametrize("name", ["php-agent.log", ".quorbit.cfg", "daemon.log", "quorbit.db", "quorbit.pid", "quorbit.pid.lock"])
-def test_what_another_account_left_in_the_folder_leads_nowhere(real, name, kind):  # noqa: F811
+def test_what_another_account_left_in_the_folder_leads_nowhere(real, name, kind):
     """Where the folder is open to it: root's PHP and root's daemon neither follow nor wait."""
     victim, planted = real.site.root / "victim", real.logs / name
     victim.touch(0o600)
@@ -93,7 +93,7 @@ def test_what_another_account_left_in_the_folder_leads_nowhere(real, name, kind)
 
 
 @needs_accounts
-def test_the_daemon_takes_its_files_names_from_root_or_itself_only(real):  # noqa: F811
+def test_the_daemon_takes_its_files_names_from_root_or_itself_only(real):
     config = real.site.root / "other.cfg"
     config.write_text(f"zqs.pid_file={real.logs}/x.pid\nzqs.ipc_listen_file={real.logs}/x.sock\n")
     os.chown(config, WEB_UID, -1)
@@ -111,7 +111,7 @@ def test_an_operators_link_redirects_the_log(site, relative):
 
 
 @needs_accounts
-def test_root_gives_the_daemon_to_the_folders_owner(real):  # noqa: F811
+def test_root_gives_the_daemon_to_the_folders_owner(real):
     real.site.logs.chmod(0o2750)
     os.chown(real.logs, WEB_UID, -1)
     real.php()
@@ -122,7 +122,7 @@ def test_root_gives_the_daemon_to_the_folders_owner(real):  # noqa: F811
     assert {path.stat().st_uid for path in real.logs.glob("quorbit.*")} == {WEB_UID}
 
 
-def test_a_flood_of_large_queries_finds_the_daemon_bounded(real):  # noqa: F811
+def test_a_flood_of_large_queries_finds_the_daemon_bounded(real):
     """While the store cannot be written: 600 MB of what a query says of its process."""
     real.php()
     real.reports(1)

@@ -29,11 +29,6 @@ IS_ROOT = os.geteuid() == 0
 AGENT = "the agent"                        # its place in a php.ini's "load"
 
 
-def php(name):
-    """The code of a script in tests/e2e/php, for the calls below that take code."""
-    return (SCRIPTS / f"{name}.php").read_text().removeprefix("<?php\n")
-
-
 @dataclass
 class Result:
     """What a client sees of one request, and what the daemon got meanwhile."""
@@ -158,8 +153,11 @@ class Site:
             result.status, result.headers, result.body = parse_cgi(done.stdout)
         return result
 
-    def both(self, binary, arguments, ini=None, env=None, stdin=b"", web=False, twin=True, differs=()):
-        """Runs a process with the agent, collects what the daemon got, and compares with a run of the bare engine."""
+    def both(self, binary, arguments, ini=None, env=None, stdin=b"", web=False, twin=True, differs=(), settings=None):
+        """Runs a process with the agent, collects what the daemon got, and compares with a run of the bare engine. Without
+        `settings` the daemon answers as before."""
+        if settings is not None:
+            self.daemon.configure(settings)
         self.daemon.forget()
         result = self.run([ENGINE / "bin" / binary, "-c", self.ini_file(True, ini), *arguments], env, stdin, web)
         self.daemon.settle()

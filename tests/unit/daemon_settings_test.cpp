@@ -6,9 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <set>
-#include <unistd.h>
+#include <sys/stat.h>
 
 using namespace quorbit;
 using namespace quorbit_test;
@@ -81,13 +80,10 @@ TEST(Stamps, ChangeWithEverySettingAndOnlyWithThem) {
 }
 
 TEST(Applications, AreNotReadFromAPipe) {
-  char path[] = "/tmp/quorbit-test-XXXXXX";
-  ASSERT_TRUE(mkdtemp(path));
-  const std::string file = std::string(path) + "/applications.conf";
-  mkfifo(file.c_str(), 0600);
+  const TemporaryFolder folder;
+  const std::string file = folder.path() + "/applications.conf";
+  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
   EXPECT_TRUE(settings_of(ApplicationsFile(file).current(), "A").empty()) << "nobody writes into it";
-  unlink(file.c_str());
-  rmdir(path);
 }
 
 TEST(ProfileSessions, StartWithTheFirstProcessThatAsksAndEndForAllTogether) {

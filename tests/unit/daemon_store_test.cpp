@@ -5,43 +5,41 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 using namespace quorbit;
 using namespace quorbit_test;
 
 class StoreTest : public testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/quorbit-test-XXXXXX";
-    ASSERT_TRUE(mkdtemp(name));
-    folder_ = name;
-    path_ = folder_ + "/quorbit.db";
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
-
   static StoredPacket metric(int64_t at_ms, const std::string& application, const std::string& more = "") {
     return {0x0B, 42, at_ms, action_body(application, "cart", 100, more)};
   }
   static StoredPacket event(int64_t at_ms, const std::string& line) {
     return {0x09, 42, at_ms, record(17, "Shop") + record(14, "key") + record(44, line)};
   }
-  template <typename... Items>
-  void add(const Items&... items) {
+  // One transaction of a store that is open for that long.
+  void write(const std::function<void(Store&)>& items) {
     Store store(path_);
     store.begin();
-    (store.add(items), ...);
+    items(store);
     store.commit();
   }
+  void add(const std::vector<StoredPacket>& packets) {
+    write([&](Store& store) {
+      for (const StoredPacket& packet : packets) store.add(packet);
+    });
+  }
 
-  std::string folder_, path_;
+  const TemporaryFolder folder_;
+  const std::string path_ = folder_.path() + "/quorbit.db";
 };
 
 TEST_F(StoreTest, FindsActionsAgain) {
-  add(metric(1000, "Shop", record(0x16, number(40)) + record(0x2A, "1\n500\nc\nm\n")), metric(2000, "Api"), metric(3000, "Shop"),
-      StoredPacket{0x0B, 1, 1, "garbled"});
+  add({metric(1000, "Shop", record(0x16, number(40)) + record(0x2A, "1\n500\nc\nm\n")), metric(2000, "Api"), metric(3000, "Shop"),
+       {0x0B, 1, 1, "garbled"}});
   StoreReader reader(path_);
   auto all = reader.newest(10, "");
   ASSERT_EQ(all.size(), 3u);
@@ -59,8 +57,8 @@ TEST_F(StoreTest, FindsActionsAgain) {
 }
 
 TEST_F(StoreTest, JoinsTheHalvesOfATransaction) {
-  add(metric(1, "Shop", record(0x20, "tx") + record(0x26, "a")), metric(2, "Api", record(0x20, "tx") + record(0x26, "b")),
-      metric(3, "Other", record(0x26, "c")), metric(4, "Alone"));
+  add({metric(1, "Shop", record(0x20, "tx") + record(0x26, "a")), metric(2, "Api", record(0x20, "tx") + record(0x26, "b")),
+       metric(3, "Other", record(0x26, "c")), metric(4, "Alone")});
   StoreReader reader(path_);
   auto related = reader.related(*reader.action(1), {"c", "b", "missing"});
   ASSERT_EQ(related.size(), 2u);
@@ -71,14 +69,11 @@ TEST_F(StoreTest, JoinsTheHalvesOfATransaction) {
 
 TEST_F(StoreTest, DropsTheOldestFirstAndNoMoreThanItMust) {
   const std::string large = record(0x77, std::string(50000, 'x'));
-  {
-    Store store(path_);
-    store.begin();
+  write([&](Store& store) {
     store.add(event(1, "1 1 enter action Web"));
     for (int i = 0; i < 200; i++) store.add(metric(1000 + i, "Shop", large));
     store.prune(4 << 20);
-    store.commit();
-  }
+  });
   StoreReader reader(path_);
   auto rows = reader.newest(1000, "");
   EXPECT_EQ(rows.front().received_ms, 1199);
@@ -91,14 +86,11 @@ TEST_F(StoreTest, DropsTheOldestFirstAndNoMoreThanItMust) {
 }
 
 TEST_F(StoreTest, RemembersApplicationsWithinABound) {
-  {
-    Store store(path_);
-    store.begin();
+  write([](Store& store) {
     for (int i = 0; i < 1100; i++) store.add(StoredQuery{"App" + std::to_string(i), 7, 1000 + i, "cli", "5.6", "a=b\n"});
     store.add(metric(5000, "App0"));
     store.prune(int64_t{1} << 30);
-    store.commit();
-  }
+  });
   auto applications = StoreReader(path_).applications();
   EXPECT_EQ(applications.size(), 1024u);
   ASSERT_EQ(applications[0].name, "App0") << "seen last, though asked first";
@@ -124,8 +116,8 @@ TEST_F(StoreTest, CarriesProfileOrdersAndTheirEvents) {
   client.cancel_order(order);
   EXPECT_TRUE(client.order_start(order)) << "too late";
 
-  add(event(700, "1 5 enter action old"), event(800, "2 9 enter action a"), event(801, "3 5 enter action b"),
-      event(802, "4 9 leave action a"));
+  add({event(700, "1 5 enter action old"), event(800, "2 9 enter action a"), event(801, "3 5 enter action b"),
+       event(802, "4 9 leave action a")});
   std::string seen;
   client.each_profile_event("Shop", 777, [&](const ProfileEvent& event) { seen += std::to_string(event.thread) + event.name; });
   EXPECT_EQ(seen, "5b9a9a");
@@ -145,8 +137,7 @@ TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     try {
       rows = StoreReader(path_).newest(1, "");
-    } catch (const SqliteError&) {
-      // not made yet
+    } catch (const SqliteError&) {  // not made yet
     }
   }
   ASSERT_FALSE(rows.empty());
@@ -154,7 +145,7 @@ TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
 }
 
 TEST_F(StoreTest, RefusesTheLayoutOfAnotherVersionAndHalfMadeFiles) {
-  add(metric(1, "Shop"));
+  add({metric(1, "Shop")});
   for (const char* version : {"PRAGMA user_version = 99", "PRAGMA user_version = 0"}) {
     Database(path_, Database::Mode::read_write).execute(version);
     EXPECT_THROW(Store store(path_), SqliteError) << version;

@@ -12,17 +12,14 @@ TEST_F(Settings, FollowTheScript)
 		{"slow_sql", &g->action_tracer_slow_sql}, {"slow_sql_threshold", &g->action_tracer_slow_sql_threshold},
 		{"explain_enabled", &g->action_tracer_explain_enabled}, {"explain_threshold", &g->action_tracer_explain_threshold},
 	};
-	std::string all;
+	int number = 30;
 	for (const auto &row : rows) {
-		*row.field = -1;
-		all += std::to_string(30 + (&row - rows)) + ",";
-		run("ini_set('zqs.action_tracer." + std::string(row.setting) + "', '" + std::to_string(30 + (&row - rows)) + " ms');");
+		run("ini_set('zqs.action_tracer." + std::string(row.setting) + "', '" + std::to_string(number++) + " ms');");
 	}
-	std::string found;
+	number = 30;
 	for (const auto &row : rows) {
-		found += std::to_string(*row.field) + ",";
+		EXPECT_EQ(*row.field, number++) << row.setting; /* each its own field, the text's leading number */
 	}
-	EXPECT_EQ(found, all); /* each its own field, the text's leading number */
 	run("ini_set('zqs.action_tracer.enabled', 'TRUE'); ini_set('zqs.action_tracer.slow_sql', 'on');");
 	EXPECT_EQ(g->action_tracer_enabled, 1);
 	EXPECT_EQ(g->action_tracer_slow_sql, 0);

@@ -1,14 +1,15 @@
-"""The PHP programs below php/. A file is one program, or a table of them, each under a line `# --- name => what is expected`;
+"""The PHP programs below tests/e2e/php. A file is one program, or a table of them, each under a line `# --- name => what is expected`;
 what stands above the first of these lines belongs to all."""
 import re
-from pathlib import Path
 
 import pytest
+
+from engines import SCRIPTS
 
 
 def program(name):
     """As Site takes it: without the opening tag, but with every line at its number."""
-    return (Path(__file__).parent / "php" / name).read_text().removeprefix("<?php")
+    return (SCRIPTS / name).read_text().removeprefix("<?php")
 
 
 def line_of(code, text):

@@ -1,7 +1,9 @@
-// Records as literal bytes for the daemon's tests, made without the code under test.
+// What the daemon's tests share: records as literal bytes, made without the code under test; data files; a folder of one's own.
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -31,11 +33,26 @@ inline std::string action_body(const std::string& application, const std::string
          record(0x1B, number(900)) + record(0x14, number(7)) + record(0x15, number(duration_ms)) + more;
 }
 
-// A file of data/, whole.
+// A file of tests/unit/data, whole.
 inline std::string data(const std::string& name) {
-  const std::string here = __FILE__;
-  std::ifstream file(here.substr(0, here.rfind('/')) + "/data/" + name);
+  std::ifstream file(std::filesystem::path(__FILE__).parent_path() / "../unit/data" / name);
   return {std::istreambuf_iterator<char>(file), {}};
 }
+
+// A folder that goes with the object, and all in it; its path is empty when it could not be made.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    if (!mkdtemp(path_.data())) path_.clear();
+  }
+  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_ = "/tmp/quorbit-test-XXXXXX";
+};
 
 }  // namespace quorbit_test
