@@ -19,23 +19,6 @@ protected:
 	}
 };
 
-TEST_F(Errors, SurvivesTheMemoryLimit)
-{
-	if (!is_zend_mm(TSRMLS_C)) {
-		GTEST_SKIP() << "USE_ZEND_ALLOC=0: there is no limit to reach";
-	}
-	/* a stack of more text than the reserve that the engine keeps for this error */
-	std::string name(2000, 'f');
-	std::string printed = run("function " + name + "($depth) { $depth ? " + name + "($depth - 1) : fill(); }"
-	                          "function fill() { $all = array(); for ($i = 0; ; $i++) { $all[] = 'x' . $i; } }"
-	                          "ini_set('memory_limit', memory_get_usage(true) + 1048576); " + name + "(30);");
-	size_t message = printed.find("Allowed memory size of");
-	EXPECT_TRUE(bailed_out && message != std::string::npos && printed.find("Allowed", message + 1) == std::string::npos) << printed;
-	ASSERT_NE(ZQG(error), nullptr);
-	EXPECT_EQ(strlen(ZQG(error)->stack) / name.size(), 18u); /* and two other frames */
-	EXPECT_EQ(recorded().substr(0, 37), "RUNTIME_ERROR: Allowed memory size of");
-}
-
 TEST_F(Errors, OfTheAgentsOwnCallsAreDroppedUnlessFatal)
 {
 	ZQG(hook_enabled) = 0;
