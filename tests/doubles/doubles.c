@@ -4,6 +4,7 @@
  * and __toString does what that text says, or returns it. A name is a row of the tables below. */
 #include "php.h"
 #include "zend_exceptions.h"
+#include "ext/pdo/php_pdo_driver.h"
 #include <unistd.h>
 
 static int wants(zval *argument, const char *word, const char **behind)
@@ -44,6 +45,19 @@ PHP_FUNCTION(double_call)
 	RETURN_TRUE;
 }
 
+/* Gives a PDO object a driver that does as its own and has another name. */
+PHP_FUNCTION(double_driver)
+{
+	static pdo_driver_t driver;
+	zval *db;
+	if (zend_parse_parameters(ZEND_NUM_ARGS() TSRMLS_CC, "o", &db) == SUCCESS) {
+		pdo_dbh_t *connection = (pdo_dbh_t *)zend_object_store_get_object(db TSRMLS_CC);
+		driver = *connection->driver;
+		driver.driver_name = "double";
+		connection->driver = &driver;
+	}
+}
+
 #define DOUBLE(name) ZEND_FENTRY(name, ZEND_FN(double_call), NULL, ZEND_ACC_PUBLIC)
 
 static const zend_function_entry functions[] = {
@@ -52,6 +66,7 @@ static const zend_function_entry functions[] = {
 	DOUBLE(sqlite_query)
 	DOUBLE(sqlite_exec)
 	DOUBLE(sqlite_unbuffered_query)
+	PHP_FE(double_driver, NULL)
 	PHP_FE_END
 };
 

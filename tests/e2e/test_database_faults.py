@@ -72,8 +72,8 @@ def test_exception_inside_a_transaction(page, link):
 
 
 @pytest.mark.parametrize("code, planned", cases("refused_plans.php"))
-def test_plans_that_cannot_be_had(page, site, code, planned):
-    metric = page(code).metric
+def test_plans_that_cannot_be_had(page, site, doubles, code, planned):
+    metric = page(code, ini=doubles).metric
     assert sum(bool(record.plan) for record in metric.sql) == int(planned) and metric.error is None
     assert ("get pdo explain fail" in site.log()) == ("PDO" in code or "pdo_" in code)
     assert ("pg query explain fail" in site.log()) == ("pg_query" in code)

@@ -36,6 +36,23 @@ TEST_F(Wrapper, FilterPassesEveryWatchedNameAndFewOthers)
 	EXPECT_LT(passed * 20, asked) << "one in twenty";
 }
 
+static std::string callee;
+
+static int look(zq_stack_data *stack, uint64, uint64 TSRMLS_DC)
+{
+	const zend_function *function = stack->execute_data->function_state.function;
+	callee = std::to_string(function->type) + " " + function->common.scope->name + " " + function->common.function_name;
+	return 1;
+}
+
+TEST_F(Wrapper, LooksAtACopyOfAClosureThatMayBeFreed)
+{
+	ZQG(agent_enabled) = ZQG(hook_enabled) = 1;
+	zq_watch_after("C::{closure}", sizeof "C::{closure}", look TSRMLS_CC);
+	run("class C { function m() { $f = function () {}; $f(); } } $c = new C; $c->m();");
+	EXPECT_EQ(callee, std::to_string(ZEND_INTERNAL_FUNCTION) + " C {closure}");
+}
+
 struct numbered_row {
 	zq_name name;
 	int number;

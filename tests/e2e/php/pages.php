@@ -75,6 +75,9 @@ echo PAGE;
 # --- a callback looks into its buffer => <title>t</title>^</head>
 ob_start(function ($page) { ob_get_contents(); return $page; });
 echo PAGE;
+# --- a callback looks into its buffer, which is full => <title>t</title>^</head>
+ob_start(function ($page) { ob_get_contents(); return $page; }, 10);
+echo PAGE;
 # --- a callback removes the head => nothing
 ob_start(function ($page) { return 'gone'; });
 echo PAGE;

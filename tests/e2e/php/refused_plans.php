@@ -41,3 +41,7 @@ echo $db->query("SELECT count(*) FROM n")->fetchColumn();
 file_put_contents("dsn", "sqlite::memory:");
 $db = new PDO("uri:file://" . getcwd() . "/dsn");
 $db->query("SELECT 1");
+# --- a driver that is not known, after a connection of a known vendor => 0
+$db = pdo_sqlite_link();
+double_driver($db);
+echo json_encode($db->query("SELECT name FROM users")->fetchAll());
