@@ -165,7 +165,7 @@ class FakeDaemon:
             hung_up.poll()
         return reply is not HANG_UP and self.after_answer == "read"
 
-    def _wait(self, condition, what, timeout=10):
+    def _wait(self, condition, what, timeout=30):
         if not self._changed.wait_for(condition, timeout):
             raise AssertionError(f"waited {timeout} s for {what}; connections: " +
                                  str([(c.pid, c.open, len(c.packets)) for c in self.connections]))
@@ -174,7 +174,7 @@ class FakeDaemon:
         chosen = self.connections if connections is None else connections
         return [packet for c in chosen for packet in c.packets if isinstance(packet, kind)]
 
-    def wait_metrics(self, count=1, timeout=10):
+    def wait_metrics(self, count=1, timeout=30):
         """Waits for `count` metric packets since the last forget(); more than that is a failure as well."""
         with self._changed:
             self._wait(lambda: len(self.received(wire.Metric)) >= count, f"{count} metric packets", timeout)
@@ -201,7 +201,7 @@ class FakeDaemon:
                 connection.packets.clear()
 
 
-def wait_until(condition, what, timeout=10):
+def wait_until(condition, what, timeout=30):
     deadline = time.monotonic() + timeout
     while not condition():
         assert time.monotonic() < deadline, f"waited {timeout} s for {what}"

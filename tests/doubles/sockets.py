@@ -44,4 +44,4 @@ class Slow(Through):
 
     def sendall(self, data):
         self.sock.sendall(data)
-        self.pause_s = 0.08
+        self.pause_s = 0.015

@@ -6,6 +6,7 @@ import pytest
 
 from engines import FastCgi
 from fake_daemon import HANG_UP, PLAIN, SILENCE
+from sockets import Slow
 from wire import answer, record
 
 URI = "/shop/list.php?page=3&tag=ab"
@@ -28,11 +29,15 @@ def packet(*parts, length=None):
     return record(0x0A, body) if length is None else b"\x0a" + length.to_bytes(3, "big") + body
 
 
-def within(result, blocked):
-    """A blocked call costs about 100 ms; so many are allowed, and they must really have happened."""
-    extra_ms = result.ms - result.bare.ms
-    assert extra_ms < blocked * 100 + 250
-    assert not blocked or extra_ms > (blocked - 0.5) * 100
+def held_up(site, blocked, *arguments, **options):
+    """The result of a request that is held up by so many time-outs of 100 ms, and by no more. A busy machine delays one of
+    the twins now and then: it gets more tries."""
+    for _ in range(10):
+        (site.logs / "php-agent.log").unlink(missing_ok=True)
+        result = site.cgi(*arguments, **options)
+        if round((result.ms - result.bare.ms) / 100) == blocked:
+            return result
+    raise AssertionError(f"{result.ms:.0f} ms, without the agent {result.bare.ms:.0f}")
 
 
 def test_all_keys_take_effect(site):
@@ -71,11 +76,10 @@ def test_all_keys_take_effect(site):
 def test_answers(site, reply, params, opened, blocked, line):
     """The page is the same whatever comes, and the packet arrives, over a new connection where the old one is of no use."""
     site.daemon.reply = reply
-    result = site.cgi('echo "page";', URI, ini={"zqs.agent_log_level": "DEBUG", "memory_limit": "8M"})
+    result = held_up(site, blocked, 'echo "page";', URI, ini={"zqs.agent_log_level": "DEBUG", "memory_limit": "8M"})
     assert [metric.params for metric in result.metrics] == ([params] if params is not None else [])
     assert len(site.daemon.connections) == opened
     assert not line or line in site.log()
-    within(result, blocked)
 
 
 def test_an_answer_lasts_a_minute(site, shim):
@@ -111,26 +115,27 @@ def test_applications_are_configured_apart(site):
 
 def test_a_daemon_that_is_absent_costs_no_time_and_no_output(site):
     with site.daemon.absent():
-        within(site.cgi('echo "page";'), 0)
+        held_up(site, 0, 'echo "page";')
     assert site.log().count("connect socket ") == 2      # one for the query, one for the packet; none at start-up
 
 
 def test_a_daemon_that_accepts_nobody_costs_one_time_out_per_connect(site):
     with site.daemon.full_backlog():
-        within(site.cgi('echo "page";'), 3)
+        held_up(site, 3, 'echo "page";')
 
 
-def test_a_daemon_that_does_not_read_costs_one_time_out(site):
-    site.daemon.after_answer = "ignore"
-    site.daemon.configure(PARAMS)
+@pytest.mark.parametrize("behaviour, through, blocked", [("ignore", None, 1), ("read", Slow, 3)], ids=["not at all", "slowly"])
+def test_a_daemon_that_does_not_read_costs_a_bounded_time(site, behaviour, through, blocked):
+    """2.3 MiB, at 64 KiB per 15 ms half a second: 100 ms for each step, and for all of them 100 ms more per whole MiB."""
+    site.daemon.after_answer, site.daemon.through = behaviour, through
     form = "&".join(f"p{i}=" + "x" * 4000 for i in range(600)).encode()
-    within(site.cgi('echo count($_POST);', method="POST", body=form, ini={"max_input_vars": "1000"}), 1)
+    held_up(site, blocked, "echo count($_POST);", method="POST", body=form, ini={"max_input_vars": "1000"}, settings=PARAMS)
     assert "send metric data fail" in site.log()
 
 
 def test_a_daemon_that_hangs_up_at_once(site):
     site.daemon.hang_up_on_accept = True
-    within(site.cgi('echo "page";'), 0)
+    held_up(site, 0, 'echo "page";')
     assert "fail" in site.log()
 
 

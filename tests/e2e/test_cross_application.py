@@ -38,7 +38,7 @@ def start_server(site):
 def stock():
     """The called application, in each server as it is asked for; the servers stay up for all pages."""
     site, pairs = Site(**{"zqs.app_name": "Stock"}), {}
-    site.daemon.configure({**CALLEE, "zqs.action_tracer.action_threshold": "2000"})
+    site.daemon.configure({**CALLEE, "zqs.action_tracer.action_threshold": "60000"})
 
     def serve(kind):
         if kind not in pairs:

@@ -17,7 +17,7 @@ def test_many_processes_at_once_start_one_daemon(real):
     real.php("function work() { usleep(30000); } work();", "work.php")
     real.reports(1, "work.php")
     newest, = real.shown("work.php")
-    assert newest["application"] == "Shop" and 30 <= newest["duration_ms"] < 500
+    assert newest["application"] == "Shop" and 30 <= newest["duration_ms"] < 10000
     assert "PHP/NULL/work" in real.command("show", str(newest["id"]))
     assert "work.php" in real.command("top") and "Shop" in real.command("status")
     assert not any(path.stat().st_mode & 0o007 for path in real.logs.glob("quorbit.*"))

@@ -36,13 +36,13 @@ def test_records_of_a_command_line_run(site):
 
 
 def test_times_are_those_of_the_request(site):
-    """A quarter second of work, then a nap: duration in ms, processor time in clock ticks of the whole run."""
-    result = site.cgi('do { $r = getrusage(); } while ($r["ru_utime.tv_sec"] * 1000 + $r["ru_utime.tv_usec"] / 1000 < 250);'
-                      'usleep(100000);')
-    metric, hz = result.metric, os.sysconf("SC_CLK_TCK")
-    assert 300 <= metric.duration_ms <= result.ms
-    assert 0.15 * hz <= metric.cpu_ticks <= 0.5 * hz
-    assert 0 <= metric.system_ticks <= 0.5 * hz
+    """A quarter second of work, then a nap: duration in ms, processor time in clock ticks, of which the page tells the system's
+    and the user's share in seconds."""
+    result = site.cgi(program("times.php"), twin=False)
+    metric, (system, user) = result.metric, (float(text) * os.sysconf("SC_CLK_TCK") for text in result.body.split())
+    assert 350 <= metric.duration_ms <= result.ms
+    assert 0.2 * os.sysconf("SC_CLK_TCK") <= metric.cpu_ticks <= system + user + 2
+    assert abs(metric.system_ticks - system) <= 2
     assert (metric.db_ms, metric.block_ms, metric.calls_ms) == (0, 0, None)
     own = sum(own for _, own in metric.components.values())
     assert own == metric.duration_ms, "components and remainder account for every millisecond"
@@ -54,10 +54,10 @@ def test_outermost_functions_become_components(site):
     assert sum(own for _, own in found.values()) == metric.duration_ms, "nothing is counted twice"
     compiled, rest = found.pop("PHP/NULL/compile"), found.pop("PHP/NULL/remainder code", None)
     assert compiled[0] == compiled[1] and (rest is None or rest[0] == rest[1] > 0)
-    assert set(found) == {"PHP/NULL/outer", "PHP/App\\\\Shop\\\\Cart/total", "PHP/App\\\\Shop\\\\Cart/sum"}
+    assert set(found) - {"PHP/NULL/fast"} == {"PHP/NULL/outer", "PHP/App\\\\Shop\\\\Cart/total", "PHP/App\\\\Shop\\\\Cart/sum"}
     for name, least in (("PHP/NULL/outer", 18), ("PHP/App\\\\Shop\\\\Cart/total", 11), ("PHP/App\\\\Shop\\\\Cart/sum", 8)):
         total, own = found[name]
-        assert least <= total < least + 100 and own == total
+        assert least <= total == own
 
 
 def test_long_component_names_are_cut_at_127_bytes(site):

@@ -162,7 +162,7 @@ def test_bad_rules_name_nothing_and_cost_little(site, kind):
         records = [wire.record(wire.STAMP, b"\1" + bytes(7)), *(wire.record(wire.SETTING, setting) for setting in settings)]
         site.daemon.reply = wire.record(wire.QUERY, b"".join(records))
         result = site.cgi("echo 1;", HOSTILE, ini=VERBOSE)
-        assert result.metric.action == name and result.metric.duration_ms < 1500
+        assert result.metric.action == name and result.metric.duration_ms < 5000
     assert "naming json invalid" not in site.log()
 
 

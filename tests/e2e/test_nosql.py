@@ -39,7 +39,7 @@ def check_rows(metric, expected):
         least[product, collection, operation] = int(ms or 0)
     assert set(found) == set(least)
     for row, ms in least.items():
-        assert ms <= found[row] < ms + 300, row
+        assert ms <= found[row] <= metric.duration_ms, row
     return found
 
 
@@ -105,7 +105,6 @@ def test_server_that_dies_during_a_call(site, mortal_redis, phpredis):
     mortal_redis.start()
     result.check_twin(request(False), ())
     found = check_rows(metric, "Redis: CONNECT, BLPOP=90, GET")
-    assert found["Redis", "", "BLPOP"] <= metric.duration_ms
     assert result.body == b"read error on connection"
 
 

@@ -57,7 +57,7 @@ def browse(site, url):
         ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-dev-shm-usage",
          "--disable-background-networking", "--disable-component-update", "--disable-sync", "--disable-extensions",
          "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1", f"--user-data-dir={home}", "--dump-dom", url],
-        capture_output=True, timeout=60, env={"PATH": os.environ["PATH"], "HOME": str(home)})
+        capture_output=True, timeout=180, env={"PATH": os.environ["PATH"], "HOME": str(home)})
     found = re.search('data-found="(.*?)"', done.stdout.decode())
     assert found, done.stdout[-2000:] + done.stderr[-2000:]
     return json.loads(html.unescape(found[1]))

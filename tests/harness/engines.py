@@ -144,7 +144,7 @@ class Site:
         path = self.logs / "php-agent.log"
         return path.read_text(errors="replace") if path.exists() else ""
 
-    def run(self, argv, env=None, stdin=b"", web=False, timeout=30):
+    def run(self, argv, env=None, stdin=b"", web=False, timeout=120):
         started = time.monotonic()
         done = subprocess.run([str(a) for a in argv], input=stdin, capture_output=True, timeout=timeout, cwd=self.docroot,
                               env={"PATH": os.environ["PATH"], "PHP_INI_SCAN_DIR": "", **(env or {})})

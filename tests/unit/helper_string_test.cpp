@@ -1,4 +1,4 @@
-#include <chrono>
+#include <ctime>
 #include <regex.h>
 
 #include "engine_fixture.h"
@@ -101,12 +101,12 @@ TEST_F(HelperString, RefusesPatternsThatWouldHoldUpTheCompiler)
 	};
 	for (const auto &[pattern, bounded] : cases) {
 		EXPECT_EQ(zq_regex_is_bounded(pattern.c_str()), bounded) << pattern.substr(0, 60);
-		auto begin = std::chrono::steady_clock::now();
+		clock_t begin = clock();
 		regex_t regex;
 		if (bounded && regcomp(&regex, pattern.c_str(), REG_EXTENDED) == 0) {
 			regfree(&regex);
 		}
-		EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1)) << pattern.substr(0, 60);
+		EXPECT_LT(clock() - begin, CLOCKS_PER_SEC) << pattern.substr(0, 60);
 	}
 }
 
@@ -126,9 +126,9 @@ TEST_F(HelperString, MatchesTheBeginningOfALongText)
 		megabytes[i] = "ab"[(i * i >> 3) % 7 & 1];
 	}
 	for (const char *pattern : {"[a-z]+@", "(a|b)*a(a|b){60}c", "(.*a){0,}.{500}c", "[ab]+a[ab]{990}c", "a{1,990}c"}) {
-		auto begin = std::chrono::steady_clock::now();
+		clock_t begin = clock();
 		EXPECT_EQ(zq_regex_matches(megabytes.c_str(), pattern), 0);
-		EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2)) << pattern;
+		EXPECT_LT(clock() - begin, 2 * CLOCKS_PER_SEC) << pattern;
 	}
 }
 
