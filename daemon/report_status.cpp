@@ -62,7 +62,7 @@ std::string nothing_received_text(const DaemonConfig& config) {
     line(configured, configured ? "an agent has tried to start the daemon: " + config.log_file + " tells how it went"
                                 : "no agent has ever tried to start the daemon: is the extension loaded? (php -m)");
   }
-  out += "  Then: php -i | grep zqs    zqs.agent_enabled and zqs.runtime_root as that PHP sees them\n";
+  out += "  Then: php --ri quorbit    \"enabled\", and zqs.runtime_root as that PHP sees it\n";
   out += "        " + folder + "/php-agent.log    what the agent could not do\n";
   return out;
 }
