@@ -11,7 +11,7 @@ template <int zend_zqprof_globals::*field>
 static int follow_at_run_time(zend_ini_entry *, char *new_value, uint, void *, void *, void *, int stage TSRMLS_DC)
 {
 	if (stage == ZEND_INI_STAGE_RUNTIME) {
-		zq_globals(TSRMLS_C)->*field = zq_str_to_int(new_value ? new_value : "");
+		zq_globals(TSRMLS_C)->*field = zq_str_to_int(new_value);
 	}
 	return SUCCESS;
 }
