@@ -5,7 +5,7 @@ import re
 import pytest
 
 from cases import program
-
+from engines import FastCgi
 
 HEADERS = {"Referer": "http://a.test/?q=1", "User-Agent": "probe/1.0"}
 NUMBERS = [0x1A, 0x1B, 0x14, 0x15, 0x16]
@@ -38,11 +38,14 @@ def test_records_of_a_command_line_run(site):
 def test_times_are_those_of_the_request(site):
     """A quarter second of work, then a nap: duration in ms, processor time in clock ticks, of which the page tells the system's
     and the user's share in seconds."""
-    result = site.cgi(program("times.php"), twin=False)
+    server = site.serve(FastCgi)
+    result = server.get(program("times.php"), twin=False)
     metric, (system, user) = result.metric, (float(text) * os.sysconf("SC_CLK_TCK") for text in result.body.split())
     assert 350 <= metric.duration_ms <= result.ms
     assert 0.2 * os.sysconf("SC_CLK_TCK") <= metric.cpu_ticks <= system + user + 2
     assert abs(metric.system_ticks - system) <= 2
+    second = server.get("$end = microtime(true) + 0.05; while (microtime(true) < $end);", twin=False).metric
+    assert second.cpu_ticks < 0.2 * os.sysconf("SC_CLK_TCK"), "the process has used more, but not this request"
     assert (metric.db_ms, metric.block_ms, metric.calls_ms) == (0, 0, None)
     own = sum(own for _, own in metric.components.values())
     assert own == metric.duration_ms, "components and remainder account for every millisecond"

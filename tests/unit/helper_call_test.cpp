@@ -48,13 +48,14 @@ TEST_F(HelperCall, KeepsAPendingExceptionForTheScriptAndNoneOfTheCallees)
 	run("function callee() { try { throw new LogicException('inner'); } catch (Exception $e) {} return 'done'; }"
 	    "class Late extends Exception { function __destruct() { throw new Exception('late'); } }"
 	    "function thrower($class) { throw new $class('early'); }");
-	at_probe([&](zend_execute_data *) {
+	at_probe([&](zend_execute_data *frame) {
 		for (const char *thrown : {"'Exception'", "'Late'"}) {
 			EXPECT_EQ(call("thrower", {value(thrown)}), "failed");
 			EXPECT_EQ(EG(exception), nullptr);
 		}
 		zend_throw_exception(zend_exception_get_default(TSRMLS_C), (char *)"pending", 0 TSRMLS_CC);
 		zval *pending = EG(exception);
+		EXPECT_EQ(zq_calling_line(frame, nullptr TSRMLS_CC), 3);
 		EXPECT_EQ(call("callee"), "done");
 		EXPECT_EQ(EG(exception), pending);
 	});

@@ -23,7 +23,7 @@ namespace App\Shop {
 namespace {
     function outer()
     {
-        usleep(4000);
+        eval('usleep(4000);');
         \App\Shop\inner();
     }
 

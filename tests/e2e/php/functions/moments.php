@@ -60,11 +60,15 @@ exit;
 # --- in a method that the agent calls => done
 class Zend_Application { function __construct() { } }
 class Zend_Http_Client {
-    function getUri() { any(); return 'http://h/'; }
+    function getUri() {
+        $GLOBALS['seen'] = vantor_start_webaction('inner') || vantor_end_webaction() ? 'changed' : 'done';
+        any();
+        return 'http://h/';
+    }
     function request() { }
 }
 new Zend_Application;
 $z = new Zend_Http_Client;
 $z->request();
 $z->request();
-echo 'done';
+echo $seen;
