@@ -148,8 +148,8 @@ def total_record(metric, body):
             raise WireError(f"bad outgoing call {body!r}")
         metric.calls.append(Call(found[1], int(found[3]), *found[4:]))
     elif product == "MongoDB":
-        found = lines(body, 3, 4)
-        metric.nosql.append((product, found[1] if len(found) == 4 else "", found[-2], int(found[-1])))
+        found = lines(body, 4, 4)
+        metric.nosql.append((product, found[1], found[2], int(found[3])))
     elif product in ("Memcached", "Redis"):
         found = lines(body, 4, 4)
         if found[1] != "":
