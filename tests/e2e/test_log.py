@@ -84,10 +84,14 @@ def test_phpinfo(site, ini, shown):
 
 
 def test_module_loads_by_itself(site):
-    """Without any php.ini: the defaults are good enough to start; settings and functions are all there."""
+    """Without any php.ini: the defaults are good enough to start; settings and functions are all there. Hooks that stay behind must
+    not lead to where a library was."""
     result = site.run([ENGINE / "bin/php", "-n", "-d", f"extension={EXTENSION}", "-d", f"zqs.runtime_root={site.root}",
                        "-d", f"zqs.prefix={site.root}", "-r",
-                       'echo count(ini_get_all("quorbit")), " ", implode(" ", get_extension_funcs("quorbit"));'])
+                       'echo count(ini_get_all("quorbit")), " ", implode(" ", get_extension_funcs("quorbit"));'],
+                      {"LD_DEBUG": "files", "LD_DEBUG_OUTPUT": str(site.root / "loader")})
     assert result.body.decode() == ("25 zqprof_rshutdowncall zqprof_headercall zqprof_curl_header vantor_start_webaction "
                                     "vantor_end_webaction vantor_notice_error")
     assert (result.stderr, result.code) == (b"", 0)
+    loaded = "".join(path.read_text() for path in site.root.glob("loader.*"))
+    assert "calling init: " + str(EXTENSION) in loaded and str(EXTENSION) + " [0];  destroying" not in loaded
