@@ -77,3 +77,9 @@ $t = new Thrift\Transport\THttpClient('127.0.0.1', $PORT, '/rpc');
 $c = new Shop\Calc\CalcClient(new Thrift\Protocol\TBinaryProtocol($t));
 try { $c->add(1, 2); } catch (Exception $e) { }
 file_get_contents('$URL');
+
+# --- a Thrift server's answer begins no call => 1 identified: file_get_contents 77|8
+require '$FIXTURES/thrift.php';
+$p = new Thrift\Protocol\TBinaryProtocol(new Thrift\Transport\THttpClient('127.0.0.1'));
+$p->writeMessageBegin('add', 2, 0);
+file_get_contents('$URL');
