@@ -29,13 +29,14 @@ def test_requests_of_one_process_share_a_connection(site, kind):
 
 
 def test_one_request_leaves_nothing_to_the_next(site):
-    """Names, parameters and components are those of the request itself, also behind an exit or a fatal error."""
+    """Names, parameters, components and vendors are those of the request itself, also behind an exit or a fatal error."""
     site.daemon.configure({"zqs.capture_params": "1"})
-    server = site.serve(FastCgi)
-    server.get("function one() { usleep(2000); exit; } one();", "/one.php?a=1")
+    server = site.serve(FastCgi, {"pdo.dsn.alias": "sqlite::memory:"})     # a name that tells no vendor
+    server.get("new PDO('sqlite::memory:'); function one() { usleep(2000); exit; } one();", "/one.php?a=1")
     server.get("function two() { usleep(2000); nope(); } two();", "/two.php?b=1")
-    metric = server.get("function three() { usleep(2000); } three();", "/three.php").metric
-    assert metric.action == "WebAction/URI/three.php" and metric.params == []
+    code = "$db = new PDO('alias'); $db->query('SELECT 1'); function three() { usleep(2000); } three();"
+    metric = server.get(code, "/three.php").metric
+    assert (metric.action, metric.params, metric.sql[0].db) == ("WebAction/URI/three.php", [], "")
     assert {name for name in metric.components if name.count("/") == 2} - {"PHP/NULL/compile", "PHP/NULL/remainder code"} == \
         {"PHP/NULL/three"}
 
