@@ -24,3 +24,10 @@ TEST_F(Nosql, BoundsKeysAndRows)
 	}
 	EXPECT_EQ(4097u, zend_hash_num_elements(ZQG(nosql_mongo)));
 }
+
+TEST_F(Nosql, NamesOperationsInUpperCaseUnlessTheyDoNotCount)
+{
+	expect_made([](const std::string &name) { return taken(get_nosql_op_name(name.c_str(), zq_name_hash(name.data(), name.size()))); },
+	            {{"getMulti", "GETMULTI"}, {"getStats", "(null)"}, {"_get", "(null)"}});
+	EXPECT_EQ(taken(get_nosql_op_name("hGetAll", 0)) + taken(get_nosql_op_name("_prefix", 0)), "HGETALL(null)");
+}

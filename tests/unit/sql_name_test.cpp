@@ -15,9 +15,12 @@ TEST_F(SqlName, RemovesCommentsAndSqueezesBlanksOutsideAndInsideQuotes)
 
 TEST_F(SqlName, NamesTableAndOperation)
 {
-	const auto name = [](std::string statement) {
-		sql_element sql = {"MySQL", statement.data(), nullptr, nullptr, 0};
-		return taken(metric_name_from_sql(&sql)).substr(strlen("Database MySQL/"));
+	const auto name = [](const std::string &statement) {
+		sql_element *sql = sql_element_alloc("MySQL", statement == "none" ? nullptr : statement.c_str(), nullptr, nullptr, 0);
+		std::string made = taken(metric_name_from_sql(sql)).substr(strlen("Database MySQL/"));
+		sql_element_dtor(sql);
+		efree(sql);
+		return made;
 	};
 	expect_made(name, {
 		{"SELECT * FROM users WHERE id=1", "users/SELECT"}, {" \nselect * from `orders` o where 1", "orders/SELECT"},
@@ -27,7 +30,7 @@ TEST_F(SqlName, NamesTableAndOperation)
 		{"SELECT a FROM f(1)", "f(1)/SELECT"}, {"SELECT 1", "/SELECT"}, {"SELECT a FROM", "/SELECT"}, {"SELECT a FROM ((\"q t\"))", "q/SELECT"},
 		{"DELETE FROM logs", "logs/DELETE"}, {"DELETE", "/DELETE"}, {"update t1 set a=1", "t1/UPDATE"}, {"UPDATEX y", "X/UPDATE"},
 		{"INSERT INTO t4 (a) VALUES (1)", "t4/INSERT"}, {"INSERT t5 VALUES (1)", "t5/INSERT"}, {"CALL p(1)", "CALL/CALL"},
-		{"SHOW TABLES", "SHOW/CALL"}, {"", "/CALL"}, {"((((", "/CALL"},
+		{"SHOW TABLES", "SHOW/CALL"}, {"", "/CALL"}, {"none", "sql/CALL"}, /* "sql is null" */ {"((((", "/CALL"},
 	});
 	sql_element unknown = {nullptr, nullptr, nullptr, nullptr, 0};
 	EXPECT_EQ(taken(metric_name_from_sql(&unknown)), "Database //CALL");
