@@ -1,5 +1,6 @@
 /* Loaded in place of the extension, which it needs and therefore brings along: what the extension opens as /proc/meminfo
- * is the file that SHIM_MEMINFO names, and its monotonic clock is ahead by the seconds in the file that SHIM_CLOCK names;
+ * is the file that SHIM_MEMINFO names, and its monotonic clock is ahead by the seconds in the file that SHIM_CLOCK names,
+ * or, with a "=" in front of them, so old at its first reading;
  * the processor's counter knows nothing of that, so the kernel seems not to trust it then. Either file may change at any
  * time. With SHIM_WALL set the wall clock is ahead by a year at one reading and behind by one at the next. With
  * SHIM_SIGSEGV set there is a handler of that signal before the extension's. (The engine loads extensions with RTLD_DEEPBIND,
@@ -42,9 +43,11 @@ int clock_gettime(clockid_t clock, struct timespec *now)
 	int result = (int)syscall(SYS_clock_gettime, clock, now), fd;
 	const char *path = getenv("SHIM_CLOCK");
 	char text[32] = "";
+	static time_t first;
 	if (clock == CLOCK_REALTIME) now->tv_sec += wall_clock_is_ahead_by();
 	if (clock == CLOCK_MONOTONIC && path && (fd = open_file(path, O_RDONLY, 0)) >= 0) {
-		if (read(fd, text, sizeof text - 1) > 0) now->tv_sec += atol(text);
+		if (!first) first = now->tv_sec;
+		if (read(fd, text, sizeof text - 1) > 0) now->tv_sec += *text == '=' ? atol(text + 1) - first : atol(text);
 		close(fd);
 	}
 	return result;
