@@ -144,3 +144,14 @@ class Record:
         RECORDS.mkdir(parents=True, exist_ok=True)
         (RECORDS / f"{self.name}.json").write_text(json.dumps({"rows": self.rows}, indent=1) + "\n")
         return 1 if self.missed else 0
+
+
+def bench(name, site, work, rounds):
+    """Has work(record, site, rounds) done, with as many rounds as the command line says or these, and ends what it started.
+    Gives the script's exit status."""
+    record = Record(name)
+    try:
+        work(record, site, int(sys.argv[1]) if len(sys.argv) > 1 else rounds)
+    finally:
+        site.close()
+    return record.keep()

@@ -12,7 +12,7 @@ import subprocess
 import sys
 import time
 
-from measure import Record, engines, processor_us
+from measure import bench, engines, processor_us
 
 TURN = 100
 SYSTEM_CALLS, CPU_US, CPU_US_DAEMON_DEAD = 18, 60, 110      # what a request may cost
@@ -64,26 +64,20 @@ def stalled(record, site, script):
         record.add("empty request, daemon accepts nobody: wait", "ms", waits_ms(pair, script, 15), 2 * (TIMEOUT_MS + SLACK_MS))
 
 
-def main():
-    rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 31
-    site, record = engines.Site(**{"zqs.agent_log_level": "OFF"}), Record("request")
-    try:
-        site.daemon.configure({"zqs.resource.enabled": "true"})     # the memory sample is part of an ordinary request
-        pair = site.serve(engines.FastCgi, env={"PHP_FCGI_MAX_REQUESTS": "0"})
-        script = site.script("echo 1;", "index.php")
-        print("what the agent adds to a request that does nothing")
-        record.add("empty request, daemon listening: processor time", "us", added_us(pair, script, rounds), CPU_US)
-        if subprocess.run(["which", "strace"], capture_output=True).returncode == 0:
-            calls = {name: count for name, count in added_calls(pair, script).items() if count}
-            print(f"  {calls}")
-            record.add("empty request, daemon listening: system calls", "calls", [sum(calls.values())], SYSTEM_CALLS)
-        site.daemon.stop()
-        record.add("empty request, daemon dead: processor time", "us", added_us(pair, script, rounds), CPU_US_DAEMON_DEAD)
-        stalled(record, site, script)
-    finally:
-        site.close()
-    return record.keep()
+def measure(record, site, rounds):
+    site.daemon.configure({"zqs.resource.enabled": "true"})     # the memory sample is part of an ordinary request
+    pair = site.serve(engines.FastCgi, env={"PHP_FCGI_MAX_REQUESTS": "0"})
+    script = site.script("echo 1;", "index.php")
+    print("what the agent adds to a request that does nothing")
+    record.add("empty request, daemon listening: processor time", "us", added_us(pair, script, rounds), CPU_US)
+    if subprocess.run(["which", "strace"], capture_output=True).returncode == 0:
+        calls = {name: count for name, count in added_calls(pair, script).items() if count}
+        print(f"  {calls}")
+        record.add("empty request, daemon listening: system calls", "calls", [sum(calls.values())], SYSTEM_CALLS)
+    site.daemon.stop()
+    record.add("empty request, daemon dead: processor time", "us", added_us(pair, script, rounds), CPU_US_DAEMON_DEAD)
+    stalled(record, site, script)
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(bench("request", engines.Site(**{"zqs.agent_log_level": "OFF"}), measure, 31))

@@ -16,7 +16,7 @@ import threading
 import time
 
 import instructions
-from measure import (EMPTY, IDLE, KERNEL, NONE, OFF, ON, PROFILING, PROJECT, TRACED, Record, build_xdebug, configurations,
+from measure import (EMPTY, IDLE, KERNEL, NONE, OFF, ON, PROFILING, PROJECT, TRACED, bench, build_xdebug, configurations,
                      drained_site, engines, has_counter_clock, in_turns, pin, processor_us, ratios, under_another_clock)
 
 COUNTER = has_counter_clock()
@@ -178,26 +178,20 @@ def throughput(record, site, inis, rounds):
     record.add("page_queries under FPM, throughput, agent on", "times", ratios(found[ON], found[NONE]), THROUGHPUT, at_least=True)
 
 
-def main():
-    rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 31
-    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
-    threading.stack_size(1 << 20)
-    site, record = drained_site(), Record("yardstick")
+def measure(record, site, rounds):
     site.docroot.chmod(0o777)
-    try:
-        for page in PAGE_CALLS:
-            (site.docroot / f"{page}.php").write_text((PROJECT / f"bench/php/{page}.php").read_text())
-        PREFIXES.update({name: under_another_clock(site) for name in OTHER_CLOCK})
-        inis = configurations(site, ALL)
-        run(inis[NONE], site.docroot / "page_queries.php")                  # makes its database
-        calls(record, inis, rounds)
-        pages(record, site, inis, rounds)
-        throughput(record, site, inis, rounds)
-        engine_bench(record, inis, rounds)
-    finally:
-        site.close()
-    return record.keep()
+    for page in PAGE_CALLS:
+        (site.docroot / f"{page}.php").write_text((PROJECT / f"bench/php/{page}.php").read_text())
+    PREFIXES.update({name: under_another_clock(site) for name in OTHER_CLOCK})
+    inis = configurations(site, ALL)
+    run(inis[NONE], site.docroot / "page_queries.php")                  # makes its database
+    calls(record, inis, rounds)
+    pages(record, site, inis, rounds)
+    throughput(record, site, inis, rounds)
+    engine_bench(record, inis, rounds)
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+    threading.stack_size(1 << 20)
+    sys.exit(bench("yardstick", drained_site(), measure, 31))

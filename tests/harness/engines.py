@@ -26,6 +26,7 @@ EXTENSION = Path(os.environ.get("QUORBIT_EXTENSION", PROJECT / "build/zqprof.so"
 SCRIPTS = PROJECT / "tests/e2e/php"
 WEB_USER = "www-data"
 IS_ROOT = os.geteuid() == 0
+signal.signal(signal.SIGTERM, signal.default_int_handler)      # whoever is told to end ends the servers that it started, too
 AGENT = "the agent"                        # its place in a php.ini's "load"
 
 
