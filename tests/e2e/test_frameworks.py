@@ -35,10 +35,6 @@ def component(function):
     return f"PHP/{cls or 'NULL'}/{method}".replace("\\", "\\\\")
 
 
-def log_lines(site, text):
-    return [line.partition(text)[2] for line in site.log().splitlines() if text in line]
-
-
 @pytest.mark.parametrize("name", FRAMEWORKS)
 def test_application(site, name):
     """Each of its requests gets its name; all together show every component."""
@@ -55,14 +51,14 @@ def test_application(site, name):
         is_final = not action.startswith("URI/") and action != "CI/blog"     # CodeIgniter may still tell a method
         frozen += ["WebAction/" + action] * is_final
     assert {component(function) for function in components} <= timed
-    assert log_lines(site, "framework is detected: ") == [word] * len(requests)
-    assert log_lines(site, "action name frozen to ") == frozen
+    assert site.logged("framework is detected: ") == [word] * len(requests)
+    assert site.logged("action name frozen to ") == frozen
 
 
 def test_the_first_framework_counts(site):
     metric = site.cgi(program("naming/first_counts.php"), ini=VERBOSE).metric
     assert metric.action == "WebAction/URI/index.php" and "PHP/CWebApplication/init" not in metric.components
-    assert log_lines(site, "framework is detected: ") == ["phpwind"] and "frozen" not in site.log()
+    assert site.logged("framework is detected: ") == ["phpwind"] and "frozen" not in site.log()
 
 
 NAMING = [case for name in ("drupal", "codeigniter", "laravel", "spelling") for case in cases(f"naming/{name}.php")]

@@ -1,35 +1,12 @@
 """Valgrind's verdict on the agent, with the engine's own allocator out of the way: no invalid access, nothing lost."""
-import re
 import subprocess
-import xml.etree.ElementTree as xml
-from pathlib import Path
 
 import pytest
 
 import engines
+import memcheck
 
-SCRIPT = Path(__file__).parent / "php" / "memory.php"
-# Between malloc and whoever asked for the memory stand libc and the engine's containers.
-ALLOCATORS = re.compile(r"(m|c|re)alloc|strn?dup|_?(e|safe_e|ec|ere|estr)\w*(alloc|dup)|_?zend_(hash|llist|str)_\w+|[sv]*spprintf|xbuf\w*")
-
-
-def asked_by(frames):
-    """The object whose code asked for lost memory."""
-    for frame in frames:
-        if frame.findtext("obj", "").endswith("zqprof.so") or not ALLOCATORS.fullmatch(frame.findtext("fn") or ""):
-            return frame.findtext("obj", "")
-    return ""
-
-
-def faults(report):
-    """What is ours: every invalid access, and the leaks that the agent asked for. `exit` leaves blocks of the engine behind."""
-    found = []
-    for error in xml.parse(report).getroot().iter("error"):
-        frames = error.find("stack").findall("frame")
-        kind = error.findtext("kind")
-        if not kind.startswith("Leak_") or asked_by(frames).endswith("zqprof.so"):
-            found.append(kind + " " + " < ".join(frame.findtext("fn") or "?" for frame in frames[:8]))
-    return found
+SCRIPT = engines.SCRIPTS / "memory.php"
 
 
 @pytest.mark.parametrize("server", ["php", "php-cgi"])
@@ -48,4 +25,4 @@ def test_no_invalid_access_and_no_leak(site, server):
     done = subprocess.run(command, env=environment, capture_output=True, timeout=120)
     metric, = site.daemon.wait_metrics()
     assert metric.error and metric.sql, done.stdout + done.stderr
-    assert faults(report) == []
+    assert memcheck.faults(report) == []

@@ -10,7 +10,6 @@ import pytest
 
 import engines
 import wire
-from test_frameworks import VERBOSE, log_lines
 
 QUORBIT = engines.PROJECT / "build/bin/quorbit"
 
@@ -161,7 +160,7 @@ def test_bad_rules_name_nothing_and_cost_little(site, kind):
         settings = [b"zqs.naming.rules=" + rules, b"zqs.auto_action_naming=0", b"zqs.resource.enabled=0"]
         records = [wire.record(wire.STAMP, b"\1" + bytes(7)), *(wire.record(wire.SETTING, setting) for setting in settings)]
         site.daemon.reply = wire.record(wire.QUERY, b"".join(records))
-        result = site.cgi("echo 1;", HOSTILE, ini=VERBOSE)
+        result = site.cgi("echo 1;", HOSTILE, ini={"zqs.agent_log_level": "VERBOSE"})
         assert result.metric.action == name and result.metric.duration_ms < 5000
     assert "naming json invalid" not in site.log()
 
@@ -176,8 +175,8 @@ NO_JSON = {
 def test_rules_that_are_no_json_are_logged_once(site, rules, invalid_at):
     site.daemon.configure({"zqs.naming.rules": rules})
     assert site.cgi("echo 1;", ini={"zqs.agent_log_level": "ERROR"}).metric.action == "WebAction/URI/index.php"
-    lines = log_lines(site, "naming json invalid at: ")
+    lines = site.logged("naming json invalid at: ")
     assert len(lines) == 1 and lines[0].startswith(invalid_at)
     site.daemon.configure({"zqs.naming.rules": "[]"}, stamp=2)
     site.cgi("echo 1;")
-    assert len(log_lines(site, "naming json invalid at: ")) == 1
+    assert len(site.logged("naming json invalid at: ")) == 1

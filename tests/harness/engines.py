@@ -145,6 +145,10 @@ class Site:
         path = self.logs / "php-agent.log"
         return path.read_text(errors="replace") if path.exists() else ""
 
+    def logged(self, text):
+        """What stands behind this text in each line of the log that has it."""
+        return [line.partition(text)[2] for line in self.log().splitlines() if text in line]
+
     def run(self, argv, env=None, stdin=b"", web=False, timeout=120):
         started = time.monotonic()
         done = subprocess.run([str(a) for a in argv], input=stdin, capture_output=True, timeout=timeout, cwd=self.docroot,

@@ -9,10 +9,9 @@ import xml.etree.ElementTree as xml
 from collections import Counter
 from pathlib import Path
 
-TESTS = Path(__file__).resolve().parents[1]
-sys.path[:0] = [str(TESTS / "harness"), str(TESTS / "e2e")]
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "harness"))
 
-import test_memory  # noqa: E402
+import memcheck  # noqa: E402
 
 REQUEST_MEMORY = re.compile(r"^Leak_.*? < _?(e|safe_e)\w*(alloc|dup) < ")
 
@@ -21,7 +20,7 @@ def main():
     found, left, processes, cut = Counter(), 0, 0, 0
     for report in Path(sys.argv[1]).glob("*.xml"):
         try:
-            faults = test_memory.faults(report)
+            faults = memcheck.faults(report)
             lasting = [fault for fault in faults if not REQUEST_MEMORY.search(fault)]
             left += len(faults) - len(lasting)
             found.update(lasting)
