@@ -46,7 +46,7 @@ class Run:
     def check(self):
         """Every answer right, and one whole packet for each, but for those that the agent's log says were lost."""
         said, late = (self.site.log().count(line) for line in (LOST_PACKET, LATE_ANSWER))
-        deadline = time.monotonic() + 5                   # a packet may leave after its answer
+        deadline = time.monotonic() + 30                  # a packet may leave after its answer
         while len(self.missing()) > said and time.monotonic() < deadline:
             time.sleep(0.05)
         missing, seen = self.missing(), bytes(self.sink.seen)
