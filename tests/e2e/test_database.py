@@ -102,10 +102,10 @@ def page(site, request):
 
 
 def find(node, name):
-    """The path from the root to the first node of this name, or nothing."""
+    """The path from the root to the last node of this name, or nothing: connecting may have taken long as well."""
     if ".".join(filter(None, node[5:7])) == name:
         return [node]
-    below = next((path for path in (find(child, name) for child in node[8]) if path), None)
+    below = next((path for path in (find(child, name) for child in reversed(node[8])) if path), None)
     return [node] + below if below else None
 
 

@@ -87,6 +87,13 @@ def web_environment(script, uri, method="GET", body=b"", headers=None):
     return found
 
 
+def replace(path, text):
+    """A file that is whole at any time: engines that start just now have it mapped, and would die of a shorter one."""
+    fresh = path.with_suffix(f".{threading.get_ident()}")
+    fresh.write_text(text)
+    return fresh.replace(path)
+
+
 class Site:
     """A private runtime root with a daemon in it, a document root, and the php.ini files with and without the agent."""
 
@@ -130,16 +137,12 @@ class Site:
         text += "".join(f'{key}="{value}"\n' for key, value in settings.items())
         folder = self.root / f"ini{abs(hash(text))}"
         folder.mkdir(exist_ok=True)
-        (folder / "php.ini").write_text(text)
-        return folder / "php.ini"
+        return replace(folder / "php.ini", text)
 
     def script(self, code, name="index.php"):
         path = self.docroot / name
         path.parent.mkdir(parents=True, exist_ok=True)
-        fresh = path.with_suffix(f".{threading.get_ident()}")
-        fresh.write_text("<?php " + code)
-        fresh.replace(path)                                             # whole at any time: many may be reading it
-        return path
+        return replace(path, "<?php " + code)
 
     def log(self):
         path = self.logs / "php-agent.log"

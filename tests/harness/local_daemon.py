@@ -25,7 +25,7 @@ class Real:
         script = self.site.script(code, name)
         done = subprocess.run([ENGINE / "bin/php", "-c", self.site.ini_file(), script], capture_output=True,
                               timeout=20, env={"PHP_INI_SCAN_DIR": ""})      # a daemon that kept the pipe would hold this up
-        assert (done.returncode, done.stderr) == (0, b"")
+        assert (done.returncode, done.stderr) == (0, b""), done
         return done.stdout
 
     def command(self, *words):
