@@ -26,7 +26,8 @@ ANSWERS_PER_RELOAD = 20
 # How many packets a process of php/tree.php sends, by its end; one if not named here.
 PACKETS = {"is killed": 0, "becomes another": 0, "ends twice": 2}
 NEIGHBOURS = {"opcache.enable": "1", "opcache.enable_cli": "1", "opcache.memory_consumption": "64",
-              "opcache.max_wasted_percentage": "50", "opcache.revalidate_freq": "0", "xdebug.max_nesting_level": "200"}
+              "opcache.max_wasted_percentage": "50", "opcache.revalidate_freq": "0", "opcache.file_update_protection": "0",
+              "xdebug.max_nesting_level": "200"}
 CLASHES = "xdebug.default_enable"          # then Xdebug takes the engine's error callback, and calls nobody else
 
 
@@ -181,6 +182,7 @@ def neighbours(order):
             ini = {**QUIET, **neighbour_settings(order, clashes)}
             result = site.both("php", ["neighbours.php", site.root, *arguments], ini=ini)
             assert b"sdrawkcab" in result.body, (result.body, result.stderr)
+            assert (b"from the cache" in result.body) == ("opcache" in order), result.body
             assert result.metric.action == "BackgroundAction/Script/neighbours.php", result.metric
         assert not site.log(), site.log()
     finally:

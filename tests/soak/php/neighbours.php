@@ -104,6 +104,9 @@ if (function_exists('xdebug_start_code_coverage')) {
     }
     unlink($trace);
 }
+if (function_exists('opcache_is_script_cached') && opcache_is_script_cached(__FILE__)) {
+    echo "from the cache\n";
+}
 ob_start(function ($text) { return strrev($text); });
 echo 'backwards';
 ob_end_flush();
