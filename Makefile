@@ -28,7 +28,7 @@ check: test-packages configure
 	@cmake --build --preset sanitize -j$(JOBS)
 	@ctest --preset sanitize --no-tests=error
 
-# everything under sanitizers, on engines of their own: half an hour, and as much again for the engines the first time
+# everything under sanitizers, on engines of their own: a quarter of an hour, and as much again for the engines the first time
 sanitize: all test-packages
 	@tests/sanitize/run
 
