@@ -4,6 +4,7 @@ import multiprocessing
 import os
 import re
 import selectors
+import signal
 import socket
 import struct
 import time
@@ -78,6 +79,7 @@ class Sink:
             self._tell.send(text)
 
     def _serve(self):
+        signal.signal(signal.SIGTERM, signal.SIG_DFL)
         selector = selectors.EpollSelector()
         selector.register(self._listener, selectors.EVENT_READ, None)
         while True:
