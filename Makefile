@@ -17,8 +17,9 @@ all: configure
 demo: all
 	@demo/run
 
-# unit tests, plain and under the sanitizers, then the end-to-end tests
+# unit tests, plain and under the sanitizers, then the end-to-end tests; random programs and input for a while
 test: check
+	@engine/packages fuzz
 	@cmake --build build -j$(JOBS) --target all unit_tests zqprof_traced
 	@tests/run
 

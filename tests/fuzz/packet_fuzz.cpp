@@ -37,7 +37,7 @@ void check_action(const Action& action, size_t width) {
   auto related = relate(shown, others);
   for (bool full : {false, true}) check_text(action_text(shown, related, width, full));
   check_text(action_table({shown.row}, width, 1000));
-  check_text(tail_line(shown.row));
+  check_text(tail_line(shown.row, width, 1000));
   check_json(action_json(shown, related));
   check_json(action_summary(shown.row));
 }
