@@ -79,17 +79,21 @@ class FastCgi:
 class Lane:
     def __init__(self):
         self.sock, self.data, self.number = None, bytearray(), None
+        self.kept = False                    # an answer has come over this connection
 
 
 class Load:
     """Requests 0 to `count` - 1, fewer if `tick` (called about every 20 ms) says FINISHED. `answered[n]` is 1 for each whole and
-    right answer; `lost` counts by reason the requests that got none, `wrong` keeps the first wrong ones."""
+    right answer; `lost` counts by reason the requests that got none, `wrong` keeps the first wrong ones.
+
+    A server may close a connection that it keeps just when the next request is on its way; a client then sends that again over
+    a new one (RFC 9112, 9.3.1), and `repeated` counts it. Apache's event MPM does so whenever all its threads are busy."""
 
     def __init__(self, protocol, lanes, count, expect, uri="/index.php/{}"):
         self.protocol, self.count, self.expect, self.uri = protocol, count, expect, uri
         self.lanes = [Lane() for _ in range(lanes)]
         self.answered, self.lost, self.wrong, self.next, self.right = bytearray(count), Counter(), [], 0, 0
-        self.selector = selectors.EpollSelector()
+        self.repeated, self.selector = 0, selectors.EpollSelector()
 
     def run(self, tick=lambda: None):
         for lane in self.lanes:
@@ -109,9 +113,11 @@ class Load:
                     self.count = self.next
         return self
 
-    def _start(self, lane):
-        while self.next < self.count:
-            lane.number, self.next = self.next, self.next + 1
+    def _start(self, lane, again=False):
+        """Sends the lane's next request, or `again` the one that it had."""
+        while again or self.next < self.count:
+            if not again:
+                lane.number, self.next = self.next, self.next + 1
             lane.data.clear()
             try:
                 if not lane.sock:
@@ -120,31 +126,36 @@ class Load:
                 lane.sock.sendall(self.protocol.request(self.uri.format(lane.number)))
                 return
             except OSError as failure:
-                self._lose(lane, failure)
+                again = self._fail(lane, failure)
         self._close(lane)
 
     def _close(self, lane):
         if lane.sock:
             self.selector.unregister(lane.sock)
             lane.sock.close()
-            lane.sock = None
+            lane.sock, lane.kept = None, False
 
-    def _lose(self, lane, reason):
-        self.lost[f"{type(reason).__name__} {reason}" if isinstance(reason, Exception) else reason] += 1
+    def _fail(self, lane, reason):
+        """Notes a request that got no answer, and gives whether it is to be sent again."""
+        again = lane.kept and not lane.data
+        if again:
+            self.repeated += 1
+        else:
+            self.lost[f"{type(reason).__name__} {reason}" if isinstance(reason, Exception) else reason] += 1
         self._close(lane)
+        return again
 
     def _read(self, lane):
         try:
             data = lane.sock.recv(1 << 16)
         except OSError as failure:
-            self._lose(lane, failure)
-            return self._start(lane)
+            return self._start(lane, self._fail(lane, failure))
         lane.data += data
         answer = self.protocol.answer(lane.data, not data)
         if answer:
             self._finish(lane, *answer)
         elif not data:
-            self._lose(lane, "end of stream inside an answer" if lane.data else "end of stream instead of an answer")
+            return self._start(lane, self._fail(lane, f"end of stream {'inside' if lane.data else 'instead of'} an answer"))
         else:
             return None
         return self._start(lane)
@@ -157,5 +168,7 @@ class Load:
             self.wrong.append((lane.number, status, body[:300]))
         else:
             self.lost["wrong answer"] += 1
-        if not stays:
+        if stays:
+            lane.kept = True
+        else:
             self._close(lane)

@@ -53,11 +53,13 @@ class Run:
         missing, seen = self.missing(), bytes(self.sink.seen)
         unanswered = sum(1 for n in range(self.load.next) if seen[n] and not self.load.answered[n])
         self.figures |= {"requests": self.load.next, "answered": self.load.right, "not answered": dict(self.load.lost),
-                         "packets": self.sink.packets, "queries": self.sink.queries, "connections": self.sink.connections,
+                         "sent again": self.load.repeated, "packets": self.sink.packets, "queries": self.sink.queries,
+                         "connections": self.sink.connections,
                          "answered without a packet": len(missing), "lost packets in the log": said,
                          "late answers of the daemon in the log": late,
                          "packets of requests not answered": unanswered}
-        wrong = {"wrong answers": self.load.wrong, "told twice": [n for n, times in enumerate(seen) if times > 1][:10],
+        wrong = {"wrong answers": self.load.wrong, "sent again too often": self.load.repeated > self.load.next / 100,
+                 "told twice": [n for n, times in enumerate(seen) if times > 1][:10],
                  "torn": max(self.sink.torn - said, 0), "faults": self.sink.faults,
                  "complaints": self.sink.complaints() if self.sink.faults else [],
                  "crashes": self.server.crashes()[:10], "lost in silence": missing[:10] if len(missing) > said else []}
