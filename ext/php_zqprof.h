@@ -133,6 +133,8 @@ extern int (*_sapi_ub_write)(const char *str, unsigned int str_length TSRMLS_DC)
 
 /* zqprof_settings.cpp: the 25 settings. */
 extern const zend_ini_entry zqprof_ini_entries[];
+/* Value of a setting, borrowed; `default_value` when it is unknown, null or empty. */
+const char *zq_ini_str(const char *skey, const char *default_value);
 
 /* zqprof_request.cpp: request start and end; always SUCCESS, whatever happens inside. */
 int zm_activate_zqprof(INIT_FUNC_ARGS);

@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include "php_zqprof.h"
-#include "zqp_io.h"
 #include "zqp_lock.h"
 
 char *zqprof_ini_log_file;

@@ -57,13 +57,6 @@ static void pack_write(smart_str *p, int type, const char *item, const char *val
 void pack_write_env(smart_str *p, const char *item, const char *value) { pack_write(p, ZQ_RE_ENV, item, value); }
 void pack_write_config(smart_str *p, const char *item, const char *value) { pack_write(p, ZQ_RE_CONFIG, item, value); }
 
-const char *zq_ini_str(const char *skey, const char *default_value)
-{
-	/* The engine wants the key's size with its NUL, and gives "" for a setting without a value. */
-	char *value = zend_ini_string((char *)skey, (uint)strlen(skey) + 1, 0);
-	return value && *value ? value : default_value;
-}
-
 /* ---- socket ------------------------------------------------------------------------------------------------------ */
 
 static int set_timeout(int sock, int option, const char *name)

@@ -50,8 +50,6 @@ void zq_fill_packet_header(smart_str *p, int type);
 void pack_write_env(smart_str *p, const char *item, const char *value);
 void pack_write_config(smart_str *p, const char *item, const char *value);
 
-/* Value of a setting, borrowed; `default_value` when it is unknown, null or empty. */
-const char *zq_ini_str(const char *skey, const char *default_value);
 /* Connected socket with 100 ms time-outs, or -1. `report_error`: a failed connect is logged. One attempt. */
 int open_daemon(int report_error TSRMLS_DC);
 /* Closes the descriptor (if not -1) with a DEBUG line; daemon_sock becomes -1 in every case. */

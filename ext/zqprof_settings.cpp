@@ -1,6 +1,13 @@
-/* The 25 settings: a table of names, defaults and rights, and what a change at run time does. */
+/* The 25 settings: a table of names, defaults and rights, what a change at run time does, and reading one by name. */
 #include "php_zqprof.h"
 #include "zqp_helper.h"
+
+const char *zq_ini_str(const char *skey, const char *default_value)
+{
+	/* The engine wants the key's size with its NUL, and gives "" for a setting without a value. */
+	char *value = zend_ini_string((char *)skey, (uint)strlen(skey) + 1, 0);
+	return value && *value ? value : default_value;
+}
 
 /* The engine's signature of a change handler; all but value and stage are unused here. */
 typedef int (*change_handler)(zend_ini_entry *, char *, uint, void *, void *, void *, int TSRMLS_DC);
