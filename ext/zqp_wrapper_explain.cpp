@@ -183,13 +183,24 @@ static int is_one_of(const char *text, const char *const *words)
 	return 0;
 }
 
-/* The driver of this very object; the vendor is that of the connection made last. */
-static int driver_explains(zval *connection TSRMLS_DC)
+static int has_columns(zval *result TSRMLS_DC)
+{
+	zval count;
+	int found = zq_call_named(result, "PDOStatement::columnCount", &count, 0, NULL TSRMLS_CC) == SUCCESS &&
+		Z_TYPE(count) == IS_LONG && Z_LVAL(count) > 0;
+	zq_release_result(&count TSRMLS_CC);
+	return found;
+}
+
+/* The driver of this very object; the vendor is that of the connection made last. What mysql_query() answers with true is
+ * no more explained here: the next statement takes the insert id away, and scripts store it in other tables. */
+static int driver_explains(zval *connection, zval *result TSRMLS_DC)
 {
 	static const char *const drivers[] = {"mysql", "pgsql", "sqlite", NULL};
 	zval name, *attribute = new_number(PDO_DRIVER_NAME);
 	int known = zq_call_named(connection, "PDO::getAttribute", &name, 1, &attribute TSRMLS_CC) == SUCCESS &&
-		Z_TYPE(name) == IS_STRING && is_one_of(Z_STRVAL(name), drivers);
+		Z_TYPE(name) == IS_STRING && is_one_of(Z_STRVAL(name), drivers) &&
+		(strcmp(Z_STRVAL(name), "mysql") != 0 || has_columns(result TSRMLS_CC));
 	zq_release_result(&name TSRMLS_CC);
 	zval_ptr_dtor(&attribute);
 	return known;
@@ -213,7 +224,7 @@ static int pdo_explains(zq_stack_data *call TSRMLS_DC)
 	zval *result = zq_returned_value(call);
 	return Z_TYPE_P(result) == IS_OBJECT && !runs_script_code(Z_OBJCE_P(result)) && call->object &&
 		Z_TYPE_P(call->object) == IS_OBJECT && is_one_of(ZQG(pdo_db), vendors) &&
-		driver_explains(call->object TSRMLS_CC);
+		driver_explains(call->object, result TSRMLS_CC);
 }
 
 /* ---- the plan ---- */

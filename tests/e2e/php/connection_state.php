@@ -1,6 +1,7 @@
 <?php
 # --- mysqli => DB_ERROR
 $db = mysqli_link();
+$db->query("SELECT 1");     # a connection's first FOUND_ROWS() may be that of another one, before it
 $db->query("CREATE TEMPORARY TABLE n (id INT AUTO_INCREMENT PRIMARY KEY, v INT UNIQUE)");
 foreach (array("INSERT INTO n (v) VALUES (1),(2)", "INSERT INTO n (v) VALUES (2)", "UPDATE n SET v = v + 10", "SELECT * FROM n",
                "DELETE FROM n") as $sql) {
@@ -15,6 +16,14 @@ foreach (array("INSERT INTO n (v) VALUES (1),(2)", "INSERT INTO n (v) VALUES (2)
                "DELETE FROM n") as $sql) {
     mysql_query($sql);
     echo mysql_affected_rows(), " ", mysql_insert_id(), mysql_info(), mysql_error();
+}
+# --- pdo_mysql => DB_ERROR
+$db = pdo_mysql_link();
+$db->exec("CREATE TEMPORARY TABLE n (id INT AUTO_INCREMENT PRIMARY KEY, v INT UNIQUE)");
+foreach (array("INSERT INTO n (v) VALUES (1),(2)", "INSERT INTO n (v) VALUES (2)", "REPLACE INTO n (v) VALUES (2)",
+               "UPDATE n SET v = LAST_INSERT_ID(v + 10)", "SELECT * FROM n", "DELETE FROM n") as $sql) {
+    $r = $db->query($sql);
+    echo json_encode(array($r ? $r->rowCount() : 0, $db->lastInsertId(), $db->errorInfo()));
 }
 # --- pg => DB_ERROR
 $link = pg_link();
