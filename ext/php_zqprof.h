@@ -120,8 +120,9 @@ static inline zend_zqprof_globals *zq_globals(TSRMLS_D)
 
 /* 1 when the server API is the command line ("cli", any case); set at module start-up. */
 extern int g_cli;
-/* 1 between the end of module start-up and the start of module shut-down: the hooks that stay installed after
- * shut-down test it before they touch anything of ours. */
+/* 1 between the end of module start-up and the start of module shut-down. While it is 0 there are no globals, and whatever
+ * can be reached then tests it first: the hooks that stay installed after shut-down, and the request handlers and functions,
+ * which the engine calls without start-up when an extension loaded earlier could not be started. */
 extern int g_module_up;
 
 /* The engine's hooks as they were before this module replaced them. */

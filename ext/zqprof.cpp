@@ -127,6 +127,9 @@ static void print_setting(const char *name, uint name_size TSRMLS_DC)
 static void zm_info_zqprof(ZEND_MODULE_INFO_FUNC_ARGS)
 {
 	(void)zend_module;
+	if (!g_module_up) {
+		return;
+	}
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	int enabled = zend_ini_long((char *)"zqs.agent_enabled", sizeof("zqs.agent_enabled"), 0) == 1;
 	php_info_print_table_start();

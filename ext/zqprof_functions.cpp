@@ -13,10 +13,10 @@
 static PHP_FUNCTION(zqprof_rshutdowncall)
 {
 	(void)ht, (void)return_value_ptr, (void)this_ptr, (void)return_value_used;
-	if (ZQG(transaction_parent)) {
+	if (g_module_up && ZQG(transaction_parent)) {
 		send_transaction_data(1 TSRMLS_CC);
 	}
-	if (ZQG(rum_enabled)) {
+	if (g_module_up && ZQG(rum_enabled)) {
 		injectOutputBuffer(TSRMLS_C);
 	}
 	RETURN_TRUE;
@@ -26,7 +26,9 @@ static PHP_FUNCTION(zqprof_rshutdowncall)
 static PHP_FUNCTION(zqprof_headercall)
 {
 	(void)ht, (void)return_value_ptr, (void)this_ptr, (void)return_value_used;
-	send_transaction_data(0 TSRMLS_CC);
+	if (g_module_up) {
+		send_transaction_data(0 TSRMLS_CC);
+	}
 	RETURN_TRUE;
 }
 
@@ -40,7 +42,7 @@ static PHP_FUNCTION(zqprof_curl_header)
 	if (zend_parse_parameters(ht TSRMLS_CC, "rs", &handle, &line, &line_len) == FAILURE) {
 		return;
 	}
-	if (ZQG(request_open)) {
+	if (g_module_up && ZQG(request_open)) {
 		curl_header_handler(line, (size_t)line_len TSRMLS_CC);
 	}
 	RETURN_LONG(line_len);
@@ -89,8 +91,7 @@ static void set_action_name(const char *name TSRMLS_DC)
 /* The agent's own calls may run PHP code that calls back into the functions below: lists must stay as they are then. */
 static int may_change_action(TSRMLS_D)
 {
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	return g_cli && g->request_open && !g->in_agent_call;
+	return g_module_up && g_cli && ZQG(request_open) && !ZQG(in_agent_call);
 }
 
 /* 1 when the application is monitored: the action is open then. */
@@ -136,10 +137,10 @@ static PHP_FUNCTION(vantor_start_webaction)
 static PHP_FUNCTION(vantor_end_webaction)
 {
 	(void)ht, (void)return_value_ptr, (void)this_ptr, (void)return_value_used;
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	if (!may_change_action(TSRMLS_C) || !g->hook_enabled) {
+	if (!may_change_action(TSRMLS_C) || !ZQG(hook_enabled)) {
 		return;
 	}
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	g->hook_enabled = 0;
 	g->rdown_tick = cycle_timer();
 	zq_lift_memory_limit(TSRMLS_C); /* a packet can be larger than the room that the script has left */
@@ -187,12 +188,12 @@ static void notice_object(zval *object TSRMLS_DC)
 static PHP_FUNCTION(vantor_notice_error)
 {
 	(void)return_value_ptr, (void)this_ptr, (void)return_value_used;
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	zval *error = NULL;
 	zend_bool record = 1;
-	if (zend_parse_parameters(ht TSRMLS_CC, "z!|b", &error, &record) == FAILURE || !error || !record) {
+	if (zend_parse_parameters(ht TSRMLS_CC, "z!|b", &error, &record) == FAILURE || !error || !record || !g_module_up) {
 		return;
 	}
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (!g->request_open || !g->agent_enabled || !g->error_collector_enabled || g->error) {
 		return;
 	}

@@ -303,6 +303,9 @@ int zm_activate_zqprof(INIT_FUNC_ARGS)
 {
 	(void)type;
 	(void)module_number;
+	if (!g_module_up) {
+		return SUCCESS;
+	}
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	g->hook_enabled = 0;
 	g->request_open = 1;
@@ -428,6 +431,9 @@ int zm_deactivate_zqprof(SHUTDOWN_FUNC_ARGS)
 {
 	(void)type;
 	(void)module_number;
+	if (!g_module_up) {
+		return SUCCESS;
+	}
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (g->agent_enabled && g->hook_enabled) {
 		zq_lift_memory_limit(TSRMLS_C);

@@ -1,7 +1,8 @@
 /* Stands in for client libraries that cannot be had for this engine: registers their function and class names, and does
  * what the text arguments of a call say. "slow:N" anywhere in one waits N milliseconds, "fail" makes the call warn and
  * return false, "throw" makes it throw; otherwise it returns true. A constructor keeps its text in the class's property,
- * and __toString does what that text says, or returns it. A name is a row of the tables below. */
+ * and __toString does what that text says, or returns it. A name is a row of the tables below. With DOUBLES_NEED_NOBODY
+ * in the environment it does not start, for want of an extension that does not exist. */
 #include "php.h"
 #include "zend_exceptions.h"
 #include "ext/pdo/php_pdo_driver.h"
@@ -184,8 +185,14 @@ PHP_MINIT_FUNCTION(doubles)
 	return SUCCESS;
 }
 
+static const zend_module_dep nobody[] = {ZEND_MOD_REQUIRED("nobody") ZEND_MOD_END};
+
 zend_module_entry doubles_module_entry = {
-	STANDARD_MODULE_HEADER, "doubles", functions, PHP_MINIT(doubles), NULL, NULL, NULL, NULL, "1", STANDARD_MODULE_PROPERTIES
+	STANDARD_MODULE_HEADER_EX, NULL, NULL, "doubles", functions, PHP_MINIT(doubles), NULL, NULL, NULL, NULL, "1", STANDARD_MODULE_PROPERTIES
 };
 
-ZEND_GET_MODULE(doubles)
+ZEND_DLEXPORT zend_module_entry *get_module(void)
+{
+	doubles_module_entry.deps = getenv("DOUBLES_NEED_NOBODY") ? nobody : NULL;
+	return &doubles_module_entry;
+}

@@ -10,7 +10,7 @@ import pytest
 
 import wire
 from cases import cases, program
-from engines import ENGINE, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
+from engines import AGENT, ENGINE, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
 from fake_daemon import PLAIN, SILENCE
 from sockets import Mortal
 
@@ -93,6 +93,17 @@ def test_log_cannot_be_written(site, fault):
     assert len(compare(site, prefix, ini={"zqs.agent_log_level": "DEBUG"}).metrics) == 1
     with site.daemon.absent():
         compare(site, prefix, ini={"zqs.agent_log_level": "DEBUG"})
+
+
+def test_extension_before_it_does_not_start(site, doubles):
+    """The engine then starts none of those behind it, but begins and ends their requests all the same."""
+    code = """echo 'page'; ob_start(); phpinfo(INFO_MODULES); ob_end_clean();
+        foreach (array('vantor_start_webaction', 'vantor_end_webaction', 'vantor_notice_error', 'zqprof_rshutdowncall',
+                       'zqprof_headercall', 'zqprof_curl_header') as $name)
+            if (is_callable($name)) $name === 'zqprof_curl_header' ? $name(fopen(__FILE__, 'r'), 'line') : @$name('error');"""
+    ini = {"load": [f'extension="{doubles["extension"]}"', AGENT], "display_startup_errors": "0"}
+    result = compare(site, code=code, ini=ini, env={"DOUBLES_NEED_NOBODY": "1"})
+    assert b"required module 'nobody' is not loaded" in result.stderr and not result.metrics
 
 
 def test_runtime_folder_is_missing(site):
