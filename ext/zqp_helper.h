@@ -43,6 +43,9 @@ char *get_server_key(const char *key);
 /* Declared and dynamic properties of an object, borrowed; null for anything else, and for an object of a class that
  * makes its table up on demand. Never runs PHP code and never changes the object. */
 HashTable *zq_property_table(zval *object TSRMLS_DC);
+/* Property that the object's class declares (`name_size` counts the NUL), borrowed; null when it is unset, and for an object whose
+ * class has a way of its own of reading properties. Never runs PHP code and never changes the object. */
+zval *zq_declared_property(zval *object, const char *name, uint name_size TSRMLS_DC);
 
 /* ---- zqp_helper_call.cpp: PHP code called by the agent ------------------------------------------------------------- */
 /* Calls PHP code on a frame of its own with the hooks off, so that the call is neither measured nor able to touch the

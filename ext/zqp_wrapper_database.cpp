@@ -27,21 +27,11 @@ static const char *prepared(zq_stack_data *, char **TSRMLS_DC)
 	return ZQG(prepared_sql);
 }
 
-/* Of a PDOStatement, whose class declares it and lets nobody write it: reading it runs no code. */
-static const char *query_string(zq_stack_data *call, char **built TSRMLS_DC)
+/* Of a PDOStatement, whose class declares it. */
+static const char *query_string(zq_stack_data *call, char **TSRMLS_DC)
 {
-	static const char name[] = "queryString";
-	if (!call->object || Z_TYPE_P(call->object) != IS_OBJECT) {
-		return NULL;
-	}
-	zval *value = zend_read_property(Z_OBJCE_P(call->object), call->object, name, sizeof(name) - 1, 1 TSRMLS_CC);
-	if (Z_TYPE_P(value) == IS_STRING && Z_REFCOUNT_P(value) > 0) {
-		return Z_STRVAL_P(value);
-	}
-	Z_ADDREF_P(value); /* a handler may answer with a value that nobody owns yet */
-	*built = Z_TYPE_P(value) == IS_STRING ? estrndup(Z_STRVAL_P(value), Z_STRLEN_P(value)) : NULL;
-	zval_ptr_dtor(&value);
-	return *built;
+	const zval *value = zq_declared_property(call->object, "queryString", sizeof "queryString" TSRMLS_CC);
+	return value && Z_TYPE_P(value) == IS_STRING ? Z_STRVAL_P(value) : NULL;
 }
 
 /* pg_insert() and pg_delete() make their statements out of a table's name and an array. */

@@ -33,3 +33,16 @@ register_shutdown_function(function () { echo "end"; });
 $db = pdo_sqlite_link();
 $db->sqliteCreateFunction("f", function () { undefined(); });
 $db->query("SELECT f()");
+# --- a statement that has lost its text => kept 0
+class Lost extends PDOStatement {
+    public $names = array();
+    function __get($name) { $this->names[] = $name; }
+}
+$db = pdo_sqlite_link();
+$db->setAttribute(PDO::ATTR_STATEMENT_CLASS, array("Lost"));
+$s = $db->prepare("SELECT 1");
+$s->execute();
+$all = new ArrayObject($s);
+unset($all["queryString"]);
+$s->execute();
+echo "kept ", count($s->names), "end";
