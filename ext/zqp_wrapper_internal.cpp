@@ -288,7 +288,7 @@ void zq_after_internal_call(zq_stack_data *stack_data, uint64 begin TSRMLS_DC)
 	if (!stack_data->func_hash_code && !ZQG(action_tracer_enabled)) {
 		return; /* nobody wants to know how long it took */
 	}
-	uint64 end = cycle_timer();
+	uint64 end = zq_clock_us(&ZQG(clock));
 	if (!record_call(stack_data, begin, end TSRMLS_CC)) {
 		zq_trace_default(stack_data, begin, end TSRMLS_CC);
 	}

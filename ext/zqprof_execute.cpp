@@ -354,7 +354,7 @@ static zend_never_inline void run_trampoline(zend_execute_data *frame, zend_fcal
 	zend_class_entry *scope = frame->function_state.function->common.scope;
 	char *func = estrdup(frame->function_state.function->common.function_name);
 	before_trampoline(frame, scope ? scope->name : NULL, func TSRMLS_CC);
-	uint64 start = cycle_timer();
+	uint64 start = zq_clock_us(&ZQG(clock));
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
 	if (ZQG(hook_enabled)) {
 		after_trampoline(frame, scope, func, start TSRMLS_CC);
@@ -383,7 +383,7 @@ static zend_never_inline void run_watched(zend_execute_data *frame, zend_class_e
 	stack.return_slot = internal_return_slot(frame, fci);
 	hash_names(&stack);
 	zq_before_internal_call(&stack TSRMLS_CC);
-	uint64 start = cycle_timer();
+	uint64 start = zq_clock_us(&ZQG(clock));
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
 	if (ZQG(hook_enabled)) {
 		zq_after_internal_call(&stack, start TSRMLS_CC);
@@ -393,7 +393,7 @@ static zend_never_inline void run_watched(zend_execute_data *frame, zend_class_e
 static zend_never_inline void trace_unwatched(zend_execute_data *frame, const char *cls, const char *func, uint64 start TSRMLS_DC)
 {
 	zq_stack_data stack = unwatched_call(frame, cls, func);
-	zq_trace_default(&stack, start, cycle_timer() TSRMLS_CC);
+	zq_trace_default(&stack, start, zq_clock_us(&ZQG(clock)) TSRMLS_CC);
 }
 
 static zend_never_inline void intercept_internal_call(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
@@ -457,9 +457,9 @@ zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC
 	}
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	char *filename = estrdup(file_handle->filename); /* opening may replace it */
-	uint64 start = cycle_timer();
+	uint64 start = zq_clock_us(&g->clock);
 	zend_op_array *compiled = compile_unseen(file_handle, type TSRMLS_CC);
-	uint64 end = cycle_timer();
+	uint64 end = zq_clock_us(&g->clock);
 	if (!g->hook_enabled) { /* the script ended its action while an error handler ran */
 		efree(filename);
 		return compiled;
