@@ -2,25 +2,14 @@
  * the first match wins. */
 #include "zqp_tracer.h"
 
+#include <bit>
+
 int isSpace(char ch)
 {
 	return ch >= 0x01 && ch <= 0x20;
 }
 
 /* ---- comments ---- */
-
-/* Bytes that are copied as they are, wherever they stand: not white space, nothing that begins or ends a quote or comment. */
-struct plain_bytes {
-	bool is_plain[256];
-	constexpr plain_bytes() : is_plain()
-	{
-		for (int ch = 0x21; ch < 256; ch++) {
-			is_plain[ch] = ch != '\'' && ch != '"' && ch != '-' && ch != '/';
-		}
-	}
-};
-
-static constexpr plain_bytes bytes;
 
 struct cleaned_text {
 	char *text;
@@ -36,6 +25,40 @@ static void emit(struct cleaned_text *out, char ch)
 		out->text[out->len++] = blank ? ' ' : ch;
 	}
 	out->after_blank = blank;
+}
+
+/* Bytes that are looked at together: most statements are words and single blanks. */
+typedef unsigned char chunk __attribute__((vector_size(16)));
+static_assert(std::endian::native == std::endian::little, "the first byte of a number is its lowest");
+
+/* How many bytes, of a chunk that ends with a NUL or has another byte behind it, come before white space other than a single
+ * blank, or what may begin or end a quote or comment. */
+static size_t plain_bytes(const char *at)
+{
+	chunk here, next;
+	memcpy(&here, at, sizeof here);
+	memcpy(&next, at + 1, sizeof next);
+	auto others = (here < ' ') | (here == '\'') | (here == '"') | (here == '-') | (here == '/') | ((here == ' ') & (next == ' '));
+	uint64 halves[2];
+	memcpy(halves, &others, sizeof halves);
+	return (size_t)(halves[0] ? std::countr_zero(halves[0]) : 64 + std::countr_zero(halves[1])) / 8;
+}
+
+/* Copies from `at` what needs no cleaning, and returns the position behind it. The bytes up to `end` are known to be there, and
+ * room for as many. */
+static const char *copy_plain(struct cleaned_text *out, const char *at, const char *end)
+{
+	size_t plain = sizeof(chunk);
+	while (plain == sizeof(chunk) && at < end && !(out->after_blank && *at == ' ')) {
+		char rest[sizeof(chunk) + 1] = {};
+		const char *from = end - at >= (ptrdiff_t)sizeof(chunk) ? at : (const char *)memcpy(rest, at, (size_t)(end - at));
+		plain = plain_bytes(from);
+		memcpy(out->text + out->len, from, plain);
+		at += plain;
+		out->len += plain;
+		out->after_blank = plain ? at[-1] == ' ' : out->after_blank;
+	}
+	return at;
 }
 
 /* Position behind the comment that starts at `at`, which is `at` when none does. A line's comment ends before its line
@@ -60,15 +83,8 @@ size_t zq_clean_statement(const char *statement, size_t most, char *text)
 {
 	struct cleaned_text out = {text, 0, 0};
 	char quote = 0;
-	const char *at = statement;
-	while (*at && out.len < most) {
-		if (bytes.is_plain[(unsigned char)*at]) {
-			do {
-				text[out.len++] = *at++;
-			} while (out.len < most && bytes.is_plain[(unsigned char)*at]);
-			out.after_blank = 0;
-			continue;
-		}
+	const char *at = statement, *end = statement + most;
+	while (*(at = copy_plain(&out, at, end)) && out.len < most) {
 		if (quote) {
 			if (*at == quote && at[-1] != '\\') {
 				quote = 0;
