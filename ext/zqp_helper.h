@@ -86,7 +86,8 @@ static inline size_t zq_most_recorded_bytes(TSRMLS_D)
 /* ---- growing buffers (header only) ------------------------------------------------------------------------------- */
 /* The engine's smart_str, whose macros do not compile as C++. `c` is null until something was appended. Growth is by
  * half the size and at least 128 bytes, so that a 16 MiB packet costs linear time. */
-static inline void zq_append(smart_str *dest, const char *text, size_t len)
+/* Room for `len` more bytes, which the caller writes behind the text and adds to its length. */
+static inline void zq_reserve(smart_str *dest, size_t len)
 {
 	size_t needed = dest->len + len;
 	if (!dest->c || needed >= dest->a) {
@@ -94,10 +95,14 @@ static inline void zq_append(smart_str *dest, const char *text, size_t len)
 		dest->c = (char *)safe_erealloc(dest->c, 1, needed, extra);
 		dest->a = needed + extra;
 	}
+}
+static inline void zq_append(smart_str *dest, const char *text, size_t len)
+{
+	zq_reserve(dest, len);
 	if (len) {
 		memcpy(dest->c + dest->len, text, len);
 	}
-	dest->len = needed;
+	dest->len += len;
 }
 static inline void zq_append_char(smart_str *dest, char ch) { zq_append(dest, &ch, 1); }
 /* A null text counts as empty. */

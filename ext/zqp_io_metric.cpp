@@ -21,6 +21,7 @@ namespace {
 constexpr size_t SHORT_TEXT_SIZE = 128;
 constexpr int SERVICE_ERROR_WITHOUT_STATUS = 1000;
 constexpr int MAX_PARAM_VALUE = 4096;
+constexpr size_t MAX_DIGITS = 20; /* of any number of 64 bits, with its sign */
 
 /* What the records written so far add up to (ms): the rest of the action is the application's own code. */
 struct spent {
@@ -53,6 +54,17 @@ void close_record(smart_str *p, size_t record)
 	p->c[record + 1] = (char)(len >> 16);
 	p->c[record + 2] = (char)(len >> 8);
 	p->c[record + 3] = (char)len;
+}
+
+/* Appends the packet's last record so many times more. */
+void repeat_record(smart_str *p, size_t record, unsigned times)
+{
+	size_t len = p->len - record;
+	for (; times; times--) {
+		zq_reserve(p, len);
+		memcpy(p->c + p->len, p->c + record, len);
+		p->len += len;
+	}
 }
 
 zend_llist_element *list_head(const zend_llist *list) { return list ? list->head : NULL; }
@@ -104,21 +116,28 @@ void append_times(smart_str *p, int server_t TSRMLS_DC)
 }
 
 /* "length:bytes". */
+void append_sql_item(smart_str *p, const char *text, size_t len)
+{
+	zq_reserve(p, MAX_DIGITS + 1 + len);
+	char *at = p->c + p->len;
+	at = std::to_chars(at, at + MAX_DIGITS, len).ptr;
+	*at++ = ':';
+	memcpy(at, text, len);
+	p->len = (size_t)(at + len - p->c);
+}
+
 void append_sql_item(smart_str *p, const char *text)
 {
-	size_t len = text ? strlen(text) : 0;
-	zq_append_long(p, (long)len);
-	zq_append_char(p, ':');
-	zq_append(p, text, len);
+	append_sql_item(p, text ? text : "", text ? strlen(text) : 0);
 }
 
 void append_statement(smart_str *p, const sql_element *sql, int keep_details)
 {
-	char metric[16];
-	*std::to_chars(metric, metric + sizeof metric - 1, sql->metric).ptr = '\0';
+	char metric[MAX_DIGITS];
+	size_t metric_len = (size_t)(std::to_chars(metric, metric + sizeof metric, sql->metric).ptr - metric);
 
 	size_t record = open_record(p, ZQ_RE_SQL);
-	append_sql_item(p, metric);
+	append_sql_item(p, metric, metric_len);
 	append_sql_item(p, sql->db);
 	append_sql_item(p, sql->statement);
 	if (keep_details && sql->stack) {
@@ -128,6 +147,7 @@ void append_statement(smart_str *p, const sql_element *sql, int keep_details)
 		append_sql_item(p, sql->explain);
 	}
 	close_record(p, record);
+	repeat_record(p, record, sql->repeats);
 }
 
 /* The statement goes as it was run, in every mode: the daemon takes names and groups from it. */
@@ -135,10 +155,7 @@ void append_statements(smart_str *p TSRMLS_DC)
 {
 	int keep_details = ZQG(action_tracer_record_sql) != 0;
 	for (zend_llist_element *at = list_head(ZQG(sqls)); at; at = at->next) {
-		const sql_element *sql = (const sql_element *)at->data;
-		for (unsigned i = 0; i <= sql->repeats; i++) {
-			append_statement(p, sql, keep_details);
-		}
+		append_statement(p, (const sql_element *)at->data, keep_details);
 	}
 }
 
