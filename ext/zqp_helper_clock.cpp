@@ -6,6 +6,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <charconv>
+
 #include "zqp_debug.h"
 
 int zq_thread_id(void)
@@ -27,26 +29,44 @@ static ssize_t read_once(const char *path, char *text, size_t size)
 	return len > 0 ? len : 0;
 }
 
+/* Fields of proc(5), which counts from 1; the numbers up to the last that is wanted. */
+enum { NAME = 2, STATE = 3, USER_TICKS = 14, SYSTEM_TICKS = 15, RESIDENT_PAGES = 24, FIELDS };
+
+/* 0, or -1 where a number is missing: at the end of the text, or because blanks in the name have shifted the fields. */
+static int read_fields(const char *at, size_t len, int64_t (&fields)[FIELDS])
+{
+	const char *end = at + len;
+	for (int i = 1; i < FIELDS; i++) {
+		at += strspn(at, " ");
+		if (i == NAME || i == STATE) {
+			at += strcspn(at, " ");
+			continue;
+		}
+		auto [behind, error] = std::from_chars(at, end, fields[i]);
+		if (error != std::errc()) {
+			return -1;
+		}
+		at = behind;
+	}
+	return 0;
+}
+
 int zq_read_stat(int pid, uint64 *user_ticks, uint64 *system_ticks, long *resident_pages)
 {
 	char path[32], line[1024];
 	snprintf(path, sizeof path, "/proc/%d/stat", pid);
-	if (read_once(path, line, sizeof line) == -1) {
+	ssize_t len = read_once(path, line, sizeof line);
+	if (len == -1) {
 		ZQ_LOG(ZQ_LOG_ERROR, "open %s fail: %s", path, strerror(errno));
 		return -1;
 	}
-	/* fields 14, 15 and 24 of proc(5) */
-	unsigned long user, system;
-	long resident;
-	int fields = sscanf(line,
-	                    "%*d %*s %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u%lu %lu %*d %*d %*d %*d %*d %*d %*u %*u %ld",
-	                    &user, &system, &resident);
-	if (fields != 3) {
+	int64_t fields[FIELDS];
+	if (read_fields(line, (size_t)len, fields) != 0) {
 		return -1;
 	}
-	*user_ticks = user;
-	*system_ticks = system;
-	*resident_pages = resident;
+	*user_ticks = (uint64)fields[USER_TICKS];
+	*system_ticks = (uint64)fields[SYSTEM_TICKS];
+	*resident_pages = (long)fields[RESIDENT_PAGES];
 	return 0;
 }
 
