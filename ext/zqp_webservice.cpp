@@ -17,7 +17,8 @@ webservice_element *webservice_element_alloc(const char *cls, const char *func, 
 		json_escape_string(&name, callee, strlen(callee), 0);
 	}
 
-	webservice_element *element = (webservice_element *)ecalloc(1, sizeof(webservice_element));
+	webservice_element *element = (webservice_element *)zq_list_new(sizeof(webservice_element));
+	*element = {};
 	element->name = zq_buffer_text(&name);
 	element->transaction_data = transaction_data ? estrdup(transaction_data) : NULL;
 	return element;

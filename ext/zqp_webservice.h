@@ -4,7 +4,7 @@
 
 #include "zqp_helper.h"
 
-/* An element of `webservices`, copied by value; strings are request memory. */
+/* The data of a node of `webservices`; strings are request memory. */
 typedef struct webservice_element {
 	char *name;             /* normalised URL, "/" and the class or function */
 	char *url;              /* full URL; only of calls slow enough for the trace, else null */
@@ -16,7 +16,7 @@ typedef struct webservice_element {
 } webservice_element;
 
 /* New record with its name made from `uri` (zq_append_web), "?" and `named_params` (may be null), "/" and the class,
- * or the function without one; `transaction_data` is copied. */
+ * or the function without one; `transaction_data` is copied. It lies in a list node, which is given away by zq_list_append(). */
 webservice_element *webservice_element_alloc(const char *cls, const char *func, const char *uri,
                                              const char *named_params, const char *transaction_data);
 void webservice_element_dtor(void *ele); /* frees the strings, not the record */

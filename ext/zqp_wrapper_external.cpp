@@ -56,13 +56,10 @@ size_t recorded_bytes(const webservice_element *element)
 	return bytes;
 }
 
-/* The list's copy of the record, which it owns now. */
-webservice_element *append_call(webservice_element *element TSRMLS_DC)
+void append_call(webservice_element *element TSRMLS_DC)
 {
 	ZQG(recorded_webservice_bytes) += recorded_bytes(element);
-	zend_llist_add_element(ZQG(webservices), element);
-	efree(element);
-	return (webservice_element *)ZQG(webservices)->tail->data;
+	zq_list_append(ZQG(webservices), element);
 }
 
 bool is_list_full(TSRMLS_D)
@@ -170,7 +167,7 @@ int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *tra
 	}
 	element->url = estrdup(url);
 	zq_str_replace_ln(element->url);
-	element = append_call(element TSRMLS_CC);
+	append_call(element TSRMLS_CC);
 	zq_trace_call(stack_data->cls, stack_data->func, stack_data->execute_data, btsc, ctsc, ZQ_TRACER_EXTERNAL,
 	              element TSRMLS_CC);
 	return 1;

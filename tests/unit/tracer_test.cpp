@@ -28,9 +28,8 @@ protected:
 	void *service(const std::string &uri, const std::string &answer)
 	{
 		webservice_element *element = webservice_element_alloc(nullptr, "curl_exec", uri.c_str(), nullptr, answer.c_str());
-		zend_llist_add_element(ZQG(webservices), element);
-		efree(element);
-		return ZQG(webservices)->tail->data;
+		zq_list_append(ZQG(webservices), element);
+		return element;
 	}
 	/* The trace of the calls added since the last one. */
 	std::string json()
