@@ -56,11 +56,11 @@ def configurations(site):
     return found
 
 
-def count(ini, script, variables):
-    """Instructions of one process."""
+def count(ini, script, variables, *options):
+    """Instructions of one process; `options` are the engine's."""
     environment = {**engines.web_environment(script, "/calls.php"), "PATH": os.environ["PATH"], **variables}
     command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", engines.ENGINE / "bin/php-cgi", "-q", "-d", "max_execution_time=0",
-               "-c", ini]
+               "-c", ini, *options]
     done = subprocess.run(command, env=environment, capture_output=True, text=True)
     found = re.search(r"Collected : (\d+)", done.stderr)
     if done.returncode or not found:
