@@ -31,7 +31,8 @@ struct TraceNode {
 std::optional<std::vector<TraceNode>> read_trace(std::string_view json);
 
 // The tree as lines of at most `width` columns, each ended by a line feed. Runs of siblings that do the same become one line with
-// their number, total and slowest, their statements without the values; stacks and plans are left out. `full`: everything, line by line.
+// their number, total and slowest, their statements without the values; stacks and plans are left out, and beyond 200 lines
+// whatever took least. `full`: everything, line by line.
 std::string trace_text(const std::vector<TraceNode>& nodes, size_t width, bool full);
 
 // The frames of a stack, innermost first; nothing when the text is no list of texts.

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <map>
+#include <numeric>
+#include <utility>
 
 namespace quorbit {
 
@@ -90,11 +92,38 @@ std::vector<Run> runs_below(const Run& run, const Shapes& shapes) {
   return below;
 }
 
+int64_t total_ms(const Run& run, const std::vector<TraceNode>& nodes) {
+  int64_t total = 0;
+  for (size_t at : run) total += taken_ms(nodes[at]);
+  return total;
+}
+
+struct WeighedRun {
+  Run run;
+  int64_t weight_ms;  // its time, and never more than that of the run that it is below
+};
+
+// All runs, parents before their children.
+std::vector<WeighedRun> all_runs(const std::vector<TraceNode>& nodes, const Shapes& shapes) {
+  std::vector<WeighedRun> found, open;  // a list of our own instead of recursion: traces nest deep
+  if (!nodes.empty()) open.push_back({{0}, total_ms({0}, nodes)});
+  while (!open.empty()) {
+    found.push_back(std::move(open.back()));
+    open.pop_back();
+    auto below = runs_below(found.back().run, shapes);
+    for (auto child = below.rbegin(); child != below.rend(); ++child) {
+      int64_t weight_ms = std::min(found.back().weight_ms, total_ms(*child, nodes));
+      open.push_back({std::move(*child), weight_ms});
+    }
+  }
+  return found;
+}
+
 class TreePrinter {
  public:
   TreePrinter(const std::vector<TraceNode>& nodes, size_t width) : nodes_(nodes), width_(width) {}
 
-  std::string out = "   start   taken\n";
+  std::string out;
   size_t lines = 0;
 
   void node(const TraceNode& node) {
@@ -112,16 +141,15 @@ class TreePrinter {
 
   void run(const Run& run) {
     const TraceNode& first = nodes_[run[0]];
-    int64_t total_ms = 0, slowest_ms = 0;
+    int64_t slowest_ms = 0;
     bool one_place = true;
     for (size_t at : run) {
-      total_ms += taken_ms(nodes_[at]);
       slowest_ms = std::max(slowest_ms, taken_ms(nodes_[at]));
       one_place = one_place && nodes_[at].place == first.place;
     }
     bool several = run.size() > 1;
     std::string times = several ? "  x " + std::to_string(run.size()) + ", slowest " + duration_text(slowest_ms) : std::string();
-    line(first, total_ms, one_place ? file_and_line(first.place) : std::string_view(), times);
+    line(first, total_ms(run, nodes_), one_place ? file_and_line(first.place) : std::string_view(), times);
     if (first.sql) detail("SQL", wrapped(several ? kind_of_statement(first) : *first.sql, statement_lines));
     if (!first.url.empty() && !several) detail("URL", wrapped(first.url, text_lines));
     if (!several) callee(first);
@@ -169,23 +197,25 @@ class TreePrinter {
 }  // namespace
 
 std::string trace_text(const std::vector<TraceNode>& nodes, size_t width, bool full) {
+  std::string out = "   start   taken\n";
   TreePrinter printer(nodes, width);
   if (full) {
     for (const TraceNode& node : nodes) printer.node(node);
-    return std::move(printer.out);
+    return out + printer.out;
   }
-  Shapes shapes(nodes);
-  std::vector<Run> open;  // a list of our own instead of recursion: traces nest deep
-  if (!nodes.empty()) open.push_back({0});
-  while (!open.empty() && printer.lines < most_lines) {
-    Run run = std::move(open.back());
-    open.pop_back();
-    printer.run(run);
-    auto below = runs_below(run, shapes);
-    for (auto child = below.rbegin(); child != below.rend(); ++child) open.push_back(std::move(*child));
+  std::vector<WeighedRun> runs = all_runs(nodes, Shapes(nodes));
+  std::vector<size_t> longest(runs.size());  // a parent still stands before its children
+  std::iota(longest.begin(), longest.end(), size_t{0});
+  std::stable_sort(longest.begin(), longest.end(), [&](size_t a, size_t b) { return runs[a].weight_ms > runs[b].weight_ms; });
+  std::vector<std::string> texts(runs.size());
+  size_t shown = 0;
+  for (; shown < longest.size() && printer.lines < most_lines; shown++) {
+    printer.run(runs[longest[shown]].run);
+    texts[longest[shown]] = std::exchange(printer.out, {});
   }
-  if (!open.empty()) printer.out += "  ... the rest: --full\n";
-  return std::move(printer.out);
+  for (const std::string& text : texts) out += text;
+  if (shown < longest.size()) out += "  ... the rest, " + duration_text(runs[longest[shown]].weight_ms) + " at most: --full\n";
+  return out;
 }
 
 }  // namespace quorbit
