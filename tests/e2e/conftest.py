@@ -7,6 +7,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "harness"))
 
 import engines  # noqa: E402
 from browser import front  # noqa: E402,F401
+from late_answers import pytest_runtest_call, pytest_runtest_protocol  # noqa: E402,F401
 from local_daemon import real  # noqa: E402,F401
 from servers import doubles, mariadb, postgres, shim, shim_library  # noqa: E402,F401
 from skips import pytest_make_collect_report, pytest_runtest_makereport  # noqa: E402,F401

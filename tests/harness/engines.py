@@ -96,6 +96,7 @@ def replace(path, text):
 
 class Site:
     """A private runtime root with a daemon in it, a document root, and the php.ini files with and without the agent."""
+    open = set()                             # those that are not closed yet
 
     def __init__(self, **ini):
         for path in (EXTENSION, ENGINE / "bin/php", ENGINE / "bin/php-cgi"):
@@ -114,8 +115,10 @@ class Site:
         self.daemon = FakeDaemon(str(self.logs / ".quorbit.sock"))
         self.servers = []
         self.extension = EXTENSION
+        self.open.add(self)
 
     def close(self):
+        self.open.discard(self)
         for server in self.servers:
             server.stop()
         self.daemon.stop()
