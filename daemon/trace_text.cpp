@@ -214,7 +214,7 @@ std::string trace_text(const std::vector<TraceNode>& nodes, size_t width, bool f
     texts[longest[shown]] = std::exchange(printer.out, {});
   }
   for (const std::string& text : texts) out += text;
-  if (shown < longest.size()) out += "  ... the rest, " + duration_text(runs[longest[shown]].weight_ms) + " at most: --full\n";
+  if (shown < longest.size()) out += "  ... the rest, each " + duration_text(runs[longest[shown]].weight_ms) + " at most: --full\n";
   return out;
 }
 

@@ -137,7 +137,7 @@ TEST(Trace, BearsCallsNestedAsDeepAsAScriptCanGo) {
   EXPECT_NE(trace_text(*nodes, 100, true).find("(49999) f\n"), std::string::npos);
   std::string start = trace_text(*nodes, 100, false);
   EXPECT_LT(start.size(), 20000u);
-  EXPECT_TRUE(start.ends_with("  ... the rest, 1 ms at most: --full\n")) << start;
+  EXPECT_TRUE(start.ends_with("  ... the rest, each 1 ms at most: --full\n")) << start;
   StoredAction shown{{}, {}};
   shown.action.trace = text + end;
   EXPECT_TRUE(action_json(shown, {})["trace"].is_string()) << "too deep for whoever parses the output";
@@ -152,7 +152,7 @@ TEST(Trace, LeavesOutTheShortestOfManyCallsWhereverTheyStand) {
   auto nodes = read_trace(text + R"([300,900,"","",1,"","slow",{},[[300,890,"","",1,"","query",{},[]]]]]])");
   ASSERT_TRUE(nodes);
   std::string brief = trace_text(*nodes, 100, false);
-  const char* end = "fast196\n     300     600    slow\n     300     590      query\n  ... the rest, 1 ms at most: --full\n";
+  const char* end = "fast196\n     300     600    slow\n     300     590      query\n  ... the rest, each 1 ms at most: --full\n";
   EXPECT_TRUE(brief.ends_with(end)) << brief;
 }
 
