@@ -29,7 +29,12 @@ static void emit(struct cleaned_text *out, char ch)
 
 /* Bytes that are looked at together: most statements are words and single blanks. */
 typedef unsigned char chunk __attribute__((vector_size(16)));
-static_assert(std::endian::native == std::endian::little, "the first byte of a number is its lowest");
+
+/* Bytes before the first that is not zero, in memory's order; 8 when all are. */
+static int leading_zero_bytes(uint64 bytes)
+{
+	return (std::endian::native == std::endian::little ? std::countr_zero(bytes) : std::countl_zero(bytes)) / 8;
+}
 
 /* How many bytes, of a chunk that ends with a NUL or has another byte behind it, come before white space other than a single
  * blank, or what may begin or end a quote or comment. */
@@ -41,7 +46,7 @@ static size_t plain_bytes(const char *at)
 	auto others = (here < ' ') | (here == '\'') | (here == '"') | (here == '-') | (here == '/') | ((here == ' ') & (next == ' '));
 	uint64 halves[2];
 	memcpy(halves, &others, sizeof halves);
-	return (size_t)(halves[0] ? std::countr_zero(halves[0]) : 64 + std::countr_zero(halves[1])) / 8;
+	return (size_t)(halves[0] ? leading_zero_bytes(halves[0]) : 8 + leading_zero_bytes(halves[1]));
 }
 
 /* Copies from `at` what needs no cleaning, and returns the position behind it. The bytes up to `end` are known to be there, and
