@@ -110,6 +110,7 @@ std::string cut_middle(std::string_view text, size_t width) {
 
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most) {
   std::vector<std::string> lines;
+  text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
   while (text_width(text) > width) {
     if (lines.size() + 1 == most) break;
     size_t end = bytes_of(text, width);

@@ -28,8 +28,8 @@ std::string cut(std::string_view text, size_t width);
 // The same, but what is cut is in the middle: names differ at both ends.
 std::string cut_middle(std::string_view text, size_t width);
 
-// Printable text as lines of at most `width` columns, broken at blanks where there are some; an ellipsis ends what does not fit into
-// `most` lines.
+// Printable text without leading blanks as lines of at most `width` columns, broken at blanks where there are some; an ellipsis
+// ends what does not fit into `most` lines.
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most);
 
 struct Column {

@@ -31,7 +31,7 @@ TEST(Text, IsCutAndWrappedByColumnsNotBytes) {
   EXPECT_EQ(cut("\u00e9\u00e9\u00e9\u00e9", 3), "\u00e9\u00e9\u2026");
   EXPECT_EQ(cut_middle("\u00e91234567\u00e9", 6), "\u00e912\u20267\u00e9");
   EXPECT_EQ(cut_middle("abc", 1), "\u2026");
-  EXPECT_EQ(wrap("one two threefour", 8, 9), (std::vector<std::string>{"one two", "threefou", "r"}));
+  EXPECT_EQ(wrap(" one two threefour", 8, 9), (std::vector<std::string>{"one two", "threefou", "r"}));
   EXPECT_EQ(wrap("abcdefghij", 4, 2), (std::vector<std::string>{"abcd", "efg\u2026"}));
   EXPECT_EQ(wrap("", 4, 2), (std::vector<std::string>{""}));
 }
