@@ -97,6 +97,7 @@ struct zend_zqprof_globals {
 
 	int request_open;              /* between request start and request end: request memory may be kept */
 	pid_t daemon_pid;              /* process that opened daemon_sock: a forked child must not use its parent's stream */
+	ino_t daemon_inode;            /* of daemon_sock: the number alone may be another file's by now */
 	char *license_copy;            /* thread */
 	int in_agent_call;             /* > 0 while the agent itself calls PHP code */
 	unsigned component_generation; /* counts the times `components` was emptied: guards stale element pointers */

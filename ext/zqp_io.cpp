@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -69,6 +70,20 @@ static int set_timeout(int sock, int option, const char *name)
 	return -1;
 }
 
+/* The descriptor under a number above 2, -1 with errno set on failure. In a process without standard output the script's
+ * next file must get that number, as it counts on, and what the script prints must not go to the daemon. */
+static int above_standard(int fd)
+{
+	if (fd == -1 || fd > STDERR_FILENO) {
+		return fd;
+	}
+	int higher = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+	int error = errno;
+	close(fd);
+	errno = error;
+	return higher;
+}
+
 /* Fills the address; -1 with errno set when the path has no room in it. */
 static int daemon_address(struct sockaddr_un *address, const char *path)
 {
@@ -98,7 +113,7 @@ int open_daemon(int report_error TSRMLS_DC)
 	/* A path that does not fit here does not fit the address either, which reports it. */
 	snprintf(path, sizeof(path), "%s/log/quorbit/.quorbit.sock", zq_ini_str("zqs.runtime_root", "/var"));
 	ZQ_LOG(ZQ_LOG_DEBUG, "connecting to daemon ipc=%s", path);
-	int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	int sock = above_standard(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 	if (sock == -1) {
 		ZQ_LOG(ZQ_LOG_CRITICAL, "create AF_UNIX socket fail: %s", strerror(errno));
 		return -1;
@@ -127,18 +142,36 @@ void close_daemon(int sock TSRMLS_DC)
 	ZQG(daemon_sock) = -1;
 }
 
+void zq_daemon_connect(int report_error TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	struct stat status = {};
+	g->daemon_sock = open_daemon(report_error TSRMLS_CC);
+	g->daemon_pid = getpid();
+	fstat(g->daemon_sock, &status);
+	g->daemon_inode = status.st_ino;
+}
+
+void zq_daemon_forget_foreign(zend_zqprof_globals *g)
+{
+	struct stat status;
+	if (g->daemon_sock != -1 &&
+	    (fstat(g->daemon_sock, &status) == -1 || !S_ISSOCK(status.st_mode) || status.st_ino != g->daemon_inode)) {
+		g->daemon_sock = -1;
+	}
+}
+
 int zq_daemon_socket(int connect_now TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	pid_t self = getpid();
-	if (g->daemon_sock != -1 && g->daemon_pid != self) {
+	zq_daemon_forget_foreign(g);
+	if (g->daemon_sock != -1 && g->daemon_pid != getpid()) {
 		/* Opened by the parent before a fork: two processes on one stream would mix their packets. */
 		close(g->daemon_sock);
 		g->daemon_sock = -1;
 	}
 	if (g->daemon_sock == -1 && connect_now) {
-		g->daemon_sock = open_daemon(1 TSRMLS_CC);
-		g->daemon_pid = self;
+		zq_daemon_connect(1 TSRMLS_CC);
 	}
 	return g->daemon_sock;
 }
@@ -258,11 +291,7 @@ static int replace_daemon_config(const char *path, const char *prefix, const cha
 static int run_silently(const char *command)
 {
 	int kept[3];
-	int low_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
-	int null_fd = fcntl(low_fd, F_DUPFD_CLOEXEC, 3); /* 0 to 2 may have been closed, and low_fd be one of them */
-	if (low_fd != -1) {
-		close(low_fd);
-	}
+	int null_fd = above_standard(open("/dev/null", O_RDWR | O_CLOEXEC));
 	if (null_fd == -1) {
 		return system(command);
 	}

@@ -50,10 +50,15 @@ void zq_fill_packet_header(smart_str *p, int type);
 void pack_write_env(smart_str *p, const char *item, const char *value);
 void pack_write_config(smart_str *p, const char *item, const char *value);
 
-/* Connected socket with 100 ms time-outs, or -1. `report_error`: a failed connect is logged. One attempt. */
+/* Connected socket with 100 ms time-outs, its number above 2, or -1. `report_error`: a failed connect is logged. One attempt. */
 int open_daemon(int report_error TSRMLS_DC);
 /* Closes the descriptor (if not -1) with a DEBUG line; daemon_sock becomes -1 in every case. */
 void close_daemon(int sock TSRMLS_DC);
+/* daemon_sock becomes what open_daemon() returns, and it is kept by what it can be told from another descriptor. */
+void zq_daemon_connect(int report_error TSRMLS_DC);
+/* daemon_sock becomes -1 when that number is not the connection any more: something in the process has closed what it
+ * did not open, and the number may by now be a file or a connection of the script's. Nothing is closed. */
+void zq_daemon_forget_foreign(zend_zqprof_globals *g);
 /* Makes daemon_sock this process's own: drops a descriptor inherited through fork, connects when `connect_now` and
  * there is none. Returns daemon_sock, -1 when not connected. */
 int zq_daemon_socket(int connect_now TSRMLS_DC);

@@ -54,6 +54,7 @@ static void php_zqprof_init_globals(void *globals TSRMLS_DC)
 static void php_zqprof_shutdown_globals(void *globals TSRMLS_DC)
 {
 	zend_zqprof_globals *g = (zend_zqprof_globals *)globals;
+	zq_daemon_forget_foreign(g);
 	if (g->daemon_sock != -1) {
 		ZQ_LOG(ZQ_LOG_DEBUG, "close contact with the daemon on fd=%d", g->daemon_sock);
 		close(g->daemon_sock);
@@ -68,8 +69,7 @@ static void connect_or_launch_daemon(TSRMLS_D)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	g->hook_enabled = 0;
-	g->daemon_sock = open_daemon(0 TSRMLS_CC);
-	g->daemon_pid = getpid();
+	zq_daemon_connect(0 TSRMLS_CC);
 	if (g->daemon_sock == -1) {
 		zq_daemon_start(1 TSRMLS_CC);
 	}

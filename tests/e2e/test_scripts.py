@@ -3,7 +3,7 @@ import pytest
 
 import wire
 from cases import program
-from engines import SCRIPTS
+from engines import ENGINE, SCRIPTS
 
 INI = {"memory_limit": "32M", "display_errors": "1", "html_errors": "0", "log_errors": "1", "error_log": "/dev/stderr"}
 TRACED = {"zqs.action_tracer.action_threshold": "1", "zqs.error_collector.enabled": "1", "zqs.transaction_tracer.enabled": "1"}
@@ -33,3 +33,17 @@ def test_calls_are_timed_under_their_names(site, name, components, traced):
 
 def test_an_action_threshold_of_zero_is_the_default(site):
     assert site.cgi("usleep(2000);", settings={"zqs.action_tracer.action_threshold": "0"}).metric.trace is None
+
+
+@pytest.mark.parametrize("closed", ["<&-", ">&-", "2>&-", "<&- >&- 2>&-", ""])
+def test_standard_descriptors_that_are_closed_stay_free_for_the_script(site, closed):
+    """Started without them, or closed by a script that becomes a daemon: the next file it opens gets the number."""
+    code = "" if closed else "fclose(STDIN); fclose(STDOUT); fclose(STDERR);"
+    script = site.script(code + program("daemon.php"), "job.php")
+    seen = [(site.run(["sh", "-c", f'"$@" {closed}', "sh", ENGINE / "bin/php", "-c", site.ini_file(agent), script]),
+             [path.read_bytes() for path in sorted(site.docroot.glob("*.log"))]) for agent in (False, True)]
+    for result, _ in seen:
+        result.ms = 0
+    assert seen[0] == seen[1]
+    site.daemon.settle()
+    assert len(site.daemon.received(wire.Metric)) == 4

@@ -1,5 +1,6 @@
 /* The metric packet from lists built by hand. The expected bytes are literals: nothing of the encoder is used to make them. */
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -27,13 +28,22 @@ protected:
 		ZQG(rinit_cpu) = UINT64_MAX; /* the clock did not move */
 	}
 
+	/* Makes a connection of which `ends[1]` is the daemon's. */
+	void connect_to(int ends[2])
+	{
+		struct stat status;
+		ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
+		ASSERT_EQ(0, fstat(ends[0], &status));
+		ZQG(daemon_sock) = ends[0];
+		ZQG(daemon_pid) = getpid();
+		ZQG(daemon_inode) = status.st_ino;
+	}
+
 	/* What a daemon receives of the action, with "????" for the system time in it. */
 	std::string report(int duration)
 	{
 		int ends[2];
-		EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
-		ZQG(daemon_sock) = ends[0];
-		ZQG(daemon_pid) = getpid();
+		connect_to(ends);
 		std::string packet;
 		std::thread daemon([&] {
 			char buffer[65536];
@@ -141,4 +151,24 @@ TEST_F(MetricPacket, OfAProfileIsWorthNoConnection)
 	thread_profile("enter function", "f", NULL TSRMLS_CC);
 	ZQG(profile_end_time) = 0;
 	EXPECT_EQ(0, ZQG(daemon_pid)) << "none was tried, even in vain";
+}
+
+TEST_F(MetricPacket, NeverGoesToAFileThatTookTheNumberOfTheConnection)
+{
+	int ours[2], scripts[2];
+	char byte;
+	connect_to(ours);
+	ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, scripts));
+	ASSERT_EQ(ours[0], dup2(scripts[1], ours[0]));
+	for (pid_t owner : {getpid(), getppid()}) { /* also when it was inherited */
+		ZQG(daemon_sock) = ours[0];
+		ZQG(daemon_pid) = owner;
+		send_metric(1 TSRMLS_CC);
+		EXPECT_EQ(-1, recv(scripts[0], &byte, 1, MSG_DONTWAIT)) << "nothing was written";
+		EXPECT_EQ(1, write(ours[0], "x", 1)) << "and nothing closed";
+		EXPECT_EQ(1, read(scripts[0], &byte, 1));
+	}
+	for (int fd : {ours[0], ours[1], scripts[0], scripts[1]}) {
+		close(fd);
+	}
 }
