@@ -16,6 +16,7 @@
 
 #include "php_zqprof.h"
 #include "zqp_lock.h"
+#include "zqp_process_memory.h"
 
 char *zqprof_ini_log_file;
 int zqprof_ini_log_level;
@@ -155,24 +156,23 @@ static void blank_control_characters(char *text, size_t len)
 
 static void write_record(int level, const char *format, va_list args)
 {
-	char *record = NULL;
-	size_t len = 0;
-	FILE *stream = open_memstream(&record, &len);
+	zq_written record;
+	FILE *stream = zq_open_written(&record);
 	if (!stream) {
 		return;
 	}
 	zq_log_newline(stream, level);
 	fflush(stream);
-	size_t header_len = len;
+	size_t header_len = record.len;
 	vfprintf(stream, format, args);
 	fclose(stream);
-	blank_control_characters(record + header_len, len - header_len);
-	int fd = open_for_append(zqprof_ini_log_file, O_CREAT);
+	int fd = record.text ? open_for_append(zqprof_ini_log_file, O_CREAT) : -1;
 	if (fd != -1) {
-		(void)!write(fd, record, len);
+		blank_control_characters(record.text + header_len, record.len - header_len);
+		(void)!write(fd, record.text, record.len);
 		close(fd);
 	}
-	free(record);
+	free(record.text);
 }
 
 int zq_file_may_grow(const char *path)
@@ -318,7 +318,7 @@ void reg_dump(const char *file)
 	backtrace(frame, 1); /* loads the unwinder's library now: not possible in the handler */
 	localtime_r(&now, &local);
 	g_dump_utc_offset = local.tm_gmtoff;
-	g_dump_file = strdup(file);
+	g_dump_file = zq_strdup(file);
 	if (!g_dump_file) {
 		return;
 	}

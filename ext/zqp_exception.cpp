@@ -3,6 +3,7 @@
 #include "zqp_exception.h"
 
 #include "zqp_lock.h"
+#include "zqp_process_memory.h"
 
 error_element *error_element_alloc(const char *msg, const char *cls, char *stack)
 {
@@ -28,14 +29,16 @@ void error_element_dtor(void *ele)
 	pefree(element, element->persistent);
 }
 
-/* A copy in process memory, from the strings of `element`, which stays as it is. */
+/* A copy in process memory, from the strings of `element`, which stays as it is; null when there is none left. */
 static error_element *persistent_copy(const error_element *element)
 {
-	error_element *copy = (error_element *)pecalloc(1, sizeof(error_element), 1);
-	copy->msg = pestrdup(element->msg, 1);
-	copy->cls = pestrdup(element->cls, 1);
-	copy->stack = pestrdup(element->stack, 1);
-	copy->persistent = true;
+	error_element *copy = (error_element *)calloc(1, sizeof(error_element));
+	if (copy) {
+		copy->msg = zq_strdup(element->msg);
+		copy->cls = zq_strdup(element->cls);
+		copy->stack = zq_strdup(element->stack);
+		copy->persistent = true;
+	}
 	return copy;
 }
 
@@ -130,8 +133,8 @@ static void record_briefly(int type, const char *format, va_list args TSRMLS_DC)
 		return;
 	}
 	element->persistent = true;
-	element->msg = strdup(msg);
-	element->cls = strdup(zq_get_err_type_name(type));
+	element->msg = zq_strdup(msg);
+	element->cls = zq_strdup(zq_get_err_type_name(type));
 	if (element->msg && element->cls) {
 		ZQG(error) = element;
 	} else {
@@ -251,8 +254,8 @@ void zq_db_error(const char *msg, const char *sql TSRMLS_DC)
 	if (element) {
 		element->persistent = true;
 		element->msg = describe_failed_statement(msg ? msg : "", sql);
-		element->cls = strdup("DB_ERROR");
-		element->stack = strdup(stack);
+		element->cls = zq_strdup("DB_ERROR");
+		element->stack = zq_strdup(stack);
 		error_element_dtor(ZQG(error));
 		ZQG(error) = element;
 	}

@@ -3,6 +3,7 @@
 #include "zqp_io.h"
 
 #include "zqp_debug.h"
+#include "zqp_process_memory.h"
 
 template <size_t N> static constexpr zq_setting_row row(const char (&key)[N], zq_setting_kind kind, size_t offset)
 {
@@ -99,7 +100,7 @@ static void take_setting(zq_config_answer *answer, const char *body, size_t len)
 	const char *equals = (const char *)memchr(body, '=', len);
 	int index = equals ? row_index_of(body, (size_t)(equals - body)) : -1;
 	if (index >= 0) {
-		char *value = strndup(equals + 1, len - (size_t)(equals + 1 - body));
+		char *value = zq_strndup(equals + 1, len - (size_t)(equals + 1 - body));
 		if (value) {
 			set_value(answer, index, value);
 		}
@@ -129,7 +130,7 @@ static void take_stamp(zq_config_answer *answer, const char *body, uint64 known_
 static void take_app_id(zq_config_answer *answer, const char *body, size_t len)
 {
 	free(answer->values.app_id);
-	answer->values.app_id = strndup(body, len);
+	answer->values.app_id = zq_strndup(body, len);
 	if (!answer->values.app_id) {
 		fputs("Out of memory\n", stderr);
 		exit(1);

@@ -10,6 +10,7 @@
 
 #include "zqp_debug.h"
 #include "zqp_lock.h"
+#include "zqp_process_memory.h"
 
 static const int refresh_interval_s = 60;
 static const int applications_max = 1024; /* the name may come from the client's Host header */
@@ -122,7 +123,7 @@ static void take_snapshot(config_snapshot *snapshot, const app_cfg_info *rec)
 	for (const auto &row : zq_setting_table) {
 		if (zq_setting_is_text(&row)) {
 			char **text = (char **)((char *)snapshot + row.offset);
-			*text = *text ? strdup(*text) : NULL;
+			*text = *text ? zq_strdup(*text) : NULL;
 		}
 	}
 }

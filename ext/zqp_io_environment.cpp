@@ -6,6 +6,7 @@
 #include <initializer_list>
 
 #include "zqp_lock.h"
+#include "zqp_process_memory.h"
 
 /* malloc'ed; published once under the process lock, unchanged afterwards and therefore read without it: by known(). */
 static char *g_php_version, *g_apache_version, *g_apache_mpm, *g_plugin_list;
@@ -45,7 +46,7 @@ static char *text_of_call(const char *name TSRMLS_DC)
 	zval result;
 	char *text = NULL;
 	if (call_function(name, &result TSRMLS_CC)) {
-		text = Z_TYPE(result) == IS_STRING ? strdup(Z_STRVAL(result)) : NULL;
+		text = Z_TYPE(result) == IS_STRING ? zq_strdup(Z_STRVAL(result)) : NULL;
 		zval_dtor(&result);
 	}
 	return text;
@@ -86,7 +87,7 @@ static char *apache_mpm(TSRMLS_D)
 {
 	const char *found = NULL;
 	each_name("apache_get_modules", [&found](const char *name) { return (found = mpm_word(name)) == NULL; } TSRMLS_CC);
-	return found ? strdup(found) : NULL;
+	return found ? zq_strdup(found) : NULL;
 }
 
 static char *plugin_list(TSRMLS_D)
@@ -103,7 +104,7 @@ static char *plugin_list(TSRMLS_D)
 		}
 		return 1;
 	} TSRMLS_CC);
-	char *text = list.len ? strdup(zq_buffer_text(&list)) : NULL;
+	char *text = list.len ? zq_strdup(zq_buffer_text(&list)) : NULL;
 	zq_buffer_free(&list);
 	return text;
 }

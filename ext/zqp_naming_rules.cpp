@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "zqp_process_memory.h"
 #include "zqp_text.h"
 
 enum match_operator { ALWAYS = 0, EQUALS = 1, STARTS_WITH = 2, ENDS_WITH = 3, CONTAINS = 4, MATCHES_REGEX = 5 };
@@ -197,9 +198,8 @@ static void read_split(struct name_parts *parts, const cJSON *split)
 
 char *naming(const char *name, struct cJSON *split, const struct zq_naming_request *request)
 {
-	char *text = NULL;
-	size_t len = 0;
-	FILE *out = open_memstream(&text, &len);
+	zq_written name_text;
+	FILE *out = zq_open_written(&name_text);
 	if (!out) {
 		return NULL;
 	}
@@ -219,10 +219,10 @@ char *naming(const char *name, struct cJSON *split, const struct zq_naming_reque
 		fprintf(out, " (%s)", request->method);
 	}
 	if (fclose(out) != 0) {
-		free(text);
+		free(name_text.text);
 		return NULL;
 	}
-	return text;
+	return name_text.text;
 }
 
 char *get_name_by_rule(struct cJSON *rule, const struct zq_naming_request *request)

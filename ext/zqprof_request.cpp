@@ -11,6 +11,7 @@
 #include "zqp_io.h"
 #include "zqp_naming.h"
 #include "zqp_nosql.h"
+#include "zqp_process_memory.h"
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
 #include "zqp_wrapper.h"
@@ -55,7 +56,7 @@ void zq_set_license(TSRMLS_D)
 	/* The setting's own text may be freed at request end, while phpinfo of the next request still shows the key. */
 	if (!g->license_copy || strcmp(g->license_copy, key) != 0) {
 		free(g->license_copy);
-		g->license_copy = strdup(key);
+		g->license_copy = zq_strdup(key);
 	}
 	g->license = g->license_copy ? g->license_copy : "empty key";
 }

@@ -5,12 +5,13 @@ import shutil
 import signal
 import subprocess
 import time
+from pathlib import Path
 
 import pytest
 
 import wire
 from cases import cases, program
-from engines import AGENT, ENGINE, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
+from engines import AGENT, ENGINE, EXTENSION, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
 from fake_daemon import PLAIN, SILENCE
 from sockets import Mortal
 
@@ -104,6 +105,23 @@ def test_extension_before_it_does_not_start(site, doubles):
     ini = {"load": [f'extension="{doubles["extension"]}"', AGENT], "display_startup_errors": "0"}
     result = compare(site, code=code, ini=ini, env={"DOUBLES_NEED_NOBODY": "1"})
     assert b"required module 'nobody' is not loaded" in result.stderr and not result.metrics
+
+
+def test_another_allocator_is_preloaded(site):
+    """The engine and the C library's own functions take it, while extensions are bound to the C library's."""
+    library = next(Path("/usr/lib").glob("*/libjemalloc.so.2"))
+    site.daemon.configure({**PROFILE, "zqs.error_collector.record_db_errors": "1", "zqs.capture_params": "1",
+                           "zqs.naming.rules": '[{"name":"n","match":{"method":0,"match":5,"value":"^/i"},"split":{"uri":"1"}}]'})
+    for allocator in ("1", "0"):                                                   # the engine's own above it, or it alone
+        server = site.serve(FastCgi, {"zqs.agent_log_level": "DEBUG"}, env={"LD_PRELOAD": library, "USE_ZEND_ALLOC": allocator})
+        for code in (EVERY_HOOK, "nope();", "$db = new PDO('sqlite::memory:'); $db->query('SELECT * FROM nothing');"):
+            metric = server.get(code, "/index.php?rounds=3").metric
+            assert metric.action == "WebAction/n/index.php"
+        assert metric.error["class"] == "DB_ERROR"
+    assert "no such table" in metric.error["message"]
+    imported = subprocess.run(["nm", "-D", "--undefined-only", EXTENSION], capture_output=True, text=True, check=True).stdout
+    giving = r" (strn?dup|v?asprintf|open_memstream|getline|getdelim|realpath|_safe_malloc|zend_strndup)\b"
+    assert re.findall(giving, imported) == []
 
 
 def test_runtime_folder_is_missing(site):
