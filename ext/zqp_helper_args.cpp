@@ -178,6 +178,12 @@ HashTable *zq_property_table(zval *object TSRMLS_DC)
 	if (!object || Z_TYPE_P(object) != IS_OBJECT || Z_OBJ_HT_P(object)->get_properties != zend_std_get_properties) {
 		return NULL;
 	}
+	/* a class named in disable_classes makes objects with neither a table nor slots, although properties are declared:
+	 * building the table crashes */
+	const zend_object *self = zend_objects_get_address(object TSRMLS_CC);
+	if (!self->properties && !self->properties_table && self->ce->default_properties_count) {
+		return NULL;
+	}
 	return zend_std_get_properties(object TSRMLS_CC);
 }
 

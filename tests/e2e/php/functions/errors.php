@@ -41,6 +41,9 @@ vantor_notice_error('next');
 $d = new DateTime;
 vantor_notice_error($d);
 vantor_notice_error('changed', isset($d->date));
+# --- an object of a disabled class => Exception: next (vantor_notice_error)
+vantor_notice_error(new LengthException('x'));
+vantor_notice_error('next');
 # --- a message that is no text => nothing
 vantor_notice_error(object(array()));
 # --- array => nothing
