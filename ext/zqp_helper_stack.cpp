@@ -85,6 +85,18 @@ static zend_execute_data *interrupted_frame(TSRMLS_D)
 	return at;
 }
 
+/* A frame that calls nobody right now keeps the object of its last call. That one may be gone, and the engine's walk would
+ * take a class from it: an error between two calls. Nobody else reads it before the next call sets it anew. */
+static void forget_past_objects(TSRMLS_D)
+{
+	int frames_left = 2 * max_frames + 2; /* the walk makes one entry of two frames at most, and may leave out the first */
+	for (zend_execute_data *at = EG(current_execute_data); at && frames_left > 0; at = at->prev_execute_data, frames_left--) {
+		if (at->op_array && at->function_state.function == (zend_function *)at->op_array) {
+			at->object = NULL;
+		}
+	}
+}
+
 void zq_get_code_stack(smart_str *buf TSRMLS_DC)
 {
 	zval frames;
@@ -92,6 +104,7 @@ void zq_get_code_stack(smart_str *buf TSRMLS_DC)
 	zend_op *exception_op = interrupted ? interrupted->opline : NULL;
 	INIT_ZVAL(frames);
 	zq_append_char(buf, '[');
+	forget_past_objects(TSRMLS_C);
 	if (interrupted) {
 		interrupted->opline = EG(opline_before_exception);
 	}

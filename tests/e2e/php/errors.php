@@ -8,6 +8,12 @@ file_put_contents('bad.php', '<?php if (');
 function load() { include 'bad.php'; }
 load();
 echo 'on';
+# --- between two calls, the object of the last one gone => PARSE_ERROR | syntax error, unexpected 'error' (T_STRING) | load
+class Loader { function ready() { } }
+function loader() { static $one; return $one ?: $one = new Loader; }
+function load() { loader()->ready(); eval('syntax error'); }
+load();
+echo 'on';
 # --- a class declared twice => COMPILE_ERROR | Cannot redeclare class A | unknown eval
 class A { }
 eval('class A { }');
