@@ -106,6 +106,7 @@ struct zend_zqprof_globals {
 	int unlisted_webservice_ms;    /* of outgoing calls beyond that bound */
 	HashTable *own_curl_callbacks; /* curl handles that have ours and nothing of the script's, by resource id; request; may be null */
 	int recorded_limit_logged;
+	unsigned contexts_apart;       /* stream contexts that the agent has made for SOAP clients of this thread */
 	zq_clock clock;
 	uint64 watch_filter[16];       /* names in the two hook tables, as bits: one that is not set needs no lookup */
 };

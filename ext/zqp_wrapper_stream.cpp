@@ -68,6 +68,18 @@ HashTable *response_headers(TSRMLS_D)
 	return headers && Z_TYPE_P(headers) == IS_ARRAY ? Z_ARRVAL_P(headers) : NULL;
 }
 
+/* A context with a number of its own range: the script may print those of its later resources. */
+php_stream_context *context_apart(TSRMLS_D)
+{
+	const ulong first = 1 << 30; /* no script gets so far */
+	HashTable *resources = &EG(regular_list);
+	ulong next = resources->nNextFreeElement;
+	resources->nNextFreeElement = first + ZQG(contexts_apart)++ % first;
+	php_stream_context *context = php_stream_context_alloc(TSRMLS_C);
+	resources->nNextFreeElement = next;
+	return context;
+}
+
 void before_stream_call(zq_stack_data *stack_data, int context_seq TSRMLS_DC)
 {
 	if (!zq_is_http_url(get_argument_char(stack_data->execute_data, 0))) {
@@ -135,7 +147,7 @@ void zq_identify_soap_client(zval *client TSRMLS_DC)
 	php_stream_context *context = NULL;
 	bool made_options;
 	if (!value) {
-		context = php_stream_context_alloc(TSRMLS_C);
+		context = context_apart(TSRMLS_C);
 		MAKE_STD_ZVAL(value);
 		ZVAL_RESOURCE(value, context->rsrc_id); /* the property holds the only reference */
 		zend_hash_update(properties, "_stream_context", sizeof "_stream_context", &value, sizeof value, NULL);

@@ -51,6 +51,10 @@ notified('$URL');
 function n($code) { stream_context_set_option($GLOBALS['x'], 'http', 'header', 'A: 1'); }
 notified('$URL');
 
+# --- resources behind a SOAP client keep their numbers => 0 identified:
+$client = array(new SoapClient(null, array('location' => '$URL', 'uri' => 'x')), new SoapClient(null, array('location' => '$URL', 'uri' => 'x')));
+echo fopen('php://memory', 'r'), stream_context_create();
+
 # --- script ends inside a stream => 0 identified:
 function n($code) { exit('bye'); }
 notified('$URL');
