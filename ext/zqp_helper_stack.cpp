@@ -4,6 +4,8 @@
 
 /* Backtraces of the running code are cut here; an exception's own trace is as long as it was made. */
 static const int max_frames = 20;
+/* The walk makes one entry of two frames at most, and may leave out the first. */
+static const int walked_frames = 2 * max_frames + 2;
 
 static void append_escaped(smart_str *buf, zval *text)
 {
@@ -85,26 +87,43 @@ static zend_execute_data *interrupted_frame(TSRMLS_D)
 	return at;
 }
 
-/* A frame that calls nobody right now keeps the object of its last call. That one may be gone, and the engine's walk would
- * take a class from it: an error between two calls. Nobody else reads it before the next call sets it anew. */
-static void forget_past_objects(TSRMLS_D)
+static int calls_nobody(const zend_execute_data *frame)
 {
-	int frames_left = 2 * max_frames + 2; /* the walk makes one entry of two frames at most, and may leave out the first */
-	for (zend_execute_data *at = EG(current_execute_data); at && frames_left > 0; at = at->prev_execute_data, frames_left--) {
-		if (at->op_array && at->function_state.function == (zend_function *)at->op_array) {
+	return frame->op_array && frame->function_state.function == (const zend_function *)frame->op_array;
+}
+
+/* A frame that calls nobody right now keeps the object of its last call. That one may be gone, and the engine's walk would
+ * take a class from it: an error between two calls. The walk is kept from seeing it; afterwards it is there again, for the
+ * traces that the script makes. */
+static void hide_past_objects(zval **hidden TSRMLS_DC)
+{
+	int i = 0;
+	for (zend_execute_data *at = EG(current_execute_data); at && i < walked_frames; at = at->prev_execute_data, i++) {
+		if (calls_nobody(at)) {
+			hidden[i] = at->object;
 			at->object = NULL;
+		}
+	}
+}
+
+static void show_past_objects(zval *const *hidden TSRMLS_DC)
+{
+	int i = 0;
+	for (zend_execute_data *at = EG(current_execute_data); at && i < walked_frames; at = at->prev_execute_data, i++) {
+		if (calls_nobody(at)) {
+			at->object = hidden[i];
 		}
 	}
 }
 
 void zq_get_code_stack(smart_str *buf TSRMLS_DC)
 {
-	zval frames;
+	zval frames, *hidden[walked_frames];
 	zend_execute_data *interrupted = interrupted_frame(TSRMLS_C);
 	zend_op *exception_op = interrupted ? interrupted->opline : NULL;
 	INIT_ZVAL(frames);
 	zq_append_char(buf, '[');
-	forget_past_objects(TSRMLS_C);
+	hide_past_objects(hidden TSRMLS_CC);
 	if (interrupted) {
 		interrupted->opline = EG(opline_before_exception);
 	}
@@ -112,6 +131,7 @@ void zq_get_code_stack(smart_str *buf TSRMLS_DC)
 	if (interrupted) {
 		interrupted->opline = exception_op;
 	}
+	show_past_objects(hidden TSRMLS_CC);
 	if (Z_TYPE(frames) == IS_ARRAY) {
 		append_frames(buf, Z_ARRVAL(frames), 0 TSRMLS_CC);
 	}
