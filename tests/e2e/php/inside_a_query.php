@@ -24,6 +24,11 @@ echo "end";
 $db = pdo_sqlite_link();
 $db->sqliteCreateFunction("f", function () use ($db) { $db->query("SELECT 7")->fetchAll(); return 8; });
 echo $db->query("SELECT f()")->fetchColumn(), "end";
+# --- a generator that is thrown away inside another, and a trace made there => thrown away
+function last($db) { try { yield 1; } finally { $db->query("SELECT 1"); echo new Exception("thrown away"); } }
+function all($db) { yield call_user_func('last', $db)->current(); }
+foreach (all(pdo_sqlite_link()) as $one) { }
+echo "end";
 # --- exit => end
 $db = pdo_sqlite_link();
 $db->sqliteCreateFunction("f", function () { exit("end"); });
