@@ -1,4 +1,5 @@
-// The configuration file that the agent writes when it starts the daemon (".quorbit.cfg"), and the files that lie beside it.
+// The configuration file that the agent writes when it starts the daemon (".quorbit.cfg"), and the files that lie
+// beside it.
 #pragma once
 
 #include <string>
@@ -8,38 +9,38 @@
 namespace quorbit {
 
 struct DaemonConfig {
-  std::string log_level = "info";
-  std::string log_file;  // "" for no log
-  std::string pid_file;
-  std::string socket_file;
+	std::string log_level = "info";
+	std::string log_file; // "" for no log
+	std::string pid_file;
+	std::string socket_file;
 
-  // The folder of the pid file, without a slash at its end.
-  std::string folder() const;
-  std::string lock_file() const;          // beside the pid file
-  std::string store_file() const;         // "quorbit.db"
-  std::string applications_file() const;  // "applications.conf"
+	// The folder of the pid file, without a slash at its end.
+	std::string folder() const;
+	std::string lock_file() const;         // beside the pid file
+	std::string store_file() const;        // "quorbit.db"
+	std::string applications_file() const; // "applications.conf"
 };
 
-// Reads "key=value" lines; keys that the local daemon has no use for (the collector's address, certificates, the proxy) are passed
-// over. Relative paths are resolved against the current folder. Throws std::runtime_error with a message for the operator when a
-// file name that the daemon needs is missing.
+// Reads "key=value" lines; keys that the local daemon has no use for (the collector's address, certificates, the proxy)
+// are passed over. Relative paths are resolved against the current folder. Throws std::runtime_error with a message for
+// the operator when a file name that the daemon needs is missing.
 DaemonConfig parse_daemon_config(std::string_view text);
 
 // The same from a file. Throws std::runtime_error also when it cannot be read.
-DaemonConfig read_daemon_config(const std::string& path);
+DaemonConfig read_daemon_config(const std::string &path);
 
-// The same for the daemon itself, which writes where the file says. Throws std::runtime_error also when it is neither root's nor
-// this process's user's.
-DaemonConfig read_trusted_config(const std::string& path);
+// The same for the daemon itself, which writes where the file says. Throws std::runtime_error also when it is neither
+// root's nor this process's user's.
+DaemonConfig read_trusted_config(const std::string &path);
 
 // What the agent would write for this runtime root ("/var" unless set otherwise).
-DaemonConfig default_daemon_config(const std::string& runtime_root);
+DaemonConfig default_daemon_config(const std::string &runtime_root);
 
-// The whole of a file. Throws std::runtime_error when it cannot be read, is larger than 64 MiB or, where that is asked for, belongs to
-// another than root or this process's user.
-std::string read_file(const std::string& path, bool of_root_or_us = false);
+// The whole of a file. Throws std::runtime_error when it cannot be read, is larger than 64 MiB or, where that is asked
+// for, belongs to another than root or this process's user.
+std::string read_file(const std::string &path, bool of_root_or_us = false);
 
 // Whether only root and this process's user can have made the file: the folder may be writable for others.
-bool is_of_root_or_us(const struct stat& status);
+bool is_of_root_or_us(const struct stat &status);
 
-}  // namespace quorbit
+} // namespace quorbit

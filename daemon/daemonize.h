@@ -5,16 +5,16 @@
 
 namespace quorbit {
 
-// Runs the daemon, as the owner of its folder when root starts it. In the background unless `foreground`: returns in the calling
-// process as soon as the daemon listens or has failed. Returns the exit status: 0 also when another one is running already, 1 when
-// the daemon cannot run (the reason goes to the log and to standard error). To be called before anything else opened descriptors or
-// started threads.
-int run_daemon(const std::string& config_path, bool foreground);
+// Runs the daemon, as the owner of its folder when root starts it. In the background unless `foreground`: returns in
+// the calling process as soon as the daemon listens or has failed. Returns the exit status: 0 also when another one is
+// running already, 1 when the daemon cannot run (the reason goes to the log and to standard error). To be called before
+// anything else opened descriptors or started threads.
+int run_daemon(const std::string &config_path, bool foreground);
 
 // The process id in the pid file when that process is alive, else 0.
-int running_daemon(const DaemonConfig& config);
+int running_daemon(const DaemonConfig &config);
 
 // Whether something accepts connections on the socket.
-bool daemon_answers(const DaemonConfig& config);
+bool daemon_answers(const DaemonConfig &config);
 
-}  // namespace quorbit
+} // namespace quorbit

@@ -12,8 +12,8 @@ namespace quorbit {
 // Ordered: what a program reads comes in the order in which it is documented.
 using Json = nlohmann::ordered_json;
 
-// Parses JSON of an agent. Agents write control bytes inside strings as they are, and data of a called application unchanged;
-// such bytes, invalid UTF-8 and lone surrogates are repaired first. Nothing when it still does not parse.
+// Parses JSON of an agent. Agents write control bytes inside strings as they are, and data of a called application
+// unchanged; such bytes, invalid UTF-8 and lone surrogates are repaired first. Nothing when it still does not parse.
 std::optional<Json> parse_agent_json(std::string_view text);
 
 // The text that a JSON string body stands for; the body itself when it is none (texts of agents are sometimes cut).
@@ -22,4 +22,4 @@ std::string json_unescape(std::string_view body);
 // Levels of lists and objects inside one another.
 size_t json_nesting(std::string_view text);
 
-}  // namespace quorbit
+} // namespace quorbit

@@ -6,9 +6,9 @@
 
 namespace quorbit {
 
-// The statement with numbers and quoted text replaced by "?", in one line, without comments; identifiers keep their digits, and the
-// list of an IN becomes "(?, ...)". `vendor` as agents name it: for "MySQL" double quotes hold text and backslashes escape, for all
-// others double quotes hold names.
+// The statement with numbers and quoted text replaced by "?", in one line, without comments; identifiers keep their
+// digits, and the list of an IN becomes "(?, ...)". `vendor` as agents name it: for "MySQL" double quotes hold text and
+// backslashes escape, for all others double quotes hold names.
 std::string normalise_sql(std::string_view statement, std::string_view vendor);
 
-}  // namespace quorbit
+} // namespace quorbit

@@ -12,7 +12,8 @@ namespace quorbit {
 // The text as UTF-8: every invalid byte becomes U+FFFD.
 std::string valid_utf8(std::string_view text);
 
-// The text as one harmless line for a terminal: control and direction characters and invalid bytes are written as escapes
+// The text as one harmless line for a terminal: control and direction characters and invalid bytes are written as
+// escapes
 // (\n, \x1b, \u202e).
 std::string printable(std::string_view text);
 
@@ -28,21 +29,23 @@ std::string cut(std::string_view text, size_t width);
 // The same, but what is cut is in the middle: names differ at both ends.
 std::string cut_middle(std::string_view text, size_t width);
 
-// Printable text without leading blanks as lines of at most `width` columns, broken at blanks where there are some; an ellipsis
-// ends what does not fit into `most` lines.
+// Printable text without leading blanks as lines of at most `width` columns, broken at blanks where there are some; an
+// ellipsis ends what does not fit into `most` lines.
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most);
 
 struct Column {
-  std::string title;
-  bool right = false;    // alignment
-  bool shrinks = false;  // gives way when the table is too wide
+	std::string title;
+	bool right = false;   // alignment
+	bool shrinks = false; // gives way when the table is too wide
 };
 
-// Rows of printable cells under their titles, two blanks between columns. Where that takes more than `width` columns, the columns
-// that shrink give way, the widest first; cells are cut in the middle.
-std::vector<std::string> table_lines(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows, size_t width);
+// Rows of printable cells under their titles, two blanks between columns. Where that takes more than `width` columns,
+// the columns that shrink give way, the widest first; cells are cut in the middle.
+std::vector<std::string> table_lines(
+	const std::vector<Column> &columns, const std::vector<std::vector<std::string>> &rows, size_t width);
 // The same as one text, each line ended by a line feed.
-std::string table(const std::vector<Column>& columns, const std::vector<std::vector<std::string>>& rows, size_t width = SIZE_MAX);
+std::string table(
+	const std::vector<Column> &columns, const std::vector<std::vector<std::string>> &rows, size_t width = SIZE_MAX);
 
 // "37%" of the whole; "-" when there is no whole.
 std::string percent(int64_t part, int64_t whole);
@@ -65,4 +68,4 @@ int64_t wall_clock_ms();
 // Seconds of "90", "90s", "15m", "2h", "7d"; nothing for anything else and for what is not positive.
 std::optional<int64_t> parse_seconds(std::string_view text);
 
-}  // namespace quorbit
+} // namespace quorbit

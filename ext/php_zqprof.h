@@ -15,6 +15,7 @@ struct error_element;
 
 /* What the daemon decides per application. `app_cfg_info` and the globals hold the same fields in the same order, so
  * that one table of offsets serves parsing and copying; both are checked against each other in zqp_io_config.cpp. */
+// clang-format off
 #define ZQ_APP_CONFIG_FIELDS                                                                                            \
 	int auto_action_naming;                                                                                         \
 	char *urls_captured;           /* regular expressions, one a line; null: every URI is monitored */              \
@@ -45,70 +46,74 @@ struct error_element;
 	int resource_low;                                                                                               \
 	int resource_high;                                                                                              \
 	int resource_safe;
+// clang-format on
 
 /* One instance per thread, zero-filled when the thread appears. Lifetimes: "request" memory comes from the engine's
  * request allocator and is gone at request end; "thread" memory is malloc'ed and lives until the thread's globals are
  * destroyed. Time stamps are microseconds of cycle_timer(). The fields of the first group are the interface that the
  * whole agent agrees on; the private ones follow behind `transaction_req_id`. */
 struct zend_zqprof_globals {
-	int daemon_sock;               /* -1: not connected */
-	char *app_name;                /* request */
-	const char *license;           /* points at license_copy or at a constant */
+	int daemon_sock;     /* -1: not connected */
+	char *app_name;      /* request */
+	const char *license; /* points at license_copy or at a constant */
 	int agent_enabled;
+	// clang-format off
 	ZQ_APP_CONFIG_FIELDS           /* strings: request copies of the application's record */
-	int hook_enabled;              /* 1 only while an action is open; 0: every hook passes straight through */
+		// clang-format on
+		int hook_enabled; /* 1 only while an action is open; 0: every hook passes straight through */
 	HashTable *wrapper_function_hash;
 	HashTable *performance_function_hash;
-	char *action_name;             /* request */
-	int action_name_level;         /* 0 none, 2 URI, 3 controller class, 204 rule or framework, 255 application */
+	char *action_name;     /* request */
+	int action_name_level; /* 0 none, 2 URI, 3 controller class, 204 rule or framework, 255 application */
 	int use_frame;
-	uint64 rinit_cpu;              /* clock ticks, user + system */
+	uint64 rinit_cpu; /* clock ticks, user + system */
 	struct error_element *error;
 	zend_llist *sqls;
 	zend_llist *tracer;
 	int tracer_level;
 	int child_has_tracer;
-	uint64 tracer_threshold_tick;  /* us */
-	char *tracer_id;               /* request */
-	zend_llist *components;        /* open components, innermost last */
+	uint64 tracer_threshold_tick; /* us */
+	char *tracer_id;              /* request */
+	zend_llist *components;       /* open components, innermost last */
 	HashTable *components_hash;
 	size_t rum_write_length;
 	int rum_flag;
-	int block_duration;            /* ms */
+	int block_duration; /* ms */
 	uint64 sum_zq_used;
 	uint64 rinit_tick;
 	uint64 rdown_tick;
-	int sum_db_metric;             /* ms */
-	char *prepared_sql;            /* request */
-	const char *pdo_db;            /* static vendor name, "" or null */
+	int sum_db_metric;  /* ms */
+	char *prepared_sql; /* request */
+	const char *pdo_db; /* static vendor name, "" or null */
 	HashTable *nosql_memcc;
 	HashTable *nosql_redis;
 	HashTable *nosql_mongo;
 	zend_llist *webservices;
 	int webservice_should_ignored;
-	char *thrift_host;             /* request */
-	char *thrift_tx_data;          /* request */
+	char *thrift_host;    /* request */
+	char *thrift_tx_data; /* request */
 	int ws_enabled;
 	int headers_sent;
 	int transaction_parent;
-	char *transaction_id;          /* request */
+	char *transaction_id;                 /* request */
 	char *transaction_curl_response_data; /* request */
-	char *transaction_req_id;      /* request */
+	char *transaction_req_id;             /* request */
 
-	int request_open;              /* between request start and request end: request memory may be kept */
-	pid_t daemon_pid;              /* process that opened daemon_sock: a forked child must not use its parent's stream */
-	ino_t daemon_inode;            /* of daemon_sock: the number alone may be another file's by now */
-	char *license_copy;            /* thread */
-	int in_agent_call;             /* > 0 while the agent itself calls PHP code */
+	int request_open;   /* between request start and request end: request memory may be kept */
+	pid_t daemon_pid;   /* process that opened daemon_sock: a forked child must not use its parent's stream */
+	ino_t daemon_inode; /* of daemon_sock: the number alone may be another file's by now */
+	char *license_copy; /* thread */
+	int in_agent_call;  /* > 0 while the agent itself calls PHP code */
 	unsigned component_generation; /* counts the times `components` was emptied: guards stale element pointers */
 	size_t recorded_sql_bytes;     /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
 	size_t recorded_webservice_bytes;
 	int unlisted_webservice_ms;    /* of outgoing calls beyond that bound */
-	HashTable *own_curl_callbacks; /* curl handles that have ours and nothing of the script's, by resource id; request; may be null */
+	HashTable *own_curl_callbacks; /* curl handles that have ours and nothing of the script's, by resource id; request;
+									  may be null */
 	int recorded_limit_logged;
-	unsigned contexts_apart;       /* stream contexts that the agent has made for SOAP clients of this thread */
+	unsigned contexts_apart; /* stream contexts that the agent has made for SOAP clients of this thread */
 	zq_clock clock;
-	uint64 watch_filter[16];       /* names in the two hook tables, as bits: one that is not set needs no lookup */
+	uint64 watch_filter[16]; /* names in the two hook tables, as bits: one that is not set needs no lookup */
 };
 
 extern ts_rsrc_id zqprof_globals_id;
@@ -122,16 +127,18 @@ static inline zend_zqprof_globals *zq_globals(TSRMLS_D)
 
 /* 1 when the server API is the command line ("cli", any case); set at module start-up. */
 extern int g_cli;
-/* 1 between the end of module start-up and the start of module shut-down. While it is 0 there are no globals, and whatever
- * can be reached then tests it first: the hooks that stay installed after shut-down, and the request handlers and functions,
- * which the engine calls without start-up when an extension loaded earlier could not be started. */
+/* 1 between the end of module start-up and the start of module shut-down. While it is 0 there are no globals, and
+ * whatever can be reached then tests it first: the hooks that stay installed after shut-down, and the request handlers
+ * and functions, which the engine calls without start-up when an extension loaded earlier could not be started. */
 extern int g_module_up;
 
 /* The engine's hooks as they were before this module replaced them. */
 extern void (*_zend_execute_ex)(zend_execute_data *execute_data TSRMLS_DC);
-extern void (*_zend_execute_internal)(zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
+extern void (*_zend_execute_internal)(
+	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
 extern zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSRMLS_DC);
-extern void (*_zend_error_cb)(int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);
+extern void (*_zend_error_cb)(
+	int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);
 extern int (*_sapi_ub_write)(const char *str, unsigned int str_length TSRMLS_DC);
 
 /* zqprof_settings.cpp: the 25 settings. */
@@ -153,10 +160,11 @@ void zq_set_license(TSRMLS_D);
 /* Threshold for the trace in us: one hundredth of the action threshold (ms), at least ZQ_TRACER_FLOOR_US. */
 uint64 zq_tracer_threshold_us(int action_threshold_ms);
 
-/* zqprof_execute.cpp: the engine's hooks. Each runs what was hooked before and gives back what that gives; nothing of the call,
- * its result or its errors changes. */
+/* zqprof_execute.cpp: the engine's hooks. Each runs what was hooked before and gives back what that gives; nothing of
+ * the call, its result or its errors changes. */
 void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC);
-void zq_execute_internal(zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
+void zq_execute_internal(
+	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
 zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC);
 
 /* zqprof_functions.cpp: the functions offered to PHP code. */

@@ -11,11 +11,11 @@
 
 #include "zqp_debug.h"
 
-static const uint64 US_PER_LINE = 100000;                 /* a slope that is wrong by 10 ppm is wrong by 1 us then */
-static const uint64 FIRST_SLOPE_NS = 10000000;            /* both readings are good to some 50 ns */
+static const uint64 US_PER_LINE = 100000;      /* a slope that is wrong by 10 ppm is wrong by 1 us then */
+static const uint64 FIRST_SLOPE_NS = 10000000; /* both readings are good to some 50 ns */
 static const uint64 SLOPE_NS = 1000000000;
-static const uint64 LONGEST_SLOPE_NS = 10 * SLOPE_NS;     /* who knows what happened meanwhile: the host may have slept */
-static const uint64 GOOD_READING_TICKS = 2000;            /* between the two counter readings around the kernel's */
+static const uint64 LONGEST_SLOPE_NS = 10 * SLOPE_NS; /* who knows what happened meanwhile: the host may have slept */
+static const uint64 GOOD_READING_TICKS = 2000;        /* between the two counter readings around the kernel's */
 static const double FRACTION = (double)((uint64)1 << ZQ_CLOCK_FRACTION_BITS);
 
 /* Both clocks at module start-up. */
@@ -97,7 +97,8 @@ static uint64 ticks_used(const zq_clock *clock, uint64 tick)
 	return ahead < clock->span ? ahead : clock->span;
 }
 
-/* The counter cannot be what it was if it has strayed by an eighth, or was set back. After a long pause nobody can tell. */
+/* The counter cannot be what it was if it has strayed by an eighth, or was set back. After a long pause nobody can
+ * tell. */
 static int has_run_off(const zq_clock *clock, uint64 tick, uint64 ns)
 {
 	uint64 elapsed = tick - clock->tick;
@@ -150,8 +151,8 @@ uint64 zq_clock_follow(zq_clock *clock, uint64 tick, uint64 ns)
 	learn_slope(clock, tick, ns);
 	clock->us = us;
 	if (clock->us_per_tick) {
-		/* The line passes through `us` when the kernel's clock does: a little earlier, or, where the old line led, later.
-		 * Until then the clock stands. */
+		/* The line passes through `us` when the kernel's clock does: a little earlier, or, where the old line led,
+		 * later. Until then the clock stands. */
 		double ticks_per_us = FRACTION / (double)clock->us_per_tick;
 		clock->tick = tick + (uint64)(int64_t)((double)(int64_t)(us * 1000 - ns) / 1000 * ticks_per_us);
 		clock->span = (uint64)((double)US_PER_LINE * ticks_per_us);
@@ -166,7 +167,8 @@ static void forsake_counter(zq_clock *clock)
 	clock->is_forsaken = 1;
 	clock->span = 0;
 	if (__atomic_exchange_n(&is_trusted, 0, __ATOMIC_RELAXED)) {
-		ZQ_LOG(ZQ_LOG_WARNING, "the time-stamp counter runs off the kernel's clock, which alone keeps the time from now on");
+		ZQ_LOG(ZQ_LOG_WARNING,
+			"the time-stamp counter runs off the kernel's clock, which alone keeps the time from now on");
 	}
 }
 

@@ -22,17 +22,19 @@ typedef struct zq_clock {
 	uint64 us_per_tick; /* slope of the line, fixed-point; 0: not known yet */
 	uint64 from_tick;   /* both clocks at the moment from which the slope is being taken; 0: none yet */
 	uint64 from_ns;
-	int is_forsaken;    /* the counter ran off the kernel's clock and is not asked again */
+	int is_forsaken; /* the counter ran off the kernel's clock and is not asked again */
 } zq_clock;
 
-/* Finds out whether the counter may be used, and reads both clocks, so that threads have a slope soon. At module start-up. */
+/* Finds out whether the counter may be used, and reads both clocks, so that threads have a slope soon. At module
+ * start-up. */
 void zq_clock_init(void);
 /* A thread's clock before its first reading. */
 void zq_clock_start(zq_clock *clock);
 /* A reading without the line: ends the wait for a first slope, lays the line anew, or asks the kernel alone. */
 uint64 zq_clock_read_kernel(zq_clock *clock);
-/* Takes in that the kernel's clock showed `ns` when the counter showed `tick`, and returns the microseconds to show: never
- * less than what was shown before. Learns the slope over 10 ms first and then over seconds. Changes nothing but `clock`. */
+/* Takes in that the kernel's clock showed `ns` when the counter showed `tick`, and returns the microseconds to show:
+ * never less than what was shown before. Learns the slope over 10 ms first and then over seconds. Changes nothing but
+ * `clock`. */
 uint64 zq_clock_follow(zq_clock *clock, uint64 tick, uint64 ns);
 
 static inline uint64 zq_clock_counter(void)

@@ -53,8 +53,8 @@ static char *component_name(const char *cls, const char *func)
 }
 
 /* Only here does a component get its name: nobody sees those that took no time, and outermost functions are many. */
-void zq_component_close(zend_llist_element *element, unsigned generation, const char *cls, const char *func,
-                        int elapsed_ms TSRMLS_DC)
+void zq_component_close(
+	zend_llist_element *element, unsigned generation, const char *cls, const char *func, int elapsed_ms TSRMLS_DC)
 {
 	zend_llist *open = ZQG(components);
 	if (!element || !open || generation != ZQG(component_generation) || open->tail != element) {

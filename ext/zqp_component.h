@@ -18,7 +18,8 @@ typedef struct component_hash_element {
 	int exclusive; /* ms */
 } component_hash_element;
 
-/* New zeroed record in a list node (zq_list_new) that owns `name`, whose control characters become blanks; null: none yet. */
+/* New zeroed record in a list node (zq_list_new) that owns `name`, whose control characters become blanks; null: none
+ * yet. */
 component_element *component_element_alloc(char *name);
 void component_element_dtor(void *ele);      /* frees the name, not the node */
 void component_hash_element_dtor(void *ele); /* a hash destructor: receives the stored pointer's address */
@@ -26,9 +27,10 @@ void component_hash_element_dtor(void *ele); /* a hash destructor: receives the 
 /* Opens a component and returns its list element, borrowed. */
 zend_llist_element *zq_component_open(TSRMLS_D);
 /* Closes it as "PHP/<class or NULL>/<function>" when it is still the innermost one; otherwise leaves the list alone.
- * `generation` is the value of component_generation when it was opened: a list emptied since has forgotten the element. */
-void zq_component_close(zend_llist_element *element, unsigned generation, const char *cls, const char *func,
-                        int elapsed_ms TSRMLS_DC);
+ * `generation` is the value of component_generation when it was opened: a list emptied since has forgotten the element.
+ */
+void zq_component_close(
+	zend_llist_element *element, unsigned generation, const char *cls, const char *func, int elapsed_ms TSRMLS_DC);
 /* Adds to the sums under `name`, creating them. */
 void zq_component_add(const char *name, int metric_ms, int exclusive_ms TSRMLS_DC);
 /* Charges time spent outside PHP code to the innermost open component, if there is one and the time is positive. */

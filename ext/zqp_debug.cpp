@@ -32,8 +32,13 @@ static const struct {
 	const char *name;
 	int level;
 } level_names[] = {
-	{"WARNING", ZQ_LOG_WARNING}, {"INFO", ZQ_LOG_INFO},         {"DEBUG", ZQ_LOG_DEBUG},     {"OFF", ZQ_LOG_OFF},
-	{"CRITICAL", ZQ_LOG_CRITICAL}, {"ERROR", ZQ_LOG_ERROR},     {"VERBOSE", ZQ_LOG_VERBOSE},
+	{"WARNING", ZQ_LOG_WARNING},
+	{"INFO", ZQ_LOG_INFO},
+	{"DEBUG", ZQ_LOG_DEBUG},
+	{"OFF", ZQ_LOG_OFF},
+	{"CRITICAL", ZQ_LOG_CRITICAL},
+	{"ERROR", ZQ_LOG_ERROR},
+	{"VERBOSE", ZQ_LOG_VERBOSE},
 };
 
 int zq_get_level_by_name(const char *name)
@@ -84,12 +89,13 @@ void zq_log_newline(FILE *stream, int level)
 	gettimeofday(&now, NULL);
 	localtime_r(&now.tv_sec, &local);
 	fprintf(stream, "\n%04d-%02d-%02d %02d:%02d:%02d.%03d (tid:%d,uid:%d) %s: ", local.tm_year + 1900, local.tm_mon + 1,
-	        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, (int)(now.tv_usec / 1000), (int)syscall(SYS_gettid),
-	        (int)getuid(), get_log_level_name(level));
+		local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, (int)(now.tv_usec / 1000), (int)syscall(SYS_gettid),
+		(int)getuid(), get_log_level_name(level));
 }
 
-/* A link in the log's place is followed when root or we made it: operators redirect logs. Any other would have us append
- * to a file of somebody else's choice, and as root hand it to everybody. Called from the crash handler as well. */
+/* A link in the log's place is followed when root or we made it: operators redirect logs. Any other would have us
+ * append to a file of somebody else's choice, and as root hand it to everybody. Called from the crash handler as well.
+ */
 static int open_link_target(const char *path, int flags)
 {
 	char folder[1024], target[1024];
@@ -115,8 +121,8 @@ static int open_link_target(const char *path, int flags)
 	return fd;
 }
 
-/* Opens for appending; a signal may interrupt the first attempt. `create` is O_CREAT or 0. Nothing that lies in the log's
- * place may hold the process up, and a pipe without a reader would. */
+/* Opens for appending; a signal may interrupt the first attempt. `create` is O_CREAT or 0. Nothing that lies in the
+ * log's place may hold the process up, and a pipe without a reader would. */
 static int open_for_append(const char *path, int create)
 {
 	int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | create;

@@ -18,17 +18,17 @@ extern char *zqprof_ini_log_file; /* malloc'ed path; null outside start-up .. sh
 extern int zqprof_ini_log_level;
 
 /* Writes one record when the level is wanted; the arguments are not evaluated otherwise. libc formats. */
-#define ZQ_LOG(level, ...)                                                                                              \
-	do {                                                                                                            \
-		if (UNEXPECTED(zqprof_ini_log_level >= (level))) {                                                      \
-			zq_log_write((level), __VA_ARGS__);                                                             \
-		}                                                                                                       \
+#define ZQ_LOG(level, ...)                                 \
+	do {                                                   \
+		if (UNEXPECTED(zqprof_ini_log_level >= (level))) { \
+			zq_log_write((level), __VA_ARGS__);            \
+		}                                                  \
 	} while (0)
 
 /* Reads path and level from the settings. Ends the process with status 1 when the path cannot be allocated. */
 void zq_log_init(TSRMLS_D);
-/* Makes an existing log writable for every account (mode 0666): all that run PHP append to it. Neither this nor any other
- * opening of the log follows a link that is not root's or our own. */
+/* Makes an existing log writable for every account (mode 0666): all that run PHP append to it. Neither this nor any
+ * other opening of the log follows a link that is not root's or our own. */
 void zq_log_share(void);
 /* Frees the path; the log is silent afterwards. */
 void zq_log_final(void);
@@ -38,11 +38,11 @@ int zq_get_level_by_name(const char *name);
 const char *get_log_level_name(int level);
 /* Writes a record header to an open stream: line break, local time with ms, kernel thread id, real user id, level. */
 void zq_log_newline(FILE *stream, int level);
-/* 0 when the process's limit for the size of files leaves less than 64 KiB for this one (absent counts as empty): a write
- * beyond the limit would end the process with SIGXFSZ. */
+/* 0 when the process's limit for the size of files leaves less than 64 KiB for this one (absent counts as empty): a
+ * write beyond the limit would end the process with SIGXFSZ. */
 int zq_file_may_grow(const char *path);
-/* Appends one record to the log: opened, written at once and closed. A file that cannot be opened or grow drops the message.
- * errno is the same afterwards. Use ZQ_LOG. */
+/* Appends one record to the log: opened, written at once and closed. A file that cannot be opened or grow drops the
+ * message. errno is the same afterwards. Use ZQ_LOG. */
 void zq_log_write(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 /* Installs the SIGSEGV handler that appends a backtrace to `file` (copied); only the first call in a process acts. */

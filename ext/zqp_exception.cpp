@@ -108,8 +108,8 @@ static void record_engine_error(int type, const char *format, va_list args TSRML
 
 static int engine_error_is_wanted(int type TSRMLS_DC)
 {
-	return g_module_up && ZQG(hook_enabled) && ZQG(agent_enabled) && ZQG(error_collector_enabled) && !ZQG(error)
-		&& zq_error_need_report(type);
+	return g_module_up && ZQG(hook_enabled) && ZQG(agent_enabled) && ZQG(error_collector_enabled) && !ZQG(error) &&
+		zq_error_need_report(type);
 }
 
 /* The engine ends the process when it cannot set up a heap. */
@@ -120,7 +120,8 @@ static int memory_is_left(void)
 	return probe != NULL;
 }
 
-/* What can be recorded when the machine's memory is gone: the message, as far as it fits, and the type, but no stack. */
+/* What can be recorded when the machine's memory is gone: the message, as far as it fits, and the type, but no stack.
+ */
 static void record_briefly(int type, const char *format, va_list args TSRMLS_DC)
 {
 	char msg[512];
@@ -142,9 +143,10 @@ static void record_briefly(int type, const char *format, va_list args TSRMLS_DC)
 	}
 }
 
-/* Records on a heap that exists for this alone. Behind "Allowed memory size exhausted" the script's own has next to nothing
- * left, and the engine discards a buffered page whose request has grown beyond the limit since. The time limit must not
- * strike meanwhile: what the engine does then belongs on the script's heap. 1 when the recording bailed out. */
+/* Records on a heap that exists for this alone. Behind "Allowed memory size exhausted" the script's own has next to
+ * nothing left, and the engine discards a buffered page whose request has grown beyond the limit since. The time limit
+ * must not strike meanwhile: what the engine does then belongs on the script's heap. 1 when the recording bailed out.
+ */
 static int record_aside(int type, const char *format, va_list args TSRMLS_DC)
 {
 	volatile int bailed_out = 0;
@@ -156,11 +158,15 @@ static int record_aside(int type, const char *format, va_list args TSRMLS_DC)
 	zq_hold_timers(&timers);
 	zend_mm_heap *own = is_zend_mm(TSRMLS_C) ? zend_mm_startup() : NULL;
 	zend_mm_heap *of_script = own ? zend_mm_set_heap(own TSRMLS_CC) : NULL;
-	zend_try {
+	zend_try
+	{
 		record_engine_error(type, format, args TSRMLS_CC);
-	} zend_catch {
+	}
+	zend_catch
+	{
 		bailed_out = 1;
-	} zend_end_try();
+	}
+	zend_end_try();
 	if (own) {
 		zend_mm_set_heap(of_script TSRMLS_CC);
 		zend_mm_shutdown(own, 1, 1 TSRMLS_CC);
@@ -243,8 +249,8 @@ static char *describe_failed_statement(const char *msg, const char *sql)
 	return text;
 }
 
-/* Until the request ends the record is kept outside the script's memory limit: a failed statement may be as long as all that
- * the script has left. */
+/* Until the request ends the record is kept outside the script's memory limit: a failed statement may be as long as all
+ * that the script has left. */
 void zq_db_error(const char *msg, const char *sql TSRMLS_DC)
 {
 	char *stack = zq_code_stack_text(TSRMLS_C);

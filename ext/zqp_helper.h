@@ -18,10 +18,10 @@ zval **zq_argument_slot(zend_execute_data *data, int arg_seq);
 /* Puts `fresh` (MAKE_STD_ZVAL, given away) into the slot and releases what it held: the script's value is untouched. */
 void zq_argument_replace(zval **slot, zval *fresh);
 int get_arguments_count(zend_execute_data *data);
-zval *get_argument_zval(zend_execute_data *data, int arg_seq);            /* borrowed */
-long get_argument_long(zend_execute_data *data, int arg_seq);             /* no conversion */
-char *get_argument_char(zend_execute_data *data, int arg_seq);            /* borrowed, engine's string */
-char *get_reverse_argument_char(zend_execute_data *data, int arg_seq);    /* 0 is the last argument; borrowed */
+zval *get_argument_zval(zend_execute_data *data, int arg_seq);         /* borrowed */
+long get_argument_long(zend_execute_data *data, int arg_seq);          /* no conversion */
+char *get_argument_char(zend_execute_data *data, int arg_seq);         /* borrowed, engine's string */
+char *get_reverse_argument_char(zend_execute_data *data, int arg_seq); /* 0 is the last argument; borrowed */
 /* Name of a callable argument: a string's copy, or the parts of an array joined by "::" by position; null otherwise. */
 char *get_argument_callback(zend_execute_data *data, int arg_seq TSRMLS_DC);
 /* Appends the argument as JSON, "args" and "object" keys hidden. */
@@ -43,11 +43,12 @@ char *get_server_key(const char *key);
 /* Declared and dynamic properties of an object, borrowed; null for anything else, and for an object of a class that
  * makes its table up on demand. Never runs PHP code and never changes the object. */
 HashTable *zq_property_table(zval *object TSRMLS_DC);
-/* Property that the object's class declares (`name_size` counts the NUL), borrowed; null when it is unset, and for an object whose
- * class has a way of its own of reading properties. Never runs PHP code and never changes the object. */
+/* Property that the object's class declares (`name_size` counts the NUL), borrowed; null when it is unset, and for an
+ * object whose class has a way of its own of reading properties. Never runs PHP code and never changes the object. */
 zval *zq_declared_property(zval *object, const char *name, uint name_size TSRMLS_DC);
 
-/* ---- zqp_helper_call.cpp: PHP code called by the agent ------------------------------------------------------------- */
+/* ---- zqp_helper_call.cpp: PHP code called by the agent -------------------------------------------------------------
+ */
 /* Calls PHP code on a frame of its own with the hooks off, so that the call is neither measured nor able to touch the
  * script's frames, handlers, exceptions or errors. `object` may be null. `retval` is always initialised; the caller
  * releases it (zval_dtor for scalars, else zq_release_result). SUCCESS, or FAILURE when not callable, when it threw
@@ -55,7 +56,7 @@ zval *zq_declared_property(zval *object, const char *name, uint name_size TSRMLS
  * them. A bailout of the callee is raised again after everything was put back.
  * `function_table` is accepted for symmetry with the engine's call_user_function. */
 int zq_call_user_function(HashTable *function_table, zval **object, zval *function_name, zval *retval,
-                          zend_uint param_count, zval **params TSRMLS_DC);
+	zend_uint param_count, zval **params TSRMLS_DC);
 /* The same for a function, or a method of `object`, given by name; a function's is found faster in lower case.
  * "Class::method" names the method of that class even where the object's own class overrides it: the script's code does
  * not run. */
@@ -65,18 +66,24 @@ int zq_call_named(zval *object, const char *function, zval *retval, zend_uint pa
 int zq_read_property(zval *object, const char *property, zval *retval TSRMLS_DC);
 /* zval_dtor with the hooks off: the last reference to an object runs its destructor. */
 void zq_release_result(zval *result TSRMLS_DC);
-/* 1 when PHP code that calls our own function `name` reaches it: an operator may have disabled it like any function, and
- * its stand-in prints a warning. */
+/* 1 when PHP code that calls our own function `name` reaches it: an operator may have disabled it like any function,
+ * and its stand-in prints a warning. */
 int zq_callback_works(const char *name TSRMLS_DC);
 /* Registers the shutdown function, and for a monitored caller the header callback, of this request. */
 void register_transaction_callback(TSRMLS_D);
 
 /* ---- the script's memory limit (header only) --------------------------------------------------------------------- */
 /* What the agent builds must not be what trips it. A bailout in between is no harm: the engine puts the limit back. */
-static inline void zq_lift_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)-1); }
-static inline void zq_restore_memory_limit(TSRMLS_D) { zend_set_memory_limit((size_t)PG(memory_limit)); }
-/* Bytes that one of an action's lists may take: 32 MiB, twice what a packet can hold, but never more than a quarter of what the
- * script may use. */
+static inline void zq_lift_memory_limit(TSRMLS_D)
+{
+	zend_set_memory_limit((size_t)-1);
+}
+static inline void zq_restore_memory_limit(TSRMLS_D)
+{
+	zend_set_memory_limit((size_t)PG(memory_limit));
+}
+/* Bytes that one of an action's lists may take: 32 MiB, twice what a packet can hold, but never more than a quarter of
+ * what the script may use. */
 static inline size_t zq_most_recorded_bytes(TSRMLS_D)
 {
 	const size_t most = 32u << 20;
@@ -104,7 +111,10 @@ static inline void zq_append(smart_str *dest, const char *text, size_t len)
 	}
 	dest->len += len;
 }
-static inline void zq_append_char(smart_str *dest, char ch) { zq_append(dest, &ch, 1); }
+static inline void zq_append_char(smart_str *dest, char ch)
+{
+	zq_append(dest, &ch, 1);
+}
 /* A null text counts as empty. */
 static inline void zq_append_text(smart_str *dest, const char *text)
 {
@@ -131,9 +141,9 @@ static inline void zq_buffer_free(smart_str *dest)
 }
 
 /* ---- list nodes (header only) ------------------------------------------------------------------------------------ */
-/* Data of `size` bytes inside a new node for an engine list, request memory: where the engine's own function would make a
- * copy of a record made elsewhere, one allocation does. zq_list_append() gives it to a list, efree(zq_list_node()) releases
- * one that was not given away. */
+/* Data of `size` bytes inside a new node for an engine list, request memory: where the engine's own function would make
+ * a copy of a record made elsewhere, one allocation does. zq_list_append() gives it to a list, efree(zq_list_node())
+ * releases one that was not given away. */
 static inline void *zq_list_new(size_t size)
 {
 	return ((zend_llist_element *)emalloc(offsetof(zend_llist_element, data) + size))->data;
@@ -164,9 +174,14 @@ constexpr uint64 zq_name_hash(const char *name, size_t len)
 	}
 	return h;
 }
-template <size_t N> constexpr uint64 zq_name_hash(const char (&name)[N]) { return zq_name_hash(name, N - 1); }
+template <size_t N>
+constexpr uint64 zq_name_hash(const char (&name)[N])
+{
+	return zq_name_hash(name, N - 1);
+}
 
-/* ---- zqp_helper_string.cpp ---------------------------------------------------------------------------------------- */
+/* ---- zqp_helper_string.cpp ----------------------------------------------------------------------------------------
+ */
 typedef struct cArray {
 	char *string;   /* the copy that holds all pieces */
 	int length;     /* number of pieces */
@@ -178,8 +193,9 @@ void zq_str_replace_ln(char *str);     /* characters 1 to 31 become a blank */
 void zq_str_replace_to_dot(char *str); /* "/" and "\" become "." */
 void zq_obfuscate_sql(char *sql);      /* digits everywhere and quoted text become "?"; no escapes; same length */
 /* Borrowed positions and tails. */
-const char *zq_get_base_filename(const char *filename);  /* behind the second-last "/"; whole when fewer; "" for null */
-/* A raw response header line: 0 keeps the browser script out (a length, or a type other than HTML), 1 HTML, -1 neither. */
+const char *zq_get_base_filename(const char *filename); /* behind the second-last "/"; whole when fewer; "" for null */
+/* A raw response header line: 0 keeps the browser script out (a length, or a type other than HTML), 1 HTML, -1 neither.
+ */
 int get_header_content(const char *header);
 /* Status of a status line ("http/1.", any case, anywhere); 0 when it is none. */
 int get_header_status(const char *header);
@@ -205,7 +221,8 @@ int in_urls_captured(const char *url TSRMLS_DC);
 void zq_append_web(smart_str *action, const char *str);
 int zq_record_type_to_int(const char *str); /* "raw" 1, "obfuscated" 2, else 0; any case */
 
-/* ---- zqp_helper_clock.cpp ----------------------------------------------------------------------------------------- */
+/* ---- zqp_helper_clock.cpp -----------------------------------------------------------------------------------------
+ */
 /* User + system ticks and resident KiB (each may be null) of a process or thread id; 0, or -1 with the outputs
  * untouched. A file that cannot be opened is logged. */
 int get_usage(int pid, uint64 *cpu, long *mem);
@@ -213,14 +230,16 @@ int get_usage(int pid, uint64 *cpu, long *mem);
 int zq_read_stat(int pid, uint64 *user_ticks, uint64 *system_ticks, long *resident_pages);
 /* Percent of the host's memory in use; 0 when it cannot be read, which is logged. */
 int get_memory_used(void);
-/* The figure of get_memory_used() for a given text of /proc/meminfo; 0 without a usable total, which is logged as well. */
+/* The figure of get_memory_used() for a given text of /proc/meminfo; 0 without a usable total, which is logged as well.
+ */
 int zq_memory_used_of(const char *meminfo);
 /* Milliseconds between a front end's queue stamp ("t=..." or "s=...") and `ms`, in 32-bit arithmetic, at least 0. */
 int get_block_time(const char *queue_start, uint64 ms);
 /* Kernel thread id of the caller. */
 int zq_thread_id(void);
 
-/* ---- zqp_helper_stack.cpp ----------------------------------------------------------------------------------------- */
+/* ---- zqp_helper_stack.cpp -----------------------------------------------------------------------------------------
+ */
 /* Appends one backtrace frame as the JSON string class.function(file:line), parts as present; null for no frame. */
 void zq_get_stack_object_json(smart_str *buf, zval *val TSRMLS_DC);
 /* Appends the current call stack as a JSON array, innermost first, at most 20 frames. */

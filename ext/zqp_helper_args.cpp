@@ -54,7 +54,8 @@ char *get_reverse_argument_char(zend_execute_data *data, int arg_seq)
 	return get_argument_char(data, get_arguments_count(data) - 1 - arg_seq);
 }
 
-/* "Class::method" of an array callable. The separator goes by position, whether or not the element before it had text. */
+/* "Class::method" of an array callable. The separator goes by position, whether or not the element before it had text.
+ */
 static char *callable_name_of_array(HashTable *parts TSRMLS_DC)
 {
 	smart_str name = {};
@@ -62,7 +63,7 @@ static char *callable_name_of_array(HashTable *parts TSRMLS_DC)
 	HashPosition at;
 	zval **part;
 	for (zend_hash_internal_pointer_reset_ex(parts, &at);
-	     zend_hash_get_current_data_ex(parts, (void **)&part, &at) == SUCCESS; zend_hash_move_forward_ex(parts, &at)) {
+		 zend_hash_get_current_data_ex(parts, (void **)&part, &at) == SUCCESS; zend_hash_move_forward_ex(parts, &at)) {
 		if (position++ > 0) {
 			zq_append(&name, "::", 2);
 		}
@@ -189,16 +190,19 @@ HashTable *zq_property_table(zval *object TSRMLS_DC)
 
 zval *zq_declared_property(zval *object, const char *name, uint name_size TSRMLS_DC)
 {
-	if (!object || Z_TYPE_P(object) != IS_OBJECT || Z_OBJ_HT_P(object)->read_property != std_object_handlers.read_property) {
+	if (!object || Z_TYPE_P(object) != IS_OBJECT ||
+		Z_OBJ_HT_P(object)->read_property != std_object_handlers.read_property) {
 		return NULL;
 	}
 	const zend_object *self = zend_objects_get_address(object TSRMLS_CC);
 	const zend_property_info *info;
-	if (!self->properties_table || zend_hash_find(&self->ce->properties_info, name, name_size, (void **)&info) != SUCCESS ||
-	    info->flags & ZEND_ACC_STATIC || info->offset < 0) {
+	if (!self->properties_table ||
+		zend_hash_find(&self->ce->properties_info, name, name_size, (void **)&info) != SUCCESS ||
+		info->flags & ZEND_ACC_STATIC || info->offset < 0) {
 		return NULL;
 	}
 	/* 5.6 keeps declared properties in a table of their own; once the object has a hash of all, it points into that */
-	zval **slot = self->properties ? (zval **)self->properties_table[info->offset] : &self->properties_table[info->offset];
+	zval **slot =
+		self->properties ? (zval **)self->properties_table[info->offset] : &self->properties_table[info->offset];
 	return slot ? *slot : NULL;
 }

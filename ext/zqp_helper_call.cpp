@@ -125,8 +125,8 @@ static void drop_callee_leftovers(HashTable *symbols TSRMLS_DC)
 /* What is done aside: a call, or the reading of a property. */
 typedef struct aside_task {
 	zval *object;
-	zval *callable;              /* whatever PHP code can call; or */
-	zend_function *function;     /* a function that is known already; or */
+	zval *callable;          /* whatever PHP code can call; or */
+	zend_function *function; /* a function that is known already; or */
 	const char *property;
 	zval *retval;
 	zend_uint param_count;
@@ -142,7 +142,8 @@ static int is_plain(const zend_fcall_info_cache *target, zend_uint param_count, 
 	const zval *object = target->object_ptr;
 
 	if (function->type != ZEND_INTERNAL_FUNCTION || function->common.fn_flags & special || !EG(active) ||
-	    (object && !(EG(objects_store).object_buckets && EG(objects_store).object_buckets[Z_OBJ_HANDLE_P(object)].valid))) {
+		(object &&
+			!(EG(objects_store).object_buckets && EG(objects_store).object_buckets[Z_OBJ_HANDLE_P(object)].valid))) {
 		return 0;
 	}
 	for (zend_uint i = 0; i < param_count; i++) {
@@ -153,9 +154,9 @@ static int is_plain(const zend_fcall_info_cache *target, zend_uint param_count, 
 	return 1;
 }
 
-/* Calls an internal function past the hooks of all extensions, with what zend_call_function() sets up around it. A debugger
- * would take the call for the script's and trace it, count it or stop in it; and before its own request start, which may
- * come after ours, Xdebug cannot bear to see one. The caller owns the result. */
+/* Calls an internal function past the hooks of all extensions, with what zend_call_function() sets up around it. A
+ * debugger would take the call for the script's and trace it, count it or stop in it; and before its own request start,
+ * which may come after ours, Xdebug cannot bear to see one. The caller owns the result. */
 static zval *call_plain(const zend_fcall_info_cache *target, zend_uint param_count, zval **params TSRMLS_DC)
 {
 	zend_function *function = target->function_handler;
@@ -250,7 +251,8 @@ static int call_checked(const aside_task *task TSRMLS_DC)
 	zend_fcall_info_cache target;
 	char *error = NULL;
 	/* asked first, because the call itself would raise a warning for some of what cannot be called */
-	int callable = zend_is_callable_ex(task->callable, task->object, IS_CALLABLE_CHECK_SILENT, NULL, NULL, &target, &error TSRMLS_CC);
+	int callable = zend_is_callable_ex(
+		task->callable, task->object, IS_CALLABLE_CHECK_SILENT, NULL, NULL, &target, &error TSRMLS_CC);
 	if (error) {
 		efree(error);
 	}
@@ -281,7 +283,9 @@ static int read_checked(const aside_task *task TSRMLS_DC)
 
 static int perform(const aside_task *task TSRMLS_DC)
 {
-	return task->property ? read_checked(task TSRMLS_CC) : task->function ? call_known(task TSRMLS_CC) : call_checked(task TSRMLS_CC);
+	return task->property ? read_checked(task TSRMLS_CC)
+		: task->function  ? call_known(task TSRMLS_CC)
+						  : call_checked(task TSRMLS_CC);
 }
 
 static int run_aside(const aside_task *task TSRMLS_DC)
@@ -293,12 +297,16 @@ static int run_aside(const aside_task *task TSRMLS_DC)
 
 	save_script(&saved TSRMLS_CC);
 	step_aside(&base, &symbols TSRMLS_CC);
-	zend_try {
+	zend_try
+	{
 		outcome = perform(task TSRMLS_CC);
 		drop_callee_leftovers(&symbols TSRMLS_CC);
-	} zend_catch {
+	}
+	zend_catch
+	{
 		bailed_out = 1;
-	} zend_end_try();
+	}
+	zend_end_try();
 	step_back(&saved TSRMLS_CC); /* in any case: the symbol table in use until now lies in this frame */
 	if (bailed_out) {
 		zend_bailout();
@@ -307,8 +315,8 @@ static int run_aside(const aside_task *task TSRMLS_DC)
 	return outcome;
 }
 
-int zq_call_user_function(HashTable *, zval **object, zval *function_name, zval *retval, zend_uint param_count,
-                          zval **params TSRMLS_DC)
+int zq_call_user_function(
+	HashTable *, zval **object, zval *function_name, zval *retval, zend_uint param_count, zval **params TSRMLS_DC)
 {
 	INIT_ZVAL(*retval);
 	if (!function_name || param_count > MAX_PARAMS) {
@@ -322,7 +330,7 @@ int zq_call_named(zval *object, const char *function, zval *retval, zend_uint pa
 {
 	aside_task task = {NULL, NULL, NULL, NULL, retval, param_count, params};
 	if (!object && param_count <= MAX_PARAMS &&
-	    zend_hash_find(EG(function_table), function, (uint)strlen(function) + 1, (void **)&task.function) == SUCCESS) {
+		zend_hash_find(EG(function_table), function, (uint)strlen(function) + 1, (void **)&task.function) == SUCCESS) {
 		INIT_ZVAL(*retval);
 		return run_aside(&task TSRMLS_CC);
 	}

@@ -15,8 +15,8 @@ int zq_thread_id(void)
 	return (int)syscall(SYS_gettid);
 }
 
-/* Reads up to `size` - 1 bytes of a file in one call and NUL-terminates them: none when that fails. The count, or -1 with errno
- * set for a file that cannot be opened. */
+/* Reads up to `size` - 1 bytes of a file in one call and NUL-terminates them: none when that fails. The count, or -1
+ * with errno set for a file that cannot be opened. */
 static ssize_t read_once(const char *path, char *text, size_t size)
 {
 	int fd = open(path, O_RDONLY | O_CLOEXEC);

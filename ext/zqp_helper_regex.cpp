@@ -1,8 +1,8 @@
 /* Keeps patterns away from the C library's regular expression compiler that would crash it or hold it up: it recurses
- * once per group, and unfolds every repeat into copies of what is repeated. Its matcher begins anew at every byte, and can
- * make a new state of all atoms at every step: "[a-z]+@" takes time by the square of a text of letters, ".*a.{60}b" sixty
- * times that, and the text may be a form field of megabytes. So only its beginning is looked at. References back to a
- * group, no part of the extended syntax, take seconds for a hundred bytes. */
+ * once per group, and unfolds every repeat into copies of what is repeated. Its matcher begins anew at every byte, and
+ * can make a new state of all atoms at every step: "[a-z]+@" takes time by the square of a text of letters, ".*a.{60}b"
+ * sixty times that, and the text may be a form field of megabytes. So only its beginning is looked at. References back
+ * to a group, no part of the extended syntax, take seconds for a hundred bytes. */
 #include "zqp_text.h"
 
 #include <regex.h>
@@ -12,10 +12,10 @@ static const size_t max_pattern_len = 1024;
 static const int max_depth = 64;
 static const unsigned long max_repeats = 1000; /* of one atom, by all the repeats that it is nested in */
 static const unsigned long max_atoms = 3000;   /* after unfolding: 0.1 s and 100 MiB for the worst of them */
-static const unsigned long max_loop = 64;      /* of what an endless repeat goes round without reading: time by its cube */
-static const size_t max_subject_len = 2048;    /* 7 ms for "[a-z]+@"; at 64 KiB it would be 6 s */
-static const size_t max_steps = 20000000;      /* atoms times the square of the length: half a second at worst */
-static const unsigned long max_count = 32767;  /* RE_DUP_MAX: beyond it a pattern does not compile */
+static const unsigned long max_loop = 64;   /* of what an endless repeat goes round without reading: time by its cube */
+static const size_t max_subject_len = 2048; /* 7 ms for "[a-z]+@"; at 64 KiB it would be 6 s */
+static const size_t max_steps = 20000000;   /* atoms times the square of the length: half a second at worst */
+static const unsigned long max_count = 32767; /* RE_DUP_MAX: beyond it a pattern does not compile */
 
 /* What a repeat may multiply: a character, a bracket expression, a group, with the repeats that it has already. */
 typedef struct atom {
@@ -26,7 +26,7 @@ typedef struct atom {
 
 /* An open group, or the whole pattern: what it has read without the last atom, which a repeat may follow. */
 typedef struct group {
-	atom read;          /* `can_be_empty`: the present branch */
+	atom read; /* `can_be_empty`: the present branch */
 	atom last;
 	int has_empty_branch;
 } group;

@@ -61,7 +61,7 @@ void zq_get_stack_object_json(smart_str *buf, zval *val TSRMLS_DC)
 		append_escaped(buf, function);
 	}
 	append_place(buf, frame_entry(frame, "file", sizeof("file"), IS_STRING),
-	             frame_entry(frame, "line", sizeof("line"), IS_LONG));
+		frame_entry(frame, "line", sizeof("line"), IS_LONG));
 	zq_append_char(buf, '"');
 }
 
@@ -92,9 +92,9 @@ static int calls_nobody(const zend_execute_data *frame)
 	return frame->op_array && frame->function_state.function == (const zend_function *)frame->op_array;
 }
 
-/* A frame that calls nobody right now keeps the object of its last call. That one may be gone, and the engine's walk would
- * take a class from it: an error between two calls. The walk is kept from seeing it; afterwards it is there again, for the
- * traces that the script makes. */
+/* A frame that calls nobody right now keeps the object of its last call. That one may be gone, and the engine's walk
+ * would take a class from it: an error between two calls. The walk is kept from seeing it; afterwards it is there
+ * again, for the traces that the script makes. */
 static void hide_past_objects(zval **hidden TSRMLS_DC)
 {
 	int i = 0;
@@ -172,7 +172,9 @@ void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC)
 	zq_append_char(buf, '"');
 	zval frames;
 	if (exception && Z_TYPE_P(exception) == IS_OBJECT && declares_get_trace(exception TSRMLS_CC)) {
-		HashTable *table = zq_call_named(exception, "getTrace", &frames, 0, NULL TSRMLS_CC) == SUCCESS ? table_of(&frames TSRMLS_CC) : NULL;
+		HashTable *table = zq_call_named(exception, "getTrace", &frames, 0, NULL TSRMLS_CC) == SUCCESS
+			? table_of(&frames TSRMLS_CC)
+			: NULL;
 		if (table) {
 			append_frames(buf, table, 1 TSRMLS_CC);
 		}

@@ -98,7 +98,8 @@ int get_header_status(const char *header)
 	return zq_leading_int(at);
 }
 
-/* ---- ids ---------------------------------------------------------------------------------------------------------- */
+/* ---- ids ----------------------------------------------------------------------------------------------------------
+ */
 
 char *get_new_GUID(void)
 {
@@ -138,7 +139,8 @@ int is_same_account(const char *cur_secret_id, const char *parent_secret_id)
 	return bar && parent_secret_id && strncmp(cur_secret_id, parent_secret_id, bar - cur_secret_id) == 0;
 }
 
-/* ---- splitting ---------------------------------------------------------------------------------------------------- */
+/* ---- splitting ----------------------------------------------------------------------------------------------------
+ */
 
 /* Ends the piece at `*cursor` and moves the cursor behind its separator; null at the end of the text. Pieces may be
  * empty. */
@@ -225,7 +227,8 @@ void free_str_array(char **array)
 	}
 }
 
-/* ---- names and settings ------------------------------------------------------------------------------------------- */
+/* ---- names and settings -------------------------------------------------------------------------------------------
+ */
 
 int in_urls_captured(const char *url TSRMLS_DC)
 {

@@ -55,8 +55,14 @@ static void pack_write(smart_str *p, int type, const char *item, const char *val
 	zq_append(p, value, value_len);
 }
 
-void pack_write_env(smart_str *p, const char *item, const char *value) { pack_write(p, ZQ_RE_ENV, item, value); }
-void pack_write_config(smart_str *p, const char *item, const char *value) { pack_write(p, ZQ_RE_CONFIG, item, value); }
+void pack_write_env(smart_str *p, const char *item, const char *value)
+{
+	pack_write(p, ZQ_RE_ENV, item, value);
+}
+void pack_write_config(smart_str *p, const char *item, const char *value)
+{
+	pack_write(p, ZQ_RE_CONFIG, item, value);
+}
 
 /* ---- socket ------------------------------------------------------------------------------------------------------ */
 
@@ -70,8 +76,8 @@ static int set_timeout(int sock, int option, const char *name)
 	return -1;
 }
 
-/* The descriptor under a number above 2, -1 with errno set on failure. In a process without standard output the script's
- * next file must get that number, as it counts on, and what the script prints must not go to the daemon. */
+/* The descriptor under a number above 2, -1 with errno set on failure. In a process without standard output the
+ * script's next file must get that number, as it counts on, and what the script prints must not go to the daemon. */
 static int above_standard(int fd)
 {
 	if (fd == -1 || fd > STDERR_FILENO) {
@@ -156,7 +162,7 @@ void zq_daemon_forget_foreign(zend_zqprof_globals *g)
 {
 	struct stat status;
 	if (g->daemon_sock != -1 &&
-	    (fstat(g->daemon_sock, &status) == -1 || !S_ISSOCK(status.st_mode) || status.st_ino != g->daemon_inode)) {
+		(fstat(g->daemon_sock, &status) == -1 || !S_ISSOCK(status.st_mode) || status.st_ino != g->daemon_inode)) {
 		g->daemon_sock = -1;
 	}
 }
@@ -176,7 +182,8 @@ int zq_daemon_socket(int connect_now TSRMLS_DC)
 	return g->daemon_sock;
 }
 
-/* Waits until the socket takes more, no longer than for one time-out and until `deadline`; false when that has passed. */
+/* Waits until the socket takes more, no longer than for one time-out and until `deadline`; false when that has passed.
+ */
 static bool wait_for_room(int sock, uint64 deadline)
 {
 	uint64 now = cycle_timer();
@@ -186,9 +193,9 @@ static bool wait_for_room(int sock, uint64 deadline)
 }
 
 /* The time limit must not leave in the middle of an exchange: the stream would be out of step afterwards. The socket's
- * own time-out would begin anew with every bit that a slow reader takes: the packet as a whole has that time, and as much
- * again for each MiB, since a busy machine may let a daemon wait more than once for its turn. A daemon that takes nothing
- * has one time-out. */
+ * own time-out would begin anew with every bit that a slow reader takes: the packet as a whole has that time, and as
+ * much again for each MiB, since a busy machine may let a daemon wait more than once for its turn. A daemon that takes
+ * nothing has one time-out. */
 ssize_t zq_daemon_send(int sock, const char *data, size_t len)
 {
 	sigset_t saved_mask;
@@ -264,8 +271,8 @@ static void write_daemon_config(FILE *file, const char *prefix, const char *root
 	write_when_set(file, "zqs.proxy_password");
 }
 
-/* Writes a new file and puts it in the old one's place: a daemon that another process starts meanwhile never reads half of
- * it, and nothing is written through a link or into a file that another account has put there. -1 with errno set. */
+/* Writes a new file and puts it in the old one's place: a daemon that another process starts meanwhile never reads half
+ * of it, and nothing is written through a link or into a file that another account has put there. -1 with errno set. */
 static int replace_daemon_config(const char *path, const char *prefix, const char *root)
 {
 	char fresh[255 + 16];

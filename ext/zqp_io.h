@@ -50,7 +50,8 @@ void zq_fill_packet_header(smart_str *p, int type);
 void pack_write_env(smart_str *p, const char *item, const char *value);
 void pack_write_config(smart_str *p, const char *item, const char *value);
 
-/* Connected socket with 100 ms time-outs, its number above 2, or -1. `report_error`: a failed connect is logged. One attempt. */
+/* Connected socket with 100 ms time-outs, its number above 2, or -1. `report_error`: a failed connect is logged. One
+ * attempt. */
 int open_daemon(int report_error TSRMLS_DC);
 /* Closes the descriptor (if not -1) with a DEBUG line; daemon_sock becomes -1 in every case. */
 void close_daemon(int sock TSRMLS_DC);
@@ -74,15 +75,17 @@ int zq_daemon_start(int create_config TSRMLS_DC);
 /* One per application and process, malloc'ed with all its strings, kept until module shut-down, shared by threads
  * behind the process lock. */
 typedef struct app_cfg_info {
-	char *app_id;          /* null when not given */
-	int64_t update_sec;    /* s (monotonic) of the last answer with a stamp; 0: due */
+	char *app_id;       /* null when not given */
+	int64_t update_sec; /* s (monotonic) of the last answer with a stamp; 0: due */
 	uint64 daemon_stamp;
 	int agent_enabled;
+	// clang-format off
 	ZQ_APP_CONFIG_FIELDS
+	// clang-format on
 } app_cfg_info;
 
-void zq_app_config_init(void);  /* module start-up: the table of applications, empty */
-void zq_app_config_final(void); /* module shut-down: frees the records */
+void zq_app_config_init(void);     /* module start-up: the table of applications, empty */
+void zq_app_config_final(void);    /* module shut-down: frees the records */
 void app_cfg_info_dtor(void *ele); /* a hash destructor: receives the stored pointer's address */
 /* The record of the current request's application, created from the settings when missing; borrowed. Null when the
  * process already keeps 1,024 applications: the request then runs unmonitored. */
@@ -97,11 +100,11 @@ void zq_app_resource_used(int percent TSRMLS_DC);
 /* ---- zqp_io_answer.cpp: the daemon's answer ---- */
 /* What an answer changes, taken apart without any lock and without the engine. */
 struct zq_config_answer {
-	app_cfg_info values;   /* valid where `given` says so; strings malloc'ed, owned until applied */
-	uint32_t given;        /* bit i: row i of the settings table was set */
-	int stamped;           /* an answer with a stamp puts off the next query */
-	int renewed;           /* a new stamp: strings that are not given go */
-	int newest;            /* the known stamp came back: nothing more to copy */
+	app_cfg_info values; /* valid where `given` says so; strings malloc'ed, owned until applied */
+	uint32_t given;      /* bit i: row i of the settings table was set */
+	int stamped;         /* an answer with a stamp puts off the next query */
+	int renewed;         /* a new stamp: strings that are not given go */
+	int newest;          /* the known stamp came back: nothing more to copy */
 };
 /* Takes the records of an answer apart. Stops quietly at a record that overruns; unknown records and keys are skipped.
  * `known_stamp` is the record's at the time of the query. */
@@ -113,12 +116,12 @@ void zq_free_config_answer(zq_config_answer *answer);
 
 /* How a setting's text becomes its field. */
 enum zq_setting_kind {
-	ZQ_SETTING_NUMBER,    /* zq_str_to_int */
-	ZQ_SETTING_SQL_MODE,  /* zq_record_type_to_int */
-	ZQ_SETTING_TEXT,      /* copied unless empty */
-	ZQ_SETTING_ANY_TEXT,  /* copied, also when empty */
-	ZQ_SETTING_FRACTION,  /* decimal floating point */
-	ZQ_SETTING_SECONDS    /* decimal 64-bit */
+	ZQ_SETTING_NUMBER,   /* zq_str_to_int */
+	ZQ_SETTING_SQL_MODE, /* zq_record_type_to_int */
+	ZQ_SETTING_TEXT,     /* copied unless empty */
+	ZQ_SETTING_ANY_TEXT, /* copied, also when empty */
+	ZQ_SETTING_FRACTION, /* decimal floating point */
+	ZQ_SETTING_SECONDS   /* decimal 64-bit */
 };
 struct zq_setting_row {
 	const char *key;

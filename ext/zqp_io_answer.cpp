@@ -5,7 +5,8 @@
 #include "zqp_debug.h"
 #include "zqp_process_memory.h"
 
-template <size_t N> static constexpr zq_setting_row row(const char (&key)[N], zq_setting_kind kind, size_t offset)
+template <size_t N>
+static constexpr zq_setting_row row(const char (&key)[N], zq_setting_kind kind, size_t offset)
 {
 	return {key, N - 1, zq_name_hash(key), kind, offset};
 }
@@ -44,7 +45,8 @@ extern constexpr zq_setting_row zq_setting_table[ZQ_SETTING_ROWS] = {
 };
 #undef FIELD
 
-template <typename T> static T &field_of(app_cfg_info *rec, const zq_setting_row &row)
+template <typename T>
+static T &field_of(app_cfg_info *rec, const zq_setting_row &row)
 {
 	return *(T *)((char *)rec + row.offset);
 }
@@ -67,18 +69,12 @@ static void set_value(zq_config_answer *answer, int index, char *value)
 	const zq_setting_row &row = zq_setting_table[index];
 	app_cfg_info *values = &answer->values;
 	switch (row.kind) {
-	case ZQ_SETTING_NUMBER:
-		field_of<int>(values, row) = zq_str_to_int(value);
-		break;
-	case ZQ_SETTING_SQL_MODE:
-		field_of<int>(values, row) = zq_record_type_to_int(value);
-		break;
+	case ZQ_SETTING_NUMBER: field_of<int>(values, row) = zq_str_to_int(value); break;
+	case ZQ_SETTING_SQL_MODE: field_of<int>(values, row) = zq_record_type_to_int(value); break;
 	case ZQ_SETTING_FRACTION:
 		field_of<double>(values, row) = zend_strtod(value, NULL); /* libc's follows the script's locale */
 		break;
-	case ZQ_SETTING_SECONDS:
-		field_of<uint64>(values, row) = strtoull(value, NULL, 10);
-		break;
+	case ZQ_SETTING_SECONDS: field_of<uint64>(values, row) = strtoull(value, NULL, 10); break;
 	case ZQ_SETTING_TEXT:
 	case ZQ_SETTING_ANY_TEXT:
 		if (row.kind == ZQ_SETTING_TEXT && !*value) {
@@ -171,19 +167,11 @@ static void apply_row(app_cfg_info *rec, zq_config_answer *answer, int index)
 	const zq_setting_row &row = zq_setting_table[index];
 	switch (row.kind) {
 	case ZQ_SETTING_TEXT:
-	case ZQ_SETTING_ANY_TEXT:
-		move_text(&field_of<char *>(rec, row), &field_of<char *>(&answer->values, row));
-		break;
-	case ZQ_SETTING_FRACTION:
-		field_of<double>(rec, row) = field_of<double>(&answer->values, row);
-		break;
-	case ZQ_SETTING_SECONDS:
-		field_of<uint64>(rec, row) = field_of<uint64>(&answer->values, row);
-		break;
+	case ZQ_SETTING_ANY_TEXT: move_text(&field_of<char *>(rec, row), &field_of<char *>(&answer->values, row)); break;
+	case ZQ_SETTING_FRACTION: field_of<double>(rec, row) = field_of<double>(&answer->values, row); break;
+	case ZQ_SETTING_SECONDS: field_of<uint64>(rec, row) = field_of<uint64>(&answer->values, row); break;
 	case ZQ_SETTING_NUMBER:
-	case ZQ_SETTING_SQL_MODE:
-		field_of<int>(rec, row) = field_of<int>(&answer->values, row);
-		break;
+	case ZQ_SETTING_SQL_MODE: field_of<int>(rec, row) = field_of<int>(&answer->values, row); break;
 	}
 }
 

@@ -19,8 +19,10 @@ static HashTable g_app_hash;
 static int g_too_many_logged;
 
 /* One table of offsets serves both structures. */
-static const ptrdiff_t to_globals = offsetof(zend_zqprof_globals, agent_enabled) - offsetof(app_cfg_info, agent_enabled);
-static_assert(offsetof(zend_zqprof_globals, auto_action_naming) - offsetof(app_cfg_info, auto_action_naming) == to_globals);
+static const ptrdiff_t to_globals =
+	offsetof(zend_zqprof_globals, agent_enabled) - offsetof(app_cfg_info, agent_enabled);
+static_assert(
+	offsetof(zend_zqprof_globals, auto_action_naming) - offsetof(app_cfg_info, auto_action_naming) == to_globals);
 static_assert(offsetof(zend_zqprof_globals, rum_sample_ratio) - offsetof(app_cfg_info, rum_sample_ratio) == to_globals);
 static_assert(offsetof(zend_zqprof_globals, resource_safe) - offsetof(app_cfg_info, resource_safe) == to_globals);
 
@@ -106,7 +108,8 @@ static app_cfg_info *add_record(const char *key, uint key_size, app_cfg_info *fr
 	}
 	zq_unlock(&saved);
 	if (warn) {
-		ZQ_LOG(ZQ_LOG_WARNING, "more than %d applications in one process, new ones are not monitored", applications_max);
+		ZQ_LOG(
+			ZQ_LOG_WARNING, "more than %d applications in one process, new ones are not monitored", applications_max);
 	}
 	free(fresh);
 	return rec;
@@ -244,7 +247,8 @@ static int send_query(uint64 known_stamp TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	smart_str packet = build_query(known_stamp TSRMLS_CC);
-	ZQ_LOG(ZQ_LOG_DEBUG, "querying config from daemon, app=%s ,license=%s, fd=%d", g->app_name, g->license, g->daemon_sock);
+	ZQ_LOG(ZQ_LOG_DEBUG, "querying config from daemon, app=%s ,license=%s, fd=%d", g->app_name, g->license,
+		g->daemon_sock);
 	int sent = g->daemon_sock != -1 && zq_daemon_send(g->daemon_sock, packet.c, packet.len) == (ssize_t)packet.len;
 	zq_buffer_free(&packet);
 	if (!sent) {

@@ -63,7 +63,8 @@ static const char *mpm_word(const char *module)
 }
 
 /* Walks a list of names that a PHP function returns; `take` returns 0 to stop. */
-template <typename Take> static void each_name(const char *function, Take take TSRMLS_DC)
+template <typename Take>
+static void each_name(const char *function, Take take TSRMLS_DC)
 {
 	zval names, **entry;
 	HashPosition pos;
@@ -109,7 +110,10 @@ static char *plugin_list(TSRMLS_D)
 	return text;
 }
 
-static const char *known(char *const *fact) { return __atomic_load_n(fact, __ATOMIC_ACQUIRE); }
+static const char *known(char *const *fact)
+{
+	return __atomic_load_n(fact, __ATOMIC_ACQUIRE);
+}
 
 /* Keeps the first value that any thread computed; the others' are freed. */
 static void publish(char **fact, char *value)

@@ -1,7 +1,8 @@
 /* The metric packet: one per finished action, everything that the request's lists, tables and fields hold.
  *
  * The packet is built in one buffer and leaves in one send; nobody answers it. Each function below writes one group of
- * records, in the packet's order. Missing lists and tables count as empty, so that an action can be reported from any state. */
+ * records, in the packet's order. Missing lists and tables count as empty, so that an action can be reported from any
+ * state. */
 #include <unistd.h>
 
 #include <charconv>
@@ -67,9 +68,15 @@ void repeat_record(smart_str *p, size_t record, unsigned times)
 	}
 }
 
-zend_llist_element *list_head(const zend_llist *list) { return list ? list->head : NULL; }
+zend_llist_element *list_head(const zend_llist *list)
+{
+	return list ? list->head : NULL;
+}
 
-Bucket *table_head(const HashTable *table) { return table ? table->pListHead : NULL; }
+Bucket *table_head(const HashTable *table)
+{
+	return table ? table->pListHead : NULL;
+}
 
 /* A table of the request's variables as the server gave them, whatever the script did to its own copy; null if none. */
 HashTable *http_variables(int kind TSRMLS_DC)
@@ -165,7 +172,8 @@ long append_store(smart_str *p, HashTable *table, const char *store, const char 
 {
 	for (Bucket *row = table_head(table); row; row = row->pListNext) {
 		const nosql_hash_element *total = (const nosql_hash_element *)row->pDataPtr;
-		append_short_text(p, ZQ_RE_SERVICE, "%s%s\n%d", prefix, row->nKeyLength ? row->arKey : "", (int)(total->tsc / 1000));
+		append_short_text(
+			p, ZQ_RE_SERVICE, "%s%s\n%d", prefix, row->nKeyLength ? row->arKey : "", (int)(total->tsc / 1000));
 	}
 	int sum = zq_nosql_total_ms(table);
 	if (sum >= 1) {
@@ -398,7 +406,8 @@ void add_http_params(smart_str *p, HashTable *arr_hash TSRMLS_DC)
 		zq_append_text(p, row->arKey);
 		zq_append_text(p, ": ");
 		if (is_text) {
-			zq_append(p, Z_STRVAL_P(value), (size_t)(Z_STRLEN_P(value) < MAX_PARAM_VALUE ? Z_STRLEN_P(value) : MAX_PARAM_VALUE));
+			zq_append(p, Z_STRVAL_P(value),
+				(size_t)(Z_STRLEN_P(value) < MAX_PARAM_VALUE ? Z_STRLEN_P(value) : MAX_PARAM_VALUE));
 		} else {
 			zq_append_long(p, Z_LVAL_P(value));
 		}

@@ -32,6 +32,6 @@ void thread_profile(const char *event, const char *name, const char *cls TSRMLS_
 	}
 	char line[256];
 	int len = snprintf(line, sizeof line, "%ld%03d %d %s %s%s%s", (long)now.tv_sec, (int)(now.tv_nsec / 1000000),
-	                   zq_thread_id(), event, cls ? cls : "", cls ? "::" : "", name);
+		zq_thread_id(), event, cls ? cls : "", cls ? "::" : "", name);
 	send_event(sock, line, len < (int)sizeof line ? (size_t)len : sizeof line - 1 TSRMLS_CC);
 }

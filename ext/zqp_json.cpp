@@ -17,7 +17,8 @@ typedef struct enclosing {
 	size_t start; /* of the outermost table in the buffer */
 } enclosing;
 
-/* ---- text --------------------------------------------------------------------------------------------------------- */
+/* ---- text ---------------------------------------------------------------------------------------------------------
+ */
 
 void json_escape_string(smart_str *buf, const char *s, size_t len, int add_quote)
 {
@@ -32,7 +33,8 @@ void json_escape_string(smart_str *buf, const char *s, size_t len, int add_quote
 	}
 }
 
-/* ---- values ------------------------------------------------------------------------------------------------------- */
+/* ---- values -------------------------------------------------------------------------------------------------------
+ */
 
 static void append_value(smart_str *buf, zval *val, int option, const enclosing *outer TSRMLS_DC);
 
@@ -74,7 +76,8 @@ static int is_hidden(const Bucket *at, int option)
 	if (!at->nKeyLength) {
 		return 0;
 	}
-	return !at->arKey[0] || (option == 1 && (key_is(at, "args", sizeof("args")) || key_is(at, "object", sizeof("object"))));
+	return !at->arKey[0] ||
+		(option == 1 && (key_is(at, "args", sizeof("args")) || key_is(at, "object", sizeof("object"))));
 }
 
 static void append_table(smart_str *buf, const HashTable *table, int option, const enclosing *here TSRMLS_DC)
@@ -129,24 +132,13 @@ static void append_array(smart_str *buf, zval *val, int option, const enclosing 
 static void append_value(smart_str *buf, zval *val, int option, const enclosing *outer TSRMLS_DC)
 {
 	switch (val ? Z_TYPE_P(val) : IS_NULL) {
-		case IS_LONG:
-			zq_append_long(buf, Z_LVAL_P(val));
-			break;
-		case IS_DOUBLE:
-			append_double(buf, Z_DVAL_P(val));
-			break;
-		case IS_BOOL:
-			zq_append_text(buf, Z_BVAL_P(val) ? "true" : "false");
-			break;
-		case IS_ARRAY:
-		case IS_OBJECT:
-			append_array(buf, val, option, outer TSRMLS_CC);
-			break;
-		case IS_STRING:
-			json_escape_string(buf, Z_STRVAL_P(val), Z_STRLEN_P(val), 1);
-			break;
-		default:
-			zq_append(buf, "null", 4);
+	case IS_LONG: zq_append_long(buf, Z_LVAL_P(val)); break;
+	case IS_DOUBLE: append_double(buf, Z_DVAL_P(val)); break;
+	case IS_BOOL: zq_append_text(buf, Z_BVAL_P(val) ? "true" : "false"); break;
+	case IS_ARRAY:
+	case IS_OBJECT: append_array(buf, val, option, outer TSRMLS_CC); break;
+	case IS_STRING: json_escape_string(buf, Z_STRVAL_P(val), Z_STRLEN_P(val), 1); break;
+	default: zq_append(buf, "null", 4);
 	}
 }
 
@@ -160,7 +152,8 @@ void json_encode_array(smart_str *buf, zval *val, int option TSRMLS_DC)
 	append_array(buf, val, option, NULL TSRMLS_CC);
 }
 
-/* ---- rows of a query plan ----------------------------------------------------------------------------------------- */
+/* ---- rows of a query plan -----------------------------------------------------------------------------------------
+ */
 
 /* Names or values of a row's string-keyed columns; both lists leave out the same ones and stay aligned. */
 static void append_columns(smart_str *buf, zval *row, int names TSRMLS_DC)

@@ -4,9 +4,9 @@
 
 #include "zqp_helper.h"
 
-/* Appends `s` (up to `len` bytes or its first NUL) as a JSON string body, in double quotes when `add_quote`. The text is
- * cut at the first byte that is not valid UTF-8; "/" stays plain; control characters without a short form stay raw. A
- * null or empty text gives "" in quotes, or nothing without them. */
+/* Appends `s` (up to `len` bytes or its first NUL) as a JSON string body, in double quotes when `add_quote`. The text
+ * is cut at the first byte that is not valid UTF-8; "/" stays plain; control characters without a short form stay raw.
+ * A null or empty text gives "" in quotes, or nothing without them. */
 void json_escape_string(smart_str *buf, const char *s, size_t len, int add_quote);
 /* Appends any value. Option 1 hides the keys "args" and "object" of arrays. What is circular, deeper than 64, behind
  * 16 MiB of text or an object without a property table of its own is null. The value is not touched. */

@@ -28,14 +28,16 @@ static inline size_t zq_decode_utf8(const char *s, size_t len, unsigned *code_po
 	return size;
 }
 
-template <typename Buffer> void zq_append_json_unit(Buffer *buf, unsigned unit)
+template <typename Buffer>
+void zq_append_json_unit(Buffer *buf, unsigned unit)
 {
 	static const char hex[] = "0123456789abcdef";
 	const char text[] = {'\\', 'u', hex[unit >> 12 & 15], hex[unit >> 8 & 15], hex[unit >> 4 & 15], hex[unit & 15]};
 	zq_append(buf, text, sizeof text);
 }
 
-template <typename Buffer> void zq_append_json_code_point(Buffer *buf, unsigned code_point)
+template <typename Buffer>
+void zq_append_json_code_point(Buffer *buf, unsigned code_point)
 {
 	if (code_point <= 0xFFFF) {
 		zq_append_json_unit(buf, code_point);
@@ -50,19 +52,21 @@ template <typename Buffer> void zq_append_json_code_point(Buffer *buf, unsigned 
 static inline char zq_json_short_escape(char ch)
 {
 	switch (ch) {
-		case '\b': return 'b';
-		case '\t': return 't';
-		case '\n': return 'n';
-		case '\f': return 'f';
-		case '\r': return 'r';
-		case '"':
-		case '\\': return ch;
-		default: return 0;
+	case '\b': return 'b';
+	case '\t': return 't';
+	case '\n': return 'n';
+	case '\f': return 'f';
+	case '\r': return 'r';
+	case '"':
+	case '\\': return ch;
+	default: return 0;
 	}
 }
 
-/* Appends `len` bytes of text, none of them NUL, as the body of a JSON string; cut at the first byte that is not valid UTF-8. */
-template <typename Buffer> void zq_append_json_body(Buffer *buf, const char *s, size_t len)
+/* Appends `len` bytes of text, none of them NUL, as the body of a JSON string; cut at the first byte that is not valid
+ * UTF-8. */
+template <typename Buffer>
+void zq_append_json_body(Buffer *buf, const char *s, size_t len)
 {
 	size_t plain = 0; /* start of what is still to be copied as it is */
 	for (size_t i = 0; i < len;) {

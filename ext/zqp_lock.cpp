@@ -6,8 +6,14 @@
 static pthread_mutex_t process_lock = PTHREAD_MUTEX_INITIALIZER;
 static int fork_handlers_registered; /* once per process: the library stays mapped across module restarts */
 
-static void before_fork(void) { pthread_mutex_lock(&process_lock); }
-static void after_fork(void) { pthread_mutex_unlock(&process_lock); }
+static void before_fork(void)
+{
+	pthread_mutex_lock(&process_lock);
+}
+static void after_fork(void)
+{
+	pthread_mutex_unlock(&process_lock);
+}
 
 void zq_lock_init(void)
 {

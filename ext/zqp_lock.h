@@ -1,7 +1,8 @@
 /* The one lock of the process, around what threads share: application records and environment facts.
  *
  * The engine's time limit leaves by longjmp out of a signal handler, so its signals wait while the lock is held or
- * while libc's own locks (streams, heap) may be. Never hold it across send, recv, engine allocation, PHP calls or logging. */
+ * while libc's own locks (streams, heap) may be. Never hold it across send, recv, engine allocation, PHP calls or
+ * logging. */
 #ifndef ZQP_LOCK_H
 #define ZQP_LOCK_H
 

@@ -14,7 +14,10 @@ struct zq_name {
 	const char *text;
 	int length;
 	uint64 hash;
-	template <size_t N> consteval zq_name(const char (&name)[N]) : text(name), length(N - 1), hash(zq_name_hash(name)) {}
+	template <size_t N>
+	consteval zq_name(const char (&name)[N]) : text(name), length(N - 1), hash(zq_name_hash(name))
+	{
+	}
 	/* 1 when a name with this hash and length, and these bytes, is this one. */
 	int is(uint64 other_hash, const char *other, int other_length) const
 	{
@@ -23,7 +26,8 @@ struct zq_name {
 };
 
 /* Where the rows of a table with `N` rows are found. Every row type has a member `name`. */
-template <size_t N> struct zq_name_index {
+template <size_t N>
+struct zq_name_index {
 	static_assert(N < 255, "places are bytes");
 	static constexpr int bits()
 	{
@@ -41,7 +45,8 @@ template <size_t N> struct zq_name_index {
 void zq_two_rows_have_one_name(); /* never defined: reaching it stops the compiler */
 
 /* Finds a multiplier under which no two rows share a place. */
-template <typename Row, size_t N> consteval zq_name_index<N> zq_index_names(const std::array<Row, N> &rows)
+template <typename Row, size_t N>
+consteval zq_name_index<N> zq_index_names(const std::array<Row, N> &rows)
 {
 	uint64 seed = 0x9E3779B97F4A7C15u;
 	for (int attempt = 0; attempt < 20000; attempt++, seed = seed * 6364136223846793005u + 1442695040888963407u) {
@@ -59,11 +64,11 @@ template <typename Row, size_t N> consteval zq_name_index<N> zq_index_names(cons
 	return {};
 }
 
-/* The row with this name, or null. Not to be merged with the lookup of another table of the same size: gcc would then hold
- * the one against the other's bounds. */
+/* The row with this name, or null. Not to be merged with the lookup of another table of the same size: gcc would then
+ * hold the one against the other's bounds. */
 template <typename Row, size_t N>
-__attribute__((no_icf)) static inline const Row *zq_find_row(const std::array<Row, N> &rows, const zq_name_index<N> &index, uint64 hash,
-                                     const char *name, int length)
+__attribute__((no_icf)) static inline const Row *zq_find_row(
+	const std::array<Row, N> &rows, const zq_name_index<N> &index, uint64 hash, const char *name, int length)
 {
 	int place = index.place[index.slot(hash)];
 	if (!place) {

@@ -72,11 +72,15 @@ static char *name_by_rules(TSRMLS_D)
 	sigset_t saved;
 
 	zq_hold_timers(&saved); /* the parser and the regular expressions use libc's heap */
-	zend_try {
+	zend_try
+	{
 		by_rule = get_name_by_rules(ZQG(naming_rules), &request, &invalid_at);
-	} zend_catch {
+	}
+	zend_catch
+	{
 		bailed_out = 1;
-	} zend_end_try();
+	}
+	zend_end_try();
 	zq_allow_timers(&saved);
 
 	if (bailed_out) {

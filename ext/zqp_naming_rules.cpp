@@ -79,8 +79,8 @@ int matched(const struct cJSON *condition, const struct zq_naming_request *reque
 	const cJSON *method = next_key(&at, "method", cJSON_Number);
 	const cJSON *match = method ? next_key(&at, "match", cJSON_Number) : NULL;
 	const cJSON *value = match ? next_key(&at, "value", cJSON_String) : NULL;
-	if (!value || !method_holds(method->valueint, request->method)
-	    || !operator_holds(match->valueint, request->url, value->valuestring)) {
+	if (!value || !method_holds(method->valueint, request->method) ||
+		!operator_holds(match->valueint, request->url, value->valuestring)) {
 		return 0;
 	}
 	if (!at) {
@@ -152,8 +152,8 @@ static void append_url_parts(FILE *out, char *selection, const char *url)
 	}
 }
 
-static void append_params(FILE *out, char *names, enum zq_naming_source source, const zq_naming_request *request,
-                          const char **separator)
+static void append_params(
+	FILE *out, char *names, enum zq_naming_source source, const zq_naming_request *request, const char **separator)
 {
 	char *rest = NULL;
 	for (char *name = strtok_r(names, ",", &rest); name; name = strtok_r(NULL, ",", &rest)) {
@@ -174,7 +174,10 @@ struct name_parts {
 
 static void read_split(struct name_parts *parts, const cJSON *split)
 {
-	struct { const char *key; char **text; } texts[] = {
+	struct {
+		const char *key;
+		char **text;
+	} texts[] = {
 		{"uri", &parts->uri},
 		{"urlParams", &parts->params[ZQ_FROM_QUERY]},
 		{"headerParams", &parts->params[ZQ_FROM_HEADER]},

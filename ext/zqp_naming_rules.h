@@ -19,12 +19,7 @@
 struct cJSON;
 
 /* Where a parameter comes from; the first three are the rules' own "type" codes. */
-enum zq_naming_source {
-	ZQ_FROM_QUERY = 1,
-	ZQ_FROM_HEADER = 2,
-	ZQ_FROM_FORM = 3,
-	ZQ_FROM_COOKIE = 4
-};
+enum zq_naming_source { ZQ_FROM_QUERY = 1, ZQ_FROM_HEADER = 2, ZQ_FROM_FORM = 3, ZQ_FROM_COOKIE = 4 };
 
 /* The request that is to be named. */
 struct zq_naming_request {

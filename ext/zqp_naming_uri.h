@@ -12,8 +12,10 @@
 #include "zqp_naming_rules.h"
 #include "zqp_text.h"
 
-/* Appends a path: leading "/" dropped, "/" as "%2F", runs of two or more digits as "*"; "index" when nothing remains. */
-template <typename Buffer> void zq_append_clean_path(Buffer *name, std::string_view path)
+/* Appends a path: leading "/" dropped, "/" as "%2F", runs of two or more digits as "*"; "index" when nothing remains.
+ */
+template <typename Buffer>
+void zq_append_clean_path(Buffer *name, std::string_view path)
 {
 	size_t at = !path.empty() && path[0] == '/';
 	if (at == path.size()) {
@@ -40,8 +42,8 @@ template <typename Buffer> void zq_append_clean_path(Buffer *name, std::string_v
 
 /* ---- captured parameters ---- */
 
-/* Takes the next piece off `rest`: what stands between separators, without leading bytes of 128 and above, and not empty.
- * False when none is left. */
+/* Takes the next piece off `rest`: what stands between separators, without leading bytes of 128 and above, and not
+ * empty. False when none is left. */
 static inline bool zq_next_piece(std::string_view *rest, const char *separators, std::string_view *piece)
 {
 	while (!rest->empty()) {
@@ -82,8 +84,8 @@ void zq_append_captured_groups(Buffer *suffix, std::string_view groups, Params p
 	}
 }
 
-/* The same by `config`, a list of "<path>,<GET keys>,<POST keys>,<header names>" separated by "|": the first entry whose
- * path is `uri` counts. Appends nothing when there is none. */
+/* The same by `config`, a list of "<path>,<GET keys>,<POST keys>,<header names>" separated by "|": the first entry
+ * whose path is `uri` counts. Appends nothing when there is none. */
 template <typename Buffer, typename Params>
 void zq_append_captured(Buffer *suffix, const char *config, std::string_view uri, Params params)
 {

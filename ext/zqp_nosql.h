@@ -22,11 +22,12 @@ char *get_nosql_op_name(const char *name, uint64 hash);
 /* How an operation is spelt in its key. */
 typedef enum { ZQ_OPERATION_UPPER, ZQ_OPERATION_AS_GIVEN } zq_operation_case;
 
-/* Adds a call to its operation's row, and its whole milliseconds to what the innermost component spent elsewhere. The key
- * is "<collection>\n<operation>", the operation alone for a null `collection`; both are borrowed and end at their first
- * NUL. Only a key's first call allocates (request memory). Keys are kept up to 511 bytes, of which a report shows 127;
- * from the 4,097th on they share one row, of an empty operation in an empty collection. A null table records nothing. */
+/* Adds a call to its operation's row, and its whole milliseconds to what the innermost component spent elsewhere. The
+ * key is "<collection>\n<operation>", the operation alone for a null `collection`; both are borrowed and end at their
+ * first NUL. Only a key's first call allocates (request memory). Keys are kept up to 511 bytes, of which a report shows
+ * 127; from the 4,097th on they share one row, of an empty operation in an empty collection. A null table records
+ * nothing. */
 void zq_nosql_add(HashTable *table, const char *collection, const char *operation, zq_operation_case spelling,
-                  uint64 elapsed_us TSRMLS_DC);
+	uint64 elapsed_us TSRMLS_DC);
 
 #endif

@@ -1,7 +1,7 @@
-/* Memory of the process rather than of a request, by functions of the extension's own. The engine loads extensions so that their
- * malloc() and free() are the C library's even where another allocator is preloaded (jemalloc, tcmalloc), while functions
- * inside the C library, and the engine, take the preloaded one's: what strdup(), open_memstream() or the engine gave must not
- * go to the extension's free(). */
+/* Memory of the process rather than of a request, by functions of the extension's own. The engine loads extensions so
+ * that their malloc() and free() are the C library's even where another allocator is preloaded (jemalloc, tcmalloc),
+ * while functions inside the C library, and the engine, take the preloaded one's: what strdup(), open_memstream() or
+ * the engine gave must not go to the extension's free(). */
 #ifndef ZQP_PROCESS_MEMORY_H
 #define ZQP_PROCESS_MEMORY_H
 
@@ -21,9 +21,13 @@ static inline char *zq_strndup(const char *text, size_t len)
 	return copy;
 }
 
-static inline char *zq_strdup(const char *text) { return zq_strndup(text, strlen(text)); }
+static inline char *zq_strdup(const char *text)
+{
+	return zq_strndup(text, strlen(text));
+}
 
-/* What was written to a stream; `text`, for free(), has a NUL behind `len` bytes, and is null as long as there are none. */
+/* What was written to a stream; `text`, for free(), has a NUL behind `len` bytes, and is null as long as there are
+ * none. */
 typedef struct {
 	char *text;
 	size_t len;

@@ -1,5 +1,5 @@
-/* Insertion of the browser script. A page is searched chunk by chunk, and only at its beginning: an html tag must have been
- * seen, then the end of the title or of the head is the place. */
+/* Insertion of the browser script. A page is searched chunk by chunk, and only at its beginning: an html tag must have
+ * been seen, then the end of the title or of the head is the place. */
 #include "zqp_rum.h"
 #include "zqp_io.h"
 
@@ -48,8 +48,8 @@ static int page_wants_script(TSRMLS_D)
 /* The engine's compression runs as an output handler: what is still in a buffer is plain text. */
 static int engine_compresses(TSRMLS_D)
 {
-	return php_output_handler_started(ZEND_STRL("zlib output compression") TSRMLS_CC)
-		|| php_output_handler_started(ZEND_STRL("ob_gzhandler") TSRMLS_CC);
+	return php_output_handler_started(ZEND_STRL("zlib output compression") TSRMLS_CC) ||
+		php_output_handler_started(ZEND_STRL("ob_gzhandler") TSRMLS_CC);
 }
 
 /* 1 when this header says that the body is something into which no element can be put. The script's own calls of
@@ -110,8 +110,8 @@ static int is_response_header(const char *chunk TSRMLS_DC)
 	return 0;
 }
 
-/* The element, freed by zq_buffer_free; its `c` is null when the script is unusable. After a page that exhausted the memory
- * limit nothing is left. */
+/* The element, freed by zq_buffer_free; its `c` is null when the script is unusable. After a page that exhausted the
+ * memory limit nothing is left. */
 static smart_str make_element(TSRMLS_D)
 {
 	smart_str element = {NULL, 0, 0};
@@ -157,8 +157,8 @@ int zq_ub_write(const char *str, unsigned int length TSRMLS_DC)
 	return _sapi_ub_write(str, length TSRMLS_CC);
 }
 
-/* Grows the buffer as the engine does when it appends `len` bytes. 0 when the script's memory limit leaves no room: behind a
- * fatal error the engine discards the page of a request that is beyond it. */
+/* Grows the buffer as the engine does when it appends `len` bytes. 0 when the script's memory limit leaves no room:
+ * behind a fatal error the engine discards the page of a request that is beyond it. */
 static int grow_buffer(php_output_handler *handler, size_t len TSRMLS_DC)
 {
 	php_output_buffer *buffer = &handler->buffer;

@@ -10,8 +10,8 @@ static const size_t ZQ_RUM_EXAMINED_BYTES = 65536;
 
 /* The ">" that closes an opening html tag in the first ZQ_RUM_EXAMINED_BYTES; borrowed, null when there is none. */
 const char *html_pos(const char *buf, size_t length);
-/* Where the element goes in the first ZQ_RUM_EXAMINED_BYTES: behind "</title>" or in front of "</head>", whichever comes
- * first; possibly the end of the text. Borrowed, null when there is neither. */
+/* Where the element goes in the first ZQ_RUM_EXAMINED_BYTES: behind "</title>" or in front of "</head>", whichever
+ * comes first; possibly the end of the text. Borrowed, null when there is neither. */
 const char *rum_pos(const char *buf, size_t length);
 
 /* The longest that zq_rum_escape writes. */

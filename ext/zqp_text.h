@@ -1,5 +1,5 @@
-/* Comparing and reading text by ASCII rules, whatever locale the script has set, and the bound on regular expressions. Free of the
- * engine, as is all that is built on it alone. */
+/* Comparing and reading text by ASCII rules, whatever locale the script has set, and the bound on regular expressions.
+ * Free of the engine, as is all that is built on it alone. */
 #ifndef ZQP_TEXT_H
 #define ZQP_TEXT_H
 
@@ -18,7 +18,8 @@ static inline char zq_ascii_upper(char ch)
 	return ch >= 'a' && ch <= 'z' ? (char)(ch - ('a' - 'A')) : ch;
 }
 
-/* Below, at or above 0 as the first `len` bytes of `a`, or those up to a common end, sort before, with or behind `b`'s. */
+/* Below, at or above 0 as the first `len` bytes of `a`, or those up to a common end, sort before, with or behind `b`'s.
+ */
 static inline int zq_strncasecmp(const char *a, const char *b, size_t len)
 {
 	for (size_t i = 0; i < len; i++) {
@@ -83,13 +84,14 @@ static inline int zq_str_to_int(const char *str)
 }
 
 /* zqp_helper_regex.cpp */
-/* 1 when the C library can take the pattern (extended syntax) safely: at most 1,024 bytes, groups at most 64 deep, nested
- * repeats multiplying to at most 1,000, at most 3,000 atoms and repeats once they are unfolded, 64 of them in an endless
- * repeat of what can be empty, no references back to a group. It crashes, takes gigabytes or runs for seconds on others. */
+/* 1 when the C library can take the pattern (extended syntax) safely: at most 1,024 bytes, groups at most 64 deep,
+ * nested repeats multiplying to at most 1,000, at most 3,000 atoms and repeats once they are unfolded, 64 of them in an
+ * endless repeat of what can be empty, no references back to a group. It crashes, takes gigabytes or runs for seconds
+ * on others. */
 int zq_regex_is_bounded(const char *pattern);
-/* 1 when the bounded pattern (extended syntax, ignoring case, "." and brackets without line ends) matches somewhere in the
- * beginning of the subject, 0 otherwise: in its first 2,048 bytes, or fewer for a large pattern with an endless repeat
- * (80 for the largest). "$" never matches at the cut. */
+/* 1 when the bounded pattern (extended syntax, ignoring case, "." and brackets without line ends) matches somewhere in
+ * the beginning of the subject, 0 otherwise: in its first 2,048 bytes, or fewer for a large pattern with an endless
+ * repeat (80 for the largest). "$" never matches at the cut. */
 int zq_regex_matches(const char *subject, const char *pattern);
 
 #endif

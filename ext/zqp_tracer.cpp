@@ -143,7 +143,7 @@ void zq_trace_append(tracer_element *element TSRMLS_DC)
 }
 
 void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,
-                   int data_type, void *data TSRMLS_DC)
+	int data_type, void *data TSRMLS_DC)
 {
 	if (zq_trace_is_full(TSRMLS_C)) {
 		return; /* before the names are copied */

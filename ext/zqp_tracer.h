@@ -18,9 +18,9 @@ typedef struct sql_element {
 
 /* New record, adopting `stack` and `explain`; the statement is stored through rm_comment(), or "sql is null". */
 sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric);
-/* Records one call in `list` (of sql_element, request memory) and returns its record, borrowed; `stack` and `explain` are
- * null. When `may_repeat`, a call that is like the last one in all that is kept of it counts as its repetition; a record
- * that gets a stack or a plan must not be one. */
+/* Records one call in `list` (of sql_element, request memory) and returns its record, borrowed; `stack` and `explain`
+ * are null. When `may_repeat`, a call that is like the last one in all that is kept of it counts as its repetition; a
+ * record that gets a stack or a plan must not be one. */
 sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric, int may_repeat);
 void sql_element_dtor(void *ele); /* frees the strings, not the record */
 
@@ -28,14 +28,14 @@ enum { ZQ_TRACER_PLAIN = 0, ZQ_TRACER_SQL = 1, ZQ_TRACER_EXTERNAL = 2 };
 
 /* One timed call; the data of a node of `tracer`. */
 typedef struct tracer_element {
-	char *cls;       /* may be null; control characters replaced, as in func */
+	char *cls; /* may be null; control characters replaced, as in func */
 	char *func;
 	int lineno;
-	char *filename;  /* may be null */
-	int data_type;   /* ZQ_TRACER_* */
-	void *data;      /* borrowed: the element in `sqls` or `webservices` */
-	uint64 start;    /* us */
-	uint64 end;      /* us */
+	char *filename; /* may be null */
+	int data_type;  /* ZQ_TRACER_* */
+	void *data;     /* borrowed: the element in `sqls` or `webservices` */
+	uint64 start;   /* us */
+	uint64 end;     /* us */
 } tracer_element;
 
 typedef struct tracer_tree_node {
@@ -47,8 +47,8 @@ typedef struct tracer_tree_node {
 	struct tracer_tree_node *last_child; /* appending to a wide node must not walk its children */
 } tracer_tree_node;
 
-/* Zeroed element with copies of the names; `cls` may be null. It lies in a list node and its names behind it, in one block
- * that is released by giving it to zq_trace_append(). */
+/* Zeroed element with copies of the names; `cls` may be null. It lies in a list node and its names behind it, in one
+ * block that is released by giving it to zq_trace_append(). */
 tracer_element *tracer_element_alloc(const char *cls, const char *func);
 void tracer_element_dtor(void *ele); /* frees filename; not data, not the block */
 /* For zend_llist_sort: 1 when f belongs behind s (later start; on equal starts the earlier end), else 0. */
@@ -63,7 +63,7 @@ void zq_trace_append(tracer_element *element TSRMLS_DC);
 /* Appends a call with file and line when its whole milliseconds reach action_tracer_stack_trace_threshold; nothing when
  * the trace is full. `data_frame` is the frame that made the call. The callers test the threshold for being traced. */
 void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,
-                   int data_type, void *data TSRMLS_DC);
+	int data_type, void *data TSRMLS_DC);
 
 /* ---- zqp_tracer_tree.cpp ---- */
 /* Appends the tree of `tracer_list` (sorted by start) as JSON. `server` is the action's duration in ms. */

@@ -36,27 +36,29 @@ static int leading_zero_bytes(uint64 bytes)
 	return (std::endian::native == std::endian::little ? std::countr_zero(bytes) : std::countl_zero(bytes)) / 8;
 }
 
-/* How many bytes, of a chunk that ends with a NUL or has another byte behind it, come before white space other than a single
- * blank, or what may begin or end a quote or comment. */
+/* How many bytes, of a chunk that ends with a NUL or has another byte behind it, come before white space other than a
+ * single blank, or what may begin or end a quote or comment. */
 static size_t plain_bytes(const char *at)
 {
 	chunk here, next;
 	memcpy(&here, at, sizeof here);
 	memcpy(&next, at + 1, sizeof next);
-	auto others = (here < ' ') | (here == '\'') | (here == '"') | (here == '-') | (here == '/') | ((here == ' ') & (next == ' '));
+	auto others =
+		(here < ' ') | (here == '\'') | (here == '"') | (here == '-') | (here == '/') | ((here == ' ') & (next == ' '));
 	uint64 halves[2];
 	memcpy(halves, &others, sizeof halves);
 	return (size_t)(halves[0] ? leading_zero_bytes(halves[0]) : 8 + leading_zero_bytes(halves[1]));
 }
 
-/* Copies from `at` what needs no cleaning, and returns the position behind it. The bytes up to `end` are known to be there, and
- * room for as many. */
+/* Copies from `at` what needs no cleaning, and returns the position behind it. The bytes up to `end` are known to be
+ * there, and room for as many. */
 static const char *copy_plain(struct cleaned_text *out, const char *at, const char *end)
 {
 	size_t plain = sizeof(chunk);
 	while (plain == sizeof(chunk) && at < end && !(out->after_blank && *at == ' ')) {
 		char rest[sizeof(chunk) + 1] = {};
-		const char *from = end - at >= (ptrdiff_t)sizeof(chunk) ? at : (const char *)memcpy(rest, at, (size_t)(end - at));
+		const char *from =
+			end - at >= (ptrdiff_t)sizeof(chunk) ? at : (const char *)memcpy(rest, at, (size_t)(end - at));
 		plain = plain_bytes(from);
 		memcpy(out->text + out->len, from, plain);
 		at += plain;
@@ -150,18 +152,16 @@ const char *sub_select(const char *stmt)
 	if (!at) {
 		return NULL;
 	}
-	for (at += 4; isSpace(*at); at++) {
-	}
+	for (at += 4; isSpace(*at); at++) {}
 	if (*at != '(') {
 		return NULL;
 	}
-	for (at++; isSpace(*at); at++) {
-	}
+	for (at++; isSpace(*at); at++) {}
 	return zq_strncasecmp(at, "select", 6) == 0 ? at : NULL;
 }
 
-/* From the innermost "FROM (select", whose closing parenthesis may follow the table directly, unless it is part of a name in
- * delimiters. */
+/* From the innermost "FROM (select", whose closing parenthesis may follow the table directly, unless it is part of a
+ * name in delimiters. */
 static const char *table_of_select(const char *stmt, int *table_len)
 {
 	const char *innermost = stmt;

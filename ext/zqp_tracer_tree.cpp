@@ -289,8 +289,8 @@ static void open_node(smart_str *msg, const tracer_element *tracer, int is_first
 /* A quick call deep down that leads to no query or outgoing call is left out with all below it. */
 static int is_pruned(const tracer_tree_node *node, int threshold)
 {
-	return !node->is_key_path && node->level > 3
-		&& (int64_t)threshold >= (int64_t)((node->tracer->end - node->tracer->start) / 1000);
+	return !node->is_key_path && node->level > 3 &&
+		(int64_t)threshold >= (int64_t)((node->tracer->end - node->tracer->start) / 1000);
 }
 
 int output_tracer_tree(smart_str *msg, tracer_tree_node *node, int threshold, int is_first_node TSRMLS_DC)

@@ -1,7 +1,8 @@
 /* The one place that includes the engine's headers, and the integer types that the agent's structures use.
  *
  * The engine's headers come in as system headers, so that their warnings are not ours. Its snprintf macros are taken
- * back: they stand for the engine's own formatter, which prints "1.0e+100" where the agent's formats want libc's text. */
+ * back: they stand for the engine's own formatter, which prints "1.0e+100" where the agent's formats want libc's text.
+ */
 #ifndef ZQP_TYPES_H
 #define ZQP_TYPES_H
 

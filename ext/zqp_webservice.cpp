@@ -2,8 +2,8 @@
 #include "zqp_webservice.h"
 #include "zqp_json.h"
 
-webservice_element *webservice_element_alloc(const char *cls, const char *func, const char *uri,
-                                             const char *named_params, const char *transaction_data)
+webservice_element *webservice_element_alloc(
+	const char *cls, const char *func, const char *uri, const char *named_params, const char *transaction_data)
 {
 	smart_str name = {NULL, 0, 0};
 	zq_append_web(&name, uri ? uri : "");

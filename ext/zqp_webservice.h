@@ -16,9 +16,10 @@ typedef struct webservice_element {
 } webservice_element;
 
 /* New record with its name made from `uri` (zq_append_web), "?" and `named_params` (may be null), "/" and the class,
- * or the function without one; `transaction_data` is copied. It lies in a list node, which is given away by zq_list_append(). */
-webservice_element *webservice_element_alloc(const char *cls, const char *func, const char *uri,
-                                             const char *named_params, const char *transaction_data);
+ * or the function without one; `transaction_data` is copied. It lies in a list node, which is given away by
+ * zq_list_append(). */
+webservice_element *webservice_element_alloc(
+	const char *cls, const char *func, const char *uri, const char *named_params, const char *transaction_data);
 void webservice_element_dtor(void *ele); /* frees the strings, not the record */
 
 #endif

@@ -1,5 +1,5 @@
-/* The two tables of watched user functions, the names in them from the start of a request and those that a script gives, and
- * the callbacks that are too small for a file of their own. */
+/* The two tables of watched user functions, the names in them from the start of a request and those that a script
+ * gives, and the callbacks that are too small for a file of their own. */
 #include "zqp_debug.h"
 #include "zqp_exception.h"
 #include "zqp_name_table.h"
@@ -15,7 +15,9 @@ struct zq_seed_row {
 	uint size; /* counts the NUL */
 	zq_wrapper_callback callback;
 	template <size_t N>
-	consteval zq_seed_row(const char (&text)[N], zq_wrapper_callback wrapper) : name(text), size(N), callback(wrapper) {}
+	consteval zq_seed_row(const char (&text)[N], zq_wrapper_callback wrapper) : name(text), size(N), callback(wrapper)
+	{
+	}
 };
 
 /* What reveals a library; the callback then adds the names that matter for it. */
@@ -67,14 +69,15 @@ zend_function *declared_in(HashTable *functions, const char *name, int len)
 	return found;
 }
 
-/* The function behind "name", "class::name", array(class, name) or array(object, name), as its declaration spells it and
- * without running an autoloader; null when it is none of these or not loaded. */
+/* The function behind "name", "class::name", array(class, name) or array(object, name), as its declaration spells it
+ * and without running an autoloader; null when it is none of these or not loaded. */
 zend_function *named_function(zval *callable TSRMLS_DC)
 {
 	if (Z_TYPE_P(callable) == IS_STRING) {
 		char *name = Z_STRVAL_P(callable), *colons = strstr(name, "::");
 		if (!*name) {
-			return NULL; /* made by create_function(): a NUL and more here, but one name for all of them in their calls */
+			return NULL; /* made by create_function(): a NUL and more here, but one name for all of them in their calls
+						  */
 		}
 		if (!colons) {
 			return declared_in(EG(function_table), name, Z_STRLEN_P(callable));
@@ -83,14 +86,13 @@ zend_function *named_function(zval *callable TSRMLS_DC)
 		return ce ? declared_in(&ce->function_table, colons + 2, (int)strlen(colons + 2)) : NULL;
 	}
 	zval **owner, **method;
-	if (Z_TYPE_P(callable) != IS_ARRAY ||
-	    zend_hash_index_find(Z_ARRVAL_P(callable), 0, (void **)&owner) != SUCCESS ||
-	    zend_hash_index_find(Z_ARRVAL_P(callable), 1, (void **)&method) != SUCCESS || Z_TYPE_PP(method) != IS_STRING) {
+	if (Z_TYPE_P(callable) != IS_ARRAY || zend_hash_index_find(Z_ARRVAL_P(callable), 0, (void **)&owner) != SUCCESS ||
+		zend_hash_index_find(Z_ARRVAL_P(callable), 1, (void **)&method) != SUCCESS || Z_TYPE_PP(method) != IS_STRING) {
 		return NULL;
 	}
 	zend_class_entry *ce = Z_TYPE_PP(owner) == IS_OBJECT && Z_OBJ_HT_PP(owner)->get_class_entry ? Z_OBJCE_PP(owner)
-	                     : Z_TYPE_PP(owner) == IS_STRING ? loaded_class(Z_STRVAL_PP(owner), Z_STRLEN_PP(owner) TSRMLS_CC)
-	                     : NULL;
+		: Z_TYPE_PP(owner) == IS_STRING ? loaded_class(Z_STRVAL_PP(owner), Z_STRLEN_PP(owner) TSRMLS_CC)
+										: NULL;
 	return ce ? declared_in(&ce->function_table, Z_STRVAL_PP(method), Z_STRLEN_PP(method)) : NULL;
 }
 
@@ -162,16 +164,16 @@ void zq_init_funtion_hash(TSRMLS_D)
 
 int zq_identity_is_set(TSRMLS_D)
 {
-	return ZQG(transaction_tracer_enabled) && ZQG(vantor_id_secret) && *ZQG(vantor_id_secret) &&
-	       ZQG(transaction_id) && *ZQG(transaction_id);
+	return ZQG(transaction_tracer_enabled) && ZQG(vantor_id_secret) && *ZQG(vantor_id_secret) && ZQG(transaction_id) &&
+		*ZQG(transaction_id);
 }
 
-int wrapper_add_components(zend_execute_data *, char * TSRMLS_DC)
+int wrapper_add_components(zend_execute_data *, char *TSRMLS_DC)
 {
 	return 1;
 }
 
-int wrapper_should_ignore_external(zend_execute_data *, char * TSRMLS_DC)
+int wrapper_should_ignore_external(zend_execute_data *, char *TSRMLS_DC)
 {
 	ZQG(webservice_should_ignored) = 1;
 	return 0;
@@ -198,7 +200,7 @@ void wrapper_set_error_handler(zq_stack_data *stack_data TSRMLS_DC)
 	zq_watch_callback(stack_data->execute_data, 0, wrapper_user_error_handler TSRMLS_CC);
 }
 
-void wrapper_ob_flush(zq_stack_data * TSRMLS_DC)
+void wrapper_ob_flush(zq_stack_data *TSRMLS_DC)
 {
 	injectOutputBuffer(TSRMLS_C);
 }

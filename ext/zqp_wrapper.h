@@ -14,11 +14,11 @@ typedef struct zq_stack_data {
 	uint64 func_hash_code;
 	int func_length;
 	/* private */
-	zval **return_slot;              /* where the return value appears; null when unused. The zval is read after the call */
-	zval *object;                    /* of the call, as before it */
-	php_stream_context *lent_context;   /* holds our header while the call runs; null: none does */
-	bool lent_options;                  /* that context had no options for HTTP before */
-	const HashTable *earlier_headers;   /* $http_response_header as it was before the call, or null */
+	zval **return_slot; /* where the return value appears; null when unused. The zval is read after the call */
+	zval *object;       /* of the call, as before it */
+	php_stream_context *lent_context; /* holds our header while the call runs; null: none does */
+	bool lent_options;                /* that context had no options for HTTP before */
+	const HashTable *earlier_headers; /* $http_response_header as it was before the call, or null */
 } zq_stack_data;
 
 /* What the bookkeeping of one user call keeps. */
@@ -28,7 +28,7 @@ typedef struct zq_user_func_data {
 	int func_full_size;                 /* length and NUL, as 5.6 counts hash keys */
 	/* private */
 	unsigned component_generation;
-	bool is_function;                   /* false: include, require or eval */
+	bool is_function; /* false: include, require or eval */
 } zq_user_func_data;
 
 /* Runs before a watched user function; bit 0 of the result asks for a component. */
@@ -42,15 +42,15 @@ void zq_init_funtion_hash(TSRMLS_D);
 /* Add or replace a row; `name_size` counts the NUL. A null table (no action open) is skipped. */
 void zq_watch_before(const char *name, size_t name_size, zq_wrapper_callback callback TSRMLS_DC);
 void zq_watch_after(const char *name, size_t name_size, zq_performance_callback callback TSRMLS_DC);
-/* The same for the callable that is an argument of a call, given by name or as an array: watched under the name that its
- * declaration gives it, an inherited method under its parent's. Closures have none and are skipped. */
+/* The same for the callable that is an argument of a call, given by name or as an array: watched under the name that
+ * its declaration gives it, an inherited method under its parent's. Closures have none and are skipped. */
 void zq_watch_callback(zend_execute_data *data, int arg_seq, zq_wrapper_callback callback TSRMLS_DC);
 /* Callback registered for a name, or null. */
 zq_wrapper_callback zq_find_before(const char *name, size_t name_size TSRMLS_DC);
 zq_performance_callback zq_find_after(const char *name, size_t name_size TSRMLS_DC);
 
-/* What a caller knows of a name before it has built it, as a number: of a method the length and first byte of its class and
- * its own first two bytes, of a plain function (`cls` null) its first four. */
+/* What a caller knows of a name before it has built it, as a number: of a method the length and first byte of its class
+ * and its own first two bytes, of a plain function (`cls` null) its first four. */
 static inline uint64 zq_watch_key(const char *cls, int cls_len, const char *func)
 {
 	const unsigned char *name = (const unsigned char *)func;
@@ -68,7 +68,10 @@ static inline uint64 zq_watch_key(const char *cls, int cls_len, const char *func
 	return key;
 }
 /* Its place in watch_filter, a bitmap of 1,024 bits. */
-static inline unsigned zq_watch_bit(uint64 key) { return (unsigned)(key * 0x9E3779B97F4A7C15u >> 54); }
+static inline unsigned zq_watch_bit(uint64 key)
+{
+	return (unsigned)(key * 0x9E3779B97F4A7C15u >> 54);
+}
 /* 0: no row in either table has the full name "cls::func" ("func" when `cls` is null), and nobody needs to build it. 1:
  * one may have. A row that the call itself adds changes the answer, so ask again for the after-step. */
 static inline int zq_may_be_watched(const zend_zqprof_globals *g, const char *cls, int cls_len, const char *func)
@@ -90,12 +93,13 @@ void zq_trace_default(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS
 int zq_identity_is_set(TSRMLS_D);
 
 /* Small callbacks of user functions. */
-int wrapper_add_components(zend_execute_data *execute_data, char *func TSRMLS_DC);        /* 1: asks for a component */
-int wrapper_should_ignore_external(zend_execute_data *execute_data, char *func TSRMLS_DC); /* silences the calls inside */
+int wrapper_add_components(zend_execute_data *execute_data, char *func TSRMLS_DC); /* 1: asks for a component */
+int wrapper_should_ignore_external(
+	zend_execute_data *execute_data, char *func TSRMLS_DC); /* silences the calls inside */
 
 /* Small handlers of internal functions. */
-void wrapper_header(zq_stack_data *stack_data TSRMLS_DC);        /* HTTP errors; pages that must not get the script */
+void wrapper_header(zq_stack_data *stack_data TSRMLS_DC); /* HTTP errors; pages that must not get the script */
 void wrapper_set_error_handler(zq_stack_data *stack_data TSRMLS_DC); /* watches the script's own handler */
-void wrapper_ob_flush(zq_stack_data *stack_data TSRMLS_DC);      /* the page script, before the buffer leaves */
+void wrapper_ob_flush(zq_stack_data *stack_data TSRMLS_DC);          /* the page script, before the buffer leaves */
 
 #endif

@@ -1,5 +1,5 @@
-/* Recording of database calls. Each kind of call is a row of data: whose database, where its statement is, who knows why
- * it failed, how to ask for its plan. The steps are the same for all and know no client library. */
+/* Recording of database calls. Each kind of call is a row of data: whose database, where its statement is, who knows
+ * why it failed, how to ask for its plan. The steps are the same for all and know no client library. */
 #include "zqp_wrapper_database.h"
 
 #include "zqp_component.h"
@@ -12,12 +12,14 @@ static const size_t RECORD_BYTES = 80;
 
 /* ---- where the statement is ---- */
 
-template <int index> static const char *argument(zq_stack_data *call, char **TSRMLS_DC)
+template <int index>
+static const char *argument(zq_stack_data *call, char **TSRMLS_DC)
 {
 	return get_argument_char(call->execute_data, index);
 }
 
-template <int index> static const char *argument_from_end(zq_stack_data *call, char **TSRMLS_DC)
+template <int index>
+static const char *argument_from_end(zq_stack_data *call, char **TSRMLS_DC)
 {
 	return get_reverse_argument_char(call->execute_data, index);
 }
@@ -97,7 +99,7 @@ static char *error_info(const zq_sql_api *api, zq_stack_data *call TSRMLS_DC)
 	zval info;
 	smart_str text = {};
 	if (!call->object || Z_TYPE_P(call->object) != IS_OBJECT ||
-	    zq_call_named(call->object, api->client->error, &info, 0, NULL TSRMLS_CC) != SUCCESS) {
+		zq_call_named(call->object, api->client->error, &info, 0, NULL TSRMLS_CC) != SUCCESS) {
 		return NULL;
 	}
 	zq_json_encode(&text, &info, 0 TSRMLS_CC);
@@ -113,27 +115,60 @@ static char *error_property(const zq_sql_api *, zq_stack_data *call TSRMLS_DC)
 
 /* ---- the rows ---- */
 
-static constexpr zq_sql_client mysql_query = {
-	.error = "mysql_error", .query = "mysql_query", .fetch = "mysql_fetch_object", .dialect = "MySQL", .failure = NULL,
-	.link_argument = 1, .count_with_link = 2, .link_is_first = false, .passes_parameters = false};
-static constexpr zq_sql_client mysql_db_query = {
-	.error = "mysql_error", .query = "mysql_query", .fetch = "mysql_fetch_object", .dialect = "MySQL", .failure = NULL,
-	.link_argument = 2, .count_with_link = 3, .link_is_first = false, .passes_parameters = false};
-static constexpr zq_sql_client pg_query = {
-	.error = "pg_last_error", .query = "pg_query", .fetch = "pg_fetch_object", .dialect = "PGSQL",
+static constexpr zq_sql_client mysql_query = {.error = "mysql_error",
+	.query = "mysql_query",
+	.fetch = "mysql_fetch_object",
+	.dialect = "MySQL",
+	.failure = NULL,
+	.link_argument = 1,
+	.count_with_link = 2,
+	.link_is_first = false,
+	.passes_parameters = false};
+static constexpr zq_sql_client mysql_db_query = {.error = "mysql_error",
+	.query = "mysql_query",
+	.fetch = "mysql_fetch_object",
+	.dialect = "MySQL",
+	.failure = NULL,
+	.link_argument = 2,
+	.count_with_link = 3,
+	.link_is_first = false,
+	.passes_parameters = false};
+static constexpr zq_sql_client pg_query = {.error = "pg_last_error",
+	.query = "pg_query",
+	.fetch = "pg_fetch_object",
+	.dialect = "PGSQL",
 	.failure = "pg query explain fail",
-	.link_argument = 0, .count_with_link = 2, .link_is_first = true, .passes_parameters = false};
-static constexpr zq_sql_client pg_query_params = {
-	.error = "pg_last_error", .query = "pg_query_params", .fetch = "pg_fetch_object", .dialect = "PGSQL",
+	.link_argument = 0,
+	.count_with_link = 2,
+	.link_is_first = true,
+	.passes_parameters = false};
+static constexpr zq_sql_client pg_query_params = {.error = "pg_last_error",
+	.query = "pg_query_params",
+	.fetch = "pg_fetch_object",
+	.dialect = "PGSQL",
 	.failure = "pg query explain fail",
-	.link_argument = 0, .count_with_link = 3, .link_is_first = true, .passes_parameters = true};
-static constexpr zq_sql_client pdo_query = {
-	.error = "PDO::errorInfo", .query = "PDO::query", .fetch = "PDOStatement::fetch", .dialect = "PDO",
+	.link_argument = 0,
+	.count_with_link = 3,
+	.link_is_first = true,
+	.passes_parameters = true};
+static constexpr zq_sql_client pdo_query = {.error = "PDO::errorInfo",
+	.query = "PDO::query",
+	.fetch = "PDOStatement::fetch",
+	.dialect = "PDO",
 	.failure = "get pdo explain fail",
-	.link_argument = 0, .count_with_link = 0, .link_is_first = false, .passes_parameters = false};
-static constexpr zq_sql_client pdo_statement = {
-	.error = "PDOStatement::errorInfo", .query = NULL, .fetch = NULL, .dialect = NULL, .failure = NULL,
-	.link_argument = 0, .count_with_link = 0, .link_is_first = false, .passes_parameters = false};
+	.link_argument = 0,
+	.count_with_link = 0,
+	.link_is_first = false,
+	.passes_parameters = false};
+static constexpr zq_sql_client pdo_statement = {.error = "PDOStatement::errorInfo",
+	.query = NULL,
+	.fetch = NULL,
+	.dialect = NULL,
+	.failure = NULL,
+	.link_argument = 0,
+	.count_with_link = 0,
+	.link_is_first = false,
+	.passes_parameters = false};
 
 const zq_sql_api sql_mysql_query = {"MySQL", argument<0>, error_of_link, &mysql_query, false};
 const zq_sql_api sql_mysql_db_query = {"MySQL", argument<1>, error_of_link, &mysql_db_query, false};
@@ -170,7 +205,7 @@ static int returned_false(zq_stack_data *call)
 static void report_failure(const zq_sql_api *api, zq_stack_data *call, const char *statement TSRMLS_DC)
 {
 	if (!api->error || !returned_false(call) || !ZQG(error_collector_enabled) ||
-	    !ZQG(error_collector_record_db_errors) || ZQG(error)) {
+		!ZQG(error_collector_record_db_errors) || ZQG(error)) {
 		return;
 	}
 	char *message = api->error(api, call TSRMLS_CC);
@@ -240,7 +275,7 @@ static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 b
 	if (statement && !is_recorded_full(g TSRMLS_CC)) {
 		const char *vendor = api->vendor ? api->vendor : g->pdo_db;
 		record = zq_keep_statement(g->sqls, vendor, statement, elapsed_ms,
-		                           !has_stack && !has_plan && !is_traced /* the trace takes a name from each, then obfuscates it */);
+			!has_stack && !has_plan && !is_traced /* the trace takes a name from each, then obfuscates it */);
 	}
 	if (statement || api->fails_without_statement) {
 		report_failure(api, call, statement TSRMLS_CC);
@@ -318,9 +353,14 @@ const char *zq_pdo_vendor(const char *dsn)
 		const char *driver;
 		const char *vendor;
 	} vendors[] = {
-		{'i', "ibm:", "DB2"},          {'m', "mysql:", "MySQL"},      {'m', "mssql:", "SQLServer"},
-		{'o', "oci:", "Oracle"},       {'p', "pgsql:", "PostgreSQL"}, {'s', "sqlite:", "SQLite"},
-		{'s', "sqlsrv:", "SQLServer"}, {'s', "sybase:", "Sybase"},
+		{'i', "ibm:", "DB2"},
+		{'m', "mysql:", "MySQL"},
+		{'m', "mssql:", "SQLServer"},
+		{'o', "oci:", "Oracle"},
+		{'p', "pgsql:", "PostgreSQL"},
+		{'s', "sqlite:", "SQLite"},
+		{'s', "sqlsrv:", "SQLServer"},
+		{'s', "sybase:", "Sybase"},
 	};
 	for (const auto &row : vendors) {
 		if (dsn && *dsn == row.first && zq_strcasestr(dsn, row.driver)) {

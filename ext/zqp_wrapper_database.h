@@ -15,39 +15,41 @@ typedef char *(*zq_error_source)(const zq_sql_api *api, zq_stack_data *call TSRM
 /* How a client library is asked about the statement that it just ran. Names are functions, or methods as
  * "Class::method", which the object of the call (`query`, `error`) or of the result (`fetch`) receives. */
 typedef struct zq_sql_client {
-	const char *error;        /* gives the error text */
-	const char *query;        /* runs the plan's statement; null: plans are never asked for */
-	const char *fetch;        /* gives the next row of the result as an object */
-	const char *dialect;      /* word in front of the plan */
-	const char *failure;      /* logged at DEBUG when there is no plan; null: nothing is */
-	int link_argument;        /* the connection, given when the call has exactly `count_with_link` arguments */
-	int count_with_link;      /* 0: methods, which have their object instead */
-	bool link_is_first;       /* in `query` */
-	bool passes_parameters;   /* the call's last argument goes along behind the statement */
+	const char *error;      /* gives the error text */
+	const char *query;      /* runs the plan's statement; null: plans are never asked for */
+	const char *fetch;      /* gives the next row of the result as an object */
+	const char *dialect;    /* word in front of the plan */
+	const char *failure;    /* logged at DEBUG when there is no plan; null: nothing is */
+	int link_argument;      /* the connection, given when the call has exactly `count_with_link` arguments */
+	int count_with_link;    /* 0: methods, which have their object instead */
+	bool link_is_first;     /* in `query` */
+	bool passes_parameters; /* the call's last argument goes along behind the statement */
 } zq_sql_client;
 
 /* One kind of call. */
 typedef struct zq_sql_api {
-	const char *vendor;            /* null: of the request's last PDO connection */
+	const char *vendor; /* null: of the request's last PDO connection */
 	zq_statement_source statement;
-	zq_error_source error;         /* null: its failures are not reported */
-	const zq_sql_client *client;   /* null: neither error function nor plan */
-	bool fails_without_statement;  /* a failure counts even when no statement could be read */
+	zq_error_source error;        /* null: its failures are not reported */
+	const zq_sql_client *client;  /* null: neither error function nor plan */
+	bool fails_without_statement; /* a failure counts even when no statement could be read */
 } zq_sql_api;
 
 /* Records one call with its times in us: duration, statement, failure, and at their thresholds stack, plan and trace
- * element. 1: the default trace element is not wanted; 0: it is, when the call was slow. Beyond zq_most_recorded_bytes()
- * of statements only durations and failures are kept. */
+ * element. 1: the default trace element is not wanted; 0: it is, when the call was slow. Beyond
+ * zq_most_recorded_bytes() of statements only durations and failures are kept. */
 int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
 
 /* The recorder for one row. */
-template <const zq_sql_api &api> int performance_sql(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+template <const zq_sql_api &api>
+int performance_sql(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
 {
 	return zq_record_sql(&api, call, begin, end TSRMLS_CC);
 }
 
 /* The rows; "argument" counts from 0. */
-extern const zq_sql_api sql_mysql_query, sql_mysql_db_query, sql_mysql_argument_0, sql_mysql_argument_1, sql_mysql_prepared;
+extern const zq_sql_api sql_mysql_query, sql_mysql_db_query, sql_mysql_argument_0, sql_mysql_argument_1,
+	sql_mysql_prepared;
 extern const zq_sql_api sql_mysqli_method, sql_mysqli_stmt_execute;
 extern const zq_sql_api sql_pg_query, sql_pg_query_params, sql_pg_prepared, sql_pg_insert, sql_pg_delete;
 extern const zq_sql_api sql_sqlite_argument_0, sql_sqlite_argument_1, sql_oracle_prepared;
@@ -62,7 +64,8 @@ inline constexpr zq_performance_callback performance_pdo_query = performance_sql
 /* Calls that only prepare: the statement is kept for the execute calls that follow. Always 0. */
 int performance_prepare_argument_1(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
 int performance_prepare_last_argument(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
-int performance_mysqli_prepare_method(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC); /* reports failures too */
+int performance_mysqli_prepare_method(
+	zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC); /* reports failures too */
 /* PDO::__construct: the data source names the vendor of the statements that follow. Always 0. */
 int performance_pdo_construct(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
 /* Vendor of a data source name; null when it is none that is known. Static text. */

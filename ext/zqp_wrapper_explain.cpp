@@ -24,7 +24,8 @@ static const char *skip_quoted(const char *at, const char *end)
 		if (*at == quote) {
 			return at + 1;
 		}
-		/* an escape for some, a character for others; and "`" quotes for some only: nothing that means more to others */
+		/* an escape for some, a character for others; and "`" quotes for some only: nothing that means more to others
+		 */
 		if (*at == '\\' || (quote == '`' && strchr(";'\"-/$", *at))) {
 			return NULL;
 		}
@@ -192,8 +193,8 @@ static int has_columns(zval *result TSRMLS_DC)
 	return found;
 }
 
-/* The driver of this very object; the vendor is that of the connection made last. What mysql_query() answers with true is
- * no more explained here: the next statement takes the insert id away, and scripts store it in other tables. */
+/* The driver of this very object; the vendor is that of the connection made last. What mysql_query() answers with true
+ * is no more explained here: the next statement takes the insert id away, and scripts store it in other tables. */
 static int driver_explains(zval *connection, zval *result TSRMLS_DC)
 {
 	static const char *const drivers[] = {"mysql", "pgsql", "sqlite", NULL};
@@ -229,9 +230,10 @@ static int pdo_explains(zq_stack_data *call TSRMLS_DC)
 
 /* ---- the plan ---- */
 
-/* Runs `text` on the call's connection; SUCCESS leaves a result to fetch from. `parameters` only counts where the client
- * library passes some. */
-static int run_text(const zq_sql_client *client, zq_stack_data *call, const char *text, zval *parameters, zval *result TSRMLS_DC)
+/* Runs `text` on the call's connection; SUCCESS leaves a result to fetch from. `parameters` only counts where the
+ * client library passes some. */
+static int run_text(
+	const zq_sql_client *client, zq_stack_data *call, const char *text, zval *parameters, zval *result TSRMLS_DC)
 {
 	zval *params[3], *link = zq_sql_link(client, call), *statement = new_text(text);
 	zend_uint count = 0;

@@ -17,15 +17,22 @@ constexpr char MANY_HOSTS[] = "http://unknown-host";
 /* curl's numbers, so that the agent need not be linked with it. */
 enum { CURLINFO_EFFECTIVE_URL = 1048577, CURLINFO_RESPONSE_CODE = 2097154 };
 
-int elapsed_ms(uint64 btsc, uint64 ctsc) { return (int)((ctsc - btsc) / 1000); }
+int elapsed_ms(uint64 btsc, uint64 ctsc)
+{
+	return (int)((ctsc - btsc) / 1000);
+}
 
 /* 401 asks for credentials and is the first half of a normal exchange. */
-bool is_failure(int status) { return status == 400 || status >= 402; }
-
-webservice_element *describe_call(const zq_stack_data *stack_data, const char *url, const char *transaction_data, int status,
-                                  const char *error_msg TSRMLS_DC)
+bool is_failure(int status)
 {
-	webservice_element *element = webservice_element_alloc(stack_data->cls, stack_data->func, url, NULL, transaction_data);
+	return status == 400 || status >= 402;
+}
+
+webservice_element *describe_call(const zq_stack_data *stack_data, const char *url, const char *transaction_data,
+	int status, const char *error_msg TSRMLS_DC)
+{
+	webservice_element *element =
+		webservice_element_alloc(stack_data->cls, stack_data->func, url, NULL, transaction_data);
 	for (size_t i = strcspn(url, ":/?"); i-- > 0;) {
 		element->name[i] = zq_ascii_lower(element->name[i]); /* the scheme */
 	}
@@ -50,7 +57,8 @@ webservice_element *describe_call(const zq_stack_data *stack_data, const char *u
 size_t recorded_bytes(const webservice_element *element)
 {
 	size_t bytes = sizeof *element;
-	for (const char *text : {element->name, element->url, element->transaction_data, element->error_msg, element->stack}) {
+	for (const char *text :
+		{element->name, element->url, element->transaction_data, element->error_msg, element->stack}) {
 		bytes += text ? strlen(text) : 0;
 	}
 	return bytes;
@@ -96,11 +104,13 @@ int record_transfer(zq_stack_data *stack_data, zval *handle, const char *url, ui
 	const zval *outcome = stack_data->return_slot ? *stack_data->return_slot : NULL;
 	const char *answer = ZQG(transaction_curl_response_data);
 	if (!outcome || Z_TYPE_P(outcome) != IS_BOOL || Z_BVAL_P(outcome)) {
-		return EXTERNAL_SERVICE(stack_data, url, answer, status_of_transfer(handle TSRMLS_CC), NULL, btsc, ctsc TSRMLS_CC);
+		return EXTERNAL_SERVICE(
+			stack_data, url, answer, status_of_transfer(handle TSRMLS_CC), NULL, btsc, ctsc TSRMLS_CC);
 	}
 	zval error;
 	ask_curl("curl_error", handle, NULL, &error TSRMLS_CC);
-	const char *text = Z_TYPE(error) == IS_STRING ? Z_STRVAL(error) : ""; /* a failure also when curl has no words for it */
+	const char *text =
+		Z_TYPE(error) == IS_STRING ? Z_STRVAL(error) : ""; /* a failure also when curl has no words for it */
 	int recorded = EXTERNAL_SERVICE(stack_data, url, answer, 0, text, btsc, ctsc TSRMLS_CC);
 	zq_release_result(&error TSRMLS_CC);
 	return recorded;
@@ -129,9 +139,10 @@ char *soap_answer(const zq_stack_data *stack_data TSRMLS_DC)
 	if (!ZQG(transaction_tracer_enabled) || !body || Z_TYPE_P(body) != IS_STRING) {
 		return NULL;
 	}
-	const zval *headers = FIND_HASH_ZVALUE(zq_property_table(stack_data->object TSRMLS_CC), "__last_response_headers",
-	                                       sizeof "__last_response_headers");
-	const char *value = headers && Z_TYPE_P(headers) == IS_STRING ? strstr(Z_STRVAL_P(headers), ZQ_ANSWER_HEADER) : NULL;
+	const zval *headers = FIND_HASH_ZVALUE(
+		zq_property_table(stack_data->object TSRMLS_CC), "__last_response_headers", sizeof "__last_response_headers");
+	const char *value =
+		headers && Z_TYPE_P(headers) == IS_STRING ? strstr(Z_STRVAL_P(headers), ZQ_ANSWER_HEADER) : NULL;
 	if (!value) {
 		return NULL;
 	}
@@ -142,7 +153,7 @@ char *soap_answer(const zq_stack_data *stack_data TSRMLS_DC)
 } // namespace
 
 int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *transaction_data, int status,
-                     const char *error_msg, uint64 btsc, uint64 ctsc TSRMLS_DC)
+	const char *error_msg, uint64 btsc, uint64 ctsc TSRMLS_DC)
 {
 	if (!ZQG(webservices) || !url || !strstr(url, "://")) {
 		return 0;
@@ -168,8 +179,8 @@ int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *tra
 	element->url = estrdup(url);
 	zq_str_replace_ln(element->url);
 	append_call(element TSRMLS_CC);
-	zq_trace_call(stack_data->cls, stack_data->func, stack_data->execute_data, btsc, ctsc, ZQ_TRACER_EXTERNAL,
-	              element TSRMLS_CC);
+	zq_trace_call(
+		stack_data->cls, stack_data->func, stack_data->execute_data, btsc, ctsc, ZQ_TRACER_EXTERNAL, element TSRMLS_CC);
 	return 1;
 }
 

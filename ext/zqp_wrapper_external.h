@@ -1,4 +1,5 @@
-/* Recording outgoing calls: the recorder, and for each client library the routine that finds URL, outcome and answer. */
+/* Recording outgoing calls: the recorder, and for each client library the routine that finds URL, outcome and answer.
+ */
 #ifndef ZQP_WRAPPER_EXTERNAL_H
 #define ZQP_WRAPPER_EXTERNAL_H
 
@@ -9,21 +10,22 @@
  * copied. A failed call keeps the code stack, one slower than the trace threshold enters the trace. Once the list holds
  * zq_most_recorded_bytes() of text only the total time of the calls grows. 1 when the call was recorded, else 0. */
 int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *transaction_data, int status,
-                     const char *error_msg, uint64 btsc, uint64 ctsc TSRMLS_DC);
+	const char *error_msg, uint64 btsc, uint64 ctsc TSRMLS_DC);
 
-/* After a client's call, as zq_performance_callback: each charges the time to the innermost component. 1 when the call was
- * recorded, else 0. */
+/* After a client's call, as zq_performance_callback: each charges the time to the innermost component. 1 when the call
+ * was recorded, else 0. */
 int performance_curl_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 int performance_curl_multi_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 int performance_file_get_contents(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 int performance_fopen(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
-int performance_soapclient_construct(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC); /* records nothing; 0 */
+int performance_soapclient_construct(
+	zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC); /* records nothing; 0 */
 int performance_soapclient(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 int performance_httprequest_send(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 
 /* ---- zqp_wrapper_library.cpp: HTTP clients written in PHP ---- */
-/* Before a call the wrappers silence what the library uses inside and have the recorder watched; they ask for no component. The
- * recorders are as above. */
+/* Before a call the wrappers silence what the library uses inside and have the recorder watched; they ask for no
+ * component. The recorders are as above. */
 int wrapper_snoopy_httprequest(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int performance_snoopy_httprequest(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 int wrapper_nusoap_send(zend_execute_data *execute_data, char *func TSRMLS_DC); /* and the identity as a header */
@@ -33,8 +35,8 @@ int performance_wp_http_request(zq_stack_data *stack_data, uint64 btsc, uint64 c
 int performance_zend_http_client_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 
 /* ---- zqp_wrapper_thrift.cpp ---- */
-/* What the protocol classes tell of a client's call: its host, the method that it belongs to, the place for the identity, the
- * callee's data among what is skipped. None asks for a component or stands for a trace element: all 0. */
+/* What the protocol classes tell of a client's call: its host, the method that it belongs to, the place for the
+ * identity, the callee's data among what is skipped. None asks for a component or stands for a trace element: all 0. */
 int wrapper_thrift_transport_construct(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int wrapper_thrift_protocol_writemessagebegin(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int wrapper_thrift_protocol_writefieldstop(zend_execute_data *execute_data, char *func TSRMLS_DC);
@@ -44,8 +46,8 @@ int performance_thrift_protocol_readstring(zq_stack_data *stack_data, uint64 bts
 int performance_thrift_custom_function(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 
 /* ---- zqp_wrapper_websocket.cpp ---- */
-/* While a client connects, its handshake may carry the identity and the answer to it the callee's data. 0, but for a message
- * that was recorded. */
+/* While a client connects, its handshake may carry the identity and the answer to it the callee's data. 0, but for a
+ * message that was recorded. */
 int wrapper_websocket_connect(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int performance_websocket_connect(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
 int performance_websocket_senddata(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);

@@ -37,13 +37,15 @@ int take_name(const char *prefix, const char *text, int level TSRMLS_DC)
 }
 
 /* A literal as a template's parameter. */
-template <size_t N> struct literal {
+template <size_t N>
+struct literal {
 	char text[N];
 	consteval literal(const char (&from)[N]) { std::copy_n(from, N, text); }
 };
 
 /* The first argument is the whole name. */
-template <literal prefix> int frozen_action(zend_execute_data *execute_data, char * TSRMLS_DC)
+template <literal prefix>
+int frozen_action(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	take_name(prefix.text, text_argument(execute_data, 0), ZQ_NAME_FROZEN TSRMLS_CC);
 	return 0;
@@ -56,13 +58,13 @@ constexpr zq_wrapper_callback wrapper_drupal_frozen_action = frozen_action<"WebA
 constexpr zq_wrapper_callback wrapper_think_frozen_action = frozen_action<"WebAction/thinkPHP/">;
 
 /* CodeIgniter tells the class first; a request for its default method ends there. */
-int wrapper_ci_router_set_class(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_ci_router_set_class(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	take_name("WebAction/CI/", text_argument(execute_data, 0), ZQ_NAME_CONTROLLER TSRMLS_CC);
 	return 0;
 }
 
-int wrapper_ci_router_set_method(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_ci_router_set_method(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	const char *method = text_argument(execute_data, 0);
 	if (!method || ZQG(action_name_level) != ZQ_NAME_CONTROLLER) {
@@ -88,7 +90,7 @@ int wrapper_laravel_frozen_action(zend_execute_data *execute_data, char *func TS
 }
 
 /* The dispatcher knows the controller's method before it runs: dispatch(route, request, class, method). */
-int wrapper_illuminate_dispatch(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_illuminate_dispatch(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	const char *cls = text_argument(execute_data, 2), *method = text_argument(execute_data, 3);
 	if (!cls || !method) {
@@ -108,7 +110,10 @@ struct watched_name {
 	const char *text = NULL; /* null: none */
 	size_t size = 0;         /* counts the NUL */
 	consteval watched_name() = default;
-	template <size_t N> consteval watched_name(const char (&name)[N]) : text(name), size(N) {}
+	template <size_t N>
+	consteval watched_name(const char (&name)[N]) : text(name), size(N)
+	{
+	}
 };
 
 struct naming_hook {
@@ -132,44 +137,56 @@ struct framework {
 };
 
 constexpr framework frameworks[] = {
-	{.detected_on = "CI_Router::_set_routing", .word = "codeigniter",
-	 .components = {"CI_Output::_display", "CI_Loader::initialize", "CI_Loader::view"},
-	 .names = {{"CI_Router::set_class", wrapper_ci_router_set_class},
-	           {"CI_Router::set_method", wrapper_ci_router_set_method}}},
-	{.detected_on = "YiiBase::createWebApplication", .word = "yii",
-	 .components = {"CWebApplication::init", "CWebApplication::processRequest", "CAction::runWithParams",
-	                "CInlineAction::runWithParams"},
-	 .names = {{"CWebApplication::runController", wrapper_yii_frozen_action},
-	           {"CController::render", wrapper_yii_frozen_action}}},
-	{.detected_on = "Zend_Application::__construct", .word = "zend framework",
-	 .components = {"Zend_Controller_Front::dispatch", "Zend_Controller_Plugin_Broker::preDispatch",
-	                "Zend_Application::run"},
-	 .names = {{"Zend_Controller_Action::dispatch", wrapper_zendframe_frozen_action}},
-	 .client = {"Zend_Http_Client::request", performance_zend_http_client_request}},
-	{.detected_on = "Configure::getInstance", .word = "cakePHP",
-	 .components = {"View::render", "Controller::render"},
-	 .names = {{"Controller::loadModel", wrapper_cake_frozen_action}}},
-	{.detected_on = "wp_initial_constants", .word = "wordpress",
-	 .components = {"WP_Widget_Recent_Posts::widget", "WP_Widget_Recent_Comments::widget", "wp_head", "wp_footer"},
-	 .client = {"WP_Http::request", performance_wp_http_request}},
-	{.detected_on = "drupal_bootstrap", .word = "drupal",
-	 .components = {"drupal_page_cache_header", "drupal_session_initialize", "drupal_render_page", "module_invoke",
-	                "view::execute"},
-	 .names = {{"drupal_get_normal_path", wrapper_drupal_frozen_action}},
-	 .client = {"drupal_http_request", performance_drupal_http_request}},
+	{.detected_on = "CI_Router::_set_routing",
+		.word = "codeigniter",
+		.components = {"CI_Output::_display", "CI_Loader::initialize", "CI_Loader::view"},
+		.names = {{"CI_Router::set_class", wrapper_ci_router_set_class},
+			{"CI_Router::set_method", wrapper_ci_router_set_method}}},
+	{.detected_on = "YiiBase::createWebApplication",
+		.word = "yii",
+		.components = {"CWebApplication::init", "CWebApplication::processRequest", "CAction::runWithParams",
+			"CInlineAction::runWithParams"},
+		.names = {{"CWebApplication::runController", wrapper_yii_frozen_action},
+			{"CController::render", wrapper_yii_frozen_action}}},
+	{.detected_on = "Zend_Application::__construct",
+		.word = "zend framework",
+		.components = {"Zend_Controller_Front::dispatch", "Zend_Controller_Plugin_Broker::preDispatch",
+			"Zend_Application::run"},
+		.names = {{"Zend_Controller_Action::dispatch", wrapper_zendframe_frozen_action}},
+		.client = {"Zend_Http_Client::request", performance_zend_http_client_request}},
+	{.detected_on = "Configure::getInstance",
+		.word = "cakePHP",
+		.components = {"View::render", "Controller::render"},
+		.names = {{"Controller::loadModel", wrapper_cake_frozen_action}}},
+	{.detected_on = "wp_initial_constants",
+		.word = "wordpress",
+		.components = {"WP_Widget_Recent_Posts::widget", "WP_Widget_Recent_Comments::widget", "wp_head", "wp_footer"},
+		.client = {"WP_Http::request", performance_wp_http_request}},
+	{.detected_on = "drupal_bootstrap",
+		.word = "drupal",
+		.components = {"drupal_page_cache_header", "drupal_session_initialize", "drupal_render_page", "module_invoke",
+			"view::execute"},
+		.names = {{"drupal_get_normal_path", wrapper_drupal_frozen_action}},
+		.client = {"drupal_http_request", performance_drupal_http_request}},
 	{.detected_on = "discuz_application::instance", .word = "discuz"},
-	{.detected_on = "Wind::init", .word = "phpwind",
-	 .components = {"Wekit::init", "WindWebFrontController::run", "WindSimpleController::doAction", "WindView::render"}},
-	{.detected_on = "JVersion::getShortVersion", .word = "joomla",
-	 .components = {"JController::execute", "JView::display", "JDocumentRendererModules::render"}},
-	{.detected_on = "yii\\base\\Application::__construct", .word = "yii2",
-	 .components = {"yii\\base\\Controller::runAction", "yii\\base\\View::render", "yii\\base\\Controller::render"},
-	 .names = {{"yii\\base\\Module::runAction", wrapper_yii_frozen_action}},
-	 .store = {"yii\\redis\\Connection::executeCommand", performance_yiiredisConnection_executeCommand}},
-	{.detected_on = "Illuminate\\Foundation\\Application::__construct", .word = "laravel",
-	 .names = {{"Illuminate\\Routing\\ControllerDispatcher::dispatch", wrapper_illuminate_dispatch}}},
-	{.detected_on = "Think\\Dispatcher::getModule", .word = "thinkPHP",
-	 .names = {{"controller", wrapper_think_frozen_action}}},
+	{.detected_on = "Wind::init",
+		.word = "phpwind",
+		.components = {"Wekit::init", "WindWebFrontController::run", "WindSimpleController::doAction",
+			"WindView::render"}},
+	{.detected_on = "JVersion::getShortVersion",
+		.word = "joomla",
+		.components = {"JController::execute", "JView::display", "JDocumentRendererModules::render"}},
+	{.detected_on = "yii\\base\\Application::__construct",
+		.word = "yii2",
+		.components = {"yii\\base\\Controller::runAction", "yii\\base\\View::render", "yii\\base\\Controller::render"},
+		.names = {{"yii\\base\\Module::runAction", wrapper_yii_frozen_action}},
+		.store = {"yii\\redis\\Connection::executeCommand", performance_yiiredisConnection_executeCommand}},
+	{.detected_on = "Illuminate\\Foundation\\Application::__construct",
+		.word = "laravel",
+		.names = {{"Illuminate\\Routing\\ControllerDispatcher::dispatch", wrapper_illuminate_dispatch}}},
+	{.detected_on = "Think\\Dispatcher::getModule",
+		.word = "thinkPHP",
+		.names = {{"controller", wrapper_think_frozen_action}}},
 };
 
 void add_hooks(const framework &found TSRMLS_DC)

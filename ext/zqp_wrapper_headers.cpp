@@ -43,7 +43,8 @@ void note_own_callback(const zval *handle TSRMLS_DC)
 int forget_own_callback(const zval *handle TSRMLS_DC)
 {
 	HashTable *handles = ZQG(own_curl_callbacks);
-	return handles && handle && Z_TYPE_P(handle) == IS_RESOURCE && zend_hash_index_del(handles, (ulong)Z_LVAL_P(handle)) == SUCCESS;
+	return handles && handle && Z_TYPE_P(handle) == IS_RESOURCE &&
+		zend_hash_index_del(handles, (ulong)Z_LVAL_P(handle)) == SUCCESS;
 }
 
 void identify_curl_handle(zval *handle TSRMLS_DC)
@@ -65,7 +66,10 @@ void identify_curl_handle(zval *handle TSRMLS_DC)
 	}
 }
 
-long option_of(zq_stack_data *stack_data) { return get_argument_long(stack_data->execute_data, 1); }
+long option_of(zq_stack_data *stack_data)
+{
+	return get_argument_long(stack_data->execute_data, 1);
+}
 
 } // namespace
 
@@ -93,8 +97,9 @@ zval *zq_identity_header(TSRMLS_D)
 
 int zq_is_identity_header(const zval *header)
 {
-	return Z_TYPE_P(header) == IS_STRING && strncmp(Z_STRVAL_P(header), IDENTITY_HEADER, sizeof IDENTITY_HEADER - 1) == 0 &&
-	       !strpbrk(Z_STRVAL_P(header), "\r\n"); /* a script that forwards an id ends its line, and may go on */
+	return Z_TYPE_P(header) == IS_STRING &&
+		strncmp(Z_STRVAL_P(header), IDENTITY_HEADER, sizeof IDENTITY_HEADER - 1) == 0 &&
+		!strpbrk(Z_STRVAL_P(header), "\r\n"); /* a script that forwards an id ends its line, and may go on */
 }
 
 void curl_header_handler(const char *header, size_t len TSRMLS_DC)
@@ -109,7 +114,7 @@ void curl_header_handler(const char *header, size_t len TSRMLS_DC)
 	zq_str_replace_ln(ZQG(transaction_curl_response_data));
 }
 
-int wrapper_curl_header_handler(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_curl_header_handler(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	const zval *line = get_argument_zval(execute_data, 1);
 	if (line && Z_TYPE_P(line) == IS_STRING) {
@@ -121,7 +126,8 @@ int wrapper_curl_header_handler(zend_execute_data *execute_data, char * TSRMLS_D
 void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC)
 {
 	long option = option_of(stack_data);
-	if (!option || option == CURLOPT_HEADERFUNCTION || option == CURLOPT_WRITEHEADER) { /* 0: curl makes a number of it */
+	if (!option || option == CURLOPT_HEADERFUNCTION ||
+		option == CURLOPT_WRITEHEADER) { /* 0: curl makes a number of it */
 		forget_own_callback(get_argument_zval(stack_data->execute_data, 0) TSRMLS_CC);
 	}
 	if (option != CURLOPT_HEADERFUNCTION || ZQG(webservice_should_ignored)) {
@@ -133,14 +139,15 @@ void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC)
 void wrapper_curl_setopt_array(zq_stack_data *stack_data TSRMLS_DC)
 {
 	const zval *options = get_argument_zval(stack_data->execute_data, 1);
-	if (options && Z_TYPE_P(options) == IS_ARRAY && (zend_hash_index_exists(Z_ARRVAL_P(options), CURLOPT_HEADERFUNCTION) ||
-	                                                 zend_hash_index_exists(Z_ARRVAL_P(options), CURLOPT_WRITEHEADER))) {
+	if (options && Z_TYPE_P(options) == IS_ARRAY &&
+		(zend_hash_index_exists(Z_ARRVAL_P(options), CURLOPT_HEADERFUNCTION) ||
+			zend_hash_index_exists(Z_ARRVAL_P(options), CURLOPT_WRITEHEADER))) {
 		forget_own_callback(get_argument_zval(stack_data->execute_data, 0) TSRMLS_CC);
 	}
 }
 
-/* While an exception of one transfer's callback waits, curl cannot call ours, and would end the other transfers for that.
- * Answers to transfers in parallel are not told apart anyway. */
+/* While an exception of one transfer's callback waits, curl cannot call ours, and would end the other transfers for
+ * that. Answers to transfers in parallel are not told apart anyway. */
 void wrapper_curl_multi_add_handle(zq_stack_data *stack_data TSRMLS_DC)
 {
 	zval *handle = get_argument_zval(stack_data->execute_data, 1);
@@ -158,8 +165,8 @@ int performance_curl_setopt(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
 	zval *handle = get_argument_zval(stack_data->execute_data, 0);
 	zval *given = get_argument_zval(stack_data->execute_data, 2);
 	const zval *done = stack_data->return_slot ? *stack_data->return_slot : NULL;
-	if (option_of(stack_data) != CURLOPT_HTTPHEADER || !given || Z_TYPE_P(given) != IS_ARRAY ||
-	    !handle || !done || !zend_is_true((zval *)done)) {
+	if (option_of(stack_data) != CURLOPT_HTTPHEADER || !given || Z_TYPE_P(given) != IS_ARRAY || !handle || !done ||
+		!zend_is_true((zval *)done)) {
 		return 0;
 	}
 	zval *headers;
@@ -187,7 +194,7 @@ int performance_curl_reset(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
 	return 0;
 }
 
-void wrapper_curl_exec(zq_stack_data * TSRMLS_DC)
+void wrapper_curl_exec(zq_stack_data *TSRMLS_DC)
 {
 	if (ZQG(transaction_curl_response_data)) {
 		efree(ZQG(transaction_curl_response_data));

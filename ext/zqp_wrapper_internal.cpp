@@ -36,11 +36,26 @@ struct zq_class_row {
 };
 
 /* Inside a client library its own record stands for the call. */
-int is_on_its_own(TSRMLS_D) { return !ZQG(webservice_should_ignored); }
-int may_carry_identity(TSRMLS_D) { return is_on_its_own(TSRMLS_C) && zq_identity_is_set(TSRMLS_C); }
-int handshake_is_due(TSRMLS_D) { return ZQG(ws_enabled) && zq_identity_is_set(TSRMLS_C); }
-int collects_errors(TSRMLS_D) { return ZQG(error_collector_enabled); }
-int reads_headers(TSRMLS_D) { return ZQG(error_collector_enabled) || ZQG(rum_enabled); }
+int is_on_its_own(TSRMLS_D)
+{
+	return !ZQG(webservice_should_ignored);
+}
+int may_carry_identity(TSRMLS_D)
+{
+	return is_on_its_own(TSRMLS_C) && zq_identity_is_set(TSRMLS_C);
+}
+int handshake_is_due(TSRMLS_D)
+{
+	return ZQG(ws_enabled) && zq_identity_is_set(TSRMLS_C);
+}
+int collects_errors(TSRMLS_D)
+{
+	return ZQG(error_collector_enabled);
+}
+int reads_headers(TSRMLS_D)
+{
+	return ZQG(error_collector_enabled) || ZQG(rum_enabled);
+}
 
 constexpr auto before_rows = std::to_array<zq_before_row>({
 	{"ob_get_contents", NULL, wrapper_ob_flush},
@@ -225,7 +240,7 @@ const zq_after_row *find_method(const zq_class_row *row, const zq_stack_data *st
 {
 	for (const zq_after_row &method : row->methods) {
 		if (method.name.is(stack_data->func_hash_code, stack_data->func, stack_data->func_length) ||
-		    method.name.hash == zq_name_hash("*")) {
+			method.name.hash == zq_name_hash("*")) {
 			return &method;
 		}
 	}
@@ -235,7 +250,8 @@ const zq_after_row *find_method(const zq_class_row *row, const zq_stack_data *st
 const zq_after_row *find_recorder(const zq_stack_data *stack_data)
 {
 	if (!stack_data->cls) {
-		return zq_find_row(after_rows, after_index, stack_data->func_hash_code, stack_data->func, stack_data->func_length);
+		return zq_find_row(
+			after_rows, after_index, stack_data->func_hash_code, stack_data->func, stack_data->func_length);
 	}
 	const zq_class_row *row =
 		zq_find_row(class_rows, class_index, stack_data->cls_hash_code, stack_data->cls, stack_data->cls_length);
@@ -297,6 +313,7 @@ void zq_after_internal_call(zq_stack_data *stack_data, uint64 begin TSRMLS_DC)
 void zq_trace_default(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC)
 {
 	if (ZQG(action_tracer_enabled) && end - begin > ZQG(tracer_threshold_tick) && begin >= ZQG(rinit_tick)) {
-		zq_trace_call(stack_data->cls, stack_data->func, stack_data->execute_data, begin, end, ZQ_TRACER_PLAIN, NULL TSRMLS_CC);
+		zq_trace_call(
+			stack_data->cls, stack_data->func, stack_data->execute_data, begin, end, ZQ_TRACER_PLAIN, NULL TSRMLS_CC);
 	}
 }

@@ -43,7 +43,7 @@ void set_identity_header(zval *transport TSRMLS_DC)
 
 } // namespace
 
-int wrapper_snoopy_httprequest(zend_execute_data *, char * TSRMLS_DC)
+int wrapper_snoopy_httprequest(zend_execute_data *, char *TSRMLS_DC)
 {
 	zq_watch_after("Snoopy::_httprequest", sizeof "Snoopy::_httprequest", performance_snoopy_httprequest TSRMLS_CC);
 	return 0;
@@ -54,7 +54,7 @@ int performance_snoopy_httprequest(zq_stack_data *stack_data, uint64 btsc, uint6
 	return record_url_argument(stack_data, 2, btsc, ctsc TSRMLS_CC);
 }
 
-int wrapper_nusoap_send(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_nusoap_send(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	ZQG(webservice_should_ignored) = 1;
 	zq_watch_after("soap_transport_http::send", sizeof "soap_transport_http::send", performance_nusoap_send TSRMLS_CC);

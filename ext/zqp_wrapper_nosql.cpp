@@ -61,7 +61,7 @@ int performance_mongo_manager(zq_stack_data *call, uint64 begin, uint64 end TSRM
 	return 0;
 }
 
-int wrapper_predis_autoloader_register(zend_execute_data *, char * TSRMLS_DC)
+int wrapper_predis_autoloader_register(zend_execute_data *, char *TSRMLS_DC)
 {
 	static constexpr zq_name entry_points[] = {
 		"Predis\\Client::__call", "Predis\\Pipeline\\Pipeline::__call", "Predis\\Transaction\\MultiExec::__call"};

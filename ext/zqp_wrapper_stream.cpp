@@ -7,7 +7,8 @@ namespace {
 php_stream_context *context_of_value(zval *value TSRMLS_DC)
 {
 	/* without a name the engine raises no warning for a resource of another type */
-	return (php_stream_context *)zend_fetch_resource(&value TSRMLS_CC, -1, NULL, NULL, 1, php_le_stream_context(TSRMLS_C));
+	return (php_stream_context *)zend_fetch_resource(
+		&value TSRMLS_CC, -1, NULL, NULL, 1, php_le_stream_context(TSRMLS_C));
 }
 
 /* The context that the call will use; null when the engine is going to refuse the argument. */
@@ -50,7 +51,8 @@ bool put_header(php_stream_context *context, bool *made_options TSRMLS_DC)
 		return false;
 	}
 	zval *header = zq_identity_header(TSRMLS_C);
-	bool is_there = current && strcmp(Z_STRVAL_P(current), Z_STRVAL_P(header)) == 0; /* by the call that this one is inside */
+	bool is_there =
+		current && strcmp(Z_STRVAL_P(current), Z_STRVAL_P(header)) == 0; /* by the call that this one is inside */
 	HashTable *options = is_there ? NULL : own_http_options(context, made_options);
 	if (!options) {
 		zval_ptr_dtor(&header);
@@ -102,8 +104,14 @@ int zq_is_http_url(const char *url)
 	return url && (strstr(url, "http://") || strstr(url, "https://"));
 }
 
-void wrapper_file_get_contents(zq_stack_data *stack_data TSRMLS_DC) { before_stream_call(stack_data, 2 TSRMLS_CC); }
-void wrapper_fopen(zq_stack_data *stack_data TSRMLS_DC) { before_stream_call(stack_data, 3 TSRMLS_CC); }
+void wrapper_file_get_contents(zq_stack_data *stack_data TSRMLS_DC)
+{
+	before_stream_call(stack_data, 2 TSRMLS_CC);
+}
+void wrapper_fopen(zq_stack_data *stack_data TSRMLS_DC)
+{
+	before_stream_call(stack_data, 3 TSRMLS_CC);
+}
 
 void zq_take_back_header(zq_stack_data *stack_data TSRMLS_DC)
 {
@@ -130,7 +138,7 @@ const char *zq_stream_answer(const zq_stack_data *stack_data TSRMLS_DC)
 	for (const Bucket *at = headers->pListTail; at; at = at->pListLast) {
 		const zval *line = *(zval **)at->pData;
 		if (Z_TYPE_P(line) == IS_STRING && Z_STRLEN_P(line) >= ZQ_SHORTEST_ANSWER &&
-		    strncmp(Z_STRVAL_P(line), ZQ_ANSWER_HEADER, ZQ_ANSWER_HEADER_LEN) == 0) {
+			strncmp(Z_STRVAL_P(line), ZQ_ANSWER_HEADER, ZQ_ANSWER_HEADER_LEN) == 0) {
 			return Z_STRVAL_P(line) + ZQ_ANSWER_HEADER_LEN;
 		}
 	}

@@ -97,14 +97,14 @@ const char *pending_message(TSRMLS_D)
 	if (!EG(exception)) {
 		return NULL;
 	}
-	const zval *message = zend_read_property(zend_exception_get_default(TSRMLS_C), EG(exception), (char *)"message",
-	                                         sizeof "message" - 1, 1 TSRMLS_CC);
+	const zval *message = zend_read_property(
+		zend_exception_get_default(TSRMLS_C), EG(exception), (char *)"message", sizeof "message" - 1, 1 TSRMLS_CC);
 	return message && Z_TYPE_P(message) == IS_STRING && Z_STRLEN_P(message) ? Z_STRVAL_P(message) : NULL;
 }
 
 } // namespace
 
-int wrapper_thrift_transport_construct(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_thrift_transport_construct(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	const char *host = get_argument_char(execute_data, 0);
 	if (host && *host) {
@@ -113,7 +113,7 @@ int wrapper_thrift_transport_construct(zend_execute_data *execute_data, char * T
 	return 0;
 }
 
-int wrapper_thrift_protocol_writemessagebegin(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_thrift_protocol_writemessagebegin(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	const char *message = get_argument_char(execute_data, 0);
 	long type = get_argument_long(execute_data, 1);
@@ -124,15 +124,15 @@ int wrapper_thrift_protocol_writemessagebegin(zend_execute_data *execute_data, c
 	if (client) {
 		watch_service_method(client, message TSRMLS_CC);
 		zq_watch_before(THRIFT_PROTOCOL "::writeFieldStop", sizeof THRIFT_PROTOCOL "::writeFieldStop",
-		                wrapper_thrift_protocol_writefieldstop TSRMLS_CC);
+			wrapper_thrift_protocol_writefieldstop TSRMLS_CC);
 		zq_watch_before("Thrift\\Protocol\\TProtocol::skip", sizeof "Thrift\\Protocol\\TProtocol::skip",
-		                wrapper_thrift_protocol_skip TSRMLS_CC);
+			wrapper_thrift_protocol_skip TSRMLS_CC);
 	}
 	ZQG(webservice_should_ignored) = 1;
 	return 0;
 }
 
-int wrapper_thrift_protocol_writefieldstop(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_thrift_protocol_writefieldstop(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	zval *protocol = execute_data->object;
 	if (!protocol || !zq_identity_is_set(TSRMLS_C)) {
@@ -149,11 +149,11 @@ int wrapper_thrift_protocol_writefieldstop(zend_execute_data *execute_data, char
 	return 0;
 }
 
-int wrapper_thrift_protocol_skip(zend_execute_data *, char * TSRMLS_DC)
+int wrapper_thrift_protocol_skip(zend_execute_data *, char *TSRMLS_DC)
 {
 	if (ZQG(transaction_tracer_enabled)) {
 		zq_watch_after(THRIFT_PROTOCOL "::readString", sizeof THRIFT_PROTOCOL "::readString",
-		               performance_thrift_protocol_readstring TSRMLS_CC);
+			performance_thrift_protocol_readstring TSRMLS_CC);
 	}
 	return 0;
 }
@@ -172,7 +172,8 @@ int performance_thrift_custom_function(zq_stack_data *stack_data, uint64 btsc, u
 	ZQG(webservice_should_ignored) = 0;
 	zq_component_spent_outside((int)((ctsc - btsc) / 1000) TSRMLS_CC);
 	char *url = service_url(stack_data TSRMLS_CC);
-	int recorded = EXTERNAL_SERVICE(stack_data, url, ZQG(thrift_tx_data), 0, pending_message(TSRMLS_C), btsc, ctsc TSRMLS_CC);
+	int recorded =
+		EXTERNAL_SERVICE(stack_data, url, ZQG(thrift_tx_data), 0, pending_message(TSRMLS_C), btsc, ctsc TSRMLS_CC);
 	efree(url);
 	keep_text(&ZQG(thrift_tx_data), NULL);
 	return recorded;

@@ -13,7 +13,8 @@ constexpr char SOCKET_URL[] = "___zq_url";
 constexpr char SOCKET_DATA[] = "___zq_data";
 
 /* Behind the back of the object's __set. */
-void remember_on_object(zval *object, const char *property, size_t property_size, const char *text, size_t len TSRMLS_DC)
+void remember_on_object(
+	zval *object, const char *property, size_t property_size, const char *text, size_t len TSRMLS_DC)
 {
 	HashTable *properties = zq_property_table(object TSRMLS_CC);
 	if (!properties) {
@@ -96,10 +97,12 @@ long own_bytes_written(const zval *handshake, long written TSRMLS_DC)
 
 } // namespace
 
-int wrapper_websocket_connect(zend_execute_data *execute_data, char * TSRMLS_DC)
+int wrapper_websocket_connect(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
-	zq_watch_after("WebsocketClient::connect", sizeof "WebsocketClient::connect", performance_websocket_connect TSRMLS_CC);
-	zq_watch_after("WebsocketClient::sendData", sizeof "WebsocketClient::sendData", performance_websocket_senddata TSRMLS_CC);
+	zq_watch_after(
+		"WebsocketClient::connect", sizeof "WebsocketClient::connect", performance_websocket_connect TSRMLS_CC);
+	zq_watch_after(
+		"WebsocketClient::sendData", sizeof "WebsocketClient::sendData", performance_websocket_senddata TSRMLS_CC);
 	remember_socket_url(execute_data TSRMLS_CC);
 	ZQG(ws_enabled) = 1;
 	return 0;
@@ -127,14 +130,14 @@ int performance_websocket_senddata(zq_stack_data *stack_data, uint64 btsc, uint6
 	return 1;
 }
 
-/* fwrite(stream, data [, length]): a length that covers the data grows with it; one that cuts it asks for a part only, and
- * a part is left alone. */
+/* fwrite(stream, data [, length]): a length that covers the data grows with it; one that cuts it asks for a part only,
+ * and a part is left alone. */
 void wrapper_fwrite(zq_stack_data *stack_data TSRMLS_DC)
 {
 	zval **data = zq_argument_slot(stack_data->execute_data, 1);
 	zval **length = zq_argument_slot(stack_data->execute_data, 2);
 	if (!data || Z_TYPE_PP(data) != IS_STRING ||
-	    (length && (Z_TYPE_PP(length) != IS_LONG || Z_LVAL_PP(length) < Z_STRLEN_PP(data)))) {
+		(length && (Z_TYPE_PP(length) != IS_LONG || Z_LVAL_PP(length) < Z_STRLEN_PP(data)))) {
 		return;
 	}
 	const char *key_header = find_key_header(*data);
@@ -165,7 +168,8 @@ int performance_fread(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
 {
 	const zval *text = stack_data->return_slot ? *stack_data->return_slot : NULL;
 	const zend_op_array *caller = stack_data->execute_data->op_array;
-	if (!text || Z_TYPE_P(text) != IS_STRING || !caller || !caller->scope || strcmp(caller->scope->name, CLIENT_CLASS) != 0) {
+	if (!text || Z_TYPE_P(text) != IS_STRING || !caller || !caller->scope ||
+		strcmp(caller->scope->name, CLIENT_CLASS) != 0) {
 		return 0;
 	}
 	char *end = Z_STRVAL_P(text) + Z_STRLEN_P(text);

@@ -18,14 +18,16 @@ int g_cli;
 int g_module_up;
 
 void (*_zend_execute_ex)(zend_execute_data *execute_data TSRMLS_DC);
-void (*_zend_execute_internal)(zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
+void (*_zend_execute_internal)(
+	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
 zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSRMLS_DC);
 void (*_zend_error_cb)(int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);
 int (*_sapi_ub_write)(const char *str, unsigned int str_length TSRMLS_DC);
 
 /* Puts `ours` in place of a process-wide hook and keeps what was there; a hook that is already ours (the module was
  * started before in this process) keeps its saved predecessor. */
-template <typename T> static void replace_hook(T *hook, T *saved, T ours)
+template <typename T>
+static void replace_hook(T *hook, T *saved, T ours)
 {
 	if (*hook != ours) {
 		*saved = *hook;
@@ -83,7 +85,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	zq_clock_init();
 	writer_is_hooked = 0;
 	ts_allocate_id(&zqprof_globals_id, sizeof(zend_zqprof_globals), (ts_allocate_ctor)php_zqprof_init_globals,
-	               (ts_allocate_dtor)php_zqprof_shutdown_globals);
+		(ts_allocate_dtor)php_zqprof_shutdown_globals);
 	zend_register_ini_entries(zqprof_ini_entries, module_number TSRMLS_CC);
 	replace_hook(&zend_execute_ex, &_zend_execute_ex, zq_execute_ex);
 	replace_hook(&zend_execute_internal, &_zend_execute_internal, zq_execute_internal);

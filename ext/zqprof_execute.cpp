@@ -14,22 +14,22 @@
 
 /* What one intercepted user call keeps while it runs. */
 struct user_call {
-	zend_class_entry *scope;         /* declaring class, else the object's; null for a plain function */
-	const char *func;                /* function name, or the kind word of included code */
+	zend_class_entry *scope; /* declaring class, else the object's; null for a plain function */
+	const char *func;        /* function name, or the kind word of included code */
 	zval **return_slot;
-	zend_llist_element *component;   /* opened for it, or null */
+	zend_llist_element *component; /* opened for it, or null */
 	unsigned component_generation;
 	int level_before;
-	bool is_closure;                 /* may be freed before its caller goes on, and its name with it */
-	bool is_awaited;                 /* there is something to do afterwards, however quick it is */
+	bool is_closure; /* may be freed before its caller goes on, and its name with it */
+	bool is_awaited; /* there is something to do afterwards, however quick it is */
 	uint64 start;
 };
 
 /* What most closures are called, in memory that outlives the call. */
 static const char CLOSURE_NAME[] = "{closure}";
 
-/* The name of a closure that outlives it: closures of a namespace bear that too, those made of functions and methods the
- * name of these. */
+/* The name of a closure that outlives it: closures of a namespace bear that too, those made of functions and methods
+ * the name of these. */
 static zend_never_inline const char *keep_closure_name(const char *name)
 {
 	return strcmp(name, CLOSURE_NAME) == 0 ? CLOSURE_NAME : estrdup(name);
@@ -49,16 +49,11 @@ static const char *kind_word(zend_execute_data *caller)
 		return NULL;
 	}
 	switch (caller->opline->extended_value) {
-	case ZEND_EVAL:
-		return "eval";
-	case ZEND_INCLUDE:
-		return "include";
-	case ZEND_INCLUDE_ONCE:
-		return "include_once";
-	case ZEND_REQUIRE:
-		return "require";
-	case ZEND_REQUIRE_ONCE:
-		return "require_once";
+	case ZEND_EVAL: return "eval";
+	case ZEND_INCLUDE: return "include";
+	case ZEND_INCLUDE_ONCE: return "include_once";
+	case ZEND_REQUIRE: return "require";
+	case ZEND_REQUIRE_ONCE: return "require_once";
 	}
 	return NULL;
 }
@@ -132,8 +127,9 @@ static void zq_before_function_call(zq_stack_data *stack, zq_user_func_data *use
 	if (g->profile_end_time) {
 		thread_profile("enter function", user_data->func_full_name, NULL TSRMLS_CC);
 	}
-	zq_wrapper_callback callback =
-		user_data->func_full_name ? zq_find_before(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC) : NULL;
+	zq_wrapper_callback callback = user_data->func_full_name
+		? zq_find_before(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC)
+		: NULL;
 	if (callback) {
 		wanted = callback(stack->execute_data, user_data->func_full_name TSRMLS_CC) & 1;
 	}
@@ -151,14 +147,15 @@ static void zq_after_function_call(zq_stack_data *stack, zq_user_func_data *user
 		thread_profile("leave function", user_data->func_full_name, NULL TSRMLS_CC);
 	}
 	uint64 now = zq_clock_us(&g->clock);
-	zq_performance_callback callback =
-		user_data->func_full_name ? zq_find_after(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC) : NULL;
+	zq_performance_callback callback = user_data->func_full_name
+		? zq_find_after(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC)
+		: NULL;
 	if (!callback || !callback(stack, start, now TSRMLS_CC)) {
 		zq_trace_default(stack, start, now TSRMLS_CC);
 	}
 	if (user_data->llist_comp_ele) {
 		zq_component_close(user_data->llist_comp_ele, user_data->component_generation, stack->cls, stack->func,
-		                   (int)((now - start) / 1000) TSRMLS_CC);
+			(int)((now - start) / 1000) TSRMLS_CC);
 	}
 }
 
@@ -177,7 +174,7 @@ static void describe_call(zq_stack_data *stack, const user_call *call, zend_exec
 static inline int is_watched(const zend_zqprof_globals *g, const user_call *call)
 {
 	return call->scope ? zq_may_be_watched(g, call->scope->name, (int)call->scope->name_length, call->func)
-	                   : zq_may_be_watched(g, NULL, 0, call->func);
+					   : zq_may_be_watched(g, NULL, 0, call->func);
 }
 
 /* Asked after the call: by then it may itself have added the row that wants it. */
@@ -281,14 +278,18 @@ static zend_never_inline void intercept_user_call(zend_execute_data *execute_dat
 	}
 	call.start = zq_clock_us(&g->clock);
 	_zend_execute_ex(execute_data TSRMLS_CC);
-	if (g->hook_enabled && (UNEXPECTED(call.is_awaited) || UNEXPECTED(took_long(g, call.start)) || is_watched_after(g, &call))) {
+	if (g->hook_enabled &&
+		(UNEXPECTED(call.is_awaited) || UNEXPECTED(took_long(g, call.start)) || is_watched_after(g, &call))) {
 		after_user_call(&call, caller TSRMLS_CC);
 	}
 	drop_closure_name(&call);
 	g->tracer_level = call.level_before;
 }
 
-static inline int is_action_open(const zend_zqprof_globals *g) { return g->hook_enabled && g->agent_enabled; }
+static inline int is_action_open(const zend_zqprof_globals *g)
+{
+	return g->hook_enabled && g->agent_enabled;
+}
 
 void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC)
 {
@@ -337,8 +338,8 @@ static zend_never_inline void before_trampoline(zend_execute_data *frame, const 
 	zq_before_internal_call(&stack TSRMLS_CC);
 }
 
-static zend_never_inline void after_trampoline(zend_execute_data *frame, zend_class_entry *scope, const char *func,
-                                               uint64 start TSRMLS_DC)
+static zend_never_inline void after_trampoline(
+	zend_execute_data *frame, zend_class_entry *scope, const char *func, uint64 start TSRMLS_DC)
 {
 	zq_stack_data stack = unwatched_call(frame, scope ? scope->name : NULL, func);
 	callee_stub stub;
@@ -349,7 +350,8 @@ static zend_never_inline void after_trampoline(zend_execute_data *frame, zend_cl
 
 /* `__call`, `__callStatic` and `Closure::__invoke` come as temporary functions that are freed inside their own handler:
  * a slow one enters the trace behind a stub. */
-static zend_never_inline void run_trampoline(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+static zend_never_inline void run_trampoline(
+	zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
 	zend_class_entry *scope = frame->function_state.function->common.scope;
 	char *func = estrdup(frame->function_state.function->common.function_name);
@@ -372,7 +374,8 @@ static inline void hash_names(zq_stack_data *stack)
 }
 
 /* A call that a row may want, or a running profile. */
-static zend_never_inline void run_watched(zend_execute_data *frame, zend_class_entry *scope, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+static zend_never_inline void run_watched(
+	zend_execute_data *frame, zend_class_entry *scope, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
 	zq_stack_data stack = {};
 	stack.execute_data = frame;
@@ -390,13 +393,15 @@ static zend_never_inline void run_watched(zend_execute_data *frame, zend_class_e
 	}
 }
 
-static zend_never_inline void trace_unwatched(zend_execute_data *frame, const char *cls, const char *func, uint64 start TSRMLS_DC)
+static zend_never_inline void trace_unwatched(
+	zend_execute_data *frame, const char *cls, const char *func, uint64 start TSRMLS_DC)
 {
 	zq_stack_data stack = unwatched_call(frame, cls, func);
 	zq_trace_default(&stack, start, zq_clock_us(&ZQG(clock)) TSRMLS_CC);
 }
 
-static zend_never_inline void intercept_internal_call(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+static zend_never_inline void intercept_internal_call(
+	zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	zend_function *function = frame->function_state.function;
@@ -425,7 +430,7 @@ static zend_never_inline void intercept_internal_call(zend_execute_data *frame, 
 void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
 	if (is_action_open(zq_globals(TSRMLS_C)) && execute_data_ptr &&
-	    execute_data_ptr->function_state.function->common.function_name) {
+		execute_data_ptr->function_state.function->common.function_name) {
 		intercept_internal_call(execute_data_ptr, fci, return_value_used TSRMLS_CC);
 	} else {
 		run_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
@@ -446,7 +451,8 @@ static void trace_compile(char *filename, uint64 start, uint64 end TSRMLS_DC)
 
 static zend_op_array *compile_unseen(zend_file_handle *file_handle, int type TSRMLS_DC)
 {
-	return _zend_compile_file ? _zend_compile_file(file_handle, type TSRMLS_CC) : compile_file(file_handle, type TSRMLS_CC);
+	return _zend_compile_file ? _zend_compile_file(file_handle, type TSRMLS_CC)
+							  : compile_file(file_handle, type TSRMLS_CC);
 }
 
 zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC)

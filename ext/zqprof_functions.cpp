@@ -122,7 +122,7 @@ static PHP_FUNCTION(vantor_start_webaction)
 	char *name = NULL, *other = NULL;
 	int name_len, other_len;
 	if (zend_parse_parameters(ht TSRMLS_CC, "s|s!", &name, &name_len, &other, &other_len) == FAILURE || !name ||
-	    !may_change_action(TSRMLS_C)) {
+		!may_change_action(TSRMLS_C)) {
 		return;
 	}
 	zq_lift_memory_limit(TSRMLS_C);
@@ -162,9 +162,11 @@ static zval *message_of(zval *object TSRMLS_DC)
 	HashTable *properties = zq_property_table(object TSRMLS_CC);
 	zend_property_info *declared;
 	const uint not_its_own = ZEND_ACC_STATIC | ZEND_ACC_SHADOW; /* shadow: private to a parent class */
-	if (properties && zend_hash_find(&Z_OBJCE_P(object)->properties_info, ZEND_STRS("message"), (void **)&declared) == SUCCESS &&
-	    !(declared->flags & not_its_own)) {
-		return FIND_HASH_ZVALUE(properties, declared->name, (uint)declared->name_length + 1); /* mangled unless public */
+	if (properties &&
+		zend_hash_find(&Z_OBJCE_P(object)->properties_info, ZEND_STRS("message"), (void **)&declared) == SUCCESS &&
+		!(declared->flags & not_its_own)) {
+		return FIND_HASH_ZVALUE(
+			properties, declared->name, (uint)declared->name_length + 1); /* mangled unless public */
 	}
 	return FIND_HASH_ZVALUE(properties, ZEND_STRS("message"));
 }
@@ -205,12 +207,6 @@ static PHP_FUNCTION(vantor_notice_error)
 	RETURN_TRUE;
 }
 
-extern const zend_function_entry zqprof_functions[] = {
-	PHP_FE(zqprof_rshutdowncall, NULL)
-	PHP_FE(zqprof_headercall, NULL)
-	PHP_FE(zqprof_curl_header, NULL)
-	PHP_FE(vantor_start_webaction, NULL)
-	PHP_FE(vantor_end_webaction, NULL)
-	PHP_FE(vantor_notice_error, NULL)
-	PHP_FE_END
-};
+extern const zend_function_entry zqprof_functions[] = {PHP_FE(zqprof_rshutdowncall, NULL)
+		PHP_FE(zqprof_headercall, NULL) PHP_FE(zqprof_curl_header, NULL) PHP_FE(vantor_start_webaction, NULL)
+			PHP_FE(vantor_end_webaction, NULL) PHP_FE(vantor_notice_error, NULL) PHP_FE_END};

@@ -165,7 +165,7 @@ static int accept_load(TSRMLS_D)
 		return 0;
 	}
 	if (used >= g->resource_high ||
-	    (used > g->resource_low && !keep_trace_under_load(used, g->resource_low, g->resource_high))) {
+		(used > g->resource_low && !keep_trace_under_load(used, g->resource_low, g->resource_high))) {
 		g->action_tracer_enabled = 0;
 	}
 	return 1;
@@ -280,7 +280,7 @@ static void activate(TSRMLS_D)
 	name_application(TSRMLS_C);
 	const char *uri = g_cli ? SERVER_TEXT("SCRIPT_FILENAME") : SG(request_info).request_uri;
 	ZQ_LOG(ZQ_LOG_VERBOSE, "RINIT processing start, app name=%s, uri=%s", g->app_name,
-	       SG(request_info).request_uri ? SG(request_info).request_uri : "(null)");
+		SG(request_info).request_uri ? SG(request_info).request_uri : "(null)");
 	if (!accept_request(uri TSRMLS_CC)) {
 		g->agent_enabled = 0;
 		return;
@@ -315,12 +315,16 @@ int zm_activate_zqprof(INIT_FUNC_ARGS)
 	g->app_name = NULL;
 	clear_request_fields(g);
 	zq_lift_memory_limit(TSRMLS_C);
-	zend_try {
+	zend_try
+	{
 		activate(TSRMLS_C);
-	} zend_catch {
+	}
+	zend_catch
+	{
 		g->hook_enabled = 0;
 		g->agent_enabled = 0;
-	} zend_end_try();
+	}
+	zend_end_try();
 	zq_restore_memory_limit(TSRMLS_C);
 	return SUCCESS;
 }
@@ -382,12 +386,14 @@ void zq_free_config_copies(TSRMLS_D)
 void zq_empty_containers(TSRMLS_D)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	for (zend_llist *list : {g->tracer, g->sqls, g->components, g->webservices}) { /* the trace points into the others */
+	for (zend_llist *list :
+		{g->tracer, g->sqls, g->components, g->webservices}) { /* the trace points into the others */
 		if (list) {
 			zend_llist_clean(list);
 		}
 	}
-	for (HashTable *table : {g->components_hash, g->nosql_memcc, g->nosql_redis, g->nosql_mongo, g->own_curl_callbacks}) {
+	for (HashTable *table :
+		{g->components_hash, g->nosql_memcc, g->nosql_redis, g->nosql_mongo, g->own_curl_callbacks}) {
 		if (table) {
 			zend_hash_clean(table);
 		}
@@ -438,9 +444,11 @@ int zm_deactivate_zqprof(SHUTDOWN_FUNC_ARGS)
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (g->agent_enabled && g->hook_enabled) {
 		zq_lift_memory_limit(TSRMLS_C);
-		zend_try {
+		zend_try
+		{
 			end_action(TSRMLS_C);
-		} zend_end_try();
+		}
+		zend_end_try();
 		zq_restore_memory_limit(TSRMLS_C);
 	}
 	g->hook_enabled = 0;

@@ -50,8 +50,8 @@ static int update_zqs_app_name(zend_ini_entry *, char *new_value, uint, void *, 
 }
 
 template <size_t N, size_t M>
-static constexpr zend_ini_entry setting(const char (&name)[N], const char (&value)[M], int changeable,
-                                        change_handler on_modify = nullptr)
+static constexpr zend_ini_entry setting(
+	const char (&name)[N], const char (&value)[M], int changeable, change_handler on_modify = nullptr)
 {
 	zend_ini_entry entry{};
 	entry.modifiable = changeable;
