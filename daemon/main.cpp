@@ -1,8 +1,8 @@
 // quorbit: the local daemon, and the command line that reads what it stored.
-#include "commands.h"
-#include "daemonize.h"
-#include "names.h"
-#include "text.h"
+#include "ask/commands.h"
+#include "receive/daemonize.h"
+#include "ask/names.h"
+#include "base/text.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,9 +1,9 @@
 // The files that the local daemon reads: its configuration, and the operator's settings with what agents are answered from them.
-// sources: daemon/config.cpp daemon/applications.cpp daemon/log.cpp daemon/text.cpp daemon/wire.cpp
+// sources: daemon/base/config.cpp daemon/base/applications.cpp daemon/base/log.cpp daemon/base/text.cpp daemon/facts/wire.cpp
 #include <stdexcept>
 
-#include "applications.h"
-#include "config.h"
+#include "base/applications.h"
+#include "base/config.h"
 #include "require.h"
 
 using namespace quorbit;

@@ -1,6 +1,6 @@
 // Metric and thread-profile packets, decoded from bytes; their parts as programs get them.
 #include "daemon_records.h"
-#include "report.h"
+#include "print/report.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // What the commands print: harmless texts, tables, sums, traces, profiles, JSON.
 #include "daemon_records.h"
-#include "report.h"
-#include "text.h"
+#include "print/report.h"
+#include "base/text.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // The agent's configuration file, the operator's settings with their stamps, and profiles on order.
-#include "applications.h"
-#include "config.h"
+#include "base/applications.h"
+#include "base/config.h"
 #include "daemon_records.h"
-#include "profile_sessions.h"
+#include "receive/profile_sessions.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // Statements without their values, the groups they make, and what plans of real servers prove.
 #include "daemon_records.h"
-#include "plan.h"
-#include "report.h"
-#include "sql_text.h"
+#include "facts/plan.h"
+#include "print/report.h"
+#include "facts/sql_text.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The store: what is written is found again, within its bound, and its thread outlives a broken file.
 #include "daemon_records.h"
-#include "store_reader.h"
-#include "store_writer.h"
+#include "store/store_reader.h"
+#include "store/store_writer.h"
 
 #include <gtest/gtest.h>
 

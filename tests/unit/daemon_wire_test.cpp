@@ -1,7 +1,7 @@
 // Framing, queries and answers, against bytes written out by hand; and connections that deliver them in pieces.
-#include "connection.h"
+#include "receive/connection.h"
 #include "daemon_records.h"
-#include "wire.h"
+#include "facts/wire.h"
 
 #include <gtest/gtest.h>
 

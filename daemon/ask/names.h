@@ -1,0 +1,83 @@
+// A dry run of naming: which names a list of requests would get under an application's settings. The naming itself is
+// the agent's own code (ext/zqp_naming_rules.*, ext/zqp_naming_uri.h).
+#pragma once
+
+#include "base/config.h"
+#include "facts/wire.h"
+
+#include <istream>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quorbit {
+
+// What is known of one request.
+struct SampleRequest {
+	// By name; nothing for an array, which is neither a text nor absent.
+	using Parameters = std::map<std::string, std::optional<std::string>, std::less<>>;
+
+	std::string method, path;  // the path without the query, as web servers hand it on
+	Parameters query, headers; // headers by their server key: "HTTP_USER_AGENT"
+};
+
+// One line: "GET /path?query", or a line of an access log in the common or combined format. Nothing when it is neither.
+std::optional<SampleRequest> parse_request_line(std::string_view line);
+
+enum class NamedBy { rule, uri, script };
+
+struct GivenName {
+	std::string name;
+	NamedBy by;
+};
+
+// The names that an application's settings give.
+class Namer {
+public:
+	// `script` is the file that the server runs for URIs that do not name one.
+	Namer(const Settings &settings, std::string script);
+
+	GivenName name(const SampleRequest &request) const;
+
+	// Where the naming rules stop being JSON; nothing when they are, or when there are none.
+	std::optional<std::string> invalid_rules() const;
+
+private:
+	std::string rules_, captured_, script_;
+	bool automatic_;
+};
+
+struct NameCount {
+	std::string name;
+	NamedBy by;
+	int64_t requests;
+};
+
+struct NameCounts {
+	std::vector<NameCount> names; // the busiest first
+	int64_t requests = 0;
+	std::vector<int64_t> passed_over; // numbers of the first lines that are no request, at most 5
+	int64_t passed_over_count = 0;
+};
+
+// Names every request of a text; empty lines and those that begin with "#" do not count.
+NameCounts count_names(std::istream &lines, const Namer &namer);
+
+// The report for the operator: at most `most` names, in `width` columns (0: no limit).
+std::string names_text(const NameCounts &counts, size_t most, size_t width, const std::string &script);
+
+struct NamesOptions {
+	std::string requests = "-";    // the file; "-" is standard input
+	std::string application = "*"; // whose settings; "*" are those of applications without a section
+	std::string settings;          // the file; "" for the daemon's applications.conf
+	std::string script = "/index.php";
+	size_t most = 20;
+};
+
+// The command. Returns the exit status: 1 when the naming rules are no JSON. Throws std::runtime_error when a file
+// cannot be read.
+int names(const DaemonConfig &config, const NamesOptions &options);
+
+} // namespace quorbit

@@ -1,0 +1,197 @@
+// Parsing of applications.conf, stamps, and following the file.
+#include "base/applications.h"
+
+#include "base/config.h"
+#include "base/log.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <stdexcept>
+
+namespace quorbit {
+
+namespace {
+
+// Everything that agents take from an answer. Others are handed out all the same: an agent passes over what it does not
+// know.
+constexpr std::string_view known_settings[] = {
+	"zqs.action_tracer.action_threshold",
+	"zqs.action_tracer.enabled",
+	"zqs.action_tracer.explain_enabled",
+	"zqs.action_tracer.explain_threshold",
+	"zqs.action_tracer.record_sql",
+	"zqs.action_tracer.slow_sql",
+	"zqs.action_tracer.slow_sql_threshold",
+	"zqs.action_tracer.stack_trace_threshold",
+	"zqs.agent_enabled",
+	"zqs.auto_action_naming",
+	"zqs.capture_params",
+	"zqs.error_collector.enabled",
+	"zqs.error_collector.ignored_status_codes",
+	"zqs.error_collector.record_db_errors",
+	"zqs.ignored_params",
+	"zqs.naming.rules",
+	"zqs.profile_end_time",
+	"zqs.resource.enabled",
+	"zqs.resource.high",
+	"zqs.resource.low",
+	"zqs.resource.safe",
+	"zqs.resource.used",
+	"zqs.rum.enabled",
+	"zqs.rum.sample_ratio",
+	"zqs.rum.script",
+	"zqs.transaction_tracer.enabled",
+	"zqs.urls_captured",
+	"zqs.vantorIdSecret",
+	"zqs.web_action_uri_params_captured",
+};
+
+std::string_view trim(std::string_view text)
+{
+	size_t begin = text.find_first_not_of(" \t\r");
+	if (begin == std::string_view::npos) return {};
+	return text.substr(begin, text.find_last_not_of(" \t\r") + 1 - begin);
+}
+
+class Parser {
+public:
+	Applications applications;
+
+	void line(int number, std::string_view text)
+	{
+		number_ = number;
+		bool indented = text.starts_with(' ') || text.starts_with('\t');
+		std::string_view content = trim(text);
+		if (indented && value_) {
+			// An indented line goes on with the value above it: scripts and naming rules may be written over several
+			// lines.
+			if (!value_->empty()) *value_ += '\n';
+			*value_ += content;
+			return;
+		}
+		if (content.empty() || content[0] == '#' || content[0] == ';') return;
+		value_ = nullptr;
+		if (content[0] == '[')
+			section(content);
+		else
+			setting(content);
+	}
+
+private:
+	void problem(const std::string &what)
+	{
+		applications.problems.push_back("line " + std::to_string(number_) + ": " + what);
+	}
+
+	void section(std::string_view content)
+	{
+		size_t end = content.rfind(']');
+		in_unknown_section_ = end == std::string_view::npos;
+		if (in_unknown_section_) return problem("a section needs a closing bracket; its settings are passed over");
+		section_ = &applications.sections[std::string(trim(content.substr(1, end - 1)))];
+	}
+
+	void setting(std::string_view content)
+	{
+		size_t equals = content.find('=');
+		if (equals == std::string_view::npos) return problem("neither a section nor a setting");
+		std::string_view key = trim(content.substr(0, equals)), value = trim(content.substr(equals + 1));
+		if (in_unknown_section_) return;
+		if (!section_) return own_setting(key, value);
+		if (std::find(std::begin(known_settings), std::end(known_settings), key) == std::end(known_settings)) {
+			problem("agents know no setting \"" + std::string(key) + "\"");
+		}
+		value_ = &((*section_)[std::string(key)] = value);
+	}
+
+	// Before the first section: the daemon's own.
+	void own_setting(std::string_view key, std::string_view value)
+	{
+		if (key != "store_mb")
+			return problem("\"" + std::string(key) + "\" belongs into a section, [*] for all applications");
+		int64_t megabytes = 0;
+		auto [end, failure] = std::from_chars(value.data(), value.data() + value.size(), megabytes);
+		bool whole = failure == std::errc() && end == value.data() + value.size();
+		if (!whole || megabytes < 1 || megabytes > 1000000) return problem("store_mb is a number of megabytes");
+		applications.store_mb = megabytes;
+	}
+
+	int number_ = 0;
+	Settings *section_ = nullptr;
+	std::string *value_ = nullptr;
+	bool in_unknown_section_ = false;
+};
+
+} // namespace
+
+Applications parse_applications(std::string_view text)
+{
+	Parser parser;
+	for (int number = 1; !text.empty(); number++) {
+		std::string_view line = text.substr(0, text.find('\n'));
+		text.remove_prefix(std::min(text.size(), line.size() + 1));
+		parser.line(number, line);
+	}
+	return std::move(parser.applications);
+}
+
+Settings settings_of(const Applications &applications, std::string_view application)
+{
+	Settings settings;
+	for (std::string_view section : {std::string_view("*"), application}) {
+		auto found = applications.sections.find(section);
+		if (found == applications.sections.end()) continue;
+		for (const auto &[key, value] : found->second) settings[key] = value;
+	}
+	return settings;
+}
+
+uint64_t stamp_of(const Settings &settings)
+{
+	// FNV-1a over keys and values with their terminators, so that text cannot move between them unnoticed.
+	uint64_t hash = 14695981039346656037u;
+	auto mix = [&hash](const std::string &text) {
+		for (size_t i = 0; i <= text.size(); i++)
+			hash = (hash ^ static_cast<unsigned char>(text.c_str()[i])) * 1099511628211u;
+	};
+	for (const auto &[key, value] : settings) {
+		mix(key);
+		mix(value);
+	}
+	return hash ? hash : 1; // 0 is an agent without configuration
+}
+
+const Applications &ApplicationsFile::current()
+{
+	struct stat now = {};
+	bool exists = stat(path_.c_str(), &now) == 0;
+	// Only a plain file: opening a pipe that somebody put in its place would wait for ever.
+	if (!exists || !S_ISREG(now.st_mode)) {
+		if (!exists && errno == ENOENT) applications_ = {};
+		seen_ = {};
+		return applications_;
+	}
+	bool same = now.st_ino == seen_.st_ino && now.st_dev == seen_.st_dev && now.st_size == seen_.st_size &&
+		now.st_mtim.tv_sec == seen_.st_mtim.tv_sec && now.st_mtim.tv_nsec == seen_.st_mtim.tv_nsec &&
+		now.st_ctim.tv_sec == seen_.st_ctim.tv_sec && now.st_ctim.tv_nsec == seen_.st_ctim.tv_nsec;
+	if (same) return applications_;
+	seen_ = now;
+	reload();
+	return applications_;
+}
+
+void ApplicationsFile::reload()
+{
+	try {
+		applications_ = parse_applications(read_file(path_));
+	} catch (const std::runtime_error &failure) {
+		log_message(LogLevel::warning, std::string("settings stay as they were: ") + failure.what());
+		return;
+	}
+	log_message(LogLevel::info,
+		"settings of " + std::to_string(applications_.sections.size()) + " sections read from " + path_);
+	for (const std::string &problem : applications_.problems) log_message(LogLevel::warning, path_ + " " + problem);
+}
+
+} // namespace quorbit

@@ -1,0 +1,43 @@
+// applications.conf: the settings that an operator gives to applications, and the stamps under which agents know them.
+#pragma once
+
+#include "facts/wire.h"
+
+#include <sys/stat.h>
+
+namespace quorbit {
+
+struct Applications {
+	static constexpr int64_t default_store_mb = 512;
+	int64_t store_mb = default_store_mb;                   // size bound of the store
+	std::map<std::string, Settings, std::less<>> sections; // by application name; "*" is the default
+	std::vector<std::string> problems;                     // for the log: "line 3: ..."
+};
+
+// Reads the file's text. A line that cannot be understood becomes a problem and is passed over.
+Applications parse_applications(std::string_view text);
+
+// The settings of one application: the default section, overlaid by its own.
+Settings settings_of(const Applications &applications, std::string_view application);
+
+// The stamp of these settings: it changes with any of them and is never 0.
+uint64_t stamp_of(const Settings &settings);
+
+// The file, read again whenever it has changed.
+class ApplicationsFile {
+public:
+	explicit ApplicationsFile(std::string path) : path_(std::move(path)) {}
+
+	// The file's present content; logs what is wrong with it once per change. A missing file counts as empty; one that
+	// cannot be read leaves what was known before.
+	const Applications &current();
+
+private:
+	void reload();
+
+	std::string path_;
+	Applications applications_;
+	struct stat seen_ = {};
+};
+
+} // namespace quorbit

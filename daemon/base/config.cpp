@@ -1,0 +1,105 @@
+// Reading ".quorbit.cfg".
+#include "base/config.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <unistd.h>
+#include <utility>
+
+namespace quorbit {
+
+std::string DaemonConfig::folder() const
+{
+	return std::filesystem::path(pid_file).parent_path().string();
+}
+std::string DaemonConfig::lock_file() const
+{
+	return pid_file + ".lock";
+}
+std::string DaemonConfig::store_file() const
+{
+	return folder() + "/quorbit.db";
+}
+std::string DaemonConfig::applications_file() const
+{
+	return folder() + "/applications.conf";
+}
+
+DaemonConfig parse_daemon_config(std::string_view text)
+{
+	DaemonConfig config;
+	const std::pair<std::string_view, std::string *> keys[] = {
+		{"zqs.daemon_log_level", &config.log_level},
+		{"zqs.daemon_log_file_name", &config.log_file},
+		{"zqs.pid_file", &config.pid_file},
+		{"zqs.ipc_listen_file", &config.socket_file},
+	};
+	while (!text.empty()) {
+		std::string_view line = text.substr(0, text.find('\n'));
+		text.remove_prefix(std::min(text.size(), line.size() + 1));
+		if (line.ends_with('\r')) line.remove_suffix(1);
+		size_t equals = line.find('=');
+		if (equals == std::string_view::npos) continue;
+		for (const auto &[key, value] : keys) {
+			if (line.substr(0, equals) == key) *value = line.substr(equals + 1);
+		}
+	}
+	for (std::string *path : {&config.log_file, &config.pid_file, &config.socket_file}) {
+		if (!path->empty()) *path = std::filesystem::absolute(*path).string();
+	}
+	if (config.pid_file.empty()) throw std::runtime_error("the configuration names no zqs.pid_file");
+	if (config.socket_file.empty()) throw std::runtime_error("the configuration names no zqs.ipc_listen_file");
+	return config;
+}
+
+DaemonConfig read_daemon_config(const std::string &path)
+{
+	return parse_daemon_config(read_file(path));
+}
+
+DaemonConfig read_trusted_config(const std::string &path)
+{
+	return parse_daemon_config(read_file(path, true));
+}
+
+DaemonConfig default_daemon_config(const std::string &runtime_root)
+{
+	std::string folder = std::filesystem::absolute(runtime_root).string() + "/log/quorbit/";
+	DaemonConfig config;
+	config.log_file = folder + "daemon.log";
+	config.pid_file = folder + "quorbit.pid";
+	config.socket_file = folder + ".quorbit.sock";
+	return config;
+}
+
+std::string read_file(const std::string &path, bool of_root_or_us)
+{
+	constexpr size_t most = size_t{64} << 20;
+	// A pipe that another account has put there would wait for ever.
+	int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | (of_root_or_us ? O_NONBLOCK : 0));
+	std::unique_ptr<FILE, int (*)(FILE *)> file(descriptor == -1 ? nullptr : fdopen(descriptor, "r"), fclose);
+	struct stat status;
+	if (!file || fstat(descriptor, &status) != 0) throw std::runtime_error(path + ": " + strerror(errno));
+	if (of_root_or_us && !is_of_root_or_us(status)) throw std::runtime_error(path + ": belongs to another account");
+	std::string text;
+	char block[16384];
+	while (size_t count = fread(block, 1, sizeof block, file.get())) {
+		text.append(block, count);
+		if (text.size() > most) throw std::runtime_error(path + ": too large");
+	}
+	// A folder opens, but does not read.
+	if (ferror(file.get())) throw std::runtime_error(path + ": cannot be read");
+	return text;
+}
+
+bool is_of_root_or_us(const struct stat &status)
+{
+	return status.st_uid == 0 || status.st_uid == geteuid();
+}
+
+} // namespace quorbit

@@ -1,0 +1,94 @@
+// Appending to the daemon's log.
+#include "base/log.h"
+
+#include "base/config.h"
+#include "base/text.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
+
+namespace quorbit {
+
+namespace {
+
+std::string log_path;
+LogLevel log_level = LogLevel::off;
+
+constexpr const char *level_names[] = {"OFF", "CRITICAL", "ERROR", "WARNING", "INFO", "VERBOSE", "DEBUG"};
+
+// The target of a link that nobody but root or us can have made; "" otherwise.
+std::string trusted_target(const std::string &path)
+{
+	int link = open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+	if (link == -1) return {};
+	struct stat status;
+	char target[4096];
+	ssize_t length = -1;
+	if (fstat(link, &status) == 0 && is_of_root_or_us(status)) {
+		length = readlinkat(link, "", target, sizeof target);
+	}
+	close(link);
+	if (length <= 0) return {};
+	std::string to(target, static_cast<size_t>(length));
+	return to[0] == '/' ? to : path.substr(0, path.rfind('/') + 1) + to;
+}
+
+int open_log()
+{
+	constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+	int file = open(log_path.c_str(), flags, 0640);
+	if (file != -1 || errno != ELOOP) return file;
+	std::string target = trusted_target(log_path);
+	return target.empty() ? -1 : open(target.c_str(), flags, 0640);
+}
+
+} // namespace
+
+LogLevel log_level_by_name(std::string_view name)
+{
+	for (int i = 0; i < static_cast<int>(std::size(level_names)); i++) {
+		if (strcasecmp(std::string(name).c_str(), level_names[i]) == 0) return static_cast<LogLevel>(i);
+	}
+	return LogLevel::info;
+}
+
+void log_open(const std::string &path, LogLevel level)
+{
+	log_path = path;
+	log_level = level;
+}
+
+void log_message(LogLevel level, std::string_view message)
+{
+	if (level > log_level || level == LogLevel::off) return;
+	int64_t now_ms = wall_clock_ms();
+	char origin[64];
+	snprintf(origin, sizeof origin, ".%03d (pid:%d,uid:%d) %s: ", static_cast<int>(now_ms % 1000), getpid(), getuid(),
+		level_names[static_cast<int>(level)]);
+	std::string line = local_time(now_ms) + origin + printable(message) + "\n";
+	int file = open_log();
+	if (file == -1) return;
+	// A lost line is all that a full disk may cost here.
+	[[maybe_unused]] ssize_t written = write(file, line.data(), line.size());
+	close(file);
+}
+
+void LogLimit::message(LogLevel level, std::string_view text)
+{
+	long minute = time(nullptr) / 60;
+	if (minute != minute_) {
+		if (count_ > most_per_minute) {
+			log_message(
+				level, std::to_string(count_ - most_per_minute) + " more messages of this kind within a minute");
+		}
+		minute_ = minute;
+		count_ = 0;
+	}
+	if (++count_ <= most_per_minute) log_message(level, text);
+}
+
+} // namespace quorbit

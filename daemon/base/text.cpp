@@ -1,0 +1,277 @@
+// UTF-8, tables and times.
+#include "base/text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <ctime>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace quorbit {
+
+namespace {
+
+constexpr std::string_view ellipsis = "\u2026";
+
+struct CodePoint {
+	uint32_t value;
+	size_t length; // bytes; 0 when the byte begins no valid sequence
+};
+
+CodePoint decode(std::string_view text, size_t at)
+{
+	auto byte = [&](size_t i) { return static_cast<uint32_t>(static_cast<unsigned char>(text[i])); };
+	uint32_t first = byte(at);
+	if (first < 0x80) return {first, 1};
+	size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+	if (first < 0xC2 || first > 0xF4 || at + length > text.size()) return {0, 0};
+	uint32_t value = first & (0x7Fu >> length);
+	for (size_t i = 1; i < length; i++) {
+		if ((byte(at + i) & 0xC0) != 0x80) return {0, 0};
+		value = value << 6 | (byte(at + i) & 0x3F);
+	}
+	constexpr uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+	bool surrogate = value >= 0xD800 && value < 0xE000;
+	if (value < least[length] || value > 0x10FFFF || surrogate) return {0, 0};
+	return {value, length};
+}
+
+// Characters that move the cursor, change the terminal's state or the direction of what follows.
+bool is_harmful(uint32_t value)
+{
+	return value < 0x20 || (value >= 0x7F && value < 0xA0) || value == 0x200E || value == 0x200F ||
+		(value >= 0x2028 && value <= 0x202E) || (value >= 0x2066 && value <= 0x2069);
+}
+
+void append_escape(std::string &out, uint32_t value, bool code_point)
+{
+	char escape[16];
+	if (value == '\n')
+		snprintf(escape, sizeof escape, "\\n");
+	else if (value == '\t')
+		snprintf(escape, sizeof escape, "\\t");
+	else if (code_point && value > 0x7F)
+		snprintf(escape, sizeof escape, "\\u%04x", value);
+	else
+		snprintf(escape, sizeof escape, "\\x%02x", value);
+	out += escape;
+}
+
+bool continues(char byte)
+{
+	return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+// Bytes of the first `width` code points of valid UTF-8.
+size_t bytes_of(std::string_view text, size_t width)
+{
+	size_t at = 0;
+	while (at < text.size() && width > 0) {
+		at++;
+		while (at < text.size() && continues(text[at])) at++;
+		width--;
+	}
+	return at;
+}
+
+} // namespace
+
+std::string valid_utf8(std::string_view text)
+{
+	std::string out;
+	out.reserve(text.size());
+	for (size_t at = 0; at < text.size();) {
+		CodePoint point = decode(text, at);
+		out += point.length ? text.substr(at, point.length) : std::string_view("\uFFFD");
+		at += point.length ? point.length : 1;
+	}
+	return out;
+}
+
+std::string printable(std::string_view text)
+{
+	std::string out;
+	out.reserve(text.size());
+	for (size_t at = 0; at < text.size();) {
+		CodePoint point = decode(text, at);
+		if (!point.length)
+			append_escape(out, static_cast<unsigned char>(text[at]), false);
+		else if (is_harmful(point.value))
+			append_escape(out, point.value, true);
+		else
+			out += text.substr(at, point.length);
+		at += point.length ? point.length : 1;
+	}
+	return out;
+}
+
+size_t text_width(std::string_view text)
+{
+	return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char byte) { return !continues(byte); }));
+}
+
+std::string cut(std::string_view text, size_t width)
+{
+	if (text_width(text) <= width) return std::string(text);
+	if (width == 0) return {};
+	return std::string(text.substr(0, bytes_of(text, width - 1))).append(ellipsis);
+}
+
+std::string cut_middle(std::string_view text, size_t width)
+{
+	size_t whole = text_width(text);
+	if (whole <= width) return std::string(text);
+	if (width == 0) return {};
+	size_t tail = (width - 1) / 2, head = width - 1 - tail;
+	return std::string(text.substr(0, bytes_of(text, head)))
+		.append(ellipsis)
+		.append(text.substr(bytes_of(text, whole - tail)));
+}
+
+std::vector<std::string> wrap(std::string_view text, size_t width, size_t most)
+{
+	std::vector<std::string> lines;
+	text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+	while (text_width(text) > width) {
+		if (lines.size() + 1 == most) break;
+		size_t end = bytes_of(text, width);
+		size_t blank = text.substr(0, end + 1).rfind(' ');
+		// A blank in the first half would leave the line ragged; a long word is broken instead.
+		bool at_blank = blank != std::string_view::npos && blank > end / 2;
+		lines.emplace_back(text.substr(0, at_blank ? blank : end));
+		text.remove_prefix(at_blank ? blank + 1 : end);
+	}
+	lines.push_back(cut(text, width));
+	return lines;
+}
+
+size_t terminal_width()
+{
+	struct winsize size = {};
+	if (!isatty(STDOUT_FILENO) || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
+	return size.ws_col;
+}
+
+static std::vector<size_t> column_widths(
+	const std::vector<Column> &columns, const std::vector<std::vector<std::string>> &rows, size_t width)
+{
+	std::vector<size_t> widths;
+	size_t taken = columns.empty() ? 0 : 2 * (columns.size() - 1), shrinking = 0;
+	for (size_t i = 0; i < columns.size(); i++) {
+		size_t widest = text_width(columns[i].title);
+		for (const auto &row : rows) widest = std::max(widest, text_width(row[i]));
+		widths.push_back(widest);
+		if (columns[i].shrinks)
+			shrinking++;
+		else
+			taken += widest;
+	}
+	// The narrowest first: what one does not need is left to wider ones.
+	std::vector<size_t> order(columns.size());
+	for (size_t i = 0; i < order.size(); i++) order[i] = i;
+	std::stable_sort(order.begin(), order.end(), [&widths](size_t a, size_t b) { return widths[a] < widths[b]; });
+	size_t left = width - std::min(width, taken);
+	for (size_t i : order) {
+		if (!columns[i].shrinks) continue;
+		widths[i] = std::min(widths[i], std::max(left / shrinking--, size_t{4}));
+		left -= std::min(left, widths[i]);
+	}
+	return widths;
+}
+
+std::vector<std::string> table_lines(
+	const std::vector<Column> &columns, const std::vector<std::vector<std::string>> &rows, size_t width)
+{
+	auto widths = column_widths(columns, rows, width);
+	std::vector<std::string> lines;
+	auto line = [&](auto cell_of) {
+		std::string text;
+		size_t pending = 0; // blanks owed before the next cell, so that no line ends in blanks
+		for (size_t i = 0; i < columns.size(); i++) {
+			std::string cell = cut_middle(cell_of(i), widths[i]);
+			size_t fill = widths[i] - text_width(cell);
+			size_t before = pending + (columns[i].right ? fill : 0);
+			if (!cell.empty()) text.append(before, ' ').append(cell);
+			pending = cell.empty() ? pending + widths[i] + 2 : (columns[i].right ? 2 : fill + 2);
+		}
+		lines.push_back(std::move(text));
+	};
+	line([&](size_t i) { return columns[i].title; });
+	for (const auto &row : rows) line([&](size_t i) { return row[i]; });
+	return lines;
+}
+
+std::string table(const std::vector<Column> &columns, const std::vector<std::vector<std::string>> &rows, size_t width)
+{
+	std::string out;
+	for (const std::string &line : table_lines(columns, rows, width)) out += line + "\n";
+	return out;
+}
+
+std::string percent(int64_t part, int64_t whole)
+{
+	if (whole <= 0) return "-";
+	return std::to_string((part * 100 + whole / 2) / whole) + "%";
+}
+
+std::string duration_text(int64_t ms)
+{
+	if (ms < 10000) return std::to_string(ms) + " ms";
+	if (ms >= 1000000) return std::to_string((ms + 500) / 1000) + " s";
+	int64_t tenths = (ms + 50) / 100;
+	return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
+}
+
+static std::string format_time(const char *format, const struct tm &fields)
+{
+	char text[40];
+	return {text, strftime(text, sizeof text, format, &fields)};
+}
+
+std::string local_time(int64_t wall_ms)
+{
+	time_t seconds = wall_ms / 1000;
+	struct tm fields;
+	return format_time("%Y-%m-%d %H:%M:%S", *localtime_r(&seconds, &fields));
+}
+
+std::string utc_time(int64_t wall_ms)
+{
+	time_t seconds = wall_ms / 1000;
+	struct tm fields;
+	char fraction[8];
+	snprintf(fraction, sizeof fraction, ".%03dZ", static_cast<int>(wall_ms % 1000));
+	return format_time("%Y-%m-%dT%H:%M:%S", *gmtime_r(&seconds, &fields)) + fraction;
+}
+
+std::string ago(int64_t wall_ms, int64_t now_wall_ms)
+{
+	int64_t seconds = std::max<int64_t>(0, now_wall_ms - wall_ms) / 1000;
+	if (seconds < 120) return std::to_string(seconds) + " s ago";
+	if (seconds < 7200) return std::to_string(seconds / 60) + " min ago";
+	if (seconds < 172800) return std::to_string(seconds / 3600) + " h ago";
+	return std::to_string(seconds / 86400) + " d ago";
+}
+
+int64_t wall_clock_ms()
+{
+	struct timespec now;
+	clock_gettime(CLOCK_REALTIME, &now);
+	return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+std::optional<int64_t> parse_seconds(std::string_view text)
+{
+	int64_t number = 0;
+	auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
+	if (failure != std::errc() || number <= 0 || number > 1000000000) return std::nullopt;
+	std::string_view unit(end, text.data() + text.size());
+	if (unit.empty() || unit == "s") return number;
+	if (unit == "m") return number * 60;
+	if (unit == "h") return number * 3600;
+	if (unit == "d") return number * 86400;
+	return std::nullopt;
+}
+
+} // namespace quorbit

@@ -1,0 +1,120 @@
+// What the command line prints. Every function returns whole text, harmless for a terminal, or JSON that is valid
+// UTF-8.
+#pragma once
+
+#include "base/config.h"
+#include "base/json_text.h"
+#include "print/page.h"
+#include "store/store_reader.h"
+#include "facts/trace.h"
+
+#include <map>
+#include <set>
+
+namespace quorbit {
+
+// --- lists (report_list.cpp)
+
+// A table, one line per action, in `width` columns: long names are cut in the middle. The date is left out when all are
+// of today.
+std::string action_table(const std::vector<ActionRow> &rows, size_t width, int64_t now_wall_ms);
+// Lines of fixed columns, so that later ones fit below earlier ones: the names share what is left of `width`. An action
+// that is not of today has its date in place of the time.
+std::string tail_header(size_t width);
+std::string tail_line(const ActionRow &row, size_t width, int64_t now_wall_ms);
+// The same row for programs: one object.
+Json action_summary(const ActionRow &row);
+
+// --- one action (report_action.cpp, report_sql.cpp, report_json.cpp)
+
+// How another stored action belongs to the one that is shown.
+enum class Relation { caller, callee, same_transaction };
+
+struct RelatedAction {
+	Relation relation;
+	const StoredAction *action;
+};
+
+// The tracer ids of the applications that an action's trace says it called.
+std::vector<std::string> called_tracer_ids(const Action &action);
+// Sorts out who called whom.
+std::vector<RelatedAction> relate(const StoredAction &shown, const std::vector<StoredAction> &others);
+
+// The action in `width` columns: what is repeated is told once with its count, long texts and tables are cut. `full`:
+// nothing is.
+std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full);
+// Everything of it as one object, for programs.
+Json action_json(const StoredAction &shown, const std::vector<RelatedAction> &related);
+
+// Statements of one action that differ in their values only.
+struct StatementGroup {
+	std::string kind; // the statement without its values
+	int64_t count = 0, total_ms = 0;
+	SqlStatement slowest;
+	std::string stack, plan;      // of the slowest that has one
+	std::set<std::string> places; // "file:line" of each that ran it, as far as known
+
+	// Where the slowest with a stack was run; "" when no stack came.
+	std::string place() const;
+};
+// Groups, those with most time first.
+std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &statements);
+// The section on SQL.
+void print_statements(const std::vector<SqlStatement> &statements, Page &page);
+
+// JSON text; invalid UTF-8 becomes U+FFFD. In one line, or indented for `pretty`.
+std::string json_text(const Json &value, bool pretty);
+
+// --- sums (report_top.cpp)
+
+struct ActionSum {
+	std::string application, name;
+	int64_t errors = 0;
+	int64_t total_ms = 0, database_ms = 0, cache_ms = 0, external_ms = 0, code_ms = 0;
+	std::vector<int64_t> durations_ms;
+};
+
+// Adds actions by application and name.
+class ActionSums {
+public:
+	void add(const ActionRow &row);
+	// Those with most time together first.
+	std::vector<ActionSum> sorted() const;
+
+private:
+	std::map<std::pair<std::string, std::string>, ActionSum> sums_;
+};
+
+// The smallest value that at least `percentile` per cent of the values do not exceed; 0 of no values.
+int64_t percentile(std::vector<int64_t> values, int percentile);
+// A table in `width` columns, one line per sum, in their order.
+std::string top_text(const std::vector<ActionSum> &sums, size_t width);
+
+// --- state (report_status.cpp)
+
+// Per application its last query and packet, its PHP and the settings given; "" when there is none.
+std::string status_text(const std::vector<ApplicationRow> &applications, int64_t now_wall_ms);
+// What to look at when nothing has been received, judged from the files as they are.
+std::string nothing_received_text(const DaemonConfig &config);
+
+// --- thread profile (report_profile.cpp)
+
+// Prints events as they are added, thread by thread.
+class ProfilePrinter {
+public:
+	// The lines for the next event: enter lines indented by depth, leave lines with the time taken.
+	std::string add(const ProfileEvent &event);
+	int64_t events() const { return events_; }
+
+private:
+	struct Entered {
+		std::string kind, name;
+		int64_t at_ms;
+	};
+	int64_t events_ = 0;
+	int64_t thread_ = 0;
+	int64_t begin_ms_ = 0;
+	std::vector<Entered> open_;
+};
+
+} // namespace quorbit

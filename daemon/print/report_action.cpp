@@ -1,0 +1,241 @@
+// One action whole, for people.
+#include "print/report.h"
+
+#include <algorithm>
+#include <unistd.h>
+
+namespace quorbit {
+
+namespace {
+
+constexpr size_t most_rows = 10; // of a table
+constexpr size_t message_lines = 20;
+
+// "database 40 ms (33%), code 80 ms (67%)": the parts that took time.
+std::string parts_text(const Action &action)
+{
+	const std::pair<const char *, int64_t> parts[] = {{"database", action.database_ms}, {"caches", action.cache_ms},
+		{"outgoing calls", action.external_ms}, {"code", action.code_ms()}};
+	std::string text;
+	for (const auto &[name, ms] : parts) {
+		if (ms)
+			text += (text.empty() ? "" : ", ") + std::string(name) + " " + duration_text(ms) + " (" +
+				percent(ms, action.duration_ms) + ")";
+	}
+	return text;
+}
+
+void print_head(const StoredAction &shown, Page &page)
+{
+	const auto &[row, action] = shown;
+	page.out +=
+		"Action " + std::to_string(row.id) + "  " + (row.name.empty() ? "(no name)" : printable(action.name)) + "\n";
+	page.entry("application", action.application);
+	std::string status = row.status ? ", status " + std::to_string(row.status) : std::string();
+	page.entry("time", local_time(row.received_ms) + ", process " + std::to_string(row.process) + status);
+	if (action.uri) page.entry("URI", *action.uri);
+	page.entry("duration",
+		duration_text(action.duration_ms) + ", CPU " + duration_text(action.cpu_ticks * 1000 / sysconf(_SC_CLK_TCK)));
+	if (auto parts = parts_text(action); !parts.empty()) page.entry("spent in", parts);
+	if (action.block_ms) page.entry("queued before", duration_text(action.block_ms));
+	std::string trace = action.tracer_id.empty() ? std::string() : "trace " + action.tracer_id;
+	if (!action.transaction_id.empty())
+		page.entry("transaction", action.transaction_id + (trace.empty() ? "" : ", ") + trace);
+	else if (!trace.empty())
+		page.entry("trace id", action.tracer_id);
+}
+
+// A message as its author broke it into lines: those of uncaught exceptions hold the stack.
+void print_message(std::string_view text, Page &page)
+{
+	std::string_view title = "message";
+	size_t shown = 0;
+	while (!text.empty() && shown++ < page.most(message_lines)) {
+		std::string_view line = text.substr(0, text.find('\n'));
+		page.entry(std::exchange(title, ""), line);
+		text.remove_prefix(std::min(text.size(), line.size() + 1));
+	}
+}
+
+void print_error(const Action &action, Page &page)
+{
+	if (action.error) {
+		page.section("Error");
+		page.entry("class", action.error->cls);
+		print_message(action.error->message, page);
+		page.stack(action.error->stack);
+	}
+	for (const ServiceError &error : action.service_errors) {
+		page.section("Failed outgoing call");
+		page.entry("name", error.name);
+		page.entry("code", std::to_string(error.code));
+		print_message(error.message, page);
+		if (!error.query.empty()) page.entry("query", error.query);
+		page.stack(error.stack);
+	}
+}
+
+void print_caches(const Action &action, Page &page)
+{
+	if (action.caches.empty()) return;
+	page.section("Caches");
+	std::vector<std::vector<std::string>> cells;
+	for (const CacheCall &call : action.caches) {
+		cells.push_back({duration_text(call.duration_ms), printable(call.product), printable(call.collection),
+			printable(call.operation)});
+	}
+	page.rows({{"TIME", true}, {"PRODUCT"}, {"COLLECTION", false, true}, {"OPERATION", false, true}}, cells,
+		page.most(most_rows));
+}
+
+// Calls of one name that the same action answered.
+struct CallGroup {
+	std::string name, callee_action;
+	int64_t count = 0, total_ms = 0, slowest_ms = 0;
+};
+
+std::vector<CallGroup> group_calls(const std::vector<ServiceCall> &calls)
+{
+	std::vector<CallGroup> groups;
+	std::map<std::pair<std::string, std::string>, size_t> places;
+	for (const ServiceCall &call : calls) {
+		auto [place, is_new] = places.try_emplace({call.name, call.callee_action}, groups.size());
+		if (is_new) groups.push_back({call.name, call.callee_action});
+		CallGroup &group = groups[place->second];
+		group.count++;
+		group.total_ms += call.duration_ms;
+		group.slowest_ms = std::max(group.slowest_ms, call.duration_ms);
+	}
+	std::stable_sort(
+		groups.begin(), groups.end(), [](const auto &a, const auto &b) { return a.total_ms > b.total_ms; });
+	return groups;
+}
+
+void print_calls(const Action &action, Page &page)
+{
+	if (action.services.empty()) return;
+	page.section("Outgoing calls");
+	auto groups = group_calls(action.services);
+	size_t shown = std::min(groups.size(), page.most(most_rows));
+	for (size_t i = 0; i < shown; i++) {
+		const CallGroup &group = groups[i];
+		page.entry(duration_text(group.total_ms), group.name);
+		if (group.count > 1)
+			page.entry("", std::to_string(group.count) + " times, slowest " + duration_text(group.slowest_ms));
+		if (!group.callee_action.empty()) page.entry("", "answered by " + group.callee_action);
+	}
+	page.left_out(groups.size() - shown);
+}
+
+void print_components(const Action &action, Page &page)
+{
+	auto components = action.components;
+	auto is_small = [&action](const Component &component) { return component.duration_ms * 100 <= action.duration_ms; };
+	if (!page.full()) std::erase_if(components, is_small);
+	if (components.empty()) return;
+	page.section("Components");
+	std::stable_sort(
+		components.begin(), components.end(), [](const auto &a, const auto &b) { return a.own_ms > b.own_ms; });
+	std::vector<std::vector<std::string>> cells;
+	for (const Component &component : components) {
+		cells.push_back(
+			{duration_text(component.duration_ms), duration_text(component.own_ms), printable(component.name)});
+	}
+	page.rows({{"TIME", true}, {"OWN", true}, {"COMPONENT", false, true}}, cells, page.most(most_rows));
+}
+
+void print_trace(const Action &action, const std::string &title, Page &page)
+{
+	if (action.trace.empty()) return;
+	page.section(title + " (ms: from the begin, taken)");
+	auto nodes = read_trace(action.trace);
+	if (nodes)
+		page.out += trace_text(*nodes, page.width(), page.full());
+	else
+		page.entry("unreadable", action.trace);
+}
+
+void print_related(const std::vector<RelatedAction> &related, Page &page)
+{
+	if (related.empty()) return;
+	page.section("Transaction");
+	constexpr const char *words[] = {"called by", "called", "same"};
+	for (const auto &[relation, other] : related) {
+		std::string text =
+			"action " + std::to_string(other->row.id) + ", " + other->action.application + ", " + other->action.name;
+		page.entry(words[static_cast<int>(relation)], text + ", " + duration_text(other->action.duration_ms));
+		if (relation == Relation::same_transaction) continue;
+		if (auto parts = parts_text(other->action); !parts.empty()) page.entry("", parts);
+	}
+	// The other half itself, as far as there is one.
+	for (const auto &[relation, other] : related) {
+		if (relation == Relation::same_transaction) continue;
+		const std::string half = relation == Relation::caller ? "Caller" : "Callee";
+		print_trace(other->action, half + ": trace of action " + std::to_string(other->row.id), page);
+	}
+}
+
+void print_rest(const Action &action, Page &page)
+{
+	auto details = action.details;
+	// The page's head has these two.
+	auto is_told = [](const NameValue &detail) { return detail.name == "httpStatus" || detail.name == "threadName"; };
+	if (!page.full()) std::erase_if(details, is_told);
+	if (!details.empty()) page.section("Request");
+	for (const NameValue &detail : details) page.entry(detail.name, detail.value);
+	if (!action.parameters.empty()) page.section("Parameters");
+	for (const NameValue &parameter : action.parameters) page.entry(parameter.name, parameter.value);
+	if (!action.unknown.empty()) page.section("Records unknown to this version");
+	for (const UnknownRecord &record : action.unknown) {
+		std::string size = std::to_string(record.body.size()) + " bytes: ";
+		page.entry("type " + std::to_string(record.type), size + record.body.substr(0, 400));
+	}
+}
+
+} // namespace
+
+std::vector<std::string> called_tracer_ids(const Action &action)
+{
+	std::vector<std::string> ids;
+	auto nodes = action.trace.empty() ? std::nullopt : read_trace(action.trace);
+	if (!nodes) return ids;
+	for (const TraceNode &node : *nodes) {
+		if (node.callee && !node.callee->tracer_id.empty()) ids.push_back(node.callee->tracer_id);
+	}
+	return ids;
+}
+
+std::vector<RelatedAction> relate(const StoredAction &shown, const std::vector<StoredAction> &others)
+{
+	auto calls = [](const Action &action, const std::string &tracer_id) {
+		auto ids = called_tracer_ids(action);
+		return !tracer_id.empty() && std::find(ids.begin(), ids.end(), tracer_id) != ids.end();
+	};
+	std::vector<RelatedAction> related;
+	for (const StoredAction &other : others) {
+		Relation relation = Relation::same_transaction;
+		if (calls(shown.action, other.action.tracer_id))
+			relation = Relation::callee;
+		else if (calls(other.action, shown.action.tracer_id))
+			relation = Relation::caller;
+		related.push_back({relation, &other});
+	}
+	return related;
+}
+
+std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full)
+{
+	Page page(width, full);
+	print_head(shown, page);
+	print_error(shown.action, page);
+	print_statements(shown.action.statements, page);
+	print_caches(shown.action, page);
+	print_calls(shown.action, page);
+	print_components(shown.action, page);
+	print_trace(shown.action, "Trace", page);
+	print_related(related, page);
+	print_rest(shown.action, page);
+	return std::move(page.out);
+}
+
+} // namespace quorbit

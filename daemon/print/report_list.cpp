@@ -1,0 +1,124 @@
+// Lists of actions, and their summaries for programs.
+#include "print/report.h"
+
+#include "base/text.h"
+
+#include <algorithm>
+
+namespace quorbit {
+
+namespace {
+
+struct ListColumn {
+	const char *title;
+	bool right;
+	size_t tail_width; // 0: shares what the others leave
+};
+constexpr ListColumn list_columns[] = {
+	{"ID", true, 7},
+	{"TIME", false, 8},
+	{"APPLICATION", false, 0},
+	{"ACTION", false, 0},
+	{"TOOK", true, 7},
+	{"DB", true, 4},
+	{"CACHE", true, 5},
+	{"EXT", true, 4},
+	{"CODE", true, 4},
+	{"STATUS", false, 9},
+};
+constexpr size_t application_column = 2, action_column = 3;
+
+// The year says nothing in a list of the newest.
+std::string day_of(int64_t wall_ms)
+{
+	return local_time(wall_ms).substr(5, 5);
+}
+std::string time_of_day(int64_t wall_ms)
+{
+	return local_time(wall_ms).substr(11);
+}
+bool same_day(int64_t a_ms, int64_t b_ms)
+{
+	return local_time(a_ms).substr(0, 10) == local_time(b_ms).substr(0, 10);
+}
+
+std::vector<std::string> cells_of(const ActionRow &row, const std::string &time)
+{
+	auto share = [&row](int64_t ms) { return percent(ms, row.duration_ms); };
+	return {std::to_string(row.id), time, printable(row.application),
+		row.name.empty() ? "(no name)" : printable(row.name), duration_text(row.duration_ms), share(row.database_ms),
+		share(row.cache_ms), share(row.external_ms), share(row.code_ms),
+		(row.status ? std::to_string(row.status) : "-") + (row.error ? " ERROR" : "")};
+}
+
+std::string fixed_line(const std::vector<std::string> &cells, size_t width)
+{
+	size_t left = width;
+	for (const ListColumn &column : list_columns)
+		left -= std::min(left, column.tail_width + (&column == list_columns ? 0 : 2));
+	std::string line;
+	for (size_t i = 0; i < cells.size(); i++) {
+		size_t columns = list_columns[i].tail_width;
+		if (columns == 0) columns = i == application_column ? left / 3 : left - left / 3;
+		// Only names are cut: half a number is another one.
+		std::string cell = list_columns[i].tail_width ? cells[i] : cut_middle(cells[i], columns);
+		std::string fill(columns - std::min(columns, text_width(cell)), ' ');
+		line += (i ? "  " : "") + (list_columns[i].right ? fill + cell : cell + fill);
+	}
+	return line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+}
+
+} // namespace
+
+std::string action_table(const std::vector<ActionRow> &rows, size_t width, int64_t now_wall_ms)
+{
+	std::vector<Column> columns;
+	for (const ListColumn &column : list_columns) columns.push_back({column.title, column.right});
+	columns[application_column].shrinks = columns[action_column].shrinks = true;
+	auto is_old = [now_wall_ms](const ActionRow &row) { return !same_day(row.received_ms, now_wall_ms); };
+	bool with_day = std::any_of(rows.begin(), rows.end(), is_old);
+	std::vector<std::vector<std::string>> cells;
+	for (const ActionRow &row : rows) {
+		cells.push_back(cells_of(row, (with_day ? day_of(row.received_ms) + " " : "") + time_of_day(row.received_ms)));
+	}
+	return table(columns, cells, width);
+}
+
+std::string tail_header(size_t width)
+{
+	std::vector<std::string> titles;
+	for (const ListColumn &column : list_columns) titles.emplace_back(column.title);
+	return fixed_line(titles, width);
+}
+
+std::string tail_line(const ActionRow &row, size_t width, int64_t now_wall_ms)
+{
+	bool today = same_day(row.received_ms, now_wall_ms);
+	return fixed_line(cells_of(row, today ? time_of_day(row.received_ms) : day_of(row.received_ms)), width);
+}
+
+Json action_summary(const ActionRow &row)
+{
+	Json summary = {
+		{"id", row.id},
+		{"time", utc_time(row.received_ms)},
+		{"application", row.application},
+		{"action", row.name},
+		{"duration_ms", row.duration_ms},
+		{"database_ms", row.database_ms},
+		{"cache_ms", row.cache_ms},
+		{"external_ms", row.external_ms},
+		{"code_ms", row.code_ms},
+		{"status", row.status ? Json(row.status) : Json()},
+		{"has_error", row.error},
+		{"process", row.process},
+	};
+	return summary;
+}
+
+std::string json_text(const Json &value, bool pretty)
+{
+	return value.dump(pretty ? 2 : -1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+} // namespace quorbit

@@ -1,0 +1,98 @@
+// The statements of an action, for people.
+#include "print/report.h"
+
+#include "facts/plan.h"
+#include "facts/sql_text.h"
+
+#include <algorithm>
+
+namespace quorbit {
+
+namespace {
+
+constexpr size_t most_groups = 10;
+constexpr size_t plan_rows = 12;
+
+// "/shop.php:12" of a stack whose innermost frame is "PDO.query(/shop.php:12)"
+std::string place_of(const std::string &stack)
+{
+	auto frames = stack.empty() ? std::vector<std::string>() : read_stack(stack);
+	size_t open = frames.empty() ? std::string::npos : frames[0].find('(');
+	return open == std::string::npos ? std::string() : frames[0].substr(open + 1, frames[0].size() - open - 2);
+}
+
+void print_plan(const std::string &json, Page &page)
+{
+	auto plan = json.empty() ? std::nullopt : parse_agent_json(json);
+	if (!plan) return;
+	if (std::string finding = plan_finding(*plan); !finding.empty()) page.entry("finding", finding);
+	page.lines("plan", plan_lines(*plan, page.most(page.text_columns()), page.most(plan_rows)));
+}
+
+void print_group(const StatementGroup &group, Page &page)
+{
+	const SqlStatement &slowest = group.slowest;
+	std::string times = duration_text(group.total_ms);
+	if (group.count > 1)
+		times = std::to_string(group.count) + " times, " + times + " together, slowest " +
+			duration_text(slowest.duration_ms);
+	page.entry(slowest.vendor.empty() ? "statement" : slowest.vendor, times);
+	page.entry("", group.count > 1 ? group.kind : slowest.statement);
+	if (std::string place = group.place(); !place.empty()) {
+		size_t others = group.places.size() - 1;
+		page.entry("run at",
+			place + (others ? " and " + std::to_string(others) + (others == 1 ? " other line" : " other lines") : ""));
+	}
+	if (group.count > 1 && slowest.statement != group.kind) page.entry("slowest", slowest.statement);
+	page.stack(group.stack);
+	print_plan(group.plan, page);
+}
+
+// Each statement as a group of its own, in the order in which they ran.
+std::vector<StatementGroup> ungrouped(const std::vector<SqlStatement> &statements)
+{
+	std::vector<StatementGroup> groups;
+	for (const SqlStatement &sql : statements) groups.push_back(group_statements({sql})[0]);
+	return groups;
+}
+
+} // namespace
+
+std::string StatementGroup::place() const
+{
+	return place_of(stack);
+}
+
+std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &statements)
+{
+	std::map<std::pair<std::string, std::string>, size_t> indexes;
+	std::vector<StatementGroup> groups;
+	for (const SqlStatement &sql : statements) {
+		std::string kind = normalise_sql(sql.statement, sql.vendor);
+		auto [index, is_new] = indexes.try_emplace({sql.vendor, kind}, groups.size());
+		if (is_new) groups.push_back({kind, 0, 0, sql, {}, {}, {}});
+		StatementGroup &group = groups[index->second];
+		bool slowest = is_new || sql.duration_ms > group.slowest.duration_ms;
+		if (slowest) group.slowest = sql;
+		group.count++;
+		group.total_ms += sql.duration_ms;
+		if (!sql.stack.empty() && (slowest || group.stack.empty())) group.stack = sql.stack;
+		if (!sql.plan.empty() && (slowest || group.plan.empty())) group.plan = sql.plan;
+		if (std::string place = place_of(sql.stack); !place.empty()) group.places.insert(place);
+	}
+	std::stable_sort(
+		groups.begin(), groups.end(), [](const auto &a, const auto &b) { return a.total_ms > b.total_ms; });
+	return groups;
+}
+
+void print_statements(const std::vector<SqlStatement> &statements, Page &page)
+{
+	if (statements.empty()) return;
+	page.section("SQL");
+	auto groups = page.full() ? ungrouped(statements) : group_statements(statements);
+	size_t shown = std::min(groups.size(), page.most(most_groups));
+	for (size_t i = 0; i < shown; i++) print_group(groups[i], page);
+	page.left_out(groups.size() - shown);
+}
+
+} // namespace quorbit

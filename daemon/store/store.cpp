@@ -1,0 +1,236 @@
+// Layout of the store and the writing half.
+#include "store/store.h"
+
+#include "base/config.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace quorbit {
+
+namespace {
+
+constexpr const char *layout = R"sql(
+CREATE TABLE action (
+  id INTEGER PRIMARY KEY,
+  received_ms INTEGER NOT NULL,
+  process INTEGER NOT NULL,
+  application TEXT NOT NULL,
+  name TEXT NOT NULL,
+  duration_ms INTEGER NOT NULL,
+  database_ms INTEGER NOT NULL,
+  cache_ms INTEGER NOT NULL,
+  external_ms INTEGER NOT NULL,
+  code_ms INTEGER NOT NULL,
+  status INTEGER NOT NULL,
+  error INTEGER NOT NULL,
+  transaction_id TEXT,
+  tracer_id TEXT,
+  packet BLOB NOT NULL);
+CREATE INDEX action_received ON action (received_ms);
+CREATE INDEX action_transaction ON action (transaction_id) WHERE transaction_id IS NOT NULL;
+CREATE INDEX action_tracer ON action (tracer_id) WHERE tracer_id IS NOT NULL;
+CREATE TABLE profile_event (
+  id INTEGER PRIMARY KEY,
+  received_ms INTEGER NOT NULL,
+  application TEXT NOT NULL,
+  thread INTEGER NOT NULL,
+  packet BLOB NOT NULL);
+CREATE INDEX profile_event_received ON profile_event (received_ms);
+CREATE TABLE profile_order (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  application TEXT NOT NULL,
+  seconds INTEGER NOT NULL,
+  ordered_ms INTEGER NOT NULL,
+  started_ms INTEGER,
+  process INTEGER);
+CREATE TABLE application (
+  name TEXT PRIMARY KEY,
+  query_ms INTEGER,
+  query_process INTEGER,
+  sapi TEXT,
+  php_version TEXT,
+  given TEXT,
+  packet_ms INTEGER,
+  packet_process INTEGER,
+  packets INTEGER NOT NULL DEFAULT 0,
+  seen_ms INTEGER NOT NULL) WITHOUT ROWID;
+)sql";
+
+constexpr const char *insert_action_sql = R"sql(
+INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, error,
+  transaction_id, tracer_id, packet) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
+
+constexpr const char *insert_event_sql =
+	"INSERT INTO profile_event (received_ms, application, thread, packet) VALUES (?,?,?,?)";
+
+constexpr const char *packet_seen_sql = R"sql(
+INSERT INTO application (name, packet_ms, packet_process, packets, seen_ms) VALUES (?1, ?2, ?3, 1, ?2)
+  ON CONFLICT (name) DO UPDATE SET packet_ms = ?2, packet_process = ?3, packets = packets + 1, seen_ms = ?2)sql";
+
+constexpr const char *query_seen_sql = R"sql(
+INSERT INTO application (name, query_ms, query_process, sapi, php_version, given, seen_ms) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?2)
+  ON CONFLICT (name) DO UPDATE SET query_ms = ?2, query_process = ?3, sapi = ?4, php_version = ?5, given = ?6, seen_ms = ?2)sql";
+
+// An application's name can come from a request's Host header: their number must not grow without end.
+constexpr const char *keep_applications_sql = R"sql(
+DELETE FROM application WHERE name IN (SELECT name FROM application ORDER BY seen_ms DESC LIMIT -1 OFFSET 1024))sql";
+
+constexpr const char *used_pages_sql =
+	"SELECT (SELECT page_count FROM pragma_page_count) - (SELECT freelist_count FROM pragma_freelist_count)";
+
+// The columns are for finding and listing; the packet has the whole texts.
+std::string_view column_text(std::string_view text)
+{
+	return text.substr(0, 1024);
+}
+
+} // namespace
+
+// Makes a missing file: what applications send is not for other accounts. A file or link that another account has put
+// there is refused. SQLite has no file open here, whose locks closing another descriptor of it would drop.
+static const std::string &private_file(const std::string &path)
+{
+	int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+	if (file == -1) throw SqliteError(path + ": " + strerror(errno));
+	struct stat status;
+	bool ours = fstat(file, &status) == 0 && S_ISREG(status.st_mode) && is_of_root_or_us(status);
+	close(file);
+	if (!ours) throw SqliteError(path + ": belongs to another account, or is no file");
+	return path;
+}
+
+Store::Opened::Opened(const std::string &path) : Database(private_file(path), Mode::create)
+{
+	execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL");
+	execute("PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
+	int64_t version = integer("PRAGMA user_version");
+	if (version == 0) {
+		execute("BEGIN IMMEDIATE");
+		execute(layout);
+		execute(("PRAGMA user_version = " + std::to_string(store_layout_version)).c_str());
+		execute("COMMIT");
+	} else if (version != store_layout_version) {
+		throw SqliteError(path + ": made by another version of the daemon; move it away");
+	}
+}
+
+Store::Store(const std::string &path)
+	: database_(path),
+	  insert_action_(database_, insert_action_sql),
+	  insert_event_(database_, insert_event_sql),
+	  packet_seen_(database_, packet_seen_sql),
+	  query_seen_(database_, query_seen_sql),
+	  keep_applications_(database_, keep_applications_sql),
+	  used_pages_(database_, used_pages_sql),
+	  page_size_(database_.integer("PRAGMA page_size"))
+{
+}
+
+void Store::add(const StoredPacket &packet)
+{
+	if (packet.type == record_thread_profile)
+		add_profile_event(packet);
+	else
+		add_action(packet);
+}
+
+void Store::add_action(const StoredPacket &packet)
+{
+	auto action = read_action(packet.body);
+	if (!action) return;
+	std::string_view application = column_text(action->application);
+	insert_action_.bind(1, packet.received_ms)
+		.bind(2, packet.process)
+		.bind(3, application)
+		.bind(4, column_text(action->name));
+	insert_action_.bind(5, action->duration_ms)
+		.bind(6, action->database_ms)
+		.bind(7, action->cache_ms)
+		.bind(8, action->external_ms);
+	insert_action_.bind(9, action->code_ms()).bind(10, action->status());
+	insert_action_.bind(11, int64_t{action->error.has_value()});
+	if (!action->transaction_id.empty()) insert_action_.bind(12, column_text(action->transaction_id));
+	if (!action->tracer_id.empty()) insert_action_.bind(13, column_text(action->tracer_id));
+	insert_action_.bind_blob(14, packet.body).run();
+	packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
+}
+
+void Store::add_profile_event(const StoredPacket &packet)
+{
+	auto event = read_profile_event(packet.body);
+	if (!event) return;
+	insert_event_.bind(1, packet.received_ms).bind(2, column_text(event->application)).bind(3, event->thread);
+	insert_event_.bind_blob(4, packet.body).run();
+}
+
+void Store::add(const StoredQuery &query)
+{
+	query_seen_.bind(1, column_text(query.application)).bind(2, query.received_ms).bind(3, query.process);
+	query_seen_.bind(4, column_text(query.sapi)).bind(5, column_text(query.php_version)).bind(6, query.given).run();
+}
+
+void Store::prune(int64_t most_bytes)
+{
+	keep_applications_.run();
+	for (int64_t excess; (excess = used_bytes() - most_bytes) > 0;) {
+		int64_t action_ms = database_.integer("SELECT received_ms FROM action ORDER BY id LIMIT 1");
+		int64_t event_ms = database_.integer("SELECT received_ms FROM profile_event ORDER BY id LIMIT 1");
+		if (action_ms == 0 && event_ms == 0) break;
+		bool event = action_ms == 0 || (event_ms != 0 && event_ms < action_ms);
+		remove_oldest(event ? "profile_event" : "action", excess);
+	}
+	// Pages that were freed are used again; only many of them are worth moving others for.
+	int64_t free_bytes = database_.integer("PRAGMA freelist_count") * page_size_;
+	if (free_bytes > most_bytes / 4) database_.execute("PRAGMA incremental_vacuum");
+}
+
+int64_t Store::used_bytes()
+{
+	used_pages_.step();
+	int64_t pages = used_pages_.integer(0);
+	used_pages_.reset();
+	return pages * page_size_;
+}
+
+// Removes as many of the oldest rows as hold about `bytes`, at least one and at most 4096.
+void Store::remove_oldest(const std::string &table, int64_t bytes)
+{
+	constexpr int64_t row_bytes = 300; // about what a row and its index entries take beside the packet
+	int64_t last_id = 0;
+	{
+		Statement select(database_, "SELECT id, length(packet) FROM " + table + " ORDER BY id LIMIT 4096");
+		while (bytes > 0 && select.step()) {
+			last_id = select.integer(0);
+			bytes -= select.integer(1) + row_bytes;
+		}
+	}
+	Statement(database_, "DELETE FROM " + table + " WHERE id <= ?").bind(1, last_id).run();
+}
+
+bool Store::changed_by_others()
+{
+	int64_t version = database_.integer("PRAGMA data_version");
+	return std::exchange(data_version_, version) != version;
+}
+
+std::vector<ProfileOrder> Store::waiting_orders(int64_t now_wall_ms)
+{
+	Statement select(
+		database_, "SELECT id, application, seconds FROM profile_order WHERE started_ms IS NULL AND ordered_ms > ?");
+	select.bind(1, now_wall_ms - profile_wait_ms);
+	std::vector<ProfileOrder> orders;
+	while (select.step()) orders.push_back({select.integer(0), select.text(1), select.integer(2)});
+	return orders;
+}
+
+void Store::order_started(const ProfileSession &session)
+{
+	Statement update(database_, "UPDATE profile_order SET started_ms = ?, process = ? WHERE id = ?");
+	update.bind(1, session.started_ms).bind(2, session.process).bind(3, session.order.id).run();
+}
+
+} // namespace quorbit
