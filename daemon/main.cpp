@@ -2,7 +2,7 @@
 #include "ask/commands.h"
 #include "receive/daemonize.h"
 #include "ask/names.h"
-#include "base/text.h"
+#include "base/clock.h"
 
 #include <CLI/CLI.hpp>
 

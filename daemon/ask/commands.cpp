@@ -4,6 +4,7 @@
 #include "receive/daemonize.h"
 #include "print/report.h"
 #include "base/text.h"
+#include "base/clock.h"
 
 #include <algorithm>
 #include <chrono>

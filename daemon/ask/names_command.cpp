@@ -3,6 +3,7 @@
 
 #include "base/applications.h"
 #include "base/text.h"
+#include "base/files.h"
 
 #include <cerrno>
 #include <cstdio>

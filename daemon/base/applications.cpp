@@ -3,6 +3,7 @@
 
 #include "base/config.h"
 #include "base/log.h"
+#include "base/files.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -4,7 +4,6 @@
 
 #include <string>
 #include <string_view>
-#include <sys/stat.h>
 
 namespace quorbit {
 
@@ -35,12 +34,5 @@ DaemonConfig read_trusted_config(const std::string &path);
 
 // What the agent would write for this runtime root ("/var" unless set otherwise).
 DaemonConfig default_daemon_config(const std::string &runtime_root);
-
-// The whole of a file. Throws std::runtime_error when it cannot be read, is larger than 64 MiB or, where that is asked
-// for, belongs to another than root or this process's user.
-std::string read_file(const std::string &path, bool of_root_or_us = false);
-
-// Whether only root and this process's user can have made the file: the folder may be writable for others.
-bool is_of_root_or_us(const struct stat &status);
 
 } // namespace quorbit

@@ -3,6 +3,8 @@
 
 #include "base/config.h"
 #include "base/text.h"
+#include "base/clock.h"
+#include "base/files.h"
 
 #include <cerrno>
 #include <cstdio>

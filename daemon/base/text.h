@@ -1,4 +1,4 @@
-// Text for terminals and programs: escaping, cutting, wrapping, tables, times.
+// Text for terminals and programs: escaping, cutting, wrapping, tables.
 #pragma once
 
 #include <cstdint>
@@ -52,20 +52,5 @@ std::string percent(int64_t part, int64_t whole);
 
 // A duration for people: "9999 ms", "12.3 s", "1234 s".
 std::string duration_text(int64_t ms);
-
-// Local time "2024-05-31 13:45:12" of milliseconds since 1970.
-std::string local_time(int64_t wall_ms);
-
-// "2024-05-31T11:45:12.345Z"
-std::string utc_time(int64_t wall_ms);
-
-// "12 s ago", "5 min ago", "3 h ago", "2 d ago"
-std::string ago(int64_t wall_ms, int64_t now_wall_ms);
-
-// Milliseconds since 1970.
-int64_t wall_clock_ms();
-
-// Seconds of "90", "90s", "15m", "2h", "7d"; nothing for anything else and for what is not positive.
-std::optional<int64_t> parse_seconds(std::string_view text);
 
 } // namespace quorbit

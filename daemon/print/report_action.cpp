@@ -1,5 +1,6 @@
 // One action whole, for people.
 #include "print/report.h"
+#include "base/clock.h"
 
 #include <algorithm>
 #include <unistd.h>

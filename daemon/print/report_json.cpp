@@ -1,7 +1,6 @@
 // One action whole, for programs.
 #include "print/report.h"
 
-#include "base/text.h"
 
 namespace quorbit {
 

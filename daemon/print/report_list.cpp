@@ -2,6 +2,7 @@
 #include "print/report.h"
 
 #include "base/text.h"
+#include "base/clock.h"
 
 #include <algorithm>
 

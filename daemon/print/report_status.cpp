@@ -3,6 +3,7 @@
 
 #include "receive/daemonize.h"
 #include "base/text.h"
+#include "base/clock.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -4,6 +4,7 @@
 #include "receive/listener.h"
 #include "base/log.h"
 #include "receive/server.h"
+#include "base/files.h"
 
 #include <cerrno>
 #include <csignal>

@@ -2,6 +2,7 @@
 #include "receive/server.h"
 
 #include "base/text.h"
+#include "base/clock.h"
 
 #include <array>
 #include <cerrno>

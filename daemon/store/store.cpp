@@ -2,6 +2,7 @@
 #include "store/store.h"
 
 #include "base/config.h"
+#include "base/files.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,7 +1,7 @@
 // Queries of the command line.
 #include "store/store_reader.h"
 
-#include "base/text.h"
+#include "base/clock.h"
 
 namespace quorbit {
 

@@ -3,7 +3,7 @@
 
 #include "base/applications.h"
 #include "base/log.h"
-#include "base/text.h"
+#include "base/clock.h"
 
 #include <chrono>
 #include <utility>

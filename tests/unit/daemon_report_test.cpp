@@ -2,6 +2,7 @@
 #include "daemon_records.h"
 #include "print/report.h"
 #include "base/text.h"
+#include "base/clock.h"
 
 #include <gtest/gtest.h>
 
