@@ -6,6 +6,7 @@
 MAKEFLAGS += --no-print-directory
 .NOTPARALLEL:
 JOBS ?= $(shell nproc)
+export PYTHONPATH := $(CURDIR)/tests
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
 .PHONY: all demo test check sanitize bench bench-check fuzz random engine-suite soak install \

@@ -11,13 +11,10 @@ privately, on a socket."""
 import subprocess
 import sys
 import time
-from pathlib import Path
 from statistics import median
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests/harness"))
-
-import engines  # noqa: E402
-from servers import MariaDb  # noqa: E402
+from measure import engines
+from support.databases import MariaDb
 
 TURNS, QUERIES = 100, 1000
 SCRIPT = """

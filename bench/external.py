@@ -16,12 +16,9 @@ import itertools
 import os
 import subprocess
 import sys
-from pathlib import Path
 from statistics import median
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests/harness"))
-
-import engines  # noqa: E402
+from measure import engines
 
 CALLS, BOUND = 20, 1.05
 ALONE = {"zqs.action_tracer.enabled": "1"}

@@ -15,34 +15,13 @@ import re
 import subprocess
 import sys
 import tomllib
-from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(PROJECT / "tests/harness"))
-
-import engines  # noqa: E402
+from measure import CLOCK_SOURCE, PROJECT, build_empty_hook, build_traced, engines
 
 HERE = PROJECT / "bench"
 KINDS = ("user_function", "user_method", "internal_function", "internal_method", "outermost_function")
 FEW, MANY = 1000, 11000
-CLOCK_SOURCE = Path("/sys/devices/system/clocksource/clocksource0/current_clocksource")
 FLOOR = {"off": "empty hook", "on": "clock hook"}
-
-
-def build_empty_hook():
-    """build/bench/empty_hook.so, made when its source is newer."""
-    source, target = HERE / "empty_hook.c", PROJECT / "build/bench/empty_hook.so"
-    if not target.exists() or target.stat().st_mtime < source.stat().st_mtime:
-        target.parent.mkdir(parents=True, exist_ok=True)
-        includes = subprocess.check_output([engines.ENGINE / "bin/php-config", "--includes"], text=True).split()
-        subprocess.check_call(["gcc", "-O2", "-fPIC", "-shared", "-w", "-DCOMPILE_DL_EMPTY_HOOK", *includes, "-o", target, source])
-    return target
-
-
-def build_traced():
-    """build/traced/zqprof.so, in which no call is too short for a trace."""
-    subprocess.check_call(["cmake", "--build", PROJECT / "build", "--target", "zqprof_traced"], stdout=subprocess.DEVNULL)
-    return PROJECT / "build/traced/zqprof.so"
 
 
 def configurations(site):

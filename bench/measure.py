@@ -10,18 +10,33 @@ import sys
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[1]
-sys.path[:0] = [str(PROJECT / "tests/harness"), str(PROJECT / "bench")]
+sys.path.append(str(PROJECT / "tests"))
 
-import engines  # noqa: E402
-from engines import wire  # noqa: E402
-from fake_daemon import FakeDaemon  # noqa: E402
-from instructions import CLOCK_SOURCE, build_empty_hook, build_traced  # noqa: E402
+from support import engines, wire  # noqa: E402
+from support.fake_daemon import FakeDaemon  # noqa: E402
 
 RECORDS = PROJECT / "build/bench/records"
 NONE, EMPTY, OFF, ON, TRACED, IDLE, PROFILING = ("no extension", "empty hook", "agent off", "agent on", "all traced",
                                                  "Xdebug idle", "Xdebug profiling")
+CLOCK_SOURCE = Path("/sys/devices/system/clocksource/clocksource0/current_clocksource")
 KERNEL = "agent on, kernel's clock"
 CPUS = sorted(os.sched_getaffinity(0))
+
+
+def build_empty_hook():
+    """build/bench/empty_hook.so, made when its source is newer."""
+    source, target = PROJECT / "bench/empty_hook.c", PROJECT / "build/bench/empty_hook.so"
+    if not target.exists() or target.stat().st_mtime < source.stat().st_mtime:
+        target.parent.mkdir(parents=True, exist_ok=True)
+        includes = subprocess.check_output([engines.ENGINE / "bin/php-config", "--includes"], text=True).split()
+        subprocess.check_call(["gcc", "-O2", "-fPIC", "-shared", "-w", "-DCOMPILE_DL_EMPTY_HOOK", *includes, "-o", target, source])
+    return target
+
+
+def build_traced():
+    """build/traced/zqprof.so, in which no call is too short for a trace."""
+    subprocess.check_call(["cmake", "--build", PROJECT / "build", "--target", "zqprof_traced"], stdout=subprocess.DEVNULL)
+    return PROJECT / "build/traced/zqprof.so"
 
 
 class Drain(FakeDaemon):

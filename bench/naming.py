@@ -14,10 +14,7 @@ import tempfile
 from pathlib import Path
 from statistics import median
 
-PROJECT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(PROJECT / "tests/harness"))
-
-import engines  # noqa: E402
+from measure import PROJECT, engines
 
 RULES_BOUND_US, NONE_BOUND_US = 200, 2
 URIS = ["/shop/category/4711/items", "/index.php/user/42/orders?page=3"]       # as in naming_loop.cpp

@@ -10,14 +10,10 @@ puts a client and its server decides more about such a call than anything in it.
 import os
 import subprocess
 import sys
-from pathlib import Path
 from statistics import median
 
-PROJECT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(PROJECT / "tests/harness"))
-
-import engines  # noqa: E402
-from stores import Redis  # noqa: E402
+from measure import PROJECT, engines
+from support.stores import Redis
 
 CALLS, RATIO_BOUND = 1000, 1.03
 SCRIPT = """

@@ -7,10 +7,10 @@ the differences, divided by that of the counts, is the price of one call. That o
 Needs a finished build; Redis and a web server, the engine's own, are started privately."""
 import subprocess
 
-from instructions import PROJECT, count
+from instructions import count
+from measure import PROJECT, engines
 
-import engines
-from stores import Redis
+from support.stores import Redis
 
 SQLITE = """$db = new PDO('sqlite::memory:');
 $db->exec('CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, cents INTEGER, section INTEGER)');

@@ -13,13 +13,8 @@ import resource
 import subprocess
 import sys
 import tomllib
-from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parents[1]
-sys.path[:0] = [str(PROJECT / "tests/harness"), str(PROJECT / "bench")]
-
-import engines  # noqa: E402
-from instructions import build_empty_hook  # noqa: E402
+from measure import PROJECT, build_empty_hook, engines
 
 KINDS = {"function": 1, "method": 1, "closure": 1, "array_map": 2, "__call": 2}      # hooked calls per level
 SHALLOW, DEEP = 1000, 11000

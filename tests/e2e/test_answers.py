@@ -4,10 +4,10 @@ import time
 
 import pytest
 
-from engines import FastCgi
-from fake_daemon import HANG_UP, PLAIN, SILENCE
-from sockets import Slow
-from wire import answer, record
+from support.engines import FastCgi
+from support.fake_daemon import HANG_UP, PLAIN, SILENCE
+from support.sockets import Slow
+from support.wire import answer, record
 
 URI = "/shop/list.php?page=3&tag=ab"
 ALL_KEYS = {f"zqs.{key}": value for key, _, value in (line.partition("=") for line in """

@@ -1,9 +1,9 @@
 """What a real browser finds in the page: the action's name, its trace id and times, and no script of the visitor's making."""
 import pytest
 
-from browser import QUEUED_MS, browse
-from cases import program
-from engines import Apache, Fpm
+from support.browser import QUEUED_MS, browse
+from support.cases import program
+from support.engines import Apache, Fpm
 
 # The last "}" closes an empty block: the page's data are assigned in it.
 BROWSER_SCRIPT = "window.qv_rum = {}; {}"

@@ -3,10 +3,10 @@ import json
 
 import pytest
 
-import wire
-from cases import cases, program
-from engines import ENGINE, Apache, BuiltIn, FastCgi, Fpm, Site, web_environment
-from fake_daemon import PLAIN, wait_until
+from support import wire
+from support.cases import cases, program
+from support.engines import ENGINE, Apache, BuiltIn, FastCgi, Fpm, Site, web_environment
+from support.fake_daemon import PLAIN, wait_until
 
 CALLEE = {"zqs.vantorIdSecret": "12|34", "zqs.action_tracer.enabled": "1", "zqs.error_collector.enabled": "1",
           "zqs.action_tracer.action_threshold": "1"}

@@ -4,10 +4,10 @@ import subprocess
 
 import pytest
 
-import wire
-from engines import at_once
-from fake_daemon import wait_until
-from local_daemon import QUORBIT
+from support import wire
+from support.engines import at_once
+from support.fake_daemon import wait_until
+from support.local_daemon import QUORBIT
 
 
 def test_many_processes_at_once_start_one_daemon(real):

@@ -4,7 +4,7 @@ from dataclasses import dataclass
 
 import pytest
 
-from cases import line_of, program
+from support.cases import line_of, program
 
 SLOW = {"zqs.action_tracer.action_threshold": "1", "zqs.action_tracer.slow_sql_threshold": "20",
         "zqs.action_tracer.explain_enabled": "true", "zqs.action_tracer.explain_threshold": "20",

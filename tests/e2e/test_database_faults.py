@@ -4,7 +4,7 @@ import re
 
 import pytest
 
-from cases import cases, line_of, program
+from support.cases import cases, line_of, program
 
 EVERYTHING = {"zqs.action_tracer.action_threshold": "1", "zqs.action_tracer.slow_sql_threshold": "0",
               "zqs.action_tracer.stack_trace_threshold": "0"}

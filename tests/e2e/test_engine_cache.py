@@ -5,9 +5,9 @@ import subprocess
 
 import pytest
 
-from engines import PROJECT
-from fake_daemon import wait_until
-from workshop import TIMEOUT_S, Workshop
+from support.engines import PROJECT
+from support.fake_daemon import wait_until
+from support.workshop import TIMEOUT_S, Workshop
 
 
 def test_two_at_once_build_one_engine_and_later_runs_none(tmp_path):

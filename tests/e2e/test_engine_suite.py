@@ -1,7 +1,7 @@
 """A sample of the engine's own tests ends with the agent, monitoring and tracing, as it does without."""
 import subprocess
 
-from engines import PROJECT
+from support.engines import PROJECT
 
 
 def test_engine_passes_its_own_tests_with_the_agent():

@@ -5,9 +5,8 @@ import re
 
 import pytest
 
-import engines
-import wire
-from cases import cases, program
+from support import engines, wire
+from support.cases import cases, program
 
 SHOWN = {"memory_limit": "8M", "display_errors": "1", "html_errors": "0", "log_errors": "1", "error_log": ""}
 COLLECTING = {"zqs.error_collector.enabled": "1", "zqs.error_collector.ignored_status_codes": "418,503"}

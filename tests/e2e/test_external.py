@@ -7,10 +7,10 @@ import re
 
 import pytest
 
-import wire
-from cases import cases, program
-from engines import SCRIPTS
-from peer import ANSWER_LINE, CALLEE, Peer, ThriftPeer, WebSocketPeer, http_answer
+from support import wire
+from support.cases import cases, program
+from support.engines import SCRIPTS
+from support.peers import ANSWER_LINE, CALLEE, Peer, ThriftPeer, WebSocketPeer, http_answer
 
 SECRET = "12|34"
 TRACING = {"zqs.vantorIdSecret": SECRET, "zqs.transaction_tracer.enabled": "1", "zqs.action_tracer.enabled": "1",

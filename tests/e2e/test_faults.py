@@ -9,11 +9,11 @@ from pathlib import Path
 
 import pytest
 
-import wire
-from cases import cases, program
-from engines import AGENT, ENGINE, EXTENSION, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
-from fake_daemon import PLAIN, SILENCE
-from sockets import Mortal
+from support import wire
+from support.cases import cases, program
+from support.engines import AGENT, ENGINE, EXTENSION, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
+from support.fake_daemon import PLAIN, SILENCE
+from support.sockets import Mortal
 
 EVERY_HOOK = program("faults/every_hook.php")
 PROFILE = {"zqs.capture_params": "1", "zqs.action_tracer.action_threshold": "-1", "zqs.error_collector.enabled": "1",

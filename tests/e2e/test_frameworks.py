@@ -2,7 +2,7 @@
 calls the watched functions, and what the action is called in the end."""
 import pytest
 
-from cases import cases, program
+from support.cases import cases, program
 
 VERBOSE = {"zqs.agent_log_level": "VERBOSE"}
 RULE = """[{"name":"Rule","match":{"method":0,"match":0,"value":""},"split":{}}]"""

@@ -3,7 +3,7 @@ import json
 
 import pytest
 
-from cases import cases, program
+from support.cases import cases, program
 
 COLLECTING = {"zqs.error_collector.enabled": "1"}
 CONNECTED = {**COLLECTING, "zqs.vantorIdSecret": "12|34", "zqs.transaction_tracer.enabled": "1", "zqs.action_tracer.enabled": "1",

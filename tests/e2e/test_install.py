@@ -8,9 +8,9 @@ import subprocess
 
 import pytest
 
-from engines import ENGINE, EXTENSION, web_environment
-from fake_daemon import wait_until
-from staging import EXTENSION_DIR, GROUP, installed, make, php, stop_daemon
+from support.engines import ENGINE, EXTENSION, web_environment
+from support.fake_daemon import wait_until
+from support.staging import EXTENSION_DIR, GROUP, installed, make, php, stop_daemon
 
 
 def test_install_places_its_files_and_uninstall_takes_them_back(root):

@@ -1,13 +1,7 @@
 """The long runs of tests/soak in brief: reloads under load, many requests, forks, and neighbours that hook the engine too."""
-import sys
-
 import pytest
 
-from engines import PROJECT
-
-sys.path.insert(0, str(PROJECT / "tests/soak"))
-
-import scenarios  # noqa: E402
+from soak import scenarios
 
 
 def silent(_):

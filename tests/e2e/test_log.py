@@ -5,7 +5,7 @@ import signal
 
 import pytest
 
-from engines import ENGINE, EXTENSION
+from support.engines import ENGINE, EXTENSION
 
 LEVELS = ["CRITICAL", "ERROR", "WARNING", "INFO", "VERBOSE", "DEBUG"]
 RECORD = re.compile(r"\n\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \(tid:(\d+),uid:(\d+)\) (\w+): ([^\n]*)")

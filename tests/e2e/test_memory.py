@@ -3,8 +3,7 @@ import subprocess
 
 import pytest
 
-import engines
-import memcheck
+from support import engines, memcheck
 
 SCRIPT = engines.SCRIPTS / "memory.php"
 

@@ -4,8 +4,8 @@ import re
 
 import pytest
 
-from cases import program
-from engines import FastCgi
+from support.cases import program
+from support.engines import FastCgi
 
 HEADERS = {"Referer": "http://a.test/?q=1", "User-Agent": "probe/1.0"}
 NUMBERS = [0x1A, 0x1B, 0x14, 0x15, 0x16]

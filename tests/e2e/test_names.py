@@ -8,8 +8,7 @@ import subprocess
 
 import pytest
 
-import engines
-import wire
+from support import engines, wire
 
 QUORBIT = engines.PROJECT / "build/bin/quorbit"
 

@@ -4,8 +4,8 @@ import threading
 
 import pytest
 
-from cases import cases, program
-from engines import ENGINE, SCRIPTS
+from support.cases import cases, program
+from support.engines import ENGINE, SCRIPTS
 
 CALLEE = {"zqs.vantorIdSecret": "12|34", "zqs.action_tracer.enabled": "0"}
 CALLER = {"X-Vantor-Id": "12|99;c=1;x=abc123"}

@@ -3,8 +3,8 @@ import time
 
 import pytest
 
-import wire
-from engines import FastCgi
+from support import wire
+from support.engines import FastCgi
 
 SLOW = 'usleep(3000); echo "done";'
 TRACED = {"zqs.action_tracer.action_threshold": "1"}

@@ -5,8 +5,8 @@ import zlib
 
 import pytest
 
-from cases import cases
-from engines import Apache, BuiltIn, Fpm
+from support.cases import cases
+from support.engines import Apache, BuiltIn, Fpm
 
 ELEMENT = re.compile(rb"<script>f\(\{qv_rum\.agent=\{id:'34',n:'([^']*)',tid:'[0-9a-f]+',q:\d+,a:\d+\};\}\)</script>")
 PAGE = "<html><head><title>t</title></head><body>b</body></html>"

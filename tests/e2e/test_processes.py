@@ -1,9 +1,9 @@
 """Many requests, many processes, many threads: every stream of bytes belongs to one of them and is whole."""
 import pytest
 
-import wire
-from cases import program
-from engines import Apache, BuiltIn, FastCgi, Fpm, at_once
+from support import wire
+from support.cases import program
+from support.engines import Apache, BuiltIn, FastCgi, Fpm, at_once
 
 CODE = program("greeting.php")
 

@@ -1,7 +1,7 @@
 """A thread profile: each action sends its events while it lasts."""
 import time
 
-from cases import program
+from support.cases import program
 
 
 def profile(site, seconds):

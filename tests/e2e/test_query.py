@@ -3,9 +3,9 @@ import struct
 
 import pytest
 
-from cases import program
-from engines import EXTENSION, IS_ROOT, Apache, BuiltIn, FastCgi, Fpm
-from wire import record
+from support.cases import program
+from support.engines import EXTENSION, IS_ROOT, Apache, BuiltIn, FastCgi, Fpm
+from support.wire import record
 
 PROXY = {"zqs.port": "1", "zqs.proxy_host": "h", "zqs.proxy_port": "2", "zqs.proxy_user": "u", "zqs.proxy_password": "p=q"}
 

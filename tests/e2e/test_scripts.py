@@ -1,9 +1,9 @@
 """Scripts that leave by every door and call in every way: what they show is the same with the agent, and it reports them."""
 import pytest
 
-import wire
-from cases import program
-from engines import ENGINE, SCRIPTS
+from support import wire
+from support.cases import program
+from support.engines import ENGINE, SCRIPTS
 
 INI = {"memory_limit": "32M", "display_errors": "1", "html_errors": "0", "log_errors": "1", "error_log": "/dev/stderr"}
 TRACED = {"zqs.action_tracer.action_threshold": "1", "zqs.error_collector.enabled": "1", "zqs.transaction_tracer.enabled": "1"}

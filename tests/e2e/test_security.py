@@ -13,13 +13,13 @@ from pathlib import Path
 
 import pytest
 
-import wire
-from cases import program
-from engines import IS_ROOT, WEB_USER
-from fake_daemon import wait_until
-from local_daemon import QUORBIT
-from peer import Peer
-from staging import make, php, stop_daemon
+from support import wire
+from support.cases import program
+from support.engines import IS_ROOT, WEB_USER
+from support.fake_daemon import wait_until
+from support.local_daemon import QUORBIT
+from support.peers import Peer
+from support.staging import make, php, stop_daemon
 
 needs_accounts = pytest.mark.skipif(not IS_ROOT, reason="other accounts need root")
 WEB_UID = pwd.getpwnam(WEB_USER).pw_uid

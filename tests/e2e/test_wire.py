@@ -1,8 +1,8 @@
 """The fake daemon's side of the protocol: what it writes, byte for byte, and what it refuses to read."""
 import pytest
 
-import wire
-from wire import WireError, decode, record
+from support import wire
+from support.wire import WireError, decode, record
 
 HEAD = record(0x11, "a") + record(0x0E, "k")
 FIVE = b"".join(record(kind, b"\1\0\0\0") for kind in (0x1A, 0x1B, 0x14, 0x15, 0x16))

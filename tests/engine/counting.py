@@ -1,14 +1,10 @@
 """A daemon in a process of its own that decodes whatever an agent sends and keeps only how often each action came."""
 import collections
 import multiprocessing
-import os
 import signal
-import sys
 
-TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-sys.path.insert(0, os.path.join(TOP, "tests", "doubles"))
-import wire                                            # noqa: E402
-from fake_daemon import FakeDaemon                     # noqa: E402
+from support import wire
+from support.fake_daemon import FakeDaemon
 
 # `actions` counts packets by URI, or by action name where there is none; `connections` counts those that were made.
 Report = collections.namedtuple("Report", "actions traces connections faults")

@@ -1,13 +1,9 @@
 """Servers for the engine's tests of its database clients, private ones, fresh for every pass."""
 import contextlib
-import os
-import sys
 
 import phpt
 
-TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-sys.path[:0] = [os.path.join(TOP, "tests", name) for name in ("harness", "doubles")]
-from servers import MariaDb, PostgreSql, die_with_parent  # noqa: E402, F401
+from support.databases import MariaDb, PostgreSql
 
 MYSQL_ACCOUNT = """FLUSH PRIVILEGES;
 CREATE DATABASE test;

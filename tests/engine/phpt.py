@@ -1,6 +1,5 @@
 """The engine's test files (.phpt), and how one is made to run through php-cgi."""
 import glob
-import os
 import re
 
 SECTION = re.compile(rb"^--([_A-Z]+)--", re.MULTILINE)

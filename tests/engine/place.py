@@ -9,7 +9,7 @@ import subprocess
 import tempfile
 
 import phpt
-from databases import die_with_parent
+from support.databases import die_with_parent
 
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 NAMESPACES = ["unshare", "--net", "--mount", "--ipc", "--pid", "--fork", "--kill-child", "--mount-proc"]

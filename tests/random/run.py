@@ -17,15 +17,12 @@ from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
 from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parents[2]
-sys.path += [str(PROJECT / "tests/harness"), str(PROJECT / "tests/random")]
-
-import engines  # noqa: E402
-import generator  # noqa: E402
-import shrinker  # noqa: E402
-import wire  # noqa: E402
-from fake_daemon import PLAIN, wait_until  # noqa: E402
-from peer import Peer, http_answer, read_http  # noqa: E402
+import generator
+import shrinker
+from support import engines, wire
+from support.engines import PROJECT
+from support.fake_daemon import PLAIN, wait_until
+from support.peers import Peer, http_answer, read_http
 
 KEPT = PROJECT / "build/random"
 TIMEOUT_S = 60

@@ -12,13 +12,11 @@ import tempfile
 import time
 from pathlib import Path
 
+from support import wire
+from support.fake_daemon import FakeDaemon
+from support.peers import Peer
+
 HERE = Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "doubles"))
-
-import wire  # noqa: E402
-from fake_daemon import FakeDaemon  # noqa: E402
-from peer import Peer  # noqa: E402
-
 THREADS = 16
 CLOCK_RATE = 60                        # of the host's monotonic clock
 SHORTEST_RUN_S, PLANTED_RUN_S = 5, 5

@@ -9,9 +9,7 @@ import xml.etree.ElementTree as xml
 from collections import Counter
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "harness"))
-
-import memcheck  # noqa: E402
+from support import memcheck
 
 REQUEST_MEMORY = re.compile(r"^Leak_.*? < _?(e|safe_e)\w*(alloc|dup) < ")
 

@@ -4,8 +4,8 @@ import re
 import signal
 from pathlib import Path
 
-import engines
-from load import FastCgi, Http
+from soak.load import FastCgi, Http
+from support import engines
 
 CRASH = re.compile(r"(?i).*(?:segmentation|exit signal|exited on signal|SIGSEGV|SIGABRT|double free|corrupt|zend_mm_heap).*")
 

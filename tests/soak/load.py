@@ -8,7 +8,7 @@ import struct
 import time
 from collections import Counter
 
-from engines import web_environment
+from support.engines import web_environment
 
 STALLED_S = 30
 SCRIPT = re.compile(rb"<script>f\(\{qv_rum\.agent=[^<]*\)</script>")     # what the agent adds to a page

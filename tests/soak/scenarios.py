@@ -9,13 +9,12 @@ from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path
 
-import engines
-import pages
-import wire
-from engines import AGENT
-from hosts import KINDS, Gauges
-from load import FINISHED, Load
-from sink import Sink
+from soak import pages
+from soak.hosts import KINDS, Gauges
+from soak.load import FINISHED, Load
+from soak.sink import Sink
+from support import engines, wire
+from support.engines import AGENT
 
 SCRIPTS = Path(__file__).parent / "php"
 QUIET = {"display_errors": "0", "log_errors": "0"}

@@ -9,7 +9,7 @@ import socket
 import struct
 import time
 
-import wire
+from support import wire
 
 NUMBER = re.compile(r"/index\.php/(\d+)")
 COUNTERS = ("queries", "packets", "connections", "open", "torn", "faults")

@@ -2,12 +2,12 @@
 import shutil
 import socket
 import subprocess
-from pathlib import Path
 
 import pytest
 
-from fake_daemon import wait_until
-from servers import DatabaseServer, started
+from support.databases import DatabaseServer, started
+from support.engines import PROJECT
+from support.fake_daemon import wait_until
 
 # Debian's redis-tools has the server under a second name, and starts no service as redis-server does; the name by which it
 # is called decides what it is.
@@ -74,6 +74,5 @@ def mortal_redis():
 @pytest.fixture(scope="session")
 def phpredis():
     """Settings that load the client extension; it is built when the machine has none."""
-    project = Path(__file__).resolve().parents[2]
-    subprocess.run([project / "engine/extensions", "redis"], check=True)
-    return {"extension": str(project / "build/extensions/redis.so")}
+    subprocess.run([PROJECT / "engine/extensions", "redis"], check=True)
+    return {"extension": str(PROJECT / "build/extensions/redis.so")}

@@ -4,7 +4,7 @@ import re
 
 import pytest
 
-from engines import SCRIPTS
+from support.engines import SCRIPTS
 
 
 def program(name):

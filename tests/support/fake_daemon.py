@@ -9,7 +9,7 @@ import threading
 import time
 from contextlib import contextmanager
 
-import wire
+from support import wire
 
 HANG_UP = object()    # as a reply: close the connection instead of answering
 SILENCE = None        # as a reply: say nothing, keep the connection

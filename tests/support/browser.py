@@ -10,7 +10,7 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 import pytest
 
-from cases import program
+from support.cases import program
 
 QUEUED_MS = 250            # how long the front says that each request has waited
 

@@ -9,8 +9,8 @@ from pathlib import Path
 
 import pytest
 
-from engines import ENGINE, IS_ROOT, PROJECT
-from fake_daemon import wait_until
+from support.engines import ENGINE, IS_ROOT, PROJECT
+from support.fake_daemon import wait_until
 
 EXTENSION_DIR = "/opt/php/modules"
 GROUP = "www-data" if IS_ROOT else grp.getgrgid(os.getegid()).gr_name

@@ -1,6 +1,5 @@
 """Private database servers: one MariaDB and one PostgreSQL per test run, in folders of their own, on UNIX sockets only."""
 import ctypes
-import os
 import pwd
 import shutil
 import signal
@@ -10,8 +9,8 @@ from pathlib import Path
 
 import pytest
 
-from engines import EXTENSION, IS_ROOT, WEB_USER
-from fake_daemon import wait_until
+from support.engines import EXTENSION, IS_ROOT, PROJECT, WEB_USER
+from support.fake_daemon import wait_until
 
 SHARE = Path("/usr/share/mysql")
 POSTGRES = next(iter(sorted(Path("/usr/lib/postgresql").glob("*/bin"), reverse=True)), Path("/usr/lib/postgresql/15/bin"))
@@ -162,9 +161,8 @@ def postgres():
 @pytest.fixture(scope="session")
 def doubles():
     """The extension that stands in for client libraries that cannot be had; built when it is missing or old."""
-    project = Path(__file__).resolve().parents[2]
-    subprocess.run([project / "tests/doubles/build"], check=True, env=os.environ)
-    return {"extension": str(project / "build/doubles.so")}
+    subprocess.run([PROJECT / "tests/support/build-doubles"], check=True)
+    return {"extension": str(PROJECT / "build/doubles.so")}
 
 
 @pytest.fixture(scope="session")

@@ -7,8 +7,8 @@ from pathlib import Path
 
 import pytest
 
-from engines import ENGINE, PROJECT
-from fake_daemon import wait_until
+from support.engines import ENGINE, PROJECT
+from support.fake_daemon import wait_until
 
 QUORBIT = PROJECT / "build/bin/quorbit"
 

@@ -6,9 +6,9 @@ import shutil
 import signal
 import subprocess
 import tarfile
-from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parents[2]
+from support.engines import PROJECT
+
 TIMEOUT_S = 60
 
 # What `configure` and `make` do in the stand-in: the seven files of an engine, each a script or a text.

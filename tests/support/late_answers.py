@@ -4,7 +4,7 @@ The agent waits 100 ms for the daemon's answer and then reports without it, righ
 of the tests is later than that. The agent's own log tells, and nothing else is reason to run a test again."""
 import re
 
-import engines
+from support import engines
 import pytest
 from _pytest.runner import runtestprotocol
 

@@ -8,19 +8,16 @@ import signal
 import socket
 import struct
 import subprocess
-import sys
 import tempfile
 import threading
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
+from support import wire
+from support.fake_daemon import FakeDaemon, wait_until
+
 PROJECT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "tests/doubles"))      # what stands in for the daemon, services and peers
-
-import wire  # noqa: E402
-from fake_daemon import FakeDaemon, wait_until  # noqa: E402
-
 ENGINE = Path(os.environ.get("QUORBIT_ENGINE", PROJECT / "build/engine"))              # another, such as one under a sanitizer
 EXTENSION = Path(os.environ.get("QUORBIT_EXTENSION", PROJECT / "build/zqprof.so"))     # another build, such as a sanitized one
 SCRIPTS = PROJECT / "tests/e2e/php"
