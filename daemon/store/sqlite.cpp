@@ -3,13 +3,14 @@
 
 namespace quorbit {
 
-Database::Database(const std::string &path, Mode mode)
+Database::Database(const std::string &path, Mode mode) : path_(path)
 {
 	constexpr int flags[] = {SQLITE_OPEN_READONLY, SQLITE_OPEN_READWRITE, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE};
 	sqlite3 *handle = nullptr;
 	int code = sqlite3_open_v2(path.c_str(), &handle, flags[static_cast<int>(mode)] | SQLITE_OPEN_NOMUTEX, nullptr);
 	handle_.reset(handle);
-	if (code != SQLITE_OK) throw SqliteError(path + ": " + (handle ? sqlite3_errmsg(handle) : sqlite3_errstr(code)));
+	if (code != SQLITE_OK)
+		throw SqliteError(path + ": " + (handle ? sqlite3_errmsg(handle) : sqlite3_errstr(code)), code);
 	sqlite3_busy_timeout(handle, 2000);
 	// Whatever a file that somebody else has made holds: no functions of its own, no rewriting of SQLite's tables.
 	sqlite3_db_config(handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
@@ -18,8 +19,8 @@ Database::Database(const std::string &path, Mode mode)
 
 void Database::execute(const char *sql)
 {
-	if (sqlite3_exec(handle_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK)
-		throw SqliteError(sqlite3_errmsg(handle_.get()));
+	int code = sqlite3_exec(handle_.get(), sql, nullptr, nullptr, nullptr);
+	if (code != SQLITE_OK) throw SqliteError(sqlite3_errmsg(handle_.get()), code);
 }
 
 int64_t Database::integer(const char *sql)
@@ -37,7 +38,7 @@ Statement::Statement(Database &database, const std::string &sql) : database_(dat
 
 void Statement::check(int code)
 {
-	if (code != SQLITE_OK) throw SqliteError(sqlite3_errmsg(database_));
+	if (code != SQLITE_OK) throw SqliteError(sqlite3_errmsg(database_), code);
 }
 
 Statement &Statement::bind(int parameter, int64_t value)
@@ -65,7 +66,7 @@ bool Statement::step()
 	if (code == SQLITE_DONE) return false;
 	std::string message = sqlite3_errmsg(database_);
 	sqlite3_reset(handle_.get());
-	throw SqliteError(message);
+	throw SqliteError(message, code);
 }
 
 void Statement::reset()

@@ -12,7 +12,9 @@
 namespace quorbit {
 
 struct SqliteError : std::runtime_error {
-	using std::runtime_error::runtime_error;
+	// `code` is SQLite's own, as far as it was SQLite that failed.
+	explicit SqliteError(const std::string &what, int code = SQLITE_ERROR) : std::runtime_error(what), code(code) {}
+	const int code;
 };
 
 class Database {
@@ -31,12 +33,14 @@ public:
 
 	// The id of the row inserted last.
 	int64_t last_id() const { return sqlite3_last_insert_rowid(handle_.get()); }
+	const std::string &path() const { return path_; }
 	sqlite3 *handle() const { return handle_.get(); }
 
 private:
 	struct Closer {
 		void operator()(sqlite3 *handle) const { sqlite3_close_v2(handle); }
 	};
+	std::string path_;
 	std::unique_ptr<sqlite3, Closer> handle_;
 };
 

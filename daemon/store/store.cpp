@@ -1,8 +1,8 @@
-// Layout of the store and the writing half.
+// The writing half: adding, the bound, and profile orders.
 #include "store/store.h"
 
-#include "base/config.h"
 #include "base/files.h"
+#include "store/layout.h"
 
 #include <cerrno>
 #include <cstring>
@@ -14,59 +14,12 @@ namespace quorbit {
 
 namespace {
 
-constexpr const char *layout = R"sql(
-CREATE TABLE action (
-  id INTEGER PRIMARY KEY,
-  received_ms INTEGER NOT NULL,
-  process INTEGER NOT NULL,
-  application TEXT NOT NULL,
-  name TEXT NOT NULL,
-  duration_ms INTEGER NOT NULL,
-  database_ms INTEGER NOT NULL,
-  cache_ms INTEGER NOT NULL,
-  external_ms INTEGER NOT NULL,
-  code_ms INTEGER NOT NULL,
-  status INTEGER NOT NULL,
-  error INTEGER NOT NULL,
-  transaction_id TEXT,
-  tracer_id TEXT,
-  packet BLOB NOT NULL);
-CREATE INDEX action_received ON action (received_ms);
-CREATE INDEX action_transaction ON action (transaction_id) WHERE transaction_id IS NOT NULL;
-CREATE INDEX action_tracer ON action (tracer_id) WHERE tracer_id IS NOT NULL;
-CREATE TABLE profile_event (
-  id INTEGER PRIMARY KEY,
-  received_ms INTEGER NOT NULL,
-  application TEXT NOT NULL,
-  thread INTEGER NOT NULL,
-  packet BLOB NOT NULL);
-CREATE INDEX profile_event_received ON profile_event (received_ms);
-CREATE TABLE profile_order (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  application TEXT NOT NULL,
-  seconds INTEGER NOT NULL,
-  ordered_ms INTEGER NOT NULL,
-  started_ms INTEGER,
-  process INTEGER);
-CREATE TABLE application (
-  name TEXT PRIMARY KEY,
-  query_ms INTEGER,
-  query_process INTEGER,
-  sapi TEXT,
-  php_version TEXT,
-  given TEXT,
-  packet_ms INTEGER,
-  packet_process INTEGER,
-  packets INTEGER NOT NULL DEFAULT 0,
-  seen_ms INTEGER NOT NULL) WITHOUT ROWID;
-)sql";
-
 constexpr const char *insert_action_sql = R"sql(
 INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, error,
-  transaction_id, tracer_id, packet) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
+  transaction_id, tracer_id, packet, id) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
 
 constexpr const char *insert_event_sql =
-	"INSERT INTO profile_event (received_ms, application, thread, packet) VALUES (?,?,?,?)";
+	"INSERT INTO profile_event (received_ms, application, thread, packet, id) VALUES (?,?,?,?,?)";
 
 constexpr const char *packet_seen_sql = R"sql(
 INSERT INTO application (name, packet_ms, packet_process, packets, seen_ms) VALUES (?1, ?2, ?3, 1, ?2)
@@ -82,6 +35,8 @@ DELETE FROM application WHERE name IN (SELECT name FROM application ORDER BY see
 
 constexpr const char *used_pages_sql =
 	"SELECT (SELECT page_count FROM pragma_page_count) - (SELECT freelist_count FROM pragma_freelist_count)";
+
+constexpr const char *keep_counter_sql = "UPDATE counter SET value = ?2 WHERE name = ?1";
 
 // The columns are for finding and listing; the packet has the whole texts.
 std::string_view column_text(std::string_view text)
@@ -104,31 +59,48 @@ static const std::string &private_file(const std::string &path)
 	return path;
 }
 
-Store::Opened::Opened(const std::string &path) : Database(private_file(path), Mode::create)
+Store::Opened::Opened(const std::string &path, const std::atomic<bool> *stopping)
+	: Database(private_file(path), Mode::create)
 {
 	execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL");
 	execute("PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
-	int64_t version = integer("PRAGMA user_version");
-	if (version == 0) {
-		execute("BEGIN IMMEDIATE");
-		execute(layout);
-		execute(("PRAGMA user_version = " + std::to_string(store_layout_version)).c_str());
-		execute("COMMIT");
-	} else if (version != store_layout_version) {
-		throw SqliteError(path + ": made by another version of the daemon; move it away");
-	}
+	bring_up_to_date(*this, stopping);
 }
 
-Store::Store(const std::string &path)
-	: database_(path),
+Store::Store(const std::string &path, const std::atomic<bool> *stopping)
+	: database_(path, stopping),
 	  insert_action_(database_, insert_action_sql),
 	  insert_event_(database_, insert_event_sql),
 	  packet_seen_(database_, packet_seen_sql),
 	  query_seen_(database_, query_seen_sql),
 	  keep_applications_(database_, keep_applications_sql),
 	  used_pages_(database_, used_pages_sql),
+	  keep_counter_(database_, keep_counter_sql),
+	  action_ids_(database_, "action"),
+	  event_ids_(database_, "profile_event"),
 	  page_size_(database_.integer("PRAGMA page_size"))
 {
+}
+
+Store::Ids::Ids(Database &database, const char *table) : table_(table)
+{
+	const std::string kept = "(SELECT value FROM counter WHERE name = '" + table_ + "')";
+	const std::string there = "(SELECT ifnull(max(id), 0) FROM " + table_ + ")";
+	last_ = kept_ = database.integer(("SELECT max(" + kept + ", " + there + ")").c_str());
+}
+
+void Store::Ids::keep(Statement &keep_counter)
+{
+	if (kept_ == last_) return;
+	keep_counter.bind(1, table_).bind(2, last_).run();
+	kept_ = last_;
+}
+
+void Store::commit()
+{
+	action_ids_.keep(keep_counter_);
+	event_ids_.keep(keep_counter_);
+	database_.execute("COMMIT");
 }
 
 void Store::add(const StoredPacket &packet)
@@ -156,7 +128,7 @@ void Store::add_action(const StoredPacket &packet)
 	insert_action_.bind(11, int64_t{action->error.has_value()});
 	if (!action->transaction_id.empty()) insert_action_.bind(12, column_text(action->transaction_id));
 	if (!action->tracer_id.empty()) insert_action_.bind(13, column_text(action->tracer_id));
-	insert_action_.bind_blob(14, packet.body).run();
+	insert_action_.bind_blob(14, packet.body).bind(15, action_ids_.next()).run();
 	packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
 }
 
@@ -165,7 +137,7 @@ void Store::add_profile_event(const StoredPacket &packet)
 	auto event = read_profile_event(packet.body);
 	if (!event) return;
 	insert_event_.bind(1, packet.received_ms).bind(2, column_text(event->application)).bind(3, event->thread);
-	insert_event_.bind_blob(4, packet.body).run();
+	insert_event_.bind_blob(4, packet.body).bind(5, event_ids_.next()).run();
 }
 
 void Store::add(const StoredQuery &query)

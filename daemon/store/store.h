@@ -6,10 +6,9 @@
 #include "receive/profile_sessions.h"
 #include "store/sqlite.h"
 
-namespace quorbit {
+#include <atomic>
 
-// Kept in the file as its user_version; 0 is a file that is being made.
-constexpr int64_t store_layout_version = 1;
+namespace quorbit {
 
 // A packet as it was received.
 struct StoredPacket {
@@ -32,10 +31,11 @@ struct StoredQuery {
 class Store {
 public:
 	// Opens the file, or makes it with mode 0600. One that belongs to neither root nor this process's user is refused.
-	explicit Store(const std::string &path);
+	// `stopping` ends, once it is true, the bringing of an older store to this layout.
+	explicit Store(const std::string &path, const std::atomic<bool> *stopping = nullptr);
 
 	void begin() { database_.execute("BEGIN IMMEDIATE"); }
-	void commit() { database_.execute("COMMIT"); }
+	void commit();
 
 	void add(const StoredPacket &packet);
 	void add(const StoredQuery &query);
@@ -57,10 +57,22 @@ private:
 
 	// Its constructor brings the file's layout up to date, before the statements below are prepared.
 	struct Opened : Database {
-		explicit Opened(const std::string &path);
+		Opened(const std::string &path, const std::atomic<bool> *stopping);
+	};
+	// Gives out each number of a table once, whatever has been removed from it since.
+	class Ids {
+	public:
+		Ids(Database &database, const char *table);
+		int64_t next() { return ++last_; }
+		void keep(Statement &keep_counter); // in the file, with the transaction that used them
+
+	private:
+		const std::string table_;
+		int64_t last_, kept_;
 	};
 	Opened database_;
-	Statement insert_action_, insert_event_, packet_seen_, query_seen_, keep_applications_, used_pages_;
+	Statement insert_action_, insert_event_, packet_seen_, query_seen_, keep_applications_, used_pages_, keep_counter_;
+	Ids action_ids_, event_ids_;
 	int64_t page_size_;
 	int64_t data_version_ = -1;
 };

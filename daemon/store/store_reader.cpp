@@ -1,6 +1,8 @@
 // Queries of the command line.
 #include "store/store_reader.h"
 
+#include "store/layout.h"
+
 #include "base/clock.h"
 
 namespace quorbit {
@@ -30,9 +32,7 @@ ActionRow row_of(Statement &select)
 StoreReader::StoreReader(const std::string &path, bool for_orders)
 	: database_(path, for_orders ? Database::Mode::read_write : Database::Mode::read_only)
 {
-	int64_t version = database_.integer("PRAGMA user_version");
-	if (version == 0) throw SqliteError(path + ": nothing has been stored yet");
-	if (version != store_layout_version) throw SqliteError(path + ": made by another version of the daemon");
+	require_newest_layout(database_);
 }
 
 std::vector<ActionRow> StoreReader::rows(Statement &select)

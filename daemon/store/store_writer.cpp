@@ -109,7 +109,7 @@ bool StoreWriter::open_when_due()
 	if (store_) return true;
 	if (failing_ && monotonic_second() < retry_second_) return false;
 	try {
-		store_ = std::make_unique<Store>(path_);
+		store_ = std::make_unique<Store>(path_, &stopping_);
 		inode_ = inode_of(path_);
 		return true;
 	} catch (const SqliteError &failure) {

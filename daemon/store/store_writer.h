@@ -47,7 +47,7 @@ private:
 	Batch queue_;
 	size_t queued_bytes_ = 0;
 	int64_t dropped_ = 0;
-	bool stopping_ = false;
+	std::atomic<bool> stopping_ = false;
 
 	// The thread's own.
 	std::unique_ptr<Store> store_;

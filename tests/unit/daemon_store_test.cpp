@@ -144,11 +144,11 @@ TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
   EXPECT_EQ(rows[0].application, "Kept");
 }
 
-TEST_F(StoreTest, RefusesTheLayoutOfAnotherVersionAndHalfMadeFiles) {
-  add({metric(1, "Shop")});
-  for (const char* version : {"PRAGMA user_version = 99", "PRAGMA user_version = 0"}) {
-    Database(path_, Database::Mode::read_write).execute(version);
-    EXPECT_THROW(Store store(path_), SqliteError) << version;
-    EXPECT_THROW(StoreReader reader(path_), SqliteError) << version;
-  }
+TEST_F(StoreTest, GivesEachNumberOnceWhateverWasRemovedMeanwhile) {
+  add({metric(1, "Shop"), metric(2, "Shop")});
+  write([](Store& store) { store.prune(0); });
+  add({metric(3, "Shop"), event(4, "1 1 enter action Web")});
+  auto rows = StoreReader(path_).newest(10, "");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].id, 3);
 }

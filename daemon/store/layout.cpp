@@ -1,0 +1,141 @@
+// The migrations and how they are run.
+#include "store/layout.h"
+
+#include <iterator>
+
+namespace quorbit {
+
+namespace {
+
+constexpr const char *first_layout = R"sql(
+CREATE TABLE action (
+  id INTEGER PRIMARY KEY,
+  received_ms INTEGER NOT NULL,
+  process INTEGER NOT NULL,
+  application TEXT NOT NULL,
+  name TEXT NOT NULL,
+  duration_ms INTEGER NOT NULL,
+  database_ms INTEGER NOT NULL,
+  cache_ms INTEGER NOT NULL,
+  external_ms INTEGER NOT NULL,
+  code_ms INTEGER NOT NULL,
+  status INTEGER NOT NULL,
+  error INTEGER NOT NULL,
+  transaction_id TEXT,
+  tracer_id TEXT,
+  packet BLOB NOT NULL);
+CREATE INDEX action_received ON action (received_ms);
+CREATE INDEX action_transaction ON action (transaction_id) WHERE transaction_id IS NOT NULL;
+CREATE INDEX action_tracer ON action (tracer_id) WHERE tracer_id IS NOT NULL;
+CREATE TABLE profile_event (
+  id INTEGER PRIMARY KEY,
+  received_ms INTEGER NOT NULL,
+  application TEXT NOT NULL,
+  thread INTEGER NOT NULL,
+  packet BLOB NOT NULL);
+CREATE INDEX profile_event_received ON profile_event (received_ms);
+CREATE TABLE profile_order (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  application TEXT NOT NULL,
+  seconds INTEGER NOT NULL,
+  ordered_ms INTEGER NOT NULL,
+  started_ms INTEGER,
+  process INTEGER);
+CREATE TABLE application (
+  name TEXT PRIMARY KEY,
+  query_ms INTEGER,
+  query_process INTEGER,
+  sapi TEXT,
+  php_version TEXT,
+  given TEXT,
+  packet_ms INTEGER,
+  packet_process INTEGER,
+  packets INTEGER NOT NULL DEFAULT 0,
+  seen_ms INTEGER NOT NULL) WITHOUT ROWID;
+)sql";
+
+// Numbers that are given out once: the highest that any action or profile event has had, whether it is still there or
+// not.
+constexpr const char *numbers_given_once = R"sql(
+CREATE TABLE counter (name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;
+INSERT INTO counter SELECT 'action', ifnull(max(id), 0) FROM action;
+INSERT INTO counter SELECT 'profile_event', ifnull(max(id), 0) FROM profile_event;
+DROP INDEX profile_event_received;
+ALTER TABLE profile_order ADD COLUMN ended_ms INTEGER;
+ALTER TABLE profile_order ADD COLUMN closed_ms INTEGER;
+UPDATE profile_order SET ended_ms = ordered_ms, closed_ms = ordered_ms;
+)sql";
+
+constexpr Migration list[] = {
+	{1, first_layout},
+	{2, numbers_given_once},
+};
+
+// How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.
+constexpr int instructions_per_look = 100000;
+
+int asked_to_stop(void *stopping)
+{
+	return static_cast<const std::atomic<bool> *>(stopping)->load();
+}
+
+std::string newer(const Database &database, int64_t version)
+{
+	return database.path() + ": layout " + std::to_string(version) + " is of a newer quorbit, this one knows " +
+		std::to_string(newest_layout()) + ": install the newer one again, or move the store away";
+}
+
+void run(Database &database, const Migration &migration)
+{
+	database.execute("BEGIN IMMEDIATE");
+	try {
+		// Another daemon may have been faster while we waited for the lock.
+		if (database.integer("PRAGMA user_version") == migration.version - 1) {
+			database.execute(migration.sql);
+			database.execute(("PRAGMA user_version = " + std::to_string(migration.version)).c_str());
+		}
+		database.execute("COMMIT");
+	} catch (const SqliteError &) {
+		// An interrupt or a full disk has ended the transaction already.
+		if (!sqlite3_get_autocommit(database.handle())) database.execute("ROLLBACK");
+		throw;
+	}
+}
+
+} // namespace
+
+std::span<const Migration> migrations()
+{
+	return list;
+}
+
+int64_t newest_layout()
+{
+	return std::end(list)[-1].version;
+}
+
+int64_t bring_up_to_date(Database &database, const std::atomic<bool> *stopping)
+{
+	int64_t found = database.integer("PRAGMA user_version");
+	if (found > newest_layout()) throw SqliteError(newer(database, found));
+	if (found == newest_layout()) return found;
+	auto flag = const_cast<std::atomic<bool> *>(stopping);
+	sqlite3_progress_handler(database.handle(), flag ? instructions_per_look : 0, asked_to_stop, flag);
+	for (const Migration &migration : list) {
+		if (migration.version > found) run(database, migration);
+	}
+	sqlite3_progress_handler(database.handle(), 0, nullptr, nullptr);
+	return found;
+}
+
+void require_newest_layout(Database &database)
+{
+	int64_t version = database.integer("PRAGMA user_version");
+	if (version == 0) throw SqliteError(database.path() + ": nothing has been stored yet");
+	if (version > newest_layout()) throw SqliteError(newer(database, version));
+	if (version == newest_layout()) return;
+	throw SqliteError(database.path() + ": layout " + std::to_string(version) +
+		" is of an older quorbit; a restart of the daemon brings it up to date");
+}
+
+} // namespace quorbit
