@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include "zqp_clock.h"
+#include "zqp_setting_table.h"
 #include "zqp_types.h"
 
 #define ZQ_MODULE_NAME "quorbit"
@@ -13,54 +14,15 @@
 
 struct error_element;
 
-/* What the daemon decides per application. `app_cfg_info` and the globals hold the same fields in the same order, so
- * that one table of offsets serves parsing and copying; both are checked against each other in zqp_io_config.cpp. */
-// clang-format off
-#define ZQ_APP_CONFIG_FIELDS                                                                                            \
-	int auto_action_naming;                                                                                         \
-	char *urls_captured;           /* regular expressions, one a line; null: every URI is monitored */              \
-	int capture_params;                                                                                             \
-	char *ignored_params;          /* names separated by "," */                                                     \
-	int error_collector_enabled;                                                                                    \
-	int error_collector_record_db_errors;                                                                           \
-	char *error_collector_ignored_status_codes;                                                                     \
-	int action_tracer_enabled;                                                                                      \
-	int action_tracer_action_threshold;      /* ms */                                                               \
-	int action_tracer_stack_trace_threshold; /* ms */                                                               \
-	int action_tracer_record_sql;            /* 0 off, 1 raw, 2 obfuscated */                                       \
-	int action_tracer_log_sql;                                                                                      \
-	int action_tracer_slow_sql;                                                                                     \
-	int action_tracer_slow_sql_threshold;    /* ms */                                                               \
-	int action_tracer_explain_enabled;                                                                              \
-	int action_tracer_explain_threshold;     /* ms */                                                               \
-	char *naming_rules;                                                                                             \
-	char *web_action_uri_params_captured;                                                                           \
-	int rum_enabled;                                                                                                \
-	char *rum_script;                                                                                               \
-	double rum_sample_ratio;                 /* 0..1 */                                                             \
-	char *vantor_id_secret;                                                                                         \
-	int transaction_tracer_enabled;                                                                                 \
-	uint64 profile_end_time;                 /* s of the monotonic clock; 0: no thread profile */                   \
-	int resource_used;                       /* percent, as the four below */                                       \
-	int resource_enabled;                                                                                           \
-	int resource_low;                                                                                               \
-	int resource_high;                                                                                              \
-	int resource_safe;
-// clang-format on
-
 /* One instance per thread, zero-filled when the thread appears. Lifetimes: "request" memory comes from the engine's
  * request allocator and is gone at request end; "thread" memory is malloc'ed and lives until the thread's globals are
  * destroyed. Time stamps are microseconds of cycle_timer(). The fields of the first group are the interface that the
  * whole agent agrees on; the private ones follow behind `transaction_req_id`. */
-struct zend_zqprof_globals {
-	int daemon_sock;     /* -1: not connected */
-	char *app_name;      /* request */
-	const char *license; /* points at license_copy or at a constant */
-	int agent_enabled;
-	// clang-format off
-	ZQ_APP_CONFIG_FIELDS           /* strings: request copies of the application's record */
-		// clang-format on
-		int hook_enabled; /* 1 only while an action is open; 0: every hook passes straight through */
+struct zend_zqprof_globals : zq_app_config { /* whose texts are request copies of the application's record */
+	int daemon_sock;                         /* -1: not connected */
+	char *app_name;                          /* request */
+	const char *license;                     /* points at license_copy or at a constant */
+	int hook_enabled;                        /* 1 only while an action is open; 0: every hook passes straight through */
 	HashTable *wrapper_function_hash;
 	HashTable *performance_function_hash;
 	char *action_name;     /* request */

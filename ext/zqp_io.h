@@ -74,14 +74,10 @@ int zq_daemon_start(int create_config TSRMLS_DC);
 /* ---- zqp_io_config.cpp: what the daemon decides per application ---- */
 /* One per application and process, malloc'ed with all its strings, kept until module shut-down, shared by threads
  * behind the process lock. */
-typedef struct app_cfg_info {
+typedef struct app_cfg_info : zq_app_config {
 	char *app_id;       /* null when not given */
 	int64_t update_sec; /* s (monotonic) of the last answer with a stamp; 0: due */
 	uint64 daemon_stamp;
-	int agent_enabled;
-	// clang-format off
-	ZQ_APP_CONFIG_FIELDS
-	// clang-format on
 } app_cfg_info;
 
 void zq_app_config_init(void);     /* module start-up: the table of applications, empty */
@@ -100,11 +96,11 @@ void zq_app_resource_used(int percent TSRMLS_DC);
 /* ---- zqp_io_answer.cpp: the daemon's answer ---- */
 /* What an answer changes, taken apart without any lock and without the engine. */
 struct zq_config_answer {
-	app_cfg_info values; /* valid where `given` says so; strings malloc'ed, owned until applied */
-	uint32_t given;      /* bit i: row i of the settings table was set */
-	int stamped;         /* an answer with a stamp puts off the next query */
-	int renewed;         /* a new stamp: strings that are not given go */
-	int newest;          /* the known stamp came back: nothing more to copy */
+	app_cfg_info values;                 /* valid where `given` says so; strings malloc'ed, owned until applied */
+	bool given[zq_setting_table.size()]; /* per row */
+	int stamped;                         /* an answer with a stamp puts off the next query */
+	int renewed;                         /* a new stamp: strings that are not given go */
+	int newest;                          /* the known stamp came back: nothing more to copy */
 };
 /* Takes the records of an answer apart. Stops quietly at a record that overruns; unknown records and keys are skipped.
  * `known_stamp` is the record's at the time of the query. */
@@ -114,27 +110,11 @@ void zq_apply_config_answer(app_cfg_info *rec, zq_config_answer *answer, int64_t
 /* Frees what was not moved. */
 void zq_free_config_answer(zq_config_answer *answer);
 
-/* How a setting's text becomes its field. */
-enum zq_setting_kind {
-	ZQ_SETTING_NUMBER,   /* zq_str_to_int */
-	ZQ_SETTING_SQL_MODE, /* zq_record_type_to_int */
-	ZQ_SETTING_TEXT,     /* copied unless empty */
-	ZQ_SETTING_ANY_TEXT, /* copied, also when empty */
-	ZQ_SETTING_FRACTION, /* decimal floating point */
-	ZQ_SETTING_SECONDS   /* decimal 64-bit */
-};
-struct zq_setting_row {
-	const char *key;
-	size_t key_len;
-	uint64 key_hash;
-	zq_setting_kind kind;
-	size_t offset; /* of the field in app_cfg_info; the globals hold it at the same distance from agent_enabled */
-};
-#define ZQ_SETTING_ROWS 29
-extern const zq_setting_row zq_setting_table[ZQ_SETTING_ROWS];
-static inline int zq_setting_is_text(const zq_setting_row *row)
+/* The field of a row. */
+template <typename T>
+static inline T &zq_setting_field(zq_app_config *config, const zq_setting_row &row)
 {
-	return row->kind == ZQ_SETTING_TEXT || row->kind == ZQ_SETTING_ANY_TEXT;
+	return *(T *)((char *)config + row.offset);
 }
 
 /* ---- zqp_io_environment.cpp: facts about the process that go with every configuration query ---- */

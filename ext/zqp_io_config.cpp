@@ -18,14 +18,6 @@ static const int applications_max = 1024; /* the name may come from the client's
 static HashTable g_app_hash;
 static int g_too_many_logged;
 
-/* One table of offsets serves both structures. */
-static const ptrdiff_t to_globals =
-	offsetof(zend_zqprof_globals, agent_enabled) - offsetof(app_cfg_info, agent_enabled);
-static_assert(
-	offsetof(zend_zqprof_globals, auto_action_naming) - offsetof(app_cfg_info, auto_action_naming) == to_globals);
-static_assert(offsetof(zend_zqprof_globals, rum_sample_ratio) - offsetof(app_cfg_info, rum_sample_ratio) == to_globals);
-static_assert(offsetof(zend_zqprof_globals, resource_safe) - offsetof(app_cfg_info, resource_safe) == to_globals);
-
 void zq_app_config_init(void)
 {
 	zq_environment_init();
@@ -44,8 +36,8 @@ void app_cfg_info_dtor(void *ele)
 	app_cfg_info *rec = *(app_cfg_info **)ele;
 	free(rec->app_id);
 	for (const auto &row : zq_setting_table) {
-		if (zq_setting_is_text(&row)) {
-			free(*(char **)((char *)rec + row.offset));
+		if (zq_setting_is_text(row)) {
+			free(zq_setting_field<char *>(rec, row));
 		}
 	}
 	free(rec);
@@ -124,9 +116,9 @@ static void take_snapshot(config_snapshot *snapshot, const app_cfg_info *rec)
 	*snapshot = *rec;
 	snapshot->app_id = NULL;
 	for (const auto &row : zq_setting_table) {
-		if (zq_setting_is_text(&row)) {
-			char **text = (char **)((char *)snapshot + row.offset);
-			*text = *text ? zq_strdup(*text) : NULL;
+		if (zq_setting_is_text(row)) {
+			char *&text = zq_setting_field<char *>(snapshot, row);
+			text = text ? zq_strdup(text) : NULL;
 		}
 	}
 }
@@ -148,18 +140,14 @@ static void take_text(char **field, char *text)
 static void use_snapshot(config_snapshot *snapshot TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zq_app_config taken = *snapshot;
 	for (const auto &row : zq_setting_table) {
-		char *from = (char *)snapshot + row.offset;
-		char *to = (char *)g + to_globals + row.offset;
-		if (zq_setting_is_text(&row)) {
-			take_text((char **)to, *(char **)from);
-		} else if (row.kind == ZQ_SETTING_FRACTION || row.kind == ZQ_SETTING_SECONDS) {
-			memcpy(to, from, 8);
-		} else {
-			memcpy(to, from, sizeof(int));
+		if (zq_setting_is_text(row)) {
+			take_text(&zq_setting_field<char *>(g, row), zq_setting_field<char *>(snapshot, row));
+			zq_setting_field<char *>(&taken, row) = zq_setting_field<char *>(g, row);
 		}
 	}
-	g->action_tracer_log_sql = snapshot->action_tracer_log_sql; /* has no key: only the setting decides */
+	static_cast<zq_app_config &>(*g) = taken;
 	if (!g->action_tracer_action_threshold) {
 		g->action_tracer_action_threshold = 2000;
 	}

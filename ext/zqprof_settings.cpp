@@ -14,7 +14,7 @@ typedef int (*change_handler)(zend_ini_entry *, char *, uint, void *, void *, vo
 
 /* A script changed a trace setting: the running request follows. At every other stage the settings are read when the
  * application's record is made. ini_restore() may bring a null value. */
-template <int zend_zqprof_globals::*field>
+template <int zq_app_config::*field>
 static int follow_at_run_time(zend_ini_entry *, char *new_value, uint, void *, void *, void *, int stage TSRMLS_DC)
 {
 	if (stage == ZEND_INI_STAGE_RUNTIME) {
@@ -23,7 +23,7 @@ static int follow_at_run_time(zend_ini_entry *, char *new_value, uint, void *, v
 	return SUCCESS;
 }
 
-using globals = zend_zqprof_globals;
+using globals = zq_app_config;
 static constexpr change_handler update_action_tracer_enabled = follow_at_run_time<&globals::action_tracer_enabled>;
 static constexpr change_handler update_action_tracer_action_threshold =
 	follow_at_run_time<&globals::action_tracer_action_threshold>;

@@ -4,6 +4,7 @@
 #include "base/config.h"
 #include "base/log.h"
 #include "base/files.h"
+#include "zqp_setting_table.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,39 +15,13 @@ namespace quorbit {
 
 namespace {
 
-// Everything that agents take from an answer. Others are handed out all the same: an agent passes over what it does not
-// know.
-constexpr std::string_view known_settings[] = {
-	"zqs.action_tracer.action_threshold",
-	"zqs.action_tracer.enabled",
-	"zqs.action_tracer.explain_enabled",
-	"zqs.action_tracer.explain_threshold",
-	"zqs.action_tracer.record_sql",
-	"zqs.action_tracer.slow_sql",
-	"zqs.action_tracer.slow_sql_threshold",
-	"zqs.action_tracer.stack_trace_threshold",
-	"zqs.agent_enabled",
-	"zqs.auto_action_naming",
-	"zqs.capture_params",
-	"zqs.error_collector.enabled",
-	"zqs.error_collector.ignored_status_codes",
-	"zqs.error_collector.record_db_errors",
-	"zqs.ignored_params",
-	"zqs.naming.rules",
-	"zqs.profile_end_time",
-	"zqs.resource.enabled",
-	"zqs.resource.high",
-	"zqs.resource.low",
-	"zqs.resource.safe",
-	"zqs.resource.used",
-	"zqs.rum.enabled",
-	"zqs.rum.sample_ratio",
-	"zqs.rum.script",
-	"zqs.transaction_tracer.enabled",
-	"zqs.urls_captured",
-	"zqs.vantorIdSecret",
-	"zqs.web_action_uri_params_captured",
-};
+// The agent's own table: what it takes from an answer. Other settings are handed out all the same: an agent passes over
+// what it does not know.
+bool agents_know(std::string_view key)
+{
+	return std::any_of(
+		zq_setting_table.begin(), zq_setting_table.end(), [key](const auto &row) { return row.key == key; });
+}
 
 std::string_view trim(std::string_view text)
 {
@@ -100,7 +75,7 @@ private:
 		std::string_view key = trim(content.substr(0, equals)), value = trim(content.substr(equals + 1));
 		if (in_unknown_section_) return;
 		if (!section_) return own_setting(key, value);
-		if (std::find(std::begin(known_settings), std::end(known_settings), key) == std::end(known_settings)) {
+		if (!agents_know(key)) {
 			problem("agents know no setting \"" + std::string(key) + "\"");
 		}
 		value_ = &((*section_)[std::string(key)] = value);

@@ -53,7 +53,7 @@ bool renew(Model *model, const std::string &body, int64_t now)
 	model->has_app_id = false;
 	std::erase_if(model->settings, [](const auto &setting) {
 		const zq_setting_row *row = row_of(setting.first);
-		return zq_setting_is_text(row) || row->kind == ZQ_SETTING_SECONDS;
+		return zq_setting_is_text(*row) || row->kind == ZQ_SETTING_SECONDS;
 	});
 	return true;
 }
@@ -94,7 +94,7 @@ void compare(const app_cfg_info &rec, const Model &model)
 		auto found = model.settings.find(row.key);
 		const std::string *value = found == model.settings.end() ? NULL : &found->second;
 		const void *field = (const char *)&rec + row.offset;
-		if (zq_setting_is_text(&row)) {
+		if (zq_setting_is_text(row)) {
 			compare_text(*(char *const *)field, value);
 		} else if (row.kind == ZQ_SETTING_NUMBER || row.kind == ZQ_SETTING_SQL_MODE) {
 			int number = !value ? 0 : row.kind == ZQ_SETTING_NUMBER ? zq_str_to_int(value->c_str()) : zq_record_type_to_int(value->c_str());
@@ -136,7 +136,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	answer(&rec, &model, input.substr(first), 2000);
 	free(rec.app_id);
 	for (const auto &row : zq_setting_table) {
-		if (zq_setting_is_text(&row)) {
+		if (zq_setting_is_text(row)) {
 			free(*(char **)((char *)&rec + row.offset));
 		}
 	}

@@ -3,6 +3,7 @@
 #include "base/config.h"
 #include "daemon_records.h"
 #include "receive/profile_sessions.h"
+#include "zqp_setting_table.h"
 
 #include <gtest/gtest.h>
 
@@ -66,6 +67,16 @@ TEST(Applications, TellWhatIsWrongAndUseTheRest) {
     EXPECT_EQ(file.store_mb, Applications::default_store_mb);
   }
   EXPECT_TRUE(parse_applications("[*]\nzqs.profile_end_time=1\nzqs.resource.used=0\nzqs.vantorIdSecret=x\n").problems.empty());
+}
+
+// Both ends read one table; the page for whoever writes another daemon has its rows in the same order.
+TEST(Applications, KnowEveryKeyThatTheProtocolPageHas) {
+  const std::string page = data("../../../docs/protocol.md");
+  for (size_t i = 0; i < zq_setting_table.size(); i++) {
+    const std::string key(zq_setting_table[i].key), row = "| " + std::to_string(i + 1) + " | `" + key + "` |";
+    EXPECT_NE(page.find("\n" + row), std::string::npos) << row;
+    EXPECT_TRUE(parse_applications("[*]\n" + key + "=1\n").problems.empty()) << key;
+  }
 }
 
 TEST(Stamps, ChangeWithEverySettingAndOnlyWithThem) {

@@ -51,3 +51,38 @@ TEST_F(Settings, OfApplicationsWithoutNumberTakeNoMemoryWithoutBound)
 	}
 	EXPECT_EQ(record_of("app0"), first);
 }
+
+/* What an answer gives for a row, unlike what it gives for any other. */
+static std::string given_value(size_t i)
+{
+	const zq_setting_kind kind = zq_setting_table[i].kind;
+	return kind == ZQ_SETTING_SQL_MODE ? "obfuscated" : kind == ZQ_SETTING_FRACTION ? "0.5" : std::to_string(100 + i);
+}
+
+TEST_F(Settings, OfOneAnswerAreAllTakenAndEachByItself)
+{
+	zq_config_answer answer;
+	for (size_t alone = 0; alone <= zq_setting_table.size(); alone++) { /* the last round: all together */
+		const auto gives = [alone](size_t i) { return i == alone || alone == zq_setting_table.size(); };
+		std::string records;
+		for (size_t i = 0; i < zq_setting_table.size(); i++) {
+			const std::string body = std::string(zq_setting_table[i].key) + "=" + given_value(i);
+			records += gives(i) ? std::string("\x0D\0\0", 3) + (char)body.size() + body : "";
+		}
+		app_cfg_info record = {};
+		zq_parse_config_answer(&answer, records.data(), records.size(), 0);
+		zq_apply_config_answer(&record, &answer, 0);
+		for (size_t i = 0; i < zq_setting_table.size(); i++) {
+			const zq_setting_row &row = zq_setting_table[i];
+			const char *text = zq_setting_is_text(row) ? zq_setting_field<char *>(&record, row) : NULL;
+			const std::string taken = zq_setting_is_text(row) ? (text ? text : "nothing")
+				: row.kind == ZQ_SETTING_FRACTION ? std::to_string(zq_setting_field<double>(&record, row))
+				: row.kind == ZQ_SETTING_SECONDS ? std::to_string(zq_setting_field<uint64>(&record, row))
+												 : std::to_string(zq_setting_field<int>(&record, row));
+			const std::string none = zq_setting_is_text(row) ? "nothing" : row.kind == ZQ_SETTING_FRACTION ? "0.000000" : "0";
+			const std::string value = row.kind == ZQ_SETTING_SQL_MODE ? "2" : row.kind == ZQ_SETTING_FRACTION ? "0.500000" : given_value(i);
+			EXPECT_EQ(gives(i) ? value : none, taken) << row.key;
+			free(zq_setting_is_text(row) ? zq_setting_field<char *>(&record, row) : NULL);
+		}
+	}
+}

@@ -1,0 +1,127 @@
+/* What the daemon decides per application: the fields, and the keys of its answer that set them. Free of the engine:
+ * the daemon reads these very rows, so that it knows every key that an agent knows. A new setting is a field and a row.
+ */
+#ifndef ZQP_SETTING_TABLE_H
+#define ZQP_SETTING_TABLE_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+
+/* Texts are null when they are not given; who owns them is for the struct that holds these fields to say. */
+struct zq_app_config {
+	int agent_enabled;
+	int auto_action_naming;
+	char *urls_captured; /* regular expressions, one a line; null: every URI is monitored */
+	int capture_params;
+	char *ignored_params; /* names separated by "," */
+	int error_collector_enabled;
+	int error_collector_record_db_errors;
+	char *error_collector_ignored_status_codes;
+	int action_tracer_enabled;
+	int action_tracer_action_threshold;      /* ms */
+	int action_tracer_stack_trace_threshold; /* ms */
+	int action_tracer_record_sql;            /* 0 off, 1 raw, 2 obfuscated */
+	int action_tracer_log_sql;               /* has no key: only php.ini decides */
+	int action_tracer_slow_sql;
+	int action_tracer_slow_sql_threshold; /* ms */
+	int action_tracer_explain_enabled;
+	int action_tracer_explain_threshold; /* ms */
+	char *naming_rules;
+	char *web_action_uri_params_captured;
+	int rum_enabled;
+	char *rum_script;
+	double rum_sample_ratio; /* 0..1 */
+	char *vantor_id_secret;
+	int transaction_tracer_enabled;
+	uint64_t profile_end_time; /* s of the monotonic clock; 0: no thread profile */
+	int resource_used;         /* percent, as the four below */
+	int resource_enabled;
+	int resource_low;
+	int resource_high;
+	int resource_safe;
+};
+
+/* How a setting's text becomes its field. */
+enum zq_setting_kind {
+	ZQ_SETTING_NUMBER,   /* zq_str_to_int */
+	ZQ_SETTING_SQL_MODE, /* zq_record_type_to_int */
+	ZQ_SETTING_TEXT,     /* copied unless empty */
+	ZQ_SETTING_ANY_TEXT, /* copied, also when empty */
+	ZQ_SETTING_FRACTION, /* decimal floating point */
+	ZQ_SETTING_SECONDS   /* decimal 64-bit */
+};
+
+struct zq_setting_row {
+	std::string_view key;
+	zq_setting_kind kind;
+	size_t offset; /* of the field in zq_app_config */
+};
+
+template <zq_setting_kind kind, typename Field>
+consteval zq_setting_row zq_setting_of(std::string_view key, size_t offset)
+{
+	constexpr bool is_text = kind == ZQ_SETTING_TEXT || kind == ZQ_SETTING_ANY_TEXT;
+	using Wanted = std::conditional_t<is_text, char *,
+		std::conditional_t<kind == ZQ_SETTING_FRACTION, double,
+			std::conditional_t<kind == ZQ_SETTING_SECONDS, uint64_t, int>>>;
+	static_assert(std::is_same_v<Field, Wanted>, "the field is not what a setting of this kind becomes");
+	return {key, kind, offset};
+}
+#define SETTING(key, kind, field) \
+	zq_setting_of<ZQ_SETTING_##kind, decltype(zq_app_config::field)>(key, offsetof(zq_app_config, field))
+
+inline constexpr auto zq_setting_table = std::to_array<zq_setting_row>({
+	SETTING("zqs.agent_enabled", NUMBER, agent_enabled),
+	SETTING("zqs.auto_action_naming", NUMBER, auto_action_naming),
+	SETTING("zqs.urls_captured", TEXT, urls_captured),
+	SETTING("zqs.capture_params", NUMBER, capture_params),
+	SETTING("zqs.ignored_params", TEXT, ignored_params),
+	SETTING("zqs.error_collector.enabled", NUMBER, error_collector_enabled),
+	SETTING("zqs.error_collector.record_db_errors", NUMBER, error_collector_record_db_errors),
+	SETTING("zqs.error_collector.ignored_status_codes", TEXT, error_collector_ignored_status_codes),
+	SETTING("zqs.action_tracer.enabled", NUMBER, action_tracer_enabled),
+	SETTING("zqs.action_tracer.action_threshold", NUMBER, action_tracer_action_threshold),
+	SETTING("zqs.action_tracer.stack_trace_threshold", NUMBER, action_tracer_stack_trace_threshold),
+	SETTING("zqs.action_tracer.record_sql", SQL_MODE, action_tracer_record_sql),
+	SETTING("zqs.action_tracer.slow_sql", NUMBER, action_tracer_slow_sql),
+	SETTING("zqs.action_tracer.slow_sql_threshold", NUMBER, action_tracer_slow_sql_threshold),
+	SETTING("zqs.action_tracer.explain_enabled", NUMBER, action_tracer_explain_enabled),
+	SETTING("zqs.action_tracer.explain_threshold", NUMBER, action_tracer_explain_threshold),
+	SETTING("zqs.naming.rules", TEXT, naming_rules),
+	SETTING("zqs.web_action_uri_params_captured", TEXT, web_action_uri_params_captured),
+	SETTING("zqs.rum.enabled", NUMBER, rum_enabled),
+	SETTING("zqs.rum.script", ANY_TEXT, rum_script),
+	SETTING("zqs.rum.sample_ratio", FRACTION, rum_sample_ratio),
+	SETTING("zqs.vantorIdSecret", ANY_TEXT, vantor_id_secret),
+	SETTING("zqs.transaction_tracer.enabled", NUMBER, transaction_tracer_enabled),
+	SETTING("zqs.resource.enabled", NUMBER, resource_enabled),
+	SETTING("zqs.resource.low", NUMBER, resource_low),
+	SETTING("zqs.resource.high", NUMBER, resource_high),
+	SETTING("zqs.resource.safe", NUMBER, resource_safe),
+	SETTING("zqs.profile_end_time", SECONDS, profile_end_time),
+	SETTING("zqs.resource.used", NUMBER, resource_used),
+});
+#undef SETTING
+
+consteval bool zq_settings_differ()
+{
+	for (const zq_setting_row &row : zq_setting_table) {
+		for (const zq_setting_row &other : zq_setting_table) {
+			if (&row != &other && (row.key == other.key || row.offset == other.offset)) {
+				return false;
+			}
+		}
+	}
+	return true;
+}
+static_assert(zq_settings_differ(), "a key or a field has two rows");
+
+static inline bool zq_setting_is_text(const zq_setting_row &row)
+{
+	return row.kind == ZQ_SETTING_TEXT || row.kind == ZQ_SETTING_ANY_TEXT;
+}
+
+#endif
