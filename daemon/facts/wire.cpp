@@ -1,6 +1,7 @@
 // Framing, configuration queries and their answers.
 #include "facts/wire.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -27,6 +28,26 @@ std::optional<std::vector<Record>> read_records(std::string_view body)
 		body.remove_prefix(header.length);
 	}
 	return records;
+}
+
+bool RecordWalk::pass(std::string_view bytes)
+{
+	left_ -= bytes.size();
+	while (!bytes.empty()) {
+		size_t passed = std::min(in_record_, bytes.size());
+		in_record_ -= passed;
+		bytes.remove_prefix(passed);
+		if (bytes.empty()) break;
+		size_t count = std::min(header_size - header_bytes_, bytes.size());
+		memcpy(header_ + header_bytes_, bytes.data(), count);
+		bytes.remove_prefix(count);
+		header_bytes_ += count;
+		if (header_bytes_ < header_size) break;
+		header_bytes_ = 0;
+		in_record_ = read_header(header_).length;
+		if (in_record_ > bytes.size() + left_) return false;
+	}
+	return true;
 }
 
 bool append_record(std::string &out, uint8_t type, std::string_view body)

@@ -68,6 +68,24 @@ Header read_header(const char *bytes);
 // The records that fill `body` exactly; nothing when a header is cut short or a length overruns.
 std::optional<std::vector<Record>> read_records(std::string_view body);
 
+// Follows the records of a packet's body as it arrives, in pieces of any length, and keeps none of it.
+class RecordWalk {
+public:
+	explicit RecordWalk(size_t body_bytes = 0) : left_(body_bytes) {}
+
+	// The next bytes of the body, no more than are left of it. False when a record overruns it.
+	bool pass(std::string_view bytes);
+
+	// Whether nothing has begun that is not whole; asked when the whole body was passed.
+	bool at_end() const { return header_bytes_ == 0; }
+
+private:
+	size_t left_;          // of the body
+	size_t in_record_ = 0; // of the record that is being passed
+	char header_[header_size];
+	size_t header_bytes_ = 0;
+};
+
 // Appends one record. False, with nothing appended, when the body cannot be framed (body_limit bytes or more).
 bool append_record(std::string &out, uint8_t type, std::string_view body);
 

@@ -1,60 +1,86 @@
 // Buffers of a connection and their common budget.
 #include "receive/connection.h"
 
-#include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace quorbit {
 
 Connection::~Connection()
 {
-	budget_.used_bytes -= charged_bytes_;
+	budget_.used_bytes -= room_ + answer_.size();
 }
 
-void Connection::charge()
+// False, with nothing charged, when the budget has not so much.
+bool Connection::charge(size_t bytes)
 {
-	// Small strings live inside the object.
-	auto held = [](const std::string &text) { return text.capacity() > sizeof text ? text.capacity() : 0; };
-	size_t now = held(partial_) + held(answer_);
-	budget_.used_bytes = budget_.used_bytes - charged_bytes_ + now;
-	charged_bytes_ = now;
+	if (budget_.used_bytes + bytes > budget_.most_bytes) return false;
+	budget_.used_bytes += bytes;
+	return true;
+}
+
+// Whether the header is whole.
+bool Connection::take_header(std::string_view &bytes)
+{
+	size_t count = std::min(header_size - header_bytes_, bytes.size());
+	memcpy(header_ + header_bytes_, bytes.data(), count);
+	bytes.remove_prefix(count);
+	header_bytes_ += count;
+	return header_bytes_ == header_size;
+}
+
+const char *Connection::begin_body()
+{
+	Header header = read_header(header_);
+	bool packet =
+		header.type == record_thread_profile || header.type == record_app_info || header.type == record_metric;
+	if (!packet) return "sent something that is no packet";
+	type_ = header.type;
+	length_ = header.length;
+	records_ = RecordWalk(header.length);
+	return nullptr;
 }
 
 bool Connection::keep_partial(std::string_view bytes)
 {
+	// What a header announces is believed by degrees: four times what has come.
+	constexpr size_t least = size_t{64} << 10;
 	size_t needed = partial_.size() + bytes.size();
-	if (needed > partial_.capacity() && partial_.size() >= header_size) {
-		// Doubling, but not beyond what the packet will need.
-		size_t whole = header_size + read_header(partial_.data()).length;
-		partial_.reserve(std::max(needed, std::min(2 * partial_.capacity(), whole)));
+	if (needed > room_) {
+		size_t room = std::min(length_, std::max(least, 4 * needed));
+		if (!charge(room - room_)) return false;
+		room_ = room;
+		// Into a new text: one that grows takes twice what it had, and not what is asked for.
+		std::string larger;
+		larger.reserve(room);
+		partial_ = std::move(larger.append(partial_));
 	}
 	partial_ += bytes;
-	charge();
-	return budget_.used_bytes <= budget_.most_bytes;
+	return true;
 }
 
-void Connection::drop_partial(size_t bytes)
+// The body, whose memory is the caller's from now on.
+std::string Connection::end_packet()
 {
-	if (bytes == 0) return;
-	// Into a string of its own size: what was taken for a large packet is given back.
-	partial_ = std::string(partial_, bytes);
-	charge();
+	budget_.used_bytes -= std::exchange(room_, 0);
+	return std::exchange(partial_, {});
 }
 
 bool Connection::keep_answer(std::string_view rest)
 {
+	if (!charge(rest.size())) return false;
 	answer_ = rest;
 	answer_sent_ = 0;
-	charge();
-	return budget_.used_bytes <= budget_.most_bytes;
+	return true;
 }
 
 void Connection::answer_sent(size_t bytes)
 {
 	answer_sent_ += bytes;
 	if (answer_sent_ < answer_.size()) return;
+	budget_.used_bytes -= answer_.size();
 	std::string().swap(answer_);
 	answer_sent_ = 0;
-	charge();
 }
 
 } // namespace quorbit

@@ -3,7 +3,7 @@
 
 #include "facts/wire.h"
 
-#include <memory>
+#include <algorithm>
 
 namespace quorbit {
 
@@ -24,16 +24,17 @@ public:
 	Connection(const Connection &) = delete;
 	Connection &operator=(const Connection &) = delete;
 
-	// Takes received bytes and calls on_packet(type, body) for every packet that is whole now. What follows the last
-	// whole packet is kept. Returns what is wrong with the bytes or with a packet (on_packet's result), after which the
-	// connection is of no more use; null when nothing is.
+	// Takes received bytes and calls on_packet(type, body) for every packet that is whole now, with a std::string to
+	// keep, in which records are known to fill the body exactly. What follows the last whole packet is kept. Returns
+	// what is wrong with the bytes or with a packet (on_packet's result), after which the connection is of no more use;
+	// null when nothing is.
 	template <typename OnPacket>
 	const char *receive(std::string_view bytes, OnPacket on_packet);
 
 	// The part of the answer not yet taken by the agent. At most one answer waits: until it is taken nothing is
 	// received.
 	std::string_view waiting_answer() const { return std::string_view(answer_).substr(answer_sent_); }
-	bool has_partial_packet() const { return !partial_.empty(); }
+	bool has_partial_packet() const { return header_bytes_ > 0; }
 	bool is_busy() const { return has_partial_packet() || !answer_.empty(); }
 
 	// Keeps what could not be sent of an answer. False when the budget is spent.
@@ -45,17 +46,20 @@ public:
 	int64_t busy_since_second = 0; // monotonic; when is_busy(), since when
 
 private:
-	static bool is_packet_type(uint8_t type)
-	{
-		return type == record_thread_profile || type == record_app_info || type == record_metric;
-	}
+	bool take_header(std::string_view &bytes);
+	const char *begin_body();
 	bool keep_partial(std::string_view bytes);
-	void drop_partial(size_t bytes); // off the front
-	void charge();
+	std::string end_packet();
+	bool charge(size_t bytes);
 
 	BufferBudget &budget_;
-	size_t charged_bytes_ = 0;
-	std::string partial_;
+	char header_[header_size];
+	size_t header_bytes_ = 0;
+	uint8_t type_ = 0;
+	size_t length_ = 0;   // of the body, when the header is whole
+	RecordWalk records_;  // of the body, as far as it has come
+	std::string partial_; // the body, as far as it has come
+	size_t room_ = 0;     // what partial_ takes and is charged for
 	std::string answer_;
 	size_t answer_sent_ = 0;
 };
@@ -63,23 +67,25 @@ private:
 template <typename OnPacket>
 const char *Connection::receive(std::string_view bytes, OnPacket on_packet)
 {
-	constexpr const char *over_budget = "dropped: too much is half received";
-	// Bytes that end a packet begun earlier are joined to it; all others are read where they lie.
-	bool joined = !partial_.empty();
-	if (joined && !keep_partial(bytes)) return over_budget;
-	std::string_view unread = joined ? std::string_view(partial_) : bytes;
-	while (unread.size() >= header_size) {
-		Header header = read_header(unread.data());
-		if (!is_packet_type(header.type)) return "sent something that is no packet";
-		if (unread.size() < header_size + header.length) break;
-		std::string_view body = unread.substr(header_size, header.length);
-		unread.remove_prefix(header_size + header.length);
-		if (const char *fault = on_packet(header.type, body)) return fault;
+	constexpr const char *overrun = "sent a packet whose records do not fit into it";
+	while (!bytes.empty()) {
+		if (header_bytes_ < header_size) {
+			if (!take_header(bytes)) return nullptr;
+			if (const char *fault = begin_body()) return fault;
+		}
+		std::string_view piece = bytes.substr(0, length_ - partial_.size());
+		bytes.remove_prefix(piece.size());
+		if (!records_.pass(piece)) return overrun;
+		bool whole = partial_.size() + piece.size() == length_;
+		if (whole && !records_.at_end()) return overrun;
+		// A packet that came in one piece is copied from where it lies.
+		bool joined = !whole || !partial_.empty();
+		if (joined && !keep_partial(piece)) return "dropped: too much is half received";
+		if (!whole) return nullptr;
+		std::string body = joined ? end_packet() : std::string(piece);
+		header_bytes_ = 0;
+		if (const char *fault = on_packet(type_, std::move(body))) return fault;
 	}
-	if (joined)
-		drop_partial(partial_.size() - unread.size());
-	else if (!unread.empty() && !keep_partial(unread))
-		return over_budget;
 	return nullptr;
 }
 

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <grp.h>
+#include <malloc.h>
 #include <memory>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -130,6 +131,8 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config)
 int serve(const DaemonConfig &config, std::unique_ptr<Listener> listener)
 {
 	int status = 0;
+	// Packets larger than this get pages of their own, which go back as soon as they are stored.
+	mallopt(M_MMAP_THRESHOLD, 256 << 10);
 	try {
 		ProfileSessions sessions;
 		StoreWriter writer(config.store_file(), sessions);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -179,25 +180,24 @@ bool Server::receive(Connection &connection)
 	}
 	if (!connection.is_busy()) connection.busy_since_second = monotonic_second();
 	const char *fault =
-		connection.receive({scratch_.get(), static_cast<size_t>(count)}, [&](uint8_t type, std::string_view body) {
+		connection.receive({scratch_.get(), static_cast<size_t>(count)}, [&](uint8_t type, std::string body) {
 			connection.busy_since_second = monotonic_second();
-			return on_packet(connection, type, body);
+			return on_packet(connection, type, std::move(body));
 		});
+	received_bytes_ += count;
 	if (fault) close_connection(connection, fault);
 	return !fault;
 }
 
 // What is wrong with the packet; nothing when it was taken.
-const char *Server::on_packet(Connection &connection, uint8_t type, std::string_view body)
+const char *Server::on_packet(Connection &connection, uint8_t type, std::string body)
 {
-	constexpr const char *overrun = "sent a packet whose records do not fit into it";
-	if (type == record_app_info) {
-		auto query = read_query(body);
-		return query ? answer_query(connection, *query) : overrun;
+	if (type != record_app_info) {
+		writer_.put(StoredPacket{type, connection.process, wall_clock_ms(), std::move(body)});
+		return nullptr;
 	}
-	if (!read_records(body)) return overrun;
-	writer_.put(StoredPacket{type, connection.process, wall_clock_ms(), std::string(body)});
-	return nullptr;
+	auto query = read_query(body);
+	return query ? answer_query(connection, *query) : "sent a query that cannot be read";
 }
 
 const char *Server::answer_query(Connection &connection, const Query &query)
@@ -265,11 +265,25 @@ void Server::close_stalled()
 	if (now == swept_second_) return;
 	swept_second_ = now;
 	if (!accepting_) resume_accepting();
+	give_memory_back();
 	for (auto next = connections_.begin(); next != connections_.end();) {
 		Connection &connection = *(next++)->second;
 		bool stalled = connection.is_busy() && now - connection.busy_since_second > stall_seconds;
 		if (stalled) close_connection(connection, "stalled within a packet");
 	}
+}
+
+// What a burst took lies scattered over the allocator's heaps; in the quiet seconds after it, whole pages go back.
+void Server::give_memory_back()
+{
+	constexpr int64_t quiet_bytes = int64_t{1} << 20, burst_bytes = int64_t{16} << 20;
+	constexpr int times = 8; // the store's thread may have a backlog still
+	bool quiet = received_bytes_ < quiet_bytes;
+	if (received_bytes_ > burst_bytes) trims_due_ = times;
+	received_bytes_ = 0;
+	if (!quiet || trims_due_ == 0) return;
+	trims_due_--;
+	malloc_trim(0);
 }
 
 } // namespace quorbit

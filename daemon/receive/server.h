@@ -31,10 +31,11 @@ private:
 	void handle(Connection &connection, uint32_t events);
 	bool receive(Connection &connection);
 	bool send_waiting(Connection &connection);
-	const char *on_packet(Connection &connection, uint8_t type, std::string_view body);
+	const char *on_packet(Connection &connection, uint8_t type, std::string body);
 	const char *answer_query(Connection &connection, const Query &query);
 	void close_connection(Connection &connection, const char *why);
 	void close_stalled();
+	void give_memory_back();
 	void watch(Connection &connection);
 
 	std::unique_ptr<Listener> listener_;
@@ -42,6 +43,8 @@ private:
 	int signals_ = -1;
 	bool accepting_ = true;
 	int64_t swept_second_ = 0, kept_second_ = 0;
+	int64_t received_bytes_ = 0; // since the last sweep
+	int trims_due_ = 0;
 	StoreWriter &writer_;
 	ProfileSessions &sessions_;
 	ApplicationsFile applications_;

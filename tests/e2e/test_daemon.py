@@ -1,6 +1,9 @@
 """The real daemon: the agent starts it, it answers by applications.conf, keeps what comes, and shows it."""
+import re
 import socket
 import subprocess
+from contextlib import ExitStack
+from pathlib import Path
 
 import pytest
 
@@ -51,6 +54,25 @@ def test_a_broken_client_costs_only_its_connection(real, noise):
         client.sendall(noise)
         real.php()
         real.reports(2)
+
+
+def memory_kb(pid):
+    return int(re.search(r"VmRSS:\s*(\d+)", Path(f"/proc/{pid}/status").read_text())[1])
+
+
+def test_idle_connections_hold_no_memory(real):
+    """A thousand that have sent a packet of 300 KB each; what the burst took goes back."""
+    real.php()
+    real.reports(1)
+    pid, = real.pids()
+    before = memory_kb(pid)
+    packet = wire.record(0x0B, wire.record(0x11, "Shop") + wire.record(0x25, bytes(300_000)))
+    with ExitStack() as clients:
+        for _ in range(1000):
+            client = clients.enter_context(socket.socket(socket.AF_UNIX))
+            client.connect(str(real.logs / ".quorbit.sock"))
+            client.sendall(packet)
+        wait_until(lambda: memory_kb(pid) < before + 32_768, "the memory to go back", 20)
 
 
 def test_a_profile_shows_the_calls_of_an_application(real):

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <vector>
+
 using namespace quorbit;
 using namespace quorbit_test;
 
@@ -69,9 +72,9 @@ std::string deliver(const std::string& bytes, size_t piece, BufferBudget& budget
   Connection connection(-1, 1, budget);
   std::string seen;
   for (size_t at = 0; at < bytes.size(); at += piece) {
-    const char* fault = connection.receive(std::string_view(bytes).substr(at, piece), [&](uint8_t type, std::string_view body) {
-      seen += std::to_string(type) + ":" + std::string(body) + ";";
-      return body == "bad" ? "bad packet" : nullptr;
+    const char* fault = connection.receive(std::string_view(bytes).substr(at, piece), [&](uint8_t type, std::string body) {
+      seen += std::to_string(type) + ":" + body.substr(std::min(body.size(), size_t{4})) + ";";
+      return body == record(0x11, "bad") ? "bad packet" : nullptr;
     });
     if (fault) return seen + fault;
   }
@@ -81,15 +84,19 @@ std::string deliver(const std::string& bytes, size_t piece, BufferBudget& budget
 }  // namespace
 
 TEST(Connection, PutsPacketsTogetherHoweverTheyArrive) {
-  const std::string packets = record(0x0B, "metric") + record(0x0A, "") + record(0x09, "profile");
+  auto packet = [](int type, std::string_view text) { return record(type, record(0x11, text)); };
+  const std::string packets = packet(0x0B, "metric") + record(0x0A, "") + packet(0x09, "profile");
+  const char* const overrun = "sent a packet whose records do not fit into it";
   const struct {
     std::string bytes;
-    const char* seen;
+    std::string seen;
   } rows[] = {
       {packets, "11:metric;10:;9:profile;"},
       {packets.substr(0, packets.size() - 1), "11:metric;10:;partial"},
-      {record(0x0B, "a") + record(0x0D, "b") + packets, "11:a;sent something that is no packet"},
-      {record(0x0B, "bad") + packets, "11:bad;bad packet"},
+      {packet(0x0B, "a") + record(0x0D, "b") + packets, "11:a;sent something that is no packet"},
+      {packet(0x0B, "bad") + packets, "11:bad;bad packet"},
+      {record(0x0B, "\x11\0\0\x02x"sv) + packets, overrun},
+      {record(0x0B, record(0x11, "x") + "\x11\0\0"s) + packets, overrun},
   };
   for (const auto& row : rows) {
     for (size_t piece = 1; piece <= row.bytes.size(); piece++) {
@@ -102,12 +109,12 @@ TEST(Connection, PutsPacketsTogetherHoweverTheyArrive) {
 
 TEST(Connection, HoldsNoMoreThanTheBudgetAndGivesItBack) {
   BufferBudget budget{100000};
-  const std::string large = "\x0B\xFF\xFF\xFF"s + std::string(90000, 'x');
+  const std::string large = "\x0B\xFF\xFF\xFF\x25\xFF\xFF\xFB"s + std::string(70000, 'x');
+  auto ignore = [](uint8_t, std::string) -> const char* { return nullptr; };
   {
     Connection first(-1, 1, budget), second(-1, 2, budget);
-    auto ignore = [](uint8_t, std::string_view) -> const char* { return nullptr; };
-    EXPECT_EQ(first.receive(large, ignore), nullptr);
-    EXPECT_GE(budget.used_bytes, large.size());
+    EXPECT_EQ(first.receive(large.substr(0, 20000), ignore), nullptr);
+    EXPECT_GE(budget.used_bytes, 20000u);
     EXPECT_NE(second.receive(large, ignore), nullptr) << "two of them are too many";
   }
   EXPECT_EQ(budget.used_bytes, 0u);
@@ -119,4 +126,23 @@ TEST(Connection, HoldsNoMoreThanTheBudgetAndGivesItBack) {
   agent.answer_sent(30000);
   EXPECT_FALSE(agent.is_busy());
   EXPECT_EQ(budget.used_bytes, 0u);
+}
+
+TEST(Connection, TakesWhatAPacketTakesAndNothingWhenIdle) {
+  BufferBudget budget{size_t{1} << 30};
+  const std::string large = "\x0B\x04\x00\x04\x25\x04\x00\x00"s + std::string(1 << 18, 'x'), next = record(0x0B, "");
+  std::vector<std::unique_ptr<Connection>> agents;
+  size_t kept = 0;
+  for (int i = 0; i < 1000; i++) {
+    agents.push_back(std::make_unique<Connection>(-1, i, budget));
+    auto keep = [&](uint8_t, std::string body) -> const char* {
+      kept += body.size();
+      return nullptr;
+    };
+    agents[i]->receive(large.substr(0, 200000), keep);
+    EXPECT_LE(budget.used_bytes, large.size());
+    agents[i]->receive(large.substr(200000) + next, keep);
+    ASSERT_EQ(budget.used_bytes, 0u) << i;
+  }
+  EXPECT_EQ(kept, 1000 * (large.size() - 4));
 }
