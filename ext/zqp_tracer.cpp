@@ -99,8 +99,8 @@ void tracer_element_dtor(void *ele)
 	}
 }
 
-/* The engine's sort is not stable: on equal starts the longer call must be named as the earlier one, or a call would
- * become its own callee's child. */
+/* The engine's sort is not stable: on equal starts the longer call must be named as the earlier one, and of two with
+ * one span, as thin layers have them, the later to return, or a call would become its own callee's child. */
 int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **s TSRMLS_DC)
 {
 	const tracer_element *first = (const tracer_element *)(*f)->data;
@@ -108,7 +108,7 @@ int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **
 	if (first->start != second->start) {
 		return first->start > second->start;
 	}
-	return first->end < second->end;
+	return first->end != second->end ? first->end < second->end : first->number < second->number;
 }
 
 void zq_note_recorded_limit(const char *what TSRMLS_DC)
@@ -138,6 +138,7 @@ void zq_trace_append(tracer_element *element TSRMLS_DC)
 		tracer_element_dtor(element);
 		efree(zq_list_node(element));
 	} else {
+		element->number = (unsigned)ZQG(tracer)->count;
 		zq_list_append(ZQG(tracer), element);
 	}
 }

@@ -36,6 +36,8 @@ typedef struct tracer_element {
 	void *data;     /* borrowed: the element in `sqls` or `webservices` */
 	uint64 start;   /* us */
 	uint64 end;     /* us */
+	/* private */
+	unsigned number; /* of its appending: a call comes after those that it made */
 } tracer_element;
 
 typedef struct tracer_tree_node {
@@ -51,7 +53,8 @@ typedef struct tracer_tree_node {
  * block that is released by giving it to zq_trace_append(). */
 tracer_element *tracer_element_alloc(const char *cls, const char *func);
 void tracer_element_dtor(void *ele); /* frees filename; not data, not the block */
-/* For zend_llist_sort: 1 when f belongs behind s (later start; on equal starts the earlier end), else 0. */
+/* For zend_llist_sort: 1 when f belongs behind s (later start; on equal starts the earlier end; on equal
+ * spans the one appended first), else 0. */
 int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **s TSRMLS_DC);
 /* Logs once per action, at DEBUG, that `what` (plural) has reached its bound. */
 void zq_note_recorded_limit(const char *what TSRMLS_DC);

@@ -3,7 +3,7 @@ import pytest
 
 from support import wire
 from support.cases import program
-from support.engines import ENGINE, SCRIPTS
+from support.engines import ENGINE, SCRIPTS, Fpm
 
 INI = {"memory_limit": "32M", "display_errors": "1", "html_errors": "0", "log_errors": "1", "error_log": "/dev/stderr"}
 TRACED = {"zqs.action_tracer.action_threshold": "1", "zqs.error_collector.enabled": "1", "zqs.transaction_tracer.enabled": "1"}
@@ -29,6 +29,21 @@ def test_calls_are_timed_under_their_names(site, name, components, traced):
     assert set(metric.components) - {"PHP/NULL/compile", "PHP/NULL/remainder code"} == {"PHP/" + c for c in components.split()}
     nodes = {f"{node[5]}::{node[6]}" for node in wire.nodes(metric.trace)}
     assert nodes - {"PHP::compile"} == {"PHP::execute", "::usleep", *traced.split()}
+
+
+def test_thin_layers_keep_their_order(site):
+    """Calls that begin and end within the same microseconds; few enough at once that none is left out."""
+    layers = ["Front::run", "Orders::show", "Service::load", "Repository::find", "Table::select", "Link::ask", "::usleep"]
+    code = "".join(f"class {cls} {{ static function {func}() {{ {inner}({'2000' * (cls == 'Link')}); }} }}"
+                   for (cls, func), inner in zip([layer.split("::") for layer in layers[:-1]], layers[1:-1] + ["usleep"]))
+    server, wrong = site.serve(Fpm), []
+    site.daemon.configure(TRACED)
+    for _ in range(40):
+        chains = server.get(code + "for ($i = 0; $i < 10; $i++) Front::run();", twin=False).metric.trace[8]
+        chains = [chain for chain in chains if chain[6] != "compile"]
+        assert len(chains) == 10
+        wrong += [found for found in ([f"{node[5]}::{node[6]}" for node in wire.nodes(chain)] for chain in chains) if found != layers]
+    assert wrong == []
 
 
 def test_an_action_threshold_of_zero_is_the_default(site):

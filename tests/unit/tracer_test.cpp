@@ -57,6 +57,7 @@ TEST_F(Trace, PlacesCallsByTheirTimeSpans)
 		{{{"middle", 0, 10}, {"outer", 0, 15}, {"inner", 0, 5}}, "execute(outer(middle(inner())))"},
 		{{{"outer", 0, 15}, {"inner", 0, 5}, {"middle", 0, 10}}, "execute(outer(middle(inner())))"},
 		{{{"a", 110, 130}, {"b", 119, 125}}, "execute(a(b()))"},
+		{{{"f", 0, 9}, {"e", 0, 9}, {"d", 0, 9}, {"c", 0, 9}, {"b", 0, 9}, {"a", 0, 9}}, "execute(a(b(c(d(e(f()))))))"},
 		{{{"late", 120, 150}, {"below", 130, 140}, {"beside", 160, 170}}, "execute()"},
 	};
 	for (const auto &c : cases) {
