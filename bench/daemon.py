@@ -196,7 +196,7 @@ def idle_row(record):
         target.settled("Bench")
         time.sleep(3)
         record.add("1,000 idle connections after 300 KB each: more memory", "MB", [target.memory_mb("VmRSS") - before], MOST_IDLE_MB)
-        large = run(target, "Large", 1_000_000, 200, 100, 3)
+        large = run(target, "Large", 1_000_000, 200, 15, 3)
         stored = target.wait_stored("Large", large["started"], 5)
         record.add("and 1 MB packets lost beside them", "%", [100 * (1 - stored / large["started"])], MOST_LOST)
         clients.end()

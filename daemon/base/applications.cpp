@@ -142,7 +142,6 @@ const Applications &ApplicationsFile::current()
 {
 	struct stat now = {};
 	bool exists = stat(path_.c_str(), &now) == 0;
-	// Only a plain file: opening a pipe that somebody put in its place would wait for ever.
 	if (!exists || !S_ISREG(now.st_mode)) {
 		if (!exists && errno == ENOENT) applications_ = {};
 		seen_ = {};
@@ -160,7 +159,7 @@ const Applications &ApplicationsFile::current()
 void ApplicationsFile::reload()
 {
 	try {
-		applications_ = parse_applications(read_file(path_));
+		applications_ = parse_applications(read_file(path_, true));
 	} catch (const std::runtime_error &failure) {
 		log_message(LogLevel::warning, std::string("settings stay as they were: ") + failure.what());
 		return;

@@ -4,14 +4,53 @@
 #include "base/files.h"
 
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
 namespace quorbit {
 
+namespace {
+
+// Every name that the daemon has in its folder. Another account may have left something there under any of them: what
+// is opened under a name of this table is opened as open_trusted() does, and a test tries each. (SQLite opens the two
+// beside the store, and follows no link.)
+enum FolderFile {
+	config_file,
+	socket_file,
+	pid_file,
+	fresh_pid_file,
+	lock_file,
+	log_file,
+	store_file,
+	store_log_file,
+	store_index_file,
+	applications_file,
+	folder_files,
+};
+constexpr const char *folder_names[] = {
+	".quorbit.cfg",
+	".quorbit.sock",
+	"quorbit.pid",
+	"quorbit.pid.new",
+	"quorbit.pid.lock",
+	"daemon.log",
+	"quorbit.db",
+	"quorbit.db-wal",
+	"quorbit.db-shm",
+	"applications.conf",
+};
+static_assert(std::size(folder_names) == folder_files);
+
+} // namespace
+
 std::string DaemonConfig::folder() const
 {
 	return std::filesystem::path(pid_file).parent_path().string();
+}
+std::string DaemonConfig::fresh_pid_file() const
+{
+	return pid_file + ".new";
 }
 std::string DaemonConfig::lock_file() const
 {
@@ -19,11 +58,11 @@ std::string DaemonConfig::lock_file() const
 }
 std::string DaemonConfig::store_file() const
 {
-	return folder() + "/quorbit.db";
+	return folder() + "/" + folder_names[FolderFile::store_file];
 }
 std::string DaemonConfig::applications_file() const
 {
-	return folder() + "/applications.conf";
+	return folder() + "/" + folder_names[FolderFile::applications_file];
 }
 
 DaemonConfig parse_daemon_config(std::string_view text)
@@ -67,9 +106,9 @@ DaemonConfig default_daemon_config(const std::string &runtime_root)
 {
 	std::string folder = std::filesystem::absolute(runtime_root).string() + "/log/quorbit/";
 	DaemonConfig config;
-	config.log_file = folder + "daemon.log";
-	config.pid_file = folder + "quorbit.pid";
-	config.socket_file = folder + ".quorbit.sock";
+	config.log_file = folder + folder_names[FolderFile::log_file];
+	config.pid_file = folder + folder_names[FolderFile::pid_file];
+	config.socket_file = folder + folder_names[FolderFile::socket_file];
 	return config;
 }
 

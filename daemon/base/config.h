@@ -15,6 +15,7 @@ struct DaemonConfig {
 
 	// The folder of the pid file, without a slash at its end.
 	std::string folder() const;
+	std::string fresh_pid_file() const;    // beside the pid file, which it becomes
 	std::string lock_file() const;         // beside the pid file
 	std::string store_file() const;        // "quorbit.db"
 	std::string applications_file() const; // "applications.conf"

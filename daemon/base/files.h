@@ -6,11 +6,16 @@
 
 namespace quorbit {
 
-// The whole of a file. Throws std::runtime_error when it cannot be read, is larger than 64 MiB or, where that is asked
-// for, belongs to another than root or this process's user.
+// The whole of a file. Throws std::system_error when it cannot be opened, std::runtime_error when it cannot be read, is
+// larger than 64 MiB or, where that is asked for, may be another account's doing: see open_trusted(); then it also has
+// to be a plain file of one name that belongs to root or this process's user.
 std::string read_file(const std::string &path, bool of_root_or_us = false);
 
-// Whether only root and this process's user can have made the file: the folder may be writable for others.
+// open() in a folder that may be writable for others: it does not wait for a pipe, and follows a link only when the
+// link is root's or this process's user's. -1 and errno as open() has them.
+int open_trusted(const std::string &path, int flags, mode_t mode = 0);
+
+// Whether only root and this process's user can have made the file.
 bool is_of_root_or_us(const struct stat &status);
 
 } // namespace quorbit

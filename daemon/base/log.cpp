@@ -22,30 +22,9 @@ LogLevel log_level = LogLevel::off;
 
 constexpr const char *level_names[] = {"OFF", "CRITICAL", "ERROR", "WARNING", "INFO", "VERBOSE", "DEBUG"};
 
-// The target of a link that nobody but root or us can have made; "" otherwise.
-std::string trusted_target(const std::string &path)
-{
-	int link = open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-	if (link == -1) return {};
-	struct stat status;
-	char target[4096];
-	ssize_t length = -1;
-	if (fstat(link, &status) == 0 && is_of_root_or_us(status)) {
-		length = readlinkat(link, "", target, sizeof target);
-	}
-	close(link);
-	if (length <= 0) return {};
-	std::string to(target, static_cast<size_t>(length));
-	return to[0] == '/' ? to : path.substr(0, path.rfind('/') + 1) + to;
-}
-
 int open_log()
 {
-	constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-	int file = open(log_path.c_str(), flags, 0640);
-	if (file != -1 || errno != ELOOP) return file;
-	std::string target = trusted_target(log_path);
-	return target.empty() ? -1 : open(target.c_str(), flags, 0640);
+	return open_trusted(log_path, O_WRONLY | O_APPEND | O_CREAT, 0640);
 }
 
 } // namespace

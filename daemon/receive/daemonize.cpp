@@ -12,9 +12,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <grp.h>
 #include <malloc.h>
 #include <memory>
+#include <sstream>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -39,28 +41,64 @@ void become_owner_of(const std::string &folder)
 		fail("becoming the owner of " + folder);
 }
 
-// The descriptor that holds the lock, or -1 when another daemon has it. The file stays: removing it would let two
-// daemons lock files of the same name.
+// The descriptor that holds the lock, or -1 when another process has it. The file stays: removing it would let two
+// daemons lock files of the same name. Nobody else can open it: whoever can read a file can lock it.
 int take_lock(const std::string &path)
 {
-	int descriptor = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0640);
+	constexpr mode_t ours_alone = 0600;
+	int descriptor = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, ours_alone);
 	if (descriptor == -1) fail(path);
+	struct stat status;
+	if (fstat(descriptor, &status) == 0 && status.st_uid == geteuid()) fchmod(descriptor, ours_alone);
 	if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return descriptor;
 	if (errno != EWOULDBLOCK) fail(path);
 	close(descriptor);
 	return -1;
 }
 
-// Written beside and renamed, so that nobody ever reads half a number or follows a link.
-void write_pid_file(const std::string &path)
+// Who holds the lock, as /proc/locks tells it: "process 123", or "another process".
+std::string lock_holder(const std::string &path)
 {
-	std::string fresh = path + ".new", text = std::to_string(getpid()) + "\n";
+	struct stat status;
+	std::ifstream locks("/proc/locks");
+	if (stat(path.c_str(), &status) != 0) return "another process";
+	const std::string inode = ":" + std::to_string(status.st_ino);
+	for (std::string line; std::getline(locks, line);) {
+		// "1: FLOCK  ADVISORY  WRITE 123 08:01:4567 0 EOF"; one that waits has "->" behind the number.
+		std::istringstream fields(line);
+		std::string number, kind, advisory, access, process, file;
+		fields >> number >> kind >> advisory >> access >> process >> file;
+		if (kind == "FLOCK" && file.ends_with(inode)) return "process " + process;
+	}
+	return "another process";
+}
+
+// The lock, or -1 when a daemon answers. One that has the lock listens a moment later; who has it and does not is told.
+int take_lock_or_find_daemon(const DaemonConfig &config)
+{
+	constexpr int tries = 50;
+	constexpr useconds_t between_us = 20000;
+	for (int i = 0; i < tries; i++) {
+		// A daemon that holds no lock of ours may be another user's, or another program that agents are content with.
+		if (accepts_connections(config.socket_file)) return -1;
+		int lock = take_lock(config.lock_file());
+		if (lock != -1) return lock;
+		usleep(between_us);
+	}
+	throw std::runtime_error(config.lock_file() + " is locked by " + lock_holder(config.lock_file()) +
+		", and nobody answers on " + config.socket_file);
+}
+
+// Written beside and renamed, so that nobody ever reads half a number or follows a link.
+void write_pid_file(const DaemonConfig &config)
+{
+	std::string fresh = config.fresh_pid_file(), text = std::to_string(getpid()) + "\n";
 	unlink(fresh.c_str());
 	int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640);
 	if (descriptor == -1) fail(fresh);
 	bool written = write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 	close(descriptor);
-	if (!written || rename(fresh.c_str(), path.c_str()) != 0) fail(path);
+	if (!written || rename(fresh.c_str(), config.pid_file.c_str()) != 0) fail(config.pid_file);
 }
 
 // The number in the pid file, 0 when there is none.
@@ -123,7 +161,7 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config)
 	block_ending_signals();
 	raise_descriptor_limit();
 	auto listener = std::make_unique<Listener>(config.socket_file);
-	write_pid_file(config.pid_file);
+	write_pid_file(config);
 	log_message(LogLevel::info, "listening on " + config.socket_file);
 	return listener;
 }
@@ -193,9 +231,7 @@ int run_daemon(const std::string &config_path, bool foreground)
 		DaemonConfig config = read_trusted_config(config_path);
 		become_owner_of(config.folder());
 		log_open(config.log_file, log_level_by_name(config.log_level));
-		// A daemon that holds no lock of ours may be another user's, or another program that agents are content with.
-		if (accepts_connections(config.socket_file)) return 0;
-		int lock = take_lock(config.lock_file());
+		int lock = take_lock_or_find_daemon(config);
 		if (lock == -1) return 0;
 		if (foreground) return serve(config, start_listening(config));
 		return start_in_background(config);

@@ -1,4 +1,6 @@
 """The real daemon: the agent starts it, it answers by applications.conf, keeps what comes, and shows it."""
+import fcntl
+import os
 import re
 import socket
 import subprocess
@@ -35,6 +37,16 @@ def test_daemon_ends_and_starts_again_with_what_it_kept(real):
     real.php()
     real.reports(2)
     assert len(real.pids()) == 1
+
+
+def test_who_keeps_the_daemon_from_starting_is_told(real):
+    real.php()
+    real.stop()
+    with open(real.logs / "quorbit.pid.lock") as lock:
+        fcntl.flock(lock, fcntl.LOCK_SH)
+        run = subprocess.run([QUORBIT, "-f", real.logs / ".quorbit.cfg"], capture_output=True, text=True, timeout=20)
+    told = f"quorbit.pid.lock is locked by process {os.getpid()}, and nobody answers"
+    assert run.returncode == 1 and told in run.stderr and told in (real.logs / "daemon.log").read_text()
 
 
 def test_applications_are_configured_by_the_operators_file(real):

@@ -15,7 +15,7 @@ import pytest
 
 from support import wire
 from support.cases import program
-from support.engines import IS_ROOT, WEB_USER
+from support.engines import IS_ROOT, PROJECT, WEB_USER
 from support.fake_daemon import wait_until
 from support.local_daemon import QUORBIT
 from support.peers import Peer
@@ -23,6 +23,7 @@ from support.staging import make, php, stop_daemon
 
 needs_accounts = pytest.mark.skipif(not IS_ROOT, reason="other accounts need root")
 WEB_UID = pwd.getpwnam(WEB_USER).pw_uid
+NAMES = re.findall(r'^\t"(.*)",$', (PROJECT / "daemon/base/config.cpp").read_text(), re.M)      # the table folder_names
 
 # Prints what the account that runs it can do in the folder that it is given.
 PROBE = """
@@ -33,6 +34,7 @@ attempts = {
     "append to the agent's log": lambda: open(folder + "php-agent.log", "a"),
     "read the store": lambda: open(folder + "quorbit.db"), "read its journal": lambda: open(folder + "quorbit.db-wal"),
     "configure": lambda: open(folder + "applications.conf", "w"), "redirect": lambda: os.symlink("/", folder + "daemon.log.1"),
+    "keep the daemon from starting": lambda: open(folder + "quorbit.pid.lock"),
     "speak for the daemon": lambda: os.rename(folder + ".quorbit.sock", folder + "moved"),
 }
 for name, attempt in attempts.items():
@@ -77,19 +79,45 @@ def test_the_daemon_listens_on_its_socket_alone(real):
     assert [line[7] for line in unix if int(line[6]) in sockets_of(pid)] == [str(real.logs / ".quorbit.sock")]
 
 
+def answered(real):
+    """What the daemon tells whoever asks for an application's settings."""
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(str(real.logs / ".quorbit.sock"))
+        client.sendall(wire.record(0x0A, wire.record(0x11, "Shop")))
+        return client.recv(1000)
+
+
 @needs_accounts
 @pytest.mark.parametrize("kind", ["link", "pipe"])
-@pytest.mark.parametrize("name", ["php-agent.log", ".quorbit.cfg", "daemon.log", "quorbit.db", "quorbit.pid", "quorbit.pid.lock"])
+@pytest.mark.parametrize("name", ["php-agent.log", *NAMES])
 def test_what_another_account_left_in_the_folder_leads_nowhere(real, name, kind):
-    """Where the folder is open to it: root's PHP and root's daemon neither follow nor wait."""
+    """Where the folder is open to it: root's PHP and root's daemon neither follow nor wait, and nobody is told what a file holds."""
+    secret = "[*]\nzqs.rum.script = secret of root\n"
     victim, planted = real.site.root / "victim", real.logs / name
     victim.touch(0o600)
+    victim.write_text(secret)
     planted.symlink_to(victim) if kind == "link" else os.mkfifo(planted)
     os.lchown(planted, WEB_UID, -1)
     real.site.settings["zqs.agent_log_level"] = "DEBUG"
     assert real.php("echo 1;") == b"1"
+    with suppress(OSError):                                                  # some of these keep it from starting
+        assert b"secret of root" not in answered(real)
     real.stop()
-    assert (victim.read_text(), stat.S_IMODE(victim.stat().st_mode)) == ("", 0o600)
+    assert {path.name for path in real.logs.iterdir()} <= {"php-agent.log", *NAMES}
+    assert (victim.read_text(), stat.S_IMODE(victim.stat().st_mode)) == (secret, 0o600)
+
+
+@needs_accounts
+def test_settings_come_from_a_file_of_root_that_has_no_other_name(real):
+    victim, conf = real.site.root / "victim", real.logs / "applications.conf"
+    victim.write_text("[*]\nzqs.rum.script = read\n")
+    for given, make_it in [(False, lambda: os.link(victim, conf)), (True, lambda: conf.symlink_to("../../victim"))]:
+        real.stop()
+        victim.chmod(0o600)
+        make_it()
+        real.php()
+        assert (b"zqs.rum.script=read" in answered(real)) == given
+        conf.unlink()
 
 
 @needs_accounts
