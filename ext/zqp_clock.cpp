@@ -1,5 +1,5 @@
 /* Following the kernel's clock by the processor's counter. */
-#include "php_zqprof.h"
+#include "zqp_state.h"
 
 #include <fcntl.h>
 #include <time.h>

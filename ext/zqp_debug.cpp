@@ -14,9 +14,10 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "php_zqprof.h"
+#include "zqp_state.h"
 #include "zqp_lock.h"
 #include "zqp_process_memory.h"
+#include "zqprof_settings.h"
 
 char *zqprof_ini_log_file;
 int zqprof_ini_log_level;

@@ -6,7 +6,7 @@
 #ifndef ZQP_HELPER_H
 #define ZQP_HELPER_H
 
-#include "php_zqprof.h"
+#include "zqp_state.h"
 #include "zqp_text.h"
 
 /* ---- zqp_helper_args.cpp: the intercepted call ------------------------------------------------------------------ */

@@ -171,38 +171,3 @@ char *get_server_key(const char *key)
 	name[prefix_len + len] = '\0';
 	return name;
 }
-
-HashTable *zq_property_table(zval *object TSRMLS_DC)
-{
-	/* Handlers of other kinds build a table for the occasion, and some of them write into the object while at it: after
-	 * DateTime's, the script finds properties that it never saw before. */
-	if (!object || Z_TYPE_P(object) != IS_OBJECT || Z_OBJ_HT_P(object)->get_properties != zend_std_get_properties) {
-		return NULL;
-	}
-	/* a class named in disable_classes makes objects with neither a table nor slots, although properties are declared:
-	 * building the table crashes */
-	const zend_object *self = zend_objects_get_address(object TSRMLS_CC);
-	if (!self->properties && !self->properties_table && self->ce->default_properties_count) {
-		return NULL;
-	}
-	return zend_std_get_properties(object TSRMLS_CC);
-}
-
-zval *zq_declared_property(zval *object, const char *name, uint name_size TSRMLS_DC)
-{
-	if (!object || Z_TYPE_P(object) != IS_OBJECT ||
-		Z_OBJ_HT_P(object)->read_property != std_object_handlers.read_property) {
-		return NULL;
-	}
-	const zend_object *self = zend_objects_get_address(object TSRMLS_CC);
-	const zend_property_info *info;
-	if (!self->properties_table ||
-		zend_hash_find(&self->ce->properties_info, name, name_size, (void **)&info) != SUCCESS ||
-		info->flags & ZEND_ACC_STATIC || info->offset < 0) {
-		return NULL;
-	}
-	/* 5.6 keeps declared properties in a table of their own; once the object has a hash of all, it points into that */
-	zval **slot =
-		self->properties ? (zval **)self->properties_table[info->offset] : &self->properties_table[info->offset];
-	return slot ? *slot : NULL;
-}

@@ -367,7 +367,7 @@ int zq_callback_works(const char *name TSRMLS_DC)
 	if (zend_hash_find(EG(function_table), name, (uint)strlen(name) + 1, (void **)&current) != SUCCESS) {
 		return 0;
 	}
-	for (const zend_function_entry *ours = zqprof_functions; ours->fname; ours++) {
+	for (const zend_function_entry *ours = g_functions; ours->fname; ours++) {
 		if (strcmp(ours->fname, name) == 0) {
 			return current->type == ZEND_INTERNAL_FUNCTION && current->internal_function.handler == ours->handler;
 		}

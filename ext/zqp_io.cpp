@@ -12,6 +12,7 @@
 
 #include "zqp_debug.h"
 #include "zqp_lock.h"
+#include "zqprof_settings.h"
 
 static const int daemon_timeout_us = 100000; /* what a stalled daemon may cost a request, per call */
 static const size_t MIB = 1 << 20;

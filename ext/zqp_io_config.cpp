@@ -11,6 +11,7 @@
 #include "zqp_debug.h"
 #include "zqp_lock.h"
 #include "zqp_process_memory.h"
+#include "zqprof_settings.h"
 
 static const int refresh_interval_s = 60;
 static const int applications_max = 1024; /* the name may come from the client's Host header */

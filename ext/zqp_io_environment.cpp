@@ -11,8 +11,6 @@
 /* malloc'ed; published once under the process lock, unchanged afterwards and therefore read without it: by known(). */
 static char *g_php_version, *g_apache_version, *g_apache_mpm, *g_plugin_list;
 
-extern "C" zend_module_entry *get_module(void);
-
 void zq_environment_init(void)
 {
 	g_php_version = g_apache_version = g_apache_mpm = g_plugin_list = NULL;
@@ -160,7 +158,7 @@ void zq_append_environment(smart_str *p TSRMLS_DC)
 	pack_write_env(p, ZQ_MODULE_NAME, ZQ_VERSION);
 	pack_when_known(p, "PHP Version", known(&g_php_version));
 	pack_write_env(p, "Thread Safety", "yes");
-	if (dladdr((void *)get_module, &self)) {
+	if (dladdr((void *)zq_append_environment, &self)) {
 		pack_when_known(p, "module", self.dli_fname);
 	}
 	pack_write_env(p, "Server API", sapi_module.pretty_name);

@@ -21,6 +21,12 @@ typedef struct zq_stack_data {
 	const HashTable *earlier_headers; /* $http_response_header as it was before the call, or null */
 } zq_stack_data;
 
+/* The value that the call returned, borrowed; null when there is none. */
+static inline zval *zq_returned_value(zq_stack_data *call)
+{
+	return call->return_slot ? *call->return_slot : NULL;
+}
+
 /* What the bookkeeping of one user call keeps. */
 typedef struct zq_user_func_data {
 	zend_llist_element *llist_comp_ele; /* open component, or null */

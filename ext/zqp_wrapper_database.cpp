@@ -63,14 +63,6 @@ static const char *deleted(zq_stack_data *call, char **built TSRMLS_DC)
 
 /* ---- why it failed ---- */
 
-zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call)
-{
-	if (!client->count_with_link || get_arguments_count(call->execute_data) != client->count_with_link) {
-		return NULL;
-	}
-	return get_argument_zval(call->execute_data, client->link_argument);
-}
-
 /* Copy of a text longer than `too_short` bytes, which is then released with its value; null for anything else. */
 static char *take_text(zval *value, int too_short TSRMLS_DC)
 {
@@ -190,11 +182,6 @@ const zq_sql_api sql_pdo_exec = {NULL, argument<0>, NULL, NULL, false};
 const zq_sql_api sql_pdo_statement_execute = {NULL, query_string, error_info, &pdo_statement, false};
 
 /* ---- the steps ---- */
-
-zval *zq_returned_value(zq_stack_data *call)
-{
-	return call->return_slot ? *call->return_slot : NULL;
-}
 
 static int returned_false(zq_stack_data *call)
 {

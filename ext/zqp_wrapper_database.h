@@ -72,9 +72,13 @@ int performance_pdo_construct(zq_stack_data *call, uint64 begin, uint64 end TSRM
 const char *zq_pdo_vendor(const char *dsn);
 
 /* The connection of a procedural call; null when the call did not name one. Borrowed. */
-zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call);
-/* The value that the call returned, borrowed; null when there is none. */
-zval *zq_returned_value(zq_stack_data *call);
+static inline zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call)
+{
+	if (!client->count_with_link || get_arguments_count(call->execute_data) != client->count_with_link) {
+		return NULL;
+	}
+	return get_argument_zval(call->execute_data, client->link_argument);
+}
 
 /* ---- zqp_wrapper_explain.cpp ---- */
 /* Asks the database for the plan of the statement that just ran, on the same connection: JSON, owned by the caller, or

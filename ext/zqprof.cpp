@@ -10,19 +10,9 @@
 #include "zqp_io.h"
 #include "zqp_lock.h"
 #include "zqp_rum.h"
+#include "zqprof_settings.h"
 
 static_assert(std::is_trivial<zend_zqprof_globals>::value, "zero-filled by its constructor, never constructed");
-
-ts_rsrc_id zqprof_globals_id;
-int g_cli;
-int g_module_up;
-
-void (*_zend_execute_ex)(zend_execute_data *execute_data TSRMLS_DC);
-void (*_zend_execute_internal)(
-	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
-zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSRMLS_DC);
-void (*_zend_error_cb)(int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);
-int (*_sapi_ub_write)(const char *str, unsigned int str_length TSRMLS_DC);
 
 /* Puts `ours` in place of a process-wide hook and keeps what was there; a hook that is already ours (the module was
  * started before in this process) keeps its saved predecessor. */
@@ -97,6 +87,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	connect_or_launch_daemon(TSRMLS_C);
 	g_cli = strcasecmp(sapi_module.name, "cli") == 0;
 	zq_app_config_init();
+	g_functions = zqprof_functions;
 	g_module_up = 1;
 	ZQ_LOG(ZQ_LOG_VERBOSE, "MINIT processing done");
 	return SUCCESS;

@@ -15,6 +15,7 @@
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
 #include "zqp_wrapper.h"
+#include "zqprof_settings.h"
 
 /* The shortest call that enters a trace, however low the action threshold is. */
 #ifndef ZQ_TRACER_FLOOR_US

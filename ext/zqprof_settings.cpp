@@ -1,6 +1,6 @@
 /* The 25 settings: a table of names, defaults and rights, what a change at run time does, and reading one by name. */
-#include "php_zqprof.h"
-#include "zqp_helper.h"
+#include "zqp_text.h"
+#include "zqprof_settings.h"
 
 const char *zq_ini_str(const char *skey, const char *default_value)
 {

@@ -1,7 +1,7 @@
 // quorbit names
 #include "ask/names.h"
 
-#include "base/applications.h"
+#include "facts/applications.h"
 #include "base/text.h"
 #include "base/files.h"
 

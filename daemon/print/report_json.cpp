@@ -1,7 +1,6 @@
 // One action whole, for programs.
 #include "print/report.h"
 
-
 namespace quorbit {
 
 namespace {

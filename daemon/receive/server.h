@@ -1,11 +1,11 @@
 // The receiver: one thread, one epoll set, any number of agents.
 #pragma once
 
-#include "base/applications.h"
+#include "facts/applications.h"
 #include "receive/connection.h"
 #include "receive/listener.h"
 #include "base/log.h"
-#include "receive/profile_sessions.h"
+#include "store/profile_sessions.h"
 #include "store/store_writer.h"
 
 #include <unordered_map>

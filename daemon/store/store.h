@@ -3,7 +3,7 @@
 #pragma once
 
 #include "facts/packet.h"
-#include "receive/profile_sessions.h"
+#include "store/profile_sessions.h"
 #include "store/sqlite.h"
 
 #include <atomic>

@@ -1,7 +1,7 @@
 // Batching, retrying and the bound of the backlog.
 #include "store/store_writer.h"
 
-#include "base/applications.h"
+#include "facts/applications.h"
 #include "base/log.h"
 #include "base/clock.h"
 

@@ -2,7 +2,7 @@
 // leaks, and what little else they reach. Everything else of the engine has the address 0: to get there is a crash.
 #include <sanitizer/asan_interface.h>
 
-#include "php_zqprof.h"
+#include "zqp_state.h"
 
 ts_rsrc_id zqprof_globals_id = 1;
 int zqprof_ini_log_level = 0;

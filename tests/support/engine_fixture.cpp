@@ -1,3 +1,4 @@
+#include "php_zqprof.h"
 #include "engine_fixture.h"
 
 #include <filesystem>

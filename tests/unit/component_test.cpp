@@ -1,4 +1,5 @@
 #include "engine_fixture.h"
+#include "php_zqprof.h"
 #include "zqp_component.h"
 
 class Component : public EngineTest {

@@ -1,8 +1,8 @@
 // The agent's configuration file, the operator's settings with their stamps, and profiles on order.
-#include "base/applications.h"
+#include "facts/applications.h"
 #include "base/config.h"
 #include "daemon_records.h"
-#include "receive/profile_sessions.h"
+#include "store/profile_sessions.h"
 #include "zqp_setting_table.h"
 
 #include <gtest/gtest.h>

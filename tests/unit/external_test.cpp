@@ -1,4 +1,5 @@
 /* The recorder of outgoing calls at its boundaries, which no real call meets exactly. */
+#include "php_zqprof.h"
 #include "engine_fixture.h"
 
 #include "zqp_tracer.h"

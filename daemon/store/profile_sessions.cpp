@@ -1,5 +1,5 @@
 // Orders and running sessions of thread profiles.
-#include "receive/profile_sessions.h"
+#include "store/profile_sessions.h"
 
 #include <algorithm>
 #include <ctime>

@@ -1,5 +1,5 @@
 // Parsing of applications.conf, stamps, and following the file.
-#include "base/applications.h"
+#include "facts/applications.h"
 
 #include "base/config.h"
 #include "base/log.h"

@@ -1,0 +1,13 @@
+/* The settings of php.ini. */
+#ifndef ZQPROF_SETTINGS_H
+#define ZQPROF_SETTINGS_H
+
+#include "zqp_state.h"
+#include "zqprof_settings.h"
+
+/* The table that the module registers; ended by an empty entry. */
+extern const zend_ini_entry zqprof_ini_entries[];
+/* Value of a setting, borrowed; `default_value` when it is unknown, null or empty. */
+const char *zq_ini_str(const char *skey, const char *default_value);
+
+#endif
