@@ -84,13 +84,16 @@ private:
 	// Before the first section: the daemon's own.
 	void own_setting(std::string_view key, std::string_view value)
 	{
-		if (key != "store_mb")
-			return problem("\"" + std::string(key) + "\" belongs into a section, [*] for all applications");
+		int64_t *own = key == "store_mb" ? &applications.store_mb
+			: key == "profile_mb"        ? &applications.profile_mb
+										 : nullptr;
+		if (!own) return problem("\"" + std::string(key) + "\" belongs into a section, [*] for all applications");
 		int64_t megabytes = 0;
 		auto [end, failure] = std::from_chars(value.data(), value.data() + value.size(), megabytes);
 		bool whole = failure == std::errc() && end == value.data() + value.size();
-		if (!whole || megabytes < 1 || megabytes > 1000000) return problem("store_mb is a number of megabytes");
-		applications.store_mb = megabytes;
+		if (!whole || megabytes < 1 || megabytes > 1000000)
+			return problem(std::string(key) + " is a number of megabytes");
+		*own = megabytes;
 	}
 
 	int number_ = 0;

@@ -8,8 +8,8 @@
 namespace quorbit {
 
 struct Applications {
-	static constexpr int64_t default_store_mb = 512;
-	int64_t store_mb = default_store_mb;                   // size bound of the store
+	int64_t store_mb = 512;                                // size bound of the store, without events of thread profiles
+	int64_t profile_mb = 64;                               // size bound of these
 	std::map<std::string, Settings, std::less<>> sections; // by application name; "*" is the default
 	std::vector<std::string> problems;                     // for the log: "line 3: ..."
 };

@@ -49,6 +49,11 @@ std::string given_lines(const Settings &settings)
 	return lines;
 }
 
+StoreBounds bounds_of(const Applications &applications)
+{
+	return {applications.store_mb << 20, applications.profile_mb << 20};
+}
+
 } // namespace
 
 Server::Server(
@@ -82,7 +87,7 @@ Server::~Server()
 void Server::run()
 {
 	std::array<struct epoll_event, 256> events;
-	writer_.set_most_bytes(applications_.current().store_mb << 20);
+	writer_.set_bounds(bounds_of(applications_.current()));
 	while (keep_socket()) {
 		// With nobody connected there is nothing that could stall.
 		int timeout_ms = connections_.empty() && accepting_ ? keep_seconds * 1000 : sweep_ms;
@@ -203,7 +208,7 @@ const char *Server::on_packet(Connection &connection, uint8_t type, std::string 
 const char *Server::answer_query(Connection &connection, const Query &query)
 {
 	const Applications &applications = applications_.current();
-	writer_.set_most_bytes(applications.store_mb << 20);
+	writer_.set_bounds(bounds_of(applications));
 	Settings settings = settings_of(applications, query.application);
 	int64_t now_ms = wall_clock_ms();
 	auto end = sessions_.end_second(query.application, connection.process, monotonic_second(), now_ms);

@@ -6,18 +6,29 @@
 
 namespace quorbit {
 
-void ProfileSessions::set_waiting(const std::vector<ProfileOrder> &orders)
+void ProfileSessions::set_open(const std::vector<ProfileOrder> &orders, int64_t now_second, int64_t now_wall_ms)
 {
 	std::lock_guard lock(mutex_);
-	std::erase_if(sessions_, [&](const ProfileSession &session) {
-		return session.end_second == 0 && std::none_of(orders.begin(), orders.end(), [&](const ProfileOrder &order) {
-			return order.id == session.order.id;
-		});
-	});
+	auto same_id = [](int64_t id) {
+		return [id](const auto &entry) {
+			if constexpr (requires { entry.order; })
+				return entry.order.id == id;
+			else
+				return entry.id == id;
+		};
+	};
+	auto is_open = [&](int64_t id) { return std::any_of(orders.begin(), orders.end(), same_id(id)); };
+	std::erase_if(sessions_,
+		[&](const ProfileSession &session) { return session.end_second == 0 && !is_open(session.order.id); });
+	for (ProfileSession &session : sessions_) {
+		// The second before this one: whoever compares with the present one finds it over.
+		if (session.stopped_second == 0 && !is_open(session.order.id)) session.stopped_second = now_second - 1;
+	}
 	for (const ProfileOrder &order : orders) {
-		bool known = std::any_of(sessions_.begin(), sessions_.end(),
-			[&](const ProfileSession &session) { return order.id == session.order.id; });
-		if (!known) sessions_.push_back({order, 0, 0, 0, false});
+		if (std::any_of(sessions_.begin(), sessions_.end(), same_id(order.id))) continue;
+		int64_t gone = order.started_ms ? (now_wall_ms - order.started_ms) / 1000 : 0;
+		int64_t end = order.started_ms ? now_second + std::clamp(order.seconds - gone, int64_t{0}, order.seconds) : 0;
+		sessions_.push_back({order, end, 0, order.started_ms != 0});
 	}
 }
 
@@ -33,22 +44,23 @@ std::optional<int64_t> ProfileSessions::end_second(
 		if (session.order.application != application) continue;
 		if (session.end_second == 0) {
 			session.end_second = now_second + session.order.seconds;
-			session.started_ms = now_wall_ms;
-			session.process = process;
+			session.order.started_ms = now_wall_ms;
+			session.order.process = process;
 		}
-		if (session.end_second >= now_second) end = std::max(end.value_or(0), session.end_second);
+		if (session.end_second < now_second) continue;
+		end = std::max(end.value_or(0), session.stopped_second ? session.stopped_second : session.end_second);
 	}
 	return end;
 }
 
-std::vector<ProfileSession> ProfileSessions::take_started()
+std::vector<ProfileOrder> ProfileSessions::take_started()
 {
 	std::lock_guard lock(mutex_);
-	std::vector<ProfileSession> started;
+	std::vector<ProfileOrder> started;
 	for (ProfileSession &session : sessions_) {
 		if (session.end_second == 0 || session.told) continue;
 		session.told = true;
-		started.push_back(session);
+		started.push_back(session.order);
 	}
 	return started;
 }

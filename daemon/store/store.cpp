@@ -1,4 +1,4 @@
-// The writing half: adding, the bound, and profile orders.
+// The writing half: adding, and profile orders.
 #include "store/store.h"
 
 #include "base/files.h"
@@ -78,8 +78,11 @@ Store::Store(const std::string &path, const std::atomic<bool> *stopping)
 	  keep_counter_(database_, keep_counter_sql),
 	  action_ids_(database_, "action"),
 	  event_ids_(database_, "profile_event"),
-	  page_size_(database_.integer("PRAGMA page_size"))
+	  page_size_(database_.integer("PRAGMA page_size")),
+	  clients_(path)
 {
+	Statement select(database_, "SELECT packet FROM profile_event");
+	while (select.step()) event_bytes_ += event_bytes(select.text(0));
 }
 
 Store::Ids::Ids(Database &database, const char *table) : table_(table)
@@ -135,7 +138,9 @@ void Store::add_action(const StoredPacket &packet)
 void Store::add_profile_event(const StoredPacket &packet)
 {
 	auto event = read_profile_event(packet.body);
-	if (!event) return;
+	// Nobody could print it: events are kept while a client waits for them.
+	if (!event || !profiled_.contains(event->application)) return;
+	event_bytes_ += event_bytes(packet.body);
 	insert_event_.bind(1, packet.received_ms).bind(2, column_text(event->application)).bind(3, event->thread);
 	insert_event_.bind_blob(4, packet.body).bind(5, event_ids_.next()).run();
 }
@@ -146,64 +151,57 @@ void Store::add(const StoredQuery &query)
 	query_seen_.bind(4, column_text(query.sapi)).bind(5, column_text(query.php_version)).bind(6, query.given).run();
 }
 
-void Store::prune(int64_t most_bytes)
-{
-	keep_applications_.run();
-	for (int64_t excess; (excess = used_bytes() - most_bytes) > 0;) {
-		int64_t action_ms = database_.integer("SELECT received_ms FROM action ORDER BY id LIMIT 1");
-		int64_t event_ms = database_.integer("SELECT received_ms FROM profile_event ORDER BY id LIMIT 1");
-		if (action_ms == 0 && event_ms == 0) break;
-		bool event = action_ms == 0 || (event_ms != 0 && event_ms < action_ms);
-		remove_oldest(event ? "profile_event" : "action", excess);
-	}
-	// Pages that were freed are used again; only many of them are worth moving others for.
-	int64_t free_bytes = database_.integer("PRAGMA freelist_count") * page_size_;
-	if (free_bytes > most_bytes / 4) database_.execute("PRAGMA incremental_vacuum");
-}
-
-int64_t Store::used_bytes()
-{
-	used_pages_.step();
-	int64_t pages = used_pages_.integer(0);
-	used_pages_.reset();
-	return pages * page_size_;
-}
-
-// Removes as many of the oldest rows as hold about `bytes`, at least one and at most 4096.
-void Store::remove_oldest(const std::string &table, int64_t bytes)
-{
-	constexpr int64_t row_bytes = 300; // about what a row and its index entries take beside the packet
-	int64_t last_id = 0;
-	{
-		Statement select(database_, "SELECT id, length(packet) FROM " + table + " ORDER BY id LIMIT 4096");
-		while (bytes > 0 && select.step()) {
-			last_id = select.integer(0);
-			bytes -= select.integer(1) + row_bytes;
-		}
-	}
-	Statement(database_, "DELETE FROM " + table + " WHERE id <= ?").bind(1, last_id).run();
-}
-
 bool Store::changed_by_others()
 {
 	int64_t version = database_.integer("PRAGMA data_version");
 	return std::exchange(data_version_, version) != version;
 }
 
-std::vector<ProfileOrder> Store::waiting_orders(int64_t now_wall_ms)
+std::vector<ProfileOrder> Store::open_orders(int64_t now_wall_ms)
 {
-	Statement select(
-		database_, "SELECT id, application, seconds FROM profile_order WHERE started_ms IS NULL AND ordered_ms > ?");
-	select.bind(1, now_wall_ms - profile_wait_ms);
-	std::vector<ProfileOrder> orders;
-	while (select.step()) orders.push_back({select.integer(0), select.text(1), select.integer(2)});
-	return orders;
+	struct Row {
+		ProfileOrder order;
+		bool ended;
+	};
+	std::vector<Row> rows;
+	{
+		Statement select(database_,
+			"SELECT id, application, seconds, started_ms, process, ended_ms FROM profile_order WHERE closed_ms IS "
+			"NULL");
+		while (select.step()) {
+			ProfileOrder order{
+				select.integer(0), select.text(1), select.integer(2), select.integer(3), select.integer(4)};
+			rows.push_back({std::move(order), !select.is_null(5)});
+		}
+	}
+	std::set<std::string> before = std::exchange(profiled_, {});
+	std::vector<ProfileOrder> open;
+	for (Row &row : rows) {
+		if (!clients_.is_held(row.order.id)) {
+			close_order(row.order.id, now_wall_ms);
+			before.insert(row.order.application);
+			continue;
+		}
+		profiled_.insert(row.order.application);
+		if (!row.ended) open.push_back(std::move(row.order));
+	}
+	for (const std::string &application : before) {
+		if (!profiled_.contains(application)) printed_.push_back({application, 0, event_ids_.last()});
+	}
+	return open;
 }
 
-void Store::order_started(const ProfileSession &session)
+void Store::close_order(int64_t id, int64_t now_wall_ms)
+{
+	Statement update(
+		database_, "UPDATE profile_order SET ended_ms = ifnull(ended_ms, ?1), closed_ms = ?1 WHERE id = ?2");
+	update.bind(1, now_wall_ms).bind(2, id).run();
+}
+
+void Store::order_started(const ProfileOrder &order)
 {
 	Statement update(database_, "UPDATE profile_order SET started_ms = ?, process = ? WHERE id = ?");
-	update.bind(1, session.started_ms).bind(2, session.process).bind(3, session.order.id).run();
+	update.bind(1, order.started_ms).bind(2, order.process).bind(3, order.id).run();
 }
 
 } // namespace quorbit

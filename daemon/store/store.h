@@ -3,10 +3,12 @@
 #pragma once
 
 #include "facts/packet.h"
+#include "store/order_lock.h"
 #include "store/profile_sessions.h"
 #include "store/sqlite.h"
 
 #include <atomic>
+#include <set>
 
 namespace quorbit {
 
@@ -27,6 +29,12 @@ struct StoredQuery {
 	std::string given; // "key=value" lines of the configuration in force for it
 };
 
+// What the store may take on disk, its write-ahead log apart.
+struct StoreBounds {
+	int64_t action_bytes = int64_t{512} << 20; // actions, and all tables beside them
+	int64_t event_bytes = int64_t{64} << 20;   // events of thread profiles
+};
+
 // The writing half. Every function throws SqliteError; after that the object is of no more use.
 class Store {
 public:
@@ -40,20 +48,32 @@ public:
 	void add(const StoredPacket &packet);
 	void add(const StoredQuery &query);
 
-	// Removes the oldest packets until what is left fits into `most_bytes`, and the applications not seen for longest
-	// beyond 1024.
-	void prune(int64_t most_bytes);
+	// One step of at most about 20 ms towards the bounds, as a transaction of its own: events that have been printed
+	// go, then the oldest events and actions beyond their bounds, then free pages beyond a quarter of the store go back
+	// to the file system. False when there was nothing to do.
+	bool maintain(const StoreBounds &bounds);
+	// Forgets the applications not seen for longest beyond 1024, and profile orders that ended long ago.
+	void limit_tables();
 
 	// Whether another process has written since the last call, or this is the first.
 	bool changed_by_others();
-	std::vector<ProfileOrder> waiting_orders(int64_t now_wall_ms);
-	void order_started(const ProfileSession &session);
+	// The orders whose clients wait, without those that were told to end. Orders whose clients are gone are closed, and
+	// their events go; events of applications without any waiting client are not stored.
+	std::vector<ProfileOrder> open_orders(int64_t now_wall_ms);
+	// Whether any client waited, if only to print, when they were last asked for.
+	bool has_clients() const { return !profiled_.empty(); }
+	void order_started(const ProfileOrder &order);
 
 private:
 	void add_action(const StoredPacket &packet);
 	void add_profile_event(const StoredPacket &packet);
+	void close_order(int64_t id, int64_t now_wall_ms);
+	static int64_t event_bytes(std::string_view packet); // about what it takes in the file
 	int64_t used_bytes();
-	void remove_oldest(const std::string &table, int64_t bytes);
+	int64_t free_bytes();
+	bool remove_oldest_actions(int64_t bytes);
+	void remove_oldest_events(int64_t bytes);
+	void remove_printed();
 
 	// Its constructor brings the file's layout up to date, before the statements below are prepared.
 	struct Opened : Database {
@@ -64,6 +84,7 @@ private:
 	public:
 		Ids(Database &database, const char *table);
 		int64_t next() { return ++last_; }
+		int64_t last() const { return last_; }
 		void keep(Statement &keep_counter); // in the file, with the transaction that used them
 
 	private:
@@ -75,6 +96,16 @@ private:
 	Ids action_ids_, event_ids_;
 	int64_t page_size_;
 	int64_t data_version_ = -1;
+	OrderLock clients_;
+	std::set<std::string> profiled_; // applications whose events somebody waits for
+	// Events up to that number, of an application that nobody profiles any more; those up to after_id are gone.
+	struct PrintedEvents {
+		std::string application;
+		int64_t after_id, last_id;
+	};
+	std::vector<PrintedEvents> printed_;
+	int64_t event_bytes_ = 0; // about what all events take
+	bool shrinking_ = false;
 };
 
 } // namespace quorbit

@@ -115,14 +115,49 @@ std::vector<ApplicationRow> StoreReader::applications()
 
 int64_t StoreReader::order_profile(const std::string &application, int64_t seconds)
 {
+	OrderLock &orders = orders_.emplace_back(database_.path());
+	// Held before anybody can see the order: the daemon closes what nobody holds.
+	database_.execute("BEGIN IMMEDIATE");
 	Statement insert(database_, "INSERT INTO profile_order (application, seconds, ordered_ms) VALUES (?, ?, ?)");
 	insert.bind(1, application).bind(2, seconds).bind(3, wall_clock_ms()).run();
-	return database_.last_id();
+	int64_t id = database_.last_id();
+	orders.hold(id);
+	database_.execute("COMMIT");
+	return id;
 }
 
 void StoreReader::cancel_order(int64_t id)
 {
-	Statement(database_, "DELETE FROM profile_order WHERE id = ? AND started_ms IS NULL").bind(1, id).run();
+	Statement(database_, "UPDATE profile_order SET ended_ms = ? WHERE id = ? AND ended_ms IS NULL")
+		.bind(1, wall_clock_ms())
+		.bind(2, id)
+		.run();
+}
+
+int64_t StoreReader::stop_profiles(const std::string &application)
+{
+	Statement stop(database_, "UPDATE profile_order SET ended_ms = ? WHERE application = ? AND ended_ms IS NULL");
+	stop.bind(1, wall_clock_ms()).bind(2, application).run();
+	return sqlite3_changes(database_.handle());
+}
+
+std::vector<ProfileRow> StoreReader::open_profiles()
+{
+	Statement select(database_,
+		"SELECT id, application, seconds, ordered_ms, started_ms, process FROM profile_order WHERE ended_ms IS NULL "
+		"ORDER BY id");
+	std::vector<ProfileRow> rows;
+	while (select.step()) {
+		rows.push_back({select.integer(0), select.text(1), select.integer(2), select.integer(3), select.integer(4),
+			select.integer(5)});
+	}
+	return rows;
+}
+
+bool StoreReader::order_ended(int64_t id)
+{
+	Statement select(database_, "SELECT ended_ms IS NOT NULL FROM profile_order WHERE id = ?");
+	return !select.bind(1, id).step() || select.integer(0) != 0;
 }
 
 std::optional<std::pair<int64_t, int64_t>> StoreReader::order_start(int64_t id)

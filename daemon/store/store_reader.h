@@ -5,6 +5,7 @@
 #include "store/store.h"
 
 #include <functional>
+#include <list>
 
 namespace quorbit {
 
@@ -31,6 +32,14 @@ struct ApplicationRow {
 	int64_t packet_ms = 0, packet_process = 0, packets = 0;
 };
 
+// An order of a thread profile.
+struct ProfileRow {
+	int64_t id = 0;
+	std::string application;
+	int64_t seconds = 0, ordered_ms = 0;
+	int64_t started_ms = 0, process = 0; // 0 while it waits
+};
+
 // Every function throws SqliteError.
 class StoreReader {
 public:
@@ -53,8 +62,18 @@ public:
 
 	std::vector<ApplicationRow> applications();
 
+	// Orders a profile. It waits, runs and can be printed for as long as this object and its process live; what ends
+	// them ends it too, and lets its events go.
 	int64_t order_profile(const std::string &application, int64_t seconds);
+	// Ends the order, whether it has been started or not; its events stay while this object lives.
 	void cancel_order(int64_t id);
+	// Ends every order of the application, whoever gave it. Returns how many there were.
+	int64_t stop_profiles(const std::string &application);
+	// Orders that nobody has ended, in the order in which they were given; one of which the time is over counts until
+	// its client has printed it.
+	std::vector<ProfileRow> open_profiles();
+	// Whether somebody has ended it early.
+	bool order_ended(int64_t id);
 	// The process that started it and when; nothing while it waits.
 	std::optional<std::pair<int64_t, int64_t>> order_start(int64_t id);
 	// Calls on_event for each event of the application received since then, thread by thread, in the order in which
@@ -65,6 +84,7 @@ public:
 private:
 	std::vector<ActionRow> rows(Statement &select);
 	Database database_;
+	std::list<OrderLock> orders_;
 };
 
 } // namespace quorbit

@@ -1,11 +1,11 @@
 // Batching, retrying and the bound of the backlog.
 #include "store/store_writer.h"
 
-#include "facts/applications.h"
 #include "base/log.h"
 #include "base/clock.h"
 
 #include <chrono>
+#include <sys/stat.h>
 #include <utility>
 
 namespace quorbit {
@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 constexpr size_t most_queued_bytes = size_t{64} << 20;
 constexpr size_t most_transaction_bytes = size_t{8} << 20;
 constexpr auto batch_time = 100ms; // what is waited for company before a commit
-constexpr auto idle_time = 500ms;  // between looks at the profile orders
+constexpr auto idle_time = 250ms;  // between looks at the profile orders, which end within a second
 constexpr int64_t retry_seconds = 1;
 
 // The file's inode, 0 when there is none.
@@ -29,8 +29,7 @@ uint64_t inode_of(const std::string &path)
 
 } // namespace
 
-StoreWriter::StoreWriter(std::string path, ProfileSessions &sessions)
-	: path_(std::move(path)), sessions_(sessions), most_bytes_(Applications::default_store_mb << 20)
+StoreWriter::StoreWriter(std::string path, ProfileSessions &sessions) : path_(std::move(path)), sessions_(sessions)
 {
 	thread_ = std::thread([this] { run(); });
 }
@@ -123,6 +122,7 @@ bool StoreWriter::write(const Batch &batch)
 	try {
 		exchange_orders();
 		for (auto next = batch.begin(); next != batch.end();) next = write_transaction(next, batch.end());
+		while (store_->maintain({action_bytes_, event_bytes_})) continue;
 		if (std::exchange(failing_, false)) log_message(LogLevel::info, "the store works again");
 		return true;
 	} catch (const SqliteError &failure) {
@@ -139,7 +139,7 @@ StoreWriter::Batch::const_iterator StoreWriter::write_transaction(Batch::const_i
 		std::visit([this](const auto &value) { store_->add(value); }, *next);
 		if (auto packet = std::get_if<StoredPacket>(&*next)) bytes += packet->body.size();
 	}
-	store_->prune(most_bytes_);
+	store_->limit_tables();
 	store_->commit();
 	return next;
 }
@@ -147,12 +147,11 @@ StoreWriter::Batch::const_iterator StoreWriter::write_transaction(Batch::const_i
 // Orders out of the store to where queries are answered, and news of their start back.
 void StoreWriter::exchange_orders()
 {
-	for (const ProfileSession &session : sessions_.take_started()) store_->order_started(session);
-	// Waiting orders are looked at each time, because they lapse.
-	if (!store_->changed_by_others() && !orders_wait_) return;
-	auto orders = store_->waiting_orders(wall_clock_ms());
-	orders_wait_ = !orders.empty();
-	sessions_.set_waiting(orders);
+	for (const ProfileOrder &order : sessions_.take_started()) store_->order_started(order);
+	// While there are clients they are looked at each time: one may end.
+	if (!store_->changed_by_others() && !store_->has_clients()) return;
+	int64_t now_ms = wall_clock_ms();
+	sessions_.set_open(store_->open_orders(now_ms), monotonic_second(), now_ms);
 }
 
 void StoreWriter::failed(const std::string &what)

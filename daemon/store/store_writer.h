@@ -24,7 +24,11 @@ public:
 	void put(StoredPacket packet);
 	void put(StoredQuery query);
 
-	void set_most_bytes(int64_t bytes) { most_bytes_ = bytes; }
+	void set_bounds(const StoreBounds &bounds)
+	{
+		action_bytes_ = bounds.action_bytes;
+		event_bytes_ = bounds.event_bytes;
+	}
 
 private:
 	using Item = std::variant<StoredPacket, StoredQuery>;
@@ -40,7 +44,7 @@ private:
 
 	const std::string path_;
 	ProfileSessions &sessions_;
-	std::atomic<int64_t> most_bytes_;
+	std::atomic<int64_t> action_bytes_ = StoreBounds().action_bytes, event_bytes_ = StoreBounds().event_bytes;
 
 	std::mutex mutex_;
 	std::condition_variable arrived_;
@@ -52,7 +56,6 @@ private:
 	// The thread's own.
 	std::unique_ptr<Store> store_;
 	bool failing_ = false;
-	bool orders_wait_ = false;
 	int64_t lost_ = 0;
 	LogLimit lost_log_;
 	int64_t retry_second_ = 0;

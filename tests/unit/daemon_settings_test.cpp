@@ -33,12 +33,13 @@ TEST(DaemonConfig, RefusesAFileThatNamesNoPlaces) {
 
 TEST(Applications, OverlayTheDefaultSectionByTheirOwn) {
   Applications file = parse_applications(
-      "# comment\nstore_mb = 64\n"
+      "# comment\nstore_mb = 64\nprofile_mb = 8\n"
       "[*]\nzqs.agent_enabled = true\nzqs.action_tracer.action_threshold=500\n\n"
       "[ Shop:80 ]\r\nzqs.action_tracer.action_threshold = 100\r\n; another comment\n"
       "zqs.naming.rules = [\n  {\"name\": \"a = b\"} # no comment\n]\nzqs.urls_captured =\n"
       "[odd]name]\nzqs.capture_params = 1\n");
   EXPECT_EQ(file.store_mb, 64);
+  EXPECT_EQ(file.profile_mb, 8);
   EXPECT_EQ(settings_of(file, "unheard of"),
             (Settings{{"zqs.agent_enabled", "true"}, {"zqs.action_tracer.action_threshold", "500"}}));
   const Settings shop = {{"zqs.agent_enabled", "true"},
@@ -64,7 +65,8 @@ TEST(Applications, TellWhatIsWrongAndUseTheRest) {
     ASSERT_EQ(file.problems.size(), 1u) << row.text;
     EXPECT_NE(file.problems[0].find(row.problem), std::string::npos) << file.problems[0];
     EXPECT_EQ(settings_of(file, "Good")["zqs.rum.enabled"], "1") << row.text;
-    EXPECT_EQ(file.store_mb, Applications::default_store_mb);
+    EXPECT_EQ(file.store_mb, 512);
+    EXPECT_EQ(file.profile_mb, 64);
   }
   EXPECT_TRUE(parse_applications("[*]\nzqs.profile_end_time=1\nzqs.resource.used=0\nzqs.vantorIdSecret=x\n").problems.empty());
 }
@@ -99,7 +101,7 @@ TEST(Applications, AreNotReadFromAPipe) {
 
 TEST(ProfileSessions, StartWithTheFirstProcessThatAsksAndEndForAllTogether) {
   ProfileSessions sessions;
-  sessions.set_waiting({{1, "Shop", 30}, {2, "Other", 10}});
+  sessions.set_open({{1, "Shop", 30}, {2, "Other", 10}}, 999, 5);
   EXPECT_FALSE(sessions.end_second("Nobody", 10, 1000, 5));
   EXPECT_EQ(sessions.end_second("Shop", 10, 1000, 5), 1030);
   EXPECT_EQ(sessions.end_second("Shop", 11, 1020, 6), 1030);
@@ -107,12 +109,24 @@ TEST(ProfileSessions, StartWithTheFirstProcessThatAsksAndEndForAllTogether) {
   EXPECT_FALSE(sessions.end_second("Shop", 12, 1031, 7));
   auto started = sessions.take_started();
   ASSERT_EQ(started.size(), 1u);
-  EXPECT_EQ(started[0].order.id, 1);
+  EXPECT_EQ(started[0].id, 1);
   EXPECT_EQ(started[0].process, 10);
   EXPECT_TRUE(sessions.take_started().empty()) << "told once";
-  sessions.set_waiting({{2, "Other", 10}, {3, "Back", 10}});
-  EXPECT_EQ(sessions.end_second("Other", 10, 2000, 5), 2010);
-  sessions.set_waiting({});
-  EXPECT_FALSE(sessions.end_second("Back", 10, 2000, 5)) << "taken back";
-  EXPECT_EQ(sessions.end_second("Other", 11, 2001, 5), 2010) << "what has started goes on";
+}
+
+TEST(ProfileSessions, EndWithTheirClients) {
+  ProfileSessions sessions;
+  sessions.set_open({{1, "Shop", 30}, {2, "Shop", 10}, {3, "Idle", 10}}, 1000, 5);
+  EXPECT_EQ(sessions.end_second("Shop", 10, 1000, 5), 1030);
+  sessions.set_open({{2, "Shop", 10}}, 1001, 6);
+  EXPECT_EQ(sessions.end_second("Shop", 10, 1001, 6), 1010) << "another client's goes on";
+  sessions.set_open({}, 1003, 7);
+  EXPECT_EQ(sessions.end_second("Shop", 10, 1004, 8), 1002) << "a process that was told a later end is told one that has passed";
+  EXPECT_EQ(sessions.end_second("Shop", 10, 1009, 9), 1002) << "the same: its settings have not changed again";
+  EXPECT_FALSE(sessions.end_second("Shop", 10, 1031, 9)) << "nobody can be profiling any more";
+  EXPECT_FALSE(sessions.end_second("Idle", 10, 1004, 8)) << "its client was gone before anybody asked";
+  // The daemon was started anew ten seconds into a profile.
+  sessions.set_open({{4, "Back", 30, 50000, 7}}, 2000, 60000);
+  EXPECT_EQ(sessions.end_second("Back", 10, 2000, 60000), 2020);
+  EXPECT_EQ(sessions.take_started().size(), 2u) << "those for Shop: of what had been started before the store knows";
 }

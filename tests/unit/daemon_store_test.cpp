@@ -33,6 +33,17 @@ class StoreTest : public testing::Test {
     });
   }
 
+  void keep(const StoreBounds& bounds) {
+    Store store(path_);
+    while (store.maintain(bounds)) continue;
+  }
+  // Thread and name of each event of "Shop".
+  static std::string events_of(StoreReader& reader, int64_t since_ms) {
+    std::string seen;
+    reader.each_profile_event("Shop", since_ms, [&](const ProfileEvent& event) { seen += std::to_string(event.thread) + event.name; });
+    return seen;
+  }
+
   const TemporaryFolder folder_;
   const std::string path_ = folder_.path() + "/quorbit.db";
 };
@@ -70,26 +81,46 @@ TEST_F(StoreTest, JoinsTheHalvesOfATransaction) {
 TEST_F(StoreTest, DropsTheOldestFirstAndNoMoreThanItMust) {
   const std::string large = record(0x77, std::string(50000, 'x'));
   write([&](Store& store) {
-    store.add(event(1, "1 1 enter action Web"));
     for (int i = 0; i < 200; i++) store.add(metric(1000 + i, "Shop", large));
-    store.prune(4 << 20);
   });
-  StoreReader reader(path_);
-  auto rows = reader.newest(1000, "");
+  keep({4 << 20, 1 << 20});
+  auto rows = StoreReader(path_).newest(1000, "");
   EXPECT_EQ(rows.front().received_ms, 1199);
   EXPECT_GT(rows.size(), 60u);
   EXPECT_LT(rows.size(), 84u);
-  int events = 0;
-  reader.each_profile_event("Shop", 0, [&](const ProfileEvent&) { events++; });
-  EXPECT_EQ(events, 0) << "it was older than all of them";
   EXPECT_LE(std::filesystem::file_size(path_), 6u << 20) << "freed pages go back to the file system";
+}
+
+TEST_F(StoreTest, AProfilePushesOutNoAction) {
+  write([&](Store& store) {
+    for (int i = 0; i < 300; i++) store.add(metric(1000 + i, "Shop", record(0x77, std::string(3000, 'x'))));
+  });
+  StoreReader client(path_, true);
+  client.order_profile("Shop", 30);
+  Store store(path_);
+  store.open_orders(1);
+  for (int round = 0; round < 20; round++) {
+    store.begin();
+    for (int i = 0; i < 3000; i++) store.add(event(2000, std::to_string(i) + " 1 enter function f" + std::to_string(round)));
+    store.commit();
+    while (store.maintain({2 << 20, 1 << 20})) continue;
+  }
+  EXPECT_EQ(StoreReader(path_).newest(1000, "").size(), 300u);
+  int kept = 0, newest = 0;
+  client.each_profile_event("Shop", 0, [&](const ProfileEvent& event) {
+    kept++;
+    newest += event.name == "f19";
+  });
+  EXPECT_EQ(newest, 3000) << "the oldest go first";
+  EXPECT_GT(kept, 8000) << "the bound of their own is used";
+  EXPECT_LE(std::filesystem::file_size(path_), 7u << 19) << "and kept";
 }
 
 TEST_F(StoreTest, RemembersApplicationsWithinABound) {
   write([](Store& store) {
     for (int i = 0; i < 1100; i++) store.add(StoredQuery{"App" + std::to_string(i), 7, 1000 + i, "cli", "5.6", "a=b\n"});
     store.add(metric(5000, "App0"));
-    store.prune(int64_t{1} << 30);
+    store.limit_tables();
   });
   auto applications = StoreReader(path_).applications();
   EXPECT_EQ(applications.size(), 1024u);
@@ -100,27 +131,53 @@ TEST_F(StoreTest, RemembersApplicationsWithinABound) {
 
 TEST_F(StoreTest, CarriesProfileOrdersAndTheirEvents) {
   Store store(path_);
-  StoreReader client(path_, true);
+  StoreReader client(path_, true), other(path_, true);
   store.changed_by_others();
-  int64_t order = client.order_profile("Shop", 30), other = client.order_profile("Shop", 5);
+  int64_t order = client.order_profile("Shop", 30), taken_back = other.order_profile("Shop", 5);
   EXPECT_TRUE(store.changed_by_others());
-  client.cancel_order(other);
-  int64_t now_ms = time(nullptr) * int64_t{1000};
-  auto waiting = store.waiting_orders(now_ms);
-  ASSERT_EQ(waiting.size(), 1u);
-  EXPECT_EQ(waiting[0].seconds, 30);
-  EXPECT_TRUE(store.waiting_orders(now_ms + profile_wait_ms + 1000).empty()) << "orders lapse";
+  other.cancel_order(taken_back);
+  auto open = store.open_orders(1);
+  ASSERT_EQ(open.size(), 1u);
+  EXPECT_EQ(open[0].seconds, 30);
   EXPECT_FALSE(client.order_start(order));
-  store.order_started({waiting[0], 99, 777, 42, true});
+  store.order_started({order, "Shop", 30, 777, 42});
   EXPECT_EQ(client.order_start(order), (std::pair<int64_t, int64_t>(42, 777)));
-  client.cancel_order(order);
-  EXPECT_TRUE(client.order_start(order)) << "too late";
+  EXPECT_EQ(store.open_orders(1)[0].started_ms, 777) << "a daemon that is started anew goes on with it";
+  EXPECT_EQ(StoreReader(path_).open_profiles().size(), 1u);
 
-  add({event(700, "1 5 enter action old"), event(800, "2 9 enter action a"), event(801, "3 5 enter action b"),
-       event(802, "4 9 leave action a")});
-  std::string seen;
-  client.each_profile_event("Shop", 777, [&](const ProfileEvent& event) { seen += std::to_string(event.thread) + event.name; });
-  EXPECT_EQ(seen, "5b9a9a");
+  store.begin();
+  for (const auto& [at_ms, line] : {std::pair(700, "1 5 enter action old"), std::pair(800, "2 9 enter action a"),
+                                    std::pair(801, "3 5 enter action b"), std::pair(802, "4 9 leave action a")}) {
+    store.add(event(at_ms, line));
+  }
+  store.commit();
+  EXPECT_EQ(events_of(client, 777), "5b9a9a");
+  EXPECT_EQ(StoreReader(path_, true).stop_profiles("Shop"), 1);
+  EXPECT_TRUE(client.order_ended(order));
+  EXPECT_TRUE(store.open_orders(1).empty());
+  while (store.maintain({})) continue;
+  EXPECT_EQ(events_of(client, 777), "5b9a9a") << "its client may still print it";
+}
+
+TEST_F(StoreTest, WhatAProfileLeavesGoesWithItsClient) {
+  Store store(path_);
+  auto add_event = [&](const char* line) {
+    store.begin();
+    store.add(event(800, line));
+    store.commit();
+    while (store.maintain({})) continue;
+  };
+  std::optional<StoreReader> client(std::in_place, path_, true);
+  client->order_profile("Shop", 30);
+  store.open_orders(1);
+  add_event("1 1 enter action kept");
+  StoreReader reader(path_);
+  EXPECT_EQ(events_of(reader, 0), "1kept");
+  client.reset();  // as when its process is killed
+  EXPECT_TRUE(store.open_orders(2).empty());
+  add_event("2 1 enter action late");
+  EXPECT_EQ(events_of(reader, 0), "") << "nobody waits for them";
+  EXPECT_TRUE(reader.open_profiles().empty());
 }
 
 TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
@@ -146,8 +203,8 @@ TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
 
 TEST_F(StoreTest, GivesEachNumberOnceWhateverWasRemovedMeanwhile) {
   add({metric(1, "Shop"), metric(2, "Shop")});
-  write([](Store& store) { store.prune(0); });
-  add({metric(3, "Shop"), event(4, "1 1 enter action Web")});
+  keep({0, 0});
+  add({metric(3, "Shop")});
   auto rows = StoreReader(path_).newest(10, "");
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].id, 3);
