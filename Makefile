@@ -1,6 +1,7 @@
 # The verbs. CMake builds; scripts do the rest. docs/install.md explains the variables of install and uninstall.
 #
 #   PHP_CONFIG=/path/to/php-config   build for that engine instead of one of our own
+#   ZQ_DAEMON_TIMEOUT_MS=2000        what a stalled daemon may cost per call (100), for tests on a busy machine
 #   ZQ_TRACER_FLOOR_US=0             shortest call that enters a trace, for tests that want everything traced
 
 MAKEFLAGS += --no-print-directory
@@ -21,7 +22,7 @@ demo: all
 # unit tests, plain and under the sanitizers, then the end-to-end tests; random programs and input for a while
 test: check
 	@engine/packages fuzz
-	@cmake --build build -j$(JOBS) --target all unit_tests zqprof_traced
+	@cmake --build build -j$(JOBS) --target all unit_tests zqprof_patient zqprof_traced
 	@tests/run
 
 # the unit tests under the address and undefined-behaviour sanitizers, on the plain engine
@@ -62,6 +63,7 @@ engine-suite: all
 
 # the long runs: graceful reloads, a million requests, forks, Xdebug and opcache; SOAK_REQUESTS and SOAK_RELOADS shorten them
 soak: all test-packages
+	@cmake --build build -j$(JOBS) --target zqprof_patient
 	@tests/soak/run
 
 # These two use what `make` built and build nothing themselves: they run as root, with another cache.
@@ -74,7 +76,8 @@ clean:
 configure:
 	@engine/packages build
 	@engine/find build/engine
-	@cmake --preset default --log-level=WARNING -DZQ_TRACER_FLOOR_US="$(ZQ_TRACER_FLOOR_US)" >/dev/null
+	@cmake --preset default --log-level=WARNING -DZQ_DAEMON_TIMEOUT_MS="$(ZQ_DAEMON_TIMEOUT_MS)" \
+		-DZQ_TRACER_FLOOR_US="$(ZQ_TRACER_FLOOR_US)" >/dev/null
 
 test-packages:
 	@engine/packages test

@@ -15,6 +15,7 @@ sys.path.append(str(PROJECT / "tests"))
 from support import engines, wire  # noqa: E402
 from support.fake_daemon import FakeDaemon  # noqa: E402
 
+engines.EXTENSION = engines.SHIPPED
 RECORDS = PROJECT / "build/bench/records"
 NONE, EMPTY, OFF, ON, TRACED, IDLE, PROFILING = ("no extension", "empty hook", "agent off", "agent on", "all traced",
                                                  "Xdebug idle", "Xdebug profiling")

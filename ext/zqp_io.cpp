@@ -14,7 +14,11 @@
 #include "zqp_lock.h"
 #include "zqprof_settings.h"
 
-static const int daemon_timeout_us = 100000; /* what a stalled daemon may cost a request, per call */
+#ifndef ZQ_DAEMON_TIMEOUT_MS
+#define ZQ_DAEMON_TIMEOUT_MS 100
+#endif
+
+static const uint64 daemon_timeout_us = ZQ_DAEMON_TIMEOUT_MS * 1000; /* what a stalled daemon may cost a request, per call */
 static const size_t MIB = 1 << 20;
 
 /* ---- framing ----------------------------------------------------------------------------------------------------- */
@@ -69,7 +73,7 @@ void pack_write_config(smart_str *p, const char *item, const char *value)
 
 static int set_timeout(int sock, int option, const char *name)
 {
-	struct timeval timeout = {0, daemon_timeout_us};
+	struct timeval timeout = {daemon_timeout_us / 1000000, daemon_timeout_us % 1000000};
 	if (setsockopt(sock, SOL_SOCKET, option, &timeout, sizeof(timeout)) == 0) {
 		return 0;
 	}

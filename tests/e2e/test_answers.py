@@ -4,7 +4,7 @@ import time
 
 import pytest
 
-from support.engines import FastCgi
+from support.engines import SHIPPED, FastCgi
 from support.fake_daemon import HANG_UP, PLAIN, SILENCE
 from support.sockets import Slow
 from support.wire import answer, record
@@ -30,14 +30,16 @@ def packet(*parts, length=None):
 
 
 def held_up(site, blocked, *arguments, **options):
-    """The result of a request that is held up by so many time-outs of 100 ms, and by no more. A busy machine delays one of
-    the twins now and then: it gets more tries."""
-    for _ in range(10):
+    """The result of a request that is held up by that many time-outs of 100 ms, and by no more, in three of five tries."""
+    site.extension = SHIPPED if blocked else site.extension
+    found, held = [], 0
+    while held < 3:
         (site.logs / "php-agent.log").unlink(missing_ok=True)
         result = site.cgi(*arguments, **options)
-        if round((result.ms - result.bare.ms) / 100) == blocked:
-            return result
-    raise AssertionError(f"{result.ms:.0f} ms, without the agent {result.bare.ms:.0f}")
+        found.append(result.held_up_ms - result.bare.held_up_ms)
+        held += round(found[-1] / 100) == blocked
+        assert len(found) - held < 3, f"held up for {found} ms, not {blocked} times 100 ms"
+    return result
 
 
 def test_all_keys_take_effect(site):

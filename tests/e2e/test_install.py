@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 
-from support.engines import ENGINE, EXTENSION, web_environment
+from support.engines import ENGINE, EXTENSION, SHIPPED, web_environment
 from support.fake_daemon import wait_until
 from support.staging import EXTENSION_DIR, GROUP, installed, make, php, stop_daemon
 
@@ -43,7 +43,7 @@ def test_a_running_php_keeps_the_library_that_it_mapped(root):
     with open(root / f".{EXTENSION_DIR}/zqprof.so", "rb") as mapped:
         make("install", root)
         assert os.fstat(mapped.fileno()).st_ino != (root / f".{EXTENSION_DIR}/zqprof.so").stat().st_ino
-        assert mapped.read() == EXTENSION.read_bytes()
+        assert mapped.read() == SHIPPED.read_bytes()
 
 
 def test_the_installed_agent_starts_the_installed_daemon_and_reports(root):

@@ -206,7 +206,7 @@ def main():
     options.add_argument("--seed", default=time.strftime("%Y%m%d"))
     options.add_argument("--only", type=int)
     given = options.parse_args()
-    engines.EXTENSION = Path(os.environ.get("QUORBIT_EXTENSION", PROJECT / "build/traced/zqprof.so"))
+    engines.EXTENSION = engines.BUILD / "traced/zqprof.so"
     site = engines.Site()
     numbers = range(given.programs) if given.only is None else [given.only]
     try:

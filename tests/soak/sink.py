@@ -116,7 +116,7 @@ class Sink:
             try:
                 connection.sock.sendall(wire.answer(SETTINGS, stamp=1 + int(time.monotonic() / NEW_SETTINGS_S)))
             except OSError:
-                pass                              # it waits 100 ms, no longer
+                pass                              # it has given up
             return
         self._add("packets")
         number = int(NUMBER.match(packet.uri)[1])

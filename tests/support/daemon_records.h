@@ -1,13 +1,16 @@
 // What the daemon's tests share: records as literal bytes, made without the code under test; data files; a folder of one's own.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace quorbit_test {
 
@@ -33,10 +36,24 @@ inline std::string action_body(const std::string& application, const std::string
          record(0x1B, number(900)) + record(0x14, number(7)) + record(0x15, number(duration_ms)) + more;
 }
 
-// A file of tests/unit/data, whole.
-inline std::string data(const std::string& name) {
-  std::ifstream file(std::filesystem::path(__FILE__).parent_path() / "../unit/data" / name);
+// A whole file; "" when there is none.
+inline std::string contents(const std::filesystem::path& path) {
+  std::ifstream file(path);
   return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A file of tests/unit/data.
+inline std::string data(const std::string& name) {
+  return contents(std::filesystem::path(__FILE__).parent_path() / "../unit/data" / name);
+}
+
+// Whether the condition holds within half a minute; it is looked at every 5 ms.
+inline bool becomes_true(const std::function<bool()>& condition) {
+  for (int i = 0; i < 6000; i++) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return false;
 }
 
 // A folder that goes with the object, and all in it; its path is empty when it could not be made.

@@ -13,46 +13,46 @@ function run_all($run) {
         try { $run($sql); } catch (Exception $e) { echo get_class($e), $e->getMessage(), $e->getLine(), "\n"; }
     }
 }
-# --- PDO query => query
+# --- PDO query => PDO.query
 $db = pdo_sqlite_link();
 run_all(function ($sql) use ($db) { $r = $db->query($sql); show($r ? $r->fetchAll() : $r); });
-# --- PDO exec => query
+# --- PDO exec => nothing
 $db = pdo_sqlite_link();
 run_all(function ($sql) use ($db) { show($db->exec($sql)); });
-# --- PDO warnings => query
+# --- PDO warnings => PDO.query
 $db = pdo_sqlite_link();
 $db->setAttribute(PDO::ATTR_ERRMODE, PDO::ERRMODE_WARNING);
 run_all(function ($sql) use ($db) { show($db->query($sql)); });
-# --- PDO prepare => prepare
+# --- PDO prepare => PDOStatement.execute
 $db = pdo_sqlite_link();
 $db->setAttribute(PDO::ATTR_ERRMODE, PDO::ERRMODE_EXCEPTION);
 run_all(function ($sql) use ($db) { $r = $db->prepare($sql); show($r ? $r->execute() : $r); show($r ? $r->fetchAll() : $r); });
-# --- SQLite3 => query
+# --- SQLite3 => nothing
 $db = new SQLite3(":memory:");
 run_all(function ($sql) use ($db) { show($db->querySingle($sql)); show($db->lastErrorMsg()); });
-# --- mysqli => query
+# --- mysqli => mysqli.query
 $db = mysqli_link();
 run_all(function ($sql) use ($db) { $r = $db->query($sql); show($r); show($db->error); });
-# --- mysqli prepare => prepare
+# --- mysqli prepare => mysqli.prepare
 $db = mysqli_link();
 run_all(function ($sql) use ($db) { $r = $db->prepare($sql); show($r && $r->execute()); show($db->error); });
-# --- mysql => query
+# --- mysql => mysql_query
 $link = mysql_link();
 run_all(function ($sql) use ($link) {
     $r = mysql_query($sql, $link);
     show($r ? mysql_fetch_row($r) : $r);
     show(mysql_error($link));
 });
-# --- pg_query => query
+# --- pg_query => pg_query
 $link = pg_link();
 run_all(function ($sql) use ($link) {
     $r = pg_query($link, $sql);
     show($r ? pg_fetch_row($r) : $r);
     show(pg_last_error($link));
 });
-# --- pg_query_params => query
+# --- pg_query_params => pg_query_params
 $link = pg_link();
 run_all(function ($sql) use ($link) { $r = pg_query_params($link, $sql, array()); show($r ? pg_fetch_row($r) : $r); });
-# --- PDO pgsql => query
+# --- PDO pgsql => PDO.query
 $db = pdo_pg_link();
 run_all(function ($sql) use ($db) { $r = $db->query($sql); show($r ? $r->fetchAll() : $r); show($db->errorInfo()); });

@@ -1,5 +1,5 @@
 <?php
-/* Every function at moments when a script is unlikely to call it. */
+/* Every function at moments when a script is unlikely to call it, and how many actions come of it on the command line. */
 $f = fopen('php://memory', 'r');
 $l = array(1, 2, 3);
 function any() {
@@ -12,25 +12,25 @@ function any() {
     vantor_notice_error(new Exception('z'));
 }
 
-# --- inside functions => done
+# --- inside functions => 4
 function a() { b(); }
 function b() { any(); any(); }
 a();
 a();
 echo 'done';
 
-# --- inside a callback => done
+# --- inside a callback => 5
 array_map('any', $l);
 usort($l, function () { any(); return 0; });
 echo 'done';
 
-# --- inside an error handler => done
+# --- inside an error handler => 2
 set_error_handler('any');
 echo $nothing;
 @file_get_contents('http://127.0.0.1:1/');
 echo 'done';
 
-# --- inside a header callback of curl => done
+# --- inside a header callback of curl => 2
 $c = curl_init('file:///etc/hostname');
 curl_setopt($c, CURLOPT_RETURNTRANSFER, 1);
 curl_setopt($c, CURLOPT_WRITEFUNCTION, function ($c, $d) { any(); return strlen($d); });
@@ -38,26 +38,26 @@ curl_exec($c);
 curl_exec($c);
 echo 'done';
 
-# --- inside an output buffer => done
+# --- inside an output buffer => 2
 ob_start(function ($t) { any(); return $t; });
 echo 'x';
 ob_flush();
 ob_end_flush();
 echo 'done';
 
-# --- in a destructor => done
+# --- in a destructor => 2
 class D { function __destruct() { any(); } }
 $d = new D;
 $d = null;
 $GLOBALS['last'] = new D;
 echo 'done';
 
-# --- at shutdown => done
+# --- at shutdown => 1
 register_shutdown_function('any');
 echo 'done';
 exit;
 
-# --- in a method that the agent calls => done
+# --- in a method that the agent calls => 0
 class Zend_Application { function __construct() { } }
 class Zend_Http_Client {
     function getUri() {
