@@ -289,7 +289,6 @@ void append_service_errors(smart_str *p TSRMLS_DC)
 	}
 }
 
-/* Last of all that reads statements: writing a trace obfuscates them in place. */
 void append_trace(smart_str *p, int server_t TSRMLS_DC)
 {
 	if (!ZQG(tracer) || !zq_trace_is_due(server_t TSRMLS_CC)) {

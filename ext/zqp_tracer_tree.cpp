@@ -209,11 +209,15 @@ static void append_target(smart_str *msg, const tracer_element *tracer)
 
 static void append_statement(smart_str *msg, const sql_element *sql TSRMLS_DC)
 {
-	if (ZQG(action_tracer_record_sql) == 2) {
-		zq_obfuscate_sql(sql->statement);
-	}
 	zq_append_text(msg, "\"sql\":");
-	json_escape_string(msg, sql->statement, strlen(sql->statement), 1);
+	if (ZQG(action_tracer_record_sql) == 2) {
+		char *masked = estrdup(sql->statement);
+		zq_obfuscate_sql(masked);
+		json_escape_string(msg, masked, strlen(masked), 1);
+		efree(masked);
+	} else {
+		json_escape_string(msg, sql->statement, strlen(sql->statement), 1);
+	}
 	if (sql->stack) {
 		zq_append_text(msg, ",\"stacktrace\":");
 		zq_append_text(msg, sql->stack);

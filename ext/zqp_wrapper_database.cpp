@@ -262,7 +262,7 @@ static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 b
 	if (statement && !is_recorded_full(g TSRMLS_CC)) {
 		const char *vendor = api->vendor ? api->vendor : g->pdo_db;
 		record = zq_keep_statement(g->sqls, vendor, statement, elapsed_ms,
-			!has_stack && !has_plan && !is_traced /* the trace takes a name from each, then obfuscates it */);
+			!has_stack && !has_plan && !is_traced /* each has an element of its own in the trace */);
 	}
 	if (statement || api->fails_without_statement) {
 		report_failure(api, call, statement TSRMLS_CC);

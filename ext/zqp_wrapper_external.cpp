@@ -198,7 +198,7 @@ int performance_curl_exec(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TS
 		recorded = record_transfer(stack_data, handle, Z_STRVAL(url), btsc, ctsc TSRMLS_CC);
 	}
 	zq_release_result(&url TSRMLS_CC);
-	wrapper_curl_exec(stack_data TSRMLS_CC);
+	zq_drop_curl_answer(TSRMLS_C);
 	return recorded;
 }
 

@@ -194,10 +194,15 @@ int performance_curl_reset(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
 	return 0;
 }
 
-void wrapper_curl_exec(zq_stack_data *TSRMLS_DC)
+void zq_drop_curl_answer(TSRMLS_D)
 {
 	if (ZQG(transaction_curl_response_data)) {
 		efree(ZQG(transaction_curl_response_data));
 		ZQG(transaction_curl_response_data) = NULL;
 	}
+}
+
+void wrapper_curl_exec(zq_stack_data *TSRMLS_DC)
+{
+	zq_drop_curl_answer(TSRMLS_C);
 }

@@ -27,7 +27,9 @@ void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC);
 void wrapper_curl_setopt_array(zq_stack_data *stack_data TSRMLS_DC);
 /* Before curl_multi_add_handle: takes our header callback off a handle that has none of the script's. */
 void wrapper_curl_multi_add_handle(zq_stack_data *stack_data TSRMLS_DC);
-/* Before curl_exec: forgets data that came with an answer to another call. */
+/* Forgets what a callee has answered: it belongs to one transfer. */
+void zq_drop_curl_answer(TSRMLS_D);
+/* Before curl_exec: that, for data that came with an answer to another call. */
 void wrapper_curl_exec(zq_stack_data *stack_data TSRMLS_DC);
 /* After curl_setopt: adds the identity to a header list that the script has set. 0. */
 int performance_curl_setopt(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
