@@ -1,29 +1,30 @@
 // quorbit: the local daemon, and the command line that reads what it stored.
-#include "ask/commands.h"
+#include "ask/command.h"
 #include "receive/daemonize.h"
-#include "ask/names.h"
-#include "base/clock.h"
-
-#include <CLI/CLI.hpp>
 
 #include <cstdio>
 
 namespace {
 
-// Times on the command line: seconds, or a number with its unit.
-std::string check_seconds(const std::string &text)
-{
-	return quorbit::parse_seconds(text) ? std::string() : "expected a time such as 90s, 15m, 2h or 7d";
-}
+struct Command {
+	const char *name, *summary;
+	quorbit::CommandRun (*add)(CLI::App &command);
+};
+
+constexpr Command commands[] = {
+	{"show", "the newest actions, or one in full", quorbit::add_show},
+	{"tail", "actions as they come", quorbit::add_tail},
+	{"top", "sums per action name", quorbit::add_top},
+	{"status", "applications and their processes; what to check when nothing comes", quorbit::add_status},
+	{"profile", "records an application's function calls for some time, and prints them", quorbit::add_profile},
+	{"names", "a dry run: which names requests would get under an application's settings", quorbit::add_names},
+};
 
 struct Arguments {
 	std::string config_path;
 	std::string root = "/var";
 	bool foreground = false;
-	quorbit::ShowOptions show;
-	int64_t id = 0;
-	std::string since = "1h", duration;
-	quorbit::NamesOptions names;
+	quorbit::CommandRun command; // none: run the daemon
 
 	quorbit::DaemonConfig config() const
 	{
@@ -31,59 +32,13 @@ struct Arguments {
 	}
 };
 
-void add_list_options(CLI::App *command, Arguments &arguments, bool json)
-{
-	command->add_option("--app", arguments.show.application, "only this application");
-	if (json) command->add_flag("--json", arguments.show.json, "for programs");
-}
-
-void add_names(CLI::App &app, quorbit::NamesOptions &names)
-{
-	CLI::App *command =
-		app.add_subcommand("names", "a dry run: which names requests would get under an application's settings");
-	command->add_option("FILE", names.requests, "lines such as \"GET /path\", or an access log; - for standard input")
-		->required();
-	command->add_option("--app", names.application, "the application; * for one without settings of its own")
-		->capture_default_str();
-	command->add_option("--settings", names.settings, "a settings file instead of the daemon's applications.conf");
-	command->add_option("--script", names.script, "the file that is run for URIs without \".php\"")
-		->capture_default_str();
-	command->add_option("-n", names.most, "how many names")->check(CLI::Range(1, 1000000))->capture_default_str();
-}
-
 void add_commands(CLI::App &app, Arguments &arguments)
 {
-	CLI::App *show = app.add_subcommand("show", "the newest actions, or one whole");
-	show->add_option("ID", arguments.id, "an action of the list")->check(CLI::PositiveNumber);
-	show->add_option("-n", arguments.show.most, "how many actions")
-		->check(CLI::Range(1, 1000000))
-		->capture_default_str();
-	show->add_flag("--full", arguments.show.full, "of one action: every call and statement for itself, nothing cut");
-	add_list_options(show, arguments, true);
-	add_list_options(app.add_subcommand("tail", "actions as they come"), arguments, true);
-	CLI::App *top = app.add_subcommand("top", "sums per action name");
-	top->add_option("--since", arguments.since, "how far back")->check(check_seconds)->capture_default_str();
-	add_list_options(top, arguments, false);
-	app.add_subcommand("status", "applications and their processes; what to check when nothing comes");
-	CLI::App *profile =
-		app.add_subcommand("profile", "records an application's function calls for some time, and prints them");
-	profile->add_option("APP", arguments.show.application, "name of the application")->required();
-	profile->add_option("TIME", arguments.duration, "how long, such as 30s")->required()->check(check_seconds);
-	add_names(app, arguments.names);
-}
-
-int run_command(const CLI::App &app, Arguments &arguments)
-{
-	auto config = arguments.config();
-	const std::string command = app.get_subcommands().front()->get_name();
-	const std::string &application = arguments.show.application;
-	if (command == "tail") return quorbit::tail(config, application, arguments.show.json);
-	if (command == "top") return quorbit::top(config, application, *quorbit::parse_seconds(arguments.since));
-	if (command == "status") return quorbit::status(config);
-	if (command == "profile") return quorbit::profile(config, application, *quorbit::parse_seconds(arguments.duration));
-	if (command == "names") return quorbit::names(config, arguments.names);
-	if (arguments.id) arguments.show.id = arguments.id;
-	return quorbit::show(config, arguments.show);
+	for (const Command &command : commands) {
+		CLI::App *added = app.add_subcommand(command.name, command.summary);
+		auto run = command.add(*added);
+		added->callback([&arguments, run] { arguments.command = run; });
+	}
 }
 
 } // namespace
@@ -101,7 +56,7 @@ int main(int argc, char **argv)
 	CLI11_PARSE(app, argc, argv);
 
 	try {
-		if (!app.get_subcommands().empty()) return run_command(app, arguments);
+		if (arguments.command) return arguments.command(arguments.config());
 		if (!arguments.config_path.empty()) return quorbit::run_daemon(arguments.config_path, arguments.foreground);
 		printf("%s", app.help().c_str());
 		return 2;

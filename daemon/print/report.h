@@ -5,10 +5,9 @@
 #include "base/config.h"
 #include "base/json_text.h"
 #include "print/page.h"
-#include "store/store_reader.h"
+#include "store/reader.h"
 #include "facts/trace.h"
 
-#include <map>
 #include <set>
 
 namespace quorbit {
@@ -32,13 +31,14 @@ enum class Relation { caller, callee, same_transaction };
 
 struct RelatedAction {
 	Relation relation;
-	const StoredAction *action;
+	ActionRow row;
+	std::string trace; // of a caller or callee; JSON, or ""
 };
 
 // The tracer ids of the applications that an action's trace says it called.
 std::vector<std::string> called_tracer_ids(const Action &action);
-// Sorts out who called whom.
-std::vector<RelatedAction> relate(const StoredAction &shown, const std::vector<StoredAction> &others);
+// How `other` belongs to the action that is shown, which called the applications of these tracer ids.
+RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &called, const StoredAction &other);
 
 // The action in `width` columns: what is repeated is told once with its count, long texts and tables are cut. `full`:
 // nothing is.
@@ -67,28 +67,8 @@ std::string json_text(const Json &value, bool pretty);
 
 // --- sums (report_top.cpp)
 
-struct ActionSum {
-	std::string application, name;
-	int64_t errors = 0;
-	int64_t total_ms = 0, database_ms = 0, cache_ms = 0, external_ms = 0, code_ms = 0;
-	std::vector<int64_t> durations_ms;
-};
-
-// Adds actions by application and name.
-class ActionSums {
-public:
-	void add(const ActionRow &row);
-	// Those with most time together first.
-	std::vector<ActionSum> sorted() const;
-
-private:
-	std::map<std::pair<std::string, std::string>, ActionSum> sums_;
-};
-
-// The smallest value that at least `percentile` per cent of the values do not exceed; 0 of no values.
-int64_t percentile(std::vector<int64_t> values, int percentile);
 // A table in `width` columns, one line per sum, in their order.
-std::string top_text(const std::vector<ActionSum> &sums, size_t width);
+std::string top_text(const std::vector<SumRow> &sums, size_t width);
 
 // --- state (report_status.cpp)
 

@@ -13,15 +13,15 @@ constexpr size_t most_rows = 10; // of a table
 constexpr size_t message_lines = 20;
 
 // "database 40 ms (33%), code 80 ms (67%)": the parts that took time.
-std::string parts_text(const Action &action)
+std::string parts_text(const ActionRow &row)
 {
-	const std::pair<const char *, int64_t> parts[] = {{"database", action.database_ms}, {"caches", action.cache_ms},
-		{"outgoing calls", action.external_ms}, {"code", action.code_ms()}};
+	const std::pair<const char *, int64_t> parts[] = {{"database", row.database_ms}, {"caches", row.cache_ms},
+		{"outgoing calls", row.external_ms}, {"code", row.code_ms}};
 	std::string text;
 	for (const auto &[name, ms] : parts) {
 		if (ms)
 			text += (text.empty() ? "" : ", ") + std::string(name) + " " + duration_text(ms) + " (" +
-				percent(ms, action.duration_ms) + ")";
+				percent(ms, row.duration_ms) + ")";
 	}
 	return text;
 }
@@ -37,7 +37,7 @@ void print_head(const StoredAction &shown, Page &page)
 	if (action.uri) page.entry("URI", *action.uri);
 	page.entry("duration",
 		duration_text(action.duration_ms) + ", CPU " + duration_text(action.cpu_ticks * 1000 / sysconf(_SC_CLK_TCK)));
-	if (auto parts = parts_text(action); !parts.empty()) page.entry("spent in", parts);
+	if (auto parts = parts_text(row); !parts.empty()) page.entry("spent in", parts);
 	if (action.block_ms) page.entry("queued before", duration_text(action.block_ms));
 	std::string trace = action.tracer_id.empty() ? std::string() : "trace " + action.tracer_id;
 	if (!action.transaction_id.empty())
@@ -145,15 +145,15 @@ void print_components(const Action &action, Page &page)
 	page.rows({{"TIME", true}, {"OWN", true}, {"COMPONENT", false, true}}, cells, page.most(most_rows));
 }
 
-void print_trace(const Action &action, const std::string &title, Page &page)
+void print_trace(const std::string &trace, const std::string &title, Page &page)
 {
-	if (action.trace.empty()) return;
+	if (trace.empty()) return;
 	page.section(title + " (ms: from the begin, taken)");
-	auto nodes = read_trace(action.trace);
+	auto nodes = read_trace(trace);
 	if (nodes)
 		page.out += trace_text(*nodes, page.width(), page.full());
 	else
-		page.entry("unreadable", action.trace);
+		page.entry("unreadable", trace);
 }
 
 void print_related(const std::vector<RelatedAction> &related, Page &page)
@@ -161,18 +161,16 @@ void print_related(const std::vector<RelatedAction> &related, Page &page)
 	if (related.empty()) return;
 	page.section("Transaction");
 	constexpr const char *words[] = {"called by", "called", "same"};
-	for (const auto &[relation, other] : related) {
-		std::string text =
-			"action " + std::to_string(other->row.id) + ", " + other->action.application + ", " + other->action.name;
-		page.entry(words[static_cast<int>(relation)], text + ", " + duration_text(other->action.duration_ms));
+	for (const auto &[relation, row, trace] : related) {
+		std::string text = "action " + std::to_string(row.id) + ", " + row.application + ", " + row.name;
+		page.entry(words[static_cast<int>(relation)], text + ", " + duration_text(row.duration_ms));
 		if (relation == Relation::same_transaction) continue;
-		if (auto parts = parts_text(other->action); !parts.empty()) page.entry("", parts);
+		if (auto parts = parts_text(row); !parts.empty()) page.entry("", parts);
 	}
 	// The other half itself, as far as there is one.
-	for (const auto &[relation, other] : related) {
-		if (relation == Relation::same_transaction) continue;
+	for (const auto &[relation, row, trace] : related) {
 		const std::string half = relation == Relation::caller ? "Caller" : "Callee";
-		print_trace(other->action, half + ": trace of action " + std::to_string(other->row.id), page);
+		print_trace(trace, half + ": trace of action " + std::to_string(row.id), page);
 	}
 }
 
@@ -206,22 +204,15 @@ std::vector<std::string> called_tracer_ids(const Action &action)
 	return ids;
 }
 
-std::vector<RelatedAction> relate(const StoredAction &shown, const std::vector<StoredAction> &others)
+RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &called, const StoredAction &other)
 {
-	auto calls = [](const Action &action, const std::string &tracer_id) {
-		auto ids = called_tracer_ids(action);
+	auto is_among = [](const std::vector<std::string> &ids, const std::string &tracer_id) {
 		return !tracer_id.empty() && std::find(ids.begin(), ids.end(), tracer_id) != ids.end();
 	};
-	std::vector<RelatedAction> related;
-	for (const StoredAction &other : others) {
-		Relation relation = Relation::same_transaction;
-		if (calls(shown.action, other.action.tracer_id))
-			relation = Relation::callee;
-		else if (calls(other.action, shown.action.tracer_id))
-			relation = Relation::caller;
-		related.push_back({relation, &other});
-	}
-	return related;
+	if (is_among(called, other.action.tracer_id)) return {Relation::callee, other.row, other.action.trace};
+	bool calls = is_among(called_tracer_ids(other.action), shown.action.tracer_id);
+	if (calls) return {Relation::caller, other.row, other.action.trace};
+	return {Relation::same_transaction, other.row, {}};
 }
 
 std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full)
@@ -233,7 +224,7 @@ std::string action_text(const StoredAction &shown, const std::vector<RelatedActi
 	print_caches(shown.action, page);
 	print_calls(shown.action, page);
 	print_components(shown.action, page);
-	print_trace(shown.action, "Trace", page);
+	print_trace(shown.action.trace, "Trace", page);
 	print_related(related, page);
 	print_rest(shown.action, page);
 	return std::move(page.out);

@@ -1,7 +1,8 @@
 // The store's layout: every store out there can be brought to the newest one, and nobody changes it in passing.
 #include "daemon_records.h"
 #include "store/layout.h"
-#include "store/store_reader.h"
+#include "store/sqlite_reader.h"
+#include "store/store.h"
 
 #include <gtest/gtest.h>
 
@@ -60,15 +61,15 @@ TEST_F(LayoutTest, BringsAnOldStoreToTheLayoutOfANewOne) {
     store.commit();
   }
   EXPECT_EQ(schema_of(path_), schema_of(fresh));
-  StoreReader reader(path_);
-  auto rows = reader.newest(10, "");
+  auto reader = open_sqlite_reader(path_);
+  auto rows = reader->actions({});
   ASSERT_EQ(rows.size(), 4u);
   EXPECT_EQ(rows[0].id, 4);
   EXPECT_EQ(rows[3].database_ms, 40);
-  EXPECT_EQ(reader.action(1)->action.error->message, "no stock");
-  EXPECT_EQ(reader.applications().size(), 2u);
+  EXPECT_EQ(reader->action(1)->action.error->message, "no stock");
+  EXPECT_EQ(reader->applications().size(), 2u);
   int events = 0;
-  reader.each_profile_event("Shop", 0, [&](const ProfileEvent&) { events++; });
+  reader->each_profile_event({"Shop", {}}, [&](const ProfileEvent&) { events++; });
   EXPECT_EQ(events, 2);
 }
 
@@ -92,14 +93,14 @@ TEST_F(LayoutTest, RefusesStoresOfANewerLayoutAndHalfMadeOnes) {
   for (const auto& [change, words] : cases) {
     Database(path_, Database::Mode::read_write).execute(change);
     EXPECT_NE(refusal().find(words), std::string::npos) << refusal();
-    EXPECT_THROW(StoreReader reader(path_), SqliteError) << change;
+    EXPECT_THROW(open_sqlite_reader(path_), SqliteError) << change;
   }
 }
 
 TEST_F(LayoutTest, TheCommandLineSaysWhatAnOldStoreNeeds) {
   keep_first_layout();
   try {
-    StoreReader reader(path_);
+    open_sqlite_reader(path_);
     FAIL() << "it was read";
   } catch (const SqliteError& failure) {
     EXPECT_NE(std::string(failure.what()).find("a restart of the daemon brings it up to date"), std::string::npos);

@@ -1,6 +1,8 @@
 // The store: what is written is found again, within its bound, and its thread outlives a broken file.
 #include "daemon_records.h"
-#include "store/store_reader.h"
+#include "store/profile_orders.h"
+#include "store/sqlite_reader.h"
+#include "store/store.h"
 #include "store/store_writer.h"
 
 #include <gtest/gtest.h>
@@ -38,9 +40,9 @@ class StoreTest : public testing::Test {
     while (store.maintain(bounds)) continue;
   }
   // Thread and name of each event of "Shop".
-  static std::string events_of(StoreReader& reader, int64_t since_ms) {
+  std::string events_of(int64_t since_ms) const {
     std::string seen;
-    reader.each_profile_event("Shop", since_ms, [&](const ProfileEvent& event) { seen += std::to_string(event.thread) + event.name; });
+    open_sqlite_reader(path_)->each_profile_event({"Shop", {since_ms}}, [&](const ProfileEvent& event) { seen += std::to_string(event.thread) + event.name; });
     return seen;
   }
 
@@ -51,31 +53,63 @@ class StoreTest : public testing::Test {
 TEST_F(StoreTest, FindsActionsAgain) {
   add({metric(1000, "Shop", record(0x16, number(40)) + record(0x2A, "1\n500\nc\nm\n")), metric(2000, "Api"), metric(3000, "Shop"),
        {0x0B, 1, 1, "garbled"}});
-  StoreReader reader(path_);
-  auto all = reader.newest(10, "");
+  auto reader = open_sqlite_reader(path_);
+  auto all = reader->actions({});
   ASSERT_EQ(all.size(), 3u);
   EXPECT_EQ(all[0].received_ms, 3000);
   EXPECT_EQ(all[2].application, "Shop");
   EXPECT_EQ(all[2].code_ms, 60);
   EXPECT_TRUE(all[2].error);
-  EXPECT_EQ(reader.newest(1, "Shop")[0].received_ms, 3000);
-  EXPECT_EQ(reader.after(all[2].id, "Shop").size(), 1u);
-  EXPECT_EQ(reader.action(all[2].id)->action.error->cls, "c");
-  EXPECT_FALSE(reader.action(99));
-  int since = 0;
-  reader.each_since(2000, "", [&](const ActionRow&) { since++; });
-  EXPECT_EQ(since, 2);
+  EXPECT_EQ(reader->action(all[2].id)->action.error->cls, "c");
+  EXPECT_FALSE(reader->action(99));
+  EXPECT_EQ(reader->last_id(), 3);
+  const struct {
+    ActionQuestion question;
+    std::vector<int64_t> ids;
+  } rows[] = {
+      {{}, {3, 2, 1}},
+      {{{}, ActionOrder::oldest, 2}, {1, 2}},
+      {{{{}, "Shop", 0}, ActionOrder::newest, 1}, {3}},
+      {{{{}, "Shop", 1}, ActionOrder::oldest, 9}, {3}},
+      {{{{2000, 3000}, "", 0}, ActionOrder::newest, 9}, {2}},
+      {{{{}, "Nobody", 0}, ActionOrder::newest, 9}, {}},
+  };
+  for (const auto& row : rows) {
+    std::vector<int64_t> ids;
+    for (const ActionRow& action : reader->actions(row.question)) ids.push_back(action.id);
+    EXPECT_EQ(ids, row.ids) << &row - rows;
+  }
+}
+
+TEST_F(StoreTest, SumsByApplicationAndNameWithNearestRankPercentiles) {
+  std::vector<StoredPacket> packets;
+  for (int i = 1; i <= 100; i++) {
+    packets.push_back({0x0B, 1, 1, action_body("Shop", "cart", i, i > 97 ? record(0x2A, "1\n500\nc\nm\n") : "")});
+  }
+  packets.push_back({0x0B, 1, 2, action_body("Other", "cart", 12345, record(0x16, number(2345)))});
+  add(packets);
+  auto reader = open_sqlite_reader(path_);
+  auto sums = reader->sums({});
+  ASSERT_EQ(sums.size(), 2u);
+  EXPECT_EQ(sums[0].application, "Other") << "most time first";
+  EXPECT_EQ(sums[0].database_ms, 2345);
+  const SumRow& shop = sums[1];
+  EXPECT_EQ((std::vector{shop.count, shop.errors, shop.total_ms, shop.p50_ms, shop.p95_ms}), (std::vector<int64_t>{100, 3, 5050, 50, 95}));
+  EXPECT_EQ(reader->sums({{{2, 3}, "", 0}})[0].p95_ms, 12345);
 }
 
 TEST_F(StoreTest, JoinsTheHalvesOfATransaction) {
   add({metric(1, "Shop", record(0x20, "tx") + record(0x26, "a")), metric(2, "Api", record(0x20, "tx") + record(0x26, "b")),
        metric(3, "Other", record(0x26, "c")), metric(4, "Alone")});
-  StoreReader reader(path_);
-  auto related = reader.related(*reader.action(1), {"c", "b", "missing"});
-  ASSERT_EQ(related.size(), 2u);
-  EXPECT_EQ(related[0].row.application, "Api");
-  EXPECT_EQ(related[1].row.application, "Other");
-  EXPECT_TRUE(reader.related(*reader.action(4), {}).empty()) << "no id is nobody's id";
+  auto reader = open_sqlite_reader(path_);
+  auto related = [&](const RelatedQuestion& question) {
+    std::string names;
+    reader->each_related(question, [&](const StoredAction& other) { names += other.row.application + " "; });
+    return names;
+  };
+  EXPECT_EQ(related({1, "tx", {"c", "b", "missing"}}), "Api Other ");
+  EXPECT_EQ(related({1, "tx", {"c"}, 1}), "Api ");
+  EXPECT_EQ(related({4, "", {""}}), "") << "no id is nobody's id";
 }
 
 TEST_F(StoreTest, DropsTheOldestFirstAndNoMoreThanItMust) {
@@ -84,7 +118,7 @@ TEST_F(StoreTest, DropsTheOldestFirstAndNoMoreThanItMust) {
     for (int i = 0; i < 200; i++) store.add(metric(1000 + i, "Shop", large));
   });
   keep({4 << 20, 1 << 20});
-  auto rows = StoreReader(path_).newest(1000, "");
+  auto rows = open_sqlite_reader(path_)->actions({{}, ActionOrder::newest, 1000});
   EXPECT_EQ(rows.front().received_ms, 1199);
   EXPECT_GT(rows.size(), 60u);
   EXPECT_LT(rows.size(), 84u);
@@ -95,8 +129,8 @@ TEST_F(StoreTest, AProfilePushesOutNoAction) {
   write([&](Store& store) {
     for (int i = 0; i < 300; i++) store.add(metric(1000 + i, "Shop", record(0x77, std::string(3000, 'x'))));
   });
-  StoreReader client(path_, true);
-  client.order_profile("Shop", 30);
+  ProfileOrders client(path_);
+  client.order("Shop", 30);
   Store store(path_);
   store.open_orders(1);
   for (int round = 0; round < 20; round++) {
@@ -105,9 +139,9 @@ TEST_F(StoreTest, AProfilePushesOutNoAction) {
     store.commit();
     while (store.maintain({2 << 20, 1 << 20})) continue;
   }
-  EXPECT_EQ(StoreReader(path_).newest(1000, "").size(), 300u);
+  EXPECT_EQ(open_sqlite_reader(path_)->actions({{}, ActionOrder::newest, 1000}).size(), 300u);
   int kept = 0, newest = 0;
-  client.each_profile_event("Shop", 0, [&](const ProfileEvent& event) {
+  open_sqlite_reader(path_)->each_profile_event({"Shop", {}}, [&](const ProfileEvent& event) {
     kept++;
     newest += event.name == "f19";
   });
@@ -122,7 +156,7 @@ TEST_F(StoreTest, RemembersApplicationsWithinABound) {
     store.add(metric(5000, "App0"));
     store.limit_tables();
   });
-  auto applications = StoreReader(path_).applications();
+  auto applications = open_sqlite_reader(path_)->applications();
   EXPECT_EQ(applications.size(), 1024u);
   ASSERT_EQ(applications[0].name, "App0") << "seen last, though asked first";
   EXPECT_EQ(applications[0].query_ms, 1000);
@@ -131,19 +165,19 @@ TEST_F(StoreTest, RemembersApplicationsWithinABound) {
 
 TEST_F(StoreTest, CarriesProfileOrdersAndTheirEvents) {
   Store store(path_);
-  StoreReader client(path_, true), other(path_, true);
+  ProfileOrders client(path_), other(path_);
   store.changed_by_others();
-  int64_t order = client.order_profile("Shop", 30), taken_back = other.order_profile("Shop", 5);
+  int64_t order = client.order("Shop", 30), taken_back = other.order("Shop", 5);
   EXPECT_TRUE(store.changed_by_others());
-  other.cancel_order(taken_back);
+  other.cancel(taken_back);
   auto open = store.open_orders(1);
   ASSERT_EQ(open.size(), 1u);
   EXPECT_EQ(open[0].seconds, 30);
-  EXPECT_FALSE(client.order_start(order));
+  EXPECT_FALSE(client.start_of(order));
   store.order_started({order, "Shop", 30, 777, 42});
-  EXPECT_EQ(client.order_start(order), (std::pair<int64_t, int64_t>(42, 777)));
+  EXPECT_EQ(client.start_of(order), (std::pair<int64_t, int64_t>(42, 777)));
   EXPECT_EQ(store.open_orders(1)[0].started_ms, 777) << "a daemon that is started anew goes on with it";
-  EXPECT_EQ(StoreReader(path_).open_profiles().size(), 1u);
+  EXPECT_EQ(open_profiles(path_).size(), 1u);
 
   store.begin();
   for (const auto& [at_ms, line] : {std::pair(700, "1 5 enter action old"), std::pair(800, "2 9 enter action a"),
@@ -151,12 +185,12 @@ TEST_F(StoreTest, CarriesProfileOrdersAndTheirEvents) {
     store.add(event(at_ms, line));
   }
   store.commit();
-  EXPECT_EQ(events_of(client, 777), "5b9a9a");
-  EXPECT_EQ(StoreReader(path_, true).stop_profiles("Shop"), 1);
-  EXPECT_TRUE(client.order_ended(order));
+  EXPECT_EQ(events_of(777), "5b9a9a");
+  EXPECT_EQ(ProfileOrders(path_).stop("Shop"), 1);
+  EXPECT_TRUE(client.ended(order));
   EXPECT_TRUE(store.open_orders(1).empty());
   while (store.maintain({})) continue;
-  EXPECT_EQ(events_of(client, 777), "5b9a9a") << "its client may still print it";
+  EXPECT_EQ(events_of(777), "5b9a9a") << "its client may still print it";
 }
 
 TEST_F(StoreTest, WhatAProfileLeavesGoesWithItsClient) {
@@ -167,17 +201,16 @@ TEST_F(StoreTest, WhatAProfileLeavesGoesWithItsClient) {
     store.commit();
     while (store.maintain({})) continue;
   };
-  std::optional<StoreReader> client(std::in_place, path_, true);
-  client->order_profile("Shop", 30);
+  std::optional<ProfileOrders> client(std::in_place, path_);
+  client->order("Shop", 30);
   store.open_orders(1);
   add_event("1 1 enter action kept");
-  StoreReader reader(path_);
-  EXPECT_EQ(events_of(reader, 0), "1kept");
+  EXPECT_EQ(events_of(0), "1kept");
   client.reset();  // as when its process is killed
   EXPECT_TRUE(store.open_orders(2).empty());
   add_event("2 1 enter action late");
-  EXPECT_EQ(events_of(reader, 0), "") << "nobody waits for them";
-  EXPECT_TRUE(reader.open_profiles().empty());
+  EXPECT_EQ(events_of(0), "") << "nobody waits for them";
+  EXPECT_TRUE(open_profiles(path_).empty());
 }
 
 TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
@@ -195,7 +228,7 @@ TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
     return contents(log).find("the store works again") != std::string::npos;
   }));
   log_open("", LogLevel::off);
-  auto rows = StoreReader(path_).newest(1, "");
+  auto rows = open_sqlite_reader(path_)->actions({});
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].application, "Kept");
 }
@@ -204,7 +237,7 @@ TEST_F(StoreTest, GivesEachNumberOnceWhateverWasRemovedMeanwhile) {
   add({metric(1, "Shop"), metric(2, "Shop")});
   keep({0, 0});
   add({metric(3, "Shop")});
-  auto rows = StoreReader(path_).newest(10, "");
+  auto rows = open_sqlite_reader(path_)->actions({});
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].id, 3);
 }

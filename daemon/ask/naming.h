@@ -2,7 +2,6 @@
 // the agent's own code (ext/zqp_naming_rules.*, ext/zqp_naming_uri.h).
 #pragma once
 
-#include "base/config.h"
 #include "facts/wire.h"
 
 #include <istream>
@@ -67,17 +66,5 @@ NameCounts count_names(std::istream &lines, const Namer &namer);
 
 // The report for the operator: at most `most` names, in `width` columns (0: no limit).
 std::string names_text(const NameCounts &counts, size_t most, size_t width, const std::string &script);
-
-struct NamesOptions {
-	std::string requests = "-";    // the file; "-" is standard input
-	std::string application = "*"; // whose settings; "*" are those of applications without a section
-	std::string settings;          // the file; "" for the daemon's applications.conf
-	std::string script = "/index.php";
-	size_t most = 20;
-};
-
-// The command. Returns the exit status: 1 when the naming rules are no JSON. Throws std::runtime_error when a file
-// cannot be read.
-int names(const DaemonConfig &config, const NamesOptions &options);
 
 } // namespace quorbit

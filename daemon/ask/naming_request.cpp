@@ -1,5 +1,5 @@
 // Requests as access logs and lists write them.
-#include "ask/names.h"
+#include "ask/naming.h"
 
 #include "zqp_text.h"
 

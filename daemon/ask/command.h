@@ -1,0 +1,27 @@
+// The commands of the operator, one source each: its options, its question, its printing.
+#pragma once
+
+#include "base/config.h"
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+
+namespace quorbit {
+
+// Runs a command whose options have been read. Prints to standard output and returns the exit status; throws
+// std::runtime_error with a message for the operator.
+using CommandRun = std::function<int(const DaemonConfig &config)>;
+
+// Each adds its options to `command` and returns what runs it.
+CommandRun add_show(CLI::App &command);
+CommandRun add_tail(CLI::App &command);
+CommandRun add_top(CLI::App &command);
+CommandRun add_status(CLI::App &command);
+CommandRun add_profile(CLI::App &command);
+CommandRun add_names(CLI::App &command);
+
+// For options that are times: "" for seconds or a number with its unit, else what is wrong.
+std::string check_seconds(const std::string &text);
+
+} // namespace quorbit

@@ -1,0 +1,67 @@
+// quorbit show: the newest actions, or one in full.
+#include "ask/command.h"
+
+#include "base/clock.h"
+#include "print/output.h"
+#include "print/report.h"
+#include "store/open_reader.h"
+
+#include <stdexcept>
+
+namespace quorbit {
+
+namespace {
+
+struct ShowOptions {
+	int64_t id = 0; // one action in full; 0 for a list
+	ActionQuestion question;
+	bool json = false;
+	bool full = false; // of one action: nothing summed up or cut
+};
+
+int show_action(Reader &store, const ShowOptions &options)
+{
+	auto shown = store.action(options.id);
+	if (!shown) throw std::runtime_error("there is no action " + std::to_string(options.id) + " (any more)");
+	auto called = called_tracer_ids(shown->action);
+	std::vector<RelatedAction> related;
+	store.each_related({options.id, shown->action.transaction_id, called},
+		[&](const StoredAction &other) { related.push_back(relate(*shown, called, other)); });
+	if (options.json)
+		put(json_text(action_json(*shown, related), true));
+	else
+		put(action_text(*shown, related, output_width(), options.full));
+	return 0;
+}
+
+int show(const DaemonConfig &config, const ShowOptions &options)
+{
+	auto store = open_reader(config);
+	if (options.id) return show_action(*store, options);
+	auto rows = store->actions(options.question);
+	if (!options.json) {
+		put(action_table(rows, output_width(), wall_clock_ms()));
+		return 0;
+	}
+	Json list = Json::array();
+	for (const ActionRow &row : rows) list.push_back(action_summary(row));
+	put(json_text(list, true));
+	return 0;
+}
+
+} // namespace
+
+CommandRun add_show(CLI::App &command)
+{
+	auto options = std::make_shared<ShowOptions>();
+	command.add_option("ID", options->id, "an action of the list")->check(CLI::PositiveNumber);
+	command.add_option("-n", options->question.most, "how many actions")
+		->check(CLI::Range(1, 1000000))
+		->capture_default_str();
+	command.add_flag("--full", options->full, "of one action: every call and statement for itself, nothing cut");
+	command.add_option("--app", options->question.filter.application, "only this application");
+	command.add_flag("--json", options->json, "for programs");
+	return [options](const DaemonConfig &config) { return show(config, *options); };
+}
+
+} // namespace quorbit

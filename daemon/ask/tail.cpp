@@ -1,0 +1,62 @@
+// quorbit tail: actions as they come.
+#include "ask/command.h"
+
+#include "base/clock.h"
+#include "print/output.h"
+#include "print/report.h"
+#include "store/open_reader.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace quorbit {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// The last ten actions of the application ("": of all), then each as it comes; returns when nobody reads any more.
+int tail(const DaemonConfig &config, const std::string &application, bool json)
+{
+	auto store = open_reader(config);
+	// No page to fit into: whoever filters the lines looks for whole names.
+	const size_t width = terminal_width() ? output_width() : 130;
+	if (!json) put(tail_header(width));
+	int64_t last = store->last_id();
+	ActionFilter filter;
+	filter.application = application;
+	auto rows = store->actions({filter, ActionOrder::newest, 10});
+	std::reverse(rows.begin(), rows.end());
+	for (;;) {
+		for (const ActionRow &row : rows) {
+			put(json ? json_text(action_summary(row), false) : tail_line(row, width, wall_clock_ms()));
+		}
+		// Fails when whoever reads us has gone.
+		if (fflush(stdout) != 0) return 1;
+		if (!rows.empty()) last = std::max(last, rows.back().id);
+		std::this_thread::sleep_for(300ms);
+		// Taken first: what other applications send meanwhile need not be looked at again.
+		int64_t newest = store->last_id();
+		filter.after_id = last;
+		rows = store->actions({filter, ActionOrder::oldest, 1000});
+		if (rows.empty()) last = newest;
+	}
+}
+
+} // namespace
+
+CommandRun add_tail(CLI::App &command)
+{
+	struct TailOptions {
+		std::string application;
+		bool json = false;
+	};
+	auto options = std::make_shared<TailOptions>();
+	command.add_option("--app", options->application, "only this application");
+	command.add_flag("--json", options->json, "for programs");
+	return [options](const DaemonConfig &config) { return tail(config, options->application, options->json); };
+}
+
+} // namespace quorbit
