@@ -108,7 +108,7 @@ static void record_engine_error(int type, const char *format, va_list args TSRML
 
 static int engine_error_is_wanted(int type TSRMLS_DC)
 {
-	return g_module_up && ZQG(hook_enabled) && ZQG(agent_enabled) && ZQG(error_collector_enabled) && !ZQG(error) &&
+	return g_module_up && zq_is_watching(zq_globals(TSRMLS_C)) && ZQG(error_collector_enabled) && !ZQG(error) &&
 		zq_error_need_report(type);
 }
 

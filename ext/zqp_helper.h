@@ -61,10 +61,11 @@ int zq_call_user_function(HashTable *function_table, zval **object, zval *functi
  * "Class::method" names the method of that class even where the object's own class overrides it: the script's code does
  * not run. */
 int zq_call_named(zval *object, const char *function, zval *retval, zend_uint param_count, zval **params TSRMLS_DC);
-/* Copies a property into `retval` as quietly, through the class's own handler; SUCCESS, or FAILURE when it is no object
- * or cannot be read. `retval` is always initialised and released as above. */
-int zq_read_property(zval *object, const char *property, zval *retval TSRMLS_DC);
-/* zval_dtor with the hooks off: the last reference to an object runs its destructor. */
+/* Copies a property into `retval` as quietly, through the class's own handler, as `scope` sees it (null: the object's
+ * own class); SUCCESS, or FAILURE when it is no object or cannot be read. `retval` is always initialised and released
+ * as above. */
+int zq_read_property(zend_class_entry *scope, zval *object, const char *property, zval *retval TSRMLS_DC);
+/* zval_dtor with the hooks off: the last reference to an object runs its destructor, which may leave by a bailout. */
 void zq_release_result(zval *result TSRMLS_DC);
 /* 1 when PHP code that calls our own function `name` reaches it: an operator may have disabled it like any function,
  * and its stand-in prints a warning. */

@@ -20,7 +20,7 @@ typedef struct script_state {
 	zend_error_handling_t error_handling;
 	zend_llist_element *tick_functions;
 	int ticks_count;
-	int hook_enabled;
+	int in_agent_call;
 } script_state;
 
 static void save_script(script_state *saved TSRMLS_DC)
@@ -39,7 +39,7 @@ static void save_script(script_state *saved TSRMLS_DC)
 	saved->error_handling = EG(error_handling);
 	saved->tick_functions = PG(tick_functions).head;
 	saved->ticks_count = EG(ticks_count);
-	saved->hook_enabled = ZQG(hook_enabled);
+	saved->in_agent_call = ZQG(in_agent_call);
 }
 
 /* Steps onto `base`, with `symbols` as the caller's variables. EG(error_reporting) stays: 0 would hide fatal errors. */
@@ -61,15 +61,13 @@ static void step_aside(zend_execute_data *base, HashTable *symbols TSRMLS_DC)
 	zend_stack_init(&EG(user_error_handlers_error_reporting));
 	EG(error_handling) = EH_NORMAL;
 	PG(tick_functions).head = NULL; /* the callee may have been compiled under declare(ticks) */
-	ZQG(hook_enabled) = 0;
 	ZQG(in_agent_call)++;
 }
 
 /* The frame is not among it: after a bailout the engine has none, and must not be given one back. */
 static void step_back(const script_state *saved TSRMLS_DC)
 {
-	ZQG(in_agent_call)--;
-	ZQG(hook_enabled) = saved->hook_enabled;
+	ZQG(in_agent_call) = saved->in_agent_call;
 	EG(error_handling) = saved->error_handling;
 	EG(ticks_count) = saved->ticks_count;
 	if (saved->tick_functions) { /* the tail stayed: what the callee registered has come behind them */
@@ -127,6 +125,7 @@ typedef struct aside_task {
 	zval *object;
 	zval *callable;          /* whatever PHP code can call; or */
 	zend_function *function; /* a function that is known already; or */
+	zend_class_entry *scope; /* the class that reads */
 	const char *property;
 	zval *retval;
 	zend_uint param_count;
@@ -322,13 +321,13 @@ int zq_call_user_function(
 	if (!function_name || param_count > MAX_PARAMS) {
 		return FAILURE;
 	}
-	aside_task task = {object ? *object : NULL, function_name, NULL, NULL, retval, param_count, params};
+	aside_task task = {object ? *object : NULL, function_name, NULL, NULL, NULL, retval, param_count, params};
 	return run_aside(&task TSRMLS_CC);
 }
 
 int zq_call_named(zval *object, const char *function, zval *retval, zend_uint param_count, zval **params TSRMLS_DC)
 {
-	aside_task task = {NULL, NULL, NULL, NULL, retval, param_count, params};
+	aside_task task = {NULL, NULL, NULL, NULL, NULL, retval, param_count, params};
 	if (!object && param_count <= MAX_PARAMS &&
 		zend_hash_find(EG(function_table), function, (uint)strlen(function) + 1, (void **)&task.function) == SUCCESS) {
 		INIT_ZVAL(*retval);
@@ -343,22 +342,37 @@ int zq_call_named(zval *object, const char *function, zval *retval, zend_uint pa
 	return outcome;
 }
 
-int zq_read_property(zval *object, const char *property, zval *retval TSRMLS_DC)
+int zq_read_property(zend_class_entry *scope, zval *object, const char *property, zval *retval TSRMLS_DC)
 {
 	INIT_ZVAL(*retval);
 	if (!object || Z_TYPE_P(object) != IS_OBJECT) {
 		return FAILURE;
 	}
-	aside_task task = {object, NULL, NULL, property, retval, 0, NULL};
+	aside_task task = {object, NULL, NULL, scope ? scope : Z_OBJCE_P(object), property, retval, 0, NULL};
 	return run_aside(&task TSRMLS_CC);
 }
 
 void zq_release_result(zval *result TSRMLS_DC)
 {
-	int hooks = ZQG(hook_enabled);
-	ZQG(hook_enabled) = 0;
-	zval_dtor(result);
-	ZQG(hook_enabled) = hooks;
+	if (Z_TYPE_P(result) != IS_ARRAY && Z_TYPE_P(result) != IS_OBJECT) {
+		zval_dtor(result);
+		return;
+	}
+	volatile int bailed_out = 0;
+	ZQG(in_agent_call)++;
+	zend_try
+	{
+		zval_dtor(result);
+	}
+	zend_catch
+	{
+		bailed_out = 1;
+	}
+	zend_end_try();
+	ZQG(in_agent_call)--;
+	if (bailed_out) {
+		zend_bailout();
+	}
 }
 
 int zq_callback_works(const char *name TSRMLS_DC)

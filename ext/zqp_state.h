@@ -23,7 +23,7 @@ struct zend_zqprof_globals : zq_app_config { /* whose texts are request copies o
 	int daemon_sock;                         /* -1: not connected */
 	char *app_name;                          /* request */
 	const char *license;                     /* points at license_copy or at a constant */
-	int hook_enabled;                        /* 1 only while an action is open; 0: every hook passes straight through */
+	int hook_enabled;                        /* 1 while an action is open, else 0 */
 	HashTable *wrapper_function_hash;
 	HashTable *performance_function_hash;
 	char *action_name;     /* request */
@@ -66,7 +66,7 @@ struct zend_zqprof_globals : zq_app_config { /* whose texts are request copies o
 	pid_t daemon_pid;   /* process that opened daemon_sock: a forked child must not use its parent's stream */
 	ino_t daemon_inode; /* of daemon_sock: the number alone may be another file's by now */
 	char *license_copy; /* thread */
-	int in_agent_call;  /* > 0 while the agent itself calls PHP code */
+	int in_agent_call;  /* > 0 while the agent itself calls PHP code: the hooks pass everything through */
 	unsigned component_generation; /* counts the times `components` was emptied: guards stale element pointers */
 	size_t recorded_sql_bytes;     /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
 	size_t recorded_webservice_bytes;
@@ -86,6 +86,13 @@ extern ts_rsrc_id zqprof_globals_id;
 static inline zend_zqprof_globals *zq_globals(TSRMLS_D)
 {
 	return (zend_zqprof_globals *)(*((void ***)tsrm_ls))[TSRM_UNSHUFFLE_RSRC_ID(zqprof_globals_id)];
+}
+
+/* 1 when an action is open and its hooks are to see what runs: neither of an application that is not monitored, nor
+ * what the agent itself calls. hook_enabled is 0 or 1, so that one comparison answers two questions. */
+static inline int zq_is_watching(const zend_zqprof_globals *g)
+{
+	return g->hook_enabled > g->in_agent_call && g->agent_enabled;
 }
 
 /* 1 when the server API is the command line ("cli", any case); set at module start-up. */

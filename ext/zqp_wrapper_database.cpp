@@ -102,7 +102,8 @@ static char *error_info(const zq_sql_api *api, zq_stack_data *call TSRMLS_DC)
 static char *error_property(const zq_sql_api *, zq_stack_data *call TSRMLS_DC)
 {
 	zval text;
-	return zq_read_property(call->object, "error", &text TSRMLS_CC) == SUCCESS ? take_text(&text, 0 TSRMLS_CC) : NULL;
+	return zq_read_property(NULL, call->object, "error", &text TSRMLS_CC) == SUCCESS ? take_text(&text, 0 TSRMLS_CC)
+																					 : NULL;
 }
 
 /* ---- the rows ---- */

@@ -248,15 +248,10 @@ int performance_httprequest_send(zq_stack_data *stack_data, uint64 btsc, uint64 
 	while (scope->parent && strcmp(scope->name, stack_data->cls) != 0) {
 		scope = scope->parent;
 	}
-	ZQG(in_agent_call)++;
-	zval *url = zend_read_property(scope, stack_data->object, (char *)"url", sizeof "url" - 1, 1 TSRMLS_CC);
-	ZQG(in_agent_call)--;
-	if (!url) {
-		return 0;
-	}
-	Z_ADDREF_P(url); /* some classes make the value up and hand over no reference */
-	const char *text = Z_TYPE_P(url) == IS_STRING ? Z_STRVAL_P(url) : NULL;
+	zval url;
+	zq_read_property(scope, stack_data->object, "url", &url TSRMLS_CC);
+	const char *text = Z_TYPE(url) == IS_STRING ? Z_STRVAL(url) : NULL;
 	int recorded = EXTERNAL_SERVICE(stack_data, text, NULL, 0, NULL, btsc, ctsc TSRMLS_CC);
-	zval_ptr_dtor(&url);
+	zq_release_result(&url TSRMLS_CC);
 	return recorded;
 }

@@ -286,16 +286,11 @@ static zend_never_inline void intercept_user_call(zend_execute_data *execute_dat
 	g->tracer_level = call.level_before;
 }
 
-static inline int is_action_open(const zend_zqprof_globals *g)
-{
-	return g->hook_enabled && g->agent_enabled;
-}
-
 void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC)
 {
 	zend_execute_data *caller = execute_data->prev_execute_data;
 	/* A generator's caller frame and argument stack are gone before its body's hook returns: it passes through. */
-	if (is_action_open(zq_globals(TSRMLS_C)) && caller && !(execute_data->op_array->fn_flags & ZEND_ACC_GENERATOR)) {
+	if (zq_is_watching(zq_globals(TSRMLS_C)) && caller && !(execute_data->op_array->fn_flags & ZEND_ACC_GENERATOR)) {
 		intercept_user_call(execute_data, caller TSRMLS_CC);
 	} else {
 		_zend_execute_ex(execute_data TSRMLS_CC);
@@ -429,7 +424,7 @@ static zend_never_inline void intercept_internal_call(
 
 void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
-	if (is_action_open(zq_globals(TSRMLS_C)) && execute_data_ptr &&
+	if (zq_is_watching(zq_globals(TSRMLS_C)) && execute_data_ptr &&
 		execute_data_ptr->function_state.function->common.function_name) {
 		intercept_internal_call(execute_data_ptr, fci, return_value_used TSRMLS_CC);
 	} else {
@@ -458,7 +453,7 @@ static zend_op_array *compile_unseen(zend_file_handle *file_handle, int type TSR
 zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC)
 {
 	/* This hook outlives the module's globals. */
-	if (!g_module_up || !ZQG(agent_enabled) || !ZQG(hook_enabled) || !file_handle || !file_handle->filename) {
+	if (!g_module_up || !zq_is_watching(zq_globals(TSRMLS_C)) || !file_handle || !file_handle->filename) {
 		return compile_unseen(file_handle, type TSRMLS_CC);
 	}
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);

@@ -37,7 +37,7 @@ TEST_F(HelperCall, ReturnsTheResultAndPutsTheSwitchesBackToWhatTheyWere)
 		at_probe([&](zend_execute_data *) { during = ZQG(hook_enabled) * 100 + ZQG(in_agent_call) * 10 + EG(error_handling); });
 		ZQG(hook_enabled) = before;
 		EXPECT_EQ(call("see"), "1");
-		EXPECT_EQ(during, 10 + EH_NORMAL);
+		EXPECT_EQ(during, before * 100 + 10 + EH_NORMAL);
 		EXPECT_EQ(ZQG(hook_enabled) * 100 + ZQG(in_agent_call) * 10 + EG(error_handling), before * 100 + EH_THROW);
 	}
 	EG(error_handling) = EH_NORMAL;

@@ -54,3 +54,7 @@ vantor_notice_error('x', false);
 vantor_notice_error('one');
 vantor_notice_error('two');
 trigger_error('three', E_USER_ERROR);
+# --- an object whose trace leaves when it is released => nothing
+class Leaving { function __destruct() { exit(0); } }
+class Bearer { public $message = 'borne'; function getTrace() { return new Leaving; } }
+vantor_notice_error(new Bearer);
