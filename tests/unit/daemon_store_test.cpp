@@ -228,7 +228,7 @@ TEST_F(StoreTest, WriterGoesOnWhenABrokenStoreHasBeenMovedAway) {
     return contents(log).find("the store works again") != std::string::npos;
   }));
   log_open("", LogLevel::off);
-  auto rows = open_sqlite_reader(path_)->actions({});
+  auto rows = open_sqlite_reader(path_)->actions({{}, ActionOrder::newest, 1});
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].application, "Kept");
 }
