@@ -113,7 +113,9 @@ struct captured_params {
 		if (Z_TYPE_P(value) == IS_LONG) {
 			zq_append_long(suffix, Z_LVAL_P(value));
 		} else if (Z_TYPE_P(value) == IS_STRING) {
-			json_escape_string(suffix, Z_STRVAL_P(value), Z_STRLEN_P(value), 0);
+			size_t len = (size_t)Z_STRLEN_P(value);
+			json_escape_string(
+				suffix, Z_STRVAL_P(value), len < ZQ_CAPTURED_VALUE_SIZE ? len : ZQ_CAPTURED_VALUE_SIZE, 0);
 		}
 	}
 };
@@ -133,6 +135,7 @@ void zq_set_action_name(char *name, int level TSRMLS_DC)
 	if (ZQG(action_name)) {
 		efree(ZQG(action_name));
 	}
+	name[strnlen(name, ZQ_NAME_SIZE)] = '\0';
 	ZQG(action_name) = name;
 	ZQG(action_name_level) = level;
 }

@@ -3,6 +3,7 @@
 #define ZQP_NAMING_H
 
 #include "zqp_helper.h"
+#include "zqp_naming_rules.h"
 
 enum zq_name_level {
 	ZQ_NAME_NONE = 0,
@@ -14,7 +15,7 @@ enum zq_name_level {
 
 /* Gives the request its first name: from the rules, the URI or the script. Sets action_name and action_name_level. */
 void init_action_name(TSRMLS_D);
-/* Gives the request another name: `name` is request memory and given away; who may replace whose name is the caller's
+/* Gives the request another name: `name` is request memory and given away, cut to ZQ_NAME_SIZE bytes; who may replace whose name is the caller's
  * affair. */
 void zq_set_action_name(char *name, int level TSRMLS_DC);
 /* Appends a path: leading "/" dropped, "/" as "%2F", runs of two or more digits as "*"; "index" when nothing remains.

@@ -159,7 +159,7 @@ static void append_params(
 	for (char *name = strtok_r(names, ",", &rest); name; name = strtok_r(NULL, ",", &rest)) {
 		const char *value = request->value(request->context, source, name);
 		if (value) {
-			fprintf(out, "%s%s=%s", *separator, name, value);
+			fprintf(out, "%s%s=%.*s", *separator, name, (int)ZQ_CAPTURED_VALUE_SIZE, value);
 			*separator = "&";
 		}
 	}
@@ -224,6 +224,9 @@ char *naming(const char *name, struct cJSON *split, const struct zq_naming_reque
 	if (fclose(out) != 0) {
 		free(name_text.text);
 		return NULL;
+	}
+	if (name_text.len > ZQ_NAME_SIZE) {
+		name_text.text[ZQ_NAME_SIZE] = '\0';
 	}
 	return name_text.text;
 }

@@ -3,7 +3,7 @@
  * A buffer is any type that has zq_append(Buffer *, const char *, size_t), zq_view(const Buffer *) and
  * zq_release(Buffer *), and is empty when value-initialised. A request's parameters are any type that has
  *   find(source, name)     what the request has under that name, as something that is false when it has nothing
- *   append(buffer, found)  its text: a JSON string's body, without the quotes */
+ *   append(buffer, found)  its first ZQ_CAPTURED_VALUE_SIZE bytes: a JSON string's body, without the quotes */
 #ifndef ZQP_NAMING_URI_H
 #define ZQP_NAMING_URI_H
 
@@ -108,7 +108,8 @@ struct zq_uri_naming {
 	const char *captured; /* the list above, or null */
 };
 
-/* Appends the name that a request has when no rule gives one: "WebAction/URI/..." or "WebAction/PHP/...". */
+/* Appends the name that a request has when no rule gives one: "WebAction/URI/..." or "WebAction/PHP/...". The caller cuts
+ * it to ZQ_NAME_SIZE. */
 template <typename Buffer, typename Params>
 void zq_append_uri_name(Buffer *name, const zq_uri_naming &naming, Params params)
 {

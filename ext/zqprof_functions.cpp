@@ -82,10 +82,9 @@ static void reset_action(TSRMLS_D)
 
 static void set_action_name(const char *name TSRMLS_DC)
 {
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	drop_text(&g->action_name);
-	spprintf(&g->action_name, 0, strchr(name, '/') ? "WebAction/%s" : "WebAction/API/%s", name);
-	g->action_name_level = ZQ_NAME_APPLICATION;
+	char *text;
+	spprintf(&text, 0, strchr(name, '/') ? "WebAction/%.*s" : "WebAction/API/%.*s", (int)ZQ_NAME_SIZE, name);
+	zq_set_action_name(text, ZQ_NAME_APPLICATION TSRMLS_CC);
 }
 
 /* The agent's own calls may run PHP code that calls back into the functions below: lists must stay as they are then. */

@@ -108,8 +108,7 @@ static int accept_command_line(const char *script TSRMLS_DC)
 	smart_str name = {NULL, 0, 0};
 	zq_append_text(&name, "BackgroundAction/Script/");
 	zq_append_action(&name, script);
-	ZQG(action_name) = zq_buffer_text(&name);
-	ZQG(action_name_level) = ZQ_NAME_FROZEN;
+	zq_set_action_name(zq_buffer_text(&name), ZQ_NAME_FROZEN TSRMLS_CC);
 	ZQ_LOG(ZQ_LOG_VERBOSE, "action name frozen to %s", ZQG(action_name));
 	return 1;
 }

@@ -53,7 +53,7 @@ struct CapturedParameters {
 	}
 	void append(NameBuffer *buffer, const std::optional<std::string> *value) const
 	{
-		if (*value) zq_append_json_body(buffer, (*value)->c_str(), strlen((*value)->c_str()));
+		if (*value) zq_append_json_body(buffer, (*value)->c_str(), strnlen((*value)->c_str(), ZQ_CAPTURED_VALUE_SIZE));
 	}
 };
 
@@ -95,6 +95,7 @@ GivenName Namer::name(const SampleRequest &request) const
 		request.path.c_str(), automatic_, script_.c_str(), captured_.empty() ? nullptr : captured_.c_str()};
 	NameBuffer name;
 	zq_append_uri_name(&name, naming, CapturedParameters{request});
+	name.text.resize(std::min(name.text.size(), ZQ_NAME_SIZE));
 	return {name.text, name.text.starts_with("WebAction/PHP/") ? NamedBy::script : NamedBy::uri};
 }
 

@@ -218,3 +218,14 @@ def test_a_long_form_field_does_not_hold_up_a_naming_rule(site):
     for value, action in [("a@b", "WebAction/Mail/"), ("a" * 2_000_000, "WebAction/URI/index.php")]:
         result = site.cgi("", method="POST", body=f"mail={value}".encode(), twin=False)
         assert (result.metric.action, result.ms < 5000) == (action, True)
+
+
+@pytest.mark.parametrize("settings, name", [
+    ({"zqs.auto_action_naming": "0", "zqs.web_action_uri_params_captured": "/index.php,-,q"}, "WebAction/URI/index.php?q="),
+    ({"zqs.naming.rules": json.dumps([{"name": "R", "match": {"method": 0, "match": 0, "value": ""}, "split": {"bodyParams": "q"}}])},
+     "WebAction/R/?q="),
+])
+def test_a_form_field_of_megabytes_makes_no_name_of_megabytes(site, settings, name):
+    """It would be a packet that no daemon takes: a visitor could hide requests, and fill memory and log."""
+    site.daemon.configure(settings)
+    assert site.cgi("", method="POST", body=b"q=" + b"x" * 3_500_000, twin=False).metric.action == name + "x" * 256

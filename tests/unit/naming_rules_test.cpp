@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -105,4 +106,14 @@ TEST(NamingRules, ComposesTheNameFromTheRequest)
 		EXPECT_EQ(name_of(rule(any, split)), std::string("WebAction/R/") + name) << split;
 	}
 	EXPECT_EQ(name_of(rule(any, R"("uri":"1","method":true)"), {"", nullptr}), "WebAction/R/");
+
+	/* whatever a visitor sends: 256 bytes of each value, 4,096 of the name */
+	Request flood = {"/a"};
+	std::string names, name = "WebAction/R/", separator = "?";
+	for (int i = 10; i < 30; i++) {
+		names += "f" + std::to_string(i) + ",";
+		flood.values[ZQ_FROM_FORM]["f" + std::to_string(i)] = std::string(256, 'x') + "y";
+		name += std::exchange(separator, "&") + "f" + std::to_string(i) + "=" + std::string(256, 'x');
+	}
+	EXPECT_EQ(name_of(rule(any, "\"bodyParams\":\"" + names + "\""), flood), name.substr(0, 4096));
 }

@@ -32,4 +32,10 @@ TEST_F(Naming, AppendsCapturedParameters)
 		{"page,/list.php", "(null)"}, {"", "(null)"}, {"|||,,,", "(null)"},
 	});
 	EXPECT_EQ(suffix_of(std::string(5000, 'x'), "/list.php,page"), "(null)");
+	add_assoc_string(PG(http_globals)[TRACK_VARS_GET], "long", const_cast<char *>(std::string(255, '"').append("xy").c_str()), 1);
+	std::string escaped;
+	for (int i = 0; i < 255; i++) {
+		escaped += "\\\"";
+	}
+	EXPECT_EQ(suffix_of("/a", "/a,long"), "?long=" + escaped + "x"); /* what the visitor sent counts, not how it is written */
 }
