@@ -7,6 +7,7 @@
 
 #include <errno.h>
 #include <inttypes.h>
+#include <sys/socket.h>
 
 #include "zqp_debug.h"
 #include "zqp_lock.h"
@@ -14,7 +15,8 @@
 #include "zqprof_settings.h"
 
 static const int refresh_interval_s = 60;
-static const int applications_max = 1024; /* the name may come from the client's Host header */
+static const int applications_max = 1024;   /* the name may come from the client's Host header */
+static const size_t strays_max = 32u << 20; /* two packets of the greatest size */
 
 static HashTable g_app_hash;
 static int g_too_many_logged;
@@ -248,6 +250,60 @@ static int send_query(uint64 known_stamp TSRMLS_DC)
 	return 0;
 }
 
+static size_t body_len(const unsigned char *header)
+{
+	return ((size_t)header[1] << 16) | ((size_t)header[2] << 8) | header[3];
+}
+
+/* Where a stream stands between its packets. */
+struct packet_position {
+	unsigned char header[4];
+	size_t header_len; /* bytes of the next packet's header that have come */
+	size_t body_due;   /* bytes of the present packet's body that have not */
+};
+
+static void pass_over(packet_position *stream, const char *bytes, size_t len)
+{
+	while (len) {
+		size_t step = 1;
+		if (stream->body_due) {
+			step = len < stream->body_due ? len : stream->body_due;
+			stream->body_due -= step;
+		} else {
+			stream->header[stream->header_len++] = (unsigned char)*bytes;
+			if (stream->header_len == sizeof(stream->header)) {
+				stream->body_due = body_len(stream->header);
+				stream->header_len = 0;
+			}
+		}
+		bytes += step;
+		len -= step;
+	}
+}
+
+/* An answer that nobody waits for, a daemon's second to one query, would be taken for the next query's, of another
+ * application: what lies in the socket is thrown away. Behind part of a packet, or a flood, the connection as well. */
+static void discard_strays(TSRMLS_D)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	packet_position stream = {};
+	char bytes[4096];
+	size_t discarded = 0;
+	ssize_t len = 0;
+	while (discarded < strays_max && (len = recv(g->daemon_sock, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0) {
+		pass_over(&stream, bytes, (size_t)len);
+		discarded += (size_t)len;
+	}
+	if (!discarded) {
+		return;
+	}
+	ZQ_LOG(ZQ_LOG_WARNING, "%zu bytes from the daemon that nobody asked for are thrown away", discarded);
+	if (discarded >= strays_max || stream.header_len || stream.body_due) {
+		close_daemon(g->daemon_sock TSRMLS_CC);
+		zq_daemon_socket(1 TSRMLS_CC);
+	}
+}
+
 /* Receives the body of an answer: malloc'ed and its length, null when there is none or the stream broke. */
 static char *receive_answer(size_t *len TSRMLS_DC)
 {
@@ -259,7 +315,7 @@ static char *receive_answer(size_t *len TSRMLS_DC)
 		close_daemon(g->daemon_sock TSRMLS_CC);
 		return NULL;
 	}
-	*len = ((size_t)header[1] << 16) | ((size_t)header[2] << 8) | header[3];
+	*len = body_len(header);
 	if (!*len) {
 		ZQ_LOG(ZQ_LOG_DEBUG, "no config data, use default setting");
 		return NULL;
@@ -315,7 +371,9 @@ void update_app_info(long tv_sec TSRMLS_DC)
 	if (update_sec && tv_sec - update_sec < refresh_interval_s) {
 		return;
 	}
-	zq_daemon_socket(1 TSRMLS_CC);
+	if (zq_daemon_socket(1 TSRMLS_CC) != -1) {
+		discard_strays(TSRMLS_C);
+	}
 	if (send_query(known_stamp TSRMLS_CC) == -1) {
 		return;
 	}

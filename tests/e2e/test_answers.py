@@ -111,13 +111,23 @@ def test_an_answer_lasts_a_minute(site, shim):
     assert request(184, answer({"zqs.ignored_params": "page"}, 7)) == ([6], ["tag"])
 
 
-def test_applications_are_configured_apart(site):
-    """One process, two applications: each asks for itself and keeps its own settings."""
-    site.daemon.reply = lambda query: answer({**PLAIN, **(PARAMS if query.app.endswith(":1") else {})})
-    server = site.serve(FastCgi, {"zqs.auto_app_naming": "2"})
+STRAY = answer({"zqs.agent_enabled": "0"})
+
+
+@pytest.mark.parametrize("surplus, thrown_away, is_kept", [
+    (b"", 0, True), (STRAY, 1, True), (STRAY * 200, 1, True), (STRAY + b"\x0a\0", 1, False), (STRAY[:-1], 1, False),
+], ids=["none", "one", "many", "one and a half header", "part of one"])
+def test_applications_are_configured_apart(site, surplus, thrown_away, is_kept):
+    """One process, two applications: each asks for itself and keeps its own settings. What a daemon says beyond its answer is for
+    neither, and behind a part of a packet nobody knows where the next one begins."""
+    site.daemon.reply = lambda query: answer({**PLAIN, **(PARAMS if query.app.endswith(":1") else {})}) + surplus
+    server, connections = site.serve(FastCgi, {"zqs.auto_app_naming": "2"}), set()
     for port, asked, params in [("1", 1, HOLDS), ("2", 1, []), ("1", 0, HOLDS), ("2", 0, [])]:
         result = server.get("", URI, env={"SERVER_PORT": port})
         assert (len(result.queries), result.metric.params, result.metric.app) == (asked, params, f"Shop:{port}")
+        connections.update(site.daemon.connections)
+    assert site.logged("that nobody asked for") == [" are thrown away"] * thrown_away
+    assert (len(connections) == 1) == is_kept
 
 
 def test_a_daemon_that_is_absent_costs_no_time_and_no_output(site):
