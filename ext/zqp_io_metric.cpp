@@ -11,6 +11,7 @@
 #include "zqp_debug.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
+#include "zqp_json_text.h"
 #include "zqp_json.h"
 #include "zqp_nosql.h"
 #include "zqp_tracer.h"
@@ -195,7 +196,7 @@ void append_answer_item(smart_str *p, const char *answer, const char *quoted_nam
 	int len = 0;
 	zq_append_char(p, '\n');
 	if (get_transcation_data_item(answer, quoted_name, &value, &len)) {
-		zq_append(p, value, (size_t)len);
+		zq_append_unescaped(p, value, (size_t)len);
 	}
 }
 

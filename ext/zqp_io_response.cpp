@@ -1,6 +1,7 @@
 /* The answer to a calling application: one response header that says which action ran and where its time went. */
 #include "zqp_debug.h"
 #include "zqp_io.h"
+#include "zqp_json_text.h"
 #include "zqp_nosql.h"
 #include "zqp_webservice.h"
 
@@ -54,6 +55,20 @@ static void append_item(smart_str *line, const char *item, const char *value)
 	zq_append_text(line, "\",");
 }
 
+/* A name can come from a URL. Callers find the value's end by its quote, and take single quotes for double ones. */
+static void append_name(smart_str *line, const char *name)
+{
+	zq_append_text(line, "\"action\":\"");
+	for (size_t plain; name && *name; name += plain + (name[plain] != '\0')) {
+		plain = strcspn(name, "'\"\\");
+		zq_append(line, name, plain);
+		if (name[plain]) {
+			zq_append_json_unit(line, (unsigned char)name[plain]);
+		}
+	}
+	zq_append_text(line, "\",");
+}
+
 char *build_transaction_tx_data(int /*is_shutdown*/ TSRMLS_DC)
 {
 	smart_str line = {NULL, 0, 0};
@@ -61,7 +76,7 @@ char *build_transaction_tx_data(int /*is_shutdown*/ TSRMLS_DC)
 	char *id = ZQG(vantor_id_secret) ? get_application_and_instance_id(ZQG(vantor_id_secret)) : NULL;
 
 	append_item(&line, "X-Vantor-Tx-Data: {\"id\":\"", id);
-	append_item(&line, "\"action\":\"", ZQG(action_name));
+	append_name(&line, ZQG(action_name));
 	if (zq_trace_is_due(duration TSRMLS_CC)) {
 		zq_append_text(&line, "\"tr\":1,");
 	}

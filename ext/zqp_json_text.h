@@ -4,6 +4,7 @@
 #define ZQP_JSON_TEXT_H
 
 #include <stddef.h>
+#include <string.h>
 
 /* Code point at `s` and the number of its bytes; 0 when the bytes are malformed, overlong, cut off or a surrogate. */
 static inline size_t zq_decode_utf8(const char *s, size_t len, unsigned *code_point)
@@ -92,6 +93,36 @@ void zq_append_json_body(Buffer *buf, const char *s, size_t len)
 		plain = i;
 	}
 	zq_append(buf, s + plain, len - plain);
+}
+
+/* The character that "\u00XX" at the beginning of the text stands for, if it can stand in a line as it is; else 0. */
+static inline char zq_escaped_character(const char *text, size_t len)
+{
+	static const char hex[] = "0123456789abcdefABCDEF";
+	if (len < 6 || memcmp(text, "\\u00", 4) != 0) {
+		return 0;
+	}
+	int code = 0;
+	for (size_t i = 4; i < 6; i++) {
+		const char *found = text[i] ? strchr(hex, text[i]) : NULL;
+		if (!found) {
+			return 0;
+		}
+		code = code * 16 + (int)(found - hex - (found - hex > 15 ? 6 : 0));
+	}
+	return code >= ' ' && code < 127 ? (char)code : 0;
+}
+
+/* Appends a text in which some characters were written as zq_append_json_unit() writes them. A backslash of any other
+ * use stands for itself. */
+template <typename Buffer>
+void zq_append_unescaped(Buffer *buf, const char *text, size_t len)
+{
+	for (size_t at = 0; at < len;) {
+		char escaped = zq_escaped_character(text + at, len - at);
+		zq_append(buf, escaped ? &escaped : text + at, 1);
+		at += escaped ? 6 : 1;
+	}
 }
 
 #endif

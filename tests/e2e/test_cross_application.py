@@ -28,10 +28,10 @@ def others(result):
     return sorted((name.lower(), value) for name, value in result.headers if name.lower() not in (NAME, "date", "host"))
 
 
-def start_server(site):
+def start_server(site, script="item.php"):
     site.servers.append(BuiltIn(site, site.ini_file(True), True))
     site.servers[-1].start()
-    return f"http://127.0.0.1:{site.servers[-1].port}/item.php"
+    return f"http://127.0.0.1:{site.servers[-1].port}/{script}"
 
 
 @pytest.fixture(scope="module")
@@ -125,13 +125,15 @@ def callee():
 @pytest.mark.parametrize("code, service", cases("applications/callers.php"))
 def test_two_applications_share_one_transaction(site, callee, code, service):
     """The call, its answer and both traces carry one id; each side knows the other's trace."""
-    callee.script(program(f"applications/{service}.php"), "item.php")
-    result = site.cgi(code.replace("$URL", start_server(callee)), twin=False, settings=TRACED)
+    name = "it's\"\\u0041.php"                        # the name of a file, whatever it looks like
+    callee.script(program(f"applications/{service}.php"), name)
+    url = start_server(callee, name).replace("\\", "\\\\").replace("'", "\\'")
+    result = site.cgi(code.replace("$URL", url), twin=False, settings=TRACED)
     assert result.body in (b"item", b"4")
     mine, (theirs,) = result.metric, callee.daemon.wait_metrics()
     assert mine.transaction_id == theirs.transaction_id and mine.tracer_id != theirs.tracer_id
     one, = mine.calls
-    assert (one.callee_id, one.callee_action) == ("56", theirs.action) == ("56", "WebAction/URI/item.php")
+    assert (one.callee_id, one.callee_action) == ("56", theirs.action) == ("56", "WebAction/URI/" + name.replace("0041", "*"))
     node, = [node for node in wire.nodes(mine.trace) if node[2].startswith("External/")]
     data = node[7]["txData"]
     assert (node[7]["txId"], data["tr"]) == (mine.transaction_id, 1)

@@ -14,7 +14,7 @@ protected:
 		ZQG(action_tracer_enabled) = ZQG(child_has_tracer) = 1;
 		ZQG(block_duration) = -3;
 		ZQG(vantor_id_secret) = estrdup("1|12|34");
-		ZQG(action_name) = estrdup("x'\r\n\xc3\xa9");
+		ZQG(action_name) = estrdup("x'\"\\\r\n\xc3\xa9");
 		ZQG(tracer_id) = estrdup("5f0e");
 		ZQG(rinit_tick) = cycle_timer();
 	}
@@ -22,7 +22,7 @@ protected:
 
 TEST_F(Response, SaysWhoAnsweredAndWhereTheTimeWentInOneHeader)
 {
-	const std::string identity = "X-Vantor-Tx-Data: {\"id\":\"12|34\",\"action\":\"x'  \xc3\xa9\",\"tr\":1,\"trId\":\"5f0e\",\"r\":42,";
+	const std::string identity = "X-Vantor-Tx-Data: {\"id\":\"12|34\",\"action\":\"x\\u0027\\u0022\\u005c  \xc3\xa9\",\"tr\":1,\"trId\":\"5f0e\",\"r\":42,";
 	ZQG(transaction_req_id) = estrdup("42");
 	webservice_element service = {};
 	service.metric = 20;
