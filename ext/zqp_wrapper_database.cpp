@@ -361,7 +361,7 @@ const char *zq_pdo_vendor(const char *dsn)
 int performance_pdo_construct(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
 {
 	const char *vendor = zq_pdo_vendor(get_argument_char(call->execute_data, 0));
-	if (vendor) {
+	if (vendor && !EG(exception)) { /* a connection that was refused runs no statements */
 		ZQG(pdo_db) = vendor;
 	}
 	return 0;

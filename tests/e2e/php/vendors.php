@@ -1,8 +1,8 @@
 <?php
-# --- the last known connection's => SQLite MySQL MySQL
+# --- the last known connection's; a refused one is none => SQLite SQLite SQLite
 $a = new PDO("sqlite::memory:");
 $a->exec("SELECT 1");
-try { new PDO("mysql:unix_socket=/none"); } catch (Exception $e) { }
+try { new PDO("mysql:unix_socket=/none"); } catch (Exception $e) { echo "refused"; }
 $a->exec("SELECT 2");
 try { new PDO("SQLite:x"); } catch (Exception $e) { }
 $a->query("SELECT 3");
