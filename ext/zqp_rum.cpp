@@ -52,6 +52,22 @@ static int engine_compresses(TSRMLS_D)
 		php_output_handler_started(ZEND_STRL("ob_gzhandler") TSRMLS_CC);
 }
 
+/* What is no page of its own, or has been measured to the last byte. */
+static int is_download(const char *header)
+{
+	static const char *const names[] = {"content-md5:", "digest:", "content-digest:", "repr-digest:"};
+	for (const char *name : names) {
+		if (zq_strncasecmp(header, name, strlen(name)) == 0) {
+			return 1;
+		}
+	}
+	if (zq_strncasecmp(header, ZEND_STRL("content-disposition:")) != 0) {
+		return 0;
+	}
+	const char *kind = header + sizeof("content-disposition:") - 1;
+	return zq_strncasecmp(kind + strspn(kind, " \t"), ZEND_STRL("attachment")) == 0;
+}
+
 /* 1 when this header says that the body is something into which no element can be put. The script's own calls of
  * header() are seen as they are made; an extension, the configuration or an output handler sets headers unseen. */
 static int header_forbids(const char *header, int in_buffer TSRMLS_DC)
@@ -59,7 +75,8 @@ static int header_forbids(const char *header, int in_buffer TSRMLS_DC)
 	if (zq_strncasecmp(header, ZEND_STRL("content-encoding:")) == 0) {
 		return !in_buffer || !engine_compresses(TSRMLS_C);
 	}
-	return zq_strncasecmp(header, ZEND_STRL("transfer-encoding:")) == 0 || get_header_content(header) == 0;
+	return zq_strncasecmp(header, ZEND_STRL("transfer-encoding:")) == 0 || is_download(header) ||
+		get_header_content(header) == 0;
 }
 
 /* A response without a type of its own will get the configured one. */
@@ -79,23 +96,21 @@ static int response_forbids(int in_buffer TSRMLS_DC)
 	return !default_type_is_html(TSRMLS_C);
 }
 
-/* Where the element goes in this piece of the page, or null. Remembers an html tag for the pieces to come. */
-static const char *insertion_point(const char *piece, size_t length, int in_buffer TSRMLS_DC)
+/* An html tag has been seen, in this piece or an earlier one. */
+static int in_html(const char *piece, size_t length TSRMLS_DC)
 {
-	size_t examined = length < ZQ_RUM_EXAMINED_BYTES ? length : ZQ_RUM_EXAMINED_BYTES;
-	if (!memchr(piece, '<', examined) || response_forbids(in_buffer TSRMLS_CC)) {
-		return NULL; /* the headers are asked last: a page may come in many small pieces */
-	}
 	if (ZQG(rum_flag) < 1 && html_pos(piece, length)) {
 		ZQG(rum_flag) = 1;
 	}
-	return ZQG(rum_flag) == 1 ? rum_pos(piece, length) : NULL;
+	return ZQG(rum_flag) == 1;
 }
 
 /* Under CGI and FPM the response headers pass through the writer too, each in a chunk of its own that is the header's
- * very text. They are no part of the page. */
-static int is_response_header(const char *chunk TSRMLS_DC)
+ * very text, and each line end: the one behind a line end is that of the empty line behind all of them. They are no
+ * part of the page. */
+static int is_response_header(const char *chunk, unsigned int length TSRMLS_DC)
 {
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (!SG(headers_sent)) {
 		return 0;
 	}
@@ -104,9 +119,15 @@ static int is_response_header(const char *chunk TSRMLS_DC)
 	}
 	for (zend_llist_element *at = SG(sapi_headers).headers.head; at; at = at->next) {
 		if (((sapi_header_struct *)at->data)->header == chunk) {
+			g->rum_header_lines = 2;
 			return 1;
 		}
 	}
+	if (g->rum_header_lines && length == 2 && memcmp(chunk, "\r\n", 2) == 0) {
+		g->rum_header_lines--;
+		return 1;
+	}
+	g->rum_header_lines = 0;
 	return 0;
 }
 
@@ -124,8 +145,9 @@ static smart_str make_element(TSRMLS_D)
 /* Writes the chunk with the element in it; 1, or 0 with nothing written when this is not the place. */
 static int write_with_script(const char *str, unsigned int length TSRMLS_DC)
 {
-	const char *at = insertion_point(str, length, 0 TSRMLS_CC);
-	if (!at) {
+	const char *at =
+		rum_pos(str, length, &ZQG(rum_page)); /* the headers are asked last: a page may come in many pieces */
+	if (!in_html(str, length TSRMLS_CC) || !at || response_forbids(0 TSRMLS_CC)) {
 		return 0;
 	}
 	smart_str element = make_element(TSRMLS_C);
@@ -147,7 +169,7 @@ static int write_with_script(const char *str, unsigned int length TSRMLS_DC)
 
 int zq_ub_write(const char *str, unsigned int length TSRMLS_DC)
 {
-	if (EXPECTED(!g_module_up || !page_wants_script(TSRMLS_C)) || is_response_header(str TSRMLS_CC)) {
+	if (EXPECTED(!g_module_up || !page_wants_script(TSRMLS_C)) || is_response_header(str, length TSRMLS_CC)) {
 		return _sapi_ub_write(str, length TSRMLS_CC);
 	}
 	if (write_with_script(str, length TSRMLS_CC)) {
@@ -196,6 +218,23 @@ static void insert_element(php_output_handler *handler, size_t offset TSRMLS_DC)
 	zq_restore_memory_limit(TSRMLS_C);
 }
 
+/* The same text may be looked at again, and be thrown away: the page goes on only as it is written. */
+static const char *place_in_buffer(const char *text, size_t used TSRMLS_DC)
+{
+	if (!in_html(text, used TSRMLS_CC) || !rum_pos(text, used, NULL)) {
+		return NULL;
+	}
+	zq_page_place page = ZQG(rum_page);
+	const zend_stack *handlers = &OG(handlers);
+	for (int i = 0; i + 1 < handlers->top; i++) { /* what waits in the buffers below comes first */
+		const php_output_buffer *below = &(*(php_output_handler **)handlers->elements[i])->buffer;
+		if (below->data) {
+			rum_pos(below->data, below->used, &page);
+		}
+	}
+	return rum_pos(text, used, &page);
+}
+
 void injectOutputBuffer(TSRMLS_D)
 {
 	/* while a handler runs, the buffer is the handler's */
@@ -207,8 +246,8 @@ void injectOutputBuffer(TSRMLS_D)
 		return;
 	}
 	size_t examined = handler->buffer.used;
-	const char *at = insertion_point(handler->buffer.data, examined, 1 TSRMLS_CC);
-	if (at) {
+	const char *at = place_in_buffer(handler->buffer.data, examined TSRMLS_CC);
+	if (at && !response_forbids(1 TSRMLS_CC)) {
 		insert_element(handler, (size_t)(at - handler->buffer.data) TSRMLS_CC);
 	}
 	ZQG(rum_write_length) += examined;

@@ -219,6 +219,8 @@ static void reset_counters(zend_zqprof_globals *g)
 	g->tracer_level = g->child_has_tracer = g->webservice_should_ignored = 0;
 	g->use_frame = g->rum_flag = g->block_duration = g->sum_db_metric = 0;
 	g->rum_write_length = 0;
+	g->rum_header_lines = 0;
+	g->rum_page = {};
 	g->sum_zq_used = 0;
 	g->ws_enabled = g->headers_sent = g->transaction_parent = 0;
 }

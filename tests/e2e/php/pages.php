@@ -1,6 +1,8 @@
 <?php
 // "^" is where the script stands
 define('PAGE', '<html><head><title>t</title></head><body>b</body></html>');
+define('NO_TAGS', '<html><head><script src=x>var w="<title>a</title></head>"; </scripts </script ><STYLE>a { b: "</title>" }</style>' .
+    '<!-- </title> - -- </head> --><!--><!-- --- </title>---><scripts><textarea></title></textarea>');
 # --- as one piece => <title>t</title>^</head>
 echo PAGE;
 # --- in pieces => <head>^</head>
@@ -116,9 +118,44 @@ readfile('p.html');
 # --- from phpinfo => </title>^
 phpinfo(INFO_LICENSE);
 
-# --- among the first bytes, in two pieces; servers differ in how many are headers => ^</head>
+# --- tags in scripts, styles, text areas and comments => <textarea></title></textarea><title>t</title>^
+echo NO_TAGS, '<title>t</title>';
+# --- the same in pieces of any size => <textarea></title></textarea><title>t</title>^
+foreach (range(1, 12) as $size) {
+    foreach (str_split(NO_TAGS, $size) as $piece) echo $piece;
+}
+echo '<title>t</title>';
+# --- a script that does not end => nothing
+echo '<html><script>', PAGE;
+# --- tags in the title => how to write <script> and <!--</title>^
+echo '<html><title>how to write <script> and <!--</title>';
+# --- tags in a script in nested buffers, read meanwhile => </script>^</head>
+ob_start();
+echo '<html><script>';
+ob_start();
+echo '</title>';
+ob_get_contents();
+ob_end_flush();
+ob_flush();
+echo '</title></script></head>';
+# --- a file to be saved => nothing
+header('content-disposition:  Attachment; filename="page.html"');
+echo PAGE;
+# --- a file to be shown => <title>t</title>^</head>
+header('Content-Disposition: inline; filename="attachment"');
+echo PAGE;
+# --- a page with a checksum => nothing
+header('Content-MD5: Q2hlY2sgSW50ZWdyaXR5IQ==');
+echo PAGE;
+# --- a page with a digest, buffered => nothing
+ob_start();
+header('Digest: SHA-256=X48E9qOokqqrvdts8nOJRJN3OWDUoyWxBf7kbu9DBPE=');
+echo PAGE;
+
+# --- among the first bytes, in two pieces; headers and their line ends are none of them => ^</head>
 // ini: memory_limit = 16M
-echo str_pad('<html>', 65400), '</head>';
+for ($i = 0; $i < 50; $i++) header("X-$i: $i");
+echo str_pad('<html>', 65535), '</head>';
 # --- behind the bytes that are searched, in two pieces => nothing
 // ini: memory_limit = 16M
 echo str_pad('<html>', 65536), '</head>';
