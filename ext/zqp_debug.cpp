@@ -27,6 +27,9 @@ static sighandler_t g_pre_handler;
 static const rlim_t MOST_ADDED_AT_ONCE = 64 << 10; /* bytes; a record of the log, or the daemon's settings */
 static long g_dump_utc_offset; /* s; read when registering, since localtime is not safe in a handler */
 
+static long g_zone;           /* the host's own, as tzset() knows it: s west of UTC */
+static int g_zone_has_summer; /* time */
+
 /* ---- log --------------------------------------------------------------------------------------------------------- */
 
 static const struct {
@@ -73,7 +76,10 @@ void zq_log_init(TSRMLS_D)
 		exit(1);
 	}
 	snprintf(zqprof_ini_log_file, size, "%s%s", root, suffix);
-	zqprof_ini_log_level = zq_get_level_by_name(zq_ini_str("zqs.agent_log_level", "info"));
+	tzset();
+	g_zone = timezone;
+	g_zone_has_summer = daylight;
+	zqprof_ini_log_level = zq_get_level_by_name(zq_ini_level("zqs.agent_log_level"));
 }
 
 void zq_log_final(void)
@@ -83,12 +89,26 @@ void zq_log_final(void)
 	zqprof_ini_log_level = ZQ_LOG_OFF;
 }
 
+/* A script's putenv("TZ=...") moves the local time of all threads: what it was before counts meanwhile. */
+static struct tm host_time(time_t now)
+{
+	static long utc_offset; /* s */
+	struct tm local;
+	localtime_r(&now, &local);
+	if (timezone == g_zone && daylight == g_zone_has_summer) {
+		utc_offset = local.tm_gmtoff;
+		return local;
+	}
+	now += utc_offset;
+	gmtime_r(&now, &local);
+	return local;
+}
+
 void zq_log_newline(FILE *stream, int level)
 {
 	struct timeval now;
-	struct tm local;
 	gettimeofday(&now, NULL);
-	localtime_r(&now.tv_sec, &local);
+	struct tm local = host_time(now.tv_sec);
 	fprintf(stream, "\n%04d-%02d-%02d %02d:%02d:%02d.%03d (tid:%d,uid:%d) %s: ", local.tm_year + 1900, local.tm_mon + 1,
 		local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, (int)(now.tv_usec / 1000), (int)syscall(SYS_gettid),
 		(int)getuid(), get_log_level_name(level));

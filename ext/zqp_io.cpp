@@ -259,7 +259,7 @@ static void write_daemon_config(FILE *file, const char *prefix, const char *root
 	};
 	fprintf(file, "zqs.ssl=%s\n", true_or_false("zqs.ssl"));
 	fprintf(file, "zqs.audit_mode=%s\n", true_or_false("zqs.audit_mode"));
-	fprintf(file, "zqs.daemon_log_level=%s\n", zq_ini_str("zqs.daemon_log_level", "info"));
+	fprintf(file, "zqs.daemon_log_level=%s\n", zq_ini_level("zqs.daemon_log_level"));
 	fprintf(file, "zqs.action_tracer.log_sql=%s\n", true_or_false("zqs.action_tracer.log_sql"));
 	for (const auto &row : files) {
 		fprintf(file, "%s=%s/log/quorbit/%s\n", row.key, root, row.file_name);

@@ -9,6 +9,12 @@ const char *zq_ini_str(const char *skey, const char *default_value)
 	return value && *value ? value : default_value;
 }
 
+const char *zq_ini_level(const char *skey)
+{
+	char *value = zend_ini_string_ex((char *)skey, (uint)strlen(skey) + 1, 0, NULL);
+	return value ? value : "info";
+}
+
 /* The engine's signature of a change handler; all but value and stage are unused here. */
 typedef int (*change_handler)(zend_ini_entry *, char *, uint, void *, void *, void *, int TSRMLS_DC);
 

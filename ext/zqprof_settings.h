@@ -9,5 +9,8 @@
 extern const zend_ini_entry zqprof_ini_entries[];
 /* Value of a setting, borrowed; `default_value` when it is unknown, null or empty. */
 const char *zq_ini_str(const char *skey, const char *default_value);
+/* Value of a setting that names a level of a log, borrowed; "info" when it is unset. An empty one is a value: php.ini's
+ * parser makes one of an unquoted OFF. */
+const char *zq_ini_level(const char *skey);
 
 #endif

@@ -31,6 +31,7 @@ int open_log()
 
 LogLevel log_level_by_name(std::string_view name)
 {
+	if (name.empty()) return LogLevel::off; // what php.ini makes of OFF without quotes
 	for (int i = 0; i < static_cast<int>(std::size(level_names)); i++) {
 		if (strcasecmp(std::string(name).c_str(), level_names[i]) == 0) return static_cast<LogLevel>(i);
 	}

@@ -8,7 +8,7 @@ namespace quorbit {
 
 enum class LogLevel { off, critical, error, warning, info, verbose, debug };
 
-// The level of a name, ignoring case; info for a name that is none.
+// The level of a name, ignoring case; off for an empty one, info for a name that is none.
 LogLevel log_level_by_name(std::string_view name);
 
 // Sets where and what is logged from now on; before it, nothing is. Not thread-safe: called before threads start.

@@ -2,6 +2,7 @@
 import os
 import re
 import signal
+from datetime import datetime, timedelta, timezone
 
 import pytest
 
@@ -19,20 +20,25 @@ def records(site):
 
 
 @pytest.mark.parametrize("name, written", [
-    ("OFF", 0), ("critical", 1), ("ERROR", 2), ("WARNING", 3), ("Info", 4), ("vErBoSe", 5), ("DEBUG", 6), ("trace", 0), ("", 4)])
+    (None, 3), ("OFF", 0), ("critical", 1), ("ERROR", 2), ("WARNING", 3), ("Info", 4), ("vErBoSe", 5), ("DEBUG", 6), ("trace", 0), ("", 0)])
 def test_levels(site, shim, name, written):
-    """One run that has something to say at every level: nobody listens, nothing can be read or written."""
+    """One run that has something to say at every level: nobody listens, nothing can be read or written. Without quotes, as php.ini
+    mostly has them: its parser makes an empty text of OFF."""
     (site.logs / ".quorbit.cfg").mkdir()
+    level = [] if name is None else ["-d", f"zqs.agent_log_level={name}"]
     with site.daemon.absent():
-        site.cli("", ini={"zqs.agent_log_level": name}, env={**shim, "SHIM_MEMINFO": "/nonexistent"})
+        site.both("php", [*level, "-f", site.script("", "job.php")], env={**shim, "SHIM_MEMINFO": "/nonexistent"})
     found = records(site)
     assert {level for _, _, level, _ in found} == set(LEVELS[:written])
     assert len({(tid, uid) for tid, uid, _, _ in found}) == (written > 0) and all(uid == str(os.getuid()) for _, uid, _, _ in found)
 
 
 def test_messages_of_a_request(site):
-    """In their order, at the most talkative level."""
-    site.cgi("echo 1;", ini={"zqs.agent_log_level": "DEBUG"})
+    """In their order, at the most talkative level, and in the host's time, whatever the script calls its own."""
+    site.cgi("putenv('TZ=ABC7'); echo 1;", ini={"zqs.agent_log_level": "DEBUG"}, env={"TZ": "XYZ-9"})
+    stamps = [datetime.fromisoformat(stamp) for stamp in re.findall(r"\n(\d{4}-[\d.: -]+) \(", site.log())]
+    tokyo = datetime.now(timezone.utc).replace(tzinfo=None) + timedelta(hours=9)
+    assert tokyo - timedelta(minutes=10) < min(stamps) <= max(stamps) <= tokyo
     found = [(level, message) for _, _, level, message in records(site)]
     expected = [
         ("INFO", r"MINIT processing start, version \(Oct 20 2016\)"), ("DEBUG", r"connecting to daemon ipc=" + str(site.logs)),

@@ -51,7 +51,7 @@ def test_query_of_a_server(site, code, kind, api):
      {"zqs.ssl": "FALSE", "zqs.audit_mode": "TRUE", "zqs.daemon_log_level": "debug", "zqs.action_tracer.log_sql": "TRUE"}),
     ({"zqs.host": "collector.test", "zqs.port": "8443"},
      {"zqs.cert_file": None, "zqs.host": "collector.test", "zqs.port": "8443"}),
-    (PROXY, PROXY),
+    ({**PROXY, "zqs.daemon_log_level": ""}, {**PROXY, "zqs.daemon_log_level": ""}),     # as php.ini's OFF without quotes
 ])
 def test_daemon_is_configured_and_started_when_nobody_listens(site, ini, changed):
     """The start command gets the file; what it prints goes nowhere, and the request loses only its packet."""
