@@ -229,6 +229,9 @@ ssize_t zq_daemon_recv(int sock, char *data, size_t len)
 		/* A signal may cut the wait short; it goes on within the same time. */
 	} while (received < len && (n > 0 || (n == -1 && errno == EINTR)) && cycle_timer() < deadline);
 	zq_allow_timers(&saved_mask);
+	if (received < len && n >= 0) {
+		errno = n ? EAGAIN : 0; /* part of it in all that time; the end of the stream, which sets none */
+	}
 	return received || n >= 0 ? (ssize_t)received : -1;
 }
 
@@ -276,6 +279,15 @@ static void write_daemon_config(FILE *file, const char *prefix, const char *root
 	write_when_set(file, "zqs.proxy_password");
 }
 
+/* An operator may have closed the file to others, since it can hold a password: the new one gets its mode. */
+static void keep_mode(int fd, const char *path)
+{
+	struct stat old;
+	if (lstat(path, &old) == 0 && S_ISREG(old.st_mode) && (old.st_uid == 0 || old.st_uid == geteuid())) {
+		fchmod(fd, old.st_mode & 0777);
+	}
+}
+
 /* Writes a new file and puts it in the old one's place: a daemon that another process starts meanwhile never reads half
  * of it, and nothing is written through a link or into a file that another account has put there. -1 with errno set. */
 static int replace_daemon_config(const char *path, const char *prefix, const char *root)
@@ -288,6 +300,7 @@ static int replace_daemon_config(const char *path, const char *prefix, const cha
 	if (!file) {
 		return -1;
 	}
+	keep_mode(fd, path);
 	write_daemon_config(file, prefix, root);
 	if (fclose(file) == 0 && rename(fresh, path) == 0) {
 		return 0;
@@ -332,8 +345,13 @@ int zq_daemon_start(int create_config TSRMLS_DC)
 	const char *root = zq_ini_str("zqs.runtime_root", "/var");
 	int path_len = snprintf(config_path, sizeof(config_path), "%s/log/quorbit/.quorbit.cfg", root);
 	int command_len = snprintf(command, sizeof(command), "%s/bin/quorbit -f %s", prefix, config_path);
-	if (path_len >= (int)sizeof(config_path) || command_len >= (int)sizeof(command)) {
+	if (path_len >= (int)sizeof(config_path)) {
 		ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(ENAMETOOLONG));
+		return -1;
+	}
+	if (command_len >= (int)sizeof(command)) {
+		ZQ_LOG(ZQ_LOG_WARNING, "start daemon[%s] fail: a command of %d bytes is longer than %zu", command, command_len,
+			sizeof(command) - 1);
 		return -1;
 	}
 	if (create_config && zq_file_may_grow(config_path) && replace_daemon_config(config_path, prefix, root) == -1) {

@@ -65,7 +65,8 @@ void zq_daemon_forget_foreign(zend_zqprof_globals *g);
 int zq_daemon_socket(int connect_now TSRMLS_DC);
 /* Sends the whole packet, without SIGPIPE, within 100 ms and 100 ms more per MiB; the count that went out, or -1. */
 ssize_t zq_daemon_send(int sock, const char *data, size_t len);
-/* Receives exactly `len` bytes within the socket's time-out; the count that came, or -1. */
+/* Receives exactly `len` bytes within the socket's time-out; the count that came, or -1. When not all came, errno says
+ * why, 0 for the end of the stream. */
 ssize_t zq_daemon_recv(int sock, char *data, size_t len);
 /* Writes the daemon's configuration file when `create_config`, and runs the start command; result of system(), -1 when
  * the command does not fit its buffer. */

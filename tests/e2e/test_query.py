@@ -60,6 +60,7 @@ def test_daemon_is_configured_and_started_when_nobody_listens(site, ini, changed
     started.chmod(0o755)
     config = site.logs / ".quorbit.cfg"
     config.write_text("left over\n" * 100)
+    config.chmod(0o604)                           # an operator's: it can hold a password
     expected = {
         "zqs.ssl": "TRUE", "zqs.audit_mode": "FALSE", "zqs.daemon_log_level": "INFO", "zqs.action_tracer.log_sql": "FALSE",
         "zqs.agent_log_file_name": site.logs / "php-agent.log", "zqs.daemon_log_file_name": site.logs / "daemon.log",
@@ -68,8 +69,16 @@ def test_daemon_is_configured_and_started_when_nobody_listens(site, ini, changed
     with site.daemon.absent():
         site.cli('echo "work";', ini={"zqs.agent_log_level": "INFO", **ini})
     assert config.read_text() == "".join(f"{key}={value}\n" for key, value in expected.items() if value is not None)
+    assert config.stat().st_mode & 0o777 == 0o604
     assert (site.root / "started").read_text() == f"-f {config}\n"
     assert f"start daemon: {started} -f {config}" in site.log()
+
+
+def test_a_start_command_that_is_too_long_is_not_run(site):
+    with site.daemon.absent():
+        site.cli("", ini={"zqs.prefix": "/" + "p" * 500})
+    line, = site.logged("start daemon")
+    assert line.endswith(f" fail: a command of {501 + len(f'/bin/quorbit -f {site.logs}/.quorbit.cfg')} bytes is longer than 511")
 
 
 def test_running_daemon_keeps_its_configuration_file(site):
