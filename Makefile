@@ -1,4 +1,4 @@
-# The verbs. CMake builds; scripts do the rest. docs/install.md explains the variables of install and uninstall.
+# What can be done here. CMake builds; scripts do the rest. docs/install.md explains the variables of install and uninstall.
 #
 #   PHP_CONFIG=/path/to/php-config   build for that engine instead of one of our own
 #   ZQ_DAEMON_TIMEOUT_MS=2000        what a stalled daemon may cost per call (100), for tests on a busy machine
@@ -31,7 +31,7 @@ check: test-packages configure
 	@cmake --build --preset sanitize -j$(JOBS)
 	@ctest --preset sanitize --no-tests=error
 
-# everything under sanitizers, on engines of their own: a quarter of an hour, and as much again for the engines the first time
+# everything under sanitizers, on engines built for that: a quarter of an hour, and as much again for the engines the first time
 sanitize: all test-packages
 	@tests/sanitize/run
 
@@ -66,7 +66,7 @@ soak: all test-packages
 	@cmake --build build -j$(JOBS) --target zqprof_patient
 	@tests/soak/run
 
-# These two use what `make` built and build nothing themselves: they run as root, with another cache.
+# These two use what `make` built and build nothing themselves: they run as root, whose cache is another one.
 install uninstall:
 	@packaging/$@
 

@@ -1,6 +1,6 @@
 // Clients of the daemon for bench/daemon.py: connections that send metric packets as agents do, and one that asks for
 // its configuration meanwhile. A packet has the time to leave that an agent gives it, 100 ms and 100 ms more per MiB;
-// one that has not left by then is lost and its connection made anew.
+// one that has not left by then is lost and its connection opened again.
 //
 //     daemon_load SOCKET APPLICATION KIND BYTES CONNECTIONS RATE SECONDS QUERY_MS
 //

@@ -35,7 +35,7 @@ def rules():
 
 
 def build_loop():
-    """build/bench/naming_loop, made anew from the sources that the extension is made of."""
+    """build/bench/naming_loop, built from the sources that the extension is built from."""
     target = PROJECT / "build/bench/naming_loop"
     target.parent.mkdir(parents=True, exist_ok=True)
     flags = subprocess.check_output(["pkg-config", "--cflags", "--libs", "libcjson"], text=True).split()

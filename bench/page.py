@@ -27,7 +27,7 @@ PAGES = {
     "100 MiB in 1 MiB writes": (MIB // 12 + 1, 100, "echo $block;", BOUND),
     "100 MiB in 8 KiB writes": (8192 // 12 + 1, 12800, "echo $block;", BOUND),
     "1 MiB in one-byte writes": (0, MIB, "echo 'x';", None),
-    "100 MiB behind the script": (MIB // 12 + 1, 100, "if (!$i) echo '<head></head>'; echo $block;", BOUND),
+    "100 MiB after the script": (MIB // 12 + 1, 100, "if (!$i) echo '<head></head>'; echo $block;", BOUND),
 }
 
 

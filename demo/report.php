@@ -1,5 +1,5 @@
 <?php
-/* A script of the command line, as a cron job would run it: a background action. */
+/* A command-line script, as a cron job would run it: a background action. */
 require __DIR__ . '/pages/shop.php';
 
 foreach (shop_database()->query('SELECT product, avg(stars) AS s FROM reviews GROUP BY product LIMIT 3') as $row) {

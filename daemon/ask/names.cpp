@@ -49,7 +49,7 @@ int names(const DaemonConfig &config, const NamesOptions &options)
 	auto invalid = namer.invalid_rules();
 	if (invalid) {
 		std::string at = invalid->empty() ? "their end" : cut(printable(*invalid), 60);
-		fprintf(stderr, "The naming rules are no JSON and were not used. What is wrong begins at: %s\n", at.c_str());
+		fprintf(stderr, "The naming rules are not valid JSON and were not used. The error begins at: %s\n", at.c_str());
 	}
 	return invalid ? 1 : 0;
 }

@@ -151,13 +151,14 @@ std::string names_text(const NameCounts &counts, size_t most, size_t width, cons
 		out += "and " + std::to_string(counts.names.size() - rows.size()) + " more\n";
 	out +=
 		"\nWhat a framework calls its actions cannot be known here: requests that it dispatches get its names, unless "
-		"a rule named them.\n";
+		"a rule has named them.\n";
 	if (by_script)
-		out += "For a URI without \".php\" the file counts that the server runs; " + printable(script) +
-			" was taken (--script).\n";
+		out += "A URI without \".php\" is named after the file that the server runs; " + printable(script) +
+			" was assumed (--script).\n";
 	if (counts.passed_over_count) {
-		out += "Lines that are no requests and were passed over: " + std::to_string(counts.passed_over_count) +
-			", the first:";
+		bool one = counts.passed_over_count == 1;
+		out += "Skipped " + std::to_string(counts.passed_over_count) +
+			(one ? " line that is not a request:" : " lines that are not requests, the first:");
 		for (int64_t number : counts.passed_over) out += " " + std::to_string(number);
 		out += "\n";
 	}

@@ -41,7 +41,7 @@ std::optional<std::pair<int64_t, int64_t>> wait_for_start(ProfileOrders &orders,
 
 int profile(const DaemonConfig &config, const std::string &application, int64_t seconds)
 {
-	if (!daemon_answers(config)) throw std::runtime_error("no daemon runs; see `quorbit status`");
+	if (!daemon_answers(config)) throw std::runtime_error("no daemon is running; see `quorbit status`");
 	auto store = open_reader(config);
 	ProfileOrders orders(config.store_file());
 	int64_t order = orders.order(application, seconds);
@@ -60,7 +60,7 @@ int profile(const DaemonConfig &config, const std::string &application, int64_t 
 	while (wall_clock_ms() < started_ms + (seconds + 2) * 1000) std::this_thread::sleep_for(200ms);
 	ProfilePrinter printer;
 	store->each_profile_event({application, {started_ms}}, [&](const ProfileEvent &event) { put(printer.add(event)); });
-	if (printer.events() == 0) tell("No events came: no further request of these processes began in that time.");
+	if (printer.events() == 0) tell("No events came: these processes began no further request in that time.");
 	return 0;
 }
 

@@ -22,7 +22,8 @@ struct ShowOptions {
 int show_action(Reader &store, const ShowOptions &options)
 {
 	auto shown = store.action(options.id);
-	if (!shown) throw std::runtime_error("there is no action " + std::to_string(options.id) + " (any more)");
+	if (!shown)
+		throw std::runtime_error("there is no action " + std::to_string(options.id) + " (it may have been dropped)");
 	auto called = called_tracer_ids(shown->action);
 	std::vector<RelatedAction> related;
 	store.each_related({options.id, shown->action.transaction_id, called},
@@ -58,7 +59,7 @@ CommandRun add_show(CLI::App &command)
 	command.add_option("-n", options->question.most, "how many actions")
 		->check(CLI::Range(1, 1000000))
 		->capture_default_str();
-	command.add_flag("--full", options->full, "of one action: every call and statement for itself, nothing cut");
+	command.add_flag("--full", options->full, "of one action: every call and statement separately, nothing cut");
 	command.add_option("--app", options->question.filter.application, "only this application");
 	command.add_flag("--json", options->json, "for programs");
 	return [options](const DaemonConfig &config) { return show(config, *options); };

@@ -23,9 +23,9 @@ int status(const DaemonConfig &config)
 	int process = running_daemon(config);
 	bool answers = daemon_answers(config);
 	if (!answers)
-		put("No daemon runs.\n");
+		put("No daemon is running.\n");
 	else
-		put("The daemon runs" + (process ? " as process " + std::to_string(process) : std::string()) + ".\n");
+		put("The daemon is running" + (process ? " as process " + std::to_string(process) : std::string()) + ".\n");
 	auto applications = has_store(config) ? open_reader(config)->applications() : std::vector<ApplicationRow>();
 	auto has_sent = [](const ApplicationRow &row) { return row.packets > 0; };
 	bool received = std::any_of(applications.begin(), applications.end(), has_sent);

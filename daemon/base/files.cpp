@@ -61,7 +61,7 @@ std::string read_file(const std::string &path, bool of_root_or_us)
 	struct stat status;
 	if (!file || fstat(descriptor, &status) != 0) fail(path);
 	if (of_root_or_us && !is_trusted(status))
-		throw std::runtime_error(path + ": belongs to another account, or is no plain file of one name");
+		throw std::runtime_error(path + ": belongs to another account, or is not a regular file with a single name");
 	std::string text;
 	char block[16384];
 	while (size_t count = fread(block, 1, sizeof block, file.get())) {

@@ -64,7 +64,7 @@ private:
 	{
 		size_t end = content.rfind(']');
 		in_unknown_section_ = end == std::string_view::npos;
-		if (in_unknown_section_) return problem("a section needs a closing bracket; its settings are passed over");
+		if (in_unknown_section_) return problem("a section needs a closing bracket; its settings are skipped");
 		section_ = &applications.sections[std::string(trim(content.substr(1, end - 1)))];
 	}
 
@@ -76,7 +76,7 @@ private:
 		if (in_unknown_section_) return;
 		if (!section_) return own_setting(key, value);
 		if (!agents_know(key)) {
-			problem("agents know no setting \"" + std::string(key) + "\"");
+			problem("agents do not know the setting \"" + std::string(key) + "\"");
 		}
 		value_ = &((*section_)[std::string(key)] = value);
 	}
@@ -87,12 +87,12 @@ private:
 		int64_t *own = key == "store_mb" ? &applications.store_mb
 			: key == "profile_mb"        ? &applications.profile_mb
 										 : nullptr;
-		if (!own) return problem("\"" + std::string(key) + "\" belongs into a section, [*] for all applications");
+		if (!own) return problem("\"" + std::string(key) + "\" belongs in a section, [*] for all applications");
 		int64_t megabytes = 0;
 		auto [end, failure] = std::from_chars(value.data(), value.data() + value.size(), megabytes);
 		bool whole = failure == std::errc() && end == value.data() + value.size();
 		if (!whole || megabytes < 1 || megabytes > 1000000)
-			return problem(std::string(key) + " is a number of megabytes");
+			return problem(std::string(key) + " must be a number of megabytes");
 		*own = megabytes;
 	}
 

@@ -148,7 +148,7 @@ void print_components(const Action &action, Page &page)
 void print_trace(const std::string &trace, const std::string &title, Page &page)
 {
 	if (trace.empty()) return;
-	page.section(title + " (ms: from the begin, taken)");
+	page.section(title + " (ms: from the start, taken)");
 	auto nodes = read_trace(trace);
 	if (nodes)
 		page.out += trace_text(*nodes, page.width(), page.full());

@@ -69,10 +69,11 @@ std::string nothing_received_text(const DaemonConfig &config)
 		answers ? "the daemon answers on " + config.socket_file : "no daemon answers on " + config.socket_file);
 	if (!answers) {
 		int process = running_daemon(config);
-		if (process) line(false, "process " + std::to_string(process) + " of the pid file lives, but does not answer");
+		if (process)
+			line(false, "process " + std::to_string(process) + " of the pid file is running, but does not answer");
 		bool configured = exists(folder + "/.quorbit.cfg");
 		line(configured,
-			configured ? "an agent has tried to start the daemon: " + config.log_file + " tells how it went"
+			configured ? "an agent has tried to start the daemon: " + config.log_file + " says how it went"
 					   : "no agent has ever tried to start the daemon: is the extension loaded? (php -m)");
 	}
 	out += "  Then: php --ri quorbit    \"enabled\", and zqs.runtime_root as that PHP sees it\n";

@@ -34,7 +34,7 @@ const char *Connection::begin_body()
 	Header header = read_header(header_);
 	bool packet =
 		header.type == record_thread_profile || header.type == record_app_info || header.type == record_metric;
-	if (!packet) return "sent something that is no packet";
+	if (!packet) return "sent something that is not a packet";
 	type_ = header.type;
 	length_ = header.length;
 	records_ = RecordWalk(header.length);

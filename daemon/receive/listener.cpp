@@ -57,7 +57,7 @@ void Listener::listen_at_path()
 	struct sockaddr_un address = socket_address(path_);
 	struct stat old;
 	if (lstat(path_.c_str(), &old) == 0) {
-		if (!S_ISSOCK(old.st_mode)) throw std::runtime_error(path_ + ": there is something else than a socket");
+		if (!S_ISSOCK(old.st_mode)) throw std::runtime_error(path_ + ": exists and is not a socket");
 		if (unlink(path_.c_str()) != 0) fail(path_);
 	}
 	int descriptor = new_socket();

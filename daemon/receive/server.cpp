@@ -116,11 +116,11 @@ bool Server::keep_socket()
 	kept_second_ = now;
 	int before = listener_->descriptor();
 	if (!listener_->keep_name()) {
-		log_message(LogLevel::error, "the socket is gone or another's: ending");
+		log_message(LogLevel::error, "the socket is gone or belongs to another program: exiting");
 		return false;
 	}
 	if (listener_->descriptor() == before) return true;
-	log_message(LogLevel::warning, "the socket was deleted: listening anew");
+	log_message(LogLevel::warning, "the socket was deleted: listening again");
 	accepting_ = watch_new(listener_->descriptor());
 	return true;
 }
@@ -222,12 +222,12 @@ const char *Server::answer_query(Connection &connection, const Query &query)
 	std::string to = " given to process " + std::to_string(connection.process);
 	log_message(LogLevel::debug, "configuration of \"" + query.application + "\"" + to);
 
-	if (!connection.waiting_answer().empty()) return "asks again without taking its answers";
+	if (!connection.waiting_answer().empty()) return "asks again without reading its answers";
 	ssize_t sent = send(connection.descriptor, answer.data(), answer.size(), MSG_NOSIGNAL);
 	size_t taken = sent > 0 ? static_cast<size_t>(sent) : 0;
 	if (taken == answer.size()) return nullptr;
 	if (sent == -1 && errno != EAGAIN && errno != EINTR) return nullptr; // gone: the next read tells
-	if (!connection.keep_answer(std::string_view(answer).substr(taken))) return "takes no answer";
+	if (!connection.keep_answer(std::string_view(answer).substr(taken))) return "does not read its answer";
 	watch(connection);
 	return nullptr;
 }

@@ -40,7 +40,7 @@ OrderLock::OrderLock(const std::string &store_path)
 		plain = is_of_root_or_us(status) || status.st_uid == store.st_uid;
 	if (plain) return;
 	close(file_);
-	throw SqliteError(path + ": belongs to another account, or is no file");
+	throw SqliteError(path + ": belongs to another account, or is not a regular file");
 }
 
 OrderLock::~OrderLock()

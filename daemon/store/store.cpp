@@ -55,7 +55,7 @@ static const std::string &private_file(const std::string &path)
 	struct stat status;
 	bool ours = fstat(file, &status) == 0 && S_ISREG(status.st_mode) && is_of_root_or_us(status);
 	close(file);
-	if (!ours) throw SqliteError(path + ": belongs to another account, or is no file");
+	if (!ours) throw SqliteError(path + ": belongs to another account, or is not a regular file");
 	return path;
 }
 

@@ -117,14 +117,14 @@ def test_lines_of_requests(site, line, name):
     line = line if isinstance(line, bytes) else line.encode()
     status, names, printed = dry_run(site, {"zqs.auto_action_naming": "0"}, b"#\n" + line)
     assert status == 0 and list(names) == (["WebAction/" + name] if name else [])
-    assert ("no requests and were passed over: 1, the first: 2\n" in printed) == (name is None and line != b"")
+    assert ("Skipped 1 line that is not a request: 2\n" in printed) == (name is None and line != b"")
 
 
 def test_the_dry_run_says_what_is_wrong(site):
     status, names, printed = dry_run(site, {"zqs.naming.rules": "[1,,2]", "zqs.nonsense": "1"}, "GET /a.php")
     assert status == 1 and names == {"WebAction/URI/a.php": (1, "URI")}
-    assert "The naming rules are no JSON and were not used. What is wrong begins at: ,2]" in printed
-    assert 'agents know no setting "zqs.nonsense"' in printed
+    assert "The naming rules are not valid JSON and were not used. The error begins at: ,2]" in printed
+    assert 'agents do not know the setting "zqs.nonsense"' in printed
     for arguments in (["names", site.root], ["names", "/nonexistent"]):
         done = subprocess.run([QUORBIT, *arguments, "--settings", site.root / "app.conf"], capture_output=True, text=True)
         assert done.returncode == 1 and "\nquorbit: " in done.stderr, done

@@ -93,7 +93,7 @@ TEST(Connection, PutsPacketsTogetherHoweverTheyArrive) {
   } rows[] = {
       {packets, "11:metric;10:;9:profile;"},
       {packets.substr(0, packets.size() - 1), "11:metric;10:;partial"},
-      {packet(0x0B, "a") + record(0x0D, "b") + packets, "11:a;sent something that is no packet"},
+      {packet(0x0B, "a") + record(0x0D, "b") + packets, "11:a;sent something that is not a packet"},
       {packet(0x0B, "bad") + packets, "11:bad;bad packet"},
       {record(0x0B, "\x11\0\0\x02x"sv) + packets, overrun},
       {record(0x0B, record(0x11, "x") + "\x11\0\0"s) + packets, overrun},
