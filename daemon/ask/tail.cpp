@@ -39,6 +39,7 @@ int tail(const DaemonConfig &config, const std::string &application, bool json)
 		std::this_thread::sleep_for(300ms);
 		// Taken first: what other applications send meanwhile need not be looked at again.
 		int64_t newest = store->last_id();
+		if (newest < last) last = 0; // a new store, in place of one that was moved away
 		filter.after_id = last;
 		rows = store->actions({filter, ActionOrder::oldest, 1000});
 		if (rows.empty()) last = newest;

@@ -51,7 +51,7 @@ std::string given_lines(const Settings &settings)
 
 StoreBounds bounds_of(const Applications &applications)
 {
-	return {applications.store_mb << 20, applications.profile_mb << 20};
+	return {.action_bytes = applications.store_mb << 20, .event_bytes = applications.profile_mb << 20};
 }
 
 } // namespace

@@ -11,7 +11,7 @@ Database::Database(const std::string &path, Mode mode) : path_(path)
 	handle_.reset(handle);
 	if (code != SQLITE_OK)
 		throw SqliteError(path + ": " + (handle ? sqlite3_errmsg(handle) : sqlite3_errstr(code)), code);
-	sqlite3_busy_timeout(handle, 2000);
+	sqlite3_busy_timeout(handle, busy_ms);
 	// Whatever a file that somebody else has made holds: no functions of its own, no rewriting of SQLite's tables.
 	sqlite3_db_config(handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
 	sqlite3_db_config(handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);

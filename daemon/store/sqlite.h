@@ -19,6 +19,7 @@ struct SqliteError : std::runtime_error {
 
 class Database {
 public:
+	static constexpr int busy_ms = 2000; // what is waited for the locks of others
 	enum class Mode { read_only, read_write, create };
 
 	// Opens the file; Mode::create makes one that is missing. Waits up to two seconds for the locks of others. Throws

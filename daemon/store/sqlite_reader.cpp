@@ -2,8 +2,7 @@
 #include "store/sqlite_reader.h"
 
 #include "store/action_sums.h"
-#include "store/layout.h"
-#include "store/sqlite.h"
+#include "store/followed_store.h"
 
 #include <algorithm>
 
@@ -39,27 +38,44 @@ ActionRow row_of(Statement &select)
 	return row;
 }
 
+// Rows of a page: read in a transaction of some milliseconds, after which the store's log can go on.
+constexpr int64_t page_rows = 2000;
+
+// Every list is read page by page, and no callback runs within one: whoever prints into a pager may stand still there.
 class SqliteReader : public Reader {
 public:
-	explicit SqliteReader(const std::string &path) : database_(path, Database::Mode::read_only)
-	{
-		require_newest_layout(database_);
-	}
+	explicit SqliteReader(const std::string &path) : store_(path) {}
 
 	void each_action(const ActionQuestion &question, const std::function<void(const ActionRow &)> &on_row) override
 	{
-		const char *order = question.order == ActionOrder::newest ? "DESC" : "ASC";
-		Statement select(database_, std::string("SELECT " ROW_COLUMNS FILTERED " ORDER BY id ") + order + " LIMIT ?5");
-		bind_filter(select, question.filter);
-		select.bind(5, question.most);
-		while (select.step()) on_row(row_of(select));
+		const bool newest = question.order == ActionOrder::newest;
+		const std::string sql = std::string("SELECT " ROW_COLUMNS FILTERED " AND id < ?5 ORDER BY id ") +
+			(newest ? "DESC" : "ASC") + " LIMIT ?6";
+		ActionFilter filter = question.filter;
+		int64_t before_id = INT64_MAX, left = question.most;
+		for (bool more = true; more && left > 0;) {
+			const int64_t most = std::min(left, page_rows);
+			auto rows = page(sql, [&](Statement &select) {
+				bind_filter(select, filter);
+				select.bind(5, before_id).bind(6, most);
+			});
+			more = static_cast<int64_t>(rows.size()) == most;
+			left -= most;
+			if (more) (newest ? before_id : filter.after_id) = rows.back().id;
+			for (const ActionRow &row : rows) on_row(row);
+		}
 	}
 
-	int64_t last_id() override { return database_.integer("SELECT max(id) FROM action"); }
+	int64_t last_id() override
+	{
+		Unstopped reading;
+		return store_.current().integer("SELECT max(id) FROM action");
+	}
 
 	std::optional<StoredAction> action(int64_t id) override
 	{
-		Statement select(database_, "SELECT " ROW_COLUMNS ", packet FROM action WHERE id = ?");
+		Unstopped reading;
+		Statement select(store_.current(), "SELECT " ROW_COLUMNS ", packet FROM action WHERE id = ?");
 		if (!select.bind(1, id).step()) return std::nullopt;
 		auto action = read_action(select.text(packet_column));
 		if (!action) throw SqliteError("the packet of action " + std::to_string(id) + " is damaged");
@@ -72,15 +88,14 @@ public:
 		std::vector<int64_t> seen = {question.id};
 		auto collect = [&](const char *column, const std::string &value) {
 			if (value.empty()) return;
-			Statement select(database_,
-				std::string("SELECT " ROW_COLUMNS ", packet FROM action WHERE ") + column + " = ? ORDER BY id");
-			select.bind(1, value);
-			while (static_cast<int64_t>(seen.size()) <= question.most && select.step()) {
-				if (std::find(seen.begin(), seen.end(), select.integer(0)) != seen.end()) continue;
-				auto action = read_action(select.text(packet_column));
-				if (!action) continue;
-				seen.push_back(select.integer(0));
-				on_action({row_of(select), std::move(*action)});
+			const std::string sql = std::string("SELECT id FROM action WHERE ") + column + " = ?1 ORDER BY id LIMIT ?2";
+			for (int64_t id : ids(sql, [&](Statement &select) { select.bind(1, value).bind(2, question.most + 1); })) {
+				if (static_cast<int64_t>(seen.size()) > question.most) return;
+				if (std::find(seen.begin(), seen.end(), id) != seen.end()) continue;
+				auto related = action(id);
+				if (!related) continue; // evicted since
+				seen.push_back(id);
+				on_action(*related);
 			}
 		};
 		collect("transaction_id", question.transaction_id);
@@ -89,16 +104,28 @@ public:
 
 	std::vector<SumRow> sums(const SumQuestion &question) override
 	{
-		Statement select(database_, "SELECT " ROW_COLUMNS FILTERED);
-		bind_filter(select, question.filter);
 		ActionSums sums;
-		while (select.step()) sums.add(row_of(select));
+		ActionFilter filter = question.filter;
+		int64_t last_id = INT64_MAX; // of the time that the page begins at
+		filter.range.from_ms = std::max(filter.range.from_ms, int64_t{1}) - 1;
+		for (bool more = true; more;) {
+			auto rows = page("SELECT " ROW_COLUMNS FILTERED
+							 " AND (received_ms, id) > (?2, ?5) ORDER BY received_ms, id LIMIT ?6",
+				[&](Statement &select) {
+					bind_filter(select, filter);
+					select.bind(5, last_id).bind(6, page_rows);
+				});
+			more = static_cast<int64_t>(rows.size()) == page_rows;
+			if (more) filter.range.from_ms = rows.back().received_ms, last_id = rows.back().id;
+			for (const ActionRow &row : rows) sums.add(row);
+		}
 		return sums.sorted();
 	}
 
 	std::vector<ApplicationRow> applications() override
 	{
-		Statement select(database_,
+		Unstopped reading;
+		Statement select(store_.current(),
 			"SELECT name, query_ms, query_process, sapi, php_version, given, packet_ms, packet_process, packets "
 			"FROM application ORDER BY name");
 		std::vector<ApplicationRow> rows;
@@ -112,17 +139,56 @@ public:
 	void each_profile_event(
 		const ProfileQuestion &question, const std::function<void(const ProfileEvent &)> &on_event) override
 	{
-		Statement select(database_,
-			"SELECT packet FROM profile_event WHERE received_ms >= ? AND received_ms < ? AND application = ? "
-			"ORDER BY thread, id");
-		select.bind(1, question.range.from_ms).bind(2, question.range.until_ms).bind(3, question.application);
-		while (select.step()) {
-			if (auto event = read_profile_event(select.text(0))) on_event(*event);
+		const auto all = ids(
+			"SELECT id FROM profile_event WHERE received_ms >= ? AND received_ms < ? AND application = ? "
+			"ORDER BY thread, id",
+			[&](Statement &select) {
+				select.bind(1, question.range.from_ms).bind(2, question.range.until_ms).bind(3, question.application);
+			});
+		for (size_t begin = 0; begin < all.size(); begin += page_rows) {
+			for (const std::string &packet : events(all, begin, std::min(all.size(), begin + page_rows))) {
+				if (auto event = read_profile_event(packet)) on_event(*event);
+			}
 		}
 	}
 
 private:
-	Database database_;
+	template <typename Bind>
+	std::vector<ActionRow> page(const std::string &sql, Bind bind)
+	{
+		Unstopped reading;
+		Statement select(store_.current(), sql);
+		bind(select);
+		std::vector<ActionRow> rows;
+		while (select.step()) rows.push_back(row_of(select));
+		return rows;
+	}
+
+	template <typename Bind>
+	std::vector<int64_t> ids(const std::string &sql, Bind bind)
+	{
+		Unstopped reading;
+		Statement select(store_.current(), sql);
+		bind(select);
+		std::vector<int64_t> found;
+		while (select.step()) found.push_back(select.integer(0));
+		return found;
+	}
+
+	// The packets of a part of `all`; those evicted since are left out.
+	std::vector<std::string> events(const std::vector<int64_t> &all, size_t begin, size_t end)
+	{
+		Unstopped reading;
+		Statement select(store_.current(), "SELECT packet FROM profile_event WHERE id = ?");
+		std::vector<std::string> packets;
+		for (; begin < end; begin++) {
+			if (select.bind(1, all[begin]).step()) packets.push_back(select.text(0));
+			select.reset();
+		}
+		return packets;
+	}
+
+	FollowedStore store_;
 };
 
 } // namespace

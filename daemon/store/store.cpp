@@ -50,6 +50,7 @@ std::string_view column_text(std::string_view text)
 // there is refused. SQLite has no file open here, whose locks closing another descriptor of it would drop.
 static const std::string &private_file(const std::string &path)
 {
+	finish_replacing(path);
 	int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
 	if (file == -1) throw SqliteError(path + ": " + strerror(errno));
 	struct stat status;
@@ -81,6 +82,7 @@ Store::Store(const std::string &path, const std::atomic<bool> *stopping)
 	  page_size_(database_.integer("PRAGMA page_size")),
 	  clients_(path)
 {
+	watch_log();
 	Statement select(database_, "SELECT packet FROM profile_event");
 	while (select.step()) event_bytes_ += event_bytes(select.text(0));
 }
@@ -104,6 +106,7 @@ void Store::commit()
 	action_ids_.keep(keep_counter_);
 	event_ids_.keep(keep_counter_);
 	database_.execute("COMMIT");
+	checkpoint_when_due();
 }
 
 void Store::add(const StoredPacket &packet)

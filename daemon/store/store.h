@@ -8,6 +8,8 @@
 #include "store/sqlite.h"
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <set>
 
 namespace quorbit {
@@ -29,10 +31,11 @@ struct StoredQuery {
 	std::string given; // "key=value" lines of the configuration in force for it
 };
 
-// What the store may take on disk, its write-ahead log apart.
+// What the store may take on disk.
 struct StoreBounds {
 	int64_t action_bytes = int64_t{512} << 20; // actions, and all tables beside them
 	int64_t event_bytes = int64_t{64} << 20;   // events of thread profiles
+	int64_t log_bytes = int64_t{64} << 20; // write-ahead log, where it cannot begin anew; twice that is never exceeded
 };
 
 // The writing half. Every function throws SqliteError; after that the object is of no more use.
@@ -44,6 +47,11 @@ public:
 
 	void begin() { database_.execute("BEGIN IMMEDIATE"); }
 	void commit();
+	// Takes back what was not committed.
+	void abandon()
+	{
+		if (!sqlite3_get_autocommit(database_.handle())) database_.execute("ROLLBACK");
+	}
 
 	void add(const StoredPacket &packet);
 	void add(const StoredQuery &query);
@@ -51,9 +59,23 @@ public:
 	// One step of at most about 20 ms towards the bounds, as a transaction of its own: events that have been printed
 	// go, then the oldest events and actions beyond their bounds, then free pages beyond a quarter of the store go back
 	// to the file system. False when there was nothing to do.
-	bool maintain(const StoreBounds &bounds);
+	// `small`: no more at once than a small log has room for.
+	bool maintain(const StoreBounds &bounds, bool small = false);
+	// For a disk that is full: removes the oldest actions until so many bytes of the file are free.
+	void make_room(int64_t bytes);
+
 	// Forgets the applications not seen for longest beyond 1024, and profile orders that ended long ago.
 	void limit_tables();
+
+	// Whether the log has been over its bound for more than 10 s, or is over twice the bound: a reader stands on an old
+	// state of the store, and the log cannot begin anew. Over twice the bound nothing more should be written.
+	bool is_pinned() const { return copy_ || log_is_full() || Clock::now() - small_log_at_ > patience; }
+	bool log_is_full() const { return log_pages_ * page_size_ > 2 * log_bytes_; }
+	bool empty_log(); // false when readers are in the way
+	void set_log_bytes(int64_t bytes) { log_bytes_ = bytes; }
+	// One step, of at most about 20 ms, of copying the store; true when the copy is whole. Writing may go on between
+	// steps. Then this object must go, and replace_store_by_copy() be called.
+	bool copy_step();
 
 	// Whether another process has written since the last call, or this is the first.
 	bool changed_by_others();
@@ -71,7 +93,10 @@ private:
 	static int64_t event_bytes(std::string_view packet); // about what it takes in the file
 	int64_t used_bytes();
 	int64_t free_bytes();
-	bool remove_oldest_actions(int64_t bytes);
+	bool remove_oldest_actions(int64_t bytes, int64_t most);
+	void watch_log();
+	void checkpoint();
+	void checkpoint_when_due();
 	void remove_oldest_events(int64_t bytes);
 	void remove_printed();
 
@@ -106,6 +131,23 @@ private:
 	std::vector<PrintedEvents> printed_;
 	int64_t event_bytes_ = 0; // about what all events take
 	bool shrinking_ = false;
+	struct Copy {
+		explicit Copy(Database &source);
+		~Copy();
+		Database target;
+		sqlite3_backup *backup;
+	};
+	std::unique_ptr<Copy> copy_;
+	using Clock = std::chrono::steady_clock;
+	static constexpr auto patience = std::chrono::seconds(10);
+	int64_t log_bytes_ = StoreBounds().log_bytes;
+	int64_t log_pages_ = 0;
+	Clock::time_point small_log_at_ = Clock::now();
 };
+
+// Puts the copy in the store's place; whoever has the old file open keeps it. What an end in between leaves is
+// finished, or taken back, by finish_replacing() when a store is opened.
+void replace_store_by_copy(const std::string &path);
+void finish_replacing(const std::string &path);
 
 } // namespace quorbit

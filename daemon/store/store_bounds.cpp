@@ -2,22 +2,28 @@
 #include "store/store.h"
 
 #include <chrono>
+#include <utility>
 
 namespace quorbit {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 // What a step may take; its commit comes on top.
-constexpr auto step_time = std::chrono::milliseconds(15);
+constexpr auto step_time = 15ms;
 // About what a row and its index entries take beside the packet.
 constexpr int64_t action_row_bytes = 300, event_row_bytes = 48;
 
 class StepTimer {
 public:
-	bool is_over() const { return std::chrono::steady_clock::now() >= end_; }
+	explicit StepTimer(std::chrono::milliseconds time) : end_(std::chrono::steady_clock::now() + time) {}
+	// Something is done at each step, however long it takes.
+	bool is_over() { return std::exchange(begun_, true) && std::chrono::steady_clock::now() >= end_; }
 
 private:
-	const std::chrono::steady_clock::time_point end_ = std::chrono::steady_clock::now() + step_time;
+	const std::chrono::steady_clock::time_point end_;
+	bool begun_ = false;
 };
 
 } // namespace
@@ -40,9 +46,9 @@ int64_t Store::free_bytes()
 	return database_.integer("PRAGMA freelist_count") * page_size_;
 }
 
-bool Store::maintain(const StoreBounds &bounds)
+bool Store::maintain(const StoreBounds &bounds, bool small)
 {
-	StepTimer timer;
+	StepTimer timer(small ? 0ms : step_time);
 	int64_t excess = used_bytes() - event_bytes_ - bounds.action_bytes;
 	int64_t free = free_bytes();
 	// Pages that were freed are used again; only many of them are worth moving others for.
@@ -56,7 +62,7 @@ bool Store::maintain(const StoreBounds &bounds)
 	while (!timer.is_over() && event_bytes_ > bounds.event_bytes)
 		remove_oldest_events(event_bytes_ - bounds.event_bytes);
 	for (; !timer.is_over() && excess > 0; excess = used_bytes() - event_bytes_ - bounds.action_bytes) {
-		if (!remove_oldest_actions(excess)) break;
+		if (!remove_oldest_actions(excess, small ? 8 : 64)) break;
 	}
 	while (!timer.is_over() && shrinking_ && free_bytes() > 0) database_.execute("PRAGMA incremental_vacuum(32)");
 	// Tables alone may be more than a tiny bound: that is as good as it gets.
@@ -72,12 +78,14 @@ void Store::limit_tables()
 		"DELETE FROM profile_order WHERE closed_ms IS NOT NULL AND id <= (SELECT max(id) FROM profile_order) - 100");
 }
 
-// Removes as many of the oldest actions as hold about `bytes`, at least one and at most 64. False when there is none.
-bool Store::remove_oldest_actions(int64_t bytes)
+// Removes as many of the oldest actions as hold about `bytes`, at least one and at most `most`. False when there is
+// none.
+bool Store::remove_oldest_actions(int64_t bytes, int64_t most)
 {
 	int64_t last_id = 0;
 	{
-		Statement select(database_, "SELECT id, length(packet) FROM action ORDER BY id LIMIT 64");
+		Statement select(database_, "SELECT id, length(packet) FROM action ORDER BY id LIMIT ?");
+		select.bind(1, most);
 		while (bytes > 0 && select.step()) {
 			last_id = select.integer(0);
 			bytes -= select.integer(1) + action_row_bytes;
@@ -85,6 +93,19 @@ bool Store::remove_oldest_actions(int64_t bytes)
 	}
 	Statement(database_, "DELETE FROM action WHERE id <= ?").bind(1, last_id).run();
 	return last_id != 0;
+}
+
+// What was freed is used again without the file growing, and a log that has been written back begins again at its
+// front.
+void Store::make_room(int64_t bytes)
+{
+	checkpoint();
+	for (bool some = true; some && free_bytes() < bytes;) {
+		begin();
+		some = remove_oldest_actions(bytes, 4);
+		commit();
+		checkpoint();
+	}
 }
 
 void Store::remove_oldest_events(int64_t bytes)

@@ -1,10 +1,9 @@
 // Batching, retrying and the bound of the backlog.
 #include "store/store_writer.h"
 
-#include "base/log.h"
 #include "base/clock.h"
+#include "base/log.h"
 
-#include <chrono>
 #include <sys/stat.h>
 #include <utility>
 
@@ -14,11 +13,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr size_t most_queued_bytes = size_t{64} << 20;
+constexpr size_t most_held_bytes = size_t{64} << 20;
 constexpr size_t most_transaction_bytes = size_t{8} << 20;
-constexpr auto batch_time = 100ms; // what is waited for company before a commit
-constexpr auto idle_time = 250ms;  // between looks at the profile orders, which end within a second
-constexpr int64_t retry_seconds = 1;
+constexpr size_t small_transaction_bytes = size_t{256} << 10; // on a full disk: what the write-ahead log has room for
+constexpr auto batch_time = 100ms;                            // what is waited for company before a commit
+constexpr auto idle_time = 250ms; // between looks at the profile orders, which end within a second
+constexpr auto retry_time = 500ms;
+constexpr auto small_time = 10s; // after the disk was full
+constexpr auto finish_time = 4s;
 
 // The file's inode, 0 when there is none.
 uint64_t inode_of(const std::string &path)
@@ -46,59 +48,104 @@ StoreWriter::~StoreWriter()
 
 void StoreWriter::put(StoredPacket packet)
 {
-	size_t bytes = sizeof(Item) + packet.body.size();
-	enqueue(std::move(packet), bytes);
+	enqueue(std::move(packet));
 }
 
 void StoreWriter::put(StoredQuery query)
 {
-	size_t bytes =
-		sizeof(Item) + query.given.size() + query.application.size() + query.sapi.size() + query.php_version.size();
-	enqueue(std::move(query), bytes);
+	enqueue(std::move(query));
 }
 
-void StoreWriter::enqueue(Item item, size_t bytes)
+size_t StoreWriter::bytes_of(const Item &item)
 {
+	size_t bytes = sizeof(Item);
+	if (auto packet = std::get_if<StoredPacket>(&item)) return bytes + packet->body.size();
+	const auto &query = std::get<StoredQuery>(item);
+	return bytes + query.given.size() + query.application.size() + query.sapi.size() + query.php_version.size();
+}
+
+void StoreWriter::enqueue(Item item)
+{
+	size_t bytes = bytes_of(item);
 	bool first;
 	{
 		std::lock_guard lock(mutex_);
-		if (queued_bytes_ + bytes > most_queued_bytes) {
+		if (held_bytes_ + bytes > most_held_bytes) {
 			dropped_++;
 			return;
 		}
 		first = queue_.empty();
+		if (first) first_arrival_ = Clock::now();
 		queue_.push_back(std::move(item));
-		queued_bytes_ += bytes;
+		held_bytes_ += bytes;
 	}
 	if (first) arrived_.notify_one();
 }
 
-// Fills the batch with what has come; empty after idle_time without anything. False when the thread is to end.
-bool StoreWriter::wait_for_batch(Batch &batch)
-{
-	std::unique_lock lock(mutex_);
-	arrived_.wait_for(lock, idle_time, [this] { return stopping_ || !queue_.empty(); });
-	if (!queue_.empty())
-		arrived_.wait_for(lock, batch_time, [this] { return stopping_ || queued_bytes_ > most_queued_bytes / 4; });
-	batch.clear();
-	std::swap(batch, queue_);
-	queued_bytes_ = 0;
-	lost_ += std::exchange(dropped_, 0);
-	return !stopping_;
-}
-
 void StoreWriter::run()
 {
-	Batch batch;
-	open_when_due();
-	for (bool running = true; running;) {
-		running = wait_for_batch(batch);
-		bool written = open_when_due() && write(batch);
-		if (!written) lost_ += static_cast<int64_t>(batch.size());
-		if (!written || lost_ == 0) continue;
-		lost_log_.message(LogLevel::warning, std::to_string(lost_) + " packets and queries were not stored");
-		lost_ = 0;
+	work(false);
+	while (!stopping_) work(wait_until_due());
+	finish();
+}
+
+// Waits until there is a batch to write, or for a look at the orders; not at all while the bounds want work. True when
+// there is a batch.
+bool StoreWriter::wait_until_due()
+{
+	std::unique_lock lock(mutex_);
+	auto stopping = [this] { return stopping_.load(); };
+	lost_ += std::exchange(dropped_, 0);
+	if (!batch_.empty()) {
+		arrived_.wait_until(lock, retry_at_, stopping);
+		return true;
 	}
+	auto pause = maintaining_ ? 0ms : idle_time;
+	if (!arrived_.wait_for(lock, pause, [&] { return stopping() || !queue_.empty(); })) return false;
+	auto large = [&] { return stopping() || held_bytes_ > most_held_bytes / 4; };
+	auto due = first_arrival_ + batch_time;
+	if (!maintaining_) arrived_.wait_until(lock, due, large);
+	if (!large() && Clock::now() < due) return false;
+	std::swap(batch_, queue_);
+	next_ = 0;
+	return !batch_.empty();
+}
+
+void StoreWriter::work(bool due)
+{
+	if (!open_when_due()) return;
+	try {
+		exchange_orders();
+		if (leave_readers_behind()) return;
+		if (due) write_batch(Clock::time_point::max());
+		maintaining_ = keep_bounds();
+	} catch (const SqliteError &failure) {
+		failed(failure);
+	}
+}
+
+// What is left, as far as the disk takes it.
+void StoreWriter::finish()
+{
+	const auto deadline = Clock::now() + finish_time;
+	auto take_all = [this] {
+		std::lock_guard lock(mutex_);
+		for (Item &item : queue_) batch_.push_back(std::move(item));
+		queue_.clear();
+		lost_ += std::exchange(dropped_, 0);
+	};
+	take_all();
+	try {
+		if (open_when_due()) {
+			exchange_orders();
+			write_batch(deadline);
+		}
+	} catch (const SqliteError &failure) {
+		failed(failure);
+	}
+	lost_ += static_cast<int64_t>(batch_.size() - next_);
+	if (lost_ == 0) return;
+	log_message(LogLevel::warning, std::to_string(lost_) + " packets and queries were not stored before the end");
 }
 
 bool StoreWriter::open_when_due()
@@ -106,42 +153,88 @@ bool StoreWriter::open_when_due()
 	// A store that was moved or deleted under us would go on growing unseen.
 	if (store_ && inode_of(path_) != inode_) store_.reset();
 	if (store_) return true;
-	if (failing_ && monotonic_second() < retry_second_) return false;
+	if (failing_ && Clock::now() < retry_at_ && !stopping_) return false;
 	try {
 		store_ = std::make_unique<Store>(path_, &stopping_);
 		inode_ = inode_of(path_);
 		return true;
 	} catch (const SqliteError &failure) {
-		failed(failure.what());
+		failed(failure);
 		return false;
 	}
 }
 
-bool StoreWriter::write(const Batch &batch)
+// What cannot be written stays in the batch.
+void StoreWriter::write_batch(Clock::time_point deadline)
 {
-	try {
-		exchange_orders();
-		for (auto next = batch.begin(); next != batch.end();) next = write_transaction(next, batch.end());
-		while (store_->maintain({action_bytes_, event_bytes_})) continue;
-		if (std::exchange(failing_, false)) log_message(LogLevel::info, "the store works again");
-		return true;
-	} catch (const SqliteError &failure) {
-		failed(failure.what());
-		return false;
+	const auto begin = Clock::now();
+	if (begin < small_until_) store_->make_room(2 * small_transaction_bytes);
+	while (next_ < batch_.size() && Clock::now() < deadline) {
+		write_transaction();
+		written();
 	}
+	write_time_ = Clock::now() - begin;
+	if (next_ < batch_.size()) return;
+	batch_.clear();
+	next_ = 0;
 }
 
-// Writes items until the transaction is large enough for the log that holds it; returns the first that it left.
-StoreWriter::Batch::const_iterator StoreWriter::write_transaction(Batch::const_iterator next, Batch::const_iterator end)
+// Writes items until the transaction is large enough for the log that holds it.
+void StoreWriter::write_transaction()
 {
+	const size_t most = Clock::now() < small_until_ ? small_transaction_bytes : most_transaction_bytes;
+	size_t next = next_, bytes = 0;
 	store_->begin();
-	for (size_t bytes = 0; next != end && bytes < most_transaction_bytes; ++next) {
-		std::visit([this](const auto &value) { store_->add(value); }, *next);
-		if (auto packet = std::get_if<StoredPacket>(&*next)) bytes += packet->body.size();
+	for (; next < batch_.size() && bytes < most; next++) {
+		std::visit([this](const auto &value) { store_->add(value); }, batch_[next]);
+		bytes += bytes_of(batch_[next]);
 	}
 	store_->limit_tables();
 	store_->commit();
-	return next;
+	next_ = next;
+	std::lock_guard lock(mutex_);
+	held_bytes_ -= bytes;
+}
+
+// Told when something has been written, not when the store could be opened.
+void StoreWriter::written()
+{
+	std::string lost = std::to_string(lost_) + " packets and queries were not stored";
+	if (std::exchange(failing_, false))
+		log_message(LogLevel::info, "the store works again; " + lost + " meanwhile");
+	else if (lost_ > 0)
+		lost_log_.message(LogLevel::warning, lost);
+	lost_ = 0;
+}
+
+// Steps towards the bounds, at least one, and for no longer than writing took: packets come first. True when there is
+// more to do.
+bool StoreWriter::keep_bounds()
+{
+	const auto end = Clock::now() + write_time_;
+	const bool small = Clock::now() < small_until_;
+	write_time_ = {};
+	bool more;
+	do more = store_->maintain({action_bytes_, event_bytes_, log_bytes_}, small);
+	while (more && Clock::now() < end && !stopping_);
+	return more;
+}
+
+// Where a reader stands still on an old state of the store, the log cannot be emptied: the store then goes on in a
+// copy, and the reader keeps the old file for itself. True while nothing is to be written.
+bool StoreWriter::leave_readers_behind()
+{
+	store_->set_log_bytes(log_bytes_);
+	if (!store_->is_pinned() || store_->empty_log()) return false;
+	if (store_->copy_step()) {
+		store_.reset();
+		replace_store_by_copy(path_);
+		log_message(LogLevel::warning,
+			"a command or program has been standing on an old state of the store: it was left behind with it");
+		return !open_when_due();
+	}
+	maintaining_ = true;
+	return store_->log_is_full();
 }
 
 // Orders out of the store to where queries are answered, and news of their start back.
@@ -154,12 +247,19 @@ void StoreWriter::exchange_orders()
 	sessions_.set_open(store_->open_orders(now_ms), monotonic_second(), now_ms);
 }
 
-void StoreWriter::failed(const std::string &what)
+void StoreWriter::failed(const SqliteError &failure)
 {
-	if (!failing_) log_message(LogLevel::error, "the store cannot be written: " + what);
+	if (!failing_) log_message(LogLevel::error, std::string("the store cannot be written: ") + failure.what());
 	failing_ = true;
-	store_.reset();
-	retry_second_ = monotonic_second() + retry_seconds;
+	maintaining_ = false;
+	retry_at_ = Clock::now() + retry_time;
+	const int code = failure.code & 0xff;
+	if (code == SQLITE_FULL) small_until_ = Clock::now() + small_time;
+	// Somebody else's lock, and a full disk, leave the store itself as it was; its room may be needed to make more.
+	if (store_ && (code == SQLITE_BUSY || code == SQLITE_FULL))
+		store_->abandon();
+	else
+		store_.reset();
 }
 
 } // namespace quorbit

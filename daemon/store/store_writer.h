@@ -5,6 +5,7 @@
 #include "store/store.h"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <thread>
@@ -15,12 +16,12 @@ namespace quorbit {
 class StoreWriter {
 public:
 	// Starts the thread, which opens the store; profile orders found there go to `sessions`, which must outlive this
-	// object. A store that cannot be opened or written is logged once and tried again later, packets being lost
-	// meanwhile.
+	// object. A store that cannot be opened or written is logged once and tried again twice a second; what comes
+	// meanwhile waits in the backlog.
 	StoreWriter(std::string path, ProfileSessions &sessions);
-	~StoreWriter(); // writes what is left and ends the thread
+	~StoreWriter(); // writes what can be written within four seconds, and logs how much could not
 
-	// Hands over a packet or query. It is committed within 200 ms; beyond 64 MiB of backlog it is dropped and counted.
+	// Hands over a packet or query. It is committed within 200 ms; beyond 64 MiB that wait it is dropped and counted.
 	void put(StoredPacket packet);
 	void put(StoredQuery query);
 
@@ -28,38 +29,52 @@ public:
 	{
 		action_bytes_ = bounds.action_bytes;
 		event_bytes_ = bounds.event_bytes;
+		log_bytes_ = bounds.log_bytes;
 	}
 
 private:
 	using Item = std::variant<StoredPacket, StoredQuery>;
 	using Batch = std::vector<Item>;
-	void enqueue(Item item, size_t bytes);
+	using Clock = std::chrono::steady_clock;
+	static size_t bytes_of(const Item &item);
+	void enqueue(Item item);
 	void run();
-	bool wait_for_batch(Batch &batch);
-	bool write(const Batch &batch);
-	Batch::const_iterator write_transaction(Batch::const_iterator next, Batch::const_iterator end);
+	bool wait_until_due();
+	void work(bool due);
+	void finish();
+	void write_batch(Clock::time_point deadline);
+	void write_transaction();
+	void written();
+	bool keep_bounds();
+	bool leave_readers_behind();
 	bool open_when_due();
 	void exchange_orders();
-	void failed(const std::string &what);
+	void failed(const SqliteError &failure);
 
 	const std::string path_;
 	ProfileSessions &sessions_;
-	std::atomic<int64_t> action_bytes_ = StoreBounds().action_bytes, event_bytes_ = StoreBounds().event_bytes;
+	std::atomic<int64_t> action_bytes_ = StoreBounds().action_bytes, event_bytes_ = StoreBounds().event_bytes,
+						 log_bytes_ = StoreBounds().log_bytes;
+	std::atomic<bool> stopping_ = false;
 
 	std::mutex mutex_;
 	std::condition_variable arrived_;
 	Batch queue_;
-	size_t queued_bytes_ = 0;
+	Clock::time_point first_arrival_; // of the queue
+	size_t held_bytes_ = 0;           // queue and batch
 	int64_t dropped_ = 0;
-	std::atomic<bool> stopping_ = false;
 
 	// The thread's own.
+	Batch batch_;     // taken from the queue; stays until it is written
+	size_t next_ = 0; // its first item that is not
 	std::unique_ptr<Store> store_;
+	uint64_t inode_ = 0;
 	bool failing_ = false;
+	bool maintaining_ = false; // the bounds want more steps
+	Clock::time_point retry_at_, small_until_;
+	Clock::duration write_time_{};
 	int64_t lost_ = 0;
 	LogLimit lost_log_;
-	int64_t retry_second_ = 0;
-	uint64_t inode_ = 0;
 	std::thread thread_;
 };
 
