@@ -1,5 +1,5 @@
-/* The settings of php.ini: a table of names, defaults and rights, what a change at run time does, and reading one by
- * name. */
+/* The settings of php.ini: a table of names, defaults and rights, what a change at run time does, reading one by name.
+ */
 #include "zqp_text.h"
 #include "zqprof_settings.h"
 
@@ -74,9 +74,12 @@ static constexpr int PERDIR = ZEND_INI_PERDIR;
 static constexpr int ALL = ZEND_INI_ALL;
 static constexpr int SYSTEM = ZEND_INI_SYSTEM;
 
+/* The engine reads up to the empty row. */
 extern const zend_ini_entry zqprof_ini_entries[] = {
-	setting("zqs.agent_enabled", "1", PERDIR), setting("zqs.license_key", "", PERDIR),
-	setting("zqs.error_collector.enabled", "1", PERDIR), setting("zqs.action_tracer.record_sql", "raw", PERDIR),
+	setting("zqs.agent_enabled", "1", PERDIR),
+	setting("zqs.license_key", "", PERDIR),
+	setting("zqs.error_collector.enabled", "1", PERDIR),
+	setting("zqs.action_tracer.record_sql", "raw", PERDIR),
 	setting("zqs.action_tracer.log_sql", "0", PERDIR),
 	setting("zqs.app_name", "PHP Application", ALL, update_zqs_app_name),
 	setting("zqs.action_tracer.enabled", "1", ALL, update_action_tracer_enabled),
@@ -85,10 +88,18 @@ extern const zend_ini_entry zqprof_ini_entries[] = {
 	setting("zqs.action_tracer.slow_sql_threshold", "500", ALL, update_action_tracer_slow_sql_threshold),
 	setting("zqs.action_tracer.explain_enabled", "0", ALL, update_action_tracer_explain_enabled),
 	setting("zqs.action_tracer.explain_threshold", "500", ALL, update_action_tracer_explain_threshold),
-	setting("zqs.prefix", "/usr", SYSTEM), setting("zqs.runtime_root", "/var", SYSTEM),
-	setting("zqs.agent_log_level", "WARNING", SYSTEM), setting("zqs.auto_app_naming", "0", SYSTEM),
-	setting("zqs.host", "", SYSTEM), setting("zqs.port", "", SYSTEM), setting("zqs.ssl", "1", SYSTEM),
-	setting("zqs.audit_mode", "0", SYSTEM), setting("zqs.daemon_log_level", "INFO", SYSTEM),
-	setting("zqs.proxy_host", "", SYSTEM), setting("zqs.proxy_port", "", SYSTEM), setting("zqs.proxy_user", "", SYSTEM),
-	setting("zqs.proxy_password", "", SYSTEM), {}, /* the engine reads up to here */
+	setting("zqs.prefix", "/usr", SYSTEM),
+	setting("zqs.runtime_root", "/var", SYSTEM),
+	setting("zqs.agent_log_level", "WARNING", SYSTEM),
+	setting("zqs.auto_app_naming", "0", SYSTEM),
+	setting("zqs.host", "", SYSTEM),
+	setting("zqs.port", "", SYSTEM),
+	setting("zqs.ssl", "1", SYSTEM),
+	setting("zqs.audit_mode", "0", SYSTEM),
+	setting("zqs.daemon_log_level", "INFO", SYSTEM),
+	setting("zqs.proxy_host", "", SYSTEM),
+	setting("zqs.proxy_port", "", SYSTEM),
+	setting("zqs.proxy_user", "", SYSTEM),
+	setting("zqs.proxy_password", "", SYSTEM),
+	{},
 };
