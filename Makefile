@@ -10,20 +10,29 @@ JOBS ?= $(shell nproc)
 export PYTHONPATH := $(CURDIR)/tests
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all demo test check sanitize bench bench-check fuzz random engine-suite soak install \
+.PHONY: all demo test unit e2e check sanitize bench bench-check fuzz random engine-suite soak install \
         uninstall clean configure test-packages
 
 all: configure
 	@cmake --build build -j$(JOBS)
 
 demo: all
-	@demo/run
+	@demo/demo
 
 # unit tests, plain and under the sanitizers, then the end-to-end tests; random programs and input for a while
-test: check
+test: all test-packages
 	@engine/packages fuzz
-	@cmake --build build -j$(JOBS) --target all unit_tests zqprof_patient zqprof_traced
-	@tests/run
+	@tests/all
+
+# the unit tests alone; T chooses: make unit T='StoreTest.*'
+unit: all test-packages
+	@cmake --build build -j$(JOBS) --target unit_tests
+	@tests/unit/both $(T)
+
+# the end-to-end tests, of the files T and the names that K chooses: make e2e T=test_nosql.py K=redis
+e2e: all test-packages
+	@cmake --build build -j$(JOBS) --target zqprof_patient zqprof_traced
+	@/usr/bin/python3 -m pytest -q $(addprefix tests/e2e/,$(or $(T),.)) $(if $(K),-k '$(K)')
 
 # the unit tests under the address and undefined-behaviour sanitizers, on the plain engine
 check: test-packages configure
@@ -33,12 +42,12 @@ check: test-packages configure
 
 # everything under sanitizers, on engines built for that: a quarter of an hour, and as much again for the engines the first time
 sanitize: all test-packages
-	@tests/sanitize/run
+	@tests/sanitize/sanitize
 
 # what the agent costs (bench/report writes docs/performance.md from such a run); bench-check fails when a call costs more
 # instructions or stack than bench/budget.toml allows
 bench: all
-	@bench/run
+	@bench/all
 
 bench-check: all
 	@bench/instructions.py --check
@@ -47,24 +56,24 @@ bench-check: all
 # random input for the parsers, a minute each; FUZZ_SECONDS changes that
 fuzz: configure
 	@engine/packages fuzz
-	@tests/fuzz/run $(FUZZ_SECONDS)
+	@tests/fuzz/fuzz $(FUZZ_SECONDS)
 
 # random applications with and without the agent; RANDOM_PROGRAMS says how many (500), RANDOM_SEED which (those of the day);
 # RANDOM_ONLY replays one
 random: configure
 	@cmake --build build -j$(JOBS) --target zqprof_traced
-	@tests/random/run.py $(if $(RANDOM_PROGRAMS),--programs $(RANDOM_PROGRAMS)) $(if $(RANDOM_SEED),--seed $(RANDOM_SEED)) \
+	@tests/random/programs.py $(if $(RANDOM_PROGRAMS),--programs $(RANDOM_PROGRAMS)) $(if $(RANDOM_SEED),--seed $(RANDOM_SEED)) \
 		$(if $(RANDOM_ONLY),--only $(RANDOM_ONLY))
 
 # the engine's own test suite with and without the agent, and the differences; SUITE_MODES and SUITE_FOLDERS choose a part,
 # for example SUITE_MODES="off cgi/traced" SUITE_FOLDERS="Zend ext/spl"
 engine-suite: all
-	@tests/engine/run $(if $(SUITE_MODES),--modes "$(SUITE_MODES)") $(SUITE_FOLDERS)
+	@tests/engine/engine-suite $(if $(SUITE_MODES),--modes "$(SUITE_MODES)") $(SUITE_FOLDERS)
 
 # the long runs: graceful reloads, a million requests, forks, Xdebug and opcache; SOAK_REQUESTS and SOAK_RELOADS shorten them
 soak: all test-packages
 	@cmake --build build -j$(JOBS) --target zqprof_patient
-	@tests/soak/run
+	@tests/soak/soak
 
 # These two use what `make` built and build nothing themselves: they run as root, whose cache is another one.
 install uninstall:
@@ -73,9 +82,13 @@ install uninstall:
 clean:
 	@rm -rf build
 
+# A copied or moved checkout brings what CMake remembers of another folder: it is dropped.
 configure:
 	@engine/packages build
 	@engine/find build/engine
+	@for cache in build/CMakeCache.txt build/*/CMakeCache.txt; do \
+		[ ! -f $$cache ] || [ "$$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' $$cache)" -ef . ] || \
+		rm -rf $${cache%Cache.txt}Files $$cache; done
 	@cmake --preset default --log-level=WARNING -DZQ_DAEMON_TIMEOUT_MS="$(ZQ_DAEMON_TIMEOUT_MS)" \
 		-DZQ_TRACER_FLOOR_US="$(ZQ_TRACER_FLOOR_US)" >/dev/null
 

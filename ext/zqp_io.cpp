@@ -18,7 +18,8 @@
 #define ZQ_DAEMON_TIMEOUT_MS 100
 #endif
 
-static const uint64 daemon_timeout_us = ZQ_DAEMON_TIMEOUT_MS * 1000; /* what a stalled daemon may cost a request, per call */
+/* What a stalled daemon may cost a request, per call. */
+static const uint64 daemon_timeout_us = ZQ_DAEMON_TIMEOUT_MS * 1000;
 static const size_t MIB = 1 << 20;
 
 /* ---- framing ----------------------------------------------------------------------------------------------------- */

@@ -1,5 +1,6 @@
 """How the engine gets into its cache: tried with a stand-in source that builds in a moment, fetched by a stand-in npm."""
 import os
+import re
 import signal
 import subprocess
 
@@ -47,6 +48,26 @@ def test_a_failed_build_leaves_nothing_that_passes_for_an_engine(tmp_path, fault
         assert code != 0 and said in output
         assert shop.engines() == [] and not shop.link.exists()
     assert shop.fetches() == 2
+
+
+def test_no_engine_is_built_below_a_path_with_a_space(tmp_path):
+    """PHP's own build does not survive one."""
+    (tmp_path / "a cache").mkdir()
+    code, output = Workshop(tmp_path / "a cache").find()
+    assert code == 1 and "set QUORBIT_CACHE" in output
+
+
+def test_nothing_is_installed_against_the_owners_wish(tmp_path):
+    """What is missing is told with its purpose, and the command that would install it."""
+    shop = Workshop(tmp_path)
+    for name, script in {"dpkg-query": "exit 1", "apt-get": f"touch {tmp_path}/installed"}.items():
+        (tmp_path / "tools" / name).write_text(f"#!/bin/sh\n{script}\n")
+        (tmp_path / "tools" / name).chmod(0o755)
+    run = subprocess.run([shop.scripts / "packages", "build", "bench"], env={**shop.environment, "QUORBIT_INSTALL": "no"},
+                         capture_output=True, text=True, timeout=TIMEOUT_S)
+    assert run.returncode == 1 and not (tmp_path / "installed").exists()
+    assert re.search(r"missing to build the extension.*: make.*\n.*missing to draw .*: python3-matplotlib.*\n.*\n +sudo apt-get install "
+                     r".*libcjson-dev .*python3-matplotlib", run.stderr), run.stderr
 
 
 @pytest.mark.parametrize("number, leftovers", [(signal.SIGTERM, 0), (signal.SIGINT, 0), (signal.SIGKILL, 1)])

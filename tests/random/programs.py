@@ -3,7 +3,7 @@
 a whole packet must come of each. Three ways of being configured and two allocators take turns. A program that differs stays
 in build/random, cut down to what matters.
 
-    tests/random/run.py [--programs N] [--seed TEXT] [--only K]
+    tests/random/programs.py [--programs N] [--seed TEXT] [--only K]
 """
 import argparse
 import os
