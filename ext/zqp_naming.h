@@ -15,8 +15,8 @@ enum zq_name_level {
 
 /* Gives the request its first name: from the rules, the URI or the script. Sets action_name and action_name_level. */
 void init_action_name(TSRMLS_D);
-/* Gives the request another name: `name` is request memory and given away, cut to ZQ_NAME_SIZE bytes; who may replace whose name is the caller's
- * affair. */
+/* Gives the request another name: `name` is request memory and given away, cut to ZQ_NAME_SIZE bytes; who may replace
+ * whose name is the caller's affair. */
 void zq_set_action_name(char *name, int level TSRMLS_DC);
 /* Appends a path: leading "/" dropped, "/" as "%2F", runs of two or more digits as "*"; "index" when nothing remains.
  */

@@ -21,7 +21,7 @@
 struct cJSON;
 
 /* A visitor decides how long a form field is. */
-static const size_t ZQ_NAME_SIZE = 4096;          /* most bytes of an action's name, whoever gives it; the rest is cut off */
+static const size_t ZQ_NAME_SIZE = 4096; /* most bytes of an action's name, whoever gives it; the rest is cut off */
 static const size_t ZQ_CAPTURED_VALUE_SIZE = 256; /* of a request's value, these first bytes take part in a name */
 
 /* Where a parameter comes from; the first three are the rules' own "type" codes. */
@@ -43,8 +43,8 @@ char *get_name_by_rules(const char *rules, const struct zq_naming_request *reque
 char *get_name_by_rule(struct cJSON *rule, const struct zq_naming_request *request);
 /* 1 when a condition object holds: the method, the URL and every parameter condition. */
 int matched(const struct cJSON *match, const struct zq_naming_request *request);
-/* "WebAction/<name>/" and the parts that `split` asks for: URL segments, parameters, method; at most ZQ_NAME_SIZE bytes.
- * free(); null without memory. `split`'s strings are cut up in the course. */
+/* "WebAction/<name>/" and the parts that `split` asks for: URL segments, parameters, method; at most ZQ_NAME_SIZE
+ * bytes. free(); null without memory. `split`'s strings are cut up in the course. */
 char *naming(const char *name, struct cJSON *split, const struct zq_naming_request *request);
 
 #endif

@@ -108,8 +108,8 @@ struct zq_uri_naming {
 	const char *captured; /* the list above, or null */
 };
 
-/* Appends the name that a request has when no rule gives one: "WebAction/URI/..." or "WebAction/PHP/...". The caller cuts
- * it to ZQ_NAME_SIZE. */
+/* Appends the name that a request has when no rule gives one: "WebAction/URI/..." or "WebAction/PHP/...". The caller
+ * cuts it to ZQ_NAME_SIZE. */
 template <typename Buffer, typename Params>
 void zq_append_uri_name(Buffer *name, const zq_uri_naming &naming, Params params)
 {

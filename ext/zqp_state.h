@@ -75,8 +75,8 @@ struct zend_zqprof_globals : zq_app_config { /* whose texts are request copies o
 	HashTable *own_curl_callbacks; /* curl handles that have ours and nothing of the script's, by resource id; request;
 									  may be null */
 	int recorded_limit_logged;
-	zq_page_place rum_page; /* behind what has been written of the page */
-	int rum_header_lines;   /* line ends that are still the headers', when the writer gets them next */
+	zq_page_place rum_page;  /* behind what has been written of the page */
+	int rum_header_lines;    /* line ends that are still the headers', when the writer gets them next */
 	unsigned contexts_apart; /* stream contexts that the agent has made for SOAP clients of this thread */
 	zq_clock clock;
 	uint64 watch_filter[16]; /* names in the two hook tables, as bits: one that is not set needs no lookup */

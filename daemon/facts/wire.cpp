@@ -107,7 +107,7 @@ std::string write_answer(uint64_t stamp, uint64_t agent_stamp, const Settings &s
 	bool framed = true;
 	if (stamp != agent_stamp) {
 		for (const auto &[key, value] : settings)
-			framed = framed && append_record(body, record_setting, key + "=" + value);
+			framed = framed && append_record(body, record_setting, std::string(key).append("=").append(value));
 	}
 	std::string packet;
 	if (!framed || !append_record(packet, record_app_info, body)) {

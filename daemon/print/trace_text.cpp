@@ -207,7 +207,7 @@ private:
 		std::string before(18 + indent_ + 2, ' ');
 		title.resize(8, ' ');
 		for (const std::string &text : texts) {
-			out += before + title + text + "\n";
+			out.append(before).append(title).append(text).append("\n");
 			lines++;
 			title.assign(title.size(), ' ');
 		}
