@@ -34,12 +34,13 @@ def rules():
     return json.dumps(found + [{"name": "Shop", "match": last, "split": {"uri": "1,2,4", "method": True}}])
 
 
-def build_loop():
-    """build/bench/naming_loop, built from the sources that the extension is built from."""
-    target = PROJECT / "build/bench/naming_loop"
+def build(name):
+    """build/bench/NAME, built from the sources that the extension is built from."""
+    target = PROJECT / "build/bench" / name
     target.parent.mkdir(parents=True, exist_ok=True)
     flags = subprocess.check_output(["pkg-config", "--cflags", "--libs", "libcjson"], text=True).split()
-    sources = [PROJECT / "bench/naming_loop.cpp", PROJECT / "ext/zqp_naming_rules.cpp", PROJECT / "ext/zqp_helper_regex.cpp"]
+    sources = [PROJECT / f"bench/{name}.cpp", PROJECT / "ext/zqp_naming_rules.cpp", PROJECT / "ext/zqp_helper_regex.cpp",
+               PROJECT / "ext/zqp_helper_regex_read.cpp"]
     subprocess.check_call(["g++", "-std=c++20", "-O2", f"-I{PROJECT}/ext", *sources, "-o", target, *flags])
     return target
 
@@ -49,7 +50,7 @@ def loop(rounds):
     with tempfile.NamedTemporaryFile("w") as file:
         file.write(rules())
         file.flush()
-        lines = subprocess.check_output([build_loop(), file.name, str(rounds)], text=True).splitlines()
+        lines = subprocess.check_output([build("naming_loop"), file.name, str(rounds)], text=True).splitlines()
     return [median(column) for column in zip(*(map(float, line.split()) for line in lines))]
 
 
@@ -106,6 +107,8 @@ def main():
     print(f"{'us per request':<28}{'without a name':>16}{'no rules':>10}{'bound':>7}{'50 rules':>10}{'bound':>7}")
     print(f"{'the naming alone':<28}{nothing:>16.2f}{none:>10.2f}{NONE_BOUND_US:>7}{ruled:>10.1f}{RULES_BOUND_US:>7}"
           f"  {'ok' if held else 'ABOVE THE BOUND'}", flush=True)
+    print("\nregular expressions at their worst (aim: 5 ms)")
+    print(subprocess.check_output([build("naming_patterns")], text=True), flush=True)
     bare, none, ruled, added = extension(rounds)
     print(f"{'':<28}{'without agent':>16}{'no rules':>10}{'':>7}{'50 rules':>10}{'added by the rules':>21}")
     print(f"{'an empty page, FastCGI':<28}{bare:>16.0f}{none:>10.0f}{'':>7}{ruled:>10.0f}{added:>21.0f}")

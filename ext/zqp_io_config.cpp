@@ -11,6 +11,7 @@
 
 #include "zqp_debug.h"
 #include "zqp_lock.h"
+#include "zqp_naming_rules.h"
 #include "zqp_process_memory.h"
 #include "zqprof_settings.h"
 
@@ -336,8 +337,38 @@ static char *receive_answer(size_t *len TSRMLS_DC)
 	return data;
 }
 
-/* Applies an answer and frees it; 1 when the globals have to follow. */
-static int use_answer(app_cfg_info *rec, char *data, size_t len, uint64 known_stamp, int64_t now)
+/* Tells of a pattern that will not do what its author meant; `context` is how many more may be told of. */
+static void warn_of_pattern(void *context, const char *pattern)
+{
+	size_t len = zq_regex_examined_len(pattern);
+	if (len == ZQ_REGEX_MOST_BYTES || (*(int *)context)-- <= 0) {
+		return;
+	}
+	if (len) {
+		ZQ_LOG(ZQ_LOG_WARNING, "regular expression looks at the first %zu bytes of a text only: %.1024s", len, pattern);
+	} else {
+		ZQ_LOG(ZQ_LOG_WARNING, "regular expression is not used, since it could take long: %.1024s", pattern);
+	}
+}
+
+/* Once for each configuration. */
+static void warn_of_patterns(TSRMLS_D)
+{
+	int left = 20;
+	sigset_t saved;
+	cArray *lines = get_c_array(ZQG(urls_captured), '\n');
+	zq_hold_timers(&saved); /* libc's heap */
+	for (int i = 0; lines && i < lines->length; i++) {
+		warn_of_pattern(&left, lines->items[i]);
+	}
+	zq_each_rule_pattern(ZQG(naming_rules), warn_of_pattern, &left);
+	zq_allow_timers(&saved);
+	free_c_array(lines);
+}
+
+/* Applies an answer and frees it; 1 when the globals have to follow. `*renewed`: with a configuration of a new stamp.
+ */
+static int use_answer(app_cfg_info *rec, char *data, size_t len, uint64 known_stamp, int64_t now, int *renewed)
 {
 	zq_config_answer answer;
 	sigset_t saved;
@@ -347,6 +378,7 @@ static int use_answer(app_cfg_info *rec, char *data, size_t len, uint64 known_st
 	zq_apply_config_answer(rec, &answer, now);
 	zq_unlock(&saved);
 	zq_free_config_answer(&answer);
+	*renewed = answer.renewed;
 	if (answer.renewed) {
 		ZQ_LOG(ZQ_LOG_DEBUG, "update config time=%ld", (long)now);
 	}
@@ -379,7 +411,11 @@ void update_app_info(long tv_sec TSRMLS_DC)
 	}
 	size_t len = 0;
 	char *data = receive_answer(&len TSRMLS_CC);
-	if (data && use_answer(rec, data, len, known_stamp, tv_sec)) {
+	int renewed = 0;
+	if (data && use_answer(rec, data, len, known_stamp, tv_sec, &renewed)) {
 		ini2zqg(rec TSRMLS_CC);
+	}
+	if (renewed && zqprof_ini_log_level >= ZQ_LOG_WARNING) {
+		warn_of_patterns(TSRMLS_C);
 	}
 }

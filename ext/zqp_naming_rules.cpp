@@ -262,3 +262,29 @@ char *get_name_by_rules(const char *rules, const struct zq_naming_request *reque
 	cJSON_Delete(root);
 	return name;
 }
+
+static void visit_patterns(const cJSON *item, void (*visit)(void *context, const char *pattern), void *context)
+{
+	const cJSON *match = NULL, *value = NULL;
+	for (const cJSON *child = item->child; child; child = child->next) {
+		if (child->string && is_type(child, cJSON_Number) && !strcmp(child->string, "match")) {
+			match = child;
+		} else if (child->string && is_type(child, cJSON_String) && !strcmp(child->string, "value")) {
+			value = child;
+		}
+		visit_patterns(child, visit, context);
+	}
+	if (match && value && match->valueint == MATCHES_REGEX) {
+		visit(context, value->valuestring);
+	}
+}
+
+void zq_each_rule_pattern(const char *rules, void (*visit)(void *context, const char *pattern), void *context)
+{
+	const char *end = NULL;
+	cJSON *root = rules ? cJSON_ParseWithOpts(rules, &end, 0) : NULL;
+	if (root) {
+		visit_patterns(root, visit, context);
+		cJSON_Delete(root);
+	}
+}

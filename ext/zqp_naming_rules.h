@@ -41,6 +41,8 @@ struct zq_naming_request {
 char *get_name_by_rules(const char *rules, const struct zq_naming_request *request, const char **invalid_at);
 /* The same for one rule object; its strings may be cut up in the course. */
 char *get_name_by_rule(struct cJSON *rule, const struct zq_naming_request *request);
+/* Gives `visit` each regular expression of the rules, borrowed, in their order; none of text that is no JSON. */
+void zq_each_rule_pattern(const char *rules, void (*visit)(void *context, const char *pattern), void *context);
 /* 1 when a condition object holds: the method, the URL and every parameter condition. */
 int matched(const struct cJSON *match, const struct zq_naming_request *request);
 /* "WebAction/<name>/" and the parts that `split` asks for: URL segments, parameters, method; at most ZQ_NAME_SIZE

@@ -84,14 +84,16 @@ static inline int zq_str_to_int(const char *str)
 }
 
 /* zqp_helper_regex.cpp */
-/* 1 when the C library can take the pattern (extended syntax) safely: at most 1,024 bytes, groups at most 64 deep,
- * nested repeats multiplying to at most 1,000, at most 3,000 atoms and repeats once they are unfolded, 64 of them in an
- * endless repeat of what can be empty, no references back to a group. It crashes, takes gigabytes or runs for seconds
- * on others. */
-int zq_regex_is_bounded(const char *pattern);
-/* 1 when the bounded pattern (extended syntax, ignoring case, "." and brackets without line ends) matches somewhere in
- * the beginning of the subject, 0 otherwise: in its first 2,048 bytes, or fewer for a large pattern with an endless
- * repeat (80 for the largest). "$" never matches at the cut. */
+/* No pattern is held against more bytes of a text. */
+static const size_t ZQ_REGEX_MOST_BYTES = 8192;
+/* How many bytes of a text a pattern is held against, so that no text takes more than milliseconds:
+ * ZQ_REGEX_MOST_BYTES, fewer for a large pattern with many choices. 0 when it is refused: longer than 1,024 bytes,
+ * groups deeper than 64, bounded repeats that multiply to more than 1,000, more than some 6,000 characters and choices
+ * once they are unfolded, a reference back to a group. */
+size_t zq_regex_examined_len(const char *pattern);
+/* 1 when the pattern (POSIX extended syntax and GNU's escapes, by bytes, ignoring the case of ASCII letters, "." and
+ * negated brackets without line ends) matches somewhere in that beginning of the text; else 0, as for a pattern that is
+ * refused or wrong. "$" does not match at the cut. */
 int zq_regex_matches(const char *subject, const char *pattern);
 
 #endif

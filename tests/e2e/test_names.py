@@ -197,3 +197,18 @@ def test_rules_that_are_no_json_are_logged_once(site, rules, invalid_at):
     site.daemon.configure({"zqs.naming.rules": "[]"}, stamp=2)
     site.cgi("echo 1;")
     assert len(site.logged("naming json invalid at: ")) == 1
+
+
+def test_patterns_that_do_not_work_are_told_of_once(site):
+    """One line for each and each configuration, with the pattern; those that only do not compile are the author's affair."""
+    refused, bounded, wrong, long = "a{40}{40}", "(b{1,900})x", "(", "^/(" + "|".join(f"word{i:02}abcd" for i in range(64)) + ")/.*\\.html$"
+    rules = json.dumps([rule("R", 5, refused), rule("P", 0, "", {}, param(1, "a", 5, refused + "x")), rule("W", 5, wrong), rule("L", 1, refused)])
+    settings = {"zqs.urls_captured": "\n".join([wrong, bounded, long]), "zqs.naming.rules": rules}
+    site.daemon.configure(settings)
+    server = site.serve(engines.FastCgi)
+    uri = "/word63abcd/" + "x" * 4000 + ".html"
+    for _ in range(2):
+        assert server.get("", "/index.php", env={"SCRIPT_NAME": uri}).monitored
+    assert [re.sub(r"\d+ bytes", "N bytes", line) for line in site.logged("WARNING: regular expression ")] == [
+        "looks at the first N bytes of a text only: " + bounded, "is not used, since it could take long: " + refused,
+        "is not used, since it could take long: " + refused + "x"]

@@ -1,7 +1,7 @@
 // The daemon's answers, taken apart and moved into a record, against a record that is written to as the bytes come. Two answers
 // follow each other, since what the first left behind is where mistakes of the second show.
 // Input: the length of the first answer in two bytes, then both.
-// sources: ext/zqp_io_answer.cpp ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp tests/fuzz/engine.cpp
+// sources: ext/zqp_io_answer.cpp ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp tests/fuzz/engine.cpp
 #include <map>
 
 #include "require.h"

@@ -1,7 +1,7 @@
 // What comes in with a request or an answer and is cut up by the extension: identity headers, queue stamps, response headers,
 // answer data, lists of names and patterns; against plain descriptions.
 // Input: three lines and the rest, the last first taken as what is cut up.
-// sources: ext/zqp_helper_string.cpp ext/zqp_helper_clock.cpp ext/zqp_helper_regex.cpp ext/zqp_io_metric.cpp tests/fuzz/engine.cpp
+// sources: ext/zqp_helper_string.cpp ext/zqp_helper_clock.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp ext/zqp_io_metric.cpp tests/fuzz/engine.cpp
 #include <climits>
 #include <vector>
 

@@ -1,6 +1,6 @@
 // Naming rules on requests: any text as rules, and rules made of the input whose outcome is known from a plain description.
 // Input: the URL, the method, "name=value&..." and a number, each in a line, then the rules.
-// sources: ext/zqp_naming_rules.cpp ext/zqp_helper_regex.cpp
+// sources: ext/zqp_naming_rules.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp
 // libraries: libcjson
 #include <cJSON.h>
 #include <map>

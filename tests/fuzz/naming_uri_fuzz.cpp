@@ -1,6 +1,6 @@
 // Names made of paths and URLs, against plain descriptions, and the parameters that go into them.
 // Input: the path, the list of captured parameters and "name=value&...", each in a line, then the script's file name.
-// sources: ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp tests/fuzz/engine.cpp
+// sources: ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp tests/fuzz/engine.cpp
 #include <map>
 
 #include "require.h"

@@ -1,6 +1,6 @@
 // Statements: their cleaning, the names they are listed under, and which of them a plan may be asked for, the last against
 // what each database would make of the text.
-// sources: ext/zqp_tracer_sql_name.cpp ext/zqp_wrapper_explain.cpp ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp tests/fuzz/engine.cpp
+// sources: ext/zqp_tracer_sql_name.cpp ext/zqp_wrapper_explain.cpp ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp tests/fuzz/engine.cpp
 #include "require.h"
 #include "zqp_tracer.h"
 #include "zqp_wrapper_database.h"
