@@ -17,11 +17,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The last ten actions of the application ("": of all), then each as it comes; returns when nobody reads any more.
+// The last ten actions of the application ("": of all), then each as it comes; returns when its reader is gone.
 int tail(const DaemonConfig &config, const std::string &application, bool json)
 {
 	auto store = open_reader(config);
-	// No page to fit into: whoever filters the lines looks for whole names.
+	// No page to fit into: programs that filter the lines look for full names.
 	const size_t width = terminal_width() ? output_width() : 130;
 	if (!json) put(tail_header(width));
 	int64_t last = store->last_id();
@@ -33,7 +33,7 @@ int tail(const DaemonConfig &config, const std::string &application, bool json)
 		for (const ActionRow &row : rows) {
 			put(json ? json_text(action_summary(row), false) : tail_line(row, width, wall_clock_ms()));
 		}
-		// Fails when whoever reads us has gone.
+		// Fails when the reader has gone.
 		if (fflush(stdout) != 0) return 1;
 		if (!rows.empty()) last = std::max(last, rows.back().id);
 		std::this_thread::sleep_for(300ms);

@@ -22,7 +22,7 @@ struct DaemonConfig {
 };
 
 // Reads "key=value" lines; keys that the local daemon has no use for (the collector's address, certificates, the proxy)
-// are passed over. Relative paths are resolved against the current folder. Throws std::runtime_error with a message for
+// are skipped. Relative paths are resolved against the current folder. Throws std::runtime_error with a message for
 // the operator when a file name that the daemon needs is missing.
 DaemonConfig parse_daemon_config(std::string_view text);
 

@@ -1,4 +1,4 @@
-// Reading files whole, and telling whose they are.
+// Reading complete files, and telling whose they are.
 #include "base/files.h"
 
 #include <cerrno>

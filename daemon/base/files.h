@@ -6,9 +6,9 @@
 
 namespace quorbit {
 
-// The whole of a file. Throws std::system_error when it cannot be opened, std::runtime_error when it cannot be read, is
+// All of a file. Throws std::system_error when it cannot be opened, std::runtime_error when it cannot be read, is
 // larger than 64 MiB or, where that is asked for, may be another account's doing: see open_trusted(); then it also has
-// to be a plain file of one name that belongs to root or this process's user.
+// to be a regular file with a single name that belongs to root or this process's user.
 std::string read_file(const std::string &path, bool of_root_or_us = false);
 
 // open() in a folder that may be writable for others: it does not wait for a pipe, and follows a link only when the

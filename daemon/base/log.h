@@ -8,7 +8,7 @@ namespace quorbit {
 
 enum class LogLevel { off, critical, error, warning, info, verbose, debug };
 
-// The level of a name, ignoring case; off for an empty one, info for a name that is none.
+// The level of a name, ignoring case; off for an empty one, info for an unknown one.
 LogLevel log_level_by_name(std::string_view name);
 
 // Sets where and what is logged from now on; before it, nothing is. Not thread-safe: called before threads start.
@@ -22,7 +22,7 @@ void log_message(LogLevel level, std::string_view message);
 // Lets through the first few of a kind of message per minute and counts the rest. One thread at a time.
 class LogLimit {
 public:
-	// Logs the message, or counts it; once a minute tells how many were counted.
+	// Logs the message, or counts it; once a minute says how many were counted.
 	void message(LogLevel level, std::string_view text);
 
 private:

@@ -137,7 +137,7 @@ std::vector<std::string> wrap(std::string_view text, size_t width, size_t most)
 		if (lines.size() + 1 == most) break;
 		size_t end = bytes_of(text, width);
 		size_t blank = text.substr(0, end + 1).rfind(' ');
-		// A blank in the first half would leave the line ragged; a long word is broken instead.
+		// A space in the first half would leave the line ragged; a long word is broken instead.
 		bool at_blank = blank != std::string_view::npos && blank > end / 2;
 		lines.emplace_back(text.substr(0, at_blank ? blank : end));
 		text.remove_prefix(at_blank ? blank + 1 : end);
@@ -187,7 +187,7 @@ std::vector<std::string> table_lines(
 	std::vector<std::string> lines;
 	auto line = [&](auto cell_of) {
 		std::string text;
-		size_t pending = 0; // blanks owed before the next cell, so that no line ends in blanks
+		size_t pending = 0; // spaces owed before the next cell, so that no line ends in spaces
 		for (size_t i = 0; i < columns.size(); i++) {
 			std::string cell = cut_middle(cell_of(i), widths[i]);
 			size_t fill = widths[i] - text_width(cell);

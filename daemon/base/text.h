@@ -17,7 +17,7 @@ std::string valid_utf8(std::string_view text);
 // (\n, \x1b, \u202e).
 std::string printable(std::string_view text);
 
-// Columns of the terminal; 0 when standard output is none.
+// Columns of the terminal; 0 when standard output is not a terminal.
 size_t terminal_width();
 
 // Columns that printable text takes (its code points).
@@ -29,7 +29,7 @@ std::string cut(std::string_view text, size_t width);
 // The same, but what is cut is in the middle: names differ at both ends.
 std::string cut_middle(std::string_view text, size_t width);
 
-// Printable text without leading blanks as lines of at most `width` columns, broken at blanks where there are some; an
+// Printable text without leading spaces as lines of at most `width` columns, broken at spaces where there are some; an
 // ellipsis ends what does not fit into `most` lines.
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most);
 
@@ -39,7 +39,7 @@ struct Column {
 	bool shrinks = false; // gives way when the table is too wide
 };
 
-// Rows of printable cells under their titles, two blanks between columns. Where that takes more than `width` columns,
+// Rows of printable cells under their titles, two spaces between columns. Where that takes more than `width` columns,
 // the columns that shrink give way, the widest first; cells are cut in the middle.
 std::vector<std::string> table_lines(
 	const std::vector<Column> &columns, const std::vector<std::vector<std::string>> &rows, size_t width);
@@ -47,7 +47,7 @@ std::vector<std::string> table_lines(
 std::string table(
 	const std::vector<Column> &columns, const std::vector<std::vector<std::string>> &rows, size_t width = SIZE_MAX);
 
-// "37%" of the whole; "-" when there is no whole.
+// "37%" of the total; "-" when the total is 0.
 std::string percent(int64_t part, int64_t whole);
 
 // A duration for people: "9999 ms", "12.3 s", "1234 s".

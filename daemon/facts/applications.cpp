@@ -40,7 +40,7 @@ public:
 		bool indented = text.starts_with(' ') || text.starts_with('\t');
 		std::string_view content = trim(text);
 		if (indented && value_) {
-			// An indented line goes on with the value above it: scripts and naming rules may be written over several
+			// An indented line continues the value above it: scripts and naming rules may be written over several
 			// lines.
 			if (!value_->empty()) *value_ += '\n';
 			*value_ += content;

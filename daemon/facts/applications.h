@@ -14,7 +14,7 @@ struct Applications {
 	std::vector<std::string> problems;                     // for the log: "line 3: ..."
 };
 
-// Reads the file's text. A line that cannot be understood becomes a problem and is passed over.
+// Reads the file's text. A line that cannot be understood becomes a problem and is skipped.
 Applications parse_applications(std::string_view text);
 
 // The settings of one application: the default section, overlaid by its own.

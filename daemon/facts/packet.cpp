@@ -174,7 +174,7 @@ bool read_action_record(const Record &record, Action &action)
 	}
 }
 
-// The next blank-separated word off the front of `line`.
+// Takes the next space-separated word off the front of `line`.
 std::string_view take_word(std::string_view &line)
 {
 	size_t blank = line.find(' ');

@@ -1,4 +1,4 @@
-// One action, decoded whole from its metric packet; and the events of a thread profile.
+// One action, decoded in full from its metric packet; and the events of a thread profile.
 #pragma once
 
 #include "facts/wire.h"
@@ -73,7 +73,7 @@ struct Action {
 
 	// The response status: from the details, else from the error; 0 for a command-line run.
 	int64_t status() const;
-	// What is left of the duration without database, caches and outgoing calls; never negative.
+	// The duration less database, caches and outgoing calls; never negative.
 	int64_t code_ms() const;
 };
 

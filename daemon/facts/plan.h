@@ -8,14 +8,14 @@
 
 namespace quorbit {
 
-// In plain words, what the plan proves and everybody looks for: tables that are read row by row. "" when it proves
+// In plain words, which tables the plan proves to be read row by row. "" when it proves
 // none.
 //   MySQL, MariaDB   access type ALL (https://mariadb.com/kb/en/explain/)
 //   PostgreSQL       a node "Seq Scan on" or "Parallel Seq Scan on"
 //   SQLite           a loop of its opcodes over all rows of a table, which nothing leaves early
 std::string plan_finding(const Json &plan);
 
-// The plan as aligned lines of at most `width` columns, without empty columns; after `most` rows one line tells how
+// The plan as aligned lines of at most `width` columns, without empty columns; after `most` rows one line says how
 // many are left out.
 std::vector<std::string> plan_lines(const Json &plan, size_t width, size_t most);
 

@@ -1,4 +1,4 @@
-// Statements told apart by what they do, not by the values they do it with.
+// Statements distinguished by what they do, not by the values they do it with.
 #pragma once
 
 #include <string>

@@ -8,7 +8,7 @@
 
 namespace quorbit {
 
-// The application that an outgoing call reached, as it told of itself.
+// The application that an outgoing call reached, in its own words.
 struct Callee {
 	std::string id, action, tracer_id;
 	int64_t duration_ms = 0;

@@ -76,7 +76,7 @@ public:
 	// The next bytes of the body, no more than are left of it. False when a record overruns it.
 	bool pass(std::string_view bytes);
 
-	// Whether nothing has begun that is not whole; asked when the whole body was passed.
+	// Whether no record is left incomplete; asked when all of the body was passed.
 	bool at_end() const { return header_bytes_ == 0; }
 
 private:
@@ -101,8 +101,8 @@ struct Query {
 // Reads the body of a configuration query. Nothing when its records overrun.
 std::optional<Query> read_query(std::string_view body);
 
-// The whole answer packet. The stamp comes first, because a new one makes the agent drop what it had; to an agent that
-// has this stamp already it is all that is sent. Settings that cannot be framed are left out together.
+// The complete answer packet. The stamp comes first, because a new one makes the agent drop what it had; to an agent
+// that has this stamp already it is all that is sent. Settings that cannot be framed are left out together.
 std::string write_answer(uint64_t stamp, uint64_t agent_stamp, const Settings &settings);
 
 } // namespace quorbit

@@ -1,4 +1,4 @@
-// What the command line prints. Every function returns whole text, harmless for a terminal, or JSON that is valid
+// What the command line prints. Every function returns complete text, harmless for a terminal, or JSON that is valid
 // UTF-8.
 #pragma once
 
@@ -40,13 +40,13 @@ std::vector<std::string> called_tracer_ids(const Action &action);
 // How `other` belongs to the action that is shown, which called the applications of these tracer ids.
 RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &called, const StoredAction &other);
 
-// The action in `width` columns: what is repeated is told once with its count, long texts and tables are cut. `full`:
-// nothing is.
+// The action in `width` columns: what is repeated is printed once with its count, long texts and tables are cut.
+// `full`: nothing is.
 std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full);
 // Everything of it as one object, for programs.
 Json action_json(const StoredAction &shown, const std::vector<RelatedAction> &related);
 
-// Statements of one action that differ in their values only.
+// Statements of one action that differ only in their values.
 struct StatementGroup {
 	std::string kind; // the statement without its values
 	int64_t count = 0, total_ms = 0;

@@ -1,4 +1,4 @@
-// One action whole, for people.
+// One action in full, for people.
 #include "print/report.h"
 #include "base/clock.h"
 

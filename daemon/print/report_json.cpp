@@ -1,11 +1,11 @@
-// One action whole, for programs.
+// One action in full, for programs.
 #include "print/report.h"
 
 namespace quorbit {
 
 namespace {
 
-// Beyond this, JSON is handed out as text: whoever reads the output may recurse.
+// Beyond this, JSON is handed out as text: programs that read the output may recurse.
 constexpr size_t most_nesting = 500;
 
 // The agent's JSON as a value; as the text itself when it cannot be that; null for none.

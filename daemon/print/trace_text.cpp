@@ -177,7 +177,7 @@ private:
 		indent_ = 2 * std::min(node.level, most_indent);
 		std::string head =
 			milliseconds_column(node.start_ms) + milliseconds_column(total_ms) + "  " + std::string(indent_, ' ');
-		// Levels that indentation cannot show are told by their number.
+		// Levels that indentation cannot show are shown by their number.
 		if (node.level > most_indent) head += "(" + std::to_string(node.level) + ") ";
 		std::string call = node.cls.empty() ? node.func : node.cls + "::" + node.func;
 		size_t columns = width_ - std::min(width_, head.size() + times.size());
@@ -229,7 +229,7 @@ std::string trace_text(const std::vector<TraceNode> &nodes, size_t width, bool f
 		return out + printer.out;
 	}
 	std::vector<WeighedRun> runs = all_runs(nodes, Shapes(nodes));
-	std::vector<size_t> longest(runs.size()); // a parent still stands before its children
+	std::vector<size_t> longest(runs.size()); // a parent still comes before its children
 	std::iota(longest.begin(), longest.end(), size_t{0});
 	std::stable_sort(
 		longest.begin(), longest.end(), [&](size_t a, size_t b) { return runs[a].weight_ms > runs[b].weight_ms; });

@@ -19,7 +19,7 @@ bool Connection::charge(size_t bytes)
 	return true;
 }
 
-// Whether the header is whole.
+// Whether the header is complete.
 bool Connection::take_header(std::string_view &bytes)
 {
 	size_t count = std::min(header_size - header_bytes_, bytes.size());

@@ -1,4 +1,4 @@
-// One agent's connection: bytes in, whole packets out, and the answer that waits to be taken.
+// One agent's connection: bytes in, complete packets out, and the answer that waits to be taken.
 #pragma once
 
 #include "facts/wire.h"
@@ -7,7 +7,7 @@
 
 namespace quorbit {
 
-// What all connections may hold together of packets not yet whole and answers not yet taken.
+// What all connections together may hold of incomplete packets and answers not yet taken.
 struct BufferBudget {
 	size_t most_bytes;
 	size_t used_bytes = 0;
@@ -24,10 +24,10 @@ public:
 	Connection(const Connection &) = delete;
 	Connection &operator=(const Connection &) = delete;
 
-	// Takes received bytes and calls on_packet(type, body) for every packet that is whole now, with a std::string to
-	// keep, in which records are known to fill the body exactly. What follows the last whole packet is kept. Returns
-	// what is wrong with the bytes or with a packet (on_packet's result), after which the connection is of no more use;
-	// null when nothing is.
+	// Takes received bytes and calls on_packet(type, body) for every packet that is now complete, with a std::string to
+	// keep, in which records are known to fill the body exactly. What follows the last complete packet is kept. Returns
+	// what is wrong with the bytes or with a packet (on_packet's result), after which the connection cannot be used any
+	// more; null when nothing is.
 	template <typename OnPacket>
 	const char *receive(std::string_view bytes, OnPacket on_packet);
 
@@ -56,7 +56,7 @@ private:
 	char header_[header_size];
 	size_t header_bytes_ = 0;
 	uint8_t type_ = 0;
-	size_t length_ = 0;   // of the body, when the header is whole
+	size_t length_ = 0;   // of the body, when the header is complete
 	RecordWalk records_;  // of the body, as far as it has come
 	std::string partial_; // the body, as far as it has come
 	size_t room_ = 0;     // what partial_ takes and is charged for

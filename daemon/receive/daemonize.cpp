@@ -64,7 +64,7 @@ std::string lock_holder(const std::string &path)
 	if (stat(path.c_str(), &status) != 0) return "another process";
 	const std::string inode = ":" + std::to_string(status.st_ino);
 	for (std::string line; std::getline(locks, line);) {
-		// "1: FLOCK  ADVISORY  WRITE 123 08:01:4567 0 EOF"; one that waits has "->" behind the number.
+		// "1: FLOCK  ADVISORY  WRITE 123 08:01:4567 0 EOF"; one that waits has "->" after the number.
 		std::istringstream fields(line);
 		std::string number, kind, advisory, access, process, file;
 		fields >> number >> kind >> advisory >> access >> process >> file;
@@ -89,7 +89,7 @@ int take_lock_or_find_daemon(const DaemonConfig &config)
 		", and nobody answers on " + config.socket_file);
 }
 
-// Written beside and renamed, so that nobody ever reads half a number or follows a link.
+// Written beside and renamed, so that no reader gets half a number or follows a link.
 void write_pid_file(const DaemonConfig &config)
 {
 	std::string fresh = config.fresh_pid_file(), text = std::to_string(getpid()) + "\n";

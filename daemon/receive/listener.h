@@ -8,8 +8,8 @@ namespace quorbit {
 
 class Listener {
 public:
-	// Listens at the path with mode 0666, in place of a socket that nobody serves any more: who may connect is decided
-	// by the folder. Throws std::runtime_error.
+	// Listens at the path with mode 0666, in place of a socket that no daemon serves any more: who may connect is
+	// decided by the folder. Throws std::runtime_error.
 	explicit Listener(std::string path);
 	// Removes the name when it is still this socket's.
 	~Listener();
@@ -19,7 +19,7 @@ public:
 	int descriptor() const { return descriptor_; }
 
 	// Makes sure that agents still find this socket: one whose name was deleted gets it again, under a new descriptor.
-	// False when the name is another's by now, or cannot be had again (the folder is gone).
+	// False when the name belongs to another by now, or cannot be taken again (the folder is gone).
 	bool keep_name();
 
 private:

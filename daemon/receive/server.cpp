@@ -21,7 +21,8 @@ namespace {
 
 constexpr size_t scratch_bytes = size_t{256} << 10;
 constexpr size_t budget_bytes = size_t{256} << 20;
-// An agent sends a packet in one call with a time-out of 100 ms: one that is still not whole after this never will be.
+// An agent sends a packet in one call with a time-out of 100 ms: one that is still incomplete after this never will be
+// complete.
 constexpr int64_t stall_seconds = 10;
 constexpr int sweep_ms = 1000;
 constexpr int keep_seconds = 5; // between looks at the socket's name
@@ -89,7 +90,7 @@ void Server::run()
 	std::array<struct epoll_event, 256> events;
 	writer_.set_bounds(bounds_of(applications_.current()));
 	while (keep_socket()) {
-		// With nobody connected there is nothing that could stall.
+		// With no connection there is nothing that could stall.
 		int timeout_ms = connections_.empty() && accepting_ ? keep_seconds * 1000 : sweep_ms;
 		int count = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), timeout_ms);
 		if (count == -1 && errno != EINTR) throw_errno("epoll_wait");
@@ -108,7 +109,7 @@ void Server::run()
 	}
 }
 
-// A deleted socket would leave a daemon that nobody finds and that keeps every other from starting.
+// A deleted socket would leave a daemon that no agent finds and that keeps every other from starting.
 bool Server::keep_socket()
 {
 	int64_t now = monotonic_second();

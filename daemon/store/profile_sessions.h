@@ -32,7 +32,7 @@ struct ProfileSession {
 class ProfileSessions {
 public:
 	// The orders whose clients wait. Of those that are not among them any more, one that has not started never does,
-	// and one that runs ends now. One that is new here though it runs, because the daemon was started anew, goes on.
+	// and one that runs ends now. One that is new here though it runs, because the daemon was restarted, goes on.
 	void set_open(const std::vector<ProfileOrder> &orders, int64_t now_second, int64_t now_wall_ms);
 
 	// For a process that asks for the configuration of `application`: the monotonic second at which its profile ends,

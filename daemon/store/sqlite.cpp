@@ -12,7 +12,7 @@ Database::Database(const std::string &path, Mode mode) : path_(path)
 	if (code != SQLITE_OK)
 		throw SqliteError(path + ": " + (handle ? sqlite3_errmsg(handle) : sqlite3_errstr(code)), code);
 	sqlite3_busy_timeout(handle, busy_ms);
-	// Whatever a file that somebody else has made holds: no functions of its own, no rewriting of SQLite's tables.
+	// Whatever a file of somebody else holds: no functions of its own, no rewriting of SQLite's tables.
 	sqlite3_db_config(handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
 	sqlite3_db_config(handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
 }

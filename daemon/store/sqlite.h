@@ -1,4 +1,4 @@
-// SQLite with its handles owned: the little that the store needs.
+// SQLite with its handles owned: as much of it as the store needs.
 #pragma once
 
 #include <sqlite3.h>

@@ -38,7 +38,7 @@ constexpr const char *used_pages_sql =
 
 constexpr const char *keep_counter_sql = "UPDATE counter SET value = ?2 WHERE name = ?1";
 
-// The columns are for finding and listing; the packet has the whole texts.
+// The columns are for finding and listing; the packet has the full texts.
 std::string_view column_text(std::string_view text)
 {
 	return text.substr(0, 1024);

@@ -1,5 +1,5 @@
 // The store: one SQLite file (WAL mode) with every metric packet as it came and the columns that tables and sums are
-// made of. The daemon is its only writer, save for profile orders; the command line reads it.
+// made of. The daemon is its only writer, except for profile orders; the command line reads it.
 #pragma once
 
 #include "facts/packet.h"
@@ -38,7 +38,7 @@ struct StoreBounds {
 	int64_t log_bytes = int64_t{64} << 20; // write-ahead log, where it cannot begin anew; twice that is never exceeded
 };
 
-// The writing half. Every function throws SqliteError; after that the object is of no more use.
+// The writing half. Every function throws SqliteError; after that the object cannot be used any more.
 class Store {
 public:
 	// Opens the file, or makes it with mode 0600. One that belongs to neither root nor this process's user is refused.
