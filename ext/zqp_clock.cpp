@@ -20,7 +20,7 @@ static const double FRACTION = (double)((uint64)1 << ZQ_CLOCK_FRACTION_BITS);
 
 /* Both clocks at module start-up. */
 static uint64 started_tick, started_ns;
-/* No thread goes on with the counter once one has seen it run off. */
+/* No thread uses the counter any more once one has seen it drift. */
 static int is_trusted;
 
 static uint64 kernel_ns(void)
@@ -87,7 +87,8 @@ void zq_clock_start(zq_clock *clock)
 
 /* ---- the line ---------------------------------------------------------------------------------------------------- */
 
-/* Distance of a counter value from the line's begin, within its span. A counter that was set back has passed it all. */
+/* Distance of a counter value from the start of the line, within its span. A counter that was set back counts as past
+ * the end. */
 static uint64 ticks_used(const zq_clock *clock, uint64 tick)
 {
 	uint64 ahead = tick - clock->tick, behind = clock->tick - tick;

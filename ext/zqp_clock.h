@@ -1,7 +1,7 @@
 /* The clock behind every figure: microseconds of the kernel's monotonic clock.
  *
  * Each call that is timed reads it twice. Where the kernel itself keeps time by the processor's time-stamp counter, a
- * thread reads that counter and follows the kernel's clock along a straight line, which it lays anew every tenth of a
+ * thread reads that counter and follows the kernel's clock along a straight line, which it fits again every tenth of a
  * second; this takes a few instructions and no call. Everywhere else the kernel is asked each time. */
 #ifndef ZQP_CLOCK_H
 #define ZQP_CLOCK_H
@@ -16,7 +16,7 @@ enum { ZQ_CLOCK_FRACTION_BITS = 40 }; /* of `us_per_tick` */
 
 /* One thread's clock; zero-filled, it asks the kernel for the start of a first line at its first reading. */
 typedef struct zq_clock {
-	uint64 span;        /* ticks behind `tick` for which the line holds; 0: there is none, the kernel is asked */
+	uint64 span;        /* ticks after `tick` for which the line holds; 0: there is none, the kernel is asked */
 	uint64 tick;        /* where the line begins, on the counter */
 	uint64 us;          /* and on the clock; without a line: no reading may be less */
 	uint64 us_per_tick; /* slope of the line, fixed-point; 0: not known yet */
@@ -30,7 +30,7 @@ typedef struct zq_clock {
 void zq_clock_init(void);
 /* A thread's clock before its first reading. */
 void zq_clock_start(zq_clock *clock);
-/* A reading without the line: ends the wait for a first slope, lays the line anew, or asks the kernel alone. */
+/* A reading without the line: ends the wait for a first slope, fits the line again, or asks the kernel alone. */
 uint64 zq_clock_read_kernel(zq_clock *clock);
 /* Takes in that the kernel's clock showed `ns` when the counter showed `tick`, and returns the microseconds to show:
  * never less than what was shown before. Learns the slope over 10 ms first and then over seconds. Changes nothing but
@@ -52,7 +52,7 @@ static inline uint64 zq_clock_on_line(const zq_clock *clock, uint64 tick)
 	return clock->us + ((tick - clock->tick) * clock->us_per_tick >> ZQ_CLOCK_FRACTION_BITS);
 }
 
-/* The clock, for whoever holds the thread's globals. */
+/* The clock, for callers that hold the thread's globals. */
 static inline uint64 zq_clock_us(zq_clock *clock)
 {
 	if (EXPECTED(clock->span)) {
@@ -64,7 +64,7 @@ static inline uint64 zq_clock_us(zq_clock *clock)
 	return zq_clock_read_kernel(clock);
 }
 
-/* The same for everybody else. Microseconds of the monotonic clock; never less than the thread was told before. */
+/* The same for all others. Microseconds of the monotonic clock; never less than the thread has read before. */
 uint64 cycle_timer(void);
 
 #endif

@@ -18,7 +18,7 @@ typedef struct component_hash_element {
 	int exclusive; /* ms */
 } component_hash_element;
 
-/* New zeroed record in a list node (zq_list_new) that owns `name`, whose control characters become blanks; null: none
+/* New zeroed record in a list node (zq_list_new) that owns `name`, whose control characters become spaces; null: none
  * yet. */
 component_element *component_element_alloc(char *name);
 void component_element_dtor(void *ele);      /* frees the name, not the node */

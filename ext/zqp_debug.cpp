@@ -169,7 +169,7 @@ void zq_log_share(void)
 }
 
 /* Text that came from outside must not look like a record of its own, nor command the terminal that shows it: control
- * characters, those of UTF-8 (C2 80 to C2 9F) too, become blanks. A line break at the very end is the message's own. */
+ * characters, those of UTF-8 (C2 80 to C2 9F) too, become spaces. A line break at the end is the message's own. */
 static void blank_control_characters(char *text, size_t len)
 {
 	for (size_t i = 0; i + 1 < len; i++) {

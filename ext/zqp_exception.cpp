@@ -69,7 +69,7 @@ int zq_error_need_report(int type)
 }
 
 /* Class of an exception that nobody caught, copied out of the engine's message; null for any other message, and for an
- * exception without a message of its own, whose class stands in front of other words. */
+ * exception without a message of its own, whose class is followed by other words. */
 static char *uncaught_class(const char *msg)
 {
 	static const char before[] = "Uncaught exception '";

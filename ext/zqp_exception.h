@@ -22,7 +22,7 @@ const char *zq_get_err_type_name(int type);
 int zq_error_need_report(int type);
 
 /* The engine's error callback: records, then calls the previous one with the same arguments. Errors that the agent's
- * own calls raise are dropped, but for fatal ones. */
+ * own calls raise are dropped, except fatal ones. */
 void zq_error_cb(int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);
 /* Before-hook of the script's own error handler; 0. */
 int wrapper_user_error_handler(zend_execute_data *execute_data, char *func TSRMLS_DC);

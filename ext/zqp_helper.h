@@ -94,7 +94,7 @@ static inline size_t zq_most_recorded_bytes(TSRMLS_D)
 /* ---- growing buffers (header only) ------------------------------------------------------------------------------- */
 /* The engine's smart_str, whose macros do not compile as C++. `c` is null until something was appended. Growth is by
  * half the size and at least 128 bytes, so that a 16 MiB packet costs linear time. */
-/* Room for `len` more bytes, which the caller writes behind the text and adds to its length. */
+/* Room for `len` more bytes, which the caller writes after the text and adds to its length. */
 static inline void zq_reserve(smart_str *dest, size_t len)
 {
 	size_t needed = dest->len + len;
@@ -190,7 +190,7 @@ typedef struct cArray {
 } cArray;
 
 /* In place. */
-void zq_str_replace_ln(char *str);     /* characters 1 to 31 become a blank */
+void zq_str_replace_ln(char *str);     /* characters 1 to 31 become a space */
 void zq_str_replace_to_dot(char *str); /* "/" and "\" become "." */
 void zq_obfuscate_sql(char *sql);      /* digits everywhere and quoted text become "?"; no escapes; same length */
 /* Borrowed positions and tails. */
@@ -202,23 +202,23 @@ int get_header_content(const char *header);
 int get_header_status(const char *header);
 /* New transaction id: the time-stamp counter's high and low half as "%x%x", 2 to 16 digits. */
 char *get_new_GUID(void);
-/* Text behind the first `param` up to the next `split` or the end, possibly ""; null when absent. */
+/* Text after the first `param` up to the next `split` or the end, possibly ""; null when absent. */
 char *get_string_param(const char *string, const char *param, char split);
-/* Copy of everything behind the first "|"; null when there is none. */
+/* Copy of everything after the first "|"; null when there is none. */
 char *get_application_and_instance_id(const char *secret_id);
 /* 1 when `parent_secret_id` begins with the part of `cur_secret_id` before its first "|". */
 int is_same_account(const char *cur_secret_id, const char *parent_secret_id);
 /* Non-empty pieces of a copy of `str` cut at `split_char`; null for null or empty input. Freed with free_c_array. */
 cArray *get_c_array(const char *str, char split_char);
 void free_c_array(cArray *array);
-/* Pieces by mode (0 tab/blank/",", 1 "|", 2 ",", 3 blank/"&"/"["/"]", 4 "&"/"?", other: whole), ended by a null
+/* Pieces by mode (0 tab/space/",", 1 "|", 2 ",", 3 space/"&"/"["/"]", 4 "&"/"?", other: all of it), ended by a null
  * pointer; a piece's leading bytes of 128 and above are dropped. Null for null or empty input; free_str_array. */
 char **get_str_array(const char *str, int split_mode);
 void free_str_array(char **array);
 /* 1 when a line of `urls_captured` (extended regular expression, case ignored) matches in `url`. Lines that do not
  * compile, or that would exhaust the C library's compiler, are skipped. */
 int in_urls_captured(const char *url TSRMLS_DC);
-/* Appends a URL path to a name: "/" as "%2F", stop at "?", digit runs behind the third slash as "*". */
+/* Appends a URL path to a name: "/" as "%2F", stop at "?", digit runs after the third slash as "*". */
 void zq_append_web(smart_str *action, const char *str);
 int zq_record_type_to_int(const char *str); /* "raw" 1, "obfuscated" 2, else 0; any case */
 

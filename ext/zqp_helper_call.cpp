@@ -1,6 +1,6 @@
 /* Calling PHP code from inside the engine's hooks, unseen by the script: the callee runs on a frame of its own, as a
  * shutdown function does, so that it meets neither the script's frames and symbol tables nor its handlers and pending
- * exceptions, and leaves nothing of its own behind. */
+ * exceptions, and leaves no trace of its own. */
 #include "zqp_helper.h"
 
 enum { MAX_PARAMS = 8 };

@@ -32,7 +32,7 @@ static ssize_t read_once(const char *path, char *text, size_t size)
 /* Fields of proc(5), which counts from 1; the numbers up to the last that is wanted. */
 enum { NAME = 2, STATE = 3, USER_TICKS = 14, SYSTEM_TICKS = 15, RESIDENT_PAGES = 24, FIELDS };
 
-/* 0, or -1 where a number is missing: at the end of the text, or because blanks in the name have shifted the fields. */
+/* 0, or -1 where a number is missing: at the end of the text, or because spaces in the name have shifted the fields. */
 static int read_fields(const char *at, size_t len, int64_t (&fields)[FIELDS])
 {
 	const char *end = at + len;

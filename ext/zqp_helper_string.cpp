@@ -142,7 +142,7 @@ int is_same_account(const char *cur_secret_id, const char *parent_secret_id)
 /* ---- splitting ----------------------------------------------------------------------------------------------------
  */
 
-/* Ends the piece at `*cursor` and moves the cursor behind its separator; null at the end of the text. Pieces may be
+/* Ends the piece at `*cursor` and moves the cursor past its separator; null at the end of the text. Pieces may be
  * empty. */
 static char *next_piece(char **cursor, const char *separators)
 {

@@ -199,7 +199,7 @@ static bool wait_for_room(int sock, uint64 deadline)
 }
 
 /* The time limit must not leave in the middle of an exchange: the stream would be out of step afterwards. The socket's
- * own time-out would begin anew with every bit that a slow reader takes: the packet as a whole has that time, and as
+ * own time-out would start again with every bit that a slow reader takes: the packet as a whole has that time, and as
  * much again for each MiB, since a busy machine may let a daemon wait more than once for its turn. A daemon that takes
  * nothing has one time-out. */
 ssize_t zq_daemon_send(int sock, const char *data, size_t len)
@@ -227,7 +227,7 @@ ssize_t zq_daemon_recv(int sock, char *data, size_t len)
 	do {
 		n = recv(sock, data + received, len - received, MSG_WAITALL);
 		received += n > 0 ? (size_t)n : 0;
-		/* A signal may cut the wait short; it goes on within the same time. */
+		/* A signal may interrupt the wait, which then continues within the same time. */
 	} while (received < len && (n > 0 || (n == -1 && errno == EINTR)) && cycle_timer() < deadline);
 	zq_allow_timers(&saved_mask);
 	if (received < len && n >= 0) {

@@ -42,11 +42,11 @@ enum zq_record {
 /* ---- zqp_io.cpp: framing, socket, launching the daemon ---- */
 /* Appends a record header of `len` body bytes; the length is the caller's promise. */
 void zq_append_header(smart_str *p, int type, size_t len);
-/* Appends a whole record. */
+/* Appends a complete record. */
 void zq_append_record(smart_str *p, int type, const char *body, size_t len);
 /* Writes header bytes over the first four bytes of a finished packet. */
 void zq_fill_packet_header(smart_str *p, int type);
-/* Records of the daemon's environment and configuration: "item=value"; a null value leaves nothing behind the "=". */
+/* Records of the daemon's environment and configuration: "item=value"; a null value leaves nothing after the "=". */
 void pack_write_env(smart_str *p, const char *item, const char *value);
 void pack_write_config(smart_str *p, const char *item, const char *value);
 
@@ -63,7 +63,7 @@ void zq_daemon_forget_foreign(zend_zqprof_globals *g);
 /* Makes daemon_sock this process's own: drops a descriptor inherited through fork, connects when `connect_now` and
  * there is none. Returns daemon_sock, -1 when not connected. */
 int zq_daemon_socket(int connect_now TSRMLS_DC);
-/* Sends the whole packet, without SIGPIPE, within 100 ms and 100 ms more per MiB; the count that went out, or -1. */
+/* Sends all of the packet, without SIGPIPE, within 100 ms and 100 ms more per MiB; the count that went out, or -1. */
 ssize_t zq_daemon_send(int sock, const char *data, size_t len);
 /* Receives exactly `len` bytes within the socket's time-out; the count that came, or -1. When not all came, errno says
  * why, 0 for the end of the stream. */

@@ -55,7 +55,7 @@ static void take_setting(zq_config_answer *answer, const char *body, size_t len)
 	}
 }
 
-/* A new configuration replaces the old one whole: texts and the profile that came before its stamp go as well. */
+/* A new configuration replaces all of the old one: texts and the profile that came before its stamp go as well. */
 static void take_stamp(zq_config_answer *answer, const char *body, uint64 known_stamp)
 {
 	uint64 stamp;

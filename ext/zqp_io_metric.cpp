@@ -58,7 +58,7 @@ void close_record(smart_str *p, size_t record)
 	p->c[record + 3] = (char)len;
 }
 
-/* Appends the packet's last record so many times more. */
+/* Appends the packet's last record that many times more. */
 void repeat_record(smart_str *p, size_t record, unsigned times)
 {
 	size_t len = p->len - record;

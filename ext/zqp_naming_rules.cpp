@@ -1,4 +1,4 @@
-/* Evaluation of naming rules. JSON and regular expressions are read anew for every request: nothing is kept. */
+/* Evaluation of naming rules. JSON and regular expressions are read for every request: nothing is kept. */
 #include "zqp_naming_rules.h"
 
 #include <cJSON.h>
@@ -100,7 +100,7 @@ int matched(const struct cJSON *condition, const struct zq_naming_request *reque
 
 /* ---- composing the name ---- */
 
-/* Start of the next segment at or behind `at`, with its length; null at the end. */
+/* Start of the next segment at or after `at`, with its length; null at the end. */
 static const char *next_segment(const char *at, size_t *len)
 {
 	at += strspn(at, "/");
@@ -118,7 +118,7 @@ static long count_segments(const char *url)
 	return count;
 }
 
-/* Appends segments `first` to `last`, counted from 1, as far as they exist; `*separator` stands before each. */
+/* Appends segments `first` to `last`, counted from 1, as far as they exist, with `*separator` before each. */
 static void append_segments(FILE *out, const char *url, long first, long last, const char **separator)
 {
 	size_t len;

@@ -27,7 +27,7 @@ static const size_t ZQ_CAPTURED_VALUE_SIZE = 256; /* of a request's value, these
 /* Where a parameter comes from; the first three are the rules' own "type" codes. */
 enum zq_naming_source { ZQ_FROM_QUERY = 1, ZQ_FROM_HEADER = 2, ZQ_FROM_FORM = 3, ZQ_FROM_COOKIE = 4 };
 
-/* The request that is to be named. */
+/* The request to be named. */
 struct zq_naming_request {
 	const char *url;    /* as the client sent it; null: no name */
 	const char *method; /* null: unknown, no rule that asks for a method holds */

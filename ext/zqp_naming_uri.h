@@ -42,7 +42,7 @@ void zq_append_clean_path(Buffer *name, std::string_view path)
 
 /* ---- captured parameters ---- */
 
-/* Takes the next piece off `rest`: what stands between separators, without leading bytes of 128 and above, and not
+/* Takes the next piece off `rest`: what is between separators, without leading bytes of 128 and above, and not
  * empty. False when none is left. */
 static inline bool zq_next_piece(std::string_view *rest, const char *separators, std::string_view *piece)
 {

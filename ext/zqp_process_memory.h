@@ -26,7 +26,7 @@ static inline char *zq_strdup(const char *text)
 	return zq_strndup(text, strlen(text));
 }
 
-/* What was written to a stream; `text`, for free(), has a NUL behind `len` bytes, and is null as long as there are
+/* What was written to a stream; `text`, for free(), has a NUL after `len` bytes, and is null as long as there are
  * none. */
 typedef struct {
 	char *text;

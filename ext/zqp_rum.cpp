@@ -180,7 +180,7 @@ int zq_ub_write(const char *str, unsigned int length TSRMLS_DC)
 }
 
 /* Grows the buffer as the engine does when it appends `len` bytes. 0 when the script's memory limit leaves no room:
- * behind a fatal error the engine discards the page of a request that is beyond it. */
+ * after a fatal error the engine discards the page of a request that is beyond it. */
 static int grow_buffer(php_output_handler *handler, size_t len TSRMLS_DC)
 {
 	php_output_buffer *buffer = &handler->buffer;

@@ -15,7 +15,7 @@ static const char *end_of_search(const char *buf, size_t length)
 	return buf + (length < ZQ_RUM_EXAMINED_BYTES ? length : ZQ_RUM_EXAMINED_BYTES);
 }
 
-/* The next "<" at or behind `at`, or null. */
+/* The next "<" at or after `at`, or null. */
 static const char *next_tag(const char *at, const char *end)
 {
 	return at < end ? (const char *)memchr(at, '<', (size_t)(end - at)) : NULL;

@@ -27,7 +27,7 @@ const char *rum_pos(const char *buf, size_t length, struct zq_page_place *page);
 
 /* The longest that zq_rum_escape writes. */
 static const size_t ZQ_RUM_ESCAPE_SIZE = 6;
-/* Writes one byte of a text as it stands between single quotes in a script: as it is, or "\u00xx" when it could end the
+/* Writes one byte of a text as it goes between single quotes in a script: as it is, or "\u00xx" when it could end the
  * string, the script or the line. Returns the number of bytes written; no NUL. */
 size_t zq_rum_escape(char out[ZQ_RUM_ESCAPE_SIZE], char ch);
 

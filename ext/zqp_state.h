@@ -1,5 +1,5 @@
 /* The state that every other module reads and writes: per thread, and the few facts of the process. Above nothing but
- * the types and the clock, so that whoever needs a field needs no more than this. */
+ * the types and the clock, so that a module that needs a field needs no more than this. */
 #ifndef ZQP_STATE_H
 #define ZQP_STATE_H
 

@@ -18,7 +18,7 @@ static inline char zq_ascii_upper(char ch)
 	return ch >= 'a' && ch <= 'z' ? (char)(ch - ('a' - 'A')) : ch;
 }
 
-/* Below, at or above 0 as the first `len` bytes of `a`, or those up to a common end, sort before, with or behind `b`'s.
+/* Below, at or above 0 as the first `len` bytes of `a`, or those up to a common end, sort before, with or after `b`'s.
  */
 static inline int zq_strncasecmp(const char *a, const char *b, size_t len)
 {
@@ -52,7 +52,7 @@ static inline int zq_equals_ignoring_case(const char *a, const char *b)
 	return a && strlen(a) == strlen(b) && zq_strncasecmp(a, b, strlen(b)) == 0;
 }
 
-/* Just behind the first ".php" of any case, borrowed; null when there is none, or nothing but that. */
+/* Just after the first ".php" of any case, borrowed; null when there is none, or nothing but that. */
 static inline const char *zq_php_pos(const char *string, int length)
 {
 	const int suffix_len = sizeof(".php") - 1;

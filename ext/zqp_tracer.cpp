@@ -69,7 +69,7 @@ void sql_element_dtor(void *ele)
 	}
 }
 
-/* Puts a name with its NUL at `to`, control characters as blanks. */
+/* Puts a name with its NUL at `to`, control characters as spaces. */
 static char *put_name(char *to, const char *name, size_t size)
 {
 	memcpy(to, name, size);

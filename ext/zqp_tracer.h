@@ -4,7 +4,7 @@
 
 #include "zqp_helper.h"
 
-/* One recorded statement; an element of `sqls`, copied by value. Request memory but for `db`. */
+/* One recorded statement; an element of `sqls`, copied by value. Request memory except `db`. */
 typedef struct sql_element {
 	const char *db;  /* static vendor name, never freed; null is written as an empty text */
 	char *statement; /* comments removed */
@@ -12,7 +12,7 @@ typedef struct sql_element {
 	char *explain;   /* JSON, may be null */
 	int metric;      /* ms */
 	/* private */
-	unsigned repeats : 31 = 0;         /* so many more calls like this one followed it at once */
+	unsigned repeats : 31 = 0;         /* that many more calls like this one followed it directly */
 	unsigned text_is_verbatim : 1 = 0; /* cleaning changed nothing of the statement */
 } sql_element;
 
@@ -49,11 +49,11 @@ typedef struct tracer_tree_node {
 	struct tracer_tree_node *last_child; /* appending to a wide node must not walk its children */
 } tracer_tree_node;
 
-/* Zeroed element with copies of the names; `cls` may be null. It lies in a list node and its names behind it, in one
+/* Zeroed element with copies of the names; `cls` may be null. It lies in a list node and its names after it, in one
  * block that is released by giving it to zq_trace_append(). */
 tracer_element *tracer_element_alloc(const char *cls, const char *func);
 void tracer_element_dtor(void *ele); /* frees filename; not data, not the block */
-/* For zend_llist_sort: 1 when f belongs behind s (later start; on equal starts the earlier end; on equal
+/* For zend_llist_sort: 1 when f belongs after s (later start; on equal starts the earlier end; on equal
  * spans the one appended first), else 0. */
 int tracer_element_cmp(const zend_llist_element **f, const zend_llist_element **s TSRMLS_DC);
 /* Logs once per action, at DEBUG, that `what` (plural) has reached its bound. */

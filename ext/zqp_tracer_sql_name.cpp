@@ -17,7 +17,7 @@ struct cleaned_text {
 	int after_blank;
 };
 
-/* White space becomes one blank for each run. */
+/* Each run of white space becomes one space. */
 static void emit(struct cleaned_text *out, char ch)
 {
 	int blank = isSpace(ch);
@@ -27,7 +27,7 @@ static void emit(struct cleaned_text *out, char ch)
 	out->after_blank = blank;
 }
 
-/* Bytes that are looked at together: most statements are words and single blanks. */
+/* Bytes that are looked at together: most statements are words and single spaces. */
 typedef unsigned char chunk __attribute__((vector_size(16)));
 
 /* Bytes before the first that is not zero, in memory's order; 8 when all are. */
@@ -36,8 +36,8 @@ static int leading_zero_bytes(uint64 bytes)
 	return (std::endian::native == std::endian::little ? std::countr_zero(bytes) : std::countl_zero(bytes)) / 8;
 }
 
-/* How many bytes, of a chunk that ends with a NUL or has another byte behind it, come before white space other than a
- * single blank, or what may begin or end a quote or comment. */
+/* How many bytes, of a chunk that ends with a NUL or is followed by another byte, come before white space other than a
+ * single space, or what may begin or end a quote or comment. */
 static size_t plain_bytes(const char *at)
 {
 	chunk here, next;
@@ -50,8 +50,8 @@ static size_t plain_bytes(const char *at)
 	return (size_t)(halves[0] ? leading_zero_bytes(halves[0]) : 8 + leading_zero_bytes(halves[1]));
 }
 
-/* Copies from `at` what needs no cleaning, and returns the position behind it. The bytes up to `end` are known to be
- * there, and room for as many. */
+/* Copies from `at` what needs no cleaning, and returns the position after it. The bytes up to `end` are known to be
+ * there, as is room for that many. */
 static const char *copy_plain(struct cleaned_text *out, const char *at, const char *end)
 {
 	size_t plain = sizeof(chunk);
@@ -68,8 +68,8 @@ static const char *copy_plain(struct cleaned_text *out, const char *at, const ch
 	return at;
 }
 
-/* Position behind the comment that starts at `at`, which is `at` when none does. A line's comment ends before its line
- * feed; a block comment's closing "/" is any one behind a "*", the opening one included. */
+/* Position after the comment that starts at `at`, which is `at` when none does. A line's comment ends before its line
+ * feed; a block comment's closing "/" is any one after a "*", the opening one included. */
 static const char *skip_comment(const char *at)
 {
 	if (at[0] == '-' && at[1] == '-') {

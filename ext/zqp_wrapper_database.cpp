@@ -289,7 +289,7 @@ static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 b
 
 int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
 {
-	zq_lift_memory_limit(TSRMLS_C); /* a failed statement is copied whole, and drivers quote it */
+	zq_lift_memory_limit(TSRMLS_C); /* a failed statement is copied in full, and drivers quote it */
 	int taken = record_statement(api, call, begin, end TSRMLS_CC);
 	zq_restore_memory_limit(TSRMLS_C);
 	return taken;
@@ -335,7 +335,7 @@ int performance_mysqli_prepare_method(zq_stack_data *call, uint64, uint64 TSRMLS
 
 const char *zq_pdo_vendor(const char *dsn)
 {
-	/* The first row whose letter begins the name and whose driver stands anywhere in it, as in "uri:" names. */
+	/* The first row whose letter begins the name and whose driver is anywhere in it, as in "uri:" names. */
 	static const struct {
 		char first;
 		const char *driver;

@@ -85,7 +85,7 @@ static inline zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call
  * null when there is no plan. Runs a second statement, so only one that is alone in its text and that plans cannot
  * change is sent. */
 char *zq_explain(const zq_sql_api *api, zq_stack_data *call, const char *statement TSRMLS_DC);
-/* 1 when no ";" but a last one stands outside quotes and comments, whichever database reads them. Text that databases
+/* 1 when no ";" except a last one is outside quotes and comments, whichever database reads them. Text that databases
  * read differently (escapes, "#", "[", nested comments, dollar quotes) counts as two statements when it has a ";". */
 int zq_is_single_statement(const char *statement);
 /* 1 when every database answers EXPLAIN in front of it with a plan. A refused EXPLAIN ends a PostgreSQL transaction. */

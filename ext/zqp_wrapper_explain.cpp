@@ -16,7 +16,7 @@ static int is_blank(char ch)
 	return ch == ' ' || (ch >= '\t' && ch <= '\r');
 }
 
-/* Behind the quoted text that starts at `at`; null when it does not end, or databases disagree on where. */
+/* After the quoted text that starts at `at`; null when it does not end, or databases disagree on where. */
 static const char *skip_quoted(const char *at, const char *end)
 {
 	char quote = *at;
@@ -57,7 +57,7 @@ static const char *skip_comment(const char *at, const char *end)
 	return NULL;
 }
 
-/* The next position behind whatever starts at `at`; null for a second statement, or what may hide one. */
+/* The next position after whatever starts at `at`; null for a second statement, or what may hide one. */
 static const char *skip_token(const char *at, const char *end)
 {
 	if ((at[0] == '-' && at[1] == '-') || (at[0] == '/' && at[1] == '*')) {

@@ -36,7 +36,8 @@ int performance_zend_http_client_request(zq_stack_data *stack_data, uint64 btsc,
 
 /* ---- zqp_wrapper_thrift.cpp ---- */
 /* What the protocol classes tell of a client's call: its host, the method that it belongs to, the place for the
- * identity, the callee's data among what is skipped. None asks for a component or stands for a trace element: all 0. */
+ * identity, the callee's data among what is skipped. None asks for a component or takes a trace element's place: all 0.
+ */
 int wrapper_thrift_transport_construct(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int wrapper_thrift_protocol_writemessagebegin(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int wrapper_thrift_protocol_writefieldstop(zend_execute_data *execute_data, char *func TSRMLS_DC);
@@ -51,7 +52,7 @@ int performance_thrift_custom_function(zq_stack_data *stack_data, uint64 btsc, u
 int wrapper_websocket_connect(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int performance_websocket_connect(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
 int performance_websocket_senddata(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
-/* Around the handshake's fwrite: the identity goes out, and the script is told the length of what it wrote itself. */
+/* Around the handshake's fwrite: the identity goes out, and the script gets the length of what it wrote itself. */
 void wrapper_fwrite(zq_stack_data *stack_data TSRMLS_DC);
 int performance_fwrite(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC); /* 0 */
 int performance_fread(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);  /* keeps the answer's data; 0 */

@@ -43,7 +43,7 @@ struct literal {
 	consteval literal(const char (&from)[N]) { std::copy_n(from, N, text); }
 };
 
-/* The first argument is the whole name. */
+/* The first argument is the full name. */
 template <literal prefix>
 int frozen_action(zend_execute_data *execute_data, char *TSRMLS_DC)
 {

@@ -147,7 +147,7 @@ void wrapper_curl_setopt_array(zq_stack_data *stack_data TSRMLS_DC)
 }
 
 /* While an exception of one transfer's callback waits, curl cannot call ours, and would end the other transfers for
- * that. Answers to transfers in parallel are not told apart anyway. */
+ * that. Answers to transfers in parallel cannot be told apart anyway. */
 void wrapper_curl_multi_add_handle(zq_stack_data *stack_data TSRMLS_DC)
 {
 	zval *handle = get_argument_zval(stack_data->execute_data, 1);
@@ -159,7 +159,7 @@ void wrapper_curl_multi_add_handle(zq_stack_data *stack_data TSRMLS_DC)
 }
 
 /* curl itself walks the script's array to its end and turns its elements into strings, and the script can see both. So
- * the call is left to do that to the very array that it was given, and a longer list replaces it afterwards. */
+ * the call is left to do that to the array that it was given, and a longer list replaces it afterwards. */
 int performance_curl_setopt(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
 {
 	zval *handle = get_argument_zval(stack_data->execute_data, 0);

@@ -10,7 +10,7 @@
 enum { ZQ_ANSWER_HEADER_LEN = sizeof ZQ_ANSWER_HEADER - 1, ZQ_SHORTEST_ANSWER = 21 };
 
 /* ---- zqp_wrapper_headers.cpp: the identity, and curl ---- */
-/* Appends "<id>;c=1;x=<transaction id>", control characters as blanks. To be called while zq_identity_is_set(). */
+/* Appends "<id>;c=1;x=<transaction id>", control characters as spaces. To be called while zq_identity_is_set(). */
 void zq_append_identity(smart_str *dest TSRMLS_DC);
 /* "X-Vantor-Id: " and the identity, without a line end; a new heap value with one reference. */
 zval *zq_identity_header(TSRMLS_D);

@@ -13,7 +13,7 @@ int record_url(zq_stack_data *stack_data, const char *url, const char *answer, u
 	return url && *url && EXTERNAL_SERVICE(stack_data, url, answer, 0, NULL, btsc, ctsc TSRMLS_CC);
 }
 
-/* For a function that is given the whole URL. */
+/* For a function that is given the full URL. */
 int record_url_argument(zq_stack_data *stack_data, int arg_seq, uint64 btsc, uint64 ctsc TSRMLS_DC)
 {
 	return record_url(stack_data, get_argument_char(stack_data->execute_data, arg_seq), NULL, btsc, ctsc TSRMLS_CC);

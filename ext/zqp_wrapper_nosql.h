@@ -13,7 +13,7 @@ int performance_mongo_collection(
 int performance_mongo_script(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC); /* under the database's text */
 int performance_mongo_manager(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC); /* under its first argument */
 
-/* Predis names the commands that it is told to run; whichever of its entry points runs first has them watched. */
+/* Predis names the commands that it is given; whichever of its entry points runs first has them watched. */
 int wrapper_predis_autoloader_register(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int performance_predis_client_call(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
 /* Yii 2 passes on the command as the application spelt it; it is kept so. */

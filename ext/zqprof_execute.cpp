@@ -89,7 +89,7 @@ static inline bool is_function_call(const zend_execute_data *caller)
 	return caller->function_state.function->common.function_name != NULL;
 }
 
-/* Nesting of user functions. A call that the engine makes on its own (shutdown function, output handler) starts anew:
+/* Nesting of user functions. A call that the engine makes on its own (shutdown function, output handler) starts again:
  * an exit may have left the frames, and the level, of the main script as they were. */
 static inline int enter_level(zend_zqprof_globals *g, zend_execute_data *caller)
 {
@@ -344,7 +344,7 @@ static zend_never_inline void after_trampoline(
 }
 
 /* `__call`, `__callStatic` and `Closure::__invoke` come as temporary functions that are freed inside their own handler:
- * a slow one enters the trace behind a stub. */
+ * a slow one enters the trace under a stub. */
 static zend_never_inline void run_trampoline(
 	zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {

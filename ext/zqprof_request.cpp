@@ -95,7 +95,7 @@ static void clear_request_fields(zend_zqprof_globals *g)
 	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
 }
 
-/* A script on the command line is its own name, which no rule may replace. 1: the run goes on being monitored. */
+/* A script on the command line is its own name, which no rule may replace. 1: the run stays monitored. */
 static int accept_command_line(const char *script TSRMLS_DC)
 {
 	if (!script) {
@@ -239,7 +239,7 @@ static void read_caller(const char *identity TSRMLS_DC)
 			efree(value);
 			value = NULL;
 		}
-		zq_str_replace_ln(value); /* goes on into headers of calls and of the answer */
+		zq_str_replace_ln(value); /* goes into headers of calls and of the answer */
 		*field = value;
 	}
 }
