@@ -143,7 +143,7 @@ def test_a_daemon_that_accepts_nobody_costs_one_time_out_per_connect(site):
 
 @pytest.mark.parametrize("behaviour, through, blocked", [("ignore", None, 1), ("read", Slow, 3)], ids=["not at all", "slowly"])
 def test_a_daemon_that_does_not_read_costs_a_bounded_time(site, behaviour, through, blocked):
-    """2.3 MiB, at 64 KiB per 15 ms half a second: 100 ms for each step, and for all of them 100 ms more per whole MiB."""
+    """2.3 MiB, at 64 KiB per 15 ms half a second: 100 ms for each step, and for all of them 100 ms more per full MiB."""
     site.daemon.after_answer, site.daemon.through = behaviour, through
     form = "&".join(f"p{i}=" + "x" * 4000 for i in range(600)).encode()
     held_up(site, blocked, "echo count($_POST);", method="POST", body=form, ini={"max_input_vars": "1000"}, settings=PARAMS)

@@ -49,7 +49,7 @@ def call(site):
 
 @pytest.fixture
 def call_client(call):
-    """The same, all bytes of a run as one; what a client makes up anew per call left out."""
+    """The same, all bytes of a run as one; what a client makes up for each call left out."""
     def run(code, expected, **options):
         callee, *facts = expected.split(", ")
         result, *requests = call(code, SOAP_ANSWER if "soap" in callee.lower() else None, **options)
@@ -180,7 +180,7 @@ HOSTILE = {
 @pytest.mark.parametrize("client", ["curl", "file_get_contents"])
 @pytest.mark.parametrize("case", HOSTILE)
 def test_hostile_answer_headers(call, case, client):
-    """Packet and trace stay well-formed, which the fake daemon checks; the answer comes whole and in pieces."""
+    """Packet and trace stay well-formed, which the fake daemon checks; the answer comes at once and in pieces."""
     lines, callee_id, traced = HOSTILE[case]
     if client == "file_get_contents" and case in ("long", "nothing in it"):
         callee_id, traced = None, False     # PHP drops lines of more than 1 KiB; without its line end the other is too short

@@ -46,7 +46,7 @@ def test_daemon_dies_at_any_byte(site):
     for allowance in [1, 3, 4, 5, 40, 120, 250, 300, 350, 400, *range(500, total, total // 24), total - 1, total]:
         site.daemon.forget()
         Mortal.allowance = allowance
-        # without the whole answer nothing is monitored; behind it the packet may find a way by a connection of its own
+        # without the complete answer nothing is monitored; after it the packet may find a way by a connection of its own
         assert len(compare(site).metrics) <= (allowance >= 500)
 
 
@@ -97,7 +97,7 @@ def test_log_cannot_be_written(site, fault):
 
 
 def test_extension_before_it_does_not_start(site, doubles):
-    """The engine then starts none of those behind it, but begins and ends their requests all the same."""
+    """The engine then starts none of those after it, but begins and ends their requests all the same."""
     code = """echo 'page'; ob_start(); phpinfo(INFO_MODULES); ob_end_clean();
         foreach (array('vantor_start_webaction', 'vantor_end_webaction', 'vantor_notice_error', 'zqprof_rshutdowncall',
                        'zqprof_headercall', 'zqprof_curl_header') as $name)

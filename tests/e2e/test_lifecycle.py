@@ -10,7 +10,7 @@ def silent(_):
 
 @pytest.mark.parametrize("kind, count", [("event", 5), ("worker", 3), ("fpm", 20)])
 def test_reloads_under_load_lose_no_answer_and_no_packet(kind, count):
-    """The parent starts the module anew each time, children end with it: nothing of that shows, and descriptors stay. (A child
+    """The parent starts the module again each time, children end with it: nothing of that shows, and descriptors stay. (A child
     of FPM that is told to end just when it has taken a connection closes it unread, seldom.)"""
     figures = scenarios.reloads(kind, count, silent)
     assert figures["reloads"] == count and not figures["packets of requests not answered"], figures

@@ -168,7 +168,7 @@ HOSTILE = "/" + "a" * 2000 + "/%22%27;!"
 
 @pytest.mark.parametrize("kind", BAD_RULES)
 def test_bad_rules_name_nothing_and_cost_little(site, kind):
-    """No crash, no name; a good rule behind them is tried."""
+    """No crash, no name; a good rule after them is tried."""
     bad = BAD_RULES[kind] if isinstance(BAD_RULES[kind], bytes) else BAD_RULES[kind].encode()
     expected = [(bad, "WebAction/URI/" + HOSTILE[1:].replace("/", "%2F").replace("22", "*").replace("27", "*"))]
     if bad.startswith(b"["):

@@ -42,7 +42,7 @@ def test_pages(site, code, place):
 
 
 def test_tags_in_two_pieces(site):
-    """Cut anywhere: a tag that is cut itself is not found, whole ones are."""
+    """Cut anywhere: a tag that is cut itself is not found, complete ones are."""
     configure(site)
     server = site.serve(BuiltIn)
     page = "<x><HTML\n a=b><head></head><title></TITLE></html>"

@@ -1,4 +1,4 @@
-"""Many requests, many processes, many threads: every stream of bytes belongs to one of them and is whole."""
+"""Many requests, many processes, many threads: every stream of bytes belongs to one of them and is complete."""
 import pytest
 
 from support import wire
@@ -29,7 +29,7 @@ def test_requests_of_one_process_share_a_connection(site, kind):
 
 
 def test_one_request_leaves_nothing_to_the_next(site):
-    """Names, parameters, components and vendors are those of the request itself, also behind an exit or a fatal error."""
+    """Names, parameters, components and vendors are those of the request itself, also after an exit or a fatal error."""
     site.daemon.configure({"zqs.capture_params": "1"})
     server = site.serve(FastCgi, {"pdo.dsn.alias": "sqlite::memory:"})     # a name that tells no vendor
     server.get("new PDO('sqlite::memory:'); function one() { usleep(2000); exit; } one();", "/one.php?a=1")

@@ -22,7 +22,7 @@ def test_scripts_run_as_without_the_agent(site, name):
     ("named_closures", r"NULL/Shop\\{closure} Shop\\C/pay", r"::Shop\{closure} Shop\C::pay ::call_user_func"),
     ("generators", "NULL/f", "::f"),                       # a generator's time is its consumer's
     ("exception", "NULL/a", "::a ::b ::c"),
-    ("after_exit", "NULL/down NULL/out", "::down ::out"),  # everything begins anew; what the exit left is not counted
+    ("after_exit", "NULL/down NULL/out", "::down ::out"),  # everything begins again; what the exit left is not counted
 ])
 def test_calls_are_timed_under_their_names(site, name, components, traced):
     metric = site.cgi(program(f"timed/{name}.php"), settings=TRACED).metric

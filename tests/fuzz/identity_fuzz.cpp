@@ -63,7 +63,7 @@ void check_headers(const CText &given)
 	REQUIRE(get_header_status(given) == 0 || strcasestr(given, "http/1."));
 }
 
-// The value between the next two quotes behind the name and one more character.
+// The value between the next two quotes after the name and one more character.
 void check_item(const CText &data, const CText &name)
 {
 	std::string text = data.str();

@@ -5,8 +5,8 @@ from pathlib import Path
 
 HERE = Path(__file__).parent
 TOKEN = re.compile(r"<(?:(new|my|any):)?([a-z_]+)>")
-DEEPEST = 14           # so many entries inside one another, then only first ones
-LARGEST = 900          # so many entries in a program, then only first ones
+DEEPEST = 14           # that many entries inside one another, then only first ones
+LARGEST = 900          # that many entries in a program, then only first ones
 NAMES = {"function": ["plain"], "class": ["Base"], "generator": ["series"], "file": ["none.php"]}
 WHOLE = {"program", "file", "statements", "declarations", "ending"}    # however large a program is by then
 SECTION, ENTRY, MORE = re.compile(r"\[([a-z_]+)\]"), re.compile(r"(\d+)\| (.*)"), re.compile(r" \| (.*)")

@@ -27,7 +27,7 @@ from support.peers import Peer, http_answer, read_http
 KEPT = PROJECT / "build/random"
 TIMEOUT_S = 60
 AT_FAULT = 99             # valgrind's exit status then
-CUT_DOWN = 3              # so many of the programs that differ
+CUT_DOWN = 3              # that many of the programs that differ
 MOST_UNDEFINED = 0.02     # of the programs
 EXPECTED_PACKETS = 0.95   # of the programs: a busy machine may read a packet too late
 

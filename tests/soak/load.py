@@ -1,4 +1,4 @@
-"""Load from one thread: so many lanes, each with one request under way, and every answer compared with what it must be.
+"""Load from one thread: a number of lanes, each with one request under way, and every answer compared with what it must be.
 
 A lane speaks HTTP, over a connection that it keeps or over one for each request, or FastCGI."""
 import re

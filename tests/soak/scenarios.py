@@ -44,7 +44,7 @@ class Run:
         return [n for n, answered in enumerate(self.load.answered) if answered and not self.sink.seen[n]]
 
     def check(self):
-        """Every answer right, and one whole packet for each, but for those that the agent's log says were lost."""
+        """Every answer right, and one complete packet for each, except those that the agent's log says were lost."""
         said, late = (self.site.log().count(line) for line in (LOST_PACKET, LATE_ANSWER))
         deadline = time.monotonic() + 30                  # a packet may leave after its answer
         while len(self.missing()) > said and time.monotonic() < deadline:

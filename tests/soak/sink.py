@@ -25,7 +25,7 @@ class Connection:
         self.pid, _, _ = struct.unpack("3i", sock.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12))
 
     def packets(self):
-        """The whole packets that have come in."""
+        """The complete packets that have come in."""
         while len(self.data) >= 4:
             end = 4 + int.from_bytes(self.data[1:4], "big")
             if len(self.data) < end:

@@ -56,7 +56,7 @@ class Engine : public ::testing::Environment {
 		php_embed_module.ini_entries = settings.data();
 		ASSERT_EQ(php_module_startup(&php_embed_module, get_module(), 1), SUCCESS);
 		SG(options) |= SAPI_OPTION_NO_CHDIR;
-		g_cli = 1; /* no web request is behind the tests' ones */
+		g_cli = 1; /* no web request stands behind those of the tests */
 	}
 
 	void TearDown() override

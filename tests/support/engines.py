@@ -105,7 +105,7 @@ def web_environment(script, uri, method="GET", body=b"", headers=None):
 
 
 def replace(path, text):
-    """A file that is whole at any time: engines that start just now have it mapped, and would die of a shorter one."""
+    """A file that is complete at any time: engines that start just now have it mapped, and would die of a shorter one."""
     fresh = path.with_suffix(f".{threading.get_ident()}")
     fresh.write_text(text)
     return fresh.replace(path)
@@ -169,7 +169,7 @@ class Site:
         return path.read_text(errors="replace") if path.exists() else ""
 
     def logged(self, text):
-        """What stands behind this text in each line of the log that has it."""
+        """What follows this text in each line of the log that has it."""
         return [line.partition(text)[2] for line in self.log().splitlines() if text in line]
 
     def run(self, argv, env=None, stdin=b"", web=False, timeout=120):

@@ -15,7 +15,7 @@ def asked_by(frames):
 
 
 def faults(report):
-    """What is ours: every invalid access, and the leaks that the agent asked for. `exit` leaves blocks of the engine behind."""
+    """What is ours: every invalid access, and the leaks that the agent asked for. `exit` leaves blocks of the engine unfreed."""
     found = []
     for error in xml.parse(report).getroot().iter("error"):
         frames = error.find("stack").findall("frame")

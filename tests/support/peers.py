@@ -36,7 +36,7 @@ class Peer:
         self.listener.close()
 
     def take(self):
-        """The requests so far; the next ones are counted anew."""
+        """The requests so far; the next ones are counted from 0."""
         found, self.requests = self.requests, []
         return found
 

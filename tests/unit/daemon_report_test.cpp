@@ -104,7 +104,7 @@ TEST(Trace, AcceptsWhatAgentsReallyWrite) {
       {"\\ud83d\\ude00", "\U0001F600"},
       {"\\ud83d x \\ude00", "\uFFFD x \uFFFD"},  // a callee's broken halves
       {"\xff", "\uFFFD"},
-      {"\\\\\" ", ""},  // the string ends before the blank: no trace
+      {"\\\\\" ", ""},  // the string ends before the space: no trace
   };
   for (const auto& row : rows) {
     auto nodes = read_trace(trace_with("\"sql\":\"" + row.in_json + "\""));
@@ -162,7 +162,7 @@ TEST(ActionPage, FitsIntoItsColumnsAndEscapesEverything) {
     std::string page = action_text(shown, {}, 100, full);
     for (size_t at = 0; at < page.size(); at = page.find('\n', at) + 1) {
       std::string line = page.substr(at, page.find('\n', at) - at);
-      EXPECT_TRUE(at == 0 || text_width(line) <= 100) << line;  // the title has the whole name
+      EXPECT_TRUE(at == 0 || text_width(line) <= 100) << line;  // the title has the full name
       EXPECT_EQ(printable(line), line);
     }
   }

@@ -87,7 +87,7 @@ TEST(Stamps, ChangeWithEverySettingAndOnlyWithThem) {
   };
   std::set<uint64_t> seen = {0};  // which is no stamp
   for (const Settings& settings : rows) EXPECT_TRUE(seen.insert(stamp_of(settings)).second) << testing::PrintToString(settings);
-  // Another application's settings, comments and order are no reason for agents to take theirs anew.
+  // Another application's settings, comments and order are no reason for agents to take theirs again.
   Applications before = parse_applications("[A]\nx=1\ny=2\n"), after = parse_applications("[B]\nx=3\n[A]\n# c\ny=2\nx=1\n");
   EXPECT_EQ(stamp_of(settings_of(before, "A")), stamp_of(settings_of(after, "A")));
 }
@@ -125,7 +125,7 @@ TEST(ProfileSessions, EndWithTheirClients) {
   EXPECT_EQ(sessions.end_second("Shop", 10, 1009, 9), 1002) << "the same: its settings have not changed again";
   EXPECT_FALSE(sessions.end_second("Shop", 10, 1031, 9)) << "nobody can be profiling any more";
   EXPECT_FALSE(sessions.end_second("Idle", 10, 1004, 8)) << "its client was gone before anybody asked";
-  // The daemon was started anew ten seconds into a profile.
+  // The daemon was restarted ten seconds into a profile.
   sessions.set_open({{4, "Back", 30, 50000, 7}}, 2000, 60000);
   EXPECT_EQ(sessions.end_second("Back", 10, 2000, 60000), 2020);
   EXPECT_EQ(sessions.take_started().size(), 2u) << "those for Shop: of what had been started before the store knows";

@@ -1,4 +1,4 @@
-/* Which statements may be sent once more behind EXPLAIN, whose database a data source names, and which calls repeat the
+/* Which statements may be sent once more after EXPLAIN, whose database a data source names, and which calls repeat the
  * one before. */
 #include "engine_fixture.h"
 #include "zqp_tracer.h"

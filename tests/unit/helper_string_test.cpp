@@ -170,6 +170,6 @@ TEST_F(HelperString, ReadsSettings)
 TEST_F(HelperString, ComparesByAsciiAndHashesSignedBytes)
 {
 	EXPECT_LT(zq_strncasecmp("a", "\xc3", 1), 0);
-	EXPECT_EQ(zq_strncasecmp("a\0x", "A\0y", 3), 0); /* like the C library's: nothing behind the end */
+	EXPECT_EQ(zq_strncasecmp("a\0x", "A\0y", 3), 0); /* like the C library's: nothing after the end */
 	EXPECT_EQ(zq_name_hash("\xff"), (uint64)(5381u * 33) ^ ~(uint64)0);
 }
