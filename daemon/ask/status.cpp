@@ -30,6 +30,7 @@ int status(const DaemonConfig &config)
 	auto has_sent = [](const ApplicationRow &row) { return row.packets > 0; };
 	bool received = std::any_of(applications.begin(), applications.end(), has_sent);
 	put("\n" + status_text(applications, wall_clock_ms()));
+	if (has_store(config)) put(dropped_text(open_reader(config)->dropped({wall_clock_ms() - 86400000}, "")));
 	if (!received) put(nothing_received_text(config));
 	return answers ? 0 : 1;
 }

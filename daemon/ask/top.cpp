@@ -24,7 +24,10 @@ CommandRun add_top(CLI::App &command)
 	command.add_option("--app", options->question.filter.application, "only this application");
 	return [options](const DaemonConfig &config) {
 		options->question.filter.range.from_ms = wall_clock_ms() - *parse_seconds(options->since) * 1000;
-		put(top_text(open_reader(config)->sums(options->question), output_width()));
+		auto store = open_reader(config);
+		const ActionFilter &filter = options->question.filter;
+		put(top_text(store->sums(options->question), output_width()));
+		put(dropped_text(store->dropped(filter.range, filter.application)));
 		return 0;
 	};
 }

@@ -170,6 +170,7 @@ bool read_action_record(const Record &record, Action &action)
 	case record_tracer_id: action.tracer_id = record.body; return true;
 	case record_detail: return read_pair(record.body, action.details);
 	case record_parameter: return read_pair(record.body, action.parameters);
+	case record_left_out: return read_left_out(record.body, action.left_out);
 	default: return false;
 	}
 }

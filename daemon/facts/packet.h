@@ -1,7 +1,7 @@
 // One action, decoded in full from its metric packet; and the events of a thread profile.
 #pragma once
 
-#include "facts/wire.h"
+#include "facts/share.h"
 
 namespace quorbit {
 
@@ -69,6 +69,7 @@ struct Action {
 	std::string trace; // JSON, or ""
 	std::string transaction_id, tracer_id;
 	std::vector<NameValue> details, parameters;
+	LeftOut left_out; // of what came, because it was too much to keep
 	std::vector<UnknownRecord> unknown; // of an unknown type, or of a form that this version cannot read
 
 	// The response status: from the details, else from the error; 0 for a command-line run.

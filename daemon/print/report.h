@@ -72,6 +72,8 @@ std::string top_text(const std::vector<SumRow> &sums, size_t width);
 
 // --- state (report_status.cpp)
 
+// What was not stored, or not in full: a line for each application and reason; "" when nothing is missing.
+std::string dropped_text(const std::vector<DroppedRow> &rows);
 // Per application its last query and packet, its PHP and the settings given; "" when there is none.
 std::string status_text(const std::vector<ApplicationRow> &applications, int64_t now_wall_ms);
 // What to look at when nothing has been received, judged from the files as they are.

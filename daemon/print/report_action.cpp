@@ -184,6 +184,13 @@ void print_rest(const Action &action, Page &page)
 	for (const NameValue &detail : details) page.entry(detail.name, detail.value);
 	if (!action.parameters.empty()) page.section("Parameters");
 	for (const NameValue &parameter : action.parameters) page.entry(parameter.name, parameter.value);
+	if (action.left_out.bytes > 0) page.section("Not stored");
+	const std::pair<const char *, int64_t> left_out[] = {{"parameters", action.left_out.parameters},
+		{"texts", action.left_out.texts}, {"statements", action.left_out.statements}, {"calls", action.left_out.calls},
+		{"traces", action.left_out.traces}, {"bytes", action.left_out.bytes}};
+	for (const auto &[what, count] : left_out) {
+		if (count > 0) page.entry(what, std::to_string(count));
+	}
 	if (!action.unknown.empty()) page.section("Records unknown to this version");
 	for (const UnknownRecord &record : action.unknown) {
 		std::string size = std::to_string(record.body.size()) + " bytes: ";

@@ -122,6 +122,10 @@ Json action_json(const StoredAction &shown, const std::vector<RelatedAction> &re
 	value["trace"] = embedded(action.trace);
 	value["details"] = pairs_json(action.details);
 	value["parameters"] = pairs_json(action.parameters);
+	const LeftOut &left_out = action.left_out;
+	value["left_out"] = {{"parameters", left_out.parameters}, {"texts", left_out.texts},
+		{"statements", left_out.statements}, {"calls", left_out.calls}, {"traces", left_out.traces},
+		{"bytes", left_out.bytes}};
 	value["unknown"] = unknown_json(action);
 	value["related"] = related_json(related);
 	return value;

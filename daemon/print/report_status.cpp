@@ -25,6 +25,16 @@ bool exists(const std::string &path)
 
 } // namespace
 
+std::string dropped_text(const std::vector<DroppedRow> &rows)
+{
+	std::string out = rows.empty() ? "" : "Missing:\n";
+	for (const DroppedRow &row : rows) {
+		const std::string name = row.application.empty() ? "(no name)" : printable(row.application);
+		out += "  " + std::to_string(row.count) + " packets of " + name + ": " + printable(row.reason) + "\n";
+	}
+	return out;
+}
+
 std::string status_text(const std::vector<ApplicationRow> &applications, int64_t now_wall_ms)
 {
 	std::string out;

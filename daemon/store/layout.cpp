@@ -66,9 +66,15 @@ ALTER TABLE profile_order ADD COLUMN closed_ms INTEGER;
 UPDATE profile_order SET ended_ms = ordered_ms, closed_ms = ordered_ms;
 )sql";
 
+constexpr const char *what_was_dropped = R"sql(
+CREATE TABLE dropped (minute_ms INTEGER, application TEXT, reason TEXT, count INTEGER NOT NULL,
+  PRIMARY KEY (minute_ms, application, reason)) WITHOUT ROWID;
+)sql";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
+	{3, what_was_dropped},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

@@ -92,6 +92,12 @@ struct ApplicationRow {
 	int64_t packet_ms = 0, packet_process = 0, packets = 0;
 };
 
+// Packets of an application that were not stored, or not in full, and why (store/store_writer.h).
+struct DroppedRow {
+	std::string application, reason;
+	int64_t count = 0;
+};
+
 // --- who answers
 
 // Every function throws std::runtime_error with a message for the operator when the store cannot be read.
@@ -118,6 +124,9 @@ public:
 		const RelatedQuestion &question, const std::function<void(const StoredAction &)> &on_action) = 0;
 
 	virtual std::vector<SumRow> sums(const SumQuestion &question) = 0;
+
+	// What was not stored of what came in that time, by application and reason, most first; `application` "" for all.
+	virtual std::vector<DroppedRow> dropped(const TimeRange &range, const std::string &application) = 0;
 
 	// By name.
 	virtual std::vector<ApplicationRow> applications() = 0;

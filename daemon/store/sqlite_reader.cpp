@@ -122,6 +122,18 @@ public:
 		return sums.sorted();
 	}
 
+	std::vector<DroppedRow> dropped(const TimeRange &range, const std::string &application) override
+	{
+		Unstopped reading;
+		Statement select(store_.current(),
+			"SELECT application, reason, sum(count) FROM dropped WHERE minute_ms > ?1 - 60000 AND minute_ms < ?2 "
+			"AND (?3 = '' OR application = ?3) GROUP BY application, reason ORDER BY sum(count) DESC");
+		select.bind(1, range.from_ms).bind(2, range.until_ms).bind(3, application);
+		std::vector<DroppedRow> rows;
+		while (select.step()) rows.push_back({select.text(0), select.text(1), select.integer(2)});
+		return rows;
+	}
+
 	std::vector<ApplicationRow> applications() override
 	{
 		Unstopped reading;

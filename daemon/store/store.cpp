@@ -2,6 +2,7 @@
 #include "store/store.h"
 
 #include "base/files.h"
+#include "facts/share.h"
 #include "store/layout.h"
 
 #include <cerrno>
@@ -35,6 +36,10 @@ DELETE FROM application WHERE name IN (SELECT name FROM application ORDER BY see
 
 constexpr const char *used_pages_sql =
 	"SELECT (SELECT page_count FROM pragma_page_count) - (SELECT freelist_count FROM pragma_freelist_count)";
+
+constexpr const char *dropped_sql = R"sql(
+INSERT INTO dropped VALUES (?1, ?2, ?3, ?4)
+  ON CONFLICT (minute_ms, application, reason) DO UPDATE SET count = count + ?4)sql";
 
 constexpr const char *keep_counter_sql = "UPDATE counter SET value = ?2 WHERE name = ?1";
 
@@ -77,6 +82,7 @@ Store::Store(const std::string &path, const std::atomic<bool> *stopping)
 	  keep_applications_(database_, keep_applications_sql),
 	  used_pages_(database_, used_pages_sql),
 	  keep_counter_(database_, keep_counter_sql),
+	  drop_(database_, dropped_sql),
 	  action_ids_(database_, "action"),
 	  event_ids_(database_, "profile_event"),
 	  page_size_(database_.integer("PRAGMA page_size")),
@@ -119,7 +125,9 @@ void Store::add(const StoredPacket &packet)
 
 void Store::add_action(const StoredPacket &packet)
 {
-	auto action = read_action(packet.body);
+	const auto cut = within_share(packet.body, PacketShare());
+	const std::string &body = cut ? *cut : packet.body;
+	auto action = read_action(body);
 	if (!action) return;
 	std::string_view application = column_text(action->application);
 	insert_action_.bind(1, packet.received_ms)
@@ -134,7 +142,7 @@ void Store::add_action(const StoredPacket &packet)
 	insert_action_.bind(11, int64_t{action->error.has_value()});
 	if (!action->transaction_id.empty()) insert_action_.bind(12, column_text(action->transaction_id));
 	if (!action->tracer_id.empty()) insert_action_.bind(13, column_text(action->tracer_id));
-	insert_action_.bind_blob(14, packet.body).bind(15, action_ids_.next()).run();
+	insert_action_.bind_blob(14, body).bind(15, action_ids_.next()).run();
 	packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
 }
 
@@ -152,6 +160,11 @@ void Store::add(const StoredQuery &query)
 {
 	query_seen_.bind(1, column_text(query.application)).bind(2, query.received_ms).bind(3, query.process);
 	query_seen_.bind(4, column_text(query.sapi)).bind(5, column_text(query.php_version)).bind(6, query.given).run();
+}
+
+void Store::add_dropped(const std::string &application, const char *reason, int64_t count, int64_t now_wall_ms)
+{
+	drop_.bind(1, now_wall_ms / 60000 * 60000).bind(2, column_text(application)).bind(3, reason).bind(4, count).run();
 }
 
 bool Store::changed_by_others()

@@ -55,6 +55,8 @@ public:
 
 	void add(const StoredPacket &packet);
 	void add(const StoredQuery &query);
+	// Adds to what was not stored of an application, in this minute and for this reason.
+	void add_dropped(const std::string &application, const char *reason, int64_t count, int64_t now_wall_ms);
 
 	// One step of at most about 20 ms towards the bounds, as a transaction of its own: events that have been printed
 	// go, then the oldest events and actions beyond their bounds, then free pages beyond a quarter of the store go back
@@ -117,7 +119,8 @@ private:
 		int64_t last_, kept_;
 	};
 	Opened database_;
-	Statement insert_action_, insert_event_, packet_seen_, query_seen_, keep_applications_, used_pages_, keep_counter_;
+	Statement insert_action_, insert_event_, packet_seen_, query_seen_, keep_applications_, used_pages_, keep_counter_,
+		drop_;
 	Ids action_ids_, event_ids_;
 	int64_t page_size_;
 	int64_t data_version_ = -1;

@@ -74,6 +74,7 @@ bool Store::maintain(const StoreBounds &bounds, bool small)
 void Store::limit_tables()
 {
 	keep_applications_.run();
+	database_.execute("DELETE FROM dropped WHERE minute_ms < (SELECT max(minute_ms) FROM dropped) - 3 * 86400000");
 	database_.execute(
 		"DELETE FROM profile_order WHERE closed_ms IS NOT NULL AND id <= (SELECT max(id) FROM profile_order) - 100");
 }

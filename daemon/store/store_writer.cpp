@@ -3,6 +3,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "facts/share.h"
 
 #include <sys/stat.h>
 #include <utility>
@@ -16,8 +17,9 @@ using namespace std::chrono_literals;
 constexpr size_t most_held_bytes = size_t{64} << 20;
 constexpr size_t most_transaction_bytes = size_t{8} << 20;
 constexpr size_t small_transaction_bytes = size_t{256} << 10; // on a full disk: what the write-ahead log has room for
-constexpr auto batch_time = 100ms;                            // what is waited for company before a commit
-constexpr auto idle_time = 250ms; // between looks at the profile orders, which end within a second
+constexpr size_t most_dropped_keys = 1000;
+constexpr auto batch_time = 100ms; // what is waited for company before a commit
+constexpr auto idle_time = 250ms;  // between looks at the profile orders, which end within a second
 constexpr auto retry_time = 500ms;
 constexpr auto small_time = 10s; // after the disk was full
 constexpr auto finish_time = 4s;
@@ -48,6 +50,17 @@ StoreWriter::~StoreWriter()
 
 void StoreWriter::put(StoredPacket packet)
 {
+	bool crowded;
+	{
+		std::lock_guard lock(mutex_);
+		crowded = held_bytes_ > most_held_bytes / 2;
+	}
+	if (crowded && packet.type == record_metric) {
+		if (auto head = within_share(packet.body, head_share)) {
+			packet.body = std::move(*head);
+			count_dropped(application_of(packet.body), dropped_to_head);
+		}
+	}
 	enqueue(std::move(packet));
 }
 
@@ -72,6 +85,8 @@ void StoreWriter::enqueue(Item item)
 		std::lock_guard lock(mutex_);
 		if (held_bytes_ + bytes > most_held_bytes) {
 			dropped_++;
+			auto packet = std::get_if<StoredPacket>(&item);
+			if (packet) add_dropped(application_of(packet->body), dropped_backlog_full, 1);
 			return;
 		}
 		first = queue_.empty();
@@ -80,6 +95,30 @@ void StoreWriter::enqueue(Item item)
 		held_bytes_ += bytes;
 	}
 	if (first) arrived_.notify_one();
+}
+
+void StoreWriter::count_dropped(std::string_view application, const char *reason, int64_t count)
+{
+	std::lock_guard lock(mutex_);
+	add_dropped(application, reason, count);
+}
+
+// The mutex is held.
+void StoreWriter::add_dropped(std::string_view application, const char *reason, int64_t count)
+{
+	// Names come from requests: a flood of them is counted in one.
+	if (dropped_by_.size() >= most_dropped_keys) application = "(others)";
+	dropped_by_[{std::string(application), reason}] += count;
+}
+
+void StoreWriter::write_dropped()
+{
+	decltype(dropped_by_) dropped;
+	{
+		std::lock_guard lock(mutex_);
+		std::swap(dropped, dropped_by_);
+	}
+	for (const auto &[key, count] : dropped) store_->add_dropped(key.first, key.second, count, wall_clock_ms());
 }
 
 void StoreWriter::run()
@@ -189,6 +228,7 @@ void StoreWriter::write_transaction()
 		std::visit([this](const auto &value) { store_->add(value); }, batch_[next]);
 		bytes += bytes_of(batch_[next]);
 	}
+	write_dropped();
 	store_->limit_tables();
 	store_->commit();
 	next_ = next;

@@ -7,11 +7,16 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <thread>
 #include <variant>
 
 namespace quorbit {
+
+// Why a packet was not stored, or not in full: kept in the store with the application and the minute.
+constexpr const char *dropped_backlog_full = "backlog full";
+constexpr const char *dropped_to_head = "overload: stored without trace and texts";
 
 class StoreWriter {
 public:
@@ -21,9 +26,13 @@ public:
 	StoreWriter(std::string path, ProfileSessions &sessions);
 	~StoreWriter(); // writes what can be written within four seconds, and logs how much could not
 
-	// Hands over a packet or query. It is committed within 200 ms; beyond 64 MiB that wait it is dropped and counted.
+	// Hands over a packet or query. It is committed within 200 ms. Once 32 MiB wait, an action is cut to what its sums
+	// are made of; beyond 64 MiB it is dropped. Both are counted.
 	void put(StoredPacket packet);
 	void put(StoredQuery query);
+
+	// Counts packets of an application that came to nothing, or were cut, for one of the reasons above. Any thread.
+	void count_dropped(std::string_view application, const char *reason, int64_t count = 1);
 
 	void set_bounds(const StoreBounds &bounds)
 	{
@@ -38,6 +47,7 @@ private:
 	using Clock = std::chrono::steady_clock;
 	static size_t bytes_of(const Item &item);
 	void enqueue(Item item);
+	void add_dropped(std::string_view application, const char *reason, int64_t count);
 	void run();
 	bool wait_until_due();
 	void work(bool due);
@@ -45,6 +55,7 @@ private:
 	void write_batch(Clock::time_point deadline);
 	void write_transaction();
 	void written();
+	void write_dropped();
 	bool keep_bounds();
 	bool leave_readers_behind();
 	bool open_when_due();
@@ -60,9 +71,10 @@ private:
 	std::mutex mutex_;
 	std::condition_variable arrived_;
 	Batch queue_;
-	Clock::time_point first_arrival_; // of the queue
-	size_t held_bytes_ = 0;           // queue and batch
-	int64_t dropped_ = 0;
+	Clock::time_point first_arrival_;                                    // of the queue
+	size_t held_bytes_ = 0;                                              // queue and batch
+	int64_t dropped_ = 0;                                                // packets and queries that nobody can get back
+	std::map<std::pair<std::string, const char *>, int64_t> dropped_by_; // what the store is still to be told
 
 	// The thread's own.
 	Batch batch_;     // taken from the queue; stays until it is written

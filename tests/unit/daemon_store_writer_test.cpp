@@ -85,6 +85,26 @@ TEST_F(WriterTest, LosesNothingWhileAnotherProgramHoldsTheWriteLock) {
   EXPECT_TRUE(becomes_true([&] { return stored("Shop") == put; })) << stored("Shop") << " of " << put;
 }
 
+TEST_F(WriterTest, UnderOverloadTextsGoBeforeActionsAndWhatWentIsCounted) {
+  StoreWriter writer(path_, sessions_);
+  writer.put(metric("Before"));
+  ASSERT_TRUE(becomes_true([&] { return stored("Before") == 1; }));
+  Database other(path_, Database::Mode::read_write);
+  other.execute("BEGIN IMMEDIATE");
+  constexpr int put = 5000;
+  for (int i = 0; i < put; i++) writer.put(metric("Shop", 20000));  // 100 MB, of which 64 MiB may wait
+  writer.count_dropped("Api", "told by the receiver", 3);
+  other.execute("ROLLBACK");
+  EXPECT_TRUE(becomes_true([&] { return stored("Shop") == put; })) << stored("Shop");
+  auto dropped = open_sqlite_reader(path_)->dropped({}, "");
+  ASSERT_EQ(dropped.size(), 2u);
+  EXPECT_EQ(dropped[0].application + ": " + dropped[0].reason, std::string("Shop: ") + dropped_to_head);
+  EXPECT_GT(dropped[0].count, put / 2);
+  EXPECT_LT(dropped[0].count, put * 3 / 4);
+  EXPECT_EQ(dropped[1].application + ": " + dropped[1].reason, "Api: told by the receiver");
+  EXPECT_EQ(dropped[1].count, 3);
+}
+
 TEST_F(WriterTest, LeavesAReaderBehindThatStandsStill) {
   constexpr uintmax_t bound = 2 << 20;
   StoreWriter writer(path_, sessions_);

@@ -1,0 +1,208 @@
+// Cutting a packet to its share.
+#include "facts/share.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace quorbit {
+
+namespace {
+
+constexpr size_t most_error_bytes = 16384;
+
+// In the order in which they go.
+enum class Class { parameter, text, statement, call, sum };
+
+Class class_of(const Record &record)
+{
+	switch (record.type) {
+	case record_parameter: return Class::parameter;
+	case record_detail: return record.body.starts_with("httpStatus: ") ? Class::sum : Class::text;
+	case record_service_error: return Class::text;
+	case record_sql: return Class::statement;
+	case record_service:
+	case record_component: return Class::call;
+	case record_application_name:
+	case record_account_key:
+	case record_action_name:
+	case record_uri:
+	case record_cpu_ticks:
+	case record_system_cpu_ticks:
+	case record_block_ms:
+	case record_duration_ms:
+	case record_database_ms:
+	case record_cache_total:
+	case record_external_ms:
+	case record_transaction_id:
+	case record_tracer_id:
+	case record_error:
+	case record_trace: return Class::sum;
+	default: return Class::text;
+	}
+}
+
+// One "<length>:<bytes>" item off the front; the whole of it with its length.
+std::string_view take_item(std::string_view &body)
+{
+	size_t length = 0, colon = body.find(':');
+	for (char c : body.substr(0, std::min(colon, size_t{9}))) {
+		if (c < '0' || c > '9') return {};
+		length = 10 * length + static_cast<size_t>(c - '0');
+	}
+	if (colon == std::string_view::npos || colon > 8 || length > body.size() - colon - 1) return {};
+	std::string_view item = body.substr(0, colon + 1 + length);
+	body.remove_prefix(item.size());
+	return item;
+}
+
+// Duration, vendor and text: what a statement is without stack and plan.
+std::string_view bare_statement(std::string_view body)
+{
+	std::string_view rest = body;
+	for (int i = 0; i < 3; i++) {
+		if (take_item(rest).empty()) return body;
+	}
+	return body.substr(0, body.size() - rest.size());
+}
+
+long duration_of(std::string_view statement)
+{
+	std::string_view item = take_item(statement);
+	return item.empty() ? 0 : atol(std::string(item.substr(item.find(':') + 1)).c_str());
+}
+
+class Cutter {
+public:
+	Cutter(std::vector<Record> records, const PacketShare &share) : records_(std::move(records)), share_(share)
+	{
+		for (const Record &record : records_) {
+			if (record.type != record_trace) bytes_ += header_size + record.body.size();
+		}
+	}
+
+	std::string cut()
+	{
+		for (Record &record : records_) {
+			if (record.type == record_trace && record.body.size() > share_.most_trace_bytes) {
+				shorten(record, {});
+				left_out_.traces++;
+			}
+			size_t most_error = share_.most_bytes ? most_error_bytes : error_without_stack(record.body);
+			if (record.type == record_error && record.body.size() > most_error) {
+				shorten(record, record.body.substr(0, most_error));
+				left_out_.texts++;
+			}
+		}
+		drop(Class::parameter, left_out_.parameters);
+		drop(Class::text, left_out_.texts);
+		for (Record *record : of_class(Class::statement)) {
+			std::string_view bare = bare_statement(record->body);
+			if (bytes_ <= share_.most_bytes) break;
+			if (bare.size() == record->body.size()) continue;
+			shorten(*record, bare);
+			left_out_.texts++;
+		}
+		drop(Class::statement, left_out_.statements);
+		drop(Class::call, left_out_.calls);
+		return text();
+	}
+
+private:
+	static size_t error_without_stack(std::string_view body)
+	{
+		size_t end = 0;
+		for (int line = 0; line < 4 && end != std::string_view::npos; line++) end = body.find('\n', line ? end + 1 : 0);
+		return std::min({end == std::string_view::npos ? body.size() : end + 1, body.size(), most_error_bytes});
+	}
+
+	std::vector<Record *> of_class(Class wanted)
+	{
+		std::vector<Record *> found;
+		for (Record &record : records_) {
+			if (!record.body.empty() && class_of(record) == wanted) found.push_back(&record);
+		}
+		return found;
+	}
+
+	void shorten(Record &record, std::string_view to)
+	{
+		left_out_.bytes += static_cast<int64_t>(record.body.size() - to.size());
+		if (record.type != record_trace) bytes_ -= record.body.size() - to.size();
+		record.body = to;
+	}
+
+	// The least worth first: the quickest of statements, the largest of everything else.
+	void drop(Class wanted, int64_t &count)
+	{
+		if (bytes_ <= share_.most_bytes) return;
+		auto records = of_class(wanted);
+		std::stable_sort(records.begin(), records.end(), [wanted](const Record *a, const Record *b) {
+			if (wanted != Class::statement) return a->body.size() > b->body.size();
+			return duration_of(a->body) < duration_of(b->body);
+		});
+		for (Record *record : records) {
+			if (bytes_ <= share_.most_bytes) return;
+			bytes_ -= header_size;
+			shorten(*record, {});
+			count++;
+		}
+	}
+
+	std::string text() const
+	{
+		std::string out;
+		for (const Record &record : records_) {
+			// What was not empty before is gone now; a name or an error may be.
+			if (!record.body.empty() || class_of(record) == Class::sum) {
+				if (record.type != record_trace || !record.body.empty()) append_record(out, record.type, record.body);
+			}
+		}
+		char counts[160];
+		snprintf(counts, sizeof counts, "%lld %lld %lld %lld %lld %lld", static_cast<long long>(left_out_.parameters),
+			static_cast<long long>(left_out_.texts), static_cast<long long>(left_out_.statements),
+			static_cast<long long>(left_out_.calls), static_cast<long long>(left_out_.traces),
+			static_cast<long long>(left_out_.bytes));
+		append_record(out, record_left_out, counts);
+		return out;
+	}
+
+	std::vector<Record> records_;
+	const PacketShare share_;
+	size_t bytes_ = 0; // without the trace
+	LeftOut left_out_;
+};
+
+} // namespace
+
+std::optional<std::string> within_share(std::string_view body, const PacketShare &share)
+{
+	if (body.size() <= share.most_bytes) return std::nullopt;
+	auto records = read_records(body);
+	if (!records) return std::nullopt;
+	std::string cut = Cutter(std::move(*records), share).cut();
+	if (cut.size() >= body.size()) return std::nullopt;
+	return cut;
+}
+
+bool read_left_out(std::string_view body, LeftOut &left_out)
+{
+	long long counts[6];
+	if (sscanf(std::string(body).c_str(), "%lld %lld %lld %lld %lld %lld", &counts[0], &counts[1], &counts[2],
+			&counts[3], &counts[4], &counts[5]) != 6)
+		return false;
+	left_out = {counts[0], counts[1], counts[2], counts[3], counts[4], counts[5]};
+	return true;
+}
+
+std::string_view application_of(std::string_view body)
+{
+	while (body.size() >= header_size) {
+		Header header = read_header(body.data());
+		if (header.length > body.size() - header_size) break;
+		if (header.type == record_application_name) return body.substr(header_size, header.length);
+		body.remove_prefix(header_size + header.length);
+	}
+	return {};
+}
+
+} // namespace quorbit
