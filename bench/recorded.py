@@ -4,6 +4,7 @@ instructions counted by callgrind.
 
 A PHP loop makes calls of one kind under php-cgi with two counts of iterations, with the agent and without; the difference of
 the differences, divided by that of the counts, is the price of one call. That of a request is the same with an empty page.
+Once for a daemon that asks for nothing and once for one that asks for details.
 Needs a finished build; Redis and a web server, the engine's own, are started privately."""
 import subprocess
 
@@ -63,9 +64,13 @@ def main():
     try:
         redis.prepare()
         redis.start()
-        print("instructions added to")
-        for name, figure in measure(site, redis, site.script("", "empty.php")):
-            print(f"{name:24}{figure:8.0f}", flush=True)
+        columns = []
+        for asked in ("0", "1"):
+            site.daemon.configure({"zqs.details": asked})
+            columns.append(list(measure(site, redis, site.script("", "empty.php"))))
+        print("instructions added to" + " " * 11 + "alone with details")
+        for (name, alone), (_, detailed) in zip(*columns):
+            print(f"{name:24}{alone:12.0f}{detailed:13.0f}  {(detailed / alone - 1) * 100:+.1f} %", flush=True)
     finally:
         redis.stop()
         site.close()

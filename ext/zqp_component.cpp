@@ -2,6 +2,7 @@
  * summed by name in `components_hash`. A call that left by exit never closes its component: the element stays open and
  * is never counted, and whatever was opened around it then no longer is the tail either. */
 #include "zqp_component.h"
+#include "zqp_details.h"
 #include "zqp_json.h"
 
 component_element *component_element_alloc(char *name)
@@ -52,6 +53,20 @@ static char *component_name(const char *cls, const char *func)
 	return name.c;
 }
 
+/* The name of the component that has this number in the packet, when it was cut. */
+static void keep_cut_name(unsigned number, const char *cls, const char *func TSRMLS_DC)
+{
+	cls = cls ? cls : "NULL";
+	func = func ? func : "";
+	if (zq_json_keeps(cls, strlen(cls)) && zq_json_keeps(func, strlen(func))) {
+		return;
+	}
+	char *whole;
+	int len = spprintf(&whole, 0, "PHP/%s/%s", cls, func);
+	zq_details_keep_text(ZQG(details), number, 0, whole, (size_t)len);
+	efree(whole);
+}
+
 /* Only here does a component get its name: nobody sees those that took no time, and outermost functions are many. */
 void zq_component_close(
 	zend_llist_element *element, unsigned generation, const char *cls, const char *func, int elapsed_ms TSRMLS_DC)
@@ -67,7 +82,11 @@ void zq_component_close(
 			((component_element *)element->prev->data)->exclusive += elapsed_ms;
 		}
 		component->name = component_name(cls, func);
+		int before = ZQG(components_hash) ? zend_hash_num_elements(ZQG(components_hash)) : 0;
 		zq_component_add(component->name, component->metric, component->exclusive TSRMLS_CC);
+		if (ZQG(details) && before < zend_hash_num_elements(ZQG(components_hash))) {
+			keep_cut_name((unsigned)before, cls, func TSRMLS_CC);
+		}
 	}
 	zend_llist_remove_tail(open);
 }

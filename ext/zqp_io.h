@@ -35,13 +35,16 @@ enum zq_record {
 	ZQ_RE_ERROR = 0x2A,
 	ZQ_RE_COMPONENT = 0x2B,
 	ZQ_RE_PROFILE_LINE = 0x2C,
-	ZQ_RE_SERVICE_ERROR = 0x2D
+	ZQ_RE_SERVICE_ERROR = 0x2D,
+	ZQ_RE_DETAILS = 0x60
 };
 #define ZQ_MAX_BODY 0x1000000 /* a length has 24 bits: bodies must be shorter */
 
 /* ---- zqp_io.cpp: framing, socket, launching the daemon ---- */
 /* Appends a record header of `len` body bytes; the length is the caller's promise. */
 void zq_append_header(smart_str *p, int type, size_t len);
+/* Writes the length of the record that starts at `record` and ends where the packet does over its header. */
+void zq_fill_length(smart_str *p, size_t record);
 /* Appends a complete record. */
 void zq_append_record(smart_str *p, int type, const char *body, size_t len);
 /* Writes header bytes over the first four bytes of a finished packet. */
@@ -135,6 +138,10 @@ int get_transcation_data_item(const char *data, const char *item_name, char **ty
 int zq_trace_is_due(int server_t TSRMLS_DC);
 /* `tracer_id`, made on first need; borrowed. */
 const char *zq_tracer_id(TSRMLS_D);
+
+/* ---- zqp_io_details.cpp ---- */
+/* Appends the details record when the daemon asks for it; nothing when it would make the packet too long to send. */
+void zq_append_details(smart_str *packet TSRMLS_DC);
 
 /* ---- zqp_io_profile.cpp: the thread profile ---- */
 /* Sends one enter or leave event while a thread profile runs; `cls` may be null. Never connects. */

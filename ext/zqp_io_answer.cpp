@@ -21,7 +21,8 @@ static void set_value(zq_config_answer *answer, int index, char *value)
 	const zq_setting_row &row = zq_setting_table[index];
 	app_cfg_info *values = &answer->values;
 	switch (row.kind) {
-	case ZQ_SETTING_NUMBER: zq_setting_field<int>(values, row) = zq_str_to_int(value); break;
+	case ZQ_SETTING_NUMBER:
+	case ZQ_SETTING_ASKED: zq_setting_field<int>(values, row) = zq_str_to_int(value); break;
 	case ZQ_SETTING_SQL_MODE: zq_setting_field<int>(values, row) = zq_record_type_to_int(value); break;
 	case ZQ_SETTING_FRACTION:
 		zq_setting_field<double>(values, row) = zend_strtod(value, NULL); /* libc's follows the script's locale */
@@ -67,8 +68,12 @@ static void take_stamp(zq_config_answer *answer, const char *body, uint64 known_
 	}
 	zq_free_config_answer(answer);
 	for (size_t i = 0; i < zq_setting_table.size(); i++) {
-		if (zq_setting_is_text(zq_setting_table[i]) || zq_setting_table[i].kind == ZQ_SETTING_SECONDS) {
+		const zq_setting_row &row = zq_setting_table[i];
+		if (zq_setting_goes(row) || row.kind == ZQ_SETTING_SECONDS) {
 			answer->given[i] = false;
+		}
+		if (row.kind == ZQ_SETTING_ASKED) {
+			zq_setting_field<int>(&answer->values, row) = 0;
 		}
 	}
 	answer->values.daemon_stamp = stamp;
@@ -127,6 +132,7 @@ static void apply_row(app_cfg_info *rec, zq_config_answer *answer, size_t index)
 		break;
 	case ZQ_SETTING_SECONDS: zq_setting_field<uint64>(rec, row) = zq_setting_field<uint64>(&answer->values, row); break;
 	case ZQ_SETTING_NUMBER:
+	case ZQ_SETTING_ASKED:
 	case ZQ_SETTING_SQL_MODE: zq_setting_field<int>(rec, row) = zq_setting_field<int>(&answer->values, row); break;
 	}
 }
@@ -144,8 +150,8 @@ void zq_apply_config_answer(app_cfg_info *rec, zq_config_answer *answer, int64_t
 		move_text(&rec->app_id, &answer->values.app_id);
 	}
 	for (size_t i = 0; i < zq_setting_table.size(); i++) {
-		if (answer->given[i] || (answer->renewed && zq_setting_is_text(zq_setting_table[i]))) {
-			apply_row(rec, answer, i); /* a text that a renewed configuration does not give is null here */
+		if (answer->given[i] || (answer->renewed && zq_setting_goes(zq_setting_table[i]))) {
+			apply_row(rec, answer, i); /* what a renewed configuration does not give is null or 0 here */
 		}
 	}
 }

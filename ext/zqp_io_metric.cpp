@@ -42,20 +42,12 @@ void append_number_record(smart_str *p, int type, int number)
 	zq_append_record(p, type, (const char *)&number, sizeof number);
 }
 
-/* A record whose body is appended piece by piece: the result goes to close_record(), which fills the length in. */
+/* A record whose body is appended piece by piece: the result goes to zq_fill_length(). */
 size_t open_record(smart_str *p, int type)
 {
 	size_t record = p->len;
 	zq_append_header(p, type, 0);
 	return record;
-}
-
-void close_record(smart_str *p, size_t record)
-{
-	size_t len = p->len - record - 4;
-	p->c[record + 1] = (char)(len >> 16);
-	p->c[record + 2] = (char)(len >> 8);
-	p->c[record + 3] = (char)len;
 }
 
 /* Appends the packet's last record that many times more. */
@@ -154,7 +146,7 @@ void append_statement(smart_str *p, const sql_element *sql, int keep_details)
 	if (keep_details && sql->explain) {
 		append_sql_item(p, sql->explain);
 	}
-	close_record(p, record);
+	zq_fill_length(p, record);
 	repeat_record(p, record, sql->repeats);
 }
 
@@ -213,7 +205,7 @@ void append_services(smart_str *p, spent *sum TSRMLS_DC)
 			append_answer_item(p, service->transaction_data, "\"id\"");
 			append_answer_item(p, service->transaction_data, "\"action\"");
 		}
-		close_record(p, record);
+		zq_fill_length(p, record);
 		sum->services += service->metric;
 	}
 	sum->services += ZQG(unlisted_webservice_ms);
@@ -262,7 +254,7 @@ void append_error(smart_str *p TSRMLS_DC)
 		zq_append_char(p, '\n');
 		zq_append_text(p, error->stack);
 	}
-	close_record(p, record);
+	zq_fill_length(p, record);
 }
 
 void append_service_errors(smart_str *p TSRMLS_DC)
@@ -286,7 +278,7 @@ void append_service_errors(smart_str *p TSRMLS_DC)
 		zq_append_text(p, service->url ? strchr(service->url, '?') : NULL);
 		zq_append_char(p, '\n');
 		zq_append_text(p, service->stack);
-		close_record(p, record);
+		zq_fill_length(p, record);
 	}
 }
 
@@ -318,7 +310,7 @@ void append_server_variable(smart_str *p, const char *label, const char *key, ui
 	size_t record = open_record(p, ZQ_RE_REQUEST);
 	zq_append_text(p, label);
 	zq_append(p, Z_STRVAL_P(value), (size_t)Z_STRLEN_P(value));
-	close_record(p, record);
+	zq_fill_length(p, record);
 }
 
 void append_web_request(smart_str *p TSRMLS_DC)
@@ -351,6 +343,7 @@ void append_packet(smart_str *p, int server_t TSRMLS_DC)
 	append_service_errors(p TSRMLS_CC);
 	append_trace(p, server_t TSRMLS_CC);
 	append_web_request(p TSRMLS_CC);
+	zq_append_details(p TSRMLS_CC);
 	zq_fill_packet_header(p, ZQ_PK_METRIC);
 }
 
@@ -411,7 +404,7 @@ void add_http_params(smart_str *p, HashTable *arr_hash TSRMLS_DC)
 		} else {
 			zq_append_long(p, Z_LVAL_P(value));
 		}
-		close_record(p, record);
+		zq_fill_length(p, record);
 	}
 	if (ignored) {
 		free_c_array(ignored);

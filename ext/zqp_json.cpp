@@ -33,6 +33,19 @@ void json_escape_string(smart_str *buf, const char *s, size_t len, int add_quote
 	}
 }
 
+int zq_json_keeps(const char *s, size_t len)
+{
+	unsigned code_point;
+	for (size_t i = 0; i < len;) {
+		size_t size = (unsigned char)s[i] < 128 ? 1 : zq_decode_utf8(s + i, len - i, &code_point);
+		if (!size) {
+			return 0;
+		}
+		i += size;
+	}
+	return 1;
+}
+
 /* ---- values -------------------------------------------------------------------------------------------------------
  */
 

@@ -153,5 +153,7 @@ void zq_nosql_add(HashTable *table, const char *collection, const char *operatio
 	zq_component_spent_outside((int)(elapsed_us / 1000) TSRMLS_CC);
 	char key[MAX_KEY_SIZE];
 	uint key_size = build_key(key, collection, operation, spelling);
-	find_or_add_row(table, key, key_size)->tsc += elapsed_us;
+	nosql_hash_element *row = find_or_add_row(table, key, key_size);
+	row->tsc += elapsed_us;
+	row->calls++;
 }

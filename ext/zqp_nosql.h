@@ -7,6 +7,8 @@
 /* Value of nosql_memcc, nosql_redis and nosql_mongo, kept as a pointer; keys are operation names. */
 typedef struct nosql_hash_element {
 	uint64 tsc; /* us of all calls under this key */
+	/* private */
+	unsigned calls;
 } nosql_hash_element;
 
 void nosql_hash_element_dtor(void *ele); /* a hash destructor: receives the stored pointer's address */

@@ -1,6 +1,7 @@
 /* Insertion of the browser script. A page is searched chunk by chunk, and only at its beginning: an html tag must have
  * been seen, then the end of the title or of the head is the place. */
 #include "zqp_rum.h"
+#include "zqp_details.h"
 #include "zqp_io.h"
 
 /* The name can come from the client's URI: what could end the string or the script is written as an escape. */
@@ -169,6 +170,9 @@ static int write_with_script(const char *str, unsigned int length TSRMLS_DC)
 
 int zq_ub_write(const char *str, unsigned int length TSRMLS_DC)
 {
+	if (g_module_up && UNEXPECTED(ZQG(details) != NULL) && !is_response_header(str, length TSRMLS_CC)) {
+		ZQG(details)->output_bytes += length;
+	}
 	if (EXPECTED(!g_module_up || !page_wants_script(TSRMLS_C)) || is_response_header(str, length TSRMLS_CC)) {
 		return _sapi_ub_write(str, length TSRMLS_CC);
 	}

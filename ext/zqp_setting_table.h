@@ -42,6 +42,7 @@ struct zq_app_config {
 	int resource_low;
 	int resource_high;
 	int resource_safe;
+	int details_wanted; /* the packet ends with the details record */
 };
 
 /* How a setting's text becomes its field. */
@@ -51,7 +52,8 @@ enum zq_setting_kind {
 	ZQ_SETTING_TEXT,     /* copied unless empty */
 	ZQ_SETTING_ANY_TEXT, /* copied, also when empty */
 	ZQ_SETTING_FRACTION, /* decimal floating point */
-	ZQ_SETTING_SECONDS   /* decimal 64-bit */
+	ZQ_SETTING_SECONDS,  /* decimal 64-bit */
+	ZQ_SETTING_ASKED     /* zq_str_to_int; 0 when a renewed configuration does not ask again */
 };
 
 struct zq_setting_row {
@@ -103,6 +105,7 @@ inline constexpr auto zq_setting_table = std::to_array<zq_setting_row>({
 	SETTING("zqs.resource.safe", NUMBER, resource_safe),
 	SETTING("zqs.profile_end_time", SECONDS, profile_end_time),
 	SETTING("zqs.resource.used", NUMBER, resource_used),
+	SETTING("zqs.details", ASKED, details_wanted),
 });
 #undef SETTING
 
@@ -122,6 +125,12 @@ static_assert(zq_settings_differ(), "a key or a field has two rows");
 static inline bool zq_setting_is_text(const zq_setting_row &row)
 {
 	return row.kind == ZQ_SETTING_TEXT || row.kind == ZQ_SETTING_ANY_TEXT;
+}
+
+/* True when a new configuration that does not give the setting clears its field. */
+static inline bool zq_setting_goes(const zq_setting_row &row)
+{
+	return zq_setting_is_text(row) || row.kind == ZQ_SETTING_ASKED;
 }
 
 #endif

@@ -15,6 +15,7 @@
 #define ZQ_VERSION "Oct 20 2016"
 
 struct error_element;
+struct zq_details;
 
 /* One instance per thread, zero-filled when the thread appears. Lifetimes: "request" memory comes from the engine's
  * request allocator and is gone at request end; "thread" memory is malloc'ed and lives until the thread's globals are
@@ -63,6 +64,7 @@ struct zend_zqprof_globals : zq_app_config { /* whose texts are request copies o
 	char *transaction_curl_response_data; /* request */
 	char *transaction_req_id;             /* request */
 
+	struct zq_details *details; /* request; null: the daemon does not ask for them */
 	int request_open;   /* between request start and request end: request memory may be kept */
 	pid_t daemon_pid;   /* process that opened daemon_sock: a forked child must not use its parent's stream */
 	ino_t daemon_inode; /* of daemon_sock: the number alone may be another file's by now */

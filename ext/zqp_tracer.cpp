@@ -23,10 +23,11 @@ static char *own_text(sql_element *element)
 }
 
 /* The last record when a call with these figures is like it; null otherwise. */
-static sql_element *repeated(const zend_llist *list, const char *db, const char *statement, int metric)
+static sql_element *repeated(const zend_llist *list, const char *db, const char *statement, int metric, unsigned place)
 {
 	sql_element *last = list->tail ? (sql_element *)list->tail->data : NULL;
-	if (!last || !last->text_is_verbatim || last->metric != metric || last->db != db || last->stack || last->explain) {
+	if (!last || !last->text_is_verbatim || last->metric != metric || last->db != db || last->place != place ||
+		last->stack || last->explain) {
 		return NULL;
 	}
 	return strcmp(last->statement, statement) == 0 ? last : NULL;
@@ -34,9 +35,10 @@ static sql_element *repeated(const zend_llist *list, const char *db, const char 
 
 /* Scripts repeat one quick statement thousands of times, and then each allocation shows: a repetition takes none, and
  * list node, record and text are one block. */
-sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric, int may_repeat)
+sql_element *zq_keep_statement(
+	zend_llist *list, const char *db, const char *statement, int metric, unsigned place, int may_repeat)
 {
-	sql_element *element = may_repeat ? repeated(list, db, statement, metric) : NULL;
+	sql_element *element = may_repeat ? repeated(list, db, statement, metric, place) : NULL;
 	if (element) {
 		element->repeats++;
 		return element;
@@ -50,6 +52,7 @@ sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *sta
 	}
 	*element = {db, own_text(element), NULL, NULL, metric};
 	element->text_is_verbatim = len == most;
+	element->place = (uint16_t)place;
 	zq_list_append(list, element);
 	return element;
 }

@@ -2,7 +2,7 @@
 #ifndef ZQP_TRACER_H
 #define ZQP_TRACER_H
 
-#include "zqp_helper.h"
+#include "zqp_details.h"
 
 /* One recorded statement; an element of `sqls`, copied by value. Request memory except `db`. */
 typedef struct sql_element {
@@ -14,14 +14,16 @@ typedef struct sql_element {
 	/* private */
 	unsigned repeats : 31 = 0;         /* that many more calls like this one followed it directly */
 	unsigned text_is_verbatim : 1 = 0; /* cleaning changed nothing of the statement */
+	uint16_t place = ZQ_NO_PLACE;      /* that ran it (zqp_details.h) */
 } sql_element;
 
 /* New record, adopting `stack` and `explain`; the statement is stored through rm_comment(), or "sql is null". */
 sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric);
 /* Records one call in `list` (of sql_element, request memory) and returns its record, borrowed; `stack` and `explain`
  * are null. When `may_repeat`, a call that is like the last one in all that is kept of it counts as its repetition; a
- * record that gets a stack or a plan must not be one. */
-sql_element *zq_keep_statement(zend_llist *list, const char *db, const char *statement, int metric, int may_repeat);
+ * record that gets a stack or a plan must not be one. `place` is its number by zq_details_place(), or ZQ_NO_PLACE. */
+sql_element *zq_keep_statement(
+	zend_llist *list, const char *db, const char *statement, int metric, unsigned place, int may_repeat);
 void sql_element_dtor(void *ele); /* frees the strings, not the record */
 
 enum { ZQ_TRACER_PLAIN = 0, ZQ_TRACER_SQL = 1, ZQ_TRACER_EXTERNAL = 2 };

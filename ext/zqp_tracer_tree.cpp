@@ -207,16 +207,33 @@ static void append_target(smart_str *msg, const tracer_element *tracer)
 	append_escaped(msg, service ? service->url : NULL);
 }
 
+/* Keeps a text that the node being written has only in part. */
+static void keep_cut_text(zq_details *details, int field, const char *text)
+{
+	size_t len = text ? strlen(text) : 0;
+	if (!zq_json_keeps(text, len)) {
+		zq_details_keep_text(details, details->trace_nodes, field, text, len);
+	}
+}
+
+static void append_statement_text(smart_str *msg, const char *text TSRMLS_DC)
+{
+	json_escape_string(msg, text, strlen(text), 1);
+	if (ZQG(details)) {
+		keep_cut_text(ZQG(details), ZQ_WHOLE_STATEMENT, text);
+	}
+}
+
 static void append_statement(smart_str *msg, const sql_element *sql TSRMLS_DC)
 {
 	zq_append_text(msg, "\"sql\":");
 	if (ZQG(action_tracer_record_sql) == 2) {
 		char *masked = estrdup(sql->statement);
 		zq_obfuscate_sql(masked);
-		json_escape_string(msg, masked, strlen(masked), 1);
+		append_statement_text(msg, masked TSRMLS_CC);
 		efree(masked);
 	} else {
-		json_escape_string(msg, sql->statement, strlen(sql->statement), 1);
+		append_statement_text(msg, sql->statement TSRMLS_CC);
 	}
 	if (sql->stack) {
 		zq_append_text(msg, ",\"stacktrace\":");
@@ -273,6 +290,14 @@ static void append_params(smart_str *msg, const tracer_element *tracer TSRMLS_DC
 	}
 }
 
+/* The names that the node just written has only in part. */
+static void keep_cut_names(zq_details *details, const tracer_element *tracer)
+{
+	keep_cut_text(details, ZQ_WHOLE_CLASS, tracer->cls);
+	keep_cut_text(details, ZQ_WHOLE_FUNCTION, tracer->func);
+	details->trace_nodes++;
+}
+
 /* Everything of a node in front of its children. */
 static void open_node(smart_str *msg, const tracer_element *tracer, int is_first_node TSRMLS_DC)
 {
@@ -288,6 +313,9 @@ static void open_node(smart_str *msg, const tracer_element *tracer, int is_first
 	zq_append_text(msg, "\",{");
 	append_params(msg, tracer TSRMLS_CC);
 	zq_append_text(msg, "},[");
+	if (ZQG(details)) {
+		keep_cut_names(ZQG(details), tracer);
+	}
 }
 
 /* A quick call deep down that leads to no query or outgoing call is left out with all below it. */

@@ -178,9 +178,10 @@ const zq_sql_api sql_pg_delete = {"PostgreSQL", deleted, NULL, NULL, false};
 const zq_sql_api sql_sqlite_argument_0 = {"SQLite", argument<0>, NULL, NULL, false};
 const zq_sql_api sql_sqlite_argument_1 = {"SQLite", argument<1>, NULL, NULL, false};
 const zq_sql_api sql_oracle_prepared = {"Oracle", prepared, NULL, NULL, false};
-const zq_sql_api sql_pdo_query = {NULL, argument<0>, error_info, &pdo_query, false};
-const zq_sql_api sql_pdo_exec = {NULL, argument<0>, NULL, NULL, false};
-const zq_sql_api sql_pdo_statement_execute = {NULL, query_string, error_info, &pdo_statement, false};
+const zq_sql_api sql_pdo_query = {NULL, argument<0>, error_info, &pdo_query, false, zq_pdo_driver_of_connection};
+const zq_sql_api sql_pdo_exec = {NULL, argument<0>, NULL, NULL, false, zq_pdo_driver_of_connection};
+const zq_sql_api sql_pdo_statement_execute = {
+	NULL, query_string, error_info, &pdo_statement, false, zq_pdo_driver_of_statement};
 
 /* ---- the steps ---- */
 
@@ -248,6 +249,19 @@ static void trace_statement(zq_stack_data *call, uint64 begin, uint64 end, sql_e
 	}
 }
 
+/* Number of the place that ran the statement. */
+static unsigned add_to_details(
+	zq_details *details, const zq_sql_api *api, zq_stack_data *call, uint64 elapsed_us TSRMLS_DC)
+{
+	details->database_us += elapsed_us;
+	details->statements++;
+	if (const void *driver = api->pdo_driver ? api->pdo_driver(call TSRMLS_CC) : NULL) {
+		return zq_details_place(details, call->execute_data, driver, zq_pdo_driver_vendor TSRMLS_CC);
+	}
+	const char *vendor = api->vendor ? api->vendor : ZQG(pdo_db);
+	return zq_details_place(details, call->execute_data, vendor, NULL TSRMLS_CC);
+}
+
 static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
@@ -258,11 +272,12 @@ static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 b
 
 	const char *statement = api->statement(call, &built TSRMLS_CC);
 	sql_element *record = NULL;
+	unsigned place = g->details ? add_to_details(g->details, api, call, end - begin TSRMLS_CC) : ZQ_NO_PLACE;
 	int has_stack = wants_stack(g, elapsed_ms), has_plan = wants_plan(g, api, elapsed_ms);
 	int is_traced = g->action_tracer_enabled && end - begin > g->tracer_threshold_tick;
 	if (statement && !is_recorded_full(g TSRMLS_CC)) {
 		const char *vendor = api->vendor ? api->vendor : g->pdo_db;
-		record = zq_keep_statement(g->sqls, vendor, statement, elapsed_ms,
+		record = zq_keep_statement(g->sqls, vendor, statement, elapsed_ms, place,
 			!has_stack && !has_plan && !is_traced /* each has an element of its own in the trace */);
 	}
 	if (statement || api->fails_without_statement) {
@@ -328,41 +343,5 @@ int performance_mysqli_prepare_method(zq_stack_data *call, uint64, uint64 TSRMLS
 	zq_lift_memory_limit(TSRMLS_C);
 	report_failure(&sql_mysqli_method, call, statement TSRMLS_CC);
 	zq_restore_memory_limit(TSRMLS_C);
-	return 0;
-}
-
-/* ---- PDO ---- */
-
-const char *zq_pdo_vendor(const char *dsn)
-{
-	/* The first row whose letter begins the name and whose driver is anywhere in it, as in "uri:" names. */
-	static const struct {
-		char first;
-		const char *driver;
-		const char *vendor;
-	} vendors[] = {
-		{'i', "ibm:", "DB2"},
-		{'m', "mysql:", "MySQL"},
-		{'m', "mssql:", "SQLServer"},
-		{'o', "oci:", "Oracle"},
-		{'p', "pgsql:", "PostgreSQL"},
-		{'s', "sqlite:", "SQLite"},
-		{'s', "sqlsrv:", "SQLServer"},
-		{'s', "sybase:", "Sybase"},
-	};
-	for (const auto &row : vendors) {
-		if (dsn && *dsn == row.first && zq_strcasestr(dsn, row.driver)) {
-			return row.vendor;
-		}
-	}
-	return NULL;
-}
-
-int performance_pdo_construct(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
-{
-	const char *vendor = zq_pdo_vendor(get_argument_char(call->execute_data, 0));
-	if (vendor && !EG(exception)) { /* a connection that was refused runs no statements */
-		ZQG(pdo_db) = vendor;
-	}
 	return 0;
 }

@@ -33,6 +33,8 @@ typedef struct zq_sql_api {
 	zq_error_source error;        /* null: its failures are not reported */
 	const zq_sql_client *client;  /* null: neither error function nor plan */
 	bool fails_without_statement; /* a failure counts even when no statement could be read */
+	/* PDO: what tells the vendor of the very object; null for the others. */
+	const void *(*pdo_driver)(const zq_stack_data *call TSRMLS_DC) = NULL;
 } zq_sql_api;
 
 /* Records one call with its times in us: duration, statement, failure, and at their thresholds stack, plan and trace
@@ -70,6 +72,13 @@ int performance_mysqli_prepare_method(
 int performance_pdo_construct(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
 /* Vendor of a data source name; null when it is none that is known. Static text. */
 const char *zq_pdo_vendor(const char *dsn);
+
+/* While details are kept: the driver behind the PDO object, or the PDOStatement, of a call; null when it cannot be told. Borrowed from the
+ * driver's module. */
+const void *zq_pdo_driver_of_connection(const zq_stack_data *call TSRMLS_DC);
+const void *zq_pdo_driver_of_statement(const zq_stack_data *call TSRMLS_DC);
+/* Its vendor, or its own name when the vendor is not known. Borrowed from the driver's module. */
+const char *zq_pdo_driver_vendor(const void *driver);
 
 /* The connection of a procedural call; null when the call did not name one. Borrowed. */
 static inline zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call)

@@ -159,6 +159,10 @@ int EXTERNAL_SERVICE(zq_stack_data *stack_data, const char *url, const char *tra
 		return 0;
 	}
 	int metric = elapsed_ms(btsc, ctsc);
+	if (zq_details *details = ZQG(details)) {
+		details->services_us += ctsc - btsc;
+		details->services++;
+	}
 	if (is_list_full(TSRMLS_C)) {
 		ZQG(unlisted_webservice_ms) += metric;
 		return 1;

@@ -3,6 +3,7 @@
 #include "php_zqprof.h"
 
 #include "zqp_debug.h"
+#include "zqp_details.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_naming.h"
@@ -72,6 +73,7 @@ static void reset_action(TSRMLS_D)
 	drop_text(&g->transaction_curl_response_data);
 	drop_text(&g->transaction_req_id);
 	zq_empty_containers(TSRMLS_C);
+	zq_details_begin(TSRMLS_C);
 	g->sum_db_metric = 0;
 	g->pdo_db = "";
 	drop_text(&g->prepared_sql);

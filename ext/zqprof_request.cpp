@@ -7,6 +7,7 @@
 
 #include "zqp_component.h"
 #include "zqp_debug.h"
+#include "zqp_details.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_naming.h"
@@ -90,6 +91,7 @@ static void clear_request_fields(zend_zqprof_globals *g)
 	g->wrapper_function_hash = g->performance_function_hash = NULL;
 	g->transaction_id = g->transaction_curl_response_data = g->transaction_req_id = NULL;
 	g->own_curl_callbacks = NULL;
+	g->details = NULL;
 	g->in_agent_call = 0;
 	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
 	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
@@ -288,6 +290,7 @@ static void activate(TSRMLS_D)
 		return;
 	}
 	zq_create_containers(TSRMLS_C);
+	zq_details_begin(TSRMLS_C);
 	reset_counters(g);
 	if (g_cli) {
 		g->action_tracer_enabled = g->transaction_tracer_enabled = g->rum_enabled = 0;
@@ -431,6 +434,7 @@ static void release_request(TSRMLS_D)
 	free_text(&g->transaction_curl_response_data);
 	free_table(&g->own_curl_callbacks);
 	free_text(&g->transaction_req_id);
+	zq_details_end(TSRMLS_C);
 	zq_free_config_copies(TSRMLS_C);
 	free_text(&g->app_name);
 	g->component_generation++;

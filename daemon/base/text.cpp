@@ -77,6 +77,23 @@ size_t bytes_of(std::string_view text, size_t width)
 
 } // namespace
 
+std::string text_of_bytes(std::string_view bytes)
+{
+	size_t at = 0;
+	while (at < bytes.size()) {
+		CodePoint point = decode(bytes, at);
+		if (!point.length) break;
+		at += point.length;
+	}
+	if (at == bytes.size()) return std::string(bytes);
+	std::string out;
+	for (unsigned char byte : bytes) {
+		if (byte >= 0x80) out += static_cast<char>(0xC0 | byte >> 6);
+		out += static_cast<char>(byte >= 0x80 ? 0x80 | (byte & 0x3F) : byte);
+	}
+	return out;
+}
+
 std::string valid_utf8(std::string_view text)
 {
 	std::string out;

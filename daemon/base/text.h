@@ -9,6 +9,9 @@
 
 namespace quorbit {
 
+// Bytes of a script as UTF-8: as they are when they are that, else read as Latin-1, as scripts of old often are.
+std::string text_of_bytes(std::string_view bytes);
+
 // The text as UTF-8: every invalid byte becomes U+FFFD.
 std::string valid_utf8(std::string_view text);
 

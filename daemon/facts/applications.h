@@ -17,7 +17,7 @@ struct Applications {
 // Reads the file's text. A line that cannot be understood becomes a problem and is skipped.
 Applications parse_applications(std::string_view text);
 
-// The settings of one application: the default section, overlaid by its own.
+// The settings of one application: what this daemon asks for by itself, overlaid by the default section and by its own.
 Settings settings_of(const Applications &applications, std::string_view application);
 
 // The stamp of these settings: it changes with any of them and is never 0.

@@ -217,9 +217,17 @@ std::optional<Action> read_action(std::string_view body)
 	auto records = read_records(body);
 	if (!records) return std::nullopt;
 	Action action;
+	std::string_view details;
 	for (const Record &record : *records) {
+		if (record.type == record_details) {
+			details = record.body;
+			continue;
+		}
 		if (!read_action_record(record, action)) action.unknown.push_back({record.type, std::string(record.body)});
 	}
+	// Last, wherever it stood: it tells more of what the others brought.
+	if (!details.empty() && !read_details(details, action))
+		action.unknown.push_back({record_details, std::string(details)});
 	return action;
 }
 

@@ -1,6 +1,7 @@
 // One action, decoded in full from its metric packet; and the events of a thread profile.
 #pragma once
 
+#include "facts/details.h"
 #include "facts/share.h"
 
 namespace quorbit {
@@ -11,6 +12,7 @@ struct SqlStatement {
 	std::string statement;
 	std::string stack; // JSON list of frames, or ""
 	std::string plan;  // JSON object, or ""
+	std::string place; // "file:line" that ran it, or ""
 };
 
 struct CacheCall {
@@ -70,10 +72,23 @@ struct Action {
 	std::string transaction_id, tracer_id;
 	std::vector<NameValue> details, parameters;
 	LeftOut left_out; // of what came, because it was too much to keep
+	// Of the details record, which only a daemon that asks gets: nothing and "" without it.
+	std::optional<ExactFigures> exact;
+	std::string path, method, host, script;
+	std::vector<WholeTraceText> trace_texts;
 	std::vector<UnknownRecord> unknown; // of an unknown type, or of a form that this version cannot read
 
 	// The response status: from the details, else from the error; 0 for a command-line run.
 	int64_t status() const;
+	// Microseconds: exact, or the milliseconds of the other records.
+	int64_t duration_us() const { return exact ? exact->duration_us : duration_ms * 1000; }
+	int64_t database_us() const { return exact ? exact->database_us : database_ms * 1000; }
+	int64_t cache_us() const { return exact ? exact->cache_us : cache_ms * 1000; }
+	int64_t external_us() const { return exact ? exact->external_us : external_ms * 1000; }
+	// The duration less database, caches and outgoing calls; never negative.
+	int64_t code_us() const { return exact ? exact->code_us() : code_ms() * 1000; }
+	// Statements that ran, also those whose texts were not sent.
+	int64_t statement_count() const { return exact ? exact->statements : static_cast<int64_t>(statements.size()); }
 	// The duration less database, caches and outgoing calls; never negative.
 	int64_t code_ms() const;
 };

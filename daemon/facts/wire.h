@@ -44,6 +44,7 @@ enum RecordType : uint8_t {
 	record_component = 0x2B,
 	record_profile_line = 0x2C,
 	record_service_error = 0x2D,
+	record_details = 0x60,
 	record_left_out = 0xF0, // in the store alone: what was left out of a packet
 };
 

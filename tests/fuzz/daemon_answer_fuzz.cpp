@@ -53,7 +53,7 @@ bool renew(Model *model, const std::string &body, int64_t now)
 	model->has_app_id = false;
 	std::erase_if(model->settings, [](const auto &setting) {
 		const zq_setting_row *row = row_of(setting.first);
-		return zq_setting_is_text(*row) || row->kind == ZQ_SETTING_SECONDS;
+		return zq_setting_goes(*row) || row->kind == ZQ_SETTING_SECONDS;
 	});
 	return true;
 }
@@ -96,8 +96,8 @@ void compare(const app_cfg_info &rec, const Model &model)
 		const void *field = (const char *)&rec + row.offset;
 		if (zq_setting_is_text(row)) {
 			compare_text(*(char *const *)field, value);
-		} else if (row.kind == ZQ_SETTING_NUMBER || row.kind == ZQ_SETTING_SQL_MODE) {
-			int number = !value ? 0 : row.kind == ZQ_SETTING_NUMBER ? zq_str_to_int(value->c_str()) : zq_record_type_to_int(value->c_str());
+		} else if (row.kind != ZQ_SETTING_SECONDS && row.kind != ZQ_SETTING_FRACTION) {
+			int number = !value ? 0 : row.kind == ZQ_SETTING_SQL_MODE ? zq_record_type_to_int(value->c_str()) : zq_str_to_int(value->c_str());
 			REQUIRE(*(const int *)field == number);
 		} else if (row.kind == ZQ_SETTING_SECONDS) {
 			REQUIRE(*(const uint64 *)field == (value ? strtoull(value->c_str(), NULL, 10) : 0));

@@ -15,9 +15,17 @@ STAMP, SETTING, KEY, APP_ID, APP, ENVIRONMENT = 0x0C, 0x0D, 0x0E, 0x10, 0x11, 0x
 # What may follow what in a metric packet; 0x29 is told apart by its first line.
 METRIC_ORDER = re.compile(
     "11 0e (12 )?(21 )?1a 1b 14 15 16 (27 )*(Memcached )*(17 )?(MongoDB )*(17 )?(Redis )*(17 )?(http )*(18 )?"
-    "(2b )*(2a )?(2d )*(25 (20 )?26 )?(24 )*(23 )*")
+    "(2b )*(2a )?(2d )*(25 (20 )?26 )?(24 )*(23 )*(60 )?")
 NUMBERS = {0x1A: "cpu_ticks", 0x1B: "system_ticks", 0x14: "block_ms", 0x15: "duration_ms", 0x16: "db_ms", 0x18: "calls_ms"}
 TEXTS = {APP: "app", KEY: "license", 0x12: "action", 0x21: "uri", 0x20: "transaction_id", 0x26: "tracer_id"}
+
+
+# The details record's items: name and form of the body.
+DETAILS = {0x01: ("duration_us", "Q"), 0x02: ("db_us", "Q"), 0x03: ("nosql_us", "Q"), 0x04: ("calls_us", "Q"), 0x05: ("waited_us", "Q"),
+           0x06: ("statements", "Q"), 0x07: ("operations", "Q"), 0x08: ("calls", "Q"), 0x09: ("user_us", "Q"), 0x0A: ("system_us", "Q"),
+           0x0B: ("peak_memory", "Q"), 0x0C: ("output", "Q"), 0x0D: ("exit_status", "Q"), 0x10: ("path", ""), 0x11: ("method", ""),
+           0x12: ("host", ""), 0x13: ("script", ""), 0x20: ("places", "place"), 0x21: ("runs", "runs"), 0x30: ("error_class", ""),
+           0x31: ("error_message", ""), 0x32: ("components", "I"), 0x33: ("trace_texts", "IB")}
 
 
 class WireError(Exception):
@@ -98,7 +106,7 @@ class Metric(SimpleNamespace):
     """One finished action; what the packet does not have is None or empty."""
 
     def __init__(self):
-        super().__init__(kinds=[], **dict.fromkeys([*NUMBERS.values(), *TEXTS.values(), "error", "trace"]), sql=[], calls=[],
+        super().__init__(kinds=[], **dict.fromkeys([*NUMBERS.values(), *TEXTS.values(), "error", "trace", "more"]), sql=[], calls=[],
                          nosql=[],            # (product, collection, operation, ms)
                          nosql_sums={}, components={},    # name: (ms, own ms)
                          call_errors=[], details={}, params=[])
@@ -202,6 +210,30 @@ def check_node(node):
         check_node(child)
 
 
+def details_record(body):
+    """The items by name; texts are bytes. "ran_at" has the place (vendor, file, line) of each statement."""
+    found = {"places": [], "runs": [], "components": {}, "trace_texts": {}}
+    for kind, part in split(body):
+        name, form = DETAILS[kind]
+        if form == "":
+            found[name] = part
+        elif form == "Q":
+            found[name], = struct.unpack("<Q", part)
+        elif form == "place":
+            line, size = struct.unpack_from("<IB", part)
+            found[name].append((text(part[5:5 + size]), text(part[5 + size:]), line))
+        elif form == "runs":
+            found[name] = list(struct.iter_unpack("<HH", part))
+        else:
+            size = struct.calcsize("<" + form)
+            key = struct.unpack_from("<" + form, part)
+            found[name][key if len(key) > 1 else key[0]] = part[size:]
+    if len(body) > 256 << 10 or any(place >= len(found["places"]) and place != 0xFFFF for _, place in found["runs"]):
+        raise WireError(f"details of {len(body)} bytes, {found['runs']} of {len(found['places'])} places")
+    found["ran_at"] = [found["places"][place] if place != 0xFFFF else None for count, place in found["runs"] for _ in range(count)]
+    return found
+
+
 def decode_metric(body):
     metric, order = Metric(), []
     for kind, part in split(body):
@@ -220,6 +252,8 @@ def decode_metric(body):
             metric.nosql_sums[product] = int(ms)
         elif kind == 0x2B:
             component_record(metric, part)
+        elif kind == 0x60:
+            metric.more = details_record(part)
         elif kind == 0x2A:
             metric.error = error_record(part)
         elif kind == 0x2D:

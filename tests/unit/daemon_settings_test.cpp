@@ -41,8 +41,9 @@ TEST(Applications, OverlayTheDefaultSectionByTheirOwn) {
   EXPECT_EQ(file.store_mb, 64);
   EXPECT_EQ(file.profile_mb, 8);
   EXPECT_EQ(settings_of(file, "unheard of"),
-            (Settings{{"zqs.agent_enabled", "true"}, {"zqs.action_tracer.action_threshold", "500"}}));
+            (Settings{{"zqs.agent_enabled", "true"}, {"zqs.details", "1"}, {"zqs.action_tracer.action_threshold", "500"}}));
   const Settings shop = {{"zqs.agent_enabled", "true"},
+                         {"zqs.details", "1"},
                          {"zqs.action_tracer.action_threshold", "100"},
                          {"zqs.naming.rules", "[\n{\"name\": \"a = b\"} # no comment"},
                          {"zqs.urls_captured", ""}};  // an empty value clears what the agent has
@@ -96,7 +97,7 @@ TEST(Applications, AreNotReadFromAPipe) {
   const TemporaryFolder folder;
   const std::string file = folder.path() + "/applications.conf";
   ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
-  EXPECT_TRUE(settings_of(ApplicationsFile(file).current(), "A").empty()) << "nobody writes into it";
+  EXPECT_EQ(settings_of(ApplicationsFile(file).current(), "A"), settings_of({}, "A")) << "nobody writes into it";
 }
 
 TEST(ProfileSessions, StartWithTheFirstProcessThatAsksAndEndForAllTogether) {

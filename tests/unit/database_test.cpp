@@ -61,12 +61,12 @@ TEST_F(KeptStatements, CountARepetitionOnlyWhenNothingOfItDiffers)
 	zend_llist_init(&list, sizeof(sql_element), sql_element_dtor, 0);
 	for (const auto &call : calls) {
 		int records = zend_llist_count(&list);
-		sql_element *record = zq_keep_statement(&list, call.db, call.statement.c_str(), call.ms, call.may_repeat);
+		sql_element *record = zq_keep_statement(&list, call.db, call.statement.c_str(), call.ms, ZQ_NO_PLACE, call.may_repeat);
 		EXPECT_EQ(record->repeats, call.repeats) << call.statement;
 		EXPECT_EQ(record->statement, call.kept);
 		EXPECT_EQ(zend_llist_count(&list), records + (call.repeats == 0));
 	}
 	((sql_element *)list.tail->data)->stack = estrdup("[]");
-	EXPECT_EQ(zq_keep_statement(&list, nullptr, "SELECT 3", 1, 1)->repeats, 0u) << "a record with a stack is one of its own";
+	EXPECT_EQ(zq_keep_statement(&list, nullptr, "SELECT 3", 1, ZQ_NO_PLACE, 1)->repeats, 0u) << "a record with a stack is one of its own";
 	zend_llist_destroy(&list);
 }

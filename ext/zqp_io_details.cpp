@@ -1,0 +1,253 @@
+/* The details record, the last of a metric packet, for a daemon that asks for it. Its body is a run of items, framed as
+ * records are, so that readers pass over those that they do not know. */
+#include <sys/time.h>
+
+#include "zqp_component.h"
+#include "zqp_details.h"
+#include "zqp_exception.h"
+#include "zqp_io.h"
+#include "zqp_json.h"
+#include "zqp_nosql.h"
+#include "zqp_tracer.h"
+
+#include <initializer_list>
+
+namespace {
+
+enum item {
+	ITEM_DURATION_US = 0x01,
+	ITEM_DATABASE_US = 0x02,
+	ITEM_CACHES_US = 0x03,
+	ITEM_SERVICES_US = 0x04,
+	ITEM_WAITED_US = 0x05,
+	ITEM_STATEMENTS = 0x06,
+	ITEM_CACHE_OPERATIONS = 0x07,
+	ITEM_SERVICES = 0x08,
+	ITEM_USER_US = 0x09,
+	ITEM_SYSTEM_US = 0x0A,
+	ITEM_PEAK_MEMORY = 0x0B,
+	ITEM_OUTPUT_BYTES = 0x0C,
+	ITEM_EXIT_STATUS = 0x0D,
+	ITEM_PATH = 0x10,
+	ITEM_METHOD = 0x11,
+	ITEM_HOST = 0x12,
+	ITEM_SCRIPT = 0x13,
+	ITEM_PLACE = 0x20,
+	ITEM_RUNS = 0x21,
+	ITEM_ERROR_CLASS = 0x30,
+	ITEM_ERROR_MESSAGE = 0x31,
+	ITEM_COMPONENT = 0x32,
+	ITEM_TRACE_TEXT = 0x33,
+};
+
+constexpr size_t MOST_BYTES = 256 << 10; /* of the record's body; items that do not fit are left out */
+constexpr size_t MOST_TEXT = 4096;
+constexpr size_t MOST_VENDOR = 32;
+constexpr uint64 LONGEST_WAIT_US = 600 * 1000000ull;
+
+struct writer {
+	smart_str *packet;
+	size_t end; /* the packet may grow up to here */
+};
+
+/* An item of two pieces. The first for which there is no room ends the record: those after it count on it. */
+void append_item(writer *to, int type, const void *head, size_t head_len, const char *text, size_t len)
+{
+	if (to->packet->len + 4 + head_len + len > to->end) {
+		to->end = 0;
+		return;
+	}
+	zq_append_header(to->packet, type, head_len + len);
+	zq_append(to->packet, (const char *)head, head_len);
+	zq_append(to->packet, text, len);
+}
+
+void append_number(writer *to, int type, uint64 number)
+{
+	char item[4 + sizeof number] = {(char)type, 0, 0, sizeof number};
+	memcpy(item + 4, &number, sizeof number);
+	zq_append(to->packet, item, sizeof item); /* these come first, and there is room for them */
+}
+
+void append_text(writer *to, int type, const char *text)
+{
+	if (text && *text) {
+		append_item(to, type, NULL, 0, text, strnlen(text, MOST_TEXT));
+	}
+}
+
+const char *server_text(const char *key, uint key_size TSRMLS_DC)
+{
+	zval *server = PG(http_globals)[TRACK_VARS_SERVER];
+	zval *value = server && Z_TYPE_P(server) == IS_ARRAY ? FIND_HASH_ZVALUE(Z_ARRVAL_P(server), key, key_size) : NULL;
+	return value && Z_TYPE_P(value) == IS_STRING ? Z_STRVAL_P(value) : NULL;
+}
+
+void append_store_sums(writer *to TSRMLS_DC)
+{
+	uint64 us = 0, operations = 0;
+	for (const HashTable *table : {ZQG(nosql_memcc), ZQG(nosql_mongo), ZQG(nosql_redis)}) {
+		for (const Bucket *row = table ? table->pListHead : NULL; row; row = row->pListNext) {
+			const nosql_hash_element *sum = (const nosql_hash_element *)row->pDataPtr;
+			us += sum->tsc;
+			operations += sum->calls;
+		}
+	}
+	append_number(to, ITEM_CACHES_US, us);
+	append_number(to, ITEM_CACHE_OPERATIONS, operations);
+}
+
+/* How long the request waited in front of PHP by a stamp of the wall clock, "t=" and seconds with or without decimals,
+ * milliseconds or microseconds: told apart by their size. False when it says nothing usable. */
+bool waited_us(const char *stamp, uint64 began_us, uint64 *us)
+{
+	stamp += strspn(stamp, "ts= ");
+	double value = zend_strtod(stamp, NULL);
+	value *= value < 1e11 ? 1e6 : value < 1e14 ? 1e3 : 1;
+	if (!(value > 0) || value > (double)began_us || (double)began_us - value > (double)LONGEST_WAIT_US) {
+		return false;
+	}
+	*us = began_us - (uint64)value;
+	return true;
+}
+
+void append_waiting(writer *to TSRMLS_DC)
+{
+	const char *stamp = server_text(ZEND_STRS("HTTP_X_QUEUE_START") TSRMLS_CC);
+	struct timeval now;
+	uint64 us;
+	if (stamp && gettimeofday(&now, NULL) == 0) {
+		uint64 now_us = (uint64)now.tv_sec * 1000000 + (uint64)now.tv_usec;
+		if (waited_us(stamp, now_us - (cycle_timer() - ZQG(rinit_tick)), &us)) {
+			append_number(to, ITEM_WAITED_US, us);
+		}
+	}
+}
+
+void append_sums(writer *to, const zq_details *details TSRMLS_DC)
+{
+	uint64 user_us, system_us;
+	zq_thread_times(&user_us, &system_us);
+	append_number(to, ITEM_DURATION_US, ZQG(rdown_tick) - ZQG(rinit_tick));
+	append_number(to, ITEM_DATABASE_US, details->database_us);
+	append_number(to, ITEM_STATEMENTS, details->statements);
+	append_store_sums(to TSRMLS_CC);
+	append_number(to, ITEM_SERVICES_US, details->services_us);
+	append_number(to, ITEM_SERVICES, details->services);
+	append_number(to, ITEM_USER_US, user_us - details->user_us);
+	append_number(to, ITEM_SYSTEM_US, system_us - details->system_us);
+	append_number(to, ITEM_PEAK_MEMORY, zend_memory_peak_usage(1 TSRMLS_CC));
+	append_number(to, ITEM_OUTPUT_BYTES, details->output_bytes);
+}
+
+void append_request(writer *to TSRMLS_DC)
+{
+	append_text(to, ITEM_SCRIPT, server_text(ZEND_STRS("SCRIPT_FILENAME") TSRMLS_CC));
+	if (g_cli) {
+		append_number(to, ITEM_EXIT_STATUS, (uint64)EG(exit_status));
+		return;
+	}
+	const char *uri = server_text(ZEND_STRS("REQUEST_URI") TSRMLS_CC);
+	if (uri) {
+		size_t len = strcspn(uri, "?");
+		append_item(to, ITEM_PATH, NULL, 0, uri, len < MOST_TEXT ? len : MOST_TEXT);
+	}
+	append_text(to, ITEM_METHOD, SG(request_info).request_method);
+	append_text(to, ITEM_HOST, server_text(ZEND_STRS("HTTP_HOST") TSRMLS_CC));
+	append_waiting(to TSRMLS_CC);
+}
+
+void append_places(writer *to, const zq_details *details)
+{
+	for (unsigned i = 0; i < details->place_count; i++) {
+		const zq_place *place = &details->places[i];
+		const char *vendor = place->vendor ? place->vendor : "", *file = place->file ? place->file : "";
+		uint32_t line = place->line;
+		size_t vendor_len = strnlen(vendor, MOST_VENDOR);
+		char head[sizeof line + 1 + MOST_VENDOR];
+		memcpy(head, &line, sizeof line);
+		head[sizeof line] = (char)vendor_len;
+		memcpy(head + sizeof line + 1, vendor, vendor_len);
+		append_item(to, ITEM_PLACE, head, sizeof line + 1 + vendor_len, file, strnlen(file, MOST_TEXT));
+	}
+}
+
+/* As many statement records, one after the other, and the number of the place that ran them. */
+struct run {
+	uint16_t count, place;
+};
+
+/* Adds a statement and its repetitions to the last run, and what does not fit into it as further ones. */
+void append_run(smart_str *runs, run *last, uint64 count, uint16_t place)
+{
+	while (count) {
+		if (last->count == UINT16_MAX || (last->count && last->place != place)) {
+			zq_append(runs, (const char *)last, sizeof *last);
+			last->count = 0;
+		}
+		uint64 room = (uint64)(UINT16_MAX - last->count), taken = count < room ? count : room;
+		*last = {(uint16_t)(last->count + taken), place};
+		count -= taken;
+	}
+}
+
+/* Where the packet's statements ran, in their order. */
+void append_runs(writer *to TSRMLS_DC)
+{
+	smart_str runs = {NULL, 0, 0};
+	run last = {0, 0};
+	const size_t most = MOST_BYTES / 4; /* of many thousand statements the first */
+	for (const zend_llist_element *at = ZQG(sqls) ? ZQG(sqls)->head : NULL; at && runs.len < most; at = at->next) {
+		const sql_element *sql = (const sql_element *)at->data;
+		append_run(&runs, &last, (uint64)sql->repeats + 1, sql->place);
+	}
+	if (last.count) {
+		zq_append(&runs, (const char *)&last, sizeof last);
+		append_item(to, ITEM_RUNS, NULL, 0, runs.c, runs.len);
+	}
+	zq_buffer_free(&runs);
+}
+
+void append_cut_text(writer *to, int type, const char *text)
+{
+	if (text && !zq_json_keeps(text, strlen(text))) {
+		append_text(to, type, text);
+	}
+}
+
+/* What the other records have only up to its first byte that is not UTF-8. */
+void append_whole_texts(writer *to, const zq_details *details TSRMLS_DC)
+{
+	if (const error_element *error = ZQG(error)) {
+		append_cut_text(to, ITEM_ERROR_CLASS, error->cls);
+		append_cut_text(to, ITEM_ERROR_MESSAGE, error->msg);
+	}
+	for (const zq_whole_text *text = details->texts; text; text = text->next) {
+		char head[5] = {(char)text->number, (char)(text->number >> 8), (char)(text->number >> 16),
+			(char)(text->number >> 24), (char)text->field};
+		size_t head_len = text->field ? 5 : 4;
+		append_item(to, text->field ? ITEM_TRACE_TEXT : ITEM_COMPONENT, head, head_len, text->text, text->len);
+	}
+}
+
+} // namespace
+
+void zq_append_details(smart_str *packet TSRMLS_DC)
+{
+	const zq_details *details = ZQG(details);
+	if (!details) {
+		return;
+	}
+	size_t start = packet->len;
+	writer to = {packet, start + 4 + MOST_BYTES};
+	zq_append_header(packet, ZQ_RE_DETAILS, 0);
+	append_sums(&to, details TSRMLS_CC);
+	append_request(&to TSRMLS_CC);
+	append_runs(&to TSRMLS_CC);
+	append_places(&to, details);
+	append_whole_texts(&to, details TSRMLS_CC);
+	zq_fill_length(packet, start);
+	if (packet->len - 4 >= ZQ_MAX_BODY) {
+		packet->len = start; /* better a packet without it than none */
+	}
+}

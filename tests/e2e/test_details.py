@@ -1,0 +1,85 @@
+"""The details record: what the packet's other records round off, cut or leave out, for a daemon that asks."""
+import time
+
+import pytest
+
+from support import engines, wire
+
+ASKED = {"zqs.details": "1"}
+MANY = """function find($db, $i) {
+    return $db->query("SELECT $i");
+}
+$db = new PDO('sqlite::memory:');
+$begin = microtime(true);
+for ($i = 0; $i < 800; $i++) find($db, $i);
+header('X-Took: ' . (int) ((microtime(true) - $begin) * 1e6));
+$db->exec('SELECT 1');"""
+
+
+def test_quick_statements_are_added_up_before_they_are_cut(site):
+    site.daemon.configure(ASKED)
+    result = site.cgi(MANY, "/index.php?q=1", differs={"headers"}, headers={"Host": "shop.test"})
+    metric, more, took = result.metric, result.metric.more, int(dict(result.headers)["X-Took"])
+    assert more["statements"] == len(metric.sql) == 801
+    assert 0 < more["db_us"] < took + 1000 and more["duration_us"] // 1000 == metric.duration_ms
+    assert more["db_us"] - metric.db_ms * 1000 >= 0
+    file = str(site.docroot / "index.php")
+    assert more["places"] == [("SQLite", file, 2), ("SQLite", file, 8)]
+    assert more["runs"] == [(800, 0), (1, 1)]
+    assert (more["path"], more["method"], more["host"]) == (b"/index.php", b"GET", b"shop.test")
+    assert more["script"] == file.encode() and more["output"] == len(result.body) and more["peak_memory"] >= 262144
+    assert "exit_status" not in more
+
+
+def test_nobody_gets_details_who_does_not_ask(site):
+    """The packet is the same with them but for the last record; a configuration that is new has to ask again."""
+    kinds = []
+    for settings, stamp in (({}, 1), (ASKED, 2), ({"zqs.details": "0"}, 3)):
+        site.daemon.configure(settings, stamp)
+        found = site.cgi(MANY, differs={"headers"}).metric.kinds
+        kinds.append([kind for kind in found if kind != 0x2B])       # components that took no millisecond are not sent
+    assert kinds[1] == kinds[0] + [0x60] and kinds[2] == kinds[0]
+
+
+def test_a_workers_statements_have_the_vendor_of_their_own_connection(site):
+    site.daemon.configure(ASKED)
+    worker = """$db = new PDO('sqlite::memory:'); $s = $db->prepare('SELECT 1');
+for ($i = 0; $i < 2; $i++) { vantor_start_webaction('job'); $s->execute(); $db->query('SELECT 2'); vantor_end_webaction(); } exit(3);"""
+    result = site.cli(worker, twin=False)
+    jobs = [metric for metric in result.metrics if metric.action == "WebAction/API/job"]
+    assert len(jobs) == 2 and result.code == 3
+    for metric in jobs:
+        assert [place[0] for place in metric.more["ran_at"]] == ["SQLite"] * 2 and metric.more["statements"] == 2
+    assert site.cli("exit(3);", twin=False).metric.more["exit_status"] == 3
+
+
+CUT = """class Kunde\xfc { static function laden\xfc($db) { usleep(30000); $db->query("SELECT 'M\xfcller'"); } }
+$db = new PDO('sqlite::memory:');
+$db->sqliteCreateFunction('slow', function () { usleep(30000); return 1; });
+Kunde\xfc::laden\xfc($db);
+$db->query("SELECT slow(), 'M\xfcller'");
+throw new Exception("Kunde M\xfcller");"""
+
+
+@pytest.mark.parametrize("mode", ["raw", "obfuscated"])
+def test_texts_in_latin_1_arrive_whole(site, mode):
+    site.daemon.configure({**ASKED, "zqs.action_tracer.action_threshold": "1", "zqs.action_tracer.record_sql": mode})
+    script = site.docroot / "index.php"
+    script.write_bytes(b"<?php " + CUT.encode("latin-1"))
+    variables = engines.web_environment(script, "/index.php")
+    metric = site.both("php-cgi", [], env=variables, web=True, twin=False).metric
+    more = metric.more
+    assert b"Kunde M\xfcller" in more["error_message"] and "M\xfcller" not in metric.error["message"]
+    assert b"PHP/Kunde\xfc/laden\xfc" in more["components"].values()
+    nodes = list(wire.nodes(metric.trace))
+    whole = {(nodes[number][6], field): value for (number, field), value in more["trace_texts"].items()}
+    assert whole[("laden", 1)] == b"Kunde\xfc" and whole[("laden", 2)] == b"laden\xfc"
+    assert whole.get(("query", 3)) == (b"SELECT slow(), 'M\xfcller'" if mode == "raw" else None)      # masked, it is ASCII
+
+
+@pytest.mark.parametrize("back_us, form", [(250000, "t=%.6f"), (250000, "t=%d")])
+def test_the_time_in_front_of_php_is_taken_from_the_wall_clock(site, back_us, form):
+    site.daemon.configure(ASKED)
+    stamp = form % (time.time() - back_us / 1e6 if "f" in form else time.time() * 1e6 - back_us)
+    assert back_us <= site.cgi("", headers={"X-Queue-Start": stamp}).metric.more["waited_us"] < 60e6
+    assert "waited_us" not in site.cgi("", headers={"X-Queue-Start": "t=12345"}).metric.more
