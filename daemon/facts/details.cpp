@@ -126,7 +126,7 @@ void take_numbered_text(uint8_t item, std::string_view body, Action &action)
 	if (item == item_trace_text) {
 		int field = take<uint8_t>(body);
 		action.trace_texts.push_back({number, field, text_of_bytes(body)});
-	} else if (number < action.components.size()) {
+	} else if (number < action.components.size() && action.left_out.calls == 0) {
 		action.components[number].name = text_of_bytes(body);
 	}
 }
@@ -153,7 +153,8 @@ bool read_details(std::string_view body, Action &action)
 			take_numbered_text(item.type, item.body, action);
 	}
 	for (SqlStatement &sql : action.statements) sql.statement = text_of_bytes(sql.statement);
-	place_statements(runs, places, action.statements);
+	// Places and names count the records of the packet as it was sent.
+	if (action.left_out.statements == 0) place_statements(runs, places, action.statements);
 	return true;
 }
 

@@ -9,6 +9,7 @@ namespace quorbit {
 namespace {
 
 constexpr size_t most_error_bytes = 16384;
+constexpr size_t most_details_bytes = 65536;
 
 // In the order in which they go.
 enum class Class { parameter, text, statement, call, sum };
@@ -19,6 +20,8 @@ Class class_of(const Record &record)
 	case record_parameter: return Class::parameter;
 	case record_detail: return record.body.starts_with("httpStatus: ") ? Class::sum : Class::text;
 	case record_service_error: return Class::text;
+	// The sums of an action of many statements are what it is kept for.
+	case record_details: return record.body.size() <= most_details_bytes ? Class::sum : Class::text;
 	case record_sql: return Class::statement;
 	case record_service:
 	case record_component: return Class::call;

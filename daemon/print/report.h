@@ -53,8 +53,9 @@ struct StatementGroup {
 	SqlStatement slowest;
 	std::string stack, plan;      // of the slowest that has one
 	std::set<std::string> places; // "file:line" of each that ran it, as far as known
+	std::string first_place;      // of them the one that ran it first
 
-	// Where the slowest with a stack was run; "" when no stack came.
+	// Where the slowest with a stack was run, else where it ran first; "" when neither came.
 	std::string place() const;
 };
 // Groups, those with most time first.

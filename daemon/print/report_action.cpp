@@ -15,13 +15,13 @@ constexpr size_t message_lines = 20;
 // "database 40 ms (33%), code 80 ms (67%)": the parts that took time.
 std::string parts_text(const ActionRow &row)
 {
-	const std::pair<const char *, int64_t> parts[] = {{"database", row.database_ms}, {"caches", row.cache_ms},
-		{"outgoing calls", row.external_ms}, {"code", row.code_ms}};
+	const std::pair<const char *, int64_t> parts[] = {{"database", row.database_us()}, {"caches", row.cache_us()},
+		{"outgoing calls", row.external_us()}, {"code", row.code_us()}};
 	std::string text;
-	for (const auto &[name, ms] : parts) {
-		if (ms)
-			text += (text.empty() ? "" : ", ") + std::string(name) + " " + duration_text(ms) + " (" +
-				percent(ms, row.duration_ms) + ")";
+	for (const auto &[name, us] : parts) {
+		if (us)
+			text += (text.empty() ? "" : ", ") + std::string(name) + " " + duration_text((us + 500) / 1000) + " (" +
+				percent(us, row.duration_us()) + ")";
 	}
 	return text;
 }
@@ -35,6 +35,8 @@ void print_head(const StoredAction &shown, Page &page)
 	std::string status = row.status ? ", status " + std::to_string(row.status) : std::string();
 	page.entry("time", local_time(row.received_ms) + ", process " + std::to_string(row.process) + status);
 	if (action.uri) page.entry("URI", *action.uri);
+	if (!action.path.empty() && action.path != action.uri)
+		page.entry("path", action.method + " " + action.host + action.path);
 	page.entry("duration",
 		duration_text(action.duration_ms) + ", CPU " + duration_text(action.cpu_ticks * 1000 / sysconf(_SC_CLK_TCK)));
 	if (auto parts = parts_text(row); !parts.empty()) page.entry("spent in", parts);
@@ -145,11 +147,13 @@ void print_components(const Action &action, Page &page)
 	page.rows({{"TIME", true}, {"OWN", true}, {"COMPONENT", false, true}}, cells, page.most(most_rows));
 }
 
-void print_trace(const std::string &trace, const std::string &title, Page &page)
+void print_trace(
+	const std::string &trace, const std::vector<WholeTraceText> &texts, const std::string &title, Page &page)
 {
 	if (trace.empty()) return;
 	page.section(title + " (ms: from the start, taken)");
 	auto nodes = read_trace(trace);
+	if (nodes) apply_whole_texts(texts, *nodes);
 	if (nodes)
 		page.out += trace_text(*nodes, page.width(), page.full());
 	else
@@ -170,7 +174,7 @@ void print_related(const std::vector<RelatedAction> &related, Page &page)
 	// The other half itself, as far as there is one.
 	for (const auto &[relation, row, trace] : related) {
 		const std::string half = relation == Relation::caller ? "Caller" : "Callee";
-		print_trace(trace, half + ": trace of action " + std::to_string(row.id), page);
+		print_trace(trace, {}, half + ": trace of action " + std::to_string(row.id), page);
 	}
 }
 
@@ -231,7 +235,7 @@ std::string action_text(const StoredAction &shown, const std::vector<RelatedActi
 	print_caches(shown.action, page);
 	print_calls(shown.action, page);
 	print_components(shown.action, page);
-	print_trace(shown.action.trace, "Trace", page);
+	print_trace(shown.action.trace, shown.action.trace_texts, "Trace", page);
 	print_related(related, page);
 	print_rest(shown.action, page);
 	return std::move(page.out);

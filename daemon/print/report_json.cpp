@@ -23,12 +23,23 @@ Json error_json(const std::optional<ErrorInfo> &error)
 		{"stack", embedded(error->stack)}};
 }
 
+Json figures_json(const std::optional<ExactFigures> &exact)
+{
+	if (!exact) return nullptr;
+	auto number = [](const std::optional<int64_t> &value) { return value ? Json(*value) : Json(); };
+	return {{"duration_us", exact->duration_us}, {"database_us", exact->database_us}, {"cache_us", exact->cache_us},
+		{"external_us", exact->external_us}, {"waited_us", number(exact->waited_us)}, {"statements", exact->statements},
+		{"cache_operations", exact->cache_operations}, {"calls", exact->calls}, {"user_us", exact->user_us},
+		{"system_us", exact->system_us}, {"peak_memory_bytes", exact->peak_memory}, {"output_bytes", exact->output},
+		{"exit_status", number(exact->exit_status)}};
+}
+
 Json statements_json(const Action &action)
 {
 	Json list = Json::array();
 	for (const SqlStatement &sql : action.statements) {
 		list.push_back({{"duration_ms", sql.duration_ms}, {"vendor", sql.vendor}, {"statement", sql.statement},
-			{"stack", embedded(sql.stack)}, {"plan", embedded(sql.plan)}});
+			{"place", sql.place}, {"stack", embedded(sql.stack)}, {"plan", embedded(sql.plan)}});
 	}
 	return list;
 }
@@ -120,6 +131,10 @@ Json action_json(const StoredAction &shown, const std::vector<RelatedAction> &re
 	value["failed_calls"] = failed_calls_json(action);
 	value["components"] = components_json(action);
 	value["trace"] = embedded(action.trace);
+	value["method"] = action.method;
+	value["host"] = action.host;
+	value["script"] = action.script;
+	value["figures"] = figures_json(action.exact);
 	value["details"] = pairs_json(action.details);
 	value["parameters"] = pairs_json(action.parameters);
 	const LeftOut &left_out = action.left_out;

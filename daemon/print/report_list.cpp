@@ -22,6 +22,7 @@ constexpr ListColumn list_columns[] = {
 	{"ACTION", false, 0},
 	{"TOOK", true, 7},
 	{"DB", true, 4},
+	{"SQL", true, 4},
 	{"CACHE", true, 5},
 	{"EXT", true, 4},
 	{"CODE", true, 4},
@@ -43,12 +44,28 @@ bool same_day(int64_t a_ms, int64_t b_ms)
 	return local_time(a_ms).substr(0, 10) == local_time(b_ms).substr(0, 10);
 }
 
+// Names have "%2F" for "/" and "*" for a run of digits: what stands between those is looked for.
+bool name_holds_path(std::string_view name, std::string_view path)
+{
+	size_t at = 0;
+	while (!path.empty()) {
+		size_t plain = std::min(path.find_first_of("/0123456789"), path.size());
+		size_t found = name.find(path.substr(0, plain), at);
+		if (found == std::string_view::npos) return false;
+		at = found + plain;
+		path.remove_prefix(std::min(path.size(), plain + 1));
+	}
+	return true;
+}
+
 std::vector<std::string> cells_of(const ActionRow &row, const std::string &time)
 {
-	auto share = [&row](int64_t ms) { return percent(ms, row.duration_ms); };
-	return {std::to_string(row.id), time, printable(row.application),
-		row.name.empty() ? "(no name)" : printable(row.name), duration_text(row.duration_ms), share(row.database_ms),
-		share(row.cache_ms), share(row.external_ms), share(row.code_ms),
+	auto share = [&row](int64_t us) { return percent(us, row.duration_us()); };
+	std::string name = row.name.empty() ? "(no name)" : printable(row.name);
+	if (!row.path.empty() && !name_holds_path(row.name, row.path)) name += "  " + printable(row.path);
+	return {std::to_string(row.id), time, printable(row.application), name, duration_text(row.duration_ms),
+		share(row.database_us()), row.exact ? std::to_string(row.exact->statements) : "-", share(row.cache_us()),
+		share(row.external_us()), share(row.code_us()),
 		(row.status ? std::to_string(row.status) : "-") + (row.error ? " ERROR" : "")};
 }
 
@@ -110,6 +127,12 @@ Json action_summary(const ActionRow &row)
 		{"cache_ms", row.cache_ms},
 		{"external_ms", row.external_ms},
 		{"code_ms", row.code_ms},
+		{"database_us", row.database_us()},
+		{"cache_us", row.cache_us()},
+		{"external_us", row.external_us()},
+		{"code_us", row.code_us()},
+		{"statement_count", row.exact ? Json(row.exact->statements) : Json()},
+		{"path", row.path.empty() ? Json() : Json(row.path)},
 		{"status", row.status ? Json(row.status) : Json()},
 		{"has_error", row.error},
 		{"process", row.process},

@@ -36,6 +36,7 @@ void print_group(const StatementGroup &group, Page &page)
 	if (group.count > 1)
 		times = std::to_string(group.count) + " times, " + times + " together, slowest " +
 			duration_text(slowest.duration_ms);
+	if (group.count > 1 && group.total_ms == 0) times = std::to_string(group.count) + " times, each under 1 ms";
 	page.entry(slowest.vendor.empty() ? "statement" : slowest.vendor, times);
 	page.entry("", group.count > 1 ? group.kind : slowest.statement);
 	if (std::string place = group.place(); !place.empty()) {
@@ -60,7 +61,8 @@ std::vector<StatementGroup> ungrouped(const std::vector<SqlStatement> &statement
 
 std::string StatementGroup::place() const
 {
-	return place_of(stack);
+	std::string of_stack = place_of(stack);
+	return of_stack.empty() ? first_place : of_stack;
 }
 
 std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &statements)
@@ -70,7 +72,7 @@ std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &st
 	for (const SqlStatement &sql : statements) {
 		std::string kind = normalise_sql(sql.statement, sql.vendor);
 		auto [index, is_new] = indexes.try_emplace({sql.vendor, kind}, groups.size());
-		if (is_new) groups.push_back({kind, 0, 0, sql, {}, {}, {}});
+		if (is_new) groups.push_back({kind, 0, 0, sql, {}, {}, {}, {}});
 		StatementGroup &group = groups[index->second];
 		bool slowest = is_new || sql.duration_ms > group.slowest.duration_ms;
 		if (slowest) group.slowest = sql;
@@ -78,10 +80,12 @@ std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &st
 		group.total_ms += sql.duration_ms;
 		if (!sql.stack.empty() && (slowest || group.stack.empty())) group.stack = sql.stack;
 		if (!sql.plan.empty() && (slowest || group.plan.empty())) group.plan = sql.plan;
-		if (std::string place = place_of(sql.stack); !place.empty()) group.places.insert(place);
+		std::string place = sql.place.empty() ? place_of(sql.stack) : sql.place;
+		if (group.first_place.empty()) group.first_place = place;
+		if (!place.empty()) group.places.insert(place);
 	}
-	std::stable_sort(
-		groups.begin(), groups.end(), [](const auto &a, const auto &b) { return a.total_ms > b.total_ms; });
+	std::stable_sort(groups.begin(), groups.end(),
+		[](const auto &a, const auto &b) { return std::pair(a.total_ms, a.count) > std::pair(b.total_ms, b.count); });
 	return groups;
 }
 

@@ -9,11 +9,13 @@ void ActionSums::add(const ActionRow &row)
 {
 	Sum &sum = sums_[{row.application, row.name}];
 	sum.row.errors += row.error;
-	sum.row.total_ms += row.duration_ms;
-	sum.row.database_ms += row.database_ms;
-	sum.row.cache_ms += row.cache_ms;
-	sum.row.external_ms += row.external_ms;
-	sum.row.code_ms += row.code_ms;
+	sum.row.total_us += row.duration_us();
+	sum.row.database_us += row.database_us();
+	sum.row.cache_us += row.cache_us();
+	sum.row.external_us += row.external_us();
+	sum.row.code_us += row.code_us();
+	sum.row.counted += row.exact.has_value();
+	sum.row.statements += row.exact ? row.exact->statements : 0;
 	sum.durations_ms.push_back(row.duration_ms);
 }
 
@@ -29,7 +31,7 @@ std::vector<SumRow> ActionSums::sorted()
 		row.p95_ms = percentile(sum.durations_ms, 95);
 	}
 	std::stable_sort(
-		rows.begin(), rows.end(), [](const SumRow &a, const SumRow &b) { return a.total_ms > b.total_ms; });
+		rows.begin(), rows.end(), [](const SumRow &a, const SumRow &b) { return a.total_us > b.total_us; });
 	return rows;
 }
 

@@ -71,10 +71,21 @@ CREATE TABLE dropped (minute_ms INTEGER, application TEXT, reason TEXT, count IN
   PRIMARY KEY (minute_ms, application, reason)) WITHOUT ROWID;
 )sql";
 
+// Of actions whose packet has a details record: figures before they were cut, and the path of the request.
+constexpr const char *exact_figures = R"sql(
+ALTER TABLE action ADD COLUMN duration_us INTEGER;
+ALTER TABLE action ADD COLUMN database_us INTEGER;
+ALTER TABLE action ADD COLUMN cache_us INTEGER;
+ALTER TABLE action ADD COLUMN external_us INTEGER;
+ALTER TABLE action ADD COLUMN statements INTEGER;
+ALTER TABLE action ADD COLUMN path TEXT;
+)sql";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
 	{3, what_was_dropped},
+	{4, exact_figures},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

@@ -70,6 +70,15 @@ struct ActionRow {
 	int64_t duration_ms = 0, database_ms = 0, cache_ms = 0, external_ms = 0, code_ms = 0;
 	int64_t status = 0; // 0 for a command-line run
 	bool error = false;
+	std::optional<ExactFigures> exact; // of them the times of the layers and the statements
+	std::string path;                  // of the request, or ""
+
+	// Microseconds: exact, or the milliseconds above.
+	int64_t duration_us() const { return exact ? exact->duration_us : duration_ms * 1000; }
+	int64_t database_us() const { return exact ? exact->database_us : database_ms * 1000; }
+	int64_t cache_us() const { return exact ? exact->cache_us : cache_ms * 1000; }
+	int64_t external_us() const { return exact ? exact->external_us : external_ms * 1000; }
+	int64_t code_us() const { return exact ? exact->code_us() : code_ms * 1000; }
 };
 
 struct StoredAction {
@@ -81,8 +90,9 @@ struct StoredAction {
 struct SumRow {
 	std::string application, name;
 	int64_t count = 0, errors = 0;
-	int64_t total_ms = 0, database_ms = 0, cache_ms = 0, external_ms = 0, code_ms = 0;
+	int64_t total_us = 0, database_us = 0, cache_us = 0, external_us = 0, code_us = 0;
 	int64_t p50_ms = 0, p95_ms = 0; // durations that half and 95 % of them did not exceed
+	int64_t statements = 0, counted = 0; // of those actions that tell their number
 };
 
 struct ApplicationRow {

@@ -12,8 +12,8 @@ namespace {
 
 #define ROW_COLUMNS                                                                                                   \
 	"id, received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, " \
-	"error"
-constexpr int packet_column = 12; // after those
+	"error, duration_us, database_us, cache_us, external_us, statements, path"
+constexpr int packet_column = 18; // after those
 
 // The filter's parameters; ?5 is the first that is free.
 #define FILTERED \
@@ -35,6 +35,14 @@ ActionRow row_of(Statement &select)
 	row.code_ms = select.integer(9);
 	row.status = select.integer(10);
 	row.error = select.integer(11) != 0;
+	if (select.is_null(12)) return row;
+	ExactFigures &exact = row.exact.emplace();
+	exact.duration_us = select.integer(12);
+	exact.database_us = select.integer(13);
+	exact.cache_us = select.integer(14);
+	exact.external_us = select.integer(15);
+	exact.statements = select.integer(16);
+	row.path = select.text(17);
 	return row;
 }
 

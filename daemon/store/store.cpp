@@ -17,7 +17,8 @@ namespace {
 
 constexpr const char *insert_action_sql = R"sql(
 INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, error,
-  transaction_id, tracer_id, packet, id) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
+  transaction_id, tracer_id, packet, id, duration_us, database_us, cache_us, external_us, statements, path)
+  VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
 
 constexpr const char *insert_event_sql =
 	"INSERT INTO profile_event (received_ms, application, thread, packet, id) VALUES (?,?,?,?,?)";
@@ -142,6 +143,11 @@ void Store::add_action(const StoredPacket &packet)
 	insert_action_.bind(11, int64_t{action->error.has_value()});
 	if (!action->transaction_id.empty()) insert_action_.bind(12, column_text(action->transaction_id));
 	if (!action->tracer_id.empty()) insert_action_.bind(13, column_text(action->tracer_id));
+	if (const auto &exact = action->exact) {
+		insert_action_.bind(16, exact->duration_us).bind(17, exact->database_us).bind(18, exact->cache_us);
+		insert_action_.bind(19, exact->external_us).bind(20, exact->statements);
+		if (!action->path.empty()) insert_action_.bind(21, column_text(action->path));
+	}
 	insert_action_.bind_blob(14, body).bind(15, action_ids_.next()).run();
 	packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
 }

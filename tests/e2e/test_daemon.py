@@ -97,3 +97,25 @@ def test_a_profile_shows_the_calls_of_an_application(real):
             assert "deep" in profile.stdout.read() and profile.returncode == 0
         finally:
             profile.kill()
+
+
+def test_many_quick_statements_show_their_share_and_their_line(real):
+    """The commonest fault of applications, with settings untouched: 800 statements that take no millisecond each."""
+    real.php("""function product($db, $id) {
+    return $db->query("WITH RECURSIVE n(i) AS (SELECT $id UNION ALL SELECT i + 1 FROM n LIMIT 200) SELECT sum(i) FROM n");
+}
+$db = new PDO('sqlite::memory:');
+$page = microtime(true);
+$spent = 0;
+for ($i = 0; $i < 800; $i++) {
+    $begin = microtime(true); product($db, $i); $spent += microtime(true) - $begin;
+}
+file_put_contents(__DIR__ . '/share', 100 * $spent / (microtime(true) - $page));""")
+    real.reports(1)
+    newest, = real.shown()
+    shown, own = real.command("show", str(newest["id"])), float((real.site.docroot / "share").read_text())
+    share = 100 * newest["database_us"] / (newest["database_us"] + newest["code_us"])
+    assert newest["statement_count"] == 800 and re.search(r"SQLite +800 times, (each under 1 ms|\d+ ms together)", shown), shown
+    assert f"run at      {real.site.docroot}/job.php:2\n" in shown, shown
+    printed, = re.findall(r"database .* ?ms \((\d+)%\)", shown)
+    assert abs(int(printed) - share) <= 1

@@ -47,10 +47,10 @@ TEST(Text, ReadsTimesWithTheirUnits) {
 }
 
 TEST(Top, TellsSharesOfTheTimeOfAllActions) {
-  EXPECT_EQ(top_text({{"Other", "cart", 1, 0, 12345, 0, 2345, 5000, 5000, 12345, 12345}, {"Shop", "cart", 100, 3, 5050, 1000, 0, 0, 4050, 50, 95}}, 100),
-            "COUNT  ERRORS     P50     P95   DB  CACHE  EXT  CODE  APPLICATION  ACTION\n"
-            "    1       0  12.3 s  12.3 s   0%    19%  41%   41%  Other        cart\n"
-            "  100       3   50 ms   95 ms  20%     0%   0%   80%  Shop         cart\n");
+  EXPECT_EQ(top_text({{"Other", "cart", 1, 0, 12345999, 7400000, 999, 0, 4945000, 12345, 12345, 800, 1}, {"Shop", "cart", 100, 3, 5050000, 1000000, 0, 0, 4050000, 50, 95}}, 100),
+            "COUNT  ERRORS     P50     P95   DB  SQL  CACHE  EXT  CODE  APPLICATION  ACTION\n"
+            "    1       0  12.3 s  12.3 s   60%  800     0%   0%   40%  Other        cart\n"
+            "  100       3   50 ms   95 ms  20%    -     0%   0%   80%  Shop         cart\n");
 }
 
 TEST(List, FitsByShorteningNamesInTheMiddle) {
@@ -59,7 +59,7 @@ TEST(List, FitsByShorteningNamesInTheMiddle) {
   for (size_t width : {100, 130, 200}) {
     std::string text = action_table({row}, width, 0);
     EXPECT_EQ(text_width(text.substr(text.find('\n') + 1)), width + 1) << text;
-    EXPECT_NE(text.find("n/cart  120 ms  50%     0%  25%   25%  500 ERROR\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("n/cart  120 ms  50%    -     0%  25%   25%  500 ERROR\n"), std::string::npos) << text;
     EXPECT_EQ(text_width(tail_line(row, width, 0)), width + 1) << tail_line(row, width, 0);
   }
   row.application = "Shop";
