@@ -73,6 +73,15 @@ int zq_callback_works(const char *name TSRMLS_DC);
 /* Registers the shutdown function, and for a monitored caller the header callback, of this request. */
 void register_transaction_callback(TSRMLS_D);
 
+/* ---- the request's URI (header only) ------------------------------------------------------------------------------
+ */
+/* What names, rules, the URL filter and the report take for it: of the server API, or the path that the client asked
+ * for when the configuration says so. Borrowed; null when there is none. */
+static inline const char *zq_request_uri(TSRMLS_D)
+{
+	return ZQG(request_path) ? ZQG(request_path) : SG(request_info).request_uri;
+}
+
 /* ---- the script's memory limit (header only) --------------------------------------------------------------------- */
 /* What the agent builds must not be what trips it. A bailout in between is no harm: the engine puts the limit back. */
 static inline void zq_lift_memory_limit(TSRMLS_D)

@@ -95,8 +95,8 @@ void append_identity(smart_str *p TSRMLS_DC)
 	if (ZQG(action_name)) {
 		append_text_record(p, ZQ_RE_ACTION_NAME, ZQG(action_name));
 	}
-	if (!g_cli && SG(request_info).request_uri) {
-		append_text_record(p, ZQ_RE_URI, SG(request_info).request_uri);
+	if (!g_cli && zq_request_uri(TSRMLS_C)) {
+		append_text_record(p, ZQ_RE_URI, zq_request_uri(TSRMLS_C));
 	}
 }
 

@@ -65,7 +65,7 @@ static const char *rule_value(void *context, enum zq_naming_source source, const
 /* Name by the configured rules, request memory; null when none applies. */
 static char *name_by_rules(TSRMLS_D)
 {
-	zq_naming_request request = {SG(request_info).request_uri, SG(request_info).request_method, rule_value, tsrm_ls};
+	zq_naming_request request = {zq_request_uri(TSRMLS_C), SG(request_info).request_method, rule_value, tsrm_ls};
 	const char *invalid_at = NULL;
 	char *volatile by_rule = NULL;
 	volatile int bailed_out = 0;
@@ -147,6 +147,39 @@ static const char *script_file(TSRMLS_D)
 	return file && Z_TYPE_P(file) == IS_STRING ? Z_STRVAL_P(file) : NULL;
 }
 
+/* Clients choose paths. So that they cannot make names without end, a process gives these many; two of one hash count
+ * once. */
+static const unsigned most_path_names = 1000;
+static const unsigned path_name_slots = 2048; /* a power of two */
+static uint64 g_path_names[path_name_slots];  /* hashes, 0: free; behind the lock, as the two below */
+static unsigned g_path_name_count;
+static int g_more_paths_logged;
+
+/* 1 when the name has been given before or is among the first. */
+static int admit_path_name(std::string_view name)
+{
+	uint64 hash = zq_name_hash(name.data(), name.size()) | 1;
+	unsigned at = (unsigned)(hash >> 1) & (path_name_slots - 1);
+	sigset_t saved;
+	zq_lock(&saved);
+	while (g_path_names[at] && g_path_names[at] != hash) {
+		at = (at + 1) & (path_name_slots - 1);
+	}
+	int admitted = g_path_names[at] == hash || g_path_name_count < most_path_names;
+	if (admitted && !g_path_names[at]) {
+		g_path_names[at] = hash;
+		g_path_name_count++;
+	}
+	int tell = !admitted && !g_more_paths_logged;
+	g_more_paths_logged |= tell;
+	zq_unlock(&saved);
+	if (tell) {
+		ZQ_LOG(ZQ_LOG_WARNING, "more than %u names made of paths in this process, further ones are %s", most_path_names,
+			ZQ_MORE_PATHS);
+	}
+	return admitted;
+}
+
 void init_action_name(TSRMLS_D)
 {
 	if (ZQG(naming_rules)) {
@@ -157,10 +190,14 @@ void init_action_name(TSRMLS_D)
 			return;
 		}
 	}
-	const char *uri = SG(request_info).request_uri;
+	const char *uri = zq_request_uri(TSRMLS_C);
 	zq_uri_naming naming = {uri ? uri : "", ZQG(auto_action_naming), NULL, ZQG(web_action_uri_params_captured)};
 	naming.script = naming.automatic ? script_file(TSRMLS_C) : NULL;
 	smart_str name = {NULL, 0, 0};
 	zq_append_uri_name(&name, naming, captured_params{tsrm_ls});
+	if (ZQG(request_path) && zq_view(&name).starts_with("WebAction/URI/") && !admit_path_name(zq_view(&name))) {
+		zq_buffer_free(&name);
+		zq_append_text(&name, ZQ_MORE_PATHS);
+	}
 	zq_set_action_name(zq_buffer_text(&name), ZQ_NAME_URI TSRMLS_CC);
 }

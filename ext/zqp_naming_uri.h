@@ -40,6 +40,65 @@ void zq_append_clean_path(Buffer *name, std::string_view path)
 	}
 }
 
+/* Where a process that takes paths for URIs has given names to as many as it may. */
+#define ZQ_MORE_PATHS "WebAction/URI/(more paths)"
+
+/* The value of two hexadecimal digits, -1 for anything else. */
+static inline int zq_hex_byte(const char *digits)
+{
+	int value = 0;
+	for (int i = 0; i < 2; i++) {
+		char ch = zq_ascii_lower(digits[i]);
+		int digit = ch >= '0' && ch <= '9' ? ch - '0' : ch >= 'a' && ch <= 'f' ? ch - 'a' + 10 : -1;
+		if (digit < 0) {
+			return -1;
+		}
+		value = value * 16 + digit;
+	}
+	return value;
+}
+
+/* The path of a request target as web servers hand it on: without scheme, host and query, decoded but for "%00" and
+ * "%2F", repeated slashes as one, "." and ".." resolved. Ends with a NUL in `path`, which has room for two bytes more
+ * than `target` is long. */
+static inline void zq_clean_request_path(const char *target, char *path)
+{
+	const char *host = target[0] == '/' ? NULL : strstr(target, "://");
+	if (host && host < target + strcspn(target, "?")) {
+		target = host + 3 + strcspn(host + 3, "/?");
+	}
+	char *end = path;
+	*end++ = '/';
+	char *segment = end; /* where the last one begins */
+	for (;; target++) {
+		int byte = *target == '%' ? zq_hex_byte(target + 1) : -1;
+		int ends = !*target || *target == '?' || *target == '/';
+		if (ends) {
+			size_t len = (size_t)(end - segment);
+			if (len == 1 && segment[0] == '.') {
+				end = segment;
+			} else if (len == 2 && segment[0] == '.' && segment[1] == '.') {
+				end = segment;
+				while (end > path + 1 && (end == segment || end[-1] != '/')) {
+					end--;
+				}
+			} else if (len && *target == '/') {
+				*end++ = '/';
+			}
+			segment = end;
+			if (*target != '/') {
+				break;
+			}
+		} else if (byte > 0 && byte != '/') {
+			*end++ = (char)byte;
+			target += 2;
+		} else {
+			*end++ = *target;
+		}
+	}
+	*end = '\0';
+}
+
 /* ---- captured parameters ---- */
 
 /* Takes the next piece off `rest`: what is between separators, without leading bytes of 128 and above, and not

@@ -42,7 +42,8 @@ struct zq_app_config {
 	int resource_low;
 	int resource_high;
 	int resource_safe;
-	int details_wanted; /* the packet ends with the details record */
+	int details_wanted;   /* the packet ends with the details record */
+	int uri_from_request; /* CGI and FPM: the path that the client asked for is the URI */
 };
 
 /* How a setting's text becomes its field. */
@@ -106,6 +107,7 @@ inline constexpr auto zq_setting_table = std::to_array<zq_setting_row>({
 	SETTING("zqs.profile_end_time", SECONDS, profile_end_time),
 	SETTING("zqs.resource.used", NUMBER, resource_used),
 	SETTING("zqs.details", ASKED, details_wanted),
+	SETTING("zqs.uri_from_request", ASKED, uri_from_request),
 });
 #undef SETTING
 

@@ -64,12 +64,13 @@ struct zend_zqprof_globals : zq_app_config { /* whose texts are request copies o
 	char *transaction_curl_response_data; /* request */
 	char *transaction_req_id;             /* request */
 
+	char *request_path;         /* request; null: the server API's own URI counts */
 	struct zq_details *details; /* request; null: the daemon does not ask for them */
-	int request_open;   /* between request start and request end: request memory may be kept */
-	pid_t daemon_pid;   /* process that opened daemon_sock: a forked child must not use its parent's stream */
-	ino_t daemon_inode; /* of daemon_sock: the number alone may be another file's by now */
-	char *license_copy; /* thread */
-	int in_agent_call;  /* > 0 while the agent itself calls PHP code: the hooks pass everything through */
+	int request_open;           /* between request start and request end: request memory may be kept */
+	pid_t daemon_pid;           /* process that opened daemon_sock: a forked child must not use its parent's stream */
+	ino_t daemon_inode;         /* of daemon_sock: the number alone may be another file's by now */
+	char *license_copy;         /* thread */
+	int in_agent_call;          /* > 0 while the agent itself calls PHP code: the hooks pass everything through */
 	unsigned component_generation; /* counts the times `components` was emptied: guards stale element pointers */
 	size_t recorded_sql_bytes;     /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
 	size_t recorded_webservice_bytes;

@@ -73,8 +73,8 @@ int performance_pdo_construct(zq_stack_data *call, uint64 begin, uint64 end TSRM
 /* Vendor of a data source name; null when it is none that is known. Static text. */
 const char *zq_pdo_vendor(const char *dsn);
 
-/* While details are kept: the driver behind the PDO object, or the PDOStatement, of a call; null when it cannot be told. Borrowed from the
- * driver's module. */
+/* While details are kept: the driver behind the PDO object, or the PDOStatement, of a call; null when it cannot be
+ * told. Borrowed from the driver's module. */
 const void *zq_pdo_driver_of_connection(const zq_stack_data *call TSRMLS_DC);
 const void *zq_pdo_driver_of_statement(const zq_stack_data *call TSRMLS_DC);
 /* Its vendor, or its own name when the vendor is not known. Borrowed from the driver's module. */

@@ -11,6 +11,7 @@
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_naming.h"
+#include "zqp_naming_uri.h"
 #include "zqp_nosql.h"
 #include "zqp_process_memory.h"
 #include "zqp_tracer.h"
@@ -92,6 +93,7 @@ static void clear_request_fields(zend_zqprof_globals *g)
 	g->transaction_id = g->transaction_curl_response_data = g->transaction_req_id = NULL;
 	g->own_curl_callbacks = NULL;
 	g->details = NULL;
+	g->request_path = NULL;
 	g->in_agent_call = 0;
 	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
 	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
@@ -268,11 +270,28 @@ static void start_web_action(TSRMLS_D)
 	register_transaction_callback(TSRMLS_C);
 }
 
+/* Under CGI and FPM a front controller's URI is its own for every page: the configuration may ask for the path instead.
+ */
+static void take_request_path(TSRMLS_D)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	int is_cgi = strcmp(sapi_module.name, "cgi-fcgi") == 0 || strcmp(sapi_module.name, "fpm-fcgi") == 0;
+	const char *asked = g->uri_from_request && is_cgi ? SERVER_TEXT("REQUEST_URI") : NULL;
+	if (asked && *asked) {
+		g->request_path = (char *)emalloc(strlen(asked) + 2);
+		zq_clean_request_path(asked, g->request_path);
+	}
+}
+
 /* The decisions, in their order; 0 as soon as one leaves the request unmonitored. */
 static int accept_request(const char *uri TSRMLS_DC)
 {
 	int accepted = g_cli ? accept_command_line(uri TSRMLS_CC) : accept_web(uri TSRMLS_CC);
-	return accepted && accept_configuration(TSRMLS_C) && accept_load(TSRMLS_C) && accept_url(uri TSRMLS_CC);
+	if (!accepted || !accept_configuration(TSRMLS_C) || !accept_load(TSRMLS_C)) {
+		return 0;
+	}
+	take_request_path(TSRMLS_C);
+	return accept_url(g_cli ? uri : zq_request_uri(TSRMLS_C) TSRMLS_CC);
 }
 
 static void activate(TSRMLS_D)
@@ -435,6 +454,7 @@ static void release_request(TSRMLS_D)
 	free_table(&g->own_curl_callbacks);
 	free_text(&g->transaction_req_id);
 	zq_details_end(TSRMLS_C);
+	free_text(&g->request_path);
 	zq_free_config_copies(TSRMLS_C);
 	free_text(&g->app_name);
 	g->component_generation++;

@@ -23,6 +23,7 @@ struct NamesOptions {
 	std::string application = "*"; // whose settings; "*" are those of applications without a section
 	std::string settings;          // the file; "" for the daemon's applications.conf
 	std::string script = "/index.php";
+	bool fpm = false; // requests come by CGI or FPM
 	size_t most = 20;
 };
 
@@ -43,7 +44,7 @@ int names(const DaemonConfig &config, const NamesOptions &options)
 	std::string path = options.settings.empty() ? config.applications_file() : options.settings;
 	Applications applications = parse_applications(read_file(path));
 	for (const std::string &problem : applications.problems) fprintf(stderr, "%s %s\n", path.c_str(), problem.c_str());
-	Namer namer(settings_of(applications, options.application), options.script);
+	Namer namer(settings_of(applications, options.application), options.script, options.fpm);
 	NameCounts counts = count_file(options.requests, namer);
 	put(names_text(counts, options.most, terminal_width(), options.script));
 	auto invalid = namer.invalid_rules();
@@ -67,6 +68,7 @@ CommandRun add_names(CLI::App &command)
 	command.add_option("--settings", options->settings, "a settings file instead of the daemon's applications.conf");
 	command.add_option("--script", options->script, "the file that is run for URIs without \".php\"")
 		->capture_default_str();
+	command.add_flag("--fpm", options->fpm, "requests come by CGI or FPM, not by Apache's module");
 	command.add_option("-n", options->most, "how many names")->check(CLI::Range(1, 1000000))->capture_default_str();
 	return [options](const DaemonConfig &config) { return names(config, *options); };
 }

@@ -72,27 +72,36 @@ const char *by_word(NamedBy by)
 
 } // namespace
 
-Namer::Namer(const Settings &settings, std::string script) : script_(std::move(script))
+Namer::Namer(const Settings &settings, std::string script, bool fpm) : script_(std::move(script))
 {
 	auto setting = [&](const char *key) {
 		auto found = settings.find(key);
 		return found == settings.end() ? std::string() : found->second;
 	};
 	rules_ = setting("zqs.naming.rules");
+	by_script_uri_ = fpm && zq_str_to_int(setting("zqs.uri_from_request").c_str()) == 0;
 	captured_ = setting("zqs.web_action_uri_params_captured");
 	automatic_ =
 		!settings.contains("zqs.auto_action_naming") || zq_str_to_int(setting("zqs.auto_action_naming").c_str()) != 0;
 }
 
+// What the agent takes for the request's URI.
+std::string Namer::uri_of(const SampleRequest &request) const
+{
+	if (!by_script_uri_) return request.path;
+	const char *path = request.path.c_str();
+	if (const char *end = zq_php_pos(path, static_cast<int>(request.path.size()))) return {path, end};
+	return "/" + script_.substr(script_.find_last_of('/') + 1);
+}
+
 GivenName Namer::name(const SampleRequest &request) const
 {
-	zq_naming_request seen = {
-		request.path.c_str(), request.method.c_str(), rule_value, const_cast<SampleRequest *>(&request)};
+	const std::string uri = uri_of(request);
+	zq_naming_request seen = {uri.c_str(), request.method.c_str(), rule_value, const_cast<SampleRequest *>(&request)};
 	const char *invalid_at = nullptr;
 	MallocedText by_rule(get_name_by_rules(rules_.c_str(), &seen, &invalid_at), free);
 	if (by_rule) return {by_rule.get(), NamedBy::rule};
-	zq_uri_naming naming = {
-		request.path.c_str(), automatic_, script_.c_str(), captured_.empty() ? nullptr : captured_.c_str()};
+	zq_uri_naming naming = {uri.c_str(), automatic_, script_.c_str(), captured_.empty() ? nullptr : captured_.c_str()};
 	NameBuffer name;
 	zq_append_uri_name(&name, naming, CapturedParameters{request});
 	name.text.resize(std::min(name.text.size(), ZQ_NAME_SIZE));

@@ -36,7 +36,9 @@ struct GivenName {
 class Namer {
 public:
 	// `script` is the file that the server runs for URIs that do not name one.
-	Namer(const Settings &settings, std::string script);
+	// `fpm`: the server hands on the script's own URI, as it is under CGI and FPM behind a front controller, unless the
+	// settings ask for the path.
+	Namer(const Settings &settings, std::string script, bool fpm = false);
 
 	GivenName name(const SampleRequest &request) const;
 
@@ -44,7 +46,10 @@ public:
 	std::optional<std::string> invalid_rules() const;
 
 private:
+	std::string uri_of(const SampleRequest &request) const;
+
 	std::string rules_, captured_, script_;
+	bool by_script_uri_;
 	bool automatic_;
 };
 

@@ -1,6 +1,7 @@
 // Requests as access logs and lists write them.
 #include "ask/naming.h"
 
+#include "zqp_naming_uri.h"
 #include "zqp_text.h"
 
 #include <algorithm>
@@ -52,13 +53,13 @@ std::vector<std::string> quoted_parts(std::string_view line)
 	return parts;
 }
 
-std::string url_decode(std::string_view text, bool plus_is_blank)
+std::string url_decode(std::string_view text)
 {
 	std::string out;
 	for (size_t i = 0; i < text.size(); i++) {
 		int byte = text[i] == '%' ? hex_byte(text.substr(i + 1, 2)) : -1;
 		if (byte >= 0) i += 2;
-		out += byte >= 0 ? static_cast<char>(byte) : plus_is_blank && text[i] == '+' ? ' ' : text[i];
+		out += byte >= 0 ? static_cast<char>(byte) : text[i] == '+' ? ' ' : text[i];
 	}
 	return out;
 }
@@ -71,7 +72,7 @@ SampleRequest::Parameters parse_query(std::string_view query)
 		std::string_view pair = query.substr(0, query.find('&'));
 		query.remove_prefix(std::min(query.size(), pair.size() + 1));
 		size_t equals = std::min(pair.find('='), pair.size());
-		std::string name = url_decode(pair.substr(0, equals), true);
+		std::string name = url_decode(pair.substr(0, equals));
 		name.erase(0, name.find_first_not_of(' '));
 		name.resize(strlen(name.c_str()));
 		size_t bracket = name.find('[');
@@ -82,7 +83,7 @@ SampleRequest::Parameters parse_query(std::string_view query)
 		if (is_array)
 			found[name] = std::nullopt;
 		else
-			found[name] = url_decode(pair.substr(std::min(equals + 1, pair.size())), true);
+			found[name] = url_decode(pair.substr(std::min(equals + 1, pair.size())));
 	}
 	return found;
 }
@@ -98,7 +99,9 @@ bool parse_request(std::string_view text, SampleRequest *request)
 	std::string_view uri = text.substr(0, text.find(' '));
 	if (uri.empty() || uri[0] != '/') return false;
 	size_t question = std::min(uri.find('?'), uri.size());
-	request->path = url_decode(uri.substr(0, question), false);
+	std::string path(uri.size() + 2, '\0');
+	zq_clean_request_path(std::string(uri).c_str(), path.data());
+	request->path = path.c_str();
 	request->query = parse_query(uri.substr(std::min(question + 1, uri.size())));
 	return true;
 }

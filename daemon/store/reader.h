@@ -91,7 +91,7 @@ struct SumRow {
 	std::string application, name;
 	int64_t count = 0, errors = 0;
 	int64_t total_us = 0, database_us = 0, cache_us = 0, external_us = 0, code_us = 0;
-	int64_t p50_ms = 0, p95_ms = 0; // durations that half and 95 % of them did not exceed
+	int64_t p50_ms = 0, p95_ms = 0;      // durations that half and 95 % of them did not exceed
 	int64_t statements = 0, counted = 0; // of those actions that tell their number
 };
 

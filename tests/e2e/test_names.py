@@ -97,6 +97,38 @@ def test_the_dry_run_gives_the_names_that_the_agent_gives(site, kind, server):
     assert {by for _, by in names.values()} == by - ({"script"} if server is FrontController else set())
 
 
+@pytest.mark.parametrize("asked", ["0", "1"])
+def test_behind_a_front_controller_the_path_names_when_the_configuration_asks(site, asked):
+    """Under FPM every page has the script's URI; the dry run says what either server makes of it."""
+    settings = {"zqs.uri_from_request": asked, "zqs.auto_action_naming": "0", "zqs.urls_captured": "^/index|^/sh.p"}
+    site.daemon.configure(settings)
+    paths = ["/shop/cart/12?a=/b", "//shop/./x/../caf%C3%A9/%2F", "/shop/list.php/7"]
+    fpm = site.serve(engines.Fpm)
+    for path in paths:
+        metric = fpm.get("", env={"SCRIPT_NAME": "/index.php", "REQUEST_URI": path}).metric
+        _, names, _ = dry_run(site, settings, f"GET {path}", "--fpm")
+        assert [metric.action] == list(names) or (asked == "0" and ".php" in path), path
+        assert metric.uri.startswith("/shop/" if asked == "1" else "/index.php"), metric.uri
+        _, apaches, _ = dry_run(site, settings, f"GET {path}")
+        assert ([metric.action] == list(apaches)) == (asked == "1")
+
+
+def test_paths_do_not_make_names_without_end(site):
+    site.daemon.configure({"zqs.uri_from_request": "1", "zqs.auto_action_naming": "0"})
+    server = site.serve(engines.FastCgi)
+    script = site.script("")
+
+    def name(path):
+        site.daemon.forget()
+        server.agent.request(script, path)
+        return site.daemon.wait_metrics()[0].action
+
+    word = lambda i: "".join("abcdefghij"[int(digit)] for digit in str(i))      # digits would be one name
+    names = {name(f"/{word(i)}") for i in range(1, 1004)}
+    assert len(names) == 1001 and "WebAction/URI/(more paths)" in names
+    assert name("/b") == "WebAction/URI/b" and len(site.logged("names made of paths")) == 1
+
+
 def test_the_busiest_names_come_first(site):
     lines = [f"GET /shop/{'abcdef'[i % 6]}{i}" for i in range(12, 200)] + ["GET /cart"] * 500 + ["# GET /comment", ""]
     _, names, printed = dry_run(site, {"zqs.auto_action_naming": "0"}, "\n".join(lines), "-n", 3)
