@@ -169,7 +169,7 @@ static void forsake_counter(zq_clock *clock)
 	clock->span = 0;
 	if (__atomic_exchange_n(&is_trusted, 0, __ATOMIC_RELAXED)) {
 		ZQ_LOG(ZQ_LOG_WARNING,
-			"the time-stamp counter runs off the kernel's clock, which alone keeps the time from now on");
+			"the time-stamp counter drifts from the kernel's clock: from now on the kernel is asked for the time");
 	}
 }
 

@@ -298,7 +298,7 @@ static void discard_strays(TSRMLS_D)
 	if (!discarded) {
 		return;
 	}
-	ZQ_LOG(ZQ_LOG_WARNING, "%zu bytes from the daemon that nobody asked for are thrown away", discarded);
+	ZQ_LOG(ZQ_LOG_WARNING, "discarded %zu bytes from the daemon that nobody asked for", discarded);
 	if (discarded >= strays_max || stream.header_len || stream.body_due) {
 		close_daemon(g->daemon_sock TSRMLS_CC);
 		zq_daemon_socket(1 TSRMLS_CC);
@@ -347,7 +347,7 @@ static void warn_of_pattern(void *context, const char *pattern)
 	if (len) {
 		ZQ_LOG(ZQ_LOG_WARNING, "regular expression looks at the first %zu bytes of a text only: %.1024s", len, pattern);
 	} else {
-		ZQ_LOG(ZQ_LOG_WARNING, "regular expression is not used, since it could take long: %.1024s", pattern);
+		ZQ_LOG(ZQ_LOG_WARNING, "regular expression is not used, because it could take long: %.1024s", pattern);
 	}
 }
 

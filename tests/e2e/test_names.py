@@ -242,5 +242,5 @@ def test_patterns_that_do_not_work_are_told_of_once(site):
     for _ in range(2):
         assert server.get("", "/index.php", env={"SCRIPT_NAME": uri}).monitored
     assert [re.sub(r"\d+ bytes", "N bytes", line) for line in site.logged("WARNING: regular expression ")] == [
-        "looks at the first N bytes of a text only: " + bounded, "is not used, since it could take long: " + refused,
-        "is not used, since it could take long: " + refused + "x"]
+        "looks at the first N bytes of a text only: " + bounded, "is not used, because it could take long: " + refused,
+        "is not used, because it could take long: " + refused + "x"]
