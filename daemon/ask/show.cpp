@@ -6,6 +6,7 @@
 #include "print/report.h"
 #include "store/open_reader.h"
 
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 namespace quorbit {

@@ -1,7 +1,7 @@
 // JSON as agents write it, made fit for a strict parser.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp> // whoever looks into a value includes <nlohmann/json.hpp>, which takes long to compile
 
 #include <optional>
 #include <string>

@@ -3,6 +3,7 @@
 
 #include "base/json_text.h"
 
+#include <nlohmann/json.hpp>
 #include <charconv>
 #include <cstring>
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 
 namespace quorbit {

@@ -2,6 +2,7 @@
 #include "facts/trace.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace quorbit {
 
@@ -34,7 +35,7 @@ void read_parameters(const Json &parameters, TraceNode &node)
 {
 	if (parameters.contains("sql")) node.sql = string_at(parameters, "sql");
 	if (parameters.contains("stacktrace")) node.stack = frames_of(parameters["stacktrace"]);
-	if (parameters.contains("explainPlan")) node.plan = parameters["explainPlan"];
+	if (parameters.contains("explainPlan")) node.plan = std::make_shared<const Json>(parameters["explainPlan"]);
 	if (parameters.contains("partialtrace")) {
 		auto frames = frames_of(parameters["partialtrace"]);
 		if (!frames.empty()) node.place = frames[0];

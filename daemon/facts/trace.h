@@ -4,6 +4,7 @@
 #include "base/json_text.h"
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace quorbit {
@@ -22,7 +23,7 @@ struct TraceNode {
 	std::string cls, func;
 	std::optional<std::string> sql;
 	std::vector<std::string> stack; // innermost frame first
-	std::optional<Json> plan;
+	std::shared_ptr<const Json> plan; // null for none
 	std::string place; // "Class.function(file:line)" of a slow call, else ""
 	std::optional<Callee> callee;
 };

@@ -3,6 +3,7 @@
 
 #include "facts/trace.h"
 
+#include <utility>
 #include <algorithm>
 
 namespace quorbit {

@@ -1,6 +1,8 @@
 // One action in full, for programs.
 #include "print/report.h"
 
+#include <nlohmann/json.hpp>
+
 namespace quorbit {
 
 namespace {

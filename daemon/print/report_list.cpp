@@ -4,6 +4,7 @@
 #include "base/text.h"
 #include "base/clock.h"
 
+#include <nlohmann/json.hpp>
 #include <algorithm>
 
 namespace quorbit {

@@ -4,6 +4,7 @@
 #include "facts/plan.h"
 #include "facts/sql_text.h"
 
+#include <nlohmann/json.hpp>
 #include <algorithm>
 
 namespace quorbit {

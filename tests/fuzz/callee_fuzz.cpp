@@ -9,6 +9,8 @@
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
 
+#include <nlohmann/json.hpp>
+
 extern "C" {
 
 void *_ecalloc(size_t count, size_t size)

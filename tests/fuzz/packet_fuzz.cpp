@@ -7,6 +7,8 @@
 #include "require.h"
 #include "base/text.h"
 
+#include <nlohmann/json.hpp>
+
 using namespace quorbit;
 
 namespace {

@@ -2,6 +2,7 @@
 #include "daemon_records.h"
 #include "print/report.h"
 
+#include <nlohmann/json.hpp>
 #include <gtest/gtest.h>
 
 using namespace quorbit;

@@ -4,6 +4,7 @@
 #include "print/report.h"
 #include "facts/sql_text.h"
 
+#include <nlohmann/json.hpp>
 #include <gtest/gtest.h>
 
 using namespace quorbit;
