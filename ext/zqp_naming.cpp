@@ -158,8 +158,9 @@ static int g_more_paths_logged;
 /* 1 when the name has been given before or is among the first. */
 static int admit_path_name(std::string_view name)
 {
-	uint64 hash = zq_name_hash(name.data(), name.size()) | 1;
-	unsigned at = (unsigned)(hash >> 1) & (path_name_slots - 1);
+	uint64 hash = zq_name_hash(name.data(), name.size());
+	hash += !hash;
+	unsigned at = (unsigned)(hash * 0x9E3779B97F4A7C15u >> 32) & (path_name_slots - 1);
 	sigset_t saved;
 	zq_lock(&saved);
 	while (g_path_names[at] && g_path_names[at] != hash) {

@@ -115,7 +115,7 @@ def test_behind_a_front_controller_the_path_names_when_the_configuration_asks(si
 
 def test_paths_do_not_make_names_without_end(site):
     site.daemon.configure({"zqs.uri_from_request": "1", "zqs.auto_action_naming": "0"})
-    server = site.serve(engines.FastCgi)
+    server = site.serve(engines.FastCgi, env={"PHP_FCGI_MAX_REQUESTS": "0"})
     script = site.script("")
 
     def name(path):
