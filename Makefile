@@ -10,7 +10,7 @@ JOBS ?= $(shell nproc)
 export PYTHONPATH := $(CURDIR)/tests
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all demo test unit e2e check sanitize bench bench-check fuzz random engine-suite soak install \
+.PHONY: all demo test unit e2e wire-compare check sanitize bench bench-check fuzz random engine-suite soak install \
         uninstall clean configure test-packages
 
 all: configure
@@ -33,6 +33,11 @@ unit: all test-packages
 e2e: all test-packages
 	@cmake --build build -j$(JOBS) --target zqprof_patient zqprof_traced
 	@/usr/bin/python3 -m pytest -q $(addprefix tests/e2e/,$(or $(T),.)) $(if $(K),-k '$(K)')
+
+# what the agent sends that the one of the commit BASE does not, for all test pages, and the other way round
+wire-compare: all test-packages
+	@cmake --build build -j$(JOBS) --target zqprof_patient zqprof_traced
+	@tests/wire_compare.py $(BASE)
 
 # the unit tests under the address and undefined-behaviour sanitizers, on the plain engine
 check: test-packages configure

@@ -11,7 +11,7 @@ import pytest
 
 from support import wire
 from support.cases import cases, program
-from support.engines import AGENT, ENGINE, EXTENSION, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
+from support.engines import AGENT, BUILD, ENGINE, EXTENSION, IS_ROOT, PROJECT, WEB_USER, FastCgi, web_environment
 from support.fake_daemon import PLAIN, SILENCE
 from support.sockets import Mortal
 
@@ -147,7 +147,7 @@ def test_wall_clock_jumps(site, shim):
 
 def test_memory_ends_anywhere(site):
     """Also inside the agent, with every call traced: the page and the error are sent, and reported."""
-    site.extension = PROJECT / "build/traced/zqprof.so"
+    site.extension = BUILD / "traced/zqprof.so"
     site.daemon.configure(PROFILE)
     ini = {"display_errors": "1", "html_errors": "0", "memory_limit": "3M"}
     server = site.serve(FastCgi, ini)

@@ -16,6 +16,7 @@ SILENCE = None        # as a reply: say nothing, keep the connection
 sys.setrecursionlimit(100_000)                    # a trace is as deep as the calls were
 threading.stack_size(256 << 20)
 
+KEPT = os.environ.get("QUORBIT_PACKETS")     # file for all that comes in, for tests/wire_compare.py
 PLAIN = {"zqs.resource.enabled": "false"}    # a busy test machine must not shed traces
 
 
@@ -150,6 +151,9 @@ class FakeDaemon:
         body = connection.read(size)
         if len(header) < 4 or len(body) < size:
             raise wire.WireError(f"stream ended inside a packet, {len(header) + len(body)} of {size + 4} bytes")
+        if KEPT:
+            with self._changed, open(KEPT, "a") as log:
+                log.write(f"{os.environ['PYTEST_CURRENT_TEST'].rpartition(' (')[0]}\t{(header + body).hex()}\n")
         packet = wire.decode(header + body)
         with self._changed:
             connection.packets.append(packet)
