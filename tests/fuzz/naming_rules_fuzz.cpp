@@ -1,14 +1,12 @@
-// Naming rules on requests: any text as rules, and rules made of the input whose outcome is known from a plain description.
-// Input: the URL, the method, "name=value&..." and a number, each in a line, then the rules.
+// Naming rules on requests: any text as rules.
+// Input: the URL, the method and "name=value&...", each in a line, then the rules.
 // sources: ext/zqp_naming_rules.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp
 // libraries: libcjson
 #include <cJSON.h>
 #include <map>
-#include <vector>
 
 #include "require.h"
 #include "zqp_naming_rules.h"
-#include "zqp_text.h"
 
 namespace {
 
@@ -46,8 +44,6 @@ std::string name_by(const char *rules, Request *request, const char **invalid_at
 	return text;
 }
 
-// ---- any rules
-
 void name_by_any(const char *rules, Request *request)
 {
 	const char *invalid_at = NULL;
@@ -66,80 +62,16 @@ void name_by_any(const char *rules, Request *request)
 	REQUIRE(found || name.empty());
 }
 
-// ---- rules with a known outcome
-
-std::string lowered(std::string text)
-{
-	for (char &ch : text) {
-		ch = zq_ascii_lower(ch);
-	}
-	return text;
-}
-
-bool holds(int match, const std::string &subject, const std::string &value)
-{
-	switch (match) {
-	case 0: return true;
-	case 1: return subject == value;
-	case 2: return subject.starts_with(value);
-	case 3: return subject.ends_with(value);
-	default: return subject.find(value) != std::string::npos;
-	}
-}
-
-std::string joined_segments(const std::string &url, long number)
-{
-	std::vector<std::string> segments;
-	for (size_t at = 0; (at = url.find_first_not_of('/', at)) != std::string::npos;) {
-		size_t end = std::min(url.find('/', at), url.size());
-		segments.push_back(url.substr(at, end - at));
-		at = end;
-	}
-	long count = (long)segments.size(), first = number > 0 ? 0 : std::max(0L, count + number), last = number > 0 ? number : count;
-	std::string joined;
-	for (long i = first; i < std::min(count, last); i++) {
-		joined += (i > first ? "%2F" : "") + segments[i];
-	}
-	return joined;
-}
-
-void name_by_known(int match, long number, const char *value, Request *request)
-{
-	cJSON *root = cJSON_CreateArray(), *rule = cJSON_CreateObject(), *condition = cJSON_CreateObject(), *split = cJSON_CreateObject();
-	cJSON_AddItemToArray(root, rule);
-	cJSON_AddStringToObject(rule, "name", "R");
-	cJSON_AddItemToObject(rule, "match", condition);
-	cJSON_AddNumberToObject(condition, "method", 0);
-	cJSON_AddNumberToObject(condition, "match", match);
-	cJSON_AddStringToObject(condition, "value", value);
-	cJSON_AddItemToObject(rule, "split", split);
-	cJSON_AddStringToObject(split, "uri", std::to_string(number).c_str());
-	char *rules = cJSON_PrintUnformatted(root);
-	cJSON_Delete(root);
-
-	const char *invalid_at = NULL;
-	std::string url = request->url.str(), name = name_by(rules, request, &invalid_at);
-	REQUIRE(!invalid_at);
-	bool expected = holds(match, lowered(url), lowered(value));
-	REQUIRE(name == (expected ? "WebAction/R/" + joined_segments(url, number) : ""));
-	cJSON_free(rules);
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
 	std::string_view input((const char *)data, size);
 	CText url(take_line(&input)), method(take_line(&input)), params(take_line(&input));
-	long number = strtol(take_line(&input).c_str(), NULL, 10);
 	Request request = {std::move(url), std::move(method), {}, {}};
 	read_params((char *)params, &request.params);
 	request.seen = {request.url, *request.method ? (char *)request.method : NULL, param_value, &request};
 	CText rules(input);
 	name_by_any(rules, &request);
-	if (cJSON *value = cJSON_CreateString(params)) {
-		cJSON_Delete(value);
-		name_by_known((int)(size % 5), number % 1000, params, &request);
-	}
 	return 0;
 }

@@ -12,6 +12,14 @@
 #define REQUIRE(condition) \
 	((condition) ? (void)0 : (fprintf(stderr, "%s:%d: does not hold: %s\n", __FILE__, __LINE__, #condition), abort()))
 
+// Reads a C string to its end, which the sanitizer watches; null is none.
+inline void read_whole(const char *text)
+{
+	while (text && *(const volatile char *)text) {
+		text++;
+	}
+}
+
 // The text up to the next line feed (or the end), taken off the front of the input.
 inline std::string take_line(std::string_view *input)
 {
