@@ -207,8 +207,8 @@ bool StoreWriter::open_when_due()
 void StoreWriter::write_batch(Clock::time_point deadline)
 {
 	const auto begin = Clock::now();
-	if (begin < small_until_) store_->make_room(2 * small_transaction_bytes);
 	while (next_ < batch_.size() && Clock::now() < deadline) {
+		if (Clock::now() < small_until_) store_->make_room(2 * small_transaction_bytes);
 		write_transaction();
 		written();
 	}

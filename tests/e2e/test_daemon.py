@@ -126,3 +126,19 @@ def test_many_quick_statements_show_their_share_and_their_line(real):
         assert newest["statement_count"] == 800 and re.search(r"SQLite +800 times, (each under 1 ms|\d+ ms together)", shown), shown
         assert re.search(f" run at +{real.site.docroot}/job.php:2\n", shown) and far[-1] > -1, shown
     assert min(far) <= 3, far
+
+
+def test_a_store_is_moved_away_while_a_command_reads_it(real):
+    for _ in range(3):
+        real.php()
+    real.reports(3)
+    command = [QUORBIT, "tail", "--root", real.site.root]
+    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as tail:
+        try:
+            assert "ACTION" in tail.stdout.readline() and all("job.php" in tail.stdout.readline() for _ in range(3))
+            (real.logs / "quorbit.db").rename(real.logs / "broken.db")
+            real.php(name="moved.php")
+            real.reports(1, "moved.php")
+            assert "moved.php" in tail.stdout.readline() and real.shown() == []
+        finally:
+            tail.kill()
