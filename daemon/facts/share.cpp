@@ -39,7 +39,6 @@ Class class_of(const Record &record)
 	case record_transaction_id:
 	case record_tracer_id:
 	case record_error:
-	case record_details:
 	case record_trace: return Class::sum;
 	default: return Class::text;
 	}
