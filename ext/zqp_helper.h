@@ -203,7 +203,8 @@ void zq_str_replace_ln(char *str);     /* characters 1 to 31 become a space */
 void zq_str_replace_to_dot(char *str); /* "/" and "\" become "." */
 void zq_obfuscate_sql(char *sql);      /* digits everywhere and quoted text become "?"; no escapes; same length */
 /* Borrowed positions and tails. */
-const char *zq_get_base_filename(const char *filename); /* behind the second-last "/"; whole when fewer; "" for null */
+const char *zq_get_base_filename(
+	const char *filename); /* after the second-last "/"; all of it when fewer; "" for null */
 /* A raw response header line: 0 keeps the browser script out (a length, or a type other than HTML), 1 HTML, -1 neither.
  */
 int get_header_content(const char *header);

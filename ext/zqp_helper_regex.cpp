@@ -1,5 +1,5 @@
 /* Regular expressions: POSIX extended syntax and GNU's escapes, by bytes, the case of ASCII letters ignored. The C
- * library's matcher begins anew at every byte of a text, which visitors choose, and can make a new state of a whole
+ * library's matcher starts again at every byte of a text, which visitors choose, and can make a new state of a whole
  * pattern at every step; its compiler recurses, and unfolds repeats without bound. So patterns are compiled here, into
  * the positions that a match goes through: one for each character, and the places that may follow each. A text is read
  * once; the positions that it can have reached are bits of a set, which move on together. What that takes at most is
@@ -215,7 +215,7 @@ bool is_word(int ch)
 	return lower == '_' || (lower >= 'a' && lower <= 'z') || (lower >= '0' && lower <= '9');
 }
 
-/* Between two bytes of the text, -1 in front of it and behind it. */
+/* Between two bytes of the text, -1 before it and after it. */
 bool assertion_holds(uint8_t assertion, int before, int after)
 {
 	switch (assertion) {

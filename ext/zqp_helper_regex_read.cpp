@@ -253,7 +253,7 @@ fragment read_literal(graph *g, char ch)
 /* Behind a backslash. */
 fragment read_escape(graph *g, bool *is_assertion)
 {
-	static const char assertions[] = "^$bB<>`'"; /* by number; the first two are none behind a backslash */
+	static const char assertions[] = "^$bB<>`'"; /* by number; the first two are none after a backslash */
 	char ch = *g->at;
 	if (!ch || (ch >= '1' && ch <= '9')) {
 		return one_node(fail(g, ch ? REFUSED : NO_PATTERN));

@@ -417,7 +417,7 @@ int get_transcation_data_item(const char *data, const char *item_name, char **ty
 	if (!name) {
 		return 0;
 	}
-	/* One character between name and value, the ":", is passed over; an unquoted value is passed over as well. */
+	/* One character between name and value, the ":", is skipped; so is an unquoted value. */
 	const char *behind = name + strlen(item_name);
 	const char *open = *behind ? strchr(behind + 1, '"') : NULL;
 	if (!open) {

@@ -58,7 +58,7 @@ static inline int zq_hex_byte(const char *digits)
 	return value;
 }
 
-/* The path of a request target as web servers hand it on: without scheme, host and query, decoded but for "%00" and
+/* The path of a request target as web servers hand it on: without scheme, host and query, decoded except "%00" and
  * "%2F", repeated slashes as one, "." and ".." resolved. Ends with a NUL in `path`, which has room for two bytes more
  * than `target` is long. */
 static inline void zq_clean_request_path(const char *target, char *path)

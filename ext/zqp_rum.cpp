@@ -107,7 +107,7 @@ static int in_html(const char *piece, size_t length TSRMLS_DC)
 }
 
 /* Under CGI and FPM the response headers pass through the writer too, each in a chunk of its own that is the header's
- * very text, and each line end: the one behind a line end is that of the empty line behind all of them. They are no
+ * very text, and each line end: the one after a line end is that of the empty line after all of them. They are no
  * part of the page. */
 static int is_response_header(const char *chunk, unsigned int length TSRMLS_DC)
 {

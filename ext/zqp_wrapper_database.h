@@ -23,7 +23,7 @@ typedef struct zq_sql_client {
 	int link_argument;      /* the connection, given when the call has exactly `count_with_link` arguments */
 	int count_with_link;    /* 0: methods, which have their object instead */
 	bool link_is_first;     /* in `query` */
-	bool passes_parameters; /* the call's last argument goes along behind the statement */
+	bool passes_parameters; /* the call's last argument goes along after the statement */
 } zq_sql_client;
 
 /* One kind of call. */

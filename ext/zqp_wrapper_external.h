@@ -47,7 +47,7 @@ int performance_thrift_protocol_readstring(zq_stack_data *stack_data, uint64 bts
 int performance_thrift_custom_function(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC);
 
 /* ---- zqp_wrapper_websocket.cpp ---- */
-/* While a client connects, its handshake may carry the identity and the answer to it the callee's data. 0, but for a
+/* While a client connects, its handshake may carry the identity and the answer to it the callee's data. 0, except for a
  * message that was recorded. */
 int wrapper_websocket_connect(zend_execute_data *execute_data, char *func TSRMLS_DC);
 int performance_websocket_connect(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);

@@ -44,7 +44,7 @@ struct Place {
 	std::string vendor, place;
 };
 
-// The number of so many bytes off the front of `body`, in the host's order; 0 of a body that is too short.
+// Takes the number of that many bytes off the front of `body`, in the host's order; 0 if the body is too short.
 template <typename T>
 T take(std::string_view &body)
 {

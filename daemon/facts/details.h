@@ -37,7 +37,7 @@ struct WholeTraceText {
 };
 
 // Takes the record's body over into an action whose other records have been read. False, with nothing taken, when it
-// overruns. Unknown items are passed over. Texts that are not UTF-8 are taken for Latin-1.
+// overruns. Unknown items are skipped. Texts that are not UTF-8 are taken for Latin-1.
 bool read_details(std::string_view body, Action &action);
 
 // Puts the whole texts into the nodes of the action's trace.

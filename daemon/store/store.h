@@ -35,7 +35,7 @@ struct StoredQuery {
 struct StoreBounds {
 	int64_t action_bytes = int64_t{512} << 20; // actions, and all tables beside them
 	int64_t event_bytes = int64_t{64} << 20;   // events of thread profiles
-	int64_t log_bytes = int64_t{64} << 20; // write-ahead log, where it cannot begin anew; twice that is never exceeded
+	int64_t log_bytes = int64_t{64} << 20; // write-ahead log, where it cannot begin again; twice that is never exceeded
 };
 
 // The writing half. Every function throws SqliteError; after that the object cannot be used any more.
@@ -63,14 +63,14 @@ public:
 	// to the file system. False when there was nothing to do.
 	// `small`: no more at once than a small log has room for.
 	bool maintain(const StoreBounds &bounds, bool small = false);
-	// For a disk that is full: removes the oldest actions until so many bytes of the file are free.
+	// For a disk that is full: removes the oldest actions until that many bytes of the file are free.
 	void make_room(int64_t bytes);
 
 	// Forgets the applications not seen for longest beyond 1024, and profile orders that ended long ago.
 	void limit_tables();
 
 	// Whether the log has been over its bound for more than 10 s, or is over twice the bound: a reader stands on an old
-	// state of the store, and the log cannot begin anew. Over twice the bound nothing more should be written.
+	// state of the store, and the log cannot begin again. Over twice the bound nothing more should be written.
 	bool is_pinned() const { return copy_ || log_is_full() || Clock::now() - small_log_at_ > patience; }
 	bool log_is_full() const { return log_pages_ * page_size_ > 2 * log_bytes_; }
 	bool empty_log(); // false when readers are in the way

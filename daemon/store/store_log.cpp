@@ -100,7 +100,7 @@ bool Store::copy_step()
 	if (code == SQLITE_OK || code == SQLITE_BUSY || code == SQLITE_LOCKED) return false;
 	copy_.reset();
 	if (code == SQLITE_DONE) return true;
-	// The disk has no room for two: patience begins anew.
+	// The disk has no room for two: patience begins again.
 	small_log_at_ = Clock::now();
 	throw SqliteError(std::string("copy of the store: ") + sqlite3_errstr(code), code);
 }
