@@ -1,5 +1,6 @@
 // quorbit: the local daemon, and the command line that reads what it stored.
 #include "ask/command.h"
+#include "print/output.h"
 #include "receive/daemonize.h"
 
 #include <cstdio>
@@ -61,7 +62,7 @@ int main(int argc, char **argv)
 		printf("%s", app.help().c_str());
 		return 2;
 	} catch (const std::exception &failure) {
-		fprintf(stderr, "quorbit: %s\n", failure.what());
+		quorbit::tell(std::string("quorbit: ") + failure.what());
 		return 1;
 	}
 }

@@ -43,14 +43,14 @@ int names(const DaemonConfig &config, const NamesOptions &options)
 {
 	std::string path = options.settings.empty() ? config.applications_file() : options.settings;
 	Applications applications = parse_applications(read_file(path));
-	for (const std::string &problem : applications.problems) fprintf(stderr, "%s %s\n", path.c_str(), problem.c_str());
+	for (const std::string &problem : applications.problems) tell(path + " " + problem);
 	Namer namer(settings_of(applications, options.application), options.script, options.fpm);
 	NameCounts counts = count_file(options.requests, namer);
 	put(names_text(counts, options.most, terminal_width(), options.script));
 	auto invalid = namer.invalid_rules();
 	if (invalid) {
 		std::string at = invalid->empty() ? "their end" : cut(printable(*invalid), 60);
-		fprintf(stderr, "The naming rules are not valid JSON and were not used. The error begins at: %s\n", at.c_str());
+		tell("The naming rules are not valid JSON and were not used. The error begins at: " + at);
 	}
 	return invalid ? 1 : 0;
 }

@@ -1,6 +1,8 @@
 // UTF-8, cutting, wrapping and tables.
 #include "base/text.h"
 
+#include "base/cells.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -14,36 +16,6 @@ namespace {
 
 constexpr std::string_view ellipsis = "\u2026";
 
-struct CodePoint {
-	uint32_t value;
-	size_t length; // bytes; 0 when the byte begins no valid sequence
-};
-
-CodePoint decode(std::string_view text, size_t at)
-{
-	auto byte = [&](size_t i) { return static_cast<uint32_t>(static_cast<unsigned char>(text[i])); };
-	uint32_t first = byte(at);
-	if (first < 0x80) return {first, 1};
-	size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-	if (first < 0xC2 || first > 0xF4 || at + length > text.size()) return {0, 0};
-	uint32_t value = first & (0x7Fu >> length);
-	for (size_t i = 1; i < length; i++) {
-		if ((byte(at + i) & 0xC0) != 0x80) return {0, 0};
-		value = value << 6 | (byte(at + i) & 0x3F);
-	}
-	constexpr uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
-	bool surrogate = value >= 0xD800 && value < 0xE000;
-	if (value < least[length] || value > 0x10FFFF || surrogate) return {0, 0};
-	return {value, length};
-}
-
-// Characters that move the cursor, change the terminal's state or the direction of what follows.
-bool is_harmful(uint32_t value)
-{
-	return value < 0x20 || (value >= 0x7F && value < 0xA0) || value == 0x200E || value == 0x200F ||
-		(value >= 0x2028 && value <= 0x202E) || (value >= 0x2066 && value <= 0x2069);
-}
-
 void append_escape(std::string &out, uint32_t value, bool code_point)
 {
 	char escape[16];
@@ -52,27 +24,35 @@ void append_escape(std::string &out, uint32_t value, bool code_point)
 	else if (value == '\t')
 		snprintf(escape, sizeof escape, "\\t");
 	else if (code_point && value > 0x7F)
-		snprintf(escape, sizeof escape, "\\u%04x", value);
+		snprintf(escape, sizeof escape, value > 0xFFFF ? "\\U%08x" : "\\u%04x", value);
 	else
 		snprintf(escape, sizeof escape, "\\x%02x", value);
 	out += escape;
 }
 
-bool continues(char byte)
+// Bytes of the longest beginning of printable text that takes at most `width` cells.
+size_t bytes_within(std::string_view text, size_t width)
 {
-	return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
-}
-
-// Bytes of the first `width` code points of valid UTF-8.
-size_t bytes_of(std::string_view text, size_t width)
-{
-	size_t at = 0;
-	while (at < text.size() && width > 0) {
-		at++;
-		while (at < text.size() && continues(text[at])) at++;
-		width--;
+	size_t at = 0, taken = 0;
+	while (at < text.size()) {
+		CodePoint point = decode_utf8(text, at);
+		taken += cells_of(point.value);
+		if (taken > width) break;
+		at += std::max(point.length, size_t{1});
 	}
 	return at;
+}
+
+// Bytes of the end of printable text, as much of it as takes at most `width` of its `whole` cells.
+size_t end_within(std::string_view text, size_t width, size_t whole)
+{
+	size_t at = 0, left = whole;
+	while (at < text.size() && left > width) {
+		CodePoint point = decode_utf8(text, at);
+		left -= std::min(left, cells_of(point.value));
+		at += std::max(point.length, size_t{1});
+	}
+	return text.size() - at;
 }
 
 } // namespace
@@ -81,7 +61,7 @@ std::string text_of_bytes(std::string_view bytes)
 {
 	size_t at = 0;
 	while (at < bytes.size()) {
-		CodePoint point = decode(bytes, at);
+		CodePoint point = decode_utf8(bytes, at);
 		if (!point.length) break;
 		at += point.length;
 	}
@@ -99,7 +79,7 @@ std::string valid_utf8(std::string_view text)
 	std::string out;
 	out.reserve(text.size());
 	for (size_t at = 0; at < text.size();) {
-		CodePoint point = decode(text, at);
+		CodePoint point = decode_utf8(text, at);
 		out += point.length ? text.substr(at, point.length) : std::string_view("\uFFFD");
 		at += point.length ? point.length : 1;
 	}
@@ -111,7 +91,7 @@ std::string printable(std::string_view text)
 	std::string out;
 	out.reserve(text.size());
 	for (size_t at = 0; at < text.size();) {
-		CodePoint point = decode(text, at);
+		CodePoint point = decode_utf8(text, at);
 		if (!point.length)
 			append_escape(out, static_cast<unsigned char>(text[at]), false);
 		else if (is_harmful(point.value))
@@ -125,14 +105,20 @@ std::string printable(std::string_view text)
 
 size_t text_width(std::string_view text)
 {
-	return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char byte) { return !continues(byte); }));
+	size_t cells = 0;
+	for (size_t at = 0; at < text.size();) {
+		CodePoint point = decode_utf8(text, at);
+		cells += cells_of(point.value);
+		at += std::max(point.length, size_t{1});
+	}
+	return cells;
 }
 
 std::string cut(std::string_view text, size_t width)
 {
-	if (text_width(text) <= width) return std::string(text);
+	if (bytes_within(text, width) == text.size()) return std::string(text);
 	if (width == 0) return {};
-	return std::string(text.substr(0, bytes_of(text, width - 1))).append(ellipsis);
+	return std::string(text.substr(0, bytes_within(text, width - 1))).append(ellipsis);
 }
 
 std::string cut_middle(std::string_view text, size_t width)
@@ -141,18 +127,19 @@ std::string cut_middle(std::string_view text, size_t width)
 	if (whole <= width) return std::string(text);
 	if (width == 0) return {};
 	size_t tail = (width - 1) / 2, head = width - 1 - tail;
-	return std::string(text.substr(0, bytes_of(text, head)))
+	return std::string(text.substr(0, bytes_within(text, head)))
 		.append(ellipsis)
-		.append(text.substr(bytes_of(text, whole - tail)));
+		.append(text.substr(text.size() - end_within(text, tail, whole)));
 }
 
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most)
 {
 	std::vector<std::string> lines;
 	text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-	while (text_width(text) > width) {
+	// Each step looks at one line's worth: texts may be megabytes long.
+	for (size_t end; (end = bytes_within(text, width)) < text.size();) {
 		if (lines.size() + 1 == most) break;
-		size_t end = bytes_of(text, width);
+		if (end == 0) end = decode_utf8(text, 0).length; // wider than a line
 		size_t blank = text.substr(0, end + 1).rfind(' ');
 		// A space in the first half would leave the line ragged; a long word is broken instead.
 		bool at_blank = blank != std::string_view::npos && blank > end / 2;

@@ -15,15 +15,14 @@ std::string text_of_bytes(std::string_view bytes);
 // The text as UTF-8: every invalid byte becomes U+FFFD.
 std::string valid_utf8(std::string_view text);
 
-// The text as one harmless line for a terminal: control and direction characters and invalid bytes are written as
-// escapes
-// (\n, \x1b, \u202e).
+// The text as one harmless line for a terminal: controls, characters of direction or without width, and invalid bytes
+// are written as escapes (\n, \x1b, \u202e, \U000e0041).
 std::string printable(std::string_view text);
 
 // Columns of the terminal; 0 when standard output is not a terminal.
 size_t terminal_width();
 
-// Columns that printable text takes (its code points).
+// Columns that printable text takes: wide characters take two, those that combine none.
 size_t text_width(std::string_view text);
 
 // Printable text in at most `width` columns; what is cut is marked by an ellipsis.

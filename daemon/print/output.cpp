@@ -15,7 +15,7 @@ void put(std::string_view text)
 
 void tell(const std::string &line)
 {
-	fprintf(stderr, "%s\n", line.c_str());
+	fprintf(stderr, "%s\n", printable(line).c_str());
 }
 
 size_t output_width()

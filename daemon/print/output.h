@@ -7,7 +7,7 @@
 namespace quorbit {
 
 void put(std::string_view text);
-// One line of progress.
+// One line of progress or of what went wrong; whatever it quotes is made printable.
 void tell(const std::string &line);
 
 // Columns to print in: the terminal's, within reason.

@@ -63,7 +63,7 @@ std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &st
 // The section on SQL.
 void print_statements(const std::vector<SqlStatement> &statements, Page &page);
 
-// JSON text; invalid UTF-8 becomes U+FFFD. In one line, or indented for `pretty`.
+// JSON text in ASCII, harmless for a terminal; invalid UTF-8 becomes U+FFFD. In one line, or indented for `pretty`.
 std::string json_text(const Json &value, bool pretty);
 
 // --- sums (report_top.cpp)

@@ -143,7 +143,7 @@ Json action_summary(const ActionRow &row)
 
 std::string json_text(const Json &value, bool pretty)
 {
-	return value.dump(pretty ? 2 : -1, ' ', false, Json::error_handler_t::replace) + "\n";
+	return value.dump(pretty ? 2 : -1, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
 } // namespace quorbit

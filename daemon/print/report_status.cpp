@@ -61,7 +61,7 @@ std::string nothing_received_text(const DaemonConfig &config)
 	std::string out = "Nothing has been received yet.\n";
 	std::string folder = config.folder();
 	auto line = [&out](bool good, const std::string &text) {
-		out += std::string(good ? "  ok     " : "  CHECK  ") + text + "\n";
+		out += std::string(good ? "  ok     " : "  CHECK  ") + printable(text) + "\n";
 	};
 	struct stat status;
 	if (stat(folder.c_str(), &status) != 0) {

@@ -3,6 +3,7 @@
 
 #include "receive/listener.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "receive/server.h"
 #include "base/files.h"
 
@@ -218,7 +219,7 @@ int start_in_background(const DaemonConfig &config)
 	ssize_t length = read(ends[0], reason, sizeof reason);
 	if (length == 1 && reason[0] == 0) return 0;
 	if (length <= 0) throw std::runtime_error("the daemon ended before it listened");
-	fprintf(stderr, "quorbit: %.*s\n", static_cast<int>(length), reason);
+	fprintf(stderr, "quorbit: %s\n", printable({reason, static_cast<size_t>(length)}).c_str());
 	return 1;
 }
 
@@ -237,7 +238,7 @@ int run_daemon(const std::string &config_path, bool foreground)
 		return start_in_background(config);
 	} catch (const std::exception &failure) {
 		log_message(LogLevel::critical, failure.what());
-		fprintf(stderr, "quorbit: %s\n", failure.what());
+		fprintf(stderr, "quorbit: %s\n", printable(failure.what()).c_str());
 		return 1;
 	}
 }

@@ -1,7 +1,7 @@
 // What a called service says of itself, in the trace that quotes it: whatever it is, and whatever URL and ids hold, the daemon can
 // read the trace, and the answer that is in it is the one that came.
 // Input: the callee's name for itself, the URL and the transaction's id, each in a line, then its answer.
-// sources: ext/zqp_tracer_tree.cpp ext/zqp_details.cpp ext/zqp_json.cpp ext/zqp_lock.cpp ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp ext/zqp_tracer_sql_name.cpp tests/fuzz/engine.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/clock.cpp
+// sources: ext/zqp_tracer_tree.cpp ext/zqp_details.cpp ext/zqp_json.cpp ext/zqp_lock.cpp ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp ext/zqp_tracer_sql_name.cpp tests/fuzz/engine.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp
 // libraries: libcjson nlohmann_json
 #include "base/json_text.h"
 #include "require.h"

@@ -21,6 +21,7 @@ TEST(Text, IsHarmlessOnATerminal) {
       {"nul\0x"s, "nul\\x00x"},
       {"\xc2\x9b"s + "31m", "\\u009b31m"},                      // the one-byte escape, as a code point
       {"\u202egnp.exe\u2066\u200f", "\\u202egnp.exe\\u2066\\u200f"},
+      {"a\u061cb\u200bc\ufeff\U000e0041", "a\\u061cb\\u200bc\\ufeff\\U000e0041"},
       {"\xff\xc3(\xe2\x82", "\\xff\\xc3(\\xe2\\x82"},
       // overlong, surrogate, too large
       {"\xe0\x80\xaf\xed\xa0\x80\xf4\x90\x80\x80", "\\xe0\\x80\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80"},
@@ -36,6 +37,15 @@ TEST(Text, IsCutAndWrappedByColumnsNotBytes) {
   EXPECT_EQ(wrap(" one two threefour", 8, 9), (std::vector<std::string>{"one two", "threefou", "r"}));
   EXPECT_EQ(wrap("abcdefghij", 4, 2), (std::vector<std::string>{"abcd", "efg\u2026"}));
   EXPECT_EQ(wrap("", 4, 2), (std::vector<std::string>{""}));
+  EXPECT_EQ(text_width("\u65e5\u672c \U0001F600 e\u0301"), 9u);
+  EXPECT_EQ(cut("\u65e5\u672c\u65e5", 4), "\u65e5\u2026");
+  EXPECT_EQ(cut_middle("\u65e5\u672c\u65e5\u672c", 6), "\u65e5\u2026\u672c");
+  EXPECT_EQ(wrap("\u65e5\u672c\u65e5", 5, 9), (std::vector<std::string>{"\u65e5\u672c", "\u65e5"}));
+}
+
+TEST(JsonText, IsAsciiWhateverItHolds) {
+  std::string text = json_text(Json("\u009b31m\x7f \u202e \xff \U000e0041"), false);
+  EXPECT_EQ(text, "\"\\u009b31m\\u007f \\u202e \\ufffd \\udb40\\udc41\"\n");
 }
 
 TEST(Text, ReadsTimesWithTheirUnits) {
