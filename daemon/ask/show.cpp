@@ -20,6 +20,15 @@ struct ShowOptions {
 	bool full = false; // of one action: nothing summed up or cut
 };
 
+// The settings given to an application, as far as they are known.
+Settings given_to(Reader &store, const std::string &application)
+{
+	for (const ApplicationRow &row : store.applications()) {
+		if (row.name == application) return parse_given(row.given);
+	}
+	return {};
+}
+
 int show_action(Reader &store, const ShowOptions &options)
 {
 	auto shown = store.action(options.id);
@@ -32,7 +41,7 @@ int show_action(Reader &store, const ShowOptions &options)
 	if (options.json)
 		put(json_text(action_json(*shown, related), true));
 	else
-		put(action_text(*shown, related, output_width(), options.full));
+		put(action_text(*shown, related, output_width(), options.full, given_to(store, shown->row.application)));
 	return 0;
 }
 

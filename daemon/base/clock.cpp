@@ -50,6 +50,13 @@ int64_t wall_clock_ms()
 	return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
+int64_t boot_wall_ms()
+{
+	struct timespec up;
+	clock_gettime(CLOCK_BOOTTIME, &up);
+	return wall_clock_ms() - (int64_t{up.tv_sec} * 1000 + up.tv_nsec / 1000000);
+}
+
 std::optional<int64_t> parse_seconds(std::string_view text)
 {
 	int64_t number = 0;

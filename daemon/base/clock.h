@@ -20,6 +20,9 @@ std::string ago(int64_t wall_ms, int64_t now_wall_ms);
 // Milliseconds since 1970.
 int64_t wall_clock_ms();
 
+// When the host was started, as the wall clock now has it.
+int64_t boot_wall_ms();
+
 // Seconds of "90", "90s", "15m", "2h", "7d"; nothing for anything else and for what is not positive.
 std::optional<int64_t> parse_seconds(std::string_view text);
 

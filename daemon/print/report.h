@@ -40,9 +40,13 @@ std::vector<std::string> called_tracer_ids(const Action &action);
 // How `other` belongs to the action that is shown, which called the applications of these tracer ids.
 RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &called, const StoredAction &other);
 
-// The action in `width` columns: what is repeated is printed once with its count, long texts and tables are cut.
-// `full`: nothing is.
-std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full);
+// The action in `width` columns: what is repeated is printed once with its count, long texts and tables are cut. `full`:
+// nothing is. `given` are the settings of its application, which tell why something is missing.
+std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full,
+	const Settings &given = {});
+// The time that an action waited before PHP began; in words when it cannot be true: from before the host was started
+// (on the wall clock), or more than ten minutes.
+std::string queue_text(const ActionRow &row, int64_t queued_ms, int64_t boot_wall_ms);
 // Everything of it as one object, for programs.
 Json action_json(const StoredAction &shown, const std::vector<RelatedAction> &related);
 
@@ -60,8 +64,8 @@ struct StatementGroup {
 };
 // Groups, those with most time first.
 std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &statements);
-// The section on SQL.
-void print_statements(const std::vector<SqlStatement> &statements, Page &page);
+// The section on SQL, of an action with a trace or without.
+void print_statements(const std::vector<SqlStatement> &statements, Page &page, bool traced);
 
 // JSON text in ASCII, harmless for a terminal; invalid UTF-8 becomes U+FFFD. In one line, or indented for `pretty`.
 std::string json_text(const Json &value, bool pretty);

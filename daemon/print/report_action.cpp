@@ -3,6 +3,7 @@
 #include "base/clock.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <unistd.h>
 
 namespace quorbit {
@@ -40,7 +41,7 @@ void print_head(const StoredAction &shown, Page &page)
 	page.entry("duration",
 		duration_text(action.duration_ms) + ", CPU " + duration_text(action.cpu_ticks * 1000 / sysconf(_SC_CLK_TCK)));
 	if (auto parts = parts_text(row); !parts.empty()) page.entry("spent in", parts);
-	if (action.block_ms) page.entry("queued before", duration_text(action.block_ms));
+	if (action.block_ms) page.entry("queued before", queue_text(row, action.block_ms, boot_wall_ms()));
 	std::string trace = action.tracer_id.empty() ? std::string() : "trace " + action.tracer_id;
 	if (!action.transaction_id.empty())
 		page.entry("transaction", action.transaction_id + (trace.empty() ? "" : ", ") + trace);
@@ -82,8 +83,12 @@ void print_caches(const Action &action, Page &page)
 {
 	if (action.caches.empty()) return;
 	page.section("Caches");
+	auto caches = action.caches;
+	auto slower = [](const CacheCall &a, const CacheCall &b) { return a.duration_ms > b.duration_ms; };
+	// Where rows are left out, they are the quickest.
+	if (!page.full()) std::stable_sort(caches.begin(), caches.end(), slower);
 	std::vector<std::vector<std::string>> cells;
-	for (const CacheCall &call : action.caches) {
+	for (const CacheCall &call : caches) {
 		cells.push_back({duration_text(call.duration_ms), printable(call.product), printable(call.collection),
 			printable(call.operation)});
 	}
@@ -160,6 +165,22 @@ void print_trace(
 		page.entry("unreadable", trace);
 }
 
+void print_no_trace(const Action &action, const Settings &given, Page &page)
+{
+	page.section("Trace");
+	if (!action.uri) return page.entry("none", "command-line runs have no trace");
+	auto threshold = given.find("zqs.action_tracer.action_threshold");
+	int64_t threshold_ms = threshold == given.end() ? 2000 : std::max(0, atoi(threshold->second.c_str()));
+	if (threshold_ms == 0) threshold_ms = 2000;
+	const char *from = threshold == given.end() ? " unless php.ini has another" : " as given";
+	const std::string kept = "zqs.action_tracer.action_threshold, " + duration_text(threshold_ms) + from;
+	if (action.duration_ms < threshold_ms)
+		return page.entry("none", "only actions that take as long have one: " + kept);
+	page.entry("none",
+		"the action took as long as one needs (" + kept +
+			"), but the process traced nothing: zqs.action_tracer.enabled is 0, or it shed load");
+}
+
 void print_related(const std::vector<RelatedAction> &related, Page &page)
 {
 	if (related.empty()) return;
@@ -204,6 +225,15 @@ void print_rest(const Action &action, Page &page)
 
 } // namespace
 
+std::string queue_text(const ActionRow &row, int64_t queued_ms, int64_t boot_wall_ms)
+{
+	constexpr int64_t most_ms = 600000;
+	int64_t begin_ms = row.received_ms - row.duration_ms;
+	bool before_boot = begin_ms >= boot_wall_ms && begin_ms - queued_ms < boot_wall_ms;
+	bool usable = queued_ms >= 0 && queued_ms <= most_ms && !before_boot;
+	return usable ? duration_text(queued_ms) : "not usable (see troubleshooting)";
+}
+
 std::vector<std::string> called_tracer_ids(const Action &action)
 {
 	std::vector<std::string> ids;
@@ -226,16 +256,20 @@ RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &
 	return {Relation::same_transaction, other.row, {}};
 }
 
-std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full)
+std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full,
+	const Settings &given)
 {
 	Page page(width, full);
 	print_head(shown, page);
 	print_error(shown.action, page);
-	print_statements(shown.action.statements, page);
+	print_statements(shown.action.statements, page, !shown.action.trace.empty());
 	print_caches(shown.action, page);
 	print_calls(shown.action, page);
 	print_components(shown.action, page);
-	print_trace(shown.action.trace, shown.action.trace_texts, "Trace", page);
+	if (shown.action.trace.empty())
+		print_no_trace(shown.action, given, page);
+	else
+		print_trace(shown.action.trace, shown.action.trace_texts, "Trace", page);
 	print_related(related, page);
 	print_rest(shown.action, page);
 	return std::move(page.out);

@@ -50,6 +50,24 @@ void print_group(const StatementGroup &group, Page &page)
 	print_plan(group.plan, page);
 }
 
+// Why no statement has a line or a plan.
+void print_what_is_missing(const std::vector<StatementGroup> &groups, Page &page, bool traced)
+{
+	auto has_stack = [](const StatementGroup &group) { return !group.stack.empty(); };
+	auto has_plan = [](const StatementGroup &group) { return !group.plan.empty(); };
+	if (!traced) return page.entry("no lines", "statements have their lines and plans only in actions with a trace");
+	if (std::none_of(groups.begin(), groups.end(), has_stack)) {
+		return page.entry("no lines",
+			"only statements that take zqs.action_tracer.slow_sql_threshold (500 ms unless set) have a line and a "
+			"plan");
+	}
+	if (std::any_of(groups.begin(), groups.end(), has_plan)) return;
+	page.entry("no plans",
+		"only with zqs.action_tracer.explain_enabled = 1, for statements that take "
+		"zqs.action_tracer.explain_threshold, "
+		"through mysql_query, mysql_db_query, pg_query, pg_query_params or PDO::query");
+}
+
 // Each statement as a group of its own, in the order in which they ran.
 std::vector<StatementGroup> ungrouped(const std::vector<SqlStatement> &statements)
 {
@@ -90,7 +108,7 @@ std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &st
 	return groups;
 }
 
-void print_statements(const std::vector<SqlStatement> &statements, Page &page)
+void print_statements(const std::vector<SqlStatement> &statements, Page &page, bool traced)
 {
 	if (statements.empty()) return;
 	page.section("SQL");
@@ -98,6 +116,7 @@ void print_statements(const std::vector<SqlStatement> &statements, Page &page)
 	size_t shown = std::min(groups.size(), page.most(most_groups));
 	for (size_t i = 0; i < shown; i++) print_group(groups[i], page);
 	page.left_out(groups.size() - shown);
+	print_what_is_missing(groups, page, traced);
 }
 
 } // namespace quorbit

@@ -108,6 +108,9 @@ struct DroppedRow {
 	int64_t count = 0;
 };
 
+// The settings of ApplicationRow::given, whose lines are "key=value".
+Settings parse_given(std::string_view given);
+
 // --- who answers
 
 // Every function throws std::runtime_error with a message for the operator when the store cannot be read.

@@ -213,6 +213,57 @@ TEST(ActionPage, LeavesOutWhatIsRepeatedUnlessAllIsWanted) {
   EXPECT_EQ(count(full, "..."), 0u);
 }
 
+TEST(ActionPage, SaysWhyThereIsNoTraceLineOrPlan) {
+  const std::string stack = "[\"PDO.query(/a.php:7)\"]", trace = trace_with(""), plan = R"({"keys":["a"],"values":[["b"]]})";
+  const struct {
+    bool web;
+    int64_t ms;
+    Settings given;
+    std::string trace, stack, plan;
+    const char* told;
+  } rows[] = {
+      {false, 9000, {}, "", "", "", "none           command-line runs have no trace\n"},
+      {true, 1999, {}, "", "", "", "action_threshold, 2000 ms unless php.ini has another\n"},
+      {true, 299, {{"zqs.action_tracer.action_threshold", "300"}}, "", "", "", "action_threshold, 300 ms as given\n"},
+      {true, 2000, {}, "", "", "", "the process traced"},
+      {true, 1, {}, "", "", "", "no lines       statements have their lines and plans only in actions with a trace\n"},
+      {true, 9000, {}, trace, "", "", "no lines       only statements that take zqs.action_tracer.slow_sql_threshold"},
+      {true, 9000, {}, trace, stack, "", "no plans       only with zqs.action_tracer.explain_enabled = 1"},
+  };
+  for (const auto& row : rows) {
+    StoredAction shown{{}, {}};
+    if (row.web) shown.action.uri = "/";
+    shown.action.duration_ms = row.ms;
+    shown.action.trace = row.trace;
+    shown.action.statements = {{9, "MySQL", "SELECT 1", row.stack, row.plan}};
+    std::string page = action_text(shown, {}, 130, false, row.given);
+    EXPECT_NE(page.find(row.told), std::string::npos) << row.told << page;
+  }
+  StoredAction shown{{}, {}};
+  shown.action.trace = trace;
+  shown.action.statements = {{9, "MySQL", "SELECT 1", stack, plan}};
+  EXPECT_EQ(action_text(shown, {}, 130, false).find("  no "), std::string::npos);
+}
+
+TEST(ActionPage, ShowsTheSlowestOfManyCacheCalls) {
+  StoredAction shown{{}, {}};
+  for (int i = 0; i < 12; i++) shown.action.caches.push_back({"Redis", "", "GET", i == 11 ? 77 : 1});
+  EXPECT_EQ(count(action_text(shown, {}, 100, false), "77 ms"), 1u);
+}
+
+TEST(ActionPage, TellsNoQueueTimeThatCannotBeTrue) {
+  const struct {
+    int64_t received_ms, queued_ms;
+    const char* told;
+  } rows[] = {{1100000, 5, "5 ms"}, {1100000, 99900, "99.9 s"}, {1100000, 100001, "not"}, {9000000, 600001, "not"},
+              {9000000, -1, "not"}, {900000, 5000, "5000 ms"}};  // the last is from before the start
+  for (const auto& row : rows) {
+    ActionRow action;
+    action.received_ms = row.received_ms;
+    EXPECT_TRUE(queue_text(action, row.queued_ms, 1000000).starts_with(row.told)) << row.queued_ms;
+  }
+}
+
 TEST(ActionPage, TellsCallerFromCallee) {
   auto stored = [](const char* tracer_id, const std::string& called) {
     StoredAction action{{}, {}};
