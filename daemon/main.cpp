@@ -1,5 +1,6 @@
 // quorbit: the local daemon, and the command line that reads what it stored.
 #include "ask/command.h"
+#include "base/version.h"
 #include "print/output.h"
 #include "receive/daemonize.h"
 
@@ -42,11 +43,27 @@ void add_commands(CLI::App &app, Arguments &arguments)
 	}
 }
 
+// What is wrong with the arguments, and the usage of the command that they are for. Returns the exit status.
+int refuse(const CLI::App &app, const CLI::ParseError &error)
+{
+	quorbit::tell(std::string("quorbit: ") + error.what());
+	const std::string help = app.help();
+	const size_t usage = help.find("Usage:");
+	if (usage != std::string::npos) quorbit::tell(help.substr(usage, help.find('\n', usage) - usage));
+	return 2;
+}
+
+std::string version_text()
+{
+	return std::string("quorbit ") + quorbit::product_version + " (protocol " + quorbit::protocol_version + ")";
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-	CLI::App app("The local daemon of the Quorbit agent, and what it has received.\nWith -f alone: run the daemon.");
+	CLI::App app(
+		"The local daemon of the Quorbit agent, and what it has received.\nWith -f alone: run the daemon.", "quorbit");
 	Arguments arguments;
 	app.add_option("-f", arguments.config_path, "the configuration file that the agent writes");
 	app.add_option("--root", arguments.root, "zqs.runtime_root of the agent")->capture_default_str();
@@ -54,7 +71,12 @@ int main(int argc, char **argv)
 	app.require_subcommand(0, 1);
 	app.fallthrough();
 	add_commands(app, arguments);
-	CLI11_PARSE(app, argc, argv);
+	app.set_version_flag("--version", version_text());
+	try {
+		app.parse(argc, argv);
+	} catch (const CLI::ParseError &error) {
+		return error.get_exit_code() == 0 ? app.exit(error) : refuse(app, error);
+	}
 
 	try {
 		if (arguments.command) return arguments.command(arguments.config());

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/config.h"
+#include "store/reader.h"
 
 #include <CLI/CLI.hpp>
 
@@ -20,6 +21,10 @@ CommandRun add_top(CLI::App &command);
 CommandRun add_status(CLI::App &command);
 CommandRun add_profile(CLI::App &command);
 CommandRun add_names(CLI::App &command);
+
+// Throws std::runtime_error, with the names of those that are known, when nothing has come of an application of this
+// name; "" stands for all.
+void require_application(Reader &store, const std::string &name);
 
 // For options that are times: "" for seconds or a number with its unit, else what is wrong.
 std::string check_seconds(const std::string &text);

@@ -46,7 +46,7 @@ int names(const DaemonConfig &config, const NamesOptions &options)
 	for (const std::string &problem : applications.problems) tell(path + " " + problem);
 	Namer namer(settings_of(applications, options.application), options.script, options.fpm);
 	NameCounts counts = count_file(options.requests, namer);
-	put(names_text(counts, options.most, terminal_width(), options.script));
+	put(names_text(counts, options.most, list_width(), options.script));
 	auto invalid = namer.invalid_rules();
 	if (invalid) {
 		std::string at = invalid->empty() ? "their end" : cut(printable(*invalid), 60);

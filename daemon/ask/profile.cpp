@@ -43,6 +43,7 @@ int profile(const DaemonConfig &config, const std::string &application, int64_t 
 {
 	if (!daemon_answers(config)) throw std::runtime_error("no daemon is running; see `quorbit status`");
 	auto store = open_reader(config);
+	require_application(*store, application);
 	ProfileOrders orders(config.store_file());
 	int64_t order = orders.order(application, seconds);
 	tell("Waiting for a process of \"" + printable(application) + "\" to ask for its configuration.");

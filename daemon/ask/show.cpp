@@ -49,9 +49,10 @@ int show(const DaemonConfig &config, const ShowOptions &options)
 {
 	auto store = open_reader(config);
 	if (options.id) return show_action(*store, options);
+	require_application(*store, options.question.filter.application);
 	auto rows = store->actions(options.question);
 	if (!options.json) {
-		put(action_table(rows, output_width(), wall_clock_ms()));
+		put(action_table(rows, list_width(), wall_clock_ms()));
 		return 0;
 	}
 	Json list = Json::array();
@@ -62,10 +63,17 @@ int show(const DaemonConfig &config, const ShowOptions &options)
 
 } // namespace
 
+// "" for the number of an action, else what is wrong.
+static std::string check_id(const std::string &text)
+{
+	bool number = !text.empty() && text.size() < 19 && text.find_first_not_of("0123456789") == std::string::npos;
+	return number ? std::string() : "expected the number of an action, as `quorbit show` lists them";
+}
+
 CommandRun add_show(CLI::App &command)
 {
 	auto options = std::make_shared<ShowOptions>();
-	command.add_option("ID", options->id, "an action of the list")->check(CLI::PositiveNumber);
+	command.add_option("ID", options->id, "an action of the list")->check(check_id);
 	command.add_option("-n", options->question.most, "how many actions")
 		->check(CLI::Range(1, 1000000))
 		->capture_default_str();

@@ -22,8 +22,8 @@ using namespace std::chrono_literals;
 int tail(const DaemonConfig &config, const std::string &application, bool json)
 {
 	auto store = open_reader(config);
-	// No page to fit into: programs that filter the lines look for full names.
-	const size_t width = terminal_width() ? output_width() : 130;
+	require_application(*store, application);
+	const size_t width = list_width();
 	if (!json) put(tail_header(width));
 	int64_t last = store->last_id();
 	ActionFilter filter;

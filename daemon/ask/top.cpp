@@ -26,7 +26,8 @@ CommandRun add_top(CLI::App &command)
 		options->question.filter.range.from_ms = wall_clock_ms() - *parse_seconds(options->since) * 1000;
 		auto store = open_reader(config);
 		const ActionFilter &filter = options->question.filter;
-		put(top_text(store->sums(options->question), output_width()));
+		require_application(*store, filter.application);
+		put(top_text(store->sums(options->question), list_width()));
 		put(dropped_text(store->dropped(filter.range, filter.application)));
 		return 0;
 	};

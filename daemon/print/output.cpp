@@ -4,6 +4,7 @@
 #include "base/text.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
 namespace quorbit {
@@ -20,7 +21,13 @@ void tell(const std::string &line)
 
 size_t output_width()
 {
-	return std::clamp(terminal_width(), size_t{100}, size_t{200});
+	size_t columns = terminal_width();
+	return columns ? std::clamp(columns, size_t{80}, size_t{200}) : 100;
+}
+
+size_t list_width()
+{
+	return terminal_width() ? output_width() : SIZE_MAX;
 }
 
 } // namespace quorbit

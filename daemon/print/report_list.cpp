@@ -29,6 +29,7 @@ constexpr ListColumn list_columns[] = {
 	{"CODE", true, 4},
 	{"STATUS", false, 9},
 };
+constexpr size_t widest_tail = 200; // beyond it names are whole, and push what follows
 constexpr size_t application_column = 2, action_column = 3;
 
 // The year says nothing in a list of the newest.
@@ -72,7 +73,7 @@ std::vector<std::string> cells_of(const ActionRow &row, const std::string &time)
 
 std::string fixed_line(const std::vector<std::string> &cells, size_t width)
 {
-	size_t left = width;
+	size_t left = std::min(width, widest_tail);
 	for (const ListColumn &column : list_columns)
 		left -= std::min(left, column.tail_width + (&column == list_columns ? 0 : 2));
 	std::string line;
@@ -80,7 +81,8 @@ std::string fixed_line(const std::vector<std::string> &cells, size_t width)
 		size_t columns = list_columns[i].tail_width;
 		if (columns == 0) columns = i == application_column ? left / 3 : left - left / 3;
 		// Only names are cut: half a number is another one.
-		std::string cell = list_columns[i].tail_width ? cells[i] : cut_middle(cells[i], columns);
+		bool whole = list_columns[i].tail_width || width > widest_tail;
+		std::string cell = whole ? cells[i] : cut_middle(cells[i], columns);
 		std::string fill(columns - std::min(columns, text_width(cell)), ' ');
 		line += (i ? "  " : "") + (list_columns[i].right ? fill + cell : cell + fill);
 	}

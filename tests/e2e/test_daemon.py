@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from support import wire
-from support.engines import at_once
+from support.engines import PROJECT, at_once
 from support.fake_daemon import wait_until
 from support.local_daemon import QUORBIT
 
@@ -56,6 +56,41 @@ def test_applications_are_configured_by_the_operators_file(real):
         (real.logs / "applications.conf").write_text(f"[*]\nzqs.agent_enabled = 0\n[Shop]\nzqs.agent_enabled = {enabled}\n")
         real.php()
         real.reports(count)
+
+
+@pytest.mark.parametrize("words, told", [
+    (["show", "abc"], "the number of an action"), (["show", "-n", "0"], "not in range"), (["top", "--since", "1w"], "a time such as"),
+    (["profile", "Shop"], "TIME is required"), (["status", "--shop"], "--shop"), (["shew"], "shew")])
+def test_wrong_usage_is_told_in_one_line_and_the_usage(words, told):
+    done = subprocess.run([QUORBIT, *words], capture_output=True, text=True, timeout=20)
+    what, usage = done.stderr.splitlines()
+    command = words[0] if len(words) > 1 else "[OPTIONS]"
+    assert (done.returncode, done.stdout) == (2, "") and told in what and usage.startswith(f"Usage: quorbit {command}")
+
+
+def test_every_command_tells_the_version():
+    version = re.search(r"project\(quorbit VERSION ([0-9.]+)", (PROJECT / "CMakeLists.txt").read_text())[1]
+    for words in ["--version"], ["show", "--version"]:
+        assert subprocess.check_output([QUORBIT, *words], text=True) == f"quorbit {version} (protocol Oct 20 2016)\n"
+
+
+def test_an_unknown_application_is_told_from_those_that_are_known(real):
+    real.php()
+    real.reports(1)
+    for words in ["show"], ["top"], ["tail"], ["profile"]:
+        words += ["Shpo", "1s"] if words == ["profile"] else ["--app", "Shpo"]
+        done = subprocess.run([QUORBIT, *words, "--root", real.site.root], capture_output=True, text=True, timeout=20)
+        assert (done.returncode, done.stdout, done.stderr) == (1, "", 'quorbit: there is no application "Shpo"; known: Shop\n')
+
+
+def test_lists_fit_the_terminal_and_a_pipe_gets_whole_names(real):
+    name = "long" * 40 + ".php"
+    real.php(name=name)
+    real.reports(1, name)
+    for words in ["show"], ["top"]:
+        assert name in real.command(*words)
+        lines = real.on_terminal(80, *words)
+        assert max(map(len, lines)) == 80 and ".php" in lines[1] and name not in lines[1]
 
 
 @pytest.mark.parametrize("noise", [b"\xff" * 64, wire.record(0x0B, b"\x11\0\0\x09x"), wire.record(0x0A, b"")[:3], b""])

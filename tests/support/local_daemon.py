@@ -1,8 +1,11 @@
 """The project's own daemon, as a site's agent starts it, and the commands that show what it keeps."""
+import fcntl
 import json
 import os
 import signal
+import struct
 import subprocess
+import termios
 from pathlib import Path
 
 import pytest
@@ -30,6 +33,15 @@ class Real:
 
     def command(self, *words):
         return subprocess.run([QUORBIT, *words, "--root", self.site.root], capture_output=True, text=True, timeout=90).stdout
+
+    def on_terminal(self, columns, *words):
+        """The lines that a terminal of so many columns and 24 rows gets."""
+        ours, theirs = os.openpty()
+        fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        subprocess.run([QUORBIT, *words, "--root", self.site.root], stdout=theirs, timeout=30, check=True)
+        os.close(theirs)
+        with os.fdopen(ours, "rb") as terminal:
+            return terminal.read1(65536).decode().splitlines()
 
     def shown(self, name="job.php"):
         """The actions of that script, newest first."""
