@@ -15,6 +15,7 @@ import os
 import re
 import subprocess
 import sys
+import threading
 from pathlib import Path
 
 from support import wire
@@ -130,4 +131,10 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.setrecursionlimit(100_000)                    # a trace is as deep as the calls were
+    threading.stack_size(256 << 20)
+    status = []
+    thread = threading.Thread(target=lambda: status.append(main()))
+    thread.start()
+    thread.join()
+    sys.exit(status[0] if status else 2)

@@ -2,30 +2,23 @@
 import pytest
 
 from support import wire
-from support.cases import program
-from support.engines import ENGINE, SCRIPTS, Fpm
+from support.cases import cases, program
+from support.engines import ENGINE, Fpm
 
 INI = {"memory_limit": "32M", "display_errors": "1", "html_errors": "0", "log_errors": "1", "error_log": "/dev/stderr"}
 TRACED = {"zqs.action_tracer.action_threshold": "1", "zqs.error_collector.enabled": "1", "zqs.transaction_tracer.enabled": "1"}
 
 
-@pytest.mark.parametrize("name", sorted(path.stem for path in (SCRIPTS / "scripts").iterdir()))
-def test_scripts_run_as_without_the_agent(site, name):
-    code = program(f"scripts/{name}.php")
+@pytest.mark.parametrize("code, _", cases("scripts.php"))
+def test_scripts_run_as_without_the_agent(site, code, _):
     assert site.cgi(code, ini=INI, settings=TRACED).metric.action == "WebAction/URI/index.php"
     assert site.cli(code, ini=INI).metrics
 
 
-@pytest.mark.parametrize("name, components, traced", [
-    ("magic", "M/__call M/__callStatic", "M::foo M::__call M::bar M::__callStatic M::cuf ::call_user_func"),
-    ("closures", "NULL/{closure} I/__invoke", "::{closure} Closure::__invoke I::__invoke"),
-    ("named_closures", r"NULL/Shop\\{closure} Shop\\C/pay", r"::Shop\{closure} Shop\C::pay ::call_user_func"),
-    ("generators", "NULL/f", "::f"),                       # a generator's time is its consumer's
-    ("exception", "NULL/a", "::a ::b ::c"),
-    ("after_exit", "NULL/down NULL/out", "::down ::out"),  # everything begins again; what the exit left is not counted
-])
-def test_calls_are_timed_under_their_names(site, name, components, traced):
-    metric = site.cgi(program(f"timed/{name}.php"), settings=TRACED).metric
+@pytest.mark.parametrize("code, names", cases("timed.php"))
+def test_calls_are_timed_under_their_names(site, code, names):
+    components, traced = names.split(";")
+    metric = site.cgi(code, settings=TRACED).metric
     assert set(metric.components) - {"PHP/NULL/compile", "PHP/NULL/remainder code"} == {"PHP/" + c for c in components.split()}
     nodes = {f"{node[5]}::{node[6]}" for node in wire.nodes(metric.trace)}
     assert nodes - {"PHP::compile"} == {"PHP::execute", "::usleep", *traced.split()}

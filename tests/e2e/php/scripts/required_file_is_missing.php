@@ -1,5 +1,0 @@
-<?php
-function f() {
-    require "missing.php";
-}
-f();
