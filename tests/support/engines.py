@@ -38,7 +38,7 @@ class Result:
     stderr: bytes = b""
     code: int = None
     ms: float = 0
-    held_up_ms: float = 0                  # of a process: neither at work nor waiting for a processor
+    held_up_ms: float = field(default=0, compare=False)    # of a process: neither at work nor waiting for a processor
     bare: "Result" = None                  # the twin's result
     queries: list = field(default_factory=list)
     metrics: list = field(default_factory=list)
