@@ -15,9 +15,7 @@ namespace {
         echo @$undefined[$what];
         try {
             throw new Worse($what);
-        } catch (Oops $e) {
-            $e = null;
-        }
+        } catch (Oops $e) { $e = null; }
         throw new Oops($what);
     }
 
@@ -26,8 +24,7 @@ namespace {
         function __destruct() {
             try {
                 throw new Oops('nobody');
-            } catch (Oops $e) {
-            }
+            } catch (Oops $e) {}
         }
     }
 

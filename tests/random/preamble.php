@@ -4,9 +4,7 @@
 $fuel = 400;
 
 /* Bounds the calls of a program, whatever calls what. */
-function spent() {
-    return --$GLOBALS['fuel'] < 0;
-}
+function spent() { return --$GLOBALS['fuel'] < 0; }
 
 /* Any value as one line; objects by their class. */
 function flat($value, $depth = 0) {
@@ -24,9 +22,7 @@ function described($e) {
     return $e->getPrevious() ? $text . '<' . described($e->getPrevious()) : $text;
 }
 
-function say() {
-    echo implode(' ', array_map('flat', func_get_args())), "\n";
-}
+function say() { echo implode(' ', array_map('flat', func_get_args())), "\n"; }
 
 function seen($e) {
     echo 'caught ', described($e), "\n", $e->getTraceAsString(), "\n";
@@ -48,9 +44,7 @@ function last_error() {
     return $e ? "$e[type] $e[message] at line $e[line]" : 'none';
 }
 
-function peer($path) {
-    return getenv('PEER') . $path;
-}
+function peer($path) { return getenv('PEER') . $path; }
 
 /* One database in memory, made at the first use. */
 function db($mode = PDO::ERRMODE_EXCEPTION) {

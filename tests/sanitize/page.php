@@ -18,17 +18,13 @@ class Shop
 
 function items($count)
 {
-    for ($i = 0; $i < $count; $i++) {
-        yield strtoupper("item $i");
-    }
+    for ($i = 0; $i < $count; $i++) { yield strtoupper("item $i"); }
 }
 
 function deep($levels)
 {
     usleep(100);
-    if ($levels) {
-        return deep($levels - 1);
-    }
+    if ($levels) { return deep($levels - 1); }
     throw new LogicException('deep');
 }
 
@@ -37,12 +33,8 @@ function database()
     $db = new PDO('sqlite::memory:');
     $db->exec('CREATE TABLE item (id INTEGER, name TEXT)');
     $insert = $db->prepare('INSERT INTO item VALUES (?, ?)');
-    for ($i = 0; $i < 5; $i++) {
-        $insert->execute(array($i, "o'clock"));
-    }
-    foreach ($db->query('SELECT * FROM item WHERE id > 2') as $row) {
-        echo $row['name'];
-    }
+    for ($i = 0; $i < 5; $i++) { $insert->execute(array($i, "o'clock")); }
+    foreach ($db->query('SELECT * FROM item WHERE id > 2') as $row) { echo $row['name']; }
     @$db->query('SELECT broken FROM nothing');
 }
 
@@ -82,33 +74,19 @@ function errors($case)
 echo '<html><head><title>', $case, '</title></head><body>';
 $shop = new Shop;
 echo $shop->show($case);
-foreach (items(3) as $item) {
-    echo $item;
-}
+foreach (items(3) as $item) { echo $item; }
 echo array_sum(array_map(function ($x) { return $x + 1; }, array(1, 2)));
 try {
     deep(3);
-} catch (LogicException $e) {
-    echo get_class($e);
-}
-if ($case % 2) {
-    database();
-}
-if ($case % 3) {
-    stores();
-}
-if ($case % 4 === 0) {
-    call(getenv('PEER_PORT'));
-}
+} catch (LogicException $e) { echo get_class($e); }
+if ($case % 2) { database(); }
+if ($case % 3) { stores(); }
+if ($case % 4 === 0) { call(getenv('PEER_PORT')); }
 if ($case % 5 === 0) {
     ini_set('zqs.action_tracer.action_threshold', $case % 100);
     ini_set('zqs.action_tracer.slow_sql', $case % 2);
 }
 ob_start();
 echo '</body></html>';
-if ($case % 7) {
-    ob_end_flush();
-}
-if ($case % 3 === 0) {
-    errors($case);
-}
+if ($case % 7) { ob_end_flush(); }
+if ($case % 3 === 0) { errors($case); }

@@ -6,9 +6,7 @@ class Configure extends Object {
 	public $debug = 0;
 	static function &getInstance($boot = true) {
 		static $instance = array();
-		if (!$instance) {
-			$instance[0] = new Configure;
-		}
+		if (!$instance) { $instance[0] = new Configure; }
 		return $instance[0];
 	}
 	static function write($config, $value = null) {
@@ -25,9 +23,7 @@ class View extends Object {
 class Controller extends Object {
 	var $uses = array(), $modelClass = 'Post', $output;
 	function constructClasses() {
-		foreach ($this->uses as $modelClass) {
-			$this->loadModel($modelClass);
-		}
+		foreach ($this->uses as $modelClass) { $this->loadModel($modelClass); }
 	}
 	function loadModel($modelClass = null, $id = null) {
 		$modelClass = $modelClass === null ? $this->modelClass : $modelClass;
@@ -43,13 +39,10 @@ class Controller extends Object {
 }
 class PostsController extends Controller {
 	var $uses = array('Blog.Post', 'Author');
-	function index() {
-	}
+	function index() {}
 }
 class PagesController extends Controller {
-	function index() {
-		$this->loadModel();
-	}
+	function index() { $this->loadModel(); }
 }
 class Dispatcher extends Object {
 	function dispatch($url) {

@@ -19,9 +19,7 @@ class CI_Router {
 	protected function _set_routing() {
 		$this->uri->segments ? $this->_parse_routes() : $this->_set_default_controller();
 	}
-	protected function _parse_routes() {
-		$this->_set_request(array_values($this->uri->segments));
-	}
+	protected function _parse_routes() { $this->_set_request(array_values($this->uri->segments)); }
 	protected function _set_default_controller() {
 		$this->set_class('blog');
 		$this->set_method('index');
@@ -29,29 +27,17 @@ class CI_Router {
 	protected function _set_request($segments = array()) {
 		$segments = $this->_validate_request($segments);
 		$this->set_class($segments[0]);
-		if (isset($segments[1])) {
-			$this->set_method($segments[1]);
-		}
+		if (isset($segments[1])) { $this->set_method($segments[1]); }
 	}
-	protected function _validate_request($segments) {
-		return $segments;
-	}
-	public function set_class($class) {
-		$this->class = str_replace(array('/', '.'), '', $class);
-	}
-	public function set_method($method) {
-		$this->method = $method;
-	}
+	protected function _validate_request($segments) { return $segments; }
+	public function set_class($class) { $this->class = str_replace(array('/', '.'), '', $class); }
+	public function set_method($method) { $this->method = $method; }
 }
 class MY_Router extends CI_Router {
-	protected function _validate_request($segments) {
-		return parent::_validate_request($segments);
-	}
+	protected function _validate_request($segments) { return parent::_validate_request($segments); }
 }
 class CI_Loader {
-	public function initialize() {
-		usleep(1500);
-	}
+	public function initialize() { usleep(1500); }
 	public function view($view, $vars = array(), $return = FALSE) {
 		usleep(1500);
 		get_instance()->output->final_output .= "<h1>$view</h1>";
@@ -73,21 +59,13 @@ class CI_Controller {
 		$this->output =& load_class('Output');
 		$this->load->initialize();
 	}
-	public static function &get_instance() {
-		return self::$instance;
-	}
+	public static function &get_instance() { return self::$instance; }
 }
 class Blog extends CI_Controller {
-	public function index() {
-		$this->load->view('list');
-	}
-	public function post($id = 0) {
-		$this->load->view("post $id");
-	}
+	public function index() { $this->load->view('list'); }
+	public function post($id = 0) { $this->load->view("post $id"); }
 }
-function &get_instance() {
-	return CI_Controller::get_instance();
-}
+function &get_instance() { return CI_Controller::get_instance(); }
 function &load_class($class) {
 	static $loaded = array();
 	if (!isset($loaded[$class])) {

@@ -5,24 +5,16 @@ abstract class discuz_base {
 class discuz_application extends discuz_base {
 	static function &instance() {
 		static $object;
-		if (empty($object)) {
-			$object = new self();
-		}
+		if (empty($object)) { $object = new self(); }
 		return $object;
 	}
-	public function init() {
-		echo 'forum';
-	}
+	public function init() { echo 'forum'; }
 }
 class core {
 	private static $_app;
-	public static function app() {
-		return self::$_app;
-	}
+	public static function app() { return self::$_app; }
 	public static function creatapp() {
-		if (!is_object(self::$_app)) {
-			self::$_app = discuz_application::instance();
-		}
+		if (!is_object(self::$_app)) { self::$_app = discuz_application::instance(); }
 		return self::$_app;
 	}
 }

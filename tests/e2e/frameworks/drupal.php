@@ -7,35 +7,21 @@ function drupal_bootstrap($phase = NULL, $new_phase = TRUE) {
 	static $phases = array(DRUPAL_BOOTSTRAP_SESSION => 'drupal_session_initialize',
 		DRUPAL_BOOTSTRAP_PAGE_HEADER => 'drupal_page_cache_header', DRUPAL_BOOTSTRAP_FULL => '_drupal_bootstrap_full');
 	foreach ($phases as $number => $function) {
-		if ($number <= $phase) {
-			$function(new stdClass);
-		}
+		if ($number <= $phase) { $function(new stdClass); }
 	}
 	return $phase;
 }
-function drupal_session_initialize() {
-	usleep(1500);
-}
-function drupal_page_cache_header(stdClass $cache) {
-	usleep(1500);
-}
-function _drupal_bootstrap_full() {
-	drupal_path_initialize();
-}
+function drupal_session_initialize() { usleep(1500); }
+function drupal_page_cache_header(stdClass $cache) { usleep(1500); }
+function _drupal_bootstrap_full() { drupal_path_initialize(); }
 function drupal_path_initialize() {
 	$path = trim(strtok($_SERVER['REQUEST_URI'], '?'), '/');
 	$_GET['q'] = drupal_get_normal_path($path === '' ? 'node' : $path);
 }
-function drupal_get_normal_path($path, $path_language = NULL) {
-	return $path;
-}
-function module_invoke($module, $hook) {
-	usleep(1500);
-}
+function drupal_get_normal_path($path, $path_language = NULL) { return $path; }
+function module_invoke($module, $hook) { usleep(1500); }
 class view {
-	function execute($display_id = NULL) {
-		usleep(1500);
-	}
+	function execute($display_id = NULL) { usleep(1500); }
 }
 function drupal_http_request($url, array $options = array()) {
 	@file_get_contents('http://127.0.0.1:9/inside');

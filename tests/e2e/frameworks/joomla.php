@@ -2,9 +2,7 @@
 /* Joomla 2.5: the version is asked for while the libraries load; a component's controller shows a view; a module renderer. */
 class JVersion {
 	public $RELEASE = '2.5', $DEV_LEVEL = '28';
-	public function getShortVersion() {
-		return $this->RELEASE . '.' . $this->DEV_LEVEL;
-	}
+	public function getShortVersion() { return $this->RELEASE . '.' . $this->DEV_LEVEL; }
 }
 if (!defined('JVERSION')) {
 	$version = new JVersion;
@@ -30,9 +28,7 @@ class JController extends JObject {
 	}
 }
 class ContentViewArticle extends JView {
-	public function display($tpl = null) {
-		parent::display($tpl);
-	}
+	public function display($tpl = null) { parent::display($tpl); }
 }
 class ContentController extends JController {
 }

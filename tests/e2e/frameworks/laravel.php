@@ -16,9 +16,7 @@ namespace Illuminate\Support\Facades {
 		}
 	}
 	class Route extends Facade {
-		protected static function getFacadeAccessor() {
-			return 'router';
-		}
+		protected static function getFacadeAccessor() { return 'router'; }
 	}
 }
 namespace Illuminate\Http {
@@ -43,9 +41,7 @@ namespace Illuminate\Routing {
 	}
 	class Route {
 		public $parameters = [], $action;
-		public function __construct($action) {
-			$this->action = 'App\Http\Controllers\\' . $action;
-		}
+		public function __construct($action) { $this->action = 'App\Http\Controllers\\' . $action; }
 		public function run(\Illuminate\Http\Request $request) {
 			list($class, $method) = explode('@', $this->action);
 			return (new ControllerDispatcher)->dispatch($this, $request, $class, $method);
@@ -70,9 +66,7 @@ namespace Illuminate\Routing {
 }
 namespace App\Http\Controllers {
 	class UserController extends \Illuminate\Routing\Controller {
-		public function index() {
-			return 'all';
-		}
+		public function index() { return 'all'; }
 		public function show($id) {
 			usleep(1500);
 			return "user $id";

@@ -1,14 +1,11 @@
 <?php
 /* phpwind 9: the framework initialises itself when its file is loaded; a front controller runs a simple controller. */
 class Wind {
-	public static function init() {
-	}
+	public static function init() {}
 }
 Wind::init();
 class Wekit {
-	public static function init($type) {
-		usleep(1500);
-	}
+	public static function init($type) { usleep(1500); }
 	public static function run($name) {
 		self::init($name);
 		$front = new WindWebFrontController($name, array());
@@ -38,8 +35,7 @@ abstract class WindSimpleController {
 	abstract public function run();
 }
 class IndexController extends WindSimpleController {
-	public function run() {
-	}
+	public function run() {}
 }
 Wekit::run('phpwind');
 # --- /read.php => URI/read.php

@@ -7,12 +7,8 @@ namespace Think {
 			define('MODULE_NAME', self::getModule(isset($path[0]) ? $path[0] : ''));
 			define('CONTROLLER_NAME', self::getController(isset($path[1]) ? $path[1] : ''));
 		}
-		static private function getModule($var) {
-			return $var === '' ? 'Home' : ucfirst($var);
-		}
-		static private function getController($var) {
-			return $var === '' ? 'Index' : ucfirst($var);
-		}
+		static private function getModule($var) { return $var === '' ? 'Home' : ucfirst($var); }
+		static private function getController($var) { return $var === '' ? 'Index' : ucfirst($var); }
 	}
 	class App {
 		static public function run() {
@@ -30,9 +26,7 @@ namespace Think {
 }
 namespace Home\Controller {
 	class IndexController extends \Think\Controller {
-		public function index() {
-			echo 'home';
-		}
+		public function index() { echo 'home'; }
 	}
 }
 namespace {

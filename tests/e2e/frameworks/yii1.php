@@ -5,17 +5,12 @@ abstract class CApplication {
 		Yii::$app = $this;
 		$this->init();
 	}
-	public function run() {
-		$this->processRequest();
-	}
+	public function run() { $this->processRequest(); }
 	abstract public function processRequest();
-	protected function init() {
-	}
+	protected function init() {}
 }
 class CUrlManager {
-	public function parseUrl($request) {
-		return trim(strtok($request, '?'), '/');
-	}
+	public function parseUrl($request) { return trim(strtok($request, '?'), '/'); }
 }
 class CWebApplication extends CApplication {
 	public $defaultController = 'site';
@@ -56,48 +51,32 @@ class CInlineAction extends CAction {
 }
 class CController {
 	public $id, $defaultAction = 'index';
-	public function __construct($id) {
-		$this->id = $id;
-	}
-	public function actions() {
-		return array();
-	}
+	public function __construct($id) { $this->id = $id; }
+	public function actions() { return array(); }
 	public function run($actionID) {
 		$actionID = $actionID === '' ? $this->defaultAction : $actionID;
 		$map = $this->actions();
 		$class = isset($map[$actionID]) ? $map[$actionID] : 'CInlineAction';
 		$this->runAction(new $class($this, $actionID));
 	}
-	public function runAction($action) {
-		$action->runWithParams(array());
-	}
-	public function render($view, $data = null, $return = false) {
-		echo "<h1>$view</h1>";
-	}
+	public function runAction($action) { $action->runWithParams(array()); }
+	public function render($view, $data = null, $return = false) { echo "<h1>$view</h1>"; }
 }
 class YiiBase {
 	public static $app;
 	public static function createWebApplication($config = null) {
 		return self::createApplication('CWebApplication', $config);
 	}
-	public static function createApplication($class, $config = null) {
-		return new $class($config);
-	}
+	public static function createApplication($class, $config = null) { return new $class($config); }
 }
 class Yii extends YiiBase {
 }
 class CaptchaAction extends CAction {
-	public function run() {
-		echo 'captcha';
-	}
+	public function run() { echo 'captcha'; }
 }
 class SiteController extends CController {
-	public function actions() {
-		return array('captcha' => 'CaptchaAction');
-	}
-	public function actionIndex() {
-		$this->render('front page');
-	}
+	public function actions() { return array('captcha' => 'CaptchaAction'); }
+	public function actionIndex() { $this->render('front page'); }
 }
 Yii::createWebApplication(array('name' => 'shop'))->run();
 # --- /site/index => yii/site%2Findex

@@ -3,13 +3,10 @@
 namespace yii\base {
 	class Object {
 		public function __construct($config = []) {
-			foreach ($config as $name => $value) {
-				$this->$name = $value;
-			}
+			foreach ($config as $name => $value) { $this->$name = $value; }
 			$this->init();
 		}
-		public function init() {
-		}
+		public function init() {}
 	}
 	class Module extends Object {
 		public $id;
@@ -59,9 +56,7 @@ namespace yii\base {
 			usleep(1500);
 			return $this->getView()->render($view, $params, $this);
 		}
-		public function getView() {
-			return new \yii\web\View;
-		}
+		public function getView() { return new \yii\web\View; }
 	}
 	class View {
 		public function render($view, $params = [], $context = null) {
@@ -83,9 +78,7 @@ namespace yii\web {
 }
 namespace app\controllers {
 	class SiteController extends \yii\web\Controller {
-		public function actionIndex() {
-			return $this->render('index');
-		}
+		public function actionIndex() { return $this->render('index'); }
 	}
 }
 namespace {

@@ -5,9 +5,7 @@ class Zend_Application {
 	public function __construct($environment, $options = null, $suppressNotFoundWarnings = null) {
 		$this->_environment = (string) $environment;
 	}
-	public function bootstrap($resource = null) {
-		return $this;
-	}
+	public function bootstrap($resource = null) { return $this; }
 	public function run() {
 		usleep(1500);
 		$bootstrap = new Bootstrap;
@@ -15,22 +13,16 @@ class Zend_Application {
 	}
 }
 class Zend_Application_Bootstrap_Bootstrap {
-	public function run() {
-		return Zend_Controller_Front::getInstance()->dispatch();
-	}
+	public function run() { return Zend_Controller_Front::getInstance()->dispatch(); }
 }
 class Bootstrap extends Zend_Application_Bootstrap_Bootstrap {
 }
 class Zend_Controller_Plugin_Broker {
-	public function preDispatch($request) {
-		usleep(1500);
-	}
+	public function preDispatch($request) { usleep(1500); }
 }
 class Zend_Controller_Front {
 	private static $_instance;
-	public static function getInstance() {
-		return self::$_instance ?: self::$_instance = new self;
-	}
+	public static function getInstance() { return self::$_instance ?: self::$_instance = new self; }
 	public function dispatch($request = null, $response = null) {
 		usleep(1500);
 		$plugins = new Zend_Controller_Plugin_Broker;
@@ -46,8 +38,7 @@ class Zend_Controller_Dispatcher_Standard {
 	}
 }
 abstract class Zend_Controller_Action {
-	public function preDispatch() {
-	}
+	public function preDispatch() {}
 	public function dispatch($action) {
 		$this->preDispatch();
 		$this->$action();
@@ -55,12 +46,8 @@ abstract class Zend_Controller_Action {
 }
 class Zend_Http_Client {
 	protected $uri;
-	public function __construct($uri = null, $config = null) {
-		$this->uri = $uri;
-	}
-	public function getUri($as_string = false) {
-		return $this->uri;
-	}
+	public function __construct($uri = null, $config = null) { $this->uri = $uri; }
+	public function getUri($as_string = false) { return $this->uri; }
 	public function request($method = null) {
 		return @file_get_contents('http://127.0.0.1:9/inside');
 	}

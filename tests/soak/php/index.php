@@ -27,9 +27,7 @@ class OutOfStock extends Exception
 
 function numbers($until)
 {
-    for ($i = 0; $i < $until; $i++) {
-        yield $i;
-    }
+    for ($i = 0; $i < $until; $i++) { yield $i; }
 }
 
 function deep($levels)
@@ -46,9 +44,7 @@ function leave()
  * not wait for the threads of its own process, whose code it takes away: PHP crashes, with and without an agent. */
 function forget_code()
 {
-    if (!function_exists('opcache_reset') || mt_rand(0, 7)) {
-        return;
-    }
+    if (!function_exists('opcache_reset') || mt_rand(0, 7)) { return; }
     if (PHP_SAPI === 'fpm-fcgi') {
         opcache_reset();
     } else {
@@ -65,9 +61,7 @@ function page($kind)
         case 2:
             try {
                 throw new OutOfStock('gone');
-            } catch (OutOfStock $e) {
-                return get_class($e) . ' ' . $e->getMessage();
-            }
+            } catch (OutOfStock $e) { return get_class($e) . ' ' . $e->getMessage(); }
         case 3:
             return array_sum(iterator_to_array(numbers(20)));
         case 4:
@@ -93,9 +87,7 @@ function page($kind)
         case 11:
             return 'not here';
         case 12:
-            if (!class_exists('PDO')) {
-                return '3';
-            }
+            if (!class_exists('PDO')) { return '3'; }
             $db = new PDO('sqlite::memory:');
             return $db->query('SELECT 1 + 2')->fetchColumn();
         case 13:
@@ -111,7 +103,5 @@ function page($kind)
 }
 
 $number = (int) substr(strrchr($_SERVER['REQUEST_URI'], '/'), 1);
-if ($number % 16 == 11) {
-    http_response_code(404);
-}
+if ($number % 16 == 11) { http_response_code(404); }
 echo '<html><head><title>shop</title></head><body>', $number, ': ', page($number % 16);

@@ -22,9 +22,7 @@ class Hello extends Polite
 {
     public function greet($whom)
     {
-        if ($whom === '') {
-            throw new InvalidArgumentException('nobody');
-        }
+        if ($whom === '') { throw new InvalidArgumentException('nobody'); }
         return "hello $whom";
     }
 }
@@ -32,9 +30,7 @@ class Hello extends Polite
 function letters($until)
 {
     try {
-        foreach (range('a', $until) as $letter) {
-            yield $letter => ord($letter);
-        }
+        foreach (range('a', $until) as $letter) { yield $letter => ord($letter); }
     } finally {
         echo "letters end\n";
     }
@@ -69,9 +65,7 @@ $hello = new Hello();
 echo $hello->greet('you'), Hello::anything(1, 2), call_user_func($hello->thing), "\n";
 foreach (letters('d') as $letter => $code) {
     echo "$letter$code ";
-    if ($code > 98) {
-        break;
-    }
+    if ($code > 98) { break; }
 }
 try {
     array_map(array($hello, 'greet'), array('a', '', 'c'));
@@ -98,9 +92,7 @@ if (function_exists('xdebug_start_code_coverage')) {
     xdebug_stop_trace();
     foreach (file($trace) as $line) {
         $fields = explode("\t", $line);
-        if (count($fields) > 5) {
-            echo "$fields[0] $fields[2] $fields[5]\n";
-        }
+        if (count($fields) > 5) { echo "$fields[0] $fields[2] $fields[5]\n"; }
     }
     unlink($trace);
 }

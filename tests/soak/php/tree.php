@@ -33,8 +33,7 @@ function finish($fate)
             work();
             break;
         case 'ends in a generator':
-            foreach (unwinding() as $never) {
-            }
+            foreach (unwinding() as $never) {}
     }
 }
 
@@ -58,9 +57,7 @@ function node($path, $depth, $breadth)
         $children[] = $child;
     }
     work();
-    foreach ($children as $child) {
-        pcntl_waitpid($child, $status);
-    }
+    foreach ($children as $child) { pcntl_waitpid($child, $status); }
     finish($path ? $fates[abs(crc32($path)) % count($fates)] : 'returns');
 }
 
