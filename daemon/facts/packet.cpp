@@ -213,19 +213,20 @@ int64_t Action::code_ms() const
 	return rest > 0 ? rest : 0;
 }
 
+// A packet of 16 MiB could hold millions.
+constexpr size_t most_unknown = 1024;
+
 std::optional<Action> read_action(std::string_view body)
 {
-	auto records = read_records(body);
-	if (!records) return std::nullopt;
 	Action action;
 	std::string_view details;
-	for (const Record &record : *records) {
-		if (record.type == record_details) {
+	bool framed = for_each_record(body, [&](const Record &record) {
+		if (record.type == record_details)
 			details = record.body;
-			continue;
-		}
-		if (!read_action_record(record, action)) action.unknown.push_back({record.type, std::string(record.body)});
-	}
+		else if (!read_action_record(record, action) && action.unknown.size() < most_unknown)
+			action.unknown.push_back({record.type, std::string(record.body)});
+	});
+	if (!framed) return std::nullopt;
 	// Last, wherever it stood: it tells more of what the others brought.
 	if (!details.empty() && !read_details(details, action))
 		action.unknown.push_back({record_details, std::string(details)});
@@ -234,14 +235,13 @@ std::optional<Action> read_action(std::string_view body)
 
 std::optional<ProfileEvent> read_profile_event(std::string_view body)
 {
-	auto records = read_records(body);
-	if (!records) return std::nullopt;
 	ProfileEvent event;
 	bool has_line = false;
-	for (const Record &record : *records) {
+	bool framed = for_each_record(body, [&](const Record &record) {
 		if (record.type == record_application_name) event.application = record.body;
 		if (record.type == record_profile_line) has_line = read_profile_line(record.body, event);
-	}
+	});
+	if (!framed) return std::nullopt;
 	if (!has_line) return std::nullopt;
 	return event;
 }

@@ -19,14 +19,7 @@ Header read_header(const char *bytes)
 std::optional<std::vector<Record>> read_records(std::string_view body)
 {
 	std::vector<Record> records;
-	while (!body.empty()) {
-		if (body.size() < header_size) return std::nullopt;
-		Header header = read_header(body.data());
-		body.remove_prefix(header_size);
-		if (header.length > body.size()) return std::nullopt;
-		records.push_back({header.type, body.substr(0, header.length)});
-		body.remove_prefix(header.length);
-	}
+	if (!for_each_record(body, [&](const Record &record) { records.push_back(record); })) return std::nullopt;
 	return records;
 }
 
@@ -92,10 +85,8 @@ static void read_query_record(const Record &record, Query &query)
 
 std::optional<Query> read_query(std::string_view body)
 {
-	auto records = read_records(body);
-	if (!records) return std::nullopt;
 	Query query;
-	for (const Record &record : *records) read_query_record(record, query);
+	if (!for_each_record(body, [&](const Record &record) { read_query_record(record, query); })) return std::nullopt;
 	return query;
 }
 

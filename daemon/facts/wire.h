@@ -67,7 +67,23 @@ using Settings = std::map<std::string, std::string, std::less<>>;
 // The header at `bytes`, of which there must be header_size.
 Header read_header(const char *bytes);
 
-// The records that fill `body` exactly; nothing when a header is cut short or a length overruns.
+// Calls on_record(record) for each of the records that fill `body`, in their order. False when a header is cut short or
+// a length overruns; what came before it has been called for.
+template <typename OnRecord>
+bool for_each_record(std::string_view body, OnRecord on_record)
+{
+	while (!body.empty()) {
+		if (body.size() < header_size) return false;
+		Header header = read_header(body.data());
+		body.remove_prefix(header_size);
+		if (header.length > body.size()) return false;
+		on_record(Record{header.type, body.substr(0, header.length)});
+		body.remove_prefix(header.length);
+	}
+	return true;
+}
+
+// The records that fill `body` exactly, as a list; nothing where for_each_record() is false.
 std::optional<std::vector<Record>> read_records(std::string_view body);
 
 // Follows the records of a packet's body as it arrives, in pieces of any length, and keeps none of it.

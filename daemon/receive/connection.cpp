@@ -1,4 +1,4 @@
-// Buffers of a connection and their common budget.
+// Buffers of a connection, out of the budget of all.
 #include "receive/connection.h"
 
 #include <cstring>
@@ -8,15 +8,7 @@ namespace quorbit {
 
 Connection::~Connection()
 {
-	budget_.used_bytes -= room_ + answer_.size();
-}
-
-// False, with nothing charged, when the budget has not so much.
-bool Connection::charge(size_t bytes)
-{
-	if (budget_.used_bytes + bytes > budget_.most_bytes) return false;
-	budget_.used_bytes += bytes;
-	return true;
+	budget_.give_back(sender, room_ + answer_.size());
 }
 
 // Whether the header is complete.
@@ -48,7 +40,7 @@ bool Connection::keep_partial(std::string_view bytes)
 	size_t needed = partial_.size() + bytes.size();
 	if (needed > room_) {
 		size_t room = std::min(length_, std::max(least, 4 * needed));
-		if (!charge(room - room_)) return false;
+		if (!budget_.take(sender, room - room_)) return false;
 		room_ = room;
 		// Into a new text: one that grows takes twice what it had, and not what is asked for.
 		std::string larger;
@@ -62,13 +54,13 @@ bool Connection::keep_partial(std::string_view bytes)
 // The body, whose memory is the caller's from now on.
 std::string Connection::end_packet()
 {
-	budget_.used_bytes -= std::exchange(room_, 0);
+	budget_.give_back(sender, std::exchange(room_, 0));
 	return std::exchange(partial_, {});
 }
 
 bool Connection::keep_answer(std::string_view rest)
 {
-	if (!charge(rest.size())) return false;
+	if (!budget_.take(sender, rest.size())) return false;
 	answer_ = rest;
 	answer_sent_ = 0;
 	return true;
@@ -78,7 +70,7 @@ void Connection::answer_sent(size_t bytes)
 {
 	answer_sent_ += bytes;
 	if (answer_sent_ < answer_.size()) return;
-	budget_.used_bytes -= answer_.size();
+	budget_.give_back(sender, answer_.size());
 	std::string().swap(answer_);
 	answer_sent_ = 0;
 }

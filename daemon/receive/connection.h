@@ -1,23 +1,19 @@
 // One agent's connection: bytes in, complete packets out, and the answer that waits to be taken.
 #pragma once
 
+#include "base/shares.h"
 #include "facts/wire.h"
 
 #include <algorithm>
 
 namespace quorbit {
 
-// What all connections together may hold of incomplete packets and answers not yet taken.
-struct BufferBudget {
-	size_t most_bytes;
-	size_t used_bytes = 0;
-};
-
 // The buffers of one connection, without the socket. An idle connection holds no memory of its own.
 class Connection {
 public:
-	Connection(int descriptor, int64_t process, BufferBudget &budget)
-		: descriptor(descriptor), process(process), budget_(budget)
+	// `budget` is what all connections share for packets not yet whole and answers not yet taken.
+	Connection(int descriptor, int64_t process, const Sender &sender, Shares &budget)
+		: descriptor(descriptor), process(process), sender(sender), budget_(budget)
 	{
 	}
 	~Connection();
@@ -42,17 +38,20 @@ public:
 	void answer_sent(size_t bytes);
 
 	const int descriptor;
-	const int64_t process;         // id of the process at the other end
+	const int64_t process; // id of the process at the other end
+	const Sender sender;
 	int64_t busy_since_second = 0; // monotonic; when is_busy(), since when
+	// For the event loop: whether there may be something to receive, whether the agent has hung up (so that there is,
+	// if only the end), and whether it waits for its turn.
+	bool readable = false, hung_up = false, has_turn = false;
 
 private:
 	bool take_header(std::string_view &bytes);
 	const char *begin_body();
 	bool keep_partial(std::string_view bytes);
 	std::string end_packet();
-	bool charge(size_t bytes);
 
-	BufferBudget &budget_;
+	Shares &budget_;
 	char header_[header_size];
 	size_t header_bytes_ = 0;
 	uint8_t type_ = 0;
@@ -80,7 +79,7 @@ const char *Connection::receive(std::string_view bytes, OnPacket on_packet)
 		if (whole && !records_.at_end()) return overrun;
 		// A packet that came in one piece is copied from where it lies.
 		bool joined = !whole || !partial_.empty();
-		if (joined && !keep_partial(piece)) return "dropped: too much is half received";
+		if (joined && !keep_partial(piece)) return "dropped: holds more than its share of what may be half received";
 		if (!whole) return nullptr;
 		std::string body = joined ? end_packet() : std::string(piece);
 		header_bytes_ = 0;

@@ -33,27 +33,45 @@ uint64_t inode_of(const std::string &path)
 
 } // namespace
 
-StoreWriter::StoreWriter(std::string path, ProfileSessions &sessions) : path_(std::move(path)), sessions_(sessions)
+StoreWriter::StoreWriter(std::string path, ProfileSessions &sessions)
+	: path_(std::move(path)), sessions_(sessions), held_(most_held_bytes)
 {
 	thread_ = std::thread([this] { run(); });
 }
 
 StoreWriter::~StoreWriter()
 {
+	stop();
+	thread_.join();
+}
+
+void StoreWriter::stop()
+{
 	{
 		std::lock_guard lock(mutex_);
 		stopping_ = true;
 	}
 	arrived_.notify_one();
-	thread_.join();
 }
 
-void StoreWriter::put(StoredPacket packet)
+bool StoreWriter::end(std::chrono::milliseconds most)
+{
+	stop();
+	return ended_.wait_for(most) == std::future_status::ready;
+}
+
+int64_t StoreWriter::unwritten() const
+{
+	std::lock_guard lock(mutex_);
+	return held_items_;
+}
+
+void StoreWriter::put(StoredPacket packet, const Sender &sender)
 {
 	bool crowded;
 	{
 		std::lock_guard lock(mutex_);
-		crowded = held_bytes_ > most_held_bytes / 2;
+		crowded = held_.used_bytes() > most_held_bytes / 2;
 	}
 	if (crowded && packet.type == record_metric) {
 		if (auto head = within_share(packet.body, head_share)) {
@@ -61,29 +79,29 @@ void StoreWriter::put(StoredPacket packet)
 			count_dropped(application_of(packet.body), dropped_to_head);
 		}
 	}
-	enqueue(std::move(packet));
+	enqueue(std::move(packet), sender);
 }
 
-void StoreWriter::put(StoredQuery query)
+void StoreWriter::put(StoredQuery query, const Sender &sender)
 {
-	enqueue(std::move(query));
+	enqueue(std::move(query), sender);
 }
 
 size_t StoreWriter::bytes_of(const Item &item)
 {
-	size_t bytes = sizeof(Item);
+	size_t bytes = sizeof(Waiting);
 	if (auto packet = std::get_if<StoredPacket>(&item)) return bytes + packet->body.size();
 	const auto &query = std::get<StoredQuery>(item);
 	return bytes + query.given.size() + query.application.size() + query.sapi.size() + query.php_version.size();
 }
 
-void StoreWriter::enqueue(Item item)
+void StoreWriter::enqueue(Item item, const Sender &sender)
 {
 	size_t bytes = bytes_of(item);
 	bool first;
 	{
 		std::lock_guard lock(mutex_);
-		if (held_bytes_ + bytes > most_held_bytes) {
+		if (!held_.take(sender, bytes)) {
 			dropped_++;
 			auto packet = std::get_if<StoredPacket>(&item);
 			if (packet) add_dropped(application_of(packet->body), dropped_backlog_full, 1);
@@ -91,8 +109,8 @@ void StoreWriter::enqueue(Item item)
 		}
 		first = queue_.empty();
 		if (first) first_arrival_ = Clock::now();
-		queue_.push_back(std::move(item));
-		held_bytes_ += bytes;
+		queue_.push_back({std::move(item), sender, bytes});
+		held_items_++;
 	}
 	if (first) arrived_.notify_one();
 }
@@ -126,6 +144,7 @@ void StoreWriter::run()
 	work(false);
 	while (!stopping_) work(wait_until_due());
 	finish();
+	end_.set_value();
 }
 
 // Waits until there is a batch to write, or for a look at the orders; not at all while the bounds want work. True when
@@ -141,7 +160,7 @@ bool StoreWriter::wait_until_due()
 	}
 	auto pause = maintaining_ ? 0ms : idle_time;
 	if (!arrived_.wait_for(lock, pause, [&] { return stopping() || !queue_.empty(); })) return false;
-	auto large = [&] { return stopping() || held_bytes_ > most_held_bytes / 4; };
+	auto large = [&] { return stopping() || held_.used_bytes() > most_held_bytes / 4; };
 	auto due = first_arrival_ + batch_time;
 	if (!maintaining_) arrived_.wait_until(lock, due, large);
 	if (!large() && Clock::now() < due) return false;
@@ -169,7 +188,7 @@ void StoreWriter::finish()
 	const auto deadline = Clock::now() + finish_time;
 	auto take_all = [this] {
 		std::lock_guard lock(mutex_);
-		for (Item &item : queue_) batch_.push_back(std::move(item));
+		for (Waiting &waiting : queue_) batch_.push_back(std::move(waiting));
 		queue_.clear();
 		lost_ += std::exchange(dropped_, 0);
 	};
@@ -225,15 +244,15 @@ void StoreWriter::write_transaction()
 	size_t next = next_, bytes = 0;
 	store_->begin();
 	for (; next < batch_.size() && bytes < most; next++) {
-		std::visit([this](const auto &value) { store_->add(value); }, batch_[next]);
-		bytes += bytes_of(batch_[next]);
+		std::visit([this](const auto &value) { store_->add(value); }, batch_[next].item);
+		bytes += batch_[next].bytes;
 	}
 	write_dropped();
 	store_->limit_tables();
 	store_->commit();
-	next_ = next;
 	std::lock_guard lock(mutex_);
-	held_bytes_ -= bytes;
+	held_items_ -= static_cast<int64_t>(next - next_);
+	for (; next_ < next; next_++) held_.give_back(batch_[next_].sender, batch_[next_].bytes);
 }
 
 // Told when something has been written, not when the store could be opened.

@@ -2,11 +2,13 @@
 #pragma once
 
 #include "base/log.h"
+#include "base/shares.h"
 #include "store/store.h"
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <map>
 #include <memory>
 #include <thread>
@@ -27,9 +29,14 @@ public:
 	~StoreWriter(); // writes what can be written within four seconds, and logs how much could not
 
 	// Hands over a packet or query. It is committed within 200 ms. Once 32 MiB wait, an action is cut to what its sums
-	// are made of; beyond 64 MiB it is dropped. Both are counted.
-	void put(StoredPacket packet);
-	void put(StoredQuery query);
+	// are made of; beyond its sender's share of 64 MiB it is dropped. Both are counted.
+	void put(StoredPacket packet, const Sender &sender = {});
+	void put(StoredQuery query, const Sender &sender = {});
+
+	// Ends the thread as the destructor does. False when it has not ended after so long: a disk holds it up, and would
+	// hold up the destructor. unwritten() says how much it still has.
+	bool end(std::chrono::milliseconds most);
+	int64_t unwritten() const;
 
 	// Counts packets of an application that came to nothing, or were cut, for one of the reasons above. Any thread.
 	void count_dropped(std::string_view application, const char *reason, int64_t count = 1);
@@ -43,11 +50,17 @@ public:
 
 private:
 	using Item = std::variant<StoredPacket, StoredQuery>;
-	using Batch = std::vector<Item>;
+	struct Waiting {
+		Item item;
+		Sender sender;
+		size_t bytes;
+	};
+	using Batch = std::vector<Waiting>;
 	using Clock = std::chrono::steady_clock;
 	static size_t bytes_of(const Item &item);
-	void enqueue(Item item);
+	void enqueue(Item item, const Sender &sender);
 	void add_dropped(std::string_view application, const char *reason, int64_t count);
+	void stop();
 	void run();
 	bool wait_until_due();
 	void work(bool due);
@@ -68,11 +81,12 @@ private:
 						 log_bytes_ = StoreBounds().log_bytes;
 	std::atomic<bool> stopping_ = false;
 
-	std::mutex mutex_;
+	mutable std::mutex mutex_;
 	std::condition_variable arrived_;
 	Batch queue_;
-	Clock::time_point first_arrival_;                                    // of the queue
-	size_t held_bytes_ = 0;                                              // queue and batch
+	Clock::time_point first_arrival_; // of the queue
+	Shares held_;                     // queue and batch
+	int64_t held_items_ = 0;
 	int64_t dropped_ = 0;                                                // packets and queries that nobody can get back
 	std::map<std::pair<std::string, const char *>, int64_t> dropped_by_; // what the store is still to be told
 
@@ -87,6 +101,8 @@ private:
 	Clock::duration write_time_{};
 	int64_t lost_ = 0;
 	LogLimit lost_log_;
+	std::promise<void> end_;
+	const std::future<void> ended_ = end_.get_future();
 	std::thread thread_;
 };
 

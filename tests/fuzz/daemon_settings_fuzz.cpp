@@ -25,14 +25,14 @@ void check_config(std::string_view text) {
 void check_answer(const Settings& settings) {
   REQUIRE(stamp_of(settings) != 0);
   std::string packet = write_answer(stamp_of(settings), 0, settings);
-  auto records = read_records(std::string_view(packet).substr(header_size));
-  REQUIRE(records && records->size() == settings.size() + 1 && (*records)[0].type == record_stamp);
   Settings seen;
-  for (size_t i = 1; i < records->size(); i++) {
-    std::string body((*records)[i].body);
-    seen[body.substr(0, body.find('='))] = body.substr(body.find('=') + 1);
-  }
-  REQUIRE(seen == settings);
+  size_t records = 0;
+  REQUIRE(for_each_record(std::string_view(packet).substr(header_size), [&](const Record& record) {
+    REQUIRE((record.type == record_stamp) == (records++ == 0));
+    std::string body(record.body);
+    if (record.type == record_setting) seen[body.substr(0, body.find('='))] = body.substr(body.find('=') + 1);
+  }));
+  REQUIRE(seen == settings && records == settings.size() + 1);
 }
 
 }  // namespace

@@ -24,8 +24,9 @@ TEST(Wire, ReadsRecordsThatFillTheirPacketAndNothingElse) {
       {"\x11\xFF\xFF\xFF"s, -1},
   };
   for (const auto& row : rows) {
-    auto records = read_records(row.bytes);
-    EXPECT_EQ(records ? static_cast<int>(records->size()) : -1, row.records) << testing::PrintToString(row.bytes);
+    int records = 0;
+    bool framed = for_each_record(row.bytes, [&](const Record&) { records++; });
+    EXPECT_EQ(framed ? records : -1, row.records) << testing::PrintToString(row.bytes);
   }
 }
 
@@ -68,8 +69,8 @@ TEST(Wire, AnswersWithTheStampFirstAndSettingsOnlyWhenTheyAreNew) {
 namespace {
 
 // Feeds bytes in pieces; packets as "type:body" joined by ";", or the fault.
-std::string deliver(const std::string& bytes, size_t piece, BufferBudget& budget) {
-  Connection connection(-1, 1, budget);
+std::string deliver(const std::string& bytes, size_t piece, Shares& budget) {
+  Connection connection(-1, 1, {}, budget);
   std::string seen;
   for (size_t at = 0; at < bytes.size(); at += piece) {
     const char* fault = connection.receive(std::string_view(bytes).substr(at, piece), [&](uint8_t type, std::string body) {
@@ -100,49 +101,49 @@ TEST(Connection, PutsPacketsTogetherHoweverTheyArrive) {
   };
   for (const auto& row : rows) {
     for (size_t piece = 1; piece <= row.bytes.size(); piece++) {
-      BufferBudget budget{1000000};
+      Shares budget(1000000);
       EXPECT_EQ(deliver(row.bytes, piece, budget), row.seen) << piece;
-      EXPECT_EQ(budget.used_bytes, 0u);
+      EXPECT_EQ(budget.used_bytes(), 0u);
     }
   }
 }
 
 TEST(Connection, HoldsNoMoreThanTheBudgetAndGivesItBack) {
-  BufferBudget budget{100000};
+  Shares budget(100000);
   const std::string large = "\x0B\xFF\xFF\xFF\x25\xFF\xFF\xFB"s + std::string(70000, 'x');
   auto ignore = [](uint8_t, std::string) -> const char* { return nullptr; };
   {
-    Connection first(-1, 1, budget), second(-1, 2, budget);
+    Connection first(-1, 1, {33, 1}, budget), second(-1, 2, {33, 2}, budget);
     EXPECT_EQ(first.receive(large.substr(0, 20000), ignore), nullptr);
-    EXPECT_GE(budget.used_bytes, 20000u);
+    EXPECT_GE(budget.used_bytes(), 20000u);
     EXPECT_NE(second.receive(large, ignore), nullptr) << "two of them are too many";
   }
-  EXPECT_EQ(budget.used_bytes, 0u);
-  Connection agent(-1, 3, budget);
+  EXPECT_EQ(budget.used_bytes(), 0u);
+  Connection agent(-1, 3, {33, 3}, budget);
   EXPECT_TRUE(agent.keep_answer(std::string(50000, 'a')));
   agent.answer_sent(20000);
   EXPECT_EQ(agent.waiting_answer().size(), 30000u);
   EXPECT_TRUE(agent.is_busy());
   agent.answer_sent(30000);
   EXPECT_FALSE(agent.is_busy());
-  EXPECT_EQ(budget.used_bytes, 0u);
+  EXPECT_EQ(budget.used_bytes(), 0u);
 }
 
 TEST(Connection, TakesWhatAPacketTakesAndNothingWhenIdle) {
-  BufferBudget budget{size_t{1} << 30};
+  Shares budget(size_t{1} << 30);
   const std::string large = "\x0B\x04\x00\x04\x25\x04\x00\x00"s + std::string(1 << 18, 'x'), next = record(0x0B, "");
   std::vector<std::unique_ptr<Connection>> agents;
   size_t kept = 0;
   for (int i = 0; i < 1000; i++) {
-    agents.push_back(std::make_unique<Connection>(-1, i, budget));
+    agents.push_back(std::make_unique<Connection>(-1, i, Sender{33, static_cast<uint64_t>(i)}, budget));
     auto keep = [&](uint8_t, std::string body) -> const char* {
       kept += body.size();
       return nullptr;
     };
     agents[i]->receive(large.substr(0, 200000), keep);
-    EXPECT_LE(budget.used_bytes, large.size());
+    EXPECT_LE(budget.used_bytes(), large.size());
     agents[i]->receive(large.substr(200000) + next, keep);
-    ASSERT_EQ(budget.used_bytes, 0u) << i;
+    ASSERT_EQ(budget.used_bytes(), 0u) << i;
   }
   EXPECT_EQ(kept, 1000 * (large.size() - 4));
 }
