@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
+#include <mutex>
 #include <strings.h>
 #include <unistd.h>
 
@@ -19,8 +20,16 @@ namespace {
 
 std::string log_path;
 LogLevel log_level = LogLevel::off;
+// Held so that there is one to log with when no other is left.
+int reserve = -1;
+std::mutex reserve_mutex;
 
 constexpr const char *level_names[] = {"OFF", "CRITICAL", "ERROR", "WARNING", "INFO", "VERBOSE", "DEBUG"};
+
+int open_reserve()
+{
+	return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
 
 int open_log()
 {
@@ -42,6 +51,7 @@ void log_open(const std::string &path, LogLevel level)
 {
 	log_path = path;
 	log_level = level;
+	if (reserve == -1) reserve = open_reserve();
 }
 
 void log_message(LogLevel level, std::string_view message)
@@ -52,11 +62,19 @@ void log_message(LogLevel level, std::string_view message)
 	snprintf(origin, sizeof origin, ".%03d (pid:%d,uid:%d) %s: ", static_cast<int>(now_ms % 1000), getpid(), getuid(),
 		level_names[static_cast<int>(level)]);
 	std::string line = local_time(now_ms) + origin + printable(message) + "\n";
+	std::unique_lock lock(reserve_mutex, std::defer_lock);
 	int file = open_log();
-	if (file == -1) return;
-	// A lost line is all that a full disk may cost here.
-	[[maybe_unused]] ssize_t written = write(file, line.data(), line.size());
-	close(file);
+	if (file == -1 && (errno == EMFILE || errno == ENFILE)) {
+		lock.lock();
+		close(reserve);
+		file = open_log();
+	}
+	if (file != -1) {
+		// A lost line is all that a full disk may cost here.
+		[[maybe_unused]] ssize_t written = write(file, line.data(), line.size());
+		close(file);
+	}
+	if (lock.owns_lock()) reserve = open_reserve();
 }
 
 void LogLimit::message(LogLevel level, std::string_view text)

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <charconv>
 #include <stdexcept>
+#include <system_error>
+#include <utility>
 
 namespace quorbit {
 
@@ -164,9 +166,14 @@ void ApplicationsFile::reload()
 	try {
 		applications_ = parse_applications(read_file(path_, true));
 	} catch (const std::runtime_error &failure) {
-		log_message(LogLevel::warning, std::string("settings stay as they were: ") + failure.what());
+		auto error = dynamic_cast<const std::system_error *>(&failure);
+		bool later = error && (error->code().value() == EMFILE || error->code().value() == ENFILE);
+		if (later) seen_ = {};
+		if (!later || !std::exchange(told_to_wait_, true))
+			log_message(LogLevel::warning, std::string("settings stay as they were: ") + failure.what());
 		return;
 	}
+	told_to_wait_ = false;
 	log_message(LogLevel::info,
 		"settings of " + std::to_string(applications_.sections.size()) + " sections read from " + path_);
 	for (const std::string &problem : applications_.problems) log_message(LogLevel::warning, path_ + " " + problem);

@@ -29,7 +29,7 @@ public:
 	explicit ApplicationsFile(std::string path) : path_(std::move(path)) {}
 
 	// The file's present content; logs what is wrong with it once per change. A missing file counts as empty; one that
-	// cannot be read leaves what was known before.
+	// cannot be read leaves what was known before, and is tried again when only descriptors were short.
 	const Applications &current();
 
 private:
@@ -38,6 +38,7 @@ private:
 	std::string path_;
 	Applications applications_;
 	struct stat seen_ = {};
+	bool told_to_wait_ = false; // for descriptors
 };
 
 } // namespace quorbit
