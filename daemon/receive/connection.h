@@ -40,6 +40,7 @@ public:
 	const int descriptor;
 	const int64_t process; // id of the process at the other end
 	const Sender sender;
+	std::string application;       // that it last asked for, "" before that
 	int64_t busy_since_second = 0; // monotonic; when is_busy(), since when
 	// For the event loop: whether there may be something to receive, whether the agent has hung up (so that there is,
 	// if only the end), and whether it waits for its turn.

@@ -1,24 +1,22 @@
-// Lock, fork, socket, pid file, and back.
+// Leaving the process that starts it, serving, and ending.
 #include "receive/daemonize.h"
 
-#include "receive/listener.h"
 #include "base/log.h"
 #include "base/text.h"
+#include "receive/listener.h"
+#include "receive/presence.h"
 #include "receive/server.h"
-#include "base/files.h"
+#include "receive/supervisor.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <grp.h>
 #include <malloc.h>
 #include <memory>
-#include <sstream>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -42,76 +40,6 @@ void become_owner_of(const std::string &folder)
 		fail("becoming the owner of " + folder);
 }
 
-// The descriptor that holds the lock, or -1 when another process has it. The file stays: removing it would let two
-// daemons lock files of the same name. Nobody else can open it: whoever can read a file can lock it.
-int take_lock(const std::string &path)
-{
-	constexpr mode_t ours_alone = 0600;
-	int descriptor = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, ours_alone);
-	if (descriptor == -1) fail(path);
-	struct stat status;
-	if (fstat(descriptor, &status) == 0 && status.st_uid == geteuid()) fchmod(descriptor, ours_alone);
-	if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return descriptor;
-	if (errno != EWOULDBLOCK) fail(path);
-	close(descriptor);
-	return -1;
-}
-
-// Who holds the lock, as /proc/locks tells it: "process 123", or "another process".
-std::string lock_holder(const std::string &path)
-{
-	struct stat status;
-	std::ifstream locks("/proc/locks");
-	if (stat(path.c_str(), &status) != 0) return "another process";
-	const std::string inode = ":" + std::to_string(status.st_ino);
-	for (std::string line; std::getline(locks, line);) {
-		// "1: FLOCK  ADVISORY  WRITE 123 08:01:4567 0 EOF"; one that waits has "->" after the number.
-		std::istringstream fields(line);
-		std::string number, kind, advisory, access, process, file;
-		fields >> number >> kind >> advisory >> access >> process >> file;
-		if (kind == "FLOCK" && file.ends_with(inode)) return "process " + process;
-	}
-	return "another process";
-}
-
-// The lock, or -1 when a daemon answers. One that has the lock listens a moment later; who has it and does not is told.
-int take_lock_or_find_daemon(const DaemonConfig &config)
-{
-	constexpr int tries = 50;
-	constexpr useconds_t between_us = 20000;
-	for (int i = 0; i < tries; i++) {
-		// A daemon that holds no lock of ours may be another user's, or another program that agents are content with.
-		if (accepts_connections(config.socket_file)) return -1;
-		int lock = take_lock(config.lock_file());
-		if (lock != -1) return lock;
-		usleep(between_us);
-	}
-	throw std::runtime_error(config.lock_file() + " is locked by " + lock_holder(config.lock_file()) +
-		", and nobody answers on " + config.socket_file);
-}
-
-// Written beside and renamed, so that no reader gets half a number or follows a link.
-void write_pid_file(const DaemonConfig &config)
-{
-	std::string fresh = config.fresh_pid_file(), text = std::to_string(getpid()) + "\n";
-	unlink(fresh.c_str());
-	int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640);
-	if (descriptor == -1) fail(fresh);
-	bool written = write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-	close(descriptor);
-	if (!written || rename(fresh.c_str(), config.pid_file.c_str()) != 0) fail(config.pid_file);
-}
-
-// The number in the pid file, 0 when there is none.
-int process_in(const std::string &pid_file)
-{
-	try {
-		return atoi(read_file(pid_file).c_str());
-	} catch (const std::runtime_error &) {
-		return 0;
-	}
-}
-
 // Leaves nothing of the process that started us: a pipe or terminal of its own would stay open as long as the daemon
 // lives.
 void reset_inherited()
@@ -123,7 +51,11 @@ void reset_inherited()
 	for (int signal = 1; signal < SIGRTMIN; signal++) {
 		if (signal != SIGKILL && signal != SIGSTOP) ::signal(signal, SIG_DFL);
 	}
-	for (int ignored : {SIGPIPE, SIGHUP, SIGXFSZ}) ::signal(ignored, SIG_IGN);
+	// What would end a process that knows nothing of it. (Only SIGTERM and SIGINT are to end a daemon; its files are
+	// opened for each line or read when they change, so that SIGHUP has nothing to ask for.)
+	for (int ignored :
+		{SIGPIPE, SIGHUP, SIGXFSZ, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO, SIGPWR, SIGSTKFLT})
+		::signal(ignored, SIG_IGN);
 	umask(027);
 }
 
@@ -154,7 +86,7 @@ void block_ending_signals()
 }
 
 // Everything that can fail before agents can be served.
-std::unique_ptr<Listener> start_listening(const DaemonConfig &config)
+std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &presence)
 {
 	// A daemon that another user started without the right to store would only keep one that has it from starting.
 	const std::string store = config.store_file();
@@ -162,47 +94,64 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config)
 	block_ending_signals();
 	raise_descriptor_limit();
 	auto listener = std::make_unique<Listener>(config.socket_file);
-	write_pid_file(config);
+	if (!presence.keep()) throw std::runtime_error(config.lock_file() + ": another process has it");
 	log_message(LogLevel::info, "listening on " + config.socket_file);
 	return listener;
 }
 
-int serve(const DaemonConfig &config, std::unique_ptr<Listener> listener)
+// Ends the process here when a disk holds up the thread that writes.
+void end_writing(std::unique_ptr<StoreWriter> writer, const Presence &presence)
+{
+	constexpr std::chrono::milliseconds most(4500); // five seconds in all
+	if (writer->end(most)) return;
+	log_message(LogLevel::error,
+		"the disk holds up the end: " + std::to_string(writer->unwritten()) +
+			" packets and queries were not stored before the end");
+	presence.withdraw();
+	_exit(0);
+}
+
+int serve(const DaemonConfig &config, Presence &presence, std::unique_ptr<Listener> listener)
 {
 	int status = 0;
 	// Packets larger than this get pages of their own, which go back as soon as they are stored.
 	mallopt(M_MMAP_THRESHOLD, 256 << 10);
+	ProfileSessions sessions;
+	auto writer = std::make_unique<StoreWriter>(config.store_file(), sessions);
 	try {
-		ProfileSessions sessions;
-		StoreWriter writer(config.store_file(), sessions);
-		Server(std::move(listener), config.applications_file(), writer, sessions).run();
+		Server(std::move(listener), config.applications_file(), *writer, sessions).run([&] { return presence.keep(); });
 	} catch (const std::exception &failure) {
 		log_message(LogLevel::critical, failure.what());
 		status = 1;
 	}
-	if (process_in(config.pid_file) == getpid()) unlink(config.pid_file.c_str());
+	end_writing(std::move(writer), presence);
+	presence.withdraw();
 	log_message(LogLevel::info, "ended");
 	return status;
 }
 
-// The background process. `report` tells the one that waits how it went: a byte of zero, or the reason of a failure.
-int live_in_background(const DaemonConfig &config, int report)
+// The background process that serves. `report` tells the one that waits for the first of them how it went: a byte of
+// zero, or the reason of a failure. It is -1 for the others.
+int live_in_background(const DaemonConfig &config, Presence &presence, int report)
 {
 	std::unique_ptr<Listener> listener;
 	try {
-		listener = start_listening(config);
+		listener = start_listening(config, presence);
 	} catch (const std::exception &failure) {
 		log_message(LogLevel::critical, failure.what());
-		[[maybe_unused]] ssize_t told = write(report, failure.what(), strlen(failure.what()));
-		return 1;
+		if (report != -1) {
+			[[maybe_unused]] ssize_t told = write(report, failure.what(), strlen(failure.what()));
+		}
+		return status_not_started;
 	}
-	leave_terminal();
-	[[maybe_unused]] ssize_t told = write(report, "", 1);
-	close(report);
-	return serve(config, std::move(listener));
+	if (report != -1) {
+		[[maybe_unused]] ssize_t told = write(report, "", 1);
+		close(report);
+	}
+	return serve(config, presence, std::move(listener));
 }
 
-int start_in_background(const DaemonConfig &config)
+int start_in_background(const DaemonConfig &config, Presence &presence)
 {
 	int ends[2];
 	if (pipe2(ends, O_CLOEXEC) != 0) fail("pipe");
@@ -212,7 +161,8 @@ int start_in_background(const DaemonConfig &config)
 		close(ends[0]);
 		setsid();
 		if (chdir("/") != 0) _exit(1);
-		_exit(live_in_background(config, ends[1]));
+		leave_terminal();
+		_exit(supervise([&] { return live_in_background(config, presence, ends[1]); }, ends[1]));
 	}
 	close(ends[1]);
 	char reason[512];
@@ -232,10 +182,10 @@ int run_daemon(const std::string &config_path, bool foreground)
 		DaemonConfig config = read_trusted_config(config_path);
 		become_owner_of(config.folder());
 		log_open(config.log_file, log_level_by_name(config.log_level));
-		int lock = take_lock_or_find_daemon(config);
-		if (lock == -1) return 0;
-		if (foreground) return serve(config, start_listening(config));
-		return start_in_background(config);
+		Presence presence(config);
+		if (!presence.is_ours()) return 0;
+		if (foreground) return serve(config, presence, start_listening(config, presence));
+		return start_in_background(config, presence);
 	} catch (const std::exception &failure) {
 		log_message(LogLevel::critical, failure.what());
 		fprintf(stderr, "quorbit: %s\n", printable(failure.what()).c_str());
@@ -252,6 +202,14 @@ int running_daemon(const DaemonConfig &config)
 bool daemon_answers(const DaemonConfig &config)
 {
 	return accepts_connections(config.socket_file);
+}
+
+bool runs_replaced_binary(int process)
+{
+	char path[4096];
+	std::string link = "/proc/" + std::to_string(process) + "/exe";
+	ssize_t length = readlink(link.c_str(), path, sizeof path);
+	return length > 0 && std::string_view(path, static_cast<size_t>(length)).ends_with(" (deleted)");
 }
 
 } // namespace quorbit

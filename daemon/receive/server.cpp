@@ -27,6 +27,7 @@ constexpr size_t own_descriptors = 32; // of the store, the log, the settings, a
 constexpr int most_events = 1024;
 constexpr int crowd = 8;                                  // as many ready at once are served in turns
 constexpr auto turns_time = std::chrono::milliseconds(1); // then whoever is ready by now is looked at
+constexpr size_t most_application = 255;                  // bytes of a name that a connection keeps
 constexpr int most_queries = 64;                          // answered before that
 // What epoll tells beside the numbers of connections.
 constexpr uint64_t listener_number = 0, signals_number = 1, first_number = 2;
@@ -296,6 +297,7 @@ const char *Server::answer_query(Connection &connection, const Query &query)
 	const Applications &applications = applications_.current();
 	writer_.set_bounds(bounds_of(applications));
 	Settings settings = settings_of(applications, query.application);
+	connection.application = query.application.substr(0, most_application);
 	int64_t now_ms = wall_clock_ms();
 	auto end = sessions_.end_second(query.application, connection.process, monotonic_second(), now_ms);
 	if (end) settings["zqs.profile_end_time"] = std::to_string(*end);
@@ -332,7 +334,10 @@ bool Server::send_waiting(Connection &connection)
 
 void Server::close_connection(Connection &connection, const char *why)
 {
-	if (why) garbled_log_.message(LogLevel::warning, "process " + std::to_string(connection.process) + " " + why);
+	if (why) {
+		garbled_log_.message(LogLevel::warning, "process " + std::to_string(connection.process) + " " + why);
+		writer_.count_dropped(connection.application, why);
+	}
 	int descriptor = connection.descriptor;
 	Sender sender = connection.sender;
 	connections_.erase(sender.connection);

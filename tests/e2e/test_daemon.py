@@ -2,7 +2,10 @@
 import fcntl
 import os
 import re
+import shutil
+import signal
 import socket
+import sqlite3
 import subprocess
 from contextlib import ExitStack
 from pathlib import Path
@@ -47,6 +50,120 @@ def test_who_keeps_the_daemon_from_starting_is_told(real):
         run = subprocess.run([QUORBIT, "-f", real.logs / ".quorbit.cfg"], capture_output=True, text=True, timeout=20)
     told = f"quorbit.pid.lock is locked by process {os.getpid()}, and nobody answers"
     assert run.returncode == 1 and told in run.stderr and told in (real.logs / "daemon.log").read_text()
+
+
+def test_a_daemon_that_crashes_is_started_again_within_bounds(real):
+    real.php()
+    real.reports(1)
+    log = real.logs / "daemon.log"
+    for crash in range(1, 5):
+        before, = real.pids()
+        os.kill(before, signal.SIGKILL)
+        wait_until(lambda: log.read_text().count("listening on") == crash + 1, f"the daemon after {crash} crashes", 20)
+        if crash == 1:
+            real.php()
+            real.reports(2)
+    os.kill(real.pids()[0], signal.SIGKILL)
+    wait_until(lambda: not real.processes(), "the parent to give up")
+    assert log.read_text().count("starting it again") == 4 and " CRITICAL: " in log.read_text()
+
+
+@pytest.mark.parametrize("ending", [signal.SIGTERM, signal.SIGKILL])
+def test_a_daemon_ends_with_its_parent(real, ending):
+    real.php()
+    parent, = set(real.processes()) - set(real.pids())
+    os.kill(parent, ending)
+    wait_until(lambda: not real.processes(), "both to end")
+    assert not (real.logs / "quorbit.pid").exists() and not (real.logs / ".quorbit.sock").exists()
+
+
+def test_a_remade_folder_and_signals_of_others_leave_the_daemon_as_it_was(real):
+    real.php()
+    real.reports(1)
+    before = real.processes()
+    shutil.rmtree(real.logs)
+    real.logs.mkdir()
+    wait_until(lambda: (real.logs / "quorbit.pid").exists(), "a pid file", 20)
+    assert [int((real.logs / "quorbit.pid").read_text())] == real.pids() and (real.logs / "quorbit.pid.lock").exists()
+    for number in (signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2, signal.SIGALRM, signal.SIGIO, signal.SIGPROF, signal.SIGVTALRM):
+        for pid in before:
+            os.kill(pid, number)
+    real.php()
+    real.reports(1)
+    assert real.processes() == before
+
+
+# Preloaded: once the file of that name is there, nothing that is written comes to an end.
+STALL = """
+#include <unistd.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+ssize_t pwrite64(int file, const void *bytes, size_t count, long at)
+{
+    while (!access(getenv("STALL"), F_OK)) usleep(10000);
+    return syscall(SYS_pwrite64, file, bytes, count, at);
+}
+"""
+
+
+@pytest.mark.parametrize("obstacle", ["foreign lock", "disk that stalls"])
+def test_sigterm_ends_it_whatever_the_disk_does(real, obstacle, tmp_path):
+    real.php()
+    real.reports(1)
+    real.stop()
+    library, stall = tmp_path / "stall.so", tmp_path / "stall"
+    subprocess.run(["gcc", "-shared", "-fPIC", "-o", library, "-x", "c", "-"], input=STALL, text=True, check=True)
+    command = [QUORBIT, "-f", real.logs / ".quorbit.cfg", "--foreground"]
+    with subprocess.Popen(command, env={"LD_PRELOAD": str(library), "STALL": str(stall)}) as daemon:
+        wait_until(lambda: (real.logs / ".quorbit.sock").exists(), "the daemon")
+        real.php()
+        real.reports(2)
+        blocker = sqlite3.connect(real.logs / "quorbit.db", isolation_level=None)
+        if obstacle == "foreign lock":
+            blocker.execute("BEGIN IMMEDIATE")
+        else:
+            stall.touch()
+        with socket.socket(socket.AF_UNIX) as client:
+            client.connect(str(real.logs / ".quorbit.sock"))
+            client.sendall(wire.record(0x0B, wire.record(0x11, "Shop")) * 100)
+        with socket.socket(socket.AF_UNIX) as client:                  # answered when the hundred have been received
+            client.connect(str(real.logs / ".quorbit.sock"))
+            client.sendall(wire.record(0x0A, wire.record(0x11, "Shop")))
+            client.recv(1000)
+        daemon.terminate()
+        daemon.wait(5)
+        blocker.close()
+    assert re.search(r" (\d+) packets and queries were not stored before the end", (real.logs / "daemon.log").read_text())
+    assert not (real.logs / "quorbit.pid").exists()
+
+
+def test_descriptors_run_out_and_are_there_again(real):
+    real.php()
+    real.stop()
+    limited = ["prlimit", "--nofile=36:36", QUORBIT, "-f", real.logs / ".quorbit.cfg"]
+    subprocess.run(limited, check=True, timeout=20)
+
+    def connect():
+        client = socket.socket(socket.AF_UNIX)
+        client.connect(str(real.logs / ".quorbit.sock"))
+        return client
+
+    def asked(client):
+        client.sendall(wire.record(0x0A, wire.record(0x11, "Shop")))
+        return client.recv(1000)
+
+    with connect() as first:
+        asked(first)
+        others = [connect() for _ in range(60)]
+        log = real.logs / "daemon.log"
+        wait_until(lambda: "no more connections for now" in log.read_text(), "the line in the log")
+        (real.logs / "applications.conf").write_text("[Shop]\nzqs.agent_enabled = 0\n")
+        assert b"zqs.agent_enabled=0" not in asked(first)
+        for other in others:
+            other.close()
+        wait_until(lambda: "connections are taken again" in log.read_text(), "connections")
+        wait_until(lambda: b"zqs.agent_enabled=0" in asked(first), "the settings")
+        assert log.read_text().count("no more connections for now") == 1
 
 
 def test_applications_are_configured_by_the_operators_file(real):

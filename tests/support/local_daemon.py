@@ -6,6 +6,7 @@ import signal
 import struct
 import subprocess
 import termios
+from contextlib import suppress
 from pathlib import Path
 
 import pytest
@@ -52,7 +53,11 @@ class Real:
         assert len(self.shown(name)) == count
 
     def pids(self):
-        """The daemons of this root, found by what they run and not by what they say."""
+        """The daemons of this root that serve, found by what they run and not by what they say."""
+        return [pid for pid in self.processes() if Path(f"/proc/{pid}/comm").read_text() != "quorbit-parent\n"]
+
+    def processes(self):
+        """The same, and the parents that watch them."""
         found = []
         for folder in Path("/proc").glob("[0-9]*"):
             try:
@@ -63,9 +68,10 @@ class Real:
         return found
 
     def stop(self):
-        for pid in self.pids():
-            os.kill(pid, signal.SIGTERM)
-        wait_until(lambda: not self.pids(), "the daemon to end")
+        for pid in self.processes():
+            with suppress(ProcessLookupError):                   # the other has ended it
+                os.kill(pid, signal.SIGTERM)
+        wait_until(lambda: not self.processes(), "the daemon to end")
 
 
 @pytest.fixture
