@@ -48,6 +48,21 @@ protected:
 	}
 };
 
+TEST_F(Trace, TellsThePlaceOfCallsThatTookTheThreshold)
+{
+	std::string places;
+	at_probe([&](zend_execute_data *frame) {
+		ZQG(action_tracer_stack_trace_threshold) = 10;
+		for (uint64 us : {9999, 10000}) {
+			zq_trace_call(nullptr, "f", frame, request_start, request_start + us, ZQ_TRACER_PLAIN, nullptr TSRMLS_CC);
+			auto *element = (tracer_element *)ZQG(tracer)->tail->data;
+			places += (element->filename ? element->filename : "none") + (":" + std::to_string(element->lineno)) + " ";
+		}
+	});
+	run("\nprobe();");
+	EXPECT_EQ(places, "none:0 test:2 ");
+}
+
 TEST_F(Trace, PlacesCallsByTheirTimeSpans)
 {
 	struct Call { const char *func; uint64 start_ms, end_ms; };
