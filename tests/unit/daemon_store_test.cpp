@@ -86,15 +86,20 @@ TEST_F(StoreTest, SumsByApplicationAndNameWithNearestRankPercentiles) {
   for (int i = 1; i <= 100; i++) {
     packets.push_back({0x0B, 1, 1, action_body("Shop", "cart", i, i > 97 ? record(0x2A, "1\n500\nc\nm\n") : "")});
   }
-  packets.push_back({0x0B, 1, 2, action_body("Other", "cart", 12345, record(0x16, number(2345)))});
+  auto figure = [](int item, int value) { return record(item, number(value) + number(0)); };
+  const std::string details = figure(0x01, 12345999) + figure(0x02, 2345678) + figure(0x06, 7) + record(0x10, "/cart/9");
+  packets.push_back({0x0B, 1, 2, action_body("Other", "cart", 12345, record(0x16, number(2345)) + record(0x60, details))});
   add(packets);
   auto reader = open_sqlite_reader(path_);
   auto sums = reader->sums({});
   ASSERT_EQ(sums.size(), 2u);
   EXPECT_EQ(sums[0].application, "Other") << "most time first";
-  EXPECT_EQ(sums[0].database_ms, 2345);
+  EXPECT_EQ((std::vector{sums[0].total_us, sums[0].database_us, sums[0].statements, sums[0].counted}),
+            (std::vector<int64_t>{12345999, 2345678, 7, 1}));
+  EXPECT_EQ(reader->actions({})[0].path, "/cart/9");
   const SumRow& shop = sums[1];
-  EXPECT_EQ((std::vector{shop.count, shop.errors, shop.total_ms, shop.p50_ms, shop.p95_ms}), (std::vector<int64_t>{100, 3, 5050, 50, 95}));
+  EXPECT_EQ((std::vector{shop.count, shop.errors, shop.total_us, shop.counted, shop.p50_ms, shop.p95_ms}),
+            (std::vector<int64_t>{100, 3, 5050000, 0, 50, 95}));
   EXPECT_EQ(reader->sums({{{2, 3}, "", 0}})[0].p95_ms, 12345);
 }
 
