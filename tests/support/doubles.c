@@ -62,20 +62,12 @@ PHP_FUNCTION(double_driver)
 #define DOUBLE(name) ZEND_FENTRY(name, ZEND_FN(double_call), NULL, ZEND_ACC_PUBLIC)
 
 static const zend_function_entry functions[] = {
-	DOUBLE(oci_parse)
-	DOUBLE(oci_execute)
-	DOUBLE(sqlite_query)
-	DOUBLE(sqlite_exec)
-	DOUBLE(sqlite_unbuffered_query)
-	PHP_FE(double_driver, NULL)
-	PHP_FE_END
+	DOUBLE(oci_parse) DOUBLE(oci_execute) DOUBLE(sqlite_query) DOUBLE(sqlite_exec)
+	DOUBLE(sqlite_unbuffered_query) PHP_FE(double_driver, NULL) PHP_FE_END
 };
 
 static const zend_function_entry sqlite_database[] = {
-	DOUBLE(queryExec)
-	DOUBLE(unbufferedQuery)
-	DOUBLE(query)
-	PHP_FE_END
+	DOUBLE(queryExec) DOUBLE(unbufferedQuery) DOUBLE(query) PHP_FE_END
 };
 
 PHP_FUNCTION(double_construct);
@@ -85,44 +77,23 @@ PHP_FUNCTION(double_text);
 #define DOUBLE_TEXT ZEND_FENTRY(__toString, ZEND_FN(double_text), NULL, ZEND_ACC_PUBLIC)
 
 static const zend_function_entry http_request[] = {
-	DOUBLE_CONSTRUCT
-	DOUBLE(send)
-	PHP_FE_END
+	DOUBLE_CONSTRUCT DOUBLE(send) PHP_FE_END
 };
 
 static const zend_function_entry memcached[] = {
-	DOUBLE(get)
-	DOUBLE(set)
-	DOUBLE(getMulti)
-	DOUBLE(deleteMultiByKey)
-	DOUBLE(getStats)
-	DOUBLE(_get)
-	PHP_FE_END
+	DOUBLE(get) DOUBLE(set) DOUBLE(getMulti) DOUBLE(deleteMultiByKey) DOUBLE(getStats) DOUBLE(_get) PHP_FE_END
 };
 
 static const zend_function_entry mongo_collection[] = {
-	DOUBLE_CONSTRUCT
-	DOUBLE_TEXT
-	DOUBLE(find)
-	DOUBLE(insert)
-	DOUBLE(getName)
-	PHP_FE_END
+	DOUBLE_CONSTRUCT DOUBLE_TEXT DOUBLE(find) DOUBLE(insert) DOUBLE(getName) PHP_FE_END
 };
 
 static const zend_function_entry mongo_database[] = {
-	DOUBLE_CONSTRUCT
-	DOUBLE_TEXT
-	DOUBLE(execute)
-	DOUBLE(command)
-	PHP_FE_END
+	DOUBLE_CONSTRUCT DOUBLE_TEXT DOUBLE(execute) DOUBLE(command) PHP_FE_END
 };
 
 static const zend_function_entry mongo_manager[] = {
-	DOUBLE(executeCommand)
-	DOUBLE(executeQuery)
-	DOUBLE(executeBulkWrite)
-	DOUBLE(getServers)
-	PHP_FE_END
+	DOUBLE(executeCommand) DOUBLE(executeQuery) DOUBLE(executeBulkWrite) DOUBLE(getServers) PHP_FE_END
 };
 
 static const struct {
