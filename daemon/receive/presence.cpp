@@ -46,7 +46,7 @@ std::string lock_holder(const std::string &path)
 	if (stat(path.c_str(), &status) != 0) return "another process";
 	const std::string inode = ":" + std::to_string(status.st_ino);
 	for (std::string line; std::getline(locks, line);) {
-		// "1: FLOCK  ADVISORY  WRITE 123 08:01:4567 0 EOF"; one that waits has "->" behind the number.
+		// "1: FLOCK  ADVISORY  WRITE 123 08:01:4567 0 EOF"; one that waits has "->" after the number.
 		std::istringstream fields(line);
 		std::string number, kind, advisory, access, process, file;
 		fields >> number >> kind >> advisory >> access >> process >> file;

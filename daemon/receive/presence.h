@@ -15,7 +15,7 @@ public:
 	// Whether the lock is ours; else a daemon answers.
 	bool is_ours() const { return lock_ != -1; }
 
-	// Makes sure that both are there under their names: the folder may have been made anew. False when another process
+	// Makes sure that both are there under their names: the folder may have been made again. False when another process
 	// has the lock by now. Throws std::runtime_error when they cannot be made.
 	bool keep();
 

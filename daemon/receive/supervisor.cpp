@@ -18,7 +18,7 @@ namespace quorbit {
 namespace {
 
 constexpr size_t most_crashes = 5;
-constexpr int64_t crash_seconds = 60;  // within which so many are too many
+constexpr int64_t crash_seconds = 60;  // within which that many are too many
 constexpr int most_ending_seconds = 6; // the child's own bound is five
 
 sigset_t watched_signals()
@@ -29,7 +29,7 @@ sigset_t watched_signals()
 	return signals;
 }
 
-// The signal that came within so many seconds, or -1.
+// The signal that came within that many seconds, or -1.
 int next_signal(int64_t seconds)
 {
 	sigset_t signals = watched_signals();
