@@ -23,6 +23,8 @@ uint64 zq_tracer_threshold_us(int action_threshold_ms);
 void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC);
 void zq_execute_internal(
 	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
+/* The handler of the ZEND_EXIT opcode. */
+int zq_exit(ZEND_OPCODE_HANDLER_ARGS);
 zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC);
 
 /* zqprof_functions.cpp: the functions offered to PHP code. */

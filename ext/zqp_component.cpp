@@ -1,6 +1,6 @@
 /* Component timings. Open components form a stack in `components`; a finished one is charged to the one around it and
- * summed by name in `components_hash`. A call that left by exit never closes its component: the element stays open and
- * is never counted, and whatever was opened around it then no longer is the tail either. */
+ * summed by name in `components_hash`. A call that left by a bailout never closes its component: the element stays
+ * open, and whatever was opened around it then no longer is the tail either. */
 #include "zqp_component.h"
 #include "zqp_details.h"
 #include "zqp_json.h"
@@ -75,8 +75,8 @@ void zq_component_close(
 	if (!element || !open || generation != ZQG(component_generation) || open->tail != element) {
 		return;
 	}
-	if (elapsed_ms > 0) {
-		component_element *component = (component_element *)element->data;
+	component_element *component = (component_element *)element->data;
+	if (elapsed_ms > 0 && !component->has_ended) {
 		component->metric = elapsed_ms;
 		if (element->prev) {
 			((component_element *)element->prev->data)->exclusive += elapsed_ms;
@@ -89,6 +89,13 @@ void zq_component_close(
 		}
 	}
 	zend_llist_remove_tail(open);
+}
+
+void zq_component_sum(const char *cls, const char *func, int metric_ms, int exclusive_ms TSRMLS_DC)
+{
+	char *name = component_name(cls, func);
+	zq_component_add(name, metric_ms, exclusive_ms TSRMLS_CC);
+	efree(name);
 }
 
 void zq_component_add(const char *name, int metric_ms, int exclusive_ms TSRMLS_DC)

@@ -10,6 +10,9 @@ typedef struct component_element {
 	char *name;    /* request memory, no control characters; null until it closes */
 	int metric;    /* ms */
 	int exclusive; /* ms spent in what it called: nested components, queries, outgoing calls */
+	/* private */
+	const zend_execute_data *frame = NULL; /* that makes its call; null when it has no row among the open calls */
+	bool has_ended = false;                /* without returning: counted already */
 } component_element;
 
 /* Sums under one name: the value of `components_hash`, kept as a pointer. */
@@ -31,6 +34,8 @@ zend_llist_element *zq_component_open(TSRMLS_D);
  */
 void zq_component_close(
 	zend_llist_element *element, unsigned generation, const char *cls, const char *func, int elapsed_ms TSRMLS_DC);
+/* Adds to the sums under "PHP/<class or NULL>/<function>". */
+void zq_component_sum(const char *cls, const char *func, int metric_ms, int exclusive_ms TSRMLS_DC);
 /* Adds to the sums under `name`, creating them. */
 void zq_component_add(const char *name, int metric_ms, int exclusive_ms TSRMLS_DC);
 /* Charges time spent outside PHP code to the innermost open component, if there is one and the time is positive. */

@@ -3,6 +3,7 @@
 #include "zqp_exception.h"
 
 #include "zqp_lock.h"
+#include "zqp_open_calls.h"
 #include "zqp_process_memory.h"
 
 error_element *error_element_alloc(const char *msg, const char *cls, char *stack)
@@ -175,10 +176,18 @@ static int record_aside(int type, const char *format, va_list args TSRMLS_DC)
 	return bailed_out;
 }
 
-/* The types at which php_error_cb ends the request by itself. */
-static int engine_ends_request(int type)
+/* The types at which php_error_cb ends the request by itself; one of them becomes an exception where the engine says
+ * so. */
+static int engine_ends_request(int type TSRMLS_DC)
 {
-	return zq_error_need_report(type) && type != E_PARSE;
+	return zq_error_need_report(type) && type != E_PARSE &&
+		(type != E_RECOVERABLE_ERROR || EG(error_handling) == EH_NORMAL);
+}
+
+/* A file that cannot be parsed ends the request as well, while evaluated code goes on with false. */
+static int compiler_ends_request(int type TSRMLS_DC)
+{
+	return type == E_PARSE && ZQG(compiling_in) && ZQG(compiling_in) == EG(current_execute_data);
 }
 
 static int agent_may_not_hide(int type)
@@ -192,12 +201,15 @@ void zq_error_cb(int type, const char *error_filename, const uint error_lineno, 
 	if (g_module_up && ZQG(in_agent_call) > 0 && !agent_may_not_hide(type)) {
 		return;
 	}
+	if (g_module_up && (engine_ends_request(type TSRMLS_CC) || compiler_ends_request(type TSRMLS_CC))) {
+		zq_end_open_calls(1 TSRMLS_CC);
+	}
 	int bailed_out = 0;
 	if (engine_error_is_wanted(type TSRMLS_CC)) {
 		bailed_out = record_aside(type, format, args TSRMLS_CC);
 	}
 	_zend_error_cb(type, error_filename, error_lineno, format, args);
-	if (bailed_out && !engine_ends_request(type)) {
+	if (bailed_out && !engine_ends_request(type TSRMLS_CC)) {
 		zend_bailout(); /* the current frame is gone: nothing can go on from here */
 	}
 }

@@ -262,5 +262,7 @@ char *zq_code_stack_text(TSRMLS_D);
 /* First frame from `data` outwards that runs compiled code: its line (of the faulting opline when an exception is
  * pending) and a copy of its file name into `filename` (null when unknown). Returns the line, 0 when unknown. */
 int zq_calling_line(zend_execute_data *data, char **filename TSRMLS_DC);
+/* The same with the file's name borrowed from the running code. */
+int zq_calling_place(zend_execute_data *data, const char **filename TSRMLS_DC);
 
 #endif

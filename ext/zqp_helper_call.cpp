@@ -42,6 +42,14 @@ static void save_script(script_state *saved TSRMLS_DC)
 	saved->in_agent_call = ZQG(in_agent_call);
 }
 
+/* From here on the hooks pass everything through. The script's frames stay findable. */
+static void begin_agent_call(TSRMLS_D)
+{
+	if (ZQG(in_agent_call)++ == 0) {
+		ZQG(script_frame) = EG(current_execute_data);
+	}
+}
+
 /* Steps onto `base`, with `symbols` as the caller's variables. EG(error_reporting) stays: 0 would hide fatal errors. */
 static void step_aside(zend_execute_data *base, HashTable *symbols TSRMLS_DC)
 {
@@ -51,6 +59,7 @@ static void step_aside(zend_execute_data *base, HashTable *symbols TSRMLS_DC)
 	memset(base, 0, sizeof *base);
 	base->function_state.function = (zend_function *)&agent;
 	zend_hash_init(symbols, 0, NULL, ZVAL_PTR_DTOR, 0);
+	begin_agent_call(TSRMLS_C);
 	EG(current_execute_data) = base;
 	EG(opline_ptr) = NULL;
 	EG(active_op_array) = NULL;
@@ -61,7 +70,6 @@ static void step_aside(zend_execute_data *base, HashTable *symbols TSRMLS_DC)
 	zend_stack_init(&EG(user_error_handlers_error_reporting));
 	EG(error_handling) = EH_NORMAL;
 	PG(tick_functions).head = NULL; /* the callee may have been compiled under declare(ticks) */
-	ZQG(in_agent_call)++;
 }
 
 /* The frame is not among it: after a bailout the engine has none, and must not be given one back. */
@@ -359,7 +367,7 @@ void zq_release_result(zval *result TSRMLS_DC)
 		return;
 	}
 	volatile int bailed_out = 0;
-	ZQG(in_agent_call)++;
+	begin_agent_call(TSRMLS_C);
 	zend_try
 	{
 		zval_dtor(result);

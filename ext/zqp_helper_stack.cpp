@@ -183,24 +183,30 @@ void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC)
 	zq_append_char(buf, ']');
 }
 
-int zq_calling_line(zend_execute_data *data, char **filename TSRMLS_DC)
+int zq_calling_place(zend_execute_data *data, const char **filename TSRMLS_DC)
 {
-	if (filename) {
-		*filename = NULL;
-	}
+	*filename = NULL;
 	while (data && !data->op_array) {
 		data = data->prev_execute_data;
 	}
 	if (!data) {
 		return 0;
 	}
-	if (filename && data->op_array->filename) {
-		*filename = estrdup(data->op_array->filename);
-	}
+	*filename = data->op_array->filename;
 	const zend_op *opline = data->opline;
 	/* a pending exception has put its own opline there, which has no line */
 	if (opline && opline->opcode == ZEND_HANDLE_EXCEPTION && EG(opline_before_exception)) {
 		opline = EG(opline_before_exception);
 	}
 	return opline ? (int)opline->lineno : 0;
+}
+
+int zq_calling_line(zend_execute_data *data, char **filename TSRMLS_DC)
+{
+	const char *borrowed;
+	int lineno = zq_calling_place(data, &borrowed TSRMLS_CC);
+	if (filename) {
+		*filename = borrowed ? estrdup(borrowed) : NULL;
+	}
+	return lineno;
 }

@@ -17,6 +17,8 @@
 struct error_element;
 struct zq_details;
 
+enum { ZQ_OPEN_CALLS = 1024 }; /* nesting up to which a call that does not return is known */
+
 /* One instance per thread, zero-filled when the thread appears. Lifetimes: "request" memory comes from the engine's
  * request allocator and is gone at request end; "thread" memory is malloc'ed and lives until the thread's globals are
  * destroyed. Time stamps are microseconds of cycle_timer(). The fields of the first group are the interface that the
@@ -82,7 +84,17 @@ struct zend_zqprof_globals : zq_app_config { /* whose texts are request copies o
 	int rum_header_lines;    /* line ends that are still the headers', when the writer gets them next */
 	unsigned contexts_apart; /* stream contexts that the agent has made for SOAP clients of this thread */
 	zq_clock clock;
-	uint64 watch_filter[16]; /* names in the two hook tables, as bits: one that is not set needs no lookup */
+	/* The calls that are running (zqp_open_calls), outermost first; the count also knows those for which there is no
+	 * row. */
+	unsigned open_calls;
+	zend_execute_data *open_frames[ZQ_OPEN_CALLS];
+	uint64 open_starts[ZQ_OPEN_CALLS]; /* us */
+	struct zq_ended_call *ended_calls; /* innermost first; process memory, until the action is reported */
+	struct zq_ended_call *last_ended_call;
+	unsigned ended_count;
+	zend_execute_data *script_frame; /* that ran when in_agent_call left 0 */
+	zend_execute_data *compiling_in; /* frame whose file is being compiled; null: none */
+	uint64 watch_filter[16];         /* names in the two hook tables, as bits: one that is not set needs no lookup */
 };
 
 extern ts_rsrc_id zqprof_globals_id;
@@ -112,6 +124,7 @@ extern int g_module_up;
 extern void (*_zend_execute_ex)(zend_execute_data *execute_data TSRMLS_DC);
 extern void (*_zend_execute_internal)(
 	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
+extern user_opcode_handler_t _zend_exit_handler; /* null: none */
 extern zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSRMLS_DC);
 extern void (*_zend_error_cb)(
 	int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);

@@ -81,6 +81,10 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	replace_hook(&zend_execute_internal, &_zend_execute_internal, zq_execute_internal);
 	replace_hook(&zend_error_cb, &_zend_error_cb, zq_error_cb);
 	replace_hook(&zend_compile_file, &_zend_compile_file, zq_compile_file);
+	if (zend_get_user_opcode_handler(ZEND_EXIT) != zq_exit) {
+		_zend_exit_handler = zend_get_user_opcode_handler(ZEND_EXIT);
+		zend_set_user_opcode_handler(ZEND_EXIT, zq_exit);
+	}
 	zq_log_init(TSRMLS_C);
 	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_VERSION);
 	zq_log_share();
@@ -105,6 +109,7 @@ static int zm_shutdown_zqprof(SHUTDOWN_FUNC_ARGS)
 	zend_execute_ex = _zend_execute_ex;
 	zend_execute_internal = _zend_execute_internal;
 	zend_error_cb = _zend_error_cb;
+	zend_set_user_opcode_handler(ZEND_EXIT, _zend_exit_handler);
 	ts_free_id(zqprof_globals_id);
 	ZQ_LOG(ZQ_LOG_VERBOSE, "MSHUTDOWN processing done\n");
 	zq_log_final();

@@ -7,6 +7,7 @@
 
 #include "zqp_component.h"
 #include "zqp_io.h"
+#include "zqp_open_calls.h"
 #include "zqp_tracer.h"
 #include "zqp_wrapper.h"
 
@@ -17,12 +18,11 @@ struct user_call {
 	zend_class_entry *scope; /* declaring class, else the object's; null for a plain function */
 	const char *func;        /* function name, or the kind word of included code */
 	zval **return_slot;
-	zend_llist_element *component; /* opened for it, or null */
+	zend_llist_element *component; /* opened for it, or null; set when is_awaited */
 	unsigned component_generation;
 	int level_before;
 	bool is_closure; /* may be freed before its caller goes on, and its name with it */
 	bool is_awaited; /* there is something to do afterwards, however quick it is */
-	uint64 start;
 };
 
 /* What most closures are called, in memory that outlives the call. */
@@ -42,30 +42,6 @@ static inline void drop_closure_name(const user_call *call)
 	}
 }
 
-/* Name of code that runs without being called, by the caller's include-or-eval operation; null for none. */
-static const char *kind_word(zend_execute_data *caller)
-{
-	if (!caller->opline || caller->opline->opcode != ZEND_INCLUDE_OR_EVAL) {
-		return NULL;
-	}
-	switch (caller->opline->extended_value) {
-	case ZEND_EVAL: return "eval";
-	case ZEND_INCLUDE: return "include";
-	case ZEND_INCLUDE_ONCE: return "include_once";
-	case ZEND_REQUIRE: return "require";
-	case ZEND_REQUIRE_ONCE: return "require_once";
-	}
-	return NULL;
-}
-
-static inline zend_class_entry *class_of_call(zend_function *function, zval *object TSRMLS_DC)
-{
-	if (function->common.scope) {
-		return function->common.scope;
-	}
-	return object && Z_TYPE_P(object) == IS_OBJECT && Z_OBJ_HT_P(object)->get_class_entry ? Z_OBJCE_P(object) : NULL;
-}
-
 /* Fills `call`; false when the frame is nothing to intercept. */
 static inline bool identify_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
 {
@@ -73,9 +49,9 @@ static inline bool identify_user_call(user_call *call, zend_execute_data *caller
 	call->func = function->common.function_name;
 	if (UNEXPECTED(!call->func)) {
 		call->scope = NULL;
-		return (call->func = kind_word(caller)) != NULL;
+		return (call->func = zq_kind_word(caller)) != NULL;
 	}
-	call->scope = class_of_call(function, caller->object TSRMLS_CC);
+	call->scope = zq_class_of_call(function, caller->object TSRMLS_CC);
 	if (UNEXPECTED(function->common.fn_flags & ZEND_ACC_CLOSURE)) {
 		call->is_closure = true;
 		call->func = keep_closure_name(call->func);
@@ -93,7 +69,10 @@ static inline bool is_function_call(const zend_execute_data *caller)
  * an exit may have left the frames, and the level, of the main script as they were. */
 static inline int enter_level(zend_zqprof_globals *g, zend_execute_data *caller)
 {
-	int before = !caller->op_array && !caller->prev_execute_data ? 0 : g->tracer_level;
+	if (UNEXPECTED(!caller->op_array) && !caller->prev_execute_data) {
+		zq_no_call_is_open(g);
+	}
+	int before = g->tracer_level;
 	g->tracer_level = before + 1;
 	return before;
 }
@@ -195,6 +174,9 @@ static zend_never_inline void before_user_call(user_call *call, zend_execute_dat
 	zq_before_function_call(&stack, &user_data TSRMLS_CC);
 	call->component = user_data.llist_comp_ele;
 	call->component_generation = user_data.component_generation;
+	if (call->component) {
+		((component_element *)call->component->data)->frame = caller;
+	}
 	free_full_name(&user_data, &stack);
 	call->is_awaited = call->component || ZQG(profile_end_time);
 }
@@ -223,7 +205,7 @@ static void remove_stub(const callee_stub *stub, zend_execute_data *frame)
 
 /* The engine still holds the callee's symbol table and op array here, and destroys the active symbol table next. What
  * raises an error or releases objects in between must see the caller's. */
-static zend_never_inline void after_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
+static zend_never_inline void after_user_call(user_call *call, zend_execute_data *caller, uint64 start TSRMLS_DC)
 {
 	zend_op **opline_ptr = EG(opline_ptr);
 	zend_op_array *active_op_array = EG(active_op_array);
@@ -244,9 +226,9 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	if (ZQG(profile_end_time) || is_watched_after(zq_globals(TSRMLS_C), call)) {
 		build_full_name(&user_data, &stack);
 	}
-	user_data.llist_comp_ele = call->component;
+	user_data.llist_comp_ele = call->is_awaited ? call->component : NULL;
 	user_data.component_generation = call->component_generation;
-	zq_after_function_call(&stack, &user_data, call->start TSRMLS_CC);
+	zq_after_function_call(&stack, &user_data, start TSRMLS_CC);
 	free_full_name(&user_data, &stack);
 	if (call->is_closure) {
 		remove_stub(&stub, caller);
@@ -271,16 +253,17 @@ static zend_never_inline void intercept_user_call(zend_execute_data *execute_dat
 		return;
 	}
 	call.level_before = is_function_call(caller) ? enter_level(g, caller) : g->tracer_level;
-	call.component = NULL;
 	call.return_slot = EG(return_value_ptr_ptr);
 	if (UNEXPECTED(g->tracer_level == 1 || g->profile_end_time) || is_watched(g, &call)) {
 		before_user_call(&call, caller TSRMLS_CC);
 	}
-	call.start = zq_clock_us(&g->clock);
+	uint64 start = zq_clock_us(&g->clock);
+	zq_call_begins(g, caller, start);
 	_zend_execute_ex(execute_data TSRMLS_CC);
+	zq_call_returned(g);
 	if (g->hook_enabled &&
-		(UNEXPECTED(call.is_awaited) || UNEXPECTED(took_long(g, call.start)) || is_watched_after(g, &call))) {
-		after_user_call(&call, caller TSRMLS_CC);
+		(UNEXPECTED(call.is_awaited) || UNEXPECTED(took_long(g, start)) || is_watched_after(g, &call))) {
+		after_user_call(&call, caller, start TSRMLS_CC);
 	}
 	drop_closure_name(&call);
 	g->tracer_level = call.level_before;
@@ -352,7 +335,9 @@ static zend_never_inline void run_trampoline(
 	char *func = estrdup(frame->function_state.function->common.function_name);
 	before_trampoline(frame, scope ? scope->name : NULL, func TSRMLS_CC);
 	uint64 start = zq_clock_us(&ZQG(clock));
+	zq_call_begins(zq_globals(TSRMLS_C), frame, start);
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
+	zq_call_returned(zq_globals(TSRMLS_C));
 	if (ZQG(hook_enabled)) {
 		after_trampoline(frame, scope, func, start TSRMLS_CC);
 	}
@@ -382,16 +367,21 @@ static zend_never_inline void run_watched(
 	hash_names(&stack);
 	zq_before_internal_call(&stack TSRMLS_CC);
 	uint64 start = zq_clock_us(&ZQG(clock));
+	unsigned around = ZQG(open_calls); /* a SOAP client may have caught a bailout of calls inside it */
+	zq_call_begins(zq_globals(TSRMLS_C), frame, start);
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
+	ZQG(open_calls) = around;
 	if (ZQG(hook_enabled)) {
 		zq_after_internal_call(&stack, start TSRMLS_CC);
 	}
 }
 
-static zend_never_inline void trace_unwatched(
-	zend_execute_data *frame, const char *cls, const char *func, uint64 start TSRMLS_DC)
+/* Names the callee by the frame, so that the call itself has nothing to keep for it. */
+static zend_never_inline void trace_unwatched(zend_execute_data *frame, uint64 start TSRMLS_DC)
 {
-	zq_stack_data stack = unwatched_call(frame, cls, func);
+	const zend_function *function = frame->function_state.function;
+	zend_class_entry *scope = function->common.scope;
+	zq_stack_data stack = unwatched_call(frame, scope ? scope->name : NULL, function->common.function_name);
 	zq_trace_default(&stack, start, zq_clock_us(&ZQG(clock)) TSRMLS_CC);
 }
 
@@ -404,7 +394,7 @@ static zend_never_inline void intercept_internal_call(
 		run_trampoline(frame, fci, return_value_used TSRMLS_CC);
 		return;
 	}
-	zend_class_entry *scope = class_of_call(function, frame->object TSRMLS_CC);
+	zend_class_entry *scope = zq_class_of_call(function, frame->object TSRMLS_CC);
 	const char *cls = scope ? scope->name : NULL;
 	const char *func = function->common.function_name;
 	if (UNEXPECTED(g->profile_end_time) || zq_internal_may_be_watched(cls, scope ? (int)scope->name_length : 0, func)) {
@@ -416,9 +406,11 @@ static zend_never_inline void intercept_internal_call(
 		return;
 	}
 	uint64 start = zq_clock_us(&g->clock);
+	zq_call_begins(g, frame, start);
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
+	zq_call_returned(g);
 	if (g->hook_enabled && UNEXPECTED(took_long(g, start))) {
-		trace_unwatched(frame, cls, func, start TSRMLS_CC);
+		trace_unwatched(frame, start TSRMLS_CC);
 	}
 }
 
@@ -430,6 +422,19 @@ void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *f
 	} else {
 		run_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
 	}
+}
+
+/* ---- exit -------------------------------------------------------------------------------------------------------- */
+
+/* Before the engine runs an `exit`, whose long jump passes all hooks by. Another extension may have the script go on.
+ */
+int zq_exit(ZEND_OPCODE_HANDLER_ARGS)
+{
+	int next = _zend_exit_handler ? _zend_exit_handler(ZEND_OPCODE_HANDLER_ARGS_PASSTHRU) : ZEND_USER_OPCODE_DISPATCH;
+	if (next == ZEND_USER_OPCODE_DISPATCH && g_module_up) {
+		zq_end_open_calls(0 TSRMLS_CC);
+	}
+	return next;
 }
 
 /* ---- compiling --------------------------------------------------------------------------------------------------- */
@@ -459,7 +464,10 @@ zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	char *filename = estrdup(file_handle->filename); /* opening may replace it */
 	uint64 start = zq_clock_us(&g->clock);
+	zend_execute_data *around = g->compiling_in;
+	g->compiling_in = EG(current_execute_data);
 	zend_op_array *compiled = compile_unseen(file_handle, type TSRMLS_CC);
+	g->compiling_in = around;
 	uint64 end = zq_clock_us(&g->clock);
 	if (!g->hook_enabled) { /* the script ended its action while an error handler ran */
 		efree(filename);

@@ -7,6 +7,7 @@
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_naming.h"
+#include "zqp_open_calls.h"
 #include "zqp_rum.h"
 #include "zqp_wrapper_headers.h"
 
@@ -145,6 +146,7 @@ static PHP_FUNCTION(vantor_end_webaction)
 	g->hook_enabled = 0;
 	g->rdown_tick = cycle_timer();
 	zq_lift_memory_limit(TSRMLS_C); /* a packet can be larger than the room that the script has left */
+	zq_record_ended_calls(TSRMLS_C);
 	send_metric((int)((g->rdown_tick - g->rinit_tick) / 1000) TSRMLS_CC);
 	zq_empty_containers(TSRMLS_C);
 	zq_free_config_copies(TSRMLS_C);

@@ -13,6 +13,7 @@
 #include "zqp_naming.h"
 #include "zqp_naming_uri.h"
 #include "zqp_nosql.h"
+#include "zqp_open_calls.h"
 #include "zqp_process_memory.h"
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
@@ -95,6 +96,7 @@ static void clear_request_fields(zend_zqprof_globals *g)
 	g->details = NULL;
 	g->request_path = NULL;
 	g->in_agent_call = 0;
+	zq_no_call_is_open(g);
 	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
 	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
 }
@@ -365,6 +367,7 @@ static void end_action(TSRMLS_D)
 	g->rdown_tick = cycle_timer();
 	ZQ_LOG(ZQ_LOG_VERBOSE, "RSHUTDOWN processing start...");
 	zq_http_error(SG(sapi_headers).http_response_code, SG(sapi_headers).http_status_line TSRMLS_CC);
+	zq_record_ended_calls(TSRMLS_C);
 	send_metric((int)((g->rdown_tick - g->rinit_tick) / 1000) TSRMLS_CC);
 	ZQ_LOG(ZQ_LOG_VERBOSE, "RSHUTDOWN processing done");
 }
@@ -422,6 +425,7 @@ void zq_empty_containers(TSRMLS_D)
 			zend_hash_clean(table);
 		}
 	}
+	zq_forget_ended_calls(g);
 	g->component_generation++;
 	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
 	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
@@ -457,6 +461,7 @@ static void release_request(TSRMLS_D)
 	free_text(&g->request_path);
 	zq_free_config_copies(TSRMLS_C);
 	free_text(&g->app_name);
+	zq_forget_ended_calls(g);
 	g->component_generation++;
 }
 

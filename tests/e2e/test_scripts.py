@@ -24,6 +24,16 @@ def test_calls_are_timed_under_their_names(site, code, names):
     assert nodes - {"PHP::compile"} == {"PHP::execute", "::usleep", *traced.split()}
 
 
+@pytest.mark.parametrize("code, expected", cases("ended.php"))
+def test_calls_that_never_return_are_timed_to_their_end(site, code, expected):
+    """And those that shutdown functions make behind them as ever."""
+    metric = site.cgi(code, settings=TRACED, ini={**INI, "display_errors": "0", "max_execution_time": "1"}, twin=False).metric
+    made = ("run", "show", "__destruct", "leave", "array_map", "include", "down")     # others are slow on a busy machine alone
+    assert " ".join(f"{node[5]}::{node[6]}" for node in wire.nodes(metric.trace) if node[6] in made) == expected
+    assert {f"PHP/{name.replace('::', '/')}" for name in ("App::run", "Late::down")} <= set(metric.components)
+    assert metric.components["PHP/App/run"][0] >= 2
+
+
 def test_thin_layers_keep_their_order(site):
     """Calls that begin and end within the same microseconds; few enough at once that none is left out."""
     layers = ["Front::run", "Orders::show", "Service::load", "Repository::find", "Table::select", "Link::ask", "::usleep"]

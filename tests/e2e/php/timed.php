@@ -1,5 +1,5 @@
 <?php
-/* Calls of every kind: the components that they become, and the names that they have in the trace. What an exit left is not counted. */
+/* Calls of every kind: the components that they become, and the names that they have in the trace. */
 # --- magic => M/__call M/__callStatic; M::foo M::__call M::bar M::__callStatic M::cuf ::call_user_func
 class M {
     function __call($n, $a) { usleep(2000); }
@@ -33,7 +33,7 @@ function a($f) { return b($f); }
 function b($f) { return c($f); }
 function c($f) { usleep(2000); return $f(); }
 try { a(function () { throw new Exception; }); } catch (Exception $e) {}
-# --- after exit, when everything begins again => NULL/down NULL/out; ::down ::out
+# --- after exit, when everything begins again => NULL/a NULL/down NULL/out; ::a ::b ::c ::down ::out
 register_shutdown_function("down");
 function down() { usleep(2000); }
 ob_start("out");
