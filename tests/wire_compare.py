@@ -121,6 +121,9 @@ def main():
         differing = [test for test in tests if not any(lines in seen["here"][test] for lines in seen["base"][test] or [[]])]
         print(f"run {attempt + 1}: {len(tests)} tests, {sum(len(runs[0]) for runs in seen['here'].values() if runs)} lines, "
               f"{len(differing)} tests differ", flush=True)
+        if not tests:
+            print("nothing was sent: no test was chosen, or none could run")
+            return 2
         if not differing:
             break
     for test in differing:
@@ -133,8 +136,8 @@ def main():
 if __name__ == "__main__":
     sys.setrecursionlimit(100_000)                    # a trace is as deep as the calls were
     threading.stack_size(256 << 20)
-    status = []
-    thread = threading.Thread(target=lambda: status.append(main()))
+    status = [2]
+    thread = threading.Thread(target=lambda: status.insert(0, main()))
     thread.start()
     thread.join()
-    sys.exit(status[0] if status else 2)
+    sys.exit(status[0])
