@@ -60,7 +60,7 @@ TEST(Text, ReadsTimesWithTheirUnits) {
 TEST(Top, TellsSharesOfTheTimeOfAllActions) {
   EXPECT_EQ(top_text({{"Other", "cart", 1, 0, 12345999, 7400000, 999, 0, 4945000, 12345, 12345, 800, 1}, {"Shop", "cart", 100, 3, 5050000, 1000000, 0, 0, 4050000, 50, 95}}, 100),
             "COUNT  ERRORS     P50     P95   DB  SQL  CACHE  EXT  CODE  APPLICATION  ACTION\n"
-            "    1       0  12.3 s  12.3 s   60%  800     0%   0%   40%  Other        cart\n"
+            "    1       0  12.3 s  12.3 s  60%  800     0%   0%   40%  Other        cart\n"
             "  100       3   50 ms   95 ms  20%    -     0%   0%   80%  Shop         cart\n");
 }
 
