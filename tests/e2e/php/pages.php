@@ -13,7 +13,7 @@ foreach (array('<html>', '<head>', '</head>', '</html>') as $piece) {
 # --- letters and blanks => <hEAD>^</Head>
 echo "<HTML\tLANG=en><hEAD></Head>";
 # --- without html tag => nothing
-echo '<head></head>';
+echo '<htmlx><head></head>';
 # --- broken tags => nothing
 echo '<html <head <title></titl></ head></headx><<</html>';
 # --- broken tags around whole ones => </</title>^</head>
