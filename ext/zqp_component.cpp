@@ -17,11 +17,7 @@ component_element *component_element_alloc(char *name)
 
 void component_element_dtor(void *ele)
 {
-	component_element *element = (component_element *)ele;
-	if (element->name) {
-		efree(element->name);
-		element->name = NULL;
-	}
+	zq_replace_text(&((component_element *)ele)->name, NULL);
 }
 
 void component_hash_element_dtor(void *ele)

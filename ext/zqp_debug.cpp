@@ -67,15 +67,13 @@ const char *get_log_level_name(int level)
 
 void zq_log_init(TSRMLS_D)
 {
-	static const char suffix[] = "/log/quorbit/php-agent.log";
-	const char *root = zq_ini_str("zqs.runtime_root", "/var");
-	size_t size = strlen(root) + sizeof(suffix);
+	size_t size = (size_t)zq_runtime_path(NULL, 0, ZQ_AGENT_LOG) + 1;
 	zqprof_ini_log_file = (char *)malloc(size);
 	if (!zqprof_ini_log_file) {
 		fputs("Out of memory\n", stderr);
 		exit(1);
 	}
-	snprintf(zqprof_ini_log_file, size, "%s%s", root, suffix);
+	zq_runtime_path(zqprof_ini_log_file, size, ZQ_AGENT_LOG);
 	tzset();
 	g_zone = timezone;
 	g_zone_has_summer = daylight;

@@ -142,45 +142,22 @@ int is_same_account(const char *cur_secret_id, const char *parent_secret_id)
 /* ---- splitting ----------------------------------------------------------------------------------------------------
  */
 
-/* Ends the piece at `*cursor` and moves the cursor past its separator; null at the end of the text. Pieces may be
- * empty. */
-static char *next_piece(char **cursor, const char *separators)
-{
-	char *piece = *cursor;
-	if (!piece) {
-		return NULL;
-	}
-	size_t len = strcspn(piece, separators);
-	*cursor = piece[len] ? piece + len + 1 : NULL;
-	piece[len] = '\0';
-	return piece;
-}
-
-/* More than the pieces that the separators can make of a text. */
-static size_t max_pieces(const char *str, const char *separators)
-{
-	size_t count = 1;
-	while ((str = strpbrk(str, separators)) != NULL) {
-		count++;
-		str++;
-	}
-	return count;
-}
-
 cArray *get_c_array(const char *str, char split_char)
 {
 	if (!str || !*str) {
 		return NULL;
 	}
 	const char separators[] = {split_char, '\0'};
-	cArray *array = (cArray *)safe_emalloc(max_pieces(str, separators), sizeof(char *), sizeof(cArray));
+	size_t most = 1;
+	for (const char *at = str; (at = strpbrk(at, separators)) != NULL; at++) {
+		most++;
+	}
+	cArray *array = (cArray *)safe_emalloc(most, sizeof(char *), sizeof(cArray));
 	array->string = estrdup(str);
 	array->length = 0;
-	char *cursor = array->string;
-	for (char *piece; (piece = next_piece(&cursor, separators)) != NULL;) {
-		if (*piece) {
-			array->items[array->length++] = piece;
-		}
+	char *rest;
+	for (char *piece = strtok_r(array->string, separators, &rest); piece; piece = strtok_r(NULL, separators, &rest)) {
+		array->items[array->length++] = piece;
 	}
 	return array;
 }
@@ -201,19 +178,16 @@ char **get_str_array(const char *str, int split_mode)
 		return NULL;
 	}
 	const char *separators = split_mode >= 0 && split_mode < modes ? separators_of_mode[split_mode] : "";
-	char **array = (char **)safe_emalloc(max_pieces(str, separators), sizeof(char *), sizeof(char *));
-	char *copy = estrdup(str), *cursor = copy;
+	std::string_view rest = str, piece;
 	size_t count = 0;
-	for (char *piece; (piece = next_piece(&cursor, separators)) != NULL;) {
-		while ((unsigned char)*piece >= 128) {
-			piece++;
-		}
-		if (*piece) {
-			array[count++] = estrdup(piece);
-		}
+	while (zq_next_piece(&rest, separators, &piece)) {
+		count++;
 	}
-	array[count] = NULL;
-	efree(copy);
+	char **array = (char **)safe_emalloc(count, sizeof(char *), sizeof(char *)), **at = array;
+	for (rest = str; zq_next_piece(&rest, separators, &piece); at++) {
+		*at = estrndup(piece.data(), (uint)piece.size());
+	}
+	*at = NULL;
 	return array;
 }
 

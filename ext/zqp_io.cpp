@@ -128,7 +128,7 @@ int open_daemon(int report_error TSRMLS_DC)
 	char path[255];
 	struct sockaddr_un address;
 	/* A path that does not fit here does not fit the address either, which reports it. */
-	snprintf(path, sizeof(path), "%s/log/quorbit/.quorbit.sock", zq_ini_str("zqs.runtime_root", "/var"));
+	zq_runtime_path(path, sizeof(path), ZQ_DAEMON_SOCKET);
 	ZQ_LOG(ZQ_LOG_DEBUG, "connecting to daemon ipc=%s", path);
 	int sock = above_standard(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 	if (sock == -1) {
@@ -256,22 +256,24 @@ static void write_when_set(FILE *file, const char *key)
 	}
 }
 
-static void write_daemon_config(FILE *file, const char *prefix, const char *root)
+static void write_daemon_config(FILE *file, const char *prefix)
 {
 	static const struct {
 		const char *key, *file_name;
 	} files[] = {
-		{"zqs.agent_log_file_name", "php-agent.log"},
+		{"zqs.agent_log_file_name", ZQ_AGENT_LOG},
 		{"zqs.daemon_log_file_name", "daemon.log"},
 		{"zqs.pid_file", "quorbit.pid"},
-		{"zqs.ipc_listen_file", ".quorbit.sock"},
+		{"zqs.ipc_listen_file", ZQ_DAEMON_SOCKET},
 	};
 	fprintf(file, "zqs.ssl=%s\n", true_or_false("zqs.ssl"));
 	fprintf(file, "zqs.audit_mode=%s\n", true_or_false("zqs.audit_mode"));
 	fprintf(file, "zqs.daemon_log_level=%s\n", zq_ini_level("zqs.daemon_log_level"));
 	fprintf(file, "zqs.action_tracer.log_sql=%s\n", true_or_false("zqs.action_tracer.log_sql"));
 	for (const auto &row : files) {
-		fprintf(file, "%s=%s/log/quorbit/%s\n", row.key, root, row.file_name);
+		char path[300]; /* below the same root as the configuration's, of 255 bytes at most */
+		zq_runtime_path(path, sizeof(path), row.file_name);
+		fprintf(file, "%s=%s\n", row.key, path);
 	}
 	if (zq_ini_str("zqs.host", NULL)) {
 		write_when_set(file, "zqs.host");
@@ -296,7 +298,7 @@ static void keep_mode(int fd, const char *path)
 
 /* Writes a new file and puts it in the old one's place: a daemon that another process starts meanwhile never reads half
  * of it, and nothing is written through a link or into a file that another account has put there. -1 with errno set. */
-static int replace_daemon_config(const char *path, const char *prefix, const char *root)
+static int replace_daemon_config(const char *path, const char *prefix)
 {
 	char fresh[255 + 16];
 	snprintf(fresh, sizeof(fresh), "%s.%d", path, (int)getpid());
@@ -307,7 +309,7 @@ static int replace_daemon_config(const char *path, const char *prefix, const cha
 		return -1;
 	}
 	keep_mode(fd, path);
-	write_daemon_config(file, prefix, root);
+	write_daemon_config(file, prefix);
 	if (fclose(file) == 0 && rename(fresh, path) == 0) {
 		return 0;
 	}
@@ -348,8 +350,7 @@ int zq_daemon_start(int create_config TSRMLS_DC)
 	char config_path[255];
 	char command[512];
 	const char *prefix = zq_ini_str("zqs.prefix", "/usr");
-	const char *root = zq_ini_str("zqs.runtime_root", "/var");
-	int path_len = snprintf(config_path, sizeof(config_path), "%s/log/quorbit/.quorbit.cfg", root);
+	int path_len = zq_runtime_path(config_path, sizeof(config_path), ".quorbit.cfg");
 	int command_len = snprintf(command, sizeof(command), "%s/bin/quorbit -f %s", prefix, config_path);
 	if (path_len >= (int)sizeof(config_path)) {
 		ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(ENAMETOOLONG));
@@ -360,7 +361,7 @@ int zq_daemon_start(int create_config TSRMLS_DC)
 			sizeof(command) - 1);
 		return -1;
 	}
-	if (create_config && zq_file_may_grow(config_path) && replace_daemon_config(config_path, prefix, root) == -1) {
+	if (create_config && zq_file_may_grow(config_path) && replace_daemon_config(config_path, prefix) == -1) {
 		ZQ_LOG(ZQ_LOG_WARNING, "write daemon config[%s] fail: %s", config_path, strerror(errno));
 	}
 	ZQ_LOG(ZQ_LOG_INFO, "start daemon: %s", command);

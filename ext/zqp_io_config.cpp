@@ -130,10 +130,7 @@ static void take_snapshot(config_snapshot *snapshot, const app_cfg_info *rec)
 /* Replaces a request copy; a bailout of estrdup leaves `text` leaked once, in a request that is about to end. */
 static void take_text(char **field, char *text)
 {
-	if (*field) {
-		efree(*field);
-		*field = NULL;
-	}
+	zq_replace_text(field, NULL);
 	if (text) {
 		*field = estrdup(text);
 		free(text);
@@ -153,7 +150,7 @@ static void use_snapshot(config_snapshot *snapshot TSRMLS_DC)
 	}
 	static_cast<zq_app_config &>(*g) = taken;
 	if (!g->action_tracer_action_threshold) {
-		g->action_tracer_action_threshold = 2000;
+		g->action_tracer_action_threshold = zq_str_to_int(ZQ_DEFAULT_ACTION_THRESHOLD);
 	}
 	if (g->profile_end_time < g->rinit_tick / 1000000) {
 		g->profile_end_time = 0;

@@ -132,11 +132,8 @@ int get_request_params(char **results, const char *uri, int uri_len, const char 
 
 void zq_set_action_name(char *name, int level TSRMLS_DC)
 {
-	if (ZQG(action_name)) {
-		efree(ZQG(action_name));
-	}
 	name[strnlen(name, ZQ_NAME_SIZE)] = '\0';
-	ZQG(action_name) = name;
+	zq_replace_text(&ZQG(action_name), name);
 	ZQG(action_name_level) = level;
 }
 

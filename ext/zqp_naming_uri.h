@@ -101,24 +101,6 @@ static inline void zq_clean_request_path(const char *target, char *path)
 
 /* ---- captured parameters ---- */
 
-/* Takes the next piece off `rest`: what is between separators, without leading bytes of 128 and above, and not
- * empty. False when none is left. */
-static inline bool zq_next_piece(std::string_view *rest, const char *separators, std::string_view *piece)
-{
-	while (!rest->empty()) {
-		size_t end = rest->find_first_of(separators), len = end < rest->size() ? end : rest->size();
-		*piece = std::string_view(rest->data(), len);
-		rest->remove_prefix(len < rest->size() ? len + 1 : len);
-		while (!piece->empty() && (unsigned char)(*piece)[0] >= 128) {
-			piece->remove_prefix(1);
-		}
-		if (!piece->empty()) {
-			return true;
-		}
-	}
-	return false;
-}
-
 /* Appends "?name=value&..." of the names in `groups`: of the query, the form and the headers, in that order. */
 template <typename Buffer, typename Params>
 void zq_append_captured_groups(Buffer *suffix, std::string_view groups, Params params)

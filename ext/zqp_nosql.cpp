@@ -70,6 +70,16 @@ int is_data_operation(uint64 hash)
 	return 0;
 }
 
+/* Writes up to `most` bytes of an operation's name, without a NUL, and returns how many. */
+size_t put_operation(char *to, const char *name, size_t most, zq_operation_case spelling)
+{
+	size_t len = 0;
+	for (; name[len] && len < most; len++) {
+		to[len] = spelling == ZQ_OPERATION_UPPER ? zq_ascii_upper(name[len]) : name[len];
+	}
+	return len;
+}
+
 /* Writes the key and returns its size with the NUL. */
 uint build_key(char (&key)[MAX_KEY_SIZE], const char *collection, const char *operation, zq_operation_case spelling)
 {
@@ -79,9 +89,7 @@ uint build_key(char (&key)[MAX_KEY_SIZE], const char *collection, const char *op
 		memcpy(key, collection, len);
 		key[len++] = '\n';
 	}
-	for (; *operation && len < MAX_KEY_SIZE - 1; operation++) {
-		key[len++] = spelling == ZQ_OPERATION_UPPER ? zq_ascii_upper(*operation) : *operation;
-	}
+	len += put_operation(key + len, operation, MAX_KEY_SIZE - 1 - len, spelling);
 	key[len] = '\0';
 	return (uint)len + 1;
 }
@@ -138,9 +146,7 @@ char *get_nosql_op_name(const char *name, uint64 hash)
 		return NULL;
 	}
 	char *upper = estrdup(name);
-	for (char *at = upper; *at; at++) {
-		*at = zq_ascii_upper(*at);
-	}
+	put_operation(upper, name, strlen(name), ZQ_OPERATION_UPPER);
 	return upper;
 }
 

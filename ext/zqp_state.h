@@ -106,6 +106,16 @@ static inline zend_zqprof_globals *zq_globals(TSRMLS_D)
 	return (zend_zqprof_globals *)(*((void ***)tsrm_ls))[TSRM_UNSHUFFLE_RSRC_ID(zqprof_globals_id)];
 }
 
+/* Puts `text` (null: none) in the place of a text in request memory that its field owned. */
+static inline void zq_replace_text(char **field, char *text)
+{
+	char *previous = *field;
+	*field = text;
+	if (previous) {
+		efree(previous);
+	}
+}
+
 /* 1 when an action is open and its hooks are to see what runs: neither of an application that is not monitored, nor
  * what the agent itself calls. hook_enabled is 0 or 1, so that one comparison answers two questions. */
 static inline int zq_is_watching(const zend_zqprof_globals *g)

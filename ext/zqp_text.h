@@ -8,6 +8,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <string_view>
+
 static inline char zq_ascii_lower(char ch)
 {
 	return ch >= 'A' && ch <= 'Z' ? (char)(ch + ('a' - 'A')) : ch;
@@ -81,6 +83,24 @@ static inline int zq_str_to_int(const char *str)
 		return 0;
 	}
 	return zq_equals_ignoring_case(str, "true") ? 1 : zq_leading_int(str);
+}
+
+/* Takes the next piece off `rest`: what is between separators, without leading bytes of 128 and above, and not
+ * empty. False when none is left. */
+static inline bool zq_next_piece(std::string_view *rest, const char *separators, std::string_view *piece)
+{
+	while (!rest->empty()) {
+		size_t end = rest->find_first_of(separators), len = end < rest->size() ? end : rest->size();
+		*piece = std::string_view(rest->data(), len);
+		rest->remove_prefix(len < rest->size() ? len + 1 : len);
+		while (!piece->empty() && (unsigned char)(*piece)[0] >= 128) {
+			piece->remove_prefix(1);
+		}
+		if (!piece->empty()) {
+			return true;
+		}
+	}
+	return false;
 }
 
 /* zqp_helper_regex.cpp */

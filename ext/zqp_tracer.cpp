@@ -5,21 +5,29 @@
 /* Each call kept costs some 200 bytes of the script's own memory limit. */
 static const size_t MAX_TRACED_CALLS = 100000, TRACED_CALL_BYTES = 256;
 
-sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric)
-{
-	sql_element *element = (sql_element *)ecalloc(1, sizeof(sql_element));
-	element->db = db;
-	element->statement = statement ? rm_comment(statement) : estrdup("sql is null");
-	element->stack = stack;
-	element->explain = explain;
-	element->metric = metric;
-	return element;
-}
-
-/* Where the text of a record made by zq_keep_statement() lies. */
+/* Where the text of a new record lies. */
 static char *own_text(sql_element *element)
 {
 	return (char *)(element + 1);
+}
+
+/* Scripts repeat one quick statement thousands of times, and then each allocation shows: list node, record and text are
+ * one block. */
+sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric)
+{
+	if (!statement) {
+		statement = "sql is null";
+	}
+	size_t most = strnlen(statement, ZQ_MAX_STATEMENT);
+	sql_element *element = (sql_element *)zq_list_new(sizeof *element + most + 1);
+	size_t len = zq_clean_statement(statement, most, own_text(element));
+	if (most - len > 64) { /* what comments took must not stay allocated behind many short statements */
+		size_t size = offsetof(zend_llist_element, data) + sizeof *element + len + 1;
+		element = (sql_element *)((zend_llist_element *)erealloc(zq_list_node(element), size))->data;
+	}
+	*element = {db, own_text(element), stack, explain, metric};
+	element->text_is_verbatim = len == most;
+	return element;
 }
 
 /* The last record when a call with these figures is like it; null otherwise. */
@@ -33,8 +41,6 @@ static sql_element *repeated(const zend_llist *list, const char *db, const char 
 	return strcmp(last->statement, statement) == 0 ? last : NULL;
 }
 
-/* Scripts repeat one quick statement thousands of times, and then each allocation shows: a repetition takes none, and
- * list node, record and text are one block. */
 sql_element *zq_keep_statement(
 	zend_llist *list, const char *db, const char *statement, int metric, unsigned place, int may_repeat)
 {
@@ -43,15 +49,7 @@ sql_element *zq_keep_statement(
 		element->repeats++;
 		return element;
 	}
-	size_t most = strnlen(statement, ZQ_MAX_STATEMENT);
-	element = (sql_element *)zq_list_new(sizeof *element + most + 1);
-	size_t len = zq_clean_statement(statement, most, own_text(element));
-	if (most - len > 64) { /* what comments took must not stay allocated behind many short statements */
-		size_t size = offsetof(zend_llist_element, data) + sizeof *element + len + 1;
-		element = (sql_element *)((zend_llist_element *)erealloc(zq_list_node(element), size))->data;
-	}
-	*element = {db, own_text(element), NULL, NULL, metric};
-	element->text_is_verbatim = len == most;
+	element = sql_element_alloc(db, statement, NULL, NULL, metric);
 	element->place = (uint16_t)place;
 	zq_list_append(list, element);
 	return element;
@@ -65,10 +63,7 @@ void sql_element_dtor(void *ele)
 	}
 	char **texts[] = {&element->statement, &element->stack, &element->explain};
 	for (char **text : texts) {
-		if (*text) {
-			efree(*text);
-			*text = NULL;
-		}
+		zq_replace_text(text, NULL);
 	}
 }
 
@@ -95,11 +90,7 @@ tracer_element *tracer_element_alloc(const char *cls, const char *func)
 
 void tracer_element_dtor(void *ele)
 {
-	tracer_element *element = (tracer_element *)ele;
-	if (element->filename) {
-		efree(element->filename);
-		element->filename = NULL;
-	}
+	zq_replace_text(&((tracer_element *)ele)->filename, NULL);
 }
 
 /* The engine's sort is not stable: on equal starts the longer call must be named as the earlier one, and of two with

@@ -17,7 +17,8 @@ typedef struct sql_element {
 	uint16_t place = ZQ_NO_PLACE;      /* that ran it (zqp_details.h) */
 } sql_element;
 
-/* New record, adopting `stack` and `explain`; the statement is stored through rm_comment(), or "sql is null". */
+/* New record, adopting `stack` and `explain`; its statement is cleaned as by rm_comment(), null becomes "sql is null".
+ * It lies in a list node, which is given away by zq_list_append(). */
 sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric);
 /* Records one call in `list` (of sql_element, request memory) and returns its record, borrowed; `stack` and `explain`
  * are null. When `may_repeat`, a call that is like the last one in all that is kept of it counts as its repetition; a

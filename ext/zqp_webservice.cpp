@@ -29,9 +29,6 @@ void webservice_element_dtor(void *ele)
 	webservice_element *element = (webservice_element *)ele;
 	char **texts[] = {&element->name, &element->transaction_data, &element->url, &element->error_msg, &element->stack};
 	for (char **text : texts) {
-		if (*text) {
-			efree(*text);
-			*text = NULL;
-		}
+		zq_replace_text(text, NULL);
 	}
 }

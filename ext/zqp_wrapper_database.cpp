@@ -314,14 +314,9 @@ int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint
 
 static void remember(const char *statement TSRMLS_DC)
 {
-	if (!statement) {
-		return;
+	if (statement) {
+		zq_replace_text(&ZQG(prepared_sql), estrdup(statement));
 	}
-	char *copy = estrdup(statement);
-	if (ZQG(prepared_sql)) {
-		efree(ZQG(prepared_sql));
-	}
-	ZQG(prepared_sql) = copy;
 }
 
 int performance_prepare_argument_1(zq_stack_data *call, uint64, uint64 TSRMLS_DC)

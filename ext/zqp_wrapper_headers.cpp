@@ -107,11 +107,9 @@ void curl_header_handler(const char *header, size_t len TSRMLS_DC)
 	if (len < ZQ_SHORTEST_ANSWER || strncmp(header, ZQ_ANSWER_HEADER, ZQ_ANSWER_HEADER_LEN) != 0) {
 		return;
 	}
-	if (ZQG(transaction_curl_response_data)) {
-		efree(ZQG(transaction_curl_response_data));
-	}
-	ZQG(transaction_curl_response_data) = estrndup(header + ZQ_ANSWER_HEADER_LEN, (uint)(len - ZQ_ANSWER_HEADER_LEN));
-	zq_str_replace_ln(ZQG(transaction_curl_response_data));
+	char *answer = estrndup(header + ZQ_ANSWER_HEADER_LEN, (uint)(len - ZQ_ANSWER_HEADER_LEN));
+	zq_str_replace_ln(answer);
+	zq_replace_text(&ZQG(transaction_curl_response_data), answer);
 }
 
 int wrapper_curl_header_handler(zend_execute_data *execute_data, char *TSRMLS_DC)
@@ -196,10 +194,7 @@ int performance_curl_reset(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
 
 void zq_drop_curl_answer(TSRMLS_D)
 {
-	if (ZQG(transaction_curl_response_data)) {
-		efree(ZQG(transaction_curl_response_data));
-		ZQG(transaction_curl_response_data) = NULL;
-	}
+	zq_replace_text(&ZQG(transaction_curl_response_data), NULL);
 }
 
 void wrapper_curl_exec(zq_stack_data *TSRMLS_DC)

@@ -69,14 +69,6 @@ zval *identity_field_value(TSRMLS_D)
 	return value;
 }
 
-void keep_text(char **field, char *text)
-{
-	if (*field) {
-		efree(*field);
-	}
-	*field = text;
-}
-
 /* "thrift://<host>/<class>.<function>" */
 char *service_url(const zq_stack_data *stack_data TSRMLS_DC)
 {
@@ -108,7 +100,7 @@ int wrapper_thrift_transport_construct(zend_execute_data *execute_data, char *TS
 {
 	const char *host = get_argument_char(execute_data, 0);
 	if (host && *host) {
-		keep_text(&ZQG(thrift_host), estrdup(host));
+		zq_replace_text(&ZQG(thrift_host), estrdup(host));
 	}
 	return 0;
 }
@@ -162,7 +154,7 @@ int performance_thrift_protocol_readstring(zq_stack_data *stack_data, uint64, ui
 {
 	const char *text = get_argument_char(stack_data->execute_data, 0); /* by reference: what was read */
 	if (text && strstr(text, ANSWER_KEY)) {
-		keep_text(&ZQG(thrift_tx_data), estrdup(text));
+		zq_replace_text(&ZQG(thrift_tx_data), estrdup(text));
 	}
 	return 0;
 }
@@ -175,6 +167,6 @@ int performance_thrift_custom_function(zq_stack_data *stack_data, uint64 btsc, u
 	int recorded =
 		EXTERNAL_SERVICE(stack_data, url, ZQG(thrift_tx_data), 0, pending_message(TSRMLS_C), btsc, ctsc TSRMLS_CC);
 	efree(url);
-	keep_text(&ZQG(thrift_tx_data), NULL);
+	zq_replace_text(&ZQG(thrift_tx_data), NULL);
 	return recorded;
 }

@@ -16,6 +16,11 @@ const char *zq_ini_level(const char *skey)
 	return value ? value : "info";
 }
 
+int zq_runtime_path(char *path, size_t size, const char *file_name)
+{
+	return snprintf(path, size, "%s/log/quorbit/%s", zq_ini_str("zqs.runtime_root", "/var"), file_name);
+}
+
 /* The engine's signature of a change handler; all but value and stage are unused here. */
 typedef int (*change_handler)(zend_ini_entry *, char *, uint, void *, void *, void *, int TSRMLS_DC);
 
@@ -47,11 +52,7 @@ static int update_zqs_app_name(zend_ini_entry *, char *new_value, uint, void *, 
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (g_cli && stage == ZEND_INI_STAGE_RUNTIME && g->request_open) {
-		char *previous = g->app_name;
-		g->app_name = estrdup(new_value ? new_value : "");
-		if (previous) {
-			efree(previous);
-		}
+		zq_replace_text(&g->app_name, estrdup(new_value ? new_value : ""));
 	}
 	return SUCCESS;
 }
@@ -83,7 +84,8 @@ extern const zend_ini_entry zqprof_ini_entries[] = {
 	setting("zqs.action_tracer.log_sql", "0", PERDIR),
 	setting("zqs.app_name", "PHP Application", ALL, update_zqs_app_name),
 	setting("zqs.action_tracer.enabled", "1", ALL, update_action_tracer_enabled),
-	setting("zqs.action_tracer.action_threshold", "2000", ALL, update_action_tracer_action_threshold),
+	setting(
+		"zqs.action_tracer.action_threshold", ZQ_DEFAULT_ACTION_THRESHOLD, ALL, update_action_tracer_action_threshold),
 	setting("zqs.action_tracer.slow_sql", "1", ALL, update_action_tracer_slow_sql),
 	setting("zqs.action_tracer.slow_sql_threshold", "500", ALL, update_action_tracer_slow_sql_threshold),
 	setting("zqs.action_tracer.explain_enabled", "0", ALL, update_action_tracer_explain_enabled),

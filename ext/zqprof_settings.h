@@ -3,7 +3,6 @@
 #define ZQPROF_SETTINGS_H
 
 #include "zqp_state.h"
-#include "zqprof_settings.h"
 
 /* The table that the module registers; ended by an empty entry. */
 extern const zend_ini_entry zqprof_ini_entries[];
@@ -12,5 +11,12 @@ const char *zq_ini_str(const char *skey, const char *default_value);
 /* Value of a setting that names a level of a log, borrowed; "info" when it is unset. An empty one is a value: php.ini's
  * parser makes one of an unquoted OFF. */
 const char *zq_ini_level(const char *skey);
+/* Writes the path of a file that agent or daemon keep below the runtime root, cut to `size` bytes with its NUL, and
+ * returns the length of all of it. */
+int zq_runtime_path(char *path, size_t size, const char *file_name);
+/* ms; also what a threshold of 0 stands for. */
+#define ZQ_DEFAULT_ACTION_THRESHOLD "2000"
+#define ZQ_AGENT_LOG "php-agent.log"
+#define ZQ_DAEMON_SOCKET ".quorbit.sock"
 
 #endif

@@ -19,7 +19,7 @@ TEST_F(SqlName, NamesTableAndOperation)
 		sql_element *sql = sql_element_alloc("MySQL", statement == "none" ? nullptr : statement.c_str(), nullptr, nullptr, 0);
 		std::string made = taken(metric_name_from_sql(sql)).substr(strlen("Database MySQL/"));
 		sql_element_dtor(sql);
-		efree(sql);
+		efree(zq_list_node(sql));
 		return made;
 	};
 	expect_made(name, {
