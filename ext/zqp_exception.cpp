@@ -4,43 +4,46 @@
 
 #include "zqp_lock.h"
 #include "zqp_open_calls.h"
-#include "zqp_process_memory.h"
+
+/* A record with room for a message of `msg_size` bytes, which is empty yet. The time limit must not strike while the C
+ * library's heap is held. */
+static error_element *new_element(size_t msg_size, const char *cls, const char *stack)
+{
+	size_t cls_size = strlen(cls) + 1, stack_size = stack ? strlen(stack) + 1 : 0;
+	sigset_t timers;
+	zq_hold_timers(&timers);
+	error_element *element = (error_element *)malloc(sizeof *element + msg_size + cls_size + stack_size);
+	zq_allow_timers(&timers);
+	if (element) {
+		element->msg = (char *)(element + 1);
+		element->msg[0] = '\0';
+		element->cls = (char *)memcpy(element->msg + msg_size, cls, cls_size);
+		element->stack = stack ? (char *)memcpy(element->cls + cls_size, stack, stack_size) : NULL;
+	}
+	return element;
+}
 
 error_element *error_element_alloc(const char *msg, const char *cls, char *stack)
 {
-	error_element *element = (error_element *)ecalloc(1, sizeof(error_element));
-	element->msg = estrdup(msg ? msg : "");
-	element->cls = estrdup(cls ? cls : "");
-	element->stack = stack;
+	size_t msg_size = strlen(msg ? msg : "") + 1;
+	error_element *element = new_element(msg_size, cls ? cls : "", stack);
+	if (element && msg) {
+		memcpy(element->msg, msg, msg_size);
+	}
+	if (stack) {
+		efree(stack);
+	}
 	return element;
 }
 
 void error_element_dtor(void *ele)
 {
-	error_element *element = (error_element *)ele;
-	if (!element) {
-		return;
+	sigset_t timers;
+	if (ele) {
+		zq_hold_timers(&timers);
+		free(ele);
+		zq_allow_timers(&timers);
 	}
-	char *texts[] = {element->msg, element->cls, element->stack};
-	for (char *text : texts) {
-		if (text) {
-			pefree(text, element->persistent);
-		}
-	}
-	pefree(element, element->persistent);
-}
-
-/* A copy in process memory, from the strings of `element`, which stays as it is; null when there is none left. */
-static error_element *persistent_copy(const error_element *element)
-{
-	error_element *copy = (error_element *)calloc(1, sizeof(error_element));
-	if (copy) {
-		copy->msg = zq_strdup(element->msg);
-		copy->cls = zq_strdup(element->cls);
-		copy->stack = zq_strdup(element->stack);
-		copy->persistent = true;
-	}
-	return copy;
 }
 
 const char *zq_get_err_type_name(int type)
@@ -98,9 +101,7 @@ static void record_engine_error(int type, const char *format, va_list args TSRML
 
 	char *exception_class = type == E_ERROR ? uncaught_class(msg) : NULL;
 	const char *cls = exception_class ? exception_class : zq_get_err_type_name(type);
-	error_element *element = error_element_alloc(msg, cls, zq_code_stack_text(TSRMLS_C));
-	ZQG(error) = persistent_copy(element);
-	error_element_dtor(element);
+	ZQG(error) = error_element_alloc(msg, cls, zq_code_stack_text(TSRMLS_C));
 	if (exception_class) {
 		efree(exception_class);
 	}
@@ -130,18 +131,7 @@ static void record_briefly(int type, const char *format, va_list args TSRMLS_DC)
 	va_copy(copy, args);
 	ap_php_vsnprintf(msg, sizeof(msg), format, copy);
 	va_end(copy);
-	error_element *element = (error_element *)calloc(1, sizeof(error_element));
-	if (!element) {
-		return;
-	}
-	element->persistent = true;
-	element->msg = zq_strdup(msg);
-	element->cls = zq_strdup(zq_get_err_type_name(type));
-	if (element->msg && element->cls) {
-		ZQG(error) = element;
-	} else {
-		error_element_dtor(element);
-	}
+	ZQG(error) = error_element_alloc(msg, zq_get_err_type_name(type), NULL);
 }
 
 /* Records on a heap that exists for this alone. Behind "Allowed memory size exhausted" the script's own has next to
@@ -247,36 +237,18 @@ void zq_http_error(int status_code, const char *msg TSRMLS_DC)
 	ZQG(error) = error_element_alloc(msg ? msg : status, "HTTP_ERROR", zq_code_stack_text(TSRMLS_C));
 }
 
-/* Driver message and statement, in process memory; null when there is none left. */
-static char *describe_failed_statement(const char *msg, const char *sql)
-{
-	size_t msg_len = strlen(msg), size = msg_len + (sql ? strlen(sql) : 0) + 32;
-	char *text = (char *)malloc(size);
-	if (text && sql) {
-		snprintf(text, size, "%s. sql=[%s]", msg, sql);
-		zq_obfuscate_sql(text + msg_len); /* no values leave the process */
-	} else if (text) {
-		memcpy(text, msg, msg_len + 1);
-	}
-	return text;
-}
-
-/* Until the request ends the record is kept outside the script's memory limit: a failed statement may be as long as all
- * that the script has left. */
 void zq_db_error(const char *msg, const char *sql TSRMLS_DC)
 {
 	char *stack = zq_code_stack_text(TSRMLS_C);
-	sigset_t timers;
-	zq_hold_timers(&timers);
-	error_element *element = (error_element *)calloc(1, sizeof(error_element));
-	if (element) {
-		element->persistent = true;
-		element->msg = describe_failed_statement(msg ? msg : "", sql);
-		element->cls = zq_strdup("DB_ERROR");
-		element->stack = zq_strdup(stack);
-		error_element_dtor(ZQG(error));
-		ZQG(error) = element;
-	}
-	zq_allow_timers(&timers);
+	msg = msg ? msg : "";
+	size_t msg_len = strlen(msg), size = msg_len + (sql ? strlen(sql) : 0) + sizeof(". sql=[]");
+	error_element *element = new_element(size, "DB_ERROR", stack);
 	efree(stack);
+	if (!element) {
+		return;
+	}
+	snprintf(element->msg, size, "%s%s%s%s", msg, sql ? ". sql=[" : "", sql ? sql : "", sql ? "]" : "");
+	zq_obfuscate_sql(element->msg + msg_len); /* no values leave the process */
+	error_element_dtor(ZQG(error));
+	ZQG(error) = element;
 }

@@ -5,17 +5,18 @@
 
 #include "zqp_helper.h"
 
+/* One block with its texts, from malloc: some are made behind "Allowed memory size exhausted", and a failed statement
+ * may be as long as all that the script has left. */
 typedef struct error_element {
 	char *msg;
 	char *cls;   /* error type name, exception class, "HTTP_ERROR" or "DB_ERROR" */
 	char *stack; /* JSON, may be null */
-	/* private */
-	bool persistent; /* strings and record are malloc's, not the request allocator's */
 } error_element;
 
-/* New record with copies of `msg` and `cls`, adopting `stack`; request memory. */
+/* New record with copies of the texts; `stack`, request memory, is taken over and released. Null when the machine has
+ * no memory left. */
 error_element *error_element_alloc(const char *msg, const char *cls, char *stack);
-void error_element_dtor(void *ele); /* frees the strings and the record; null is fine */
+void error_element_dtor(void *ele); /* frees the record with its texts; null is fine */
 /* Name of an engine error type; "UNKOWN_ERROR" for one that is not reported. Static text. */
 const char *zq_get_err_type_name(int type);
 /* 1 for the six types that are reported. */

@@ -73,15 +73,6 @@ int zq_callback_works(const char *name TSRMLS_DC);
 /* Registers the shutdown function, and for a monitored caller the header callback, of this request. */
 void register_transaction_callback(TSRMLS_D);
 
-/* ---- the request's URI (header only) ------------------------------------------------------------------------------
- */
-/* What names, rules, the URL filter and the report take for it: of the server API, or the path that the client asked
- * for when the configuration says so. Borrowed; null when there is none. */
-static inline const char *zq_request_uri(TSRMLS_D)
-{
-	return ZQG(request_path) ? ZQG(request_path) : SG(request_info).request_uri;
-}
-
 /* ---- the script's memory limit (header only) --------------------------------------------------------------------- */
 /* What the agent builds must not be what trips it. A bailout in between is no harm: the engine puts the limit back. */
 static inline void zq_lift_memory_limit(TSRMLS_D)
@@ -225,9 +216,9 @@ void free_c_array(cArray *array);
  * pointer; a piece's leading bytes of 128 and above are dropped. Null for null or empty input; free_str_array. */
 char **get_str_array(const char *str, int split_mode);
 void free_str_array(char **array);
-/* 1 when a line of `urls_captured` (extended regular expression, case ignored) matches in `url`. Lines that do not
- * compile, or that would exhaust the C library's compiler, are skipped. */
-int in_urls_captured(const char *url TSRMLS_DC);
+/* 1 when a line of `patterns` (extended regular expression, case ignored) matches in `url`. Lines that do not compile,
+ * or that would exhaust the C library's compiler, are skipped. */
+int in_urls_captured(const char *url, const char *patterns);
 /* Appends a URL path to a name: "/" as "%2F", stop at "?", digit runs after the third slash as "*". */
 void zq_append_web(smart_str *action, const char *str);
 int zq_record_type_to_int(const char *str); /* "raw" 1, "obfuscated" 2, else 0; any case */

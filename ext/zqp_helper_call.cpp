@@ -273,8 +273,8 @@ static int call_checked(const aside_task *task TSRMLS_DC)
 /* Class handlers may answer with a value that nobody owns yet, or with one that the object keeps. */
 static int read_checked(const aside_task *task TSRMLS_DC)
 {
-	zend_class_entry *scope = Z_OBJCE_P(task->object);
-	zval *value = zend_read_property(scope, task->object, task->property, (int)strlen(task->property), 1 TSRMLS_CC);
+	zval *value =
+		zend_read_property(task->scope, task->object, task->property, (int)strlen(task->property), 1 TSRMLS_CC);
 	int outcome = value && !EG(exception) ? SUCCESS : FAILURE;
 	if (value) {
 		Z_ADDREF_P(value);

@@ -204,14 +204,14 @@ void free_str_array(char **array)
 /* ---- names and settings -------------------------------------------------------------------------------------------
  */
 
-int in_urls_captured(const char *url TSRMLS_DC)
+int in_urls_captured(const char *url, const char *patterns)
 {
-	cArray *patterns = url ? get_c_array(ZQG(urls_captured), '\n') : NULL;
+	cArray *lines = url ? get_c_array(patterns, '\n') : NULL;
 	int found = 0;
-	for (int i = 0; patterns && i < patterns->length && !found; i++) {
-		found = zq_regex_matches(url, patterns->items[i]);
+	for (int i = 0; lines && i < lines->length && !found; i++) {
+		found = zq_regex_matches(url, lines->items[i]);
 	}
-	free_c_array(patterns);
+	free_c_array(lines);
 	return found;
 }
 

@@ -116,6 +116,13 @@ static inline void zq_replace_text(char **field, char *text)
 	}
 }
 
+/* The request's URI: what names, rules, the URL filter and the report take for it: of the server API, or the path that
+ * the client asked for when the configuration says so. Borrowed; null when there is none. */
+static inline const char *zq_request_uri(TSRMLS_D)
+{
+	return ZQG(request_path) ? ZQG(request_path) : SG(request_info).request_uri;
+}
+
 /* 1 when an action is open and its hooks are to see what runs: neither of an application that is not monitored, nor
  * what the agent itself calls. hook_enabled is 0 or 1, so that one comparison answers two questions. */
 static inline int zq_is_watching(const zend_zqprof_globals *g)

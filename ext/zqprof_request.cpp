@@ -85,6 +85,7 @@ static void clear_request_fields(zend_zqprof_globals *g)
 	g->urls_captured = g->ignored_params = g->error_collector_ignored_status_codes = NULL;
 	g->naming_rules = g->web_action_uri_params_captured = g->rum_script = g->vantor_id_secret = NULL;
 	g->action_name = NULL;
+	error_element_dtor(g->error); /* of a request whose end another module's bailout skipped */
 	g->error = NULL;
 	g->sqls = g->tracer = g->components = g->webservices = NULL;
 	g->tracer_id = g->prepared_sql = g->thrift_host = g->thrift_tx_data = NULL;
@@ -179,7 +180,7 @@ static int accept_load(TSRMLS_D)
 
 static int accept_url(const char *uri TSRMLS_DC)
 {
-	if (!ZQG(urls_captured) || in_urls_captured(uri TSRMLS_CC)) {
+	if (!ZQG(urls_captured) || in_urls_captured(uri, ZQG(urls_captured))) {
 		return 1;
 	}
 	ZQ_LOG(ZQ_LOG_VERBOSE, "[%s] not in urls_captured, agent disabled", uri ? uri : "(null)");
