@@ -114,13 +114,6 @@ void zq_apply_config_answer(app_cfg_info *rec, zq_config_answer *answer, int64_t
 /* Frees what was not moved. */
 void zq_free_config_answer(zq_config_answer *answer);
 
-/* The field of a row. */
-template <typename T>
-static inline T &zq_setting_field(zq_app_config *config, const zq_setting_row &row)
-{
-	return *(T *)((char *)config + row.offset);
-}
-
 /* ---- zqp_io_environment.cpp: facts about the process that go with every configuration query ---- */
 /* Appends the environment records; facts that need PHP calls are computed once per process. */
 void zq_append_environment(smart_str *p TSRMLS_DC);

@@ -129,6 +129,13 @@ static inline bool zq_setting_is_text(const zq_setting_row &row)
 	return row.kind == ZQ_SETTING_TEXT || row.kind == ZQ_SETTING_ANY_TEXT;
 }
 
+/* The field of a row. */
+template <typename T>
+static inline T &zq_setting_field(zq_app_config *config, const zq_setting_row &row)
+{
+	return *(T *)((char *)config + row.offset);
+}
+
 /* True when a new configuration that does not give the setting clears its field. */
 static inline bool zq_setting_goes(const zq_setting_row &row)
 {

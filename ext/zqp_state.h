@@ -5,6 +5,8 @@
 
 #include <sys/types.h>
 
+#include <type_traits>
+
 #include "zqp_clock.h"
 #include "zqp_rum_text.h"
 #include "zqp_setting_table.h"
@@ -19,83 +21,96 @@ struct zq_details;
 
 enum { ZQ_OPEN_CALLS = 1024 }; /* nesting up to which a call that does not return is known */
 
-/* One instance per thread, zero-filled when the thread appears. Lifetimes: "request" memory comes from the engine's
- * request allocator and is gone at request end; "thread" memory is malloc'ed and lives until the thread's globals are
- * destroyed. Time stamps are microseconds of cycle_timer(). The fields of the first group are the interface that the
- * whole agent agrees on; the private ones follow behind `transaction_req_id`. */
-struct zend_zqprof_globals : zq_app_config { /* whose texts are request copies of the application's record */
-	int daemon_sock;                         /* -1: not connected */
-	char *app_name;                          /* request */
-	const char *license;                     /* points at license_copy or at a constant */
-	int hook_enabled;                        /* 1 while an action is open, else 0 */
+/* What a thread of the engine keeps, by lifetime. Of the fields that own memory, those of zq_thread own malloc's, the
+ * others the engine's request allocator's, unless they say otherwise. Time stamps are microseconds of cycle_timer().
+ * The names are the interface that the whole agent agrees on. Each part is trivial, so that it begins as zeroes, by one
+ * assignment, after zqp_action has freed what it owned. */
+
+/* From the thread's first request to its last. What every call asks for comes first. */
+struct zq_thread {
+	int hook_enabled;  /* 1 while an action is open, else 0 */
+	int in_agent_call; /* > 0 while the agent itself calls PHP code: the hooks pass everything through */
+	zq_clock clock;
+	int daemon_sock;                 /* -1: not connected */
+	pid_t daemon_pid;                /* process that opened it: a forked child must not use its parent's stream */
+	ino_t daemon_inode;              /* of it: the number alone may be another file's by now */
+	const char *license;             /* points at license_copy or at a constant; phpinfo shows the last request's */
+	char *license_copy;              /* owned */
+	unsigned component_generation;   /* counts the times `components` was emptied: guards stale element pointers */
+	unsigned contexts_apart;         /* stream contexts that the agent has made for SOAP clients of this thread */
+	zend_execute_data *script_frame; /* that ran when in_agent_call left 0 */
+	zend_execute_data *compiling_in; /* frame whose file is being compiled; null: none */
+	/* The calls that are running (zqp_open_calls), outermost first; the count also knows those for which there is no
+	 * row. */
+	unsigned open_calls;
+	zend_execute_data *open_frames[ZQ_OPEN_CALLS];
+	uint64 open_starts[ZQ_OPEN_CALLS]; /* us */
+};
+
+/* One request. The configuration's texts are copies of the application's record. */
+struct zq_request : zq_app_config {
+	int request_open;   /* between request start and request end: request memory may be kept */
+	char *app_name;     /* owned */
+	char *request_path; /* owned; null: the server API's own URI counts */
 	HashTable *wrapper_function_hash;
 	HashTable *performance_function_hash;
-	char *action_name;     /* request */
-	int action_name_level; /* 0 none, 2 URI, 3 controller class, 204 rule or framework, 255 application */
-	int use_frame;
-	uint64 rinit_cpu; /* clock ticks, user + system */
-	struct error_element *error;
+	uint64 watch_filter[16]; /* names in these two tables, as bits: one that is not set needs no lookup */
+	uint64 rinit_tick;       /* when the request or, in a command-line run, the action began */
+	uint64 rdown_tick;       /* when it ended */
+	int use_frame;           /* a framework has been recognised */
+	int block_duration;      /* ms between the front end and request start */
+	uint64 sum_zq_used;
+	size_t rum_write_length;
+	int rum_flag;
+	zq_page_place rum_page; /* behind what has been written of the page */
+	int rum_header_lines;   /* line ends that are still the headers', when the writer gets them next */
+	int headers_sent;
+	int transaction_parent; /* a monitored application of the same account is the caller */
+};
+
+/* One action: what a request reports, or one of several in a command-line run. */
+struct zq_action {
+	char *action_name;           /* owned */
+	int action_name_level;       /* 0 none, 2 URI, 3 controller class, 204 rule or framework, 255 application */
+	uint64 rinit_cpu;            /* clock ticks, user + system, when it began */
+	struct error_element *error; /* owned, malloc's */
 	zend_llist *sqls;
 	zend_llist *tracer;
 	int tracer_level;
 	int child_has_tracer;
 	uint64 tracer_threshold_tick; /* us */
-	char *tracer_id;              /* request */
+	char *tracer_id;              /* owned */
 	zend_llist *components;       /* open components, innermost last */
 	HashTable *components_hash;
-	size_t rum_write_length;
-	int rum_flag;
-	int block_duration; /* ms */
-	uint64 sum_zq_used;
-	uint64 rinit_tick;
-	uint64 rdown_tick;
 	int sum_db_metric;  /* ms */
-	char *prepared_sql; /* request */
+	char *prepared_sql; /* owned */
 	const char *pdo_db; /* static vendor name, "" or null */
 	HashTable *nosql_memcc;
 	HashTable *nosql_redis;
 	HashTable *nosql_mongo;
 	zend_llist *webservices;
 	int webservice_should_ignored;
-	char *thrift_host;    /* request */
-	char *thrift_tx_data; /* request */
+	char *thrift_host;    /* owned */
+	char *thrift_tx_data; /* owned */
 	int ws_enabled;
-	int headers_sent;
-	int transaction_parent;
-	char *transaction_id;                 /* request */
-	char *transaction_curl_response_data; /* request */
-	char *transaction_req_id;             /* request */
-
-	char *request_path;         /* request; null: the server API's own URI counts */
-	struct zq_details *details; /* request; null: the daemon does not ask for them */
-	int request_open;           /* between request start and request end: request memory may be kept */
-	pid_t daemon_pid;           /* process that opened daemon_sock: a forked child must not use its parent's stream */
-	ino_t daemon_inode;         /* of daemon_sock: the number alone may be another file's by now */
-	char *license_copy;         /* thread */
-	int in_agent_call;          /* > 0 while the agent itself calls PHP code: the hooks pass everything through */
-	unsigned component_generation; /* counts the times `components` was emptied: guards stale element pointers */
-	size_t recorded_sql_bytes;     /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
-	size_t recorded_webservice_bytes;
-	int unlisted_webservice_ms;    /* of outgoing calls beyond that bound */
-	HashTable *own_curl_callbacks; /* curl handles that have ours and nothing of the script's, by resource id; request;
-									  may be null */
-	int recorded_limit_logged;
-	zq_page_place rum_page;  /* behind what has been written of the page */
-	int rum_header_lines;    /* line ends that are still the headers', when the writer gets them next */
-	unsigned contexts_apart; /* stream contexts that the agent has made for SOAP clients of this thread */
-	zq_clock clock;
-	/* The calls that are running (zqp_open_calls), outermost first; the count also knows those for which there is no
-	 * row. */
-	unsigned open_calls;
-	zend_execute_data *open_frames[ZQ_OPEN_CALLS];
-	uint64 open_starts[ZQ_OPEN_CALLS]; /* us */
-	struct zq_ended_call *ended_calls; /* innermost first; process memory, until the action is reported */
+	char *transaction_id;                 /* owned */
+	char *transaction_curl_response_data; /* owned */
+	char *transaction_req_id;             /* owned */
+	struct zq_details *details;           /* owned; null: the daemon does not ask for them */
+	struct zq_ended_call *ended_calls;    /* innermost first; owned, malloc's, until the action is reported */
 	struct zq_ended_call *last_ended_call;
 	unsigned ended_count;
-	zend_execute_data *script_frame; /* that ran when in_agent_call left 0 */
-	zend_execute_data *compiling_in; /* frame whose file is being compiled; null: none */
-	uint64 watch_filter[16];         /* names in the two hook tables, as bits: one that is not set needs no lookup */
+	size_t recorded_sql_bytes; /* text kept in `sqls` and `webservices`; beyond a bound only totals grow */
+	size_t recorded_webservice_bytes;
+	int unlisted_webservice_ms; /* of outgoing calls beyond that bound */
+	int recorded_limit_logged;
+	HashTable *own_curl_callbacks; /* curl handles that have ours and nothing of the script's, by resource id; may be
+									  null */
 };
+
+/* One instance per thread, zero-filled when the thread appears. */
+struct zend_zqprof_globals : zq_thread, zq_request, zq_action {};
+static_assert(std::is_trivial<zend_zqprof_globals>::value, "zero-filled, never constructed, emptied by assignment");
 
 extern ts_rsrc_id zqprof_globals_id;
 #define ZQG(field) TSRMG(zqprof_globals_id, zend_zqprof_globals *, field)

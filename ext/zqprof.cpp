@@ -2,7 +2,6 @@
 #include "php_zqprof.h"
 
 #include <strings.h>
-#include <type_traits>
 #include <unistd.h>
 
 #include "zqp_debug.h"
@@ -11,8 +10,6 @@
 #include "zqp_lock.h"
 #include "zqp_rum.h"
 #include "zqprof_settings.h"
-
-static_assert(std::is_trivial<zend_zqprof_globals>::value, "zero-filled by its constructor, never constructed");
 
 /* Puts `ours` in place of a process-wide hook and keeps what was there; a hook that is already ours (the module was
  * started before in this process) keeps its saved predecessor. */

@@ -2,6 +2,7 @@
  * Scripts may call any of them at any time; none may do harm in any state. */
 #include "php_zqprof.h"
 
+#include "zqp_action.h"
 #include "zqp_debug.h"
 #include "zqp_details.h"
 #include "zqp_exception.h"
@@ -50,39 +51,6 @@ static PHP_FUNCTION(zqprof_curl_header)
 	RETURN_LONG(line_len);
 }
 
-/* Frees an owned text of the globals. */
-static void drop_text(char **text)
-{
-	if (*text) {
-		efree(*text);
-		*text = NULL;
-	}
-}
-
-/* A new action begins: nothing of the previous one may show in it. */
-static void reset_action(TSRMLS_D)
-{
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	error_element_dtor(g->error);
-	g->error = NULL;
-	drop_text(&g->thrift_host);
-	drop_text(&g->thrift_tx_data);
-	drop_text(&g->transaction_id);
-	if (g->transaction_tracer_enabled) {
-		g->transaction_id = get_new_GUID();
-	}
-	drop_text(&g->transaction_curl_response_data);
-	drop_text(&g->transaction_req_id);
-	zq_empty_containers(TSRMLS_C);
-	zq_details_begin(TSRMLS_C);
-	g->sum_db_metric = 0;
-	g->pdo_db = "";
-	drop_text(&g->prepared_sql);
-	g->tracer_level = g->child_has_tracer = g->webservice_should_ignored = 0;
-	drop_text(&g->tracer_id);
-	g->ws_enabled = g->rum_enabled = 0;
-}
-
 static void set_action_name(const char *name TSRMLS_DC)
 {
 	char *text;
@@ -108,11 +76,16 @@ static int start_action(const char *name TSRMLS_DC)
 	if (!g->agent_enabled) {
 		return 0;
 	}
+	zq_release_action(TSRMLS_C); /* nothing of the one before may show in this one */
+	zq_create_containers(TSRMLS_C);
+	zq_details_begin(TSRMLS_C);
+	g->rum_enabled = 0;
 	g->tracer_threshold_tick = zq_tracer_threshold_us(g->action_tracer_action_threshold);
 	get_usage(zq_thread_id(), &g->rinit_cpu, NULL);
+	if (g->transaction_tracer_enabled) {
+		g->transaction_id = get_new_GUID();
+	}
 	set_action_name(name TSRMLS_CC);
-	zq_create_containers(TSRMLS_C);
-	reset_action(TSRMLS_C);
 	g->hook_enabled = 1;
 	return 1;
 }

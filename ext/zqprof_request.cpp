@@ -3,37 +3,19 @@
  * A request is never failed by the agent: what bails out here leaves it unmonitored. */
 #include "php_zqprof.h"
 
-#include <initializer_list>
-
-#include "zqp_component.h"
+#include "zqp_action.h"
 #include "zqp_debug.h"
 #include "zqp_details.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_naming.h"
 #include "zqp_naming_uri.h"
-#include "zqp_nosql.h"
 #include "zqp_open_calls.h"
-#include "zqp_process_memory.h"
-#include "zqp_tracer.h"
-#include "zqp_webservice.h"
-#include "zqp_wrapper.h"
 #include "zqprof_settings.h"
-
-/* The shortest call that enters a trace, however low the action threshold is. */
-#ifndef ZQ_TRACER_FLOOR_US
-#define ZQ_TRACER_FLOOR_US 1000
-#endif
 
 static const double random_max = 2147483647.0; /* what random() gives at most */
 
 /* ---- request start ----------------------------------------------------------------------------------------------- */
-
-uint64 zq_tracer_threshold_us(int action_threshold_ms)
-{
-	int64_t hundredth_us = (int64_t)action_threshold_ms * 10;
-	return (uint64)(hundredth_us < ZQ_TRACER_FLOOR_US ? ZQ_TRACER_FLOOR_US : hundredth_us);
-}
 
 /* Text of a $_SERVER entry, borrowed; null when it is absent or no string. */
 static const char *server_text(const char *name, uint name_size TSRMLS_DC)
@@ -49,22 +31,6 @@ static int ini_number(const char *key)
 	return (int)zend_ini_long((char *)key, (uint)strlen(key) + 1, 0);
 }
 
-void zq_set_license(TSRMLS_D)
-{
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	const char *key = zq_ini_str("zqs.license_key", NULL);
-	if (!key) {
-		g->license = "empty key";
-		return;
-	}
-	/* The setting's own text may be freed at request end, while phpinfo of the next request still shows the key. */
-	if (!g->license_copy || strcmp(g->license_copy, key) != 0) {
-		free(g->license_copy);
-		g->license_copy = zq_strdup(key);
-	}
-	g->license = g->license_copy ? g->license_copy : "empty key";
-}
-
 static void name_application(TSRMLS_D)
 {
 	const char *configured = zend_ini_string((char *)"zqs.app_name", sizeof("zqs.app_name"), 0);
@@ -76,30 +42,6 @@ static void name_application(TSRMLS_D)
 	} else {
 		ZQG(app_name) = estrdup(base ? base : configured ? configured : "");
 	}
-}
-
-/* The previous request's end freed what these pointed at. */
-static void clear_request_fields(zend_zqprof_globals *g)
-{
-	g->action_name_level = ZQ_NAME_NONE;
-	g->urls_captured = g->ignored_params = g->error_collector_ignored_status_codes = NULL;
-	g->naming_rules = g->web_action_uri_params_captured = g->rum_script = g->vantor_id_secret = NULL;
-	g->action_name = NULL;
-	error_element_dtor(g->error); /* of a request whose end another module's bailout skipped */
-	g->error = NULL;
-	g->sqls = g->tracer = g->components = g->webservices = NULL;
-	g->tracer_id = g->prepared_sql = g->thrift_host = g->thrift_tx_data = NULL;
-	g->pdo_db = "";
-	g->components_hash = g->nosql_memcc = g->nosql_redis = g->nosql_mongo = NULL;
-	g->wrapper_function_hash = g->performance_function_hash = NULL;
-	g->transaction_id = g->transaction_curl_response_data = g->transaction_req_id = NULL;
-	g->own_curl_callbacks = NULL;
-	g->details = NULL;
-	g->request_path = NULL;
-	g->in_agent_call = 0;
-	zq_no_call_is_open(g);
-	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
-	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
 }
 
 /* A script on the command line is its own name, which no rule may replace. 1: the run stays monitored. */
@@ -187,51 +129,6 @@ static int accept_url(const char *uri TSRMLS_DC)
 	return 0;
 }
 
-static void make_table(HashTable **table, uint size, dtor_func_t dtor)
-{
-	if (!*table) {
-		*table = (HashTable *)emalloc(sizeof(HashTable));
-		zend_hash_init(*table, size, NULL, dtor, 0);
-	}
-}
-
-static void make_list(zend_llist **list, size_t element_size, void (*dtor)(void *))
-{
-	if (!*list) {
-		*list = (zend_llist *)emalloc(sizeof(zend_llist));
-		zend_llist_init(*list, element_size, dtor, 0);
-	}
-}
-
-void zq_create_containers(TSRMLS_D)
-{
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	if (!g->performance_function_hash) {
-		make_table(&g->wrapper_function_hash, 32, NULL);
-		make_table(&g->performance_function_hash, 16, NULL);
-		zq_init_funtion_hash(TSRMLS_C);
-	}
-	make_list(&g->sqls, sizeof(sql_element), sql_element_dtor);
-	make_list(&g->tracer, sizeof(tracer_element), tracer_element_dtor);
-	make_list(&g->components, sizeof(component_element), component_element_dtor);
-	make_list(&g->webservices, sizeof(webservice_element), webservice_element_dtor);
-	make_table(&g->components_hash, 64, component_hash_element_dtor);
-	make_table(&g->nosql_memcc, 16, nosql_hash_element_dtor);
-	make_table(&g->nosql_redis, 16, nosql_hash_element_dtor);
-	make_table(&g->nosql_mongo, 16, nosql_hash_element_dtor);
-}
-
-static void reset_counters(zend_zqprof_globals *g)
-{
-	g->tracer_level = g->child_has_tracer = g->webservice_should_ignored = 0;
-	g->use_frame = g->rum_flag = g->block_duration = g->sum_db_metric = 0;
-	g->rum_write_length = 0;
-	g->rum_header_lines = 0;
-	g->rum_page = {};
-	g->sum_zq_used = 0;
-	g->ws_enabled = g->headers_sent = g->transaction_parent = 0;
-}
-
 /* The identity that a calling application sent along. An empty id counts as none. */
 static void read_caller(const char *identity TSRMLS_DC)
 {
@@ -300,7 +197,6 @@ static int accept_request(const char *uri TSRMLS_DC)
 static void activate(TSRMLS_D)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	g->rinit_cpu = 0;
 	get_usage(zq_thread_id(), &g->rinit_cpu, NULL);
 	zend_is_auto_global("_SERVER", sizeof("_SERVER") - 1 TSRMLS_CC); /* builds it, also when made on first use */
 	name_application(TSRMLS_C);
@@ -313,7 +209,6 @@ static void activate(TSRMLS_D)
 	}
 	zq_create_containers(TSRMLS_C);
 	zq_details_begin(TSRMLS_C);
-	reset_counters(g);
 	if (g_cli) {
 		g->action_tracer_enabled = g->transaction_tracer_enabled = g->rum_enabled = 0;
 	} else {
@@ -335,12 +230,12 @@ int zm_activate_zqprof(INIT_FUNC_ARGS)
 		return SUCCESS;
 	}
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	g->hook_enabled = 0;
+	g->hook_enabled = g->in_agent_call = 0;
+	zq_forget_request(g);
+	zq_no_call_is_open(g);
 	g->request_open = 1;
 	reg_dump(zqprof_ini_log_file);
 	g->rinit_tick = cycle_timer();
-	g->app_name = NULL;
-	clear_request_fields(g);
 	zq_lift_memory_limit(TSRMLS_C);
 	zend_try
 	{
@@ -373,99 +268,6 @@ static void end_action(TSRMLS_D)
 	ZQ_LOG(ZQ_LOG_VERBOSE, "RSHUTDOWN processing done");
 }
 
-static void free_text(char **text)
-{
-	if (*text) {
-		efree(*text);
-		*text = NULL;
-	}
-}
-
-static void free_list(zend_llist **list)
-{
-	if (*list) {
-		zend_llist_destroy(*list);
-		efree(*list);
-		*list = NULL;
-	}
-}
-
-static void free_table(HashTable **table)
-{
-	if (*table) {
-		zend_hash_destroy(*table);
-		efree(*table);
-		*table = NULL;
-	}
-}
-
-void zq_free_config_copies(TSRMLS_D)
-{
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	free_text(&g->urls_captured);
-	free_text(&g->ignored_params);
-	free_text(&g->naming_rules);
-	free_text(&g->web_action_uri_params_captured);
-	free_text(&g->error_collector_ignored_status_codes);
-	free_text(&g->rum_script);
-	free_text(&g->vantor_id_secret);
-}
-
-void zq_empty_containers(TSRMLS_D)
-{
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	for (zend_llist *list :
-		{g->tracer, g->sqls, g->components, g->webservices}) { /* the trace points into the others */
-		if (list) {
-			zend_llist_clean(list);
-		}
-	}
-	for (HashTable *table :
-		{g->components_hash, g->nosql_memcc, g->nosql_redis, g->nosql_mongo, g->own_curl_callbacks}) {
-		if (table) {
-			zend_hash_clean(table);
-		}
-	}
-	zq_forget_ended_calls(g);
-	g->component_generation++;
-	g->recorded_sql_bytes = g->recorded_webservice_bytes = 0;
-	g->recorded_limit_logged = g->unlisted_webservice_ms = 0;
-}
-
-/* Everything that request start and the recorders made; what was never made is skipped. */
-static void release_request(TSRMLS_D)
-{
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	free_text(&g->action_name);
-	g->action_name_level = ZQ_NAME_NONE;
-	error_element_dtor(g->error);
-	g->error = NULL;
-	free_list(&g->sqls);
-	free_text(&g->tracer_id);
-	free_list(&g->tracer);
-	free_list(&g->components);
-	free_table(&g->components_hash);
-	free_text(&g->prepared_sql);
-	free_table(&g->nosql_mongo);
-	free_table(&g->nosql_redis);
-	free_table(&g->nosql_memcc);
-	free_list(&g->webservices);
-	free_text(&g->thrift_host);
-	free_text(&g->thrift_tx_data);
-	free_table(&g->wrapper_function_hash);
-	free_table(&g->performance_function_hash);
-	free_text(&g->transaction_id);
-	free_text(&g->transaction_curl_response_data);
-	free_table(&g->own_curl_callbacks);
-	free_text(&g->transaction_req_id);
-	zq_details_end(TSRMLS_C);
-	free_text(&g->request_path);
-	zq_free_config_copies(TSRMLS_C);
-	free_text(&g->app_name);
-	zq_forget_ended_calls(g);
-	g->component_generation++;
-}
-
 int zm_deactivate_zqprof(SHUTDOWN_FUNC_ARGS)
 {
 	(void)type;
@@ -484,7 +286,6 @@ int zm_deactivate_zqprof(SHUTDOWN_FUNC_ARGS)
 		zq_restore_memory_limit(TSRMLS_C);
 	}
 	g->hook_enabled = 0;
-	g->request_open = 0;
-	release_request(TSRMLS_C);
+	zq_release_request(TSRMLS_C);
 	return SUCCESS;
 }

@@ -1,4 +1,4 @@
-#include "php_zqprof.h"
+#include "zqp_action.h"
 #include "engine_fixture.h"
 
 #include <filesystem>

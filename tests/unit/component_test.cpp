@@ -1,5 +1,5 @@
 #include "engine_fixture.h"
-#include "php_zqprof.h"
+#include "zqp_action.h"
 #include "zqp_component.h"
 
 class Component : public EngineTest {

@@ -1,5 +1,5 @@
 /* The recorder of outgoing calls at its boundaries, which no real call meets exactly. */
-#include "php_zqprof.h"
+#include "zqp_action.h"
 #include "engine_fixture.h"
 
 #include "zqp_tracer.h"
