@@ -38,7 +38,7 @@ static int kernel_trusts_counter(void)
 	if (fd == -1) {
 		return 0;
 	}
-	ssize_t len = read(fd, name, sizeof name - 1);
+	ssize_t len = read(fd, name, sizeof(name) - 1);
 	close(fd);
 	return len == 4 && memcmp(name, "tsc\n", 4) == 0;
 }
@@ -79,8 +79,8 @@ void zq_clock_init(void)
 
 void zq_clock_start(zq_clock *clock)
 {
-	memset(clock, 0, sizeof *clock);
-	clock->is_forsaken = !__atomic_load_n(&is_trusted, __ATOMIC_RELAXED);
+	memset(clock, 0, sizeof(*clock));
+	clock->is_abandoned = !__atomic_load_n(&is_trusted, __ATOMIC_RELAXED);
 	clock->from_tick = started_tick;
 	clock->from_ns = started_ns;
 }
@@ -100,14 +100,14 @@ static uint64 ticks_used(const zq_clock *clock, uint64 tick)
 
 /* The counter cannot be what it was if it has strayed by an eighth, or was set back. After a long pause nobody can
  * tell. */
-static int has_run_off(const zq_clock *clock, uint64 tick, uint64 ns)
+static bool has_run_off(const zq_clock *clock, uint64 tick, uint64 ns)
 {
 	uint64 elapsed = tick - clock->tick;
 	if ((int64_t)elapsed < 0) {
 		return 0 - elapsed >= clock->span;
 	}
 	if (elapsed > LONGEST_SLOPE_NS / 1000 / US_PER_LINE * clock->span) {
-		return 0;
+		return false;
 	}
 	int64_t shown_ns = (int64_t)zq_clock_on_line(clock, tick) * 1000;
 	int64_t error_ns = shown_ns - (int64_t)ns;
@@ -116,7 +116,7 @@ static int has_run_off(const zq_clock *clock, uint64 tick, uint64 ns)
 }
 
 /* Between 62 MHz and 64 GHz, and near what it was: the host may have slept while the counter went on. */
-static int is_plausible(double ticks_per_ns, uint64 known_us_per_tick)
+static bool is_plausible(double ticks_per_ns, uint64 known_us_per_tick)
 {
 	double known = known_us_per_tick ? FRACTION / 1000 / (double)known_us_per_tick : 0;
 	return ticks_per_ns > 1. / 16 && ticks_per_ns < 64 && (!known || fabs(ticks_per_ns - known) < known / 8);
@@ -144,7 +144,7 @@ uint64 zq_clock_follow(zq_clock *clock, uint64 tick, uint64 ns)
 	uint64 shown_us = clock->span ? zq_clock_on_line(clock, clock->tick + ticks_used(clock, tick)) : clock->us;
 	uint64 us = ns / 1000 > shown_us ? ns / 1000 : shown_us;
 	if (clock->span && has_run_off(clock, tick, ns)) {
-		clock->is_forsaken = 1;
+		clock->is_abandoned = 1;
 		clock->span = 0;
 		clock->us = us;
 		return us;
@@ -163,9 +163,9 @@ uint64 zq_clock_follow(zq_clock *clock, uint64 tick, uint64 ns)
 
 /* ---- readings ---------------------------------------------------------------------------------------------------- */
 
-static void forsake_counter(zq_clock *clock)
+static void abandon_counter(zq_clock *clock)
 {
-	clock->is_forsaken = 1;
+	clock->is_abandoned = 1;
 	clock->span = 0;
 	if (__atomic_exchange_n(&is_trusted, 0, __ATOMIC_RELAXED)) {
 		ZQ_LOG(ZQ_LOG_WARNING,
@@ -181,7 +181,7 @@ static uint64 not_before(const zq_clock *clock, uint64 us)
 uint64 zq_clock_read_kernel(zq_clock *clock)
 {
 	uint64 tick, ns = 0;
-	if (clock->is_forsaken) {
+	if (clock->is_abandoned) {
 		return not_before(clock, kernel_ns() / 1000);
 	}
 	if (clock->span) {
@@ -196,8 +196,8 @@ uint64 zq_clock_read_kernel(zq_clock *clock)
 	}
 	read_both(&tick, &ns);
 	uint64 us = zq_clock_follow(clock, tick, ns);
-	if (clock->is_forsaken || !__atomic_load_n(&is_trusted, __ATOMIC_RELAXED)) {
-		forsake_counter(clock);
+	if (clock->is_abandoned || !__atomic_load_n(&is_trusted, __ATOMIC_RELAXED)) {
+		abandon_counter(clock);
 	}
 	return us;
 }

@@ -22,7 +22,7 @@ typedef struct zq_clock {
 	uint64 us_per_tick; /* slope of the line, fixed-point; 0: not known yet */
 	uint64 from_tick;   /* both clocks at the moment from which the slope is being taken; 0: none yet */
 	uint64 from_ns;
-	int is_forsaken; /* the counter ran off the kernel's clock and is not asked again */
+	int is_abandoned; /* the counter ran off the kernel's clock and is not asked again */
 } zq_clock;
 
 /* Finds out whether the counter may be used, and reads both clocks, so that threads have a slope soon. At module

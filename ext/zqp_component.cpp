@@ -7,7 +7,7 @@
 
 component_element *component_element_alloc(char *name)
 {
-	component_element *element = (component_element *)zq_list_new(sizeof *element);
+	component_element *element = (component_element *)zq_list_new(sizeof(*element));
 	*element = {name, 0, 0};
 	if (name) {
 		zq_str_replace_ln(name);
@@ -41,7 +41,7 @@ zend_llist_element *zq_component_open(TSRMLS_D)
 
 static char *component_name(const char *cls, const char *func)
 {
-	smart_str name = {NULL, 0, 0};
+	smart_str name = {};
 	zq_append(&name, "PHP", 3);
 	append_name_part(&name, cls ? cls : "NULL");
 	append_name_part(&name, func ? func : "");

@@ -301,7 +301,7 @@ static void write_backtrace(int fd, void **frames, int count)
 	add_number(&banner, (unsigned long)getpid(), 1);
 	add_text(&banner, ",uid:");
 	add_number(&banner, (unsigned long)getuid(), 1);
-	add_text(&banner, ") SIGSEGV backtrace(" ZQ_VERSION ") ========\n");
+	add_text(&banner, ") SIGSEGV backtrace(" ZQ_PROTOCOL_VERSION ") ========\n");
 	(void)!write(fd, banner.text, banner.len);
 	for (int i = 1; i < count; i++) { /* the first frame is the handler itself */
 		(void)!write(fd, "\t", 1);

@@ -12,7 +12,7 @@ static error_element *new_element(size_t msg_size, const char *cls, const char *
 	size_t cls_size = strlen(cls) + 1, stack_size = stack ? strlen(stack) + 1 : 0;
 	sigset_t timers;
 	zq_hold_timers(&timers);
-	error_element *element = (error_element *)malloc(sizeof *element + msg_size + cls_size + stack_size);
+	error_element *element = (error_element *)malloc(sizeof(*element) + msg_size + cls_size + stack_size);
 	zq_allow_timers(&timers);
 	if (element) {
 		element->msg = (char *)(element + 1);
@@ -108,7 +108,7 @@ static void record_engine_error(int type, const char *format, va_list args TSRML
 	efree(msg);
 }
 
-static int engine_error_is_wanted(int type TSRMLS_DC)
+static bool engine_error_is_wanted(int type TSRMLS_DC)
 {
 	return g_module_up && zq_is_watching(zq_globals(TSRMLS_C)) && ZQG(error_collector_enabled) && !ZQG(error) &&
 		zq_error_need_report(type);
@@ -168,19 +168,19 @@ static int record_aside(int type, const char *format, va_list args TSRMLS_DC)
 
 /* The types at which php_error_cb ends the request by itself; one of them becomes an exception where the engine says
  * so. */
-static int engine_ends_request(int type TSRMLS_DC)
+static bool engine_ends_request(int type TSRMLS_DC)
 {
 	return zq_error_need_report(type) && type != E_PARSE &&
 		(type != E_RECOVERABLE_ERROR || EG(error_handling) == EH_NORMAL);
 }
 
 /* A file that cannot be parsed ends the request as well, while evaluated code goes on with false. */
-static int compiler_ends_request(int type TSRMLS_DC)
+static bool compiler_ends_request(int type TSRMLS_DC)
 {
 	return type == E_PARSE && ZQG(compiling_in) && ZQG(compiling_in) == EG(current_execute_data);
 }
 
-static int agent_may_not_hide(int type)
+static bool agent_may_not_hide(int type)
 {
 	return type == E_ERROR || type == E_PARSE || type == E_CORE_ERROR || type == E_COMPILE_ERROR;
 }

@@ -56,7 +56,7 @@ static void step_aside(zend_execute_data *base, HashTable *symbols TSRMLS_DC)
 	/* an exception thrown below walks the frames and reads each one's callee */
 	static zend_internal_function agent = {ZEND_INTERNAL_FUNCTION, "agent", NULL, 0, NULL, 0, 0, NULL, NULL, NULL};
 
-	memset(base, 0, sizeof *base);
+	memset(base, 0, sizeof(*base));
 	base->function_state.function = (zend_function *)&agent;
 	zend_hash_init(symbols, 0, NULL, ZVAL_PTR_DTOR, 0);
 	begin_agent_call(TSRMLS_C);
@@ -142,7 +142,7 @@ typedef struct aside_task {
 
 /* 1 when nothing but the function itself is needed to call it. The rest is left to the engine: references, deprecated
  * functions, trampolines, and what it refuses at the end of a request. */
-static int is_plain(const zend_fcall_info_cache *target, zend_uint param_count, zval **params TSRMLS_DC)
+static bool is_plain(const zend_fcall_info_cache *target, zend_uint param_count, zval **params TSRMLS_DC)
 {
 	const zend_function *function = target->function_handler;
 	const zend_uint special = ZEND_ACC_ABSTRACT | ZEND_ACC_DEPRECATED | ZEND_ACC_CALL_VIA_HANDLER;
@@ -151,14 +151,14 @@ static int is_plain(const zend_fcall_info_cache *target, zend_uint param_count, 
 	if (function->type != ZEND_INTERNAL_FUNCTION || function->common.fn_flags & special || !EG(active) ||
 		(object &&
 			!(EG(objects_store).object_buckets && EG(objects_store).object_buckets[Z_OBJ_HANDLE_P(object)].valid))) {
-		return 0;
+		return false;
 	}
 	for (zend_uint i = 0; i < param_count; i++) {
 		if (ARG_SHOULD_BE_SENT_BY_REF(function, i + 1) || PZVAL_IS_REF(params[i])) {
-			return 0;
+			return false;
 		}
 	}
-	return 1;
+	return true;
 }
 
 /* Calls an internal function past the hooks of all extensions, with what zend_call_function() sets up around it. A
@@ -176,7 +176,7 @@ static zval *call_plain(const zend_fcall_info_cache *target, zend_uint param_cou
 		Z_ADDREF_P(params[i]);
 		zend_vm_stack_push(params[i] TSRMLS_CC);
 	}
-	memset(&frame, 0, sizeof frame);
+	memset(&frame, 0, sizeof(frame));
 	frame.function_state.function = function;
 	frame.function_state.arguments = zend_vm_stack_top(TSRMLS_C);
 	frame.object = object;
@@ -209,8 +209,8 @@ static int call_through_engine(const aside_task *task, zend_fcall_info_cache *ta
 	for (zend_uint i = 0; i < task->param_count; i++) {
 		slots[i] = &task->params[i];
 	}
-	memset(&call, 0, sizeof call);
-	call.size = sizeof call;
+	memset(&call, 0, sizeof(call));
+	call.size = sizeof(call);
 	call.function_table = EG(function_table);
 	call.function_name = task->callable;
 	call.object_ptr = task->object;
@@ -247,7 +247,7 @@ static int call(const aside_task *task, zend_fcall_info_cache *target TSRMLS_DC)
 static int call_known(const aside_task *task TSRMLS_DC)
 {
 	zend_fcall_info_cache target;
-	memset(&target, 0, sizeof target);
+	memset(&target, 0, sizeof(target));
 	target.initialized = 1;
 	target.function_handler = task->function;
 	return call(task, &target TSRMLS_CC);

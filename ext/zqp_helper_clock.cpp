@@ -54,8 +54,8 @@ static int read_fields(const char *at, size_t len, int64_t (&fields)[FIELDS])
 int zq_read_stat(int pid, uint64 *user_ticks, uint64 *system_ticks, long *resident_pages)
 {
 	char path[32], line[1024];
-	snprintf(path, sizeof path, "/proc/%d/stat", pid);
-	ssize_t len = read_once(path, line, sizeof line);
+	snprintf(path, sizeof(path), "/proc/%d/stat", pid);
+	ssize_t len = read_once(path, line, sizeof(line));
 	if (len == -1) {
 		ZQ_LOG(ZQ_LOG_ERROR, "open %s fail: %s", path, strerror(errno));
 		return -1;
@@ -120,7 +120,7 @@ int zq_memory_used_of(const char *meminfo)
 int get_memory_used(void)
 {
 	char text[512];
-	if (read_once("/proc/meminfo", text, sizeof text) == -1) {
+	if (read_once("/proc/meminfo", text, sizeof(text)) == -1) {
 		ZQ_LOG(ZQ_LOG_ERROR, "open /proc/meminfo fail: %s", strerror(errno));
 		return 0;
 	}

@@ -14,10 +14,10 @@
 void zq_append_long(smart_str *dest, long number)
 {
 	char text[24];
-	zq_append(dest, text, (size_t)(std::to_chars(text, text + sizeof text, number).ptr - text));
+	zq_append(dest, text, (size_t)(std::to_chars(text, text + sizeof(text), number).ptr - text));
 }
 
-static int is_digit(char ch)
+static bool is_digit(char ch)
 {
 	return ch >= '0' && ch <= '9';
 }
@@ -173,7 +173,7 @@ void free_c_array(cArray *array)
 char **get_str_array(const char *str, int split_mode)
 {
 	static const char *const separators_of_mode[] = {"\t ,", "|", ",", " &[]", "&?"};
-	const int modes = sizeof separators_of_mode / sizeof *separators_of_mode;
+	const int modes = sizeof(separators_of_mode) / sizeof(*separators_of_mode);
 	if (!str || !*str) {
 		return NULL;
 	}

@@ -121,14 +121,14 @@ void zq_environment_init(void);  /* module start-up */
 void zq_environment_final(void); /* module shut-down */
 
 /* ---- zqp_io_metric.cpp: the metric packet ---- */
-/* Builds and sends the packet of the current action; `server_t` is its duration in ms. */
-void send_metric(int server_t TSRMLS_DC);
+/* Builds and sends the packet of the current action, which took `duration_ms`. */
+void send_metric(int duration_ms TSRMLS_DC);
 /* Appends one record per request parameter of `arr_hash` that is not ignored. */
 void add_http_params(smart_str *p, HashTable *arr_hash TSRMLS_DC);
 /* Value of a quoted item name in answer data, without copying: 1 with start and length, or 0. */
 int get_transcation_data_item(const char *data, const char *item_name, char **tyid, int *tyid_len);
 /* The trace goes with this action: tracing is on and the action, or one that it called, was slow. */
-int zq_trace_is_due(int server_t TSRMLS_DC);
+int zq_trace_is_due(int duration_ms TSRMLS_DC);
 /* `tracer_id`, made on first need; borrowed. */
 const char *zq_tracer_id(TSRMLS_D);
 

@@ -220,7 +220,7 @@ static void append_text_record(smart_str *p, int type, const char *text)
 static smart_str build_query(uint64 known_stamp TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	smart_str packet = {NULL, 0, 0};
+	smart_str packet = {};
 	zq_append_header(&packet, ZQ_PK_APPINFO, 0);
 	append_text_record(&packet, ZQ_RE_APP_NAME, g->app_name);
 	append_text_record(&packet, ZQ_RE_LICENSE, g->license);

@@ -64,9 +64,9 @@ void append_item(writer *to, int type, const void *head, size_t head_len, const 
 
 void append_number(writer *to, int type, uint64 number)
 {
-	char item[4 + sizeof number] = {(char)type, 0, 0, sizeof number};
-	memcpy(item + 4, &number, sizeof number);
-	zq_append(to->packet, item, sizeof item); /* these come first, and there is room for them */
+	char item[4 + sizeof(number)] = {(char)type, 0, 0, sizeof(number)};
+	memcpy(item + 4, &number, sizeof(number));
+	zq_append(to->packet, item, sizeof(item)); /* these come first, and there is room for them */
 }
 
 void append_text(writer *to, int type, const char *text)
@@ -164,11 +164,11 @@ void append_places(writer *to, const zq_details *details)
 		const char *vendor = place->vendor ? place->vendor : "", *file = place->file ? place->file : "";
 		uint32_t line = place->line;
 		size_t vendor_len = strnlen(vendor, MOST_VENDOR);
-		char head[sizeof line + 1 + MOST_VENDOR];
-		memcpy(head, &line, sizeof line);
-		head[sizeof line] = (char)vendor_len;
-		memcpy(head + sizeof line + 1, vendor, vendor_len);
-		append_item(to, ITEM_PLACE, head, sizeof line + 1 + vendor_len, file, strnlen(file, MOST_TEXT));
+		char head[sizeof(line) + 1 + MOST_VENDOR];
+		memcpy(head, &line, sizeof(line));
+		head[sizeof(line)] = (char)vendor_len;
+		memcpy(head + sizeof(line) + 1, vendor, vendor_len);
+		append_item(to, ITEM_PLACE, head, sizeof(line) + 1 + vendor_len, file, strnlen(file, MOST_TEXT));
 	}
 }
 
@@ -182,7 +182,7 @@ void append_run(smart_str *runs, run *last, uint64 count, uint16_t place)
 {
 	while (count) {
 		if (last->count == UINT16_MAX || (last->count && last->place != place)) {
-			zq_append(runs, (const char *)last, sizeof *last);
+			zq_append(runs, (const char *)last, sizeof(*last));
 			last->count = 0;
 		}
 		uint64 room = (uint64)(UINT16_MAX - last->count), taken = count < room ? count : room;
@@ -194,7 +194,7 @@ void append_run(smart_str *runs, run *last, uint64 count, uint16_t place)
 /* Where the packet's statements ran, in their order. */
 void append_runs(writer *to TSRMLS_DC)
 {
-	smart_str runs = {NULL, 0, 0};
+	smart_str runs = {};
 	run last = {0, 0};
 	const size_t most = MOST_BYTES / 4; /* of many thousand statements the first */
 	for (const zend_llist_element *at = ZQG(sqls) ? ZQG(sqls)->head : NULL; at && runs.len < most; at = at->next) {
@@ -202,7 +202,7 @@ void append_runs(writer *to TSRMLS_DC)
 		append_run(&runs, &last, (uint64)sql->repeats + 1, sql->place);
 	}
 	if (last.count) {
-		zq_append(&runs, (const char *)&last, sizeof last);
+		zq_append(&runs, (const char *)&last, sizeof(last));
 		append_item(to, ITEM_RUNS, NULL, 0, runs.c, runs.len);
 	}
 	zq_buffer_free(&runs);

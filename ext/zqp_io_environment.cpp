@@ -91,7 +91,7 @@ static char *apache_mpm(TSRMLS_D)
 
 static char *plugin_list(TSRMLS_D)
 {
-	smart_str list = {NULL, 0, 0};
+	smart_str list = {};
 	each_name("get_loaded_extensions", [&list](const char *name) {
 		const char *version = zend_get_module_version(name);
 		zq_append_text(&list, list.len ? "," : "");
@@ -155,7 +155,7 @@ void zq_append_environment(smart_str *p TSRMLS_DC)
 {
 	Dl_info self;
 	compute_missing(TSRMLS_C);
-	pack_write_env(p, ZQ_MODULE_NAME, ZQ_VERSION);
+	pack_write_env(p, ZQ_MODULE_NAME, ZQ_PROTOCOL_VERSION);
 	pack_when_known(p, "PHP Version", known(&g_php_version));
 	pack_write_env(p, "Thread Safety", "yes");
 	if (dladdr((void *)zq_append_environment, &self)) {

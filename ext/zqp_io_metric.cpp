@@ -39,7 +39,7 @@ void append_text_record(smart_str *p, int type, const char *text)
 
 void append_number_record(smart_str *p, int type, int number)
 {
-	zq_append_record(p, type, (const char *)&number, sizeof number);
+	zq_append_record(p, type, (const char *)&number, sizeof(number));
 }
 
 /* A record whose body is appended piece by piece: the result goes to zq_fill_length(). */
@@ -83,9 +83,9 @@ __attribute__((format(printf, 3, 4))) void append_short_text(smart_str *p, int t
 	char text[SHORT_TEXT_SIZE];
 	va_list args;
 	va_start(args, format);
-	int wanted = vsnprintf(text, sizeof text, format, args);
+	int wanted = vsnprintf(text, sizeof(text), format, args);
 	va_end(args);
-	zq_append_record(p, type, text, wanted < (int)sizeof text ? (size_t)wanted : sizeof text - 1);
+	zq_append_record(p, type, text, wanted < (int)sizeof(text) ? (size_t)wanted : sizeof(text) - 1);
 }
 
 void append_identity(smart_str *p TSRMLS_DC)
@@ -100,7 +100,7 @@ void append_identity(smart_str *p TSRMLS_DC)
 	}
 }
 
-void append_times(smart_str *p, int server_t TSRMLS_DC)
+void append_times(smart_str *p, int duration_ms TSRMLS_DC)
 {
 	uint64 user = 0, system = 0;
 	long resident_pages;
@@ -111,7 +111,7 @@ void append_times(smart_str *p, int server_t TSRMLS_DC)
 	append_number_record(p, ZQ_RE_CPU_USED, cpu > ZQG(rinit_cpu) ? (int)(cpu - ZQG(rinit_cpu)) : 0);
 	append_number_record(p, ZQ_RE_CPU_SYSTEM, (int)system);
 	append_number_record(p, ZQ_RE_BLOCK_MS, ZQG(block_duration));
-	append_number_record(p, ZQ_RE_DURATION_MS, server_t);
+	append_number_record(p, ZQ_RE_DURATION_MS, duration_ms);
 	append_number_record(p, ZQ_RE_DB_MS, ZQG(sum_db_metric));
 }
 
@@ -134,7 +134,7 @@ void append_sql_item(smart_str *p, const char *text)
 void append_statement(smart_str *p, const sql_element *sql, int keep_details)
 {
 	char metric[MAX_DIGITS];
-	size_t metric_len = (size_t)(std::to_chars(metric, metric + sizeof metric, sql->metric).ptr - metric);
+	size_t metric_len = (size_t)(std::to_chars(metric, metric + sizeof(metric), sql->metric).ptr - metric);
 
 	size_t record = open_record(p, ZQ_RE_SQL);
 	append_sql_item(p, metric, metric_len);
@@ -224,9 +224,9 @@ void append_components(smart_str *p, spent *sum TSRMLS_DC)
 	}
 }
 
-void append_remainder(smart_str *p, int server_t, const spent *sum TSRMLS_DC)
+void append_remainder(smart_str *p, int duration_ms, const spent *sum TSRMLS_DC)
 {
-	long rest = server_t - ZQG(sum_db_metric) - sum->nosql - sum->services - sum->components;
+	long rest = duration_ms - ZQG(sum_db_metric) - sum->nosql - sum->services - sum->components;
 	if (rest > 0) {
 		append_short_text(p, ZQ_RE_COMPONENT, "%ld\n%ld\n%s", rest, rest, "PHP/NULL/remainder code");
 	}
@@ -282,14 +282,14 @@ void append_service_errors(smart_str *p TSRMLS_DC)
 	}
 }
 
-void append_trace(smart_str *p, int server_t TSRMLS_DC)
+void append_trace(smart_str *p, int duration_ms TSRMLS_DC)
 {
-	if (!ZQG(tracer) || !zq_trace_is_due(server_t TSRMLS_CC)) {
+	if (!ZQG(tracer) || !zq_trace_is_due(duration_ms TSRMLS_CC)) {
 		return;
 	}
-	smart_str json = {NULL, 0, 0};
+	smart_str json = {};
 	zend_llist_sort(ZQG(tracer), tracer_element_cmp TSRMLS_CC);
-	tracer_list_to_json(server_t, ZQG(tracer), &json TSRMLS_CC);
+	tracer_list_to_json(duration_ms, ZQG(tracer), &json TSRMLS_CC);
 	if (json.len < ZQ_MAX_BODY) {
 		zq_append_record(p, ZQ_RE_TRACE, json.c, json.len);
 		if (ZQG(transaction_id)) {
@@ -318,8 +318,8 @@ void append_web_request(smart_str *p TSRMLS_DC)
 	if (g_cli) {
 		return;
 	}
-	append_server_variable(p, "referer: ", "HTTP_REFERER", sizeof "HTTP_REFERER" TSRMLS_CC);
-	append_server_variable(p, "user-agent: ", "HTTP_USER_AGENT", sizeof "HTTP_USER_AGENT" TSRMLS_CC);
+	append_server_variable(p, "referer: ", "HTTP_REFERER", sizeof("HTTP_REFERER") TSRMLS_CC);
+	append_server_variable(p, "user-agent: ", "HTTP_USER_AGENT", sizeof("HTTP_USER_AGENT") TSRMLS_CC);
 	append_short_text(p, ZQ_RE_REQUEST, "threadName: pid-%d", (int)getpid());
 	append_short_text(p, ZQ_RE_REQUEST, "httpStatus: %d", SG(sapi_headers).http_response_code);
 	if (ZQG(capture_params)) {
@@ -328,20 +328,20 @@ void append_web_request(smart_str *p TSRMLS_DC)
 	}
 }
 
-void append_packet(smart_str *p, int server_t TSRMLS_DC)
+void append_packet(smart_str *p, int duration_ms TSRMLS_DC)
 {
 	spent sum = {0, 0, 0};
 	zq_append_header(p, ZQ_PK_METRIC, 0);
 	append_identity(p TSRMLS_CC);
-	append_times(p, server_t TSRMLS_CC);
+	append_times(p, duration_ms TSRMLS_CC);
 	append_statements(p TSRMLS_CC);
 	append_stores(p, &sum TSRMLS_CC);
 	append_services(p, &sum TSRMLS_CC);
 	append_components(p, &sum TSRMLS_CC);
-	append_remainder(p, server_t, &sum TSRMLS_CC);
+	append_remainder(p, duration_ms, &sum TSRMLS_CC);
 	append_error(p TSRMLS_CC);
 	append_service_errors(p TSRMLS_CC);
-	append_trace(p, server_t TSRMLS_CC);
+	append_trace(p, duration_ms TSRMLS_CC);
 	append_web_request(p TSRMLS_CC);
 	zq_append_details(p TSRMLS_CC);
 	zq_fill_packet_header(p, ZQ_PK_METRIC);
@@ -364,23 +364,24 @@ void transmit(const smart_str *packet TSRMLS_DC)
 	close_daemon(sock TSRMLS_CC);
 }
 
-int is_ignored(const cArray *ignored, const char *name)
+bool is_ignored(const cArray *ignored, const char *name)
 {
 	for (int i = 0; ignored && i < ignored->length; i++) {
 		if (strcmp(ignored->items[i], name) == 0) {
-			return 1;
+			return true;
 		}
 	}
-	return 0;
+	return false;
 }
 
 } // namespace
 
-void send_metric(int server_t TSRMLS_DC)
+void send_metric(int duration_ms TSRMLS_DC)
 {
-	ZQ_LOG(ZQ_LOG_DEBUG, "send_metric action=%s, metric=%d", ZQG(action_name) ? ZQG(action_name) : "(null)", server_t);
-	smart_str packet = {NULL, 0, 0};
-	append_packet(&packet, server_t TSRMLS_CC);
+	ZQ_LOG(
+		ZQ_LOG_DEBUG, "send_metric action=%s, metric=%d", ZQG(action_name) ? ZQG(action_name) : "(null)", duration_ms);
+	smart_str packet = {};
+	append_packet(&packet, duration_ms TSRMLS_CC);
 
 	transmit(&packet TSRMLS_CC);
 	zq_buffer_free(&packet);
@@ -428,9 +429,9 @@ int get_transcation_data_item(const char *data, const char *item_name, char **ty
 	return 1;
 }
 
-int zq_trace_is_due(int server_t TSRMLS_DC)
+int zq_trace_is_due(int duration_ms TSRMLS_DC)
 {
-	return ZQG(action_tracer_enabled) && (ZQG(child_has_tracer) || server_t >= ZQG(action_tracer_action_threshold));
+	return ZQG(action_tracer_enabled) && (ZQG(child_has_tracer) || duration_ms >= ZQG(action_tracer_action_threshold));
 }
 
 const char *zq_tracer_id(TSRMLS_D)

@@ -6,7 +6,7 @@
 
 static void send_event(int sock, const char *line, size_t line_len TSRMLS_DC)
 {
-	smart_str packet = {NULL, 0, 0};
+	smart_str packet = {};
 	zq_append_header(&packet, ZQ_PK_THREAD_PROFILE, 0);
 	zq_append_record(&packet, ZQ_RE_APP_NAME, ZQG(app_name), ZQG(app_name) ? strlen(ZQG(app_name)) : 0);
 	zq_append_record(&packet, ZQ_RE_LICENSE, ZQG(license), ZQG(license) ? strlen(ZQG(license)) : 0);
@@ -31,7 +31,7 @@ void thread_profile(const char *event, const char *name, const char *cls TSRMLS_
 		return;
 	}
 	char line[256];
-	int len = snprintf(line, sizeof line, "%ld%03d %d %s %s%s%s", (long)now.tv_sec, (int)(now.tv_nsec / 1000000),
+	int len = snprintf(line, sizeof(line), "%ld%03d %d %s %s%s%s", (long)now.tv_sec, (int)(now.tv_nsec / 1000000),
 		zq_thread_id(), event, cls ? cls : "", cls ? "::" : "", name);
-	send_event(sock, line, len < (int)sizeof line ? (size_t)len : sizeof line - 1 TSRMLS_CC);
+	send_event(sock, line, len < (int)sizeof(line) ? (size_t)len : sizeof(line) - 1 TSRMLS_CC);
 }

@@ -29,15 +29,15 @@ static void append_ms_if_any(smart_str *line, const char *item, int ms)
 }
 
 /* Time in the queue lies before the action and is no part of "code". */
-static void append_time(smart_str *line, int duration TSRMLS_DC)
+static void append_time(smart_str *line, int duration_ms TSRMLS_DC)
 {
 	int external = services_ms(TSRMLS_C);
 	int redis = zq_nosql_total_ms(ZQG(nosql_redis));
 	int memcached = zq_nosql_total_ms(ZQG(nosql_memcc));
 	int mongo = zq_nosql_total_ms(ZQG(nosql_mongo));
-	int code = duration - ZQG(sum_db_metric) - external - redis - memcached - mongo;
+	int code = duration_ms - ZQG(sum_db_metric) - external - redis - memcached - mongo;
 
-	append_ms(line, "\"time\":{\"duration\":", duration);
+	append_ms(line, "\"time\":{\"duration\":", duration_ms);
 	append_ms(line, ",\"qu\":", ZQG(block_duration));
 	append_ms(line, ",\"db\":", ZQG(sum_db_metric));
 	append_ms_if_any(line, ",\"ex\":", external);
@@ -71,13 +71,13 @@ static void append_name(smart_str *line, const char *name)
 
 char *build_transaction_tx_data(int /*is_shutdown*/ TSRMLS_DC)
 {
-	smart_str line = {NULL, 0, 0};
-	int duration = (int)((cycle_timer() - ZQG(rinit_tick)) / 1000);
+	smart_str line = {};
+	int duration_ms = (int)((cycle_timer() - ZQG(rinit_tick)) / 1000);
 	char *id = ZQG(vantor_id_secret) ? get_application_and_instance_id(ZQG(vantor_id_secret)) : NULL;
 
 	append_item(&line, "X-Vantor-Tx-Data: {\"id\":\"", id);
 	append_name(&line, ZQG(action_name));
-	if (zq_trace_is_due(duration TSRMLS_CC)) {
+	if (zq_trace_is_due(duration_ms TSRMLS_CC)) {
 		zq_append_text(&line, "\"tr\":1,");
 	}
 	append_item(&line, "\"trId\":\"", zq_tracer_id(TSRMLS_C));
@@ -86,7 +86,7 @@ char *build_transaction_tx_data(int /*is_shutdown*/ TSRMLS_DC)
 		zq_append_text(&line, ZQG(transaction_req_id));
 		zq_append_char(&line, ',');
 	}
-	append_time(&line, duration TSRMLS_CC);
+	append_time(&line, duration_ms TSRMLS_CC);
 	zq_append_char(&line, '}');
 	if (id) {
 		efree(id);

@@ -54,7 +54,7 @@ static void append_value(smart_str *buf, zval *val, int option, const enclosing 
 static void append_double(smart_str *buf, double number)
 {
 	char text[32];
-	int len = zend_finite(number) ? snprintf(text, sizeof text, "%.9g", number) : snprintf(text, sizeof text, "0");
+	int len = zend_finite(number) ? snprintf(text, sizeof(text), "%.9g", number) : snprintf(text, sizeof(text), "0");
 	int written = 0;
 	for (int i = 0; i < len; i++) {
 		int ours = (text[i] >= '0' && text[i] <= '9') || text[i] == '-' || text[i] == '+' || text[i] == 'e';
@@ -67,14 +67,14 @@ static void append_double(smart_str *buf, double number)
 	zq_append(buf, text, written);
 }
 
-static int has_string_key(const HashTable *table)
+static bool has_string_key(const HashTable *table)
 {
 	for (const Bucket *at = table->pListHead; at; at = at->pListNext) {
 		if (at->nKeyLength) {
-			return 1;
+			return true;
 		}
 	}
-	return 0;
+	return false;
 }
 
 static int key_is(const Bucket *at, const char *key, uint key_size)
@@ -84,10 +84,10 @@ static int key_is(const Bucket *at, const char *key, uint key_size)
 
 /* Keys that no object shows: empty ones and the engine's names of private and protected properties; what option 1
  * leaves out. */
-static int is_hidden(const Bucket *at, int option)
+static bool is_hidden(const Bucket *at, int option)
 {
 	if (!at->nKeyLength) {
-		return 0;
+		return false;
 	}
 	return !at->arKey[0] ||
 		(option == 1 && (key_is(at, "args", sizeof("args")) || key_is(at, "object", sizeof("object"))));
@@ -115,10 +115,10 @@ static void append_table(smart_str *buf, const HashTable *table, int option, con
 }
 
 /* 1 when the table can be written inside `outer`: not around itself, not too deep, not after too much text. */
-static int may_descend(const smart_str *buf, const HashTable *table, const enclosing *outer)
+static bool may_descend(const smart_str *buf, const HashTable *table, const enclosing *outer)
 {
 	if (outer && (outer->depth >= MAX_DEPTH || buf->len - outer->start > MAX_VALUE_BYTES)) {
-		return 0;
+		return false;
 	}
 	while (outer && outer->table != table) {
 		outer = outer->outer;

@@ -34,7 +34,7 @@ void zq_append_json_unit(Buffer *buf, unsigned unit)
 {
 	static const char hex[] = "0123456789abcdef";
 	const char text[] = {'\\', 'u', hex[unit >> 12 & 15], hex[unit >> 8 & 15], hex[unit >> 4 & 15], hex[unit & 15]};
-	zq_append(buf, text, sizeof text);
+	zq_append(buf, text, sizeof(text));
 }
 
 template <typename Buffer>
@@ -79,7 +79,7 @@ void zq_append_json_body(Buffer *buf, const char *s, size_t len)
 		zq_append(buf, s + plain, i - plain);
 		if (escape) {
 			const char text[] = {'\\', escape};
-			zq_append(buf, text, sizeof text);
+			zq_append(buf, text, sizeof(text));
 			i++;
 		} else {
 			unsigned code_point;

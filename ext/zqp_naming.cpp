@@ -122,7 +122,7 @@ struct captured_params {
 
 int get_request_params(char **results, const char *uri, int uri_len, const char *config TSRMLS_DC)
 {
-	smart_str suffix = {NULL, 0, 0};
+	smart_str suffix = {};
 	zq_append_captured(&suffix, config, std::string_view(uri, (size_t)uri_len), captured_params{tsrm_ls});
 	*results = suffix.len ? zq_buffer_text(&suffix) : NULL;
 	return (int)suffix.len;
@@ -191,7 +191,7 @@ void init_action_name(TSRMLS_D)
 	const char *uri = zq_request_uri(TSRMLS_C);
 	zq_uri_naming naming = {uri ? uri : "", ZQG(auto_action_naming), NULL, ZQG(web_action_uri_params_captured)};
 	naming.script = naming.automatic ? script_file(TSRMLS_C) : NULL;
-	smart_str name = {NULL, 0, 0};
+	smart_str name = {};
 	zq_append_uri_name(&name, naming, captured_params{tsrm_ls});
 	if (ZQG(request_path) && zq_view(&name).starts_with("WebAction/URI/") && !admit_path_name(zq_view(&name))) {
 		zq_buffer_free(&name);

@@ -11,7 +11,7 @@
 
 enum match_operator { ALWAYS = 0, EQUALS = 1, STARTS_WITH = 2, ENDS_WITH = 3, CONTAINS = 4, MATCHES_REGEX = 5 };
 
-static int is_type(const cJSON *item, int type)
+static bool is_type(const cJSON *item, int type)
 {
 	return (item->type & 0xFF) == type;
 }

@@ -12,7 +12,7 @@ enum {
 };
 
 /* Operations of caches, then of collections. The clients' other methods configure them or ask for their state. */
-int is_data_operation(uint64 hash)
+bool is_data_operation(uint64 hash)
 {
 	switch (hash) {
 	case zq_name_hash("add"):
@@ -65,9 +65,9 @@ int is_data_operation(uint64 hash)
 	case zq_name_hash("createIndex"):
 	case zq_name_hash("ensureIndex"):
 	case zq_name_hash("deleteIndex"):
-	case zq_name_hash("deleteIndexes"): return 1;
+	case zq_name_hash("deleteIndexes"): return true;
 	}
-	return 0;
+	return false;
 }
 
 /* Writes up to `most` bytes of an operation's name, without a NUL, and returns how many. */
@@ -105,8 +105,8 @@ nosql_hash_element *find_or_add_row(HashTable *table, const char *key, uint key_
 	if (zend_hash_num_elements(table) >= MAX_ROWS && strcmp(key, shared) != 0) {
 		return find_or_add_row(table, shared, (uint)strlen(shared) + 1);
 	}
-	row = (nosql_hash_element *)ecalloc(1, sizeof *row);
-	zend_hash_update(table, key, key_size, &row, sizeof row, NULL);
+	row = (nosql_hash_element *)ecalloc(1, sizeof(*row));
+	zend_hash_update(table, key, key_size, &row, sizeof(row), NULL);
 	return row;
 }
 

@@ -47,23 +47,23 @@ static int page_wants_script(TSRMLS_D)
 }
 
 /* The engine's compression runs as an output handler: what is still in a buffer is plain text. */
-static int engine_compresses(TSRMLS_D)
+static bool engine_compresses(TSRMLS_D)
 {
 	return php_output_handler_started(ZEND_STRL("zlib output compression") TSRMLS_CC) ||
 		php_output_handler_started(ZEND_STRL("ob_gzhandler") TSRMLS_CC);
 }
 
 /* What is no page of its own, or has been measured to the last byte. */
-static int is_download(const char *header)
+static bool is_download(const char *header)
 {
 	static const char *const names[] = {"content-md5:", "digest:", "content-digest:", "repr-digest:"};
 	for (const char *name : names) {
 		if (zq_strncasecmp(header, name, strlen(name)) == 0) {
-			return 1;
+			return true;
 		}
 	}
 	if (zq_strncasecmp(header, ZEND_STRL("content-disposition:")) != 0) {
-		return 0;
+		return false;
 	}
 	const char *kind = header + sizeof("content-disposition:") - 1;
 	return zq_strncasecmp(kind + strspn(kind, " \t"), ZEND_STRL("attachment")) == 0;
@@ -109,34 +109,34 @@ static int in_html(const char *piece, size_t length TSRMLS_DC)
 /* Under CGI and FPM the response headers pass through the writer too, each in a chunk of its own that is the header's
  * very text, and each line end: the one after a line end is that of the empty line after all of them. They are no
  * part of the page. */
-static int is_response_header(const char *chunk, unsigned int length TSRMLS_DC)
+static bool is_response_header(const char *chunk, unsigned int length TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (!SG(headers_sent)) {
-		return 0;
+		return false;
 	}
 	if (SG(sapi_headers).http_status_line) {
-		return 1; /* freed when the headers are out */
+		return true; /* freed when the headers are out */
 	}
 	for (zend_llist_element *at = SG(sapi_headers).headers.head; at; at = at->next) {
 		if (((sapi_header_struct *)at->data)->header == chunk) {
 			g->rum_header_lines = 2;
-			return 1;
+			return true;
 		}
 	}
 	if (g->rum_header_lines && length == 2 && memcmp(chunk, "\r\n", 2) == 0) {
 		g->rum_header_lines--;
-		return 1;
+		return true;
 	}
 	g->rum_header_lines = 0;
-	return 0;
+	return false;
 }
 
 /* The element, freed by zq_buffer_free; its `c` is null when the script is unusable. After a page that exhausted the
  * memory limit nothing is left. */
 static smart_str make_element(TSRMLS_D)
 {
-	smart_str element = {NULL, 0, 0};
+	smart_str element = {};
 	zq_lift_memory_limit(TSRMLS_C);
 	buildScript(ZQG(rum_script), &element TSRMLS_CC);
 	zq_restore_memory_limit(TSRMLS_C);

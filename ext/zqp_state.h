@@ -13,8 +13,9 @@
 #include "zqp_types.h"
 
 #define ZQ_MODULE_NAME "quorbit"
-/* The build date serves as the version everywhere: phpinfo, start-up log, crash banner, configuration query. */
-#define ZQ_VERSION "Oct 20 2016"
+/* Of the protocol, which daemons go by. It is the module's version as well, wherever the agent names one: phpinfo,
+ * start-up log, crash banner, configuration query. The product's version is CMake's. */
+#define ZQ_PROTOCOL_VERSION "Oct 20 2016"
 
 struct error_element;
 struct zq_details;
@@ -138,9 +139,9 @@ static inline const char *zq_request_uri(TSRMLS_D)
 	return ZQG(request_path) ? ZQG(request_path) : SG(request_info).request_uri;
 }
 
-/* 1 when an action is open and its hooks are to see what runs: neither of an application that is not monitored, nor
+/* True when an action is open and its hooks are to see what runs: neither of an application that is not monitored, nor
  * what the agent itself calls. hook_enabled is 0 or 1, so that one comparison answers two questions. */
-static inline int zq_is_watching(const zend_zqprof_globals *g)
+static inline bool zq_is_watching(const zend_zqprof_globals *g)
 {
 	return g->hook_enabled > g->in_agent_call && g->agent_enabled;
 }

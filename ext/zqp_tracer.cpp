@@ -13,28 +13,29 @@ static char *own_text(sql_element *element)
 
 /* Scripts repeat one quick statement thousands of times, and then each allocation shows: list node, record and text are
  * one block. */
-sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric)
+sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric_ms)
 {
 	if (!statement) {
 		statement = "sql is null";
 	}
 	size_t most = strnlen(statement, ZQ_MAX_STATEMENT);
-	sql_element *element = (sql_element *)zq_list_new(sizeof *element + most + 1);
+	sql_element *element = (sql_element *)zq_list_new(sizeof(*element) + most + 1);
 	size_t len = zq_clean_statement(statement, most, own_text(element));
 	if (most - len > 64) { /* what comments took must not stay allocated behind many short statements */
-		size_t size = offsetof(zend_llist_element, data) + sizeof *element + len + 1;
+		size_t size = offsetof(zend_llist_element, data) + sizeof(*element) + len + 1;
 		element = (sql_element *)((zend_llist_element *)erealloc(zq_list_node(element), size))->data;
 	}
-	*element = {db, own_text(element), stack, explain, metric};
+	*element = {db, own_text(element), stack, explain, metric_ms};
 	element->text_is_verbatim = len == most;
 	return element;
 }
 
 /* The last record when a call with these figures is like it; null otherwise. */
-static sql_element *repeated(const zend_llist *list, const char *db, const char *statement, int metric, unsigned place)
+static sql_element *repeated(
+	const zend_llist *list, const char *db, const char *statement, int metric_ms, unsigned place)
 {
 	sql_element *last = list->tail ? (sql_element *)list->tail->data : NULL;
-	if (!last || !last->text_is_verbatim || last->metric != metric || last->db != db || last->place != place ||
+	if (!last || !last->text_is_verbatim || last->metric != metric_ms || last->db != db || last->place != place ||
 		last->stack || last->explain) {
 		return NULL;
 	}
@@ -42,14 +43,14 @@ static sql_element *repeated(const zend_llist *list, const char *db, const char 
 }
 
 sql_element *zq_keep_statement(
-	zend_llist *list, const char *db, const char *statement, int metric, unsigned place, int may_repeat)
+	zend_llist *list, const char *db, const char *statement, int metric_ms, unsigned place, int may_repeat)
 {
-	sql_element *element = may_repeat ? repeated(list, db, statement, metric, place) : NULL;
+	sql_element *element = may_repeat ? repeated(list, db, statement, metric_ms, place) : NULL;
 	if (element) {
 		element->repeats++;
 		return element;
 	}
-	element = sql_element_alloc(db, statement, NULL, NULL, metric);
+	element = sql_element_alloc(db, statement, NULL, NULL, metric_ms);
 	element->place = (uint16_t)place;
 	zq_list_append(list, element);
 	return element;
@@ -82,7 +83,7 @@ tracer_element *tracer_element_alloc(const char *cls, const char *func)
 	size_t func_size = func ? strlen(func) + 1 : 1;
 	tracer_element *element = (tracer_element *)zq_list_new(sizeof(tracer_element) + cls_size + func_size);
 	char *names = (char *)(element + 1);
-	memset(element, 0, sizeof *element);
+	memset(element, 0, sizeof(*element));
 	element->cls = cls ? put_name(names, cls, cls_size) : NULL;
 	element->func = put_name(names + cls_size, func ? func : "", func_size);
 	return element;
@@ -137,18 +138,18 @@ void zq_trace_append(tracer_element *element TSRMLS_DC)
 	}
 }
 
-void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,
+void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 begin_us, uint64 end_us,
 	int data_type, void *data TSRMLS_DC)
 {
 	if (zq_trace_is_full(TSRMLS_C)) {
 		return; /* before the names are copied */
 	}
 	tracer_element *element = tracer_element_alloc(cls, func);
-	element->start = start;
-	element->end = end;
+	element->start = begin_us;
+	element->end = end_us;
 	element->data_type = data_type;
 	element->data = data;
-	if ((int64_t)((end - start) / 1000) >= ZQG(action_tracer_stack_trace_threshold)) {
+	if ((int64_t)((end_us - begin_us) / 1000) >= ZQG(action_tracer_stack_trace_threshold)) {
 		element->lineno = zq_calling_line(data_frame, &element->filename TSRMLS_CC);
 	}
 	zq_trace_append(element TSRMLS_CC);

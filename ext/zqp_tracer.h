@@ -19,12 +19,12 @@ typedef struct sql_element {
 
 /* New record, adopting `stack` and `explain`; its statement is cleaned as by rm_comment(), null becomes "sql is null".
  * It lies in a list node, which is given away by zq_list_append(). */
-sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric);
+sql_element *sql_element_alloc(const char *db, const char *statement, char *stack, char *explain, int metric_ms);
 /* Records one call in `list` (of sql_element, request memory) and returns its record, borrowed; `stack` and `explain`
  * are null. When `may_repeat`, a call that is like the last one in all that is kept of it counts as its repetition; a
  * record that gets a stack or a plan must not be one. `place` is its number by zq_details_place(), or ZQ_NO_PLACE. */
 sql_element *zq_keep_statement(
-	zend_llist *list, const char *db, const char *statement, int metric, unsigned place, int may_repeat);
+	zend_llist *list, const char *db, const char *statement, int metric_ms, unsigned place, int may_repeat);
 void sql_element_dtor(void *ele); /* frees the strings, not the record */
 
 enum { ZQ_TRACER_PLAIN = 0, ZQ_TRACER_SQL = 1, ZQ_TRACER_EXTERNAL = 2 };
@@ -68,12 +68,12 @@ int zq_trace_is_full(TSRMLS_D);
 void zq_trace_append(tracer_element *element TSRMLS_DC);
 /* Appends a call with file and line when its whole milliseconds reach action_tracer_stack_trace_threshold; nothing when
  * the trace is full. `data_frame` is the frame that made the call. The callers test the threshold for being traced. */
-void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 start, uint64 end,
+void zq_trace_call(const char *cls, const char *func, zend_execute_data *data_frame, uint64 begin_us, uint64 end_us,
 	int data_type, void *data TSRMLS_DC);
 
 /* ---- zqp_tracer_tree.cpp ---- */
-/* Appends the tree of `tracer_list` (sorted by start) as JSON. `server` is the action's duration in ms. */
-void tracer_list_to_json(int server, zend_llist *tracer_list, smart_str *msg TSRMLS_DC);
+/* Appends the tree of `tracer_list` (sorted by start) as JSON. `duration_ms` is the action's. */
+void tracer_list_to_json(int duration_ms, zend_llist *tracer_list, smart_str *msg TSRMLS_DC);
 /* Appends one node with its children; 1 when written, 0 when pruned. */
 int output_tracer_tree(smart_str *msg, tracer_tree_node *node, int threshold, int is_first_node TSRMLS_DC);
 

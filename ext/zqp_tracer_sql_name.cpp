@@ -33,7 +33,7 @@ typedef unsigned char chunk __attribute__((vector_size(16)));
 /* Bytes before the first that is not zero, in memory's order; 8 when all are. */
 static int leading_zero_bytes(uint64 bytes)
 {
-	return (std::endian::native == std::endian::little ? std::countr_zero(bytes) : std::countl_zero(bytes)) / 8;
+	return std::countr_zero(bytes) / 8;
 }
 
 /* How many bytes, of a chunk that ends with a NUL or is followed by another byte, come before white space other than a
@@ -41,12 +41,12 @@ static int leading_zero_bytes(uint64 bytes)
 static size_t plain_bytes(const char *at)
 {
 	chunk here, next;
-	memcpy(&here, at, sizeof here);
-	memcpy(&next, at + 1, sizeof next);
+	memcpy(&here, at, sizeof(here));
+	memcpy(&next, at + 1, sizeof(next));
 	auto others =
 		(here < ' ') | (here == '\'') | (here == '"') | (here == '-') | (here == '/') | ((here == ' ') & (next == ' '));
 	uint64 halves[2];
-	memcpy(halves, &others, sizeof halves);
+	memcpy(halves, &others, sizeof(halves));
 	return (size_t)(halves[0] ? leading_zero_bytes(halves[0]) : 8 + leading_zero_bytes(halves[1]));
 }
 
@@ -212,7 +212,7 @@ char *metric_name_from_sql(const sql_element *sql)
 		table = find_word(stmt, &table_len);
 	}
 
-	smart_str name = {NULL, 0, 0};
+	smart_str name = {};
 	zq_append_text(&name, "Database ");
 	zq_append_text(&name, sql->db);
 	zq_append_char(&name, '/');

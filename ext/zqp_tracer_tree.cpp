@@ -14,7 +14,7 @@ extern "C" {
 
 /* ---- text of others that goes into the JSON as it is ---- */
 
-static int is_utf8(const char *text)
+static bool is_utf8(const char *text)
 {
 	size_t len = strlen(text), at = 0;
 	int status = SUCCESS;
@@ -46,7 +46,7 @@ static const char *skip_string_body(const char *at)
 	return at;
 }
 
-static int is_json_string_body(const char *text)
+static bool is_json_string_body(const char *text)
 {
 	return *skip_string_body(text) == '\0' && is_utf8(text);
 }
@@ -77,22 +77,22 @@ static const char *skip_number(const char *at)
 }
 
 /* The parser lets some numbers and raw control characters pass that no reader of the trace has to accept. */
-static int is_strict_json(const char *text)
+static bool is_strict_json(const char *text)
 {
 	for (const char *at = text; *at;) {
 		if (*at == '"') {
 			at = skip_string_body(at + 1);
 			if (*at++ != '"') {
-				return 0;
+				return false;
 			}
 		} else if (*at == '-' || (*at >= '0' && *at <= '9')) {
 			const char *behind = skip_number(at);
 			if (behind == at || !std::isfinite(zend_strtod(at, NULL))) {
-				return 0;
+				return false;
 			}
 			at = behind + strspn(behind, "eE+-0123456789"); /* the parser has checked the exponent's form */
 		} else if (isSpace(*at) && !strchr(" \t\r\n", *at)) {
-			return 0;
+			return false;
 		} else {
 			at++;
 		}
@@ -101,7 +101,7 @@ static int is_strict_json(const char *text)
 }
 
 /* 1 when `text` is exactly one JSON object: a lying callee must not break the trace that quotes it. */
-static int is_json_object(const char *text)
+static bool is_json_object(const char *text)
 {
 	sigset_t saved;
 	zq_hold_timers(&saved); /* the parser uses libc's heap */
@@ -142,7 +142,7 @@ static void place_node(tracer_tree_node *node, tracer_tree_node *previous)
 	parent->last_child = node;
 }
 
-void tracer_list_to_json(int server, zend_llist *tracer_list, smart_str *msg TSRMLS_DC)
+void tracer_list_to_json(int duration_ms, zend_llist *tracer_list, smart_str *msg TSRMLS_DC)
 {
 	char cls[] = "PHP", func[] = "execute";
 	tracer_element whole = {};
@@ -164,7 +164,7 @@ void tracer_list_to_json(int server, zend_llist *tracer_list, smart_str *msg TSR
 			mark_key_path(node + 1);
 		}
 	}
-	output_tracer_tree(msg, root, count > 100 ? server / 100 : 0, 1 TSRMLS_CC);
+	output_tracer_tree(msg, root, count > 100 ? duration_ms / 100 : 0, 1 TSRMLS_CC);
 	zq_buffer_text(msg);
 	efree(root);
 }
@@ -319,7 +319,7 @@ static void open_node(smart_str *msg, const tracer_element *tracer, int is_first
 }
 
 /* A quick call deep down that leads to no query or outgoing call is left out with all below it. */
-static int is_pruned(const tracer_tree_node *node, int threshold)
+static bool is_pruned(const tracer_tree_node *node, int threshold)
 {
 	return !node->is_key_path && node->level > 3 &&
 		(int64_t)threshold >= (int64_t)((node->tracer->end - node->tracer->start) / 1000);

@@ -17,6 +17,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <bit>
+
 extern "C" {
 #include "zend.h" /* zend_alloc.h, below it, leaves its heap functions without C linkage */
 }
@@ -46,6 +48,9 @@ extern "C" {
 #if ZEND_MODULE_API_NO != 20131226 || !defined(ZTS)
 #error "the agent is written for PHP 5.6, thread-safe build (API20131226,TS)"
 #endif
+
+/* Agent and daemon are on one host, and write some numbers as its memory has them: both are for little-endian ones. */
+static_assert(std::endian::native == std::endian::little);
 
 typedef uint64_t uint64;
 

@@ -5,7 +5,7 @@
 webservice_element *webservice_element_alloc(
 	const char *cls, const char *func, const char *uri, const char *named_params, const char *transaction_data)
 {
-	smart_str name = {NULL, 0, 0};
+	smart_str name = {};
 	zq_append_web(&name, uri ? uri : "");
 	if (named_params) {
 		zq_append_char(&name, '?');

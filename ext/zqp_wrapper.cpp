@@ -87,7 +87,7 @@ char *full_name_of_callback(zend_execute_data *data, int arg_seq TSRMLS_DC)
 void zq_watch_before(const char *name, size_t name_size, zq_wrapper_callback callback TSRMLS_DC)
 {
 	if (ZQG(wrapper_function_hash)) {
-		zend_hash_update(ZQG(wrapper_function_hash), name, (uint)name_size, &callback, sizeof callback, NULL);
+		zend_hash_update(ZQG(wrapper_function_hash), name, (uint)name_size, &callback, sizeof(callback), NULL);
 		admit(name TSRMLS_CC);
 	}
 }
@@ -95,7 +95,7 @@ void zq_watch_before(const char *name, size_t name_size, zq_wrapper_callback cal
 void zq_watch_after(const char *name, size_t name_size, zq_performance_callback callback TSRMLS_DC)
 {
 	if (ZQG(performance_function_hash)) {
-		zend_hash_update(ZQG(performance_function_hash), name, (uint)name_size, &callback, sizeof callback, NULL);
+		zend_hash_update(ZQG(performance_function_hash), name, (uint)name_size, &callback, sizeof(callback), NULL);
 		admit(name TSRMLS_CC);
 	}
 }

@@ -40,7 +40,7 @@ typedef struct zq_user_func_data {
 /* Runs before a watched user function; bit 0 of the result asks for a component. */
 typedef int (*zq_wrapper_callback)(zend_execute_data *execute_data, char *func TSRMLS_DC);
 /* Runs after a call with its times in us; non-zero: recorded, no default trace element. */
-typedef int (*zq_performance_callback)(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
+typedef int (*zq_performance_callback)(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
 
 /* Fills wrapper_function_hash with the names that are watched from the start of every request. Once per pair of
  * tables, right after both were created. */
@@ -80,21 +80,21 @@ static inline unsigned zq_watch_bit(uint64 key)
 }
 /* 0: no row in either table has the full name "cls::func" ("func" when `cls` is null), and nobody needs to build it. 1:
  * one may have. A row that the call itself adds changes the answer, so ask again for the after-step. */
-static inline int zq_may_be_watched(const zend_zqprof_globals *g, const char *cls, int cls_len, const char *func)
+static inline bool zq_may_be_watched(const zend_zqprof_globals *g, const char *cls, int cls_len, const char *func)
 {
 	unsigned bit = zq_watch_bit(zq_watch_key(cls, cls_len, func));
 	return (int)(g->watch_filter[bit >> 6] >> (bit & 63) & 1);
 }
 
-/* Around every internal call of a monitored request. `begin` is the clock before the call (us). A call whose hash codes
+/* Around every internal call of a monitored request. `begin_us` is the clock before the call. A call whose hash codes
  * are 0 is dispatched to no row; profile line and default trace element need none. */
-void zq_before_internal_call(zq_stack_data *stack_data TSRMLS_DC);
-void zq_after_internal_call(zq_stack_data *stack_data, uint64 begin TSRMLS_DC);
+void zq_before_internal_call(zq_stack_data *call TSRMLS_DC);
+void zq_after_internal_call(zq_stack_data *call, uint64 begin_us TSRMLS_DC);
 /* 0: no row handles an internal call of this function (`cls` null: a plain function; the name is read up to its second
  * byte), so that its hash codes may stay 0. 1: a row may. */
 int zq_internal_may_be_watched(const char *cls, int cls_len, const char *func);
 /* Appends the default trace element of a call slower than the threshold. */
-void zq_trace_default(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC);
+void zq_trace_default(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
 /* The three identification fields are set and non-empty: outgoing calls carry the caller's identity. */
 int zq_identity_is_set(TSRMLS_D);
 
@@ -104,8 +104,8 @@ int wrapper_should_ignore_external(
 	zend_execute_data *execute_data, char *func TSRMLS_DC); /* silences the calls inside */
 
 /* Small handlers of internal functions. */
-void wrapper_header(zq_stack_data *stack_data TSRMLS_DC); /* HTTP errors; pages that must not get the script */
-void wrapper_set_error_handler(zq_stack_data *stack_data TSRMLS_DC); /* watches the script's own handler */
-void wrapper_ob_flush(zq_stack_data *stack_data TSRMLS_DC);          /* the page script, before the buffer leaves */
+void wrapper_header(zq_stack_data *call TSRMLS_DC);            /* HTTP errors; pages that must not get the script */
+void wrapper_set_error_handler(zq_stack_data *call TSRMLS_DC); /* watches the script's own handler */
+void wrapper_ob_flush(zq_stack_data *call TSRMLS_DC);          /* the page script, before the buffer leaves */
 
 #endif

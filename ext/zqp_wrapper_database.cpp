@@ -32,7 +32,7 @@ static const char *prepared(zq_stack_data *, char **TSRMLS_DC)
 /* Of a PDOStatement, whose class declares it. */
 static const char *query_string(zq_stack_data *call, char **TSRMLS_DC)
 {
-	const zval *value = zq_declared_property(call->object, "queryString", sizeof "queryString" TSRMLS_CC);
+	const zval *value = zq_declared_property(call->object, "queryString", sizeof("queryString") TSRMLS_CC);
 	return value && Z_TYPE_P(value) == IS_STRING ? Z_STRVAL_P(value) : NULL;
 }
 
@@ -205,16 +205,16 @@ static void report_failure(const zq_sql_api *api, zq_stack_data *call, const cha
 }
 
 /* A worker may run queries for hours: beyond a bound an action keeps only sums. */
-static int is_recorded_full(const zend_zqprof_globals *g TSRMLS_DC)
+static bool is_recorded_full(const zend_zqprof_globals *g TSRMLS_DC)
 {
 	if (!g->sqls) {
-		return 1;
+		return true;
 	}
 	if (g->recorded_sql_bytes < zq_most_recorded_bytes(TSRMLS_C)) {
-		return 0;
+		return false;
 	}
 	zq_note_recorded_limit("statements" TSRMLS_CC);
-	return 1;
+	return true;
 }
 
 /* A repetition counts as much: the report repeats the record. */
@@ -228,24 +228,24 @@ static void count_bytes(zend_zqprof_globals *g, const sql_element *record)
 }
 
 /* What only a traced action keeps, of slow statements. */
-static int wants_stack(const zend_zqprof_globals *g, int elapsed_ms)
+static bool wants_stack(const zend_zqprof_globals *g, int elapsed_ms)
 {
 	return g->action_tracer_enabled && g->action_tracer_slow_sql && elapsed_ms >= g->action_tracer_slow_sql_threshold;
 }
 
-static int wants_plan(const zend_zqprof_globals *g, const zq_sql_api *api, int elapsed_ms)
+static bool wants_plan(const zend_zqprof_globals *g, const zq_sql_api *api, int elapsed_ms)
 {
 	return g->action_tracer_enabled && g->action_tracer_explain_enabled && api->client && api->client->query &&
 		elapsed_ms >= g->action_tracer_explain_threshold;
 }
 
 /* Appends the trace element of a statement. A configured SQL log takes the statement's place in it. */
-static void trace_statement(zq_stack_data *call, uint64 begin, uint64 end, sql_element *record TSRMLS_DC)
+static void trace_statement(zq_stack_data *call, uint64 begin_us, uint64 end_us, sql_element *record TSRMLS_DC)
 {
 	if (ZQG(action_tracer_log_sql)) {
-		zq_trace_call(call->cls, call->func, call->execute_data, begin, end, ZQ_TRACER_PLAIN, NULL TSRMLS_CC);
+		zq_trace_call(call->cls, call->func, call->execute_data, begin_us, end_us, ZQ_TRACER_PLAIN, NULL TSRMLS_CC);
 	} else {
-		zq_trace_call(call->cls, call->func, call->execute_data, begin, end, ZQ_TRACER_SQL, record TSRMLS_CC);
+		zq_trace_call(call->cls, call->func, call->execute_data, begin_us, end_us, ZQ_TRACER_SQL, record TSRMLS_CC);
 	}
 }
 
@@ -262,19 +262,19 @@ static unsigned add_to_details(
 	return zq_details_place(details, call->execute_data, vendor, NULL TSRMLS_CC);
 }
 
-static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	int elapsed_ms = (int)((end - begin) / 1000);
+	int elapsed_ms = (int)((end_us - begin_us) / 1000);
 	char *built = NULL;
 	zq_component_spent_outside(elapsed_ms TSRMLS_CC);
 	g->sum_db_metric += elapsed_ms;
 
 	const char *statement = api->statement(call, &built TSRMLS_CC);
 	sql_element *record = NULL;
-	unsigned place = g->details ? add_to_details(g->details, api, call, end - begin TSRMLS_CC) : ZQ_NO_PLACE;
+	unsigned place = g->details ? add_to_details(g->details, api, call, end_us - begin_us TSRMLS_CC) : ZQ_NO_PLACE;
 	int has_stack = wants_stack(g, elapsed_ms), has_plan = wants_plan(g, api, elapsed_ms);
-	int is_traced = g->action_tracer_enabled && end - begin > g->tracer_threshold_tick;
+	int is_traced = g->action_tracer_enabled && end_us - begin_us > g->tracer_threshold_tick;
 	if (statement && !is_recorded_full(g TSRMLS_CC)) {
 		const char *vendor = api->vendor ? api->vendor : g->pdo_db;
 		record = zq_keep_statement(g->sqls, vendor, statement, elapsed_ms, place,
@@ -297,15 +297,15 @@ static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 b
 	}
 	count_bytes(g, record);
 	if (is_traced) {
-		trace_statement(call, begin, end, record TSRMLS_CC);
+		trace_statement(call, begin_us, end_us, record TSRMLS_CC);
 	}
 	return g->action_tracer_enabled != 0;
 }
 
-int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	zq_lift_memory_limit(TSRMLS_C); /* a failed statement is copied in full, and drivers quote it */
-	int taken = record_statement(api, call, begin, end TSRMLS_CC);
+	int taken = record_statement(api, call, begin_us, end_us TSRMLS_CC);
 	zq_restore_memory_limit(TSRMLS_C);
 	return taken;
 }

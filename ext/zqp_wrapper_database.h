@@ -40,13 +40,13 @@ typedef struct zq_sql_api {
 /* Records one call with its times in us: duration, statement, failure, and at their thresholds stack, plan and trace
  * element. 1: the default trace element is not wanted; 0: it is, when the call was slow. Beyond
  * zq_most_recorded_bytes() of statements only durations and failures are kept. */
-int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
+int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
 
 /* The recorder for one row. */
 template <const zq_sql_api &api>
-int performance_sql(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int performance_sql(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
-	return zq_record_sql(&api, call, begin, end TSRMLS_CC);
+	return zq_record_sql(&api, call, begin_us, end_us TSRMLS_CC);
 }
 
 /* The rows; "argument" counts from 0. */
@@ -64,12 +64,12 @@ inline constexpr zq_performance_callback performance_pg_query_params = performan
 inline constexpr zq_performance_callback performance_pdo_query = performance_sql<sql_pdo_query>;
 
 /* Calls that only prepare: the statement is kept for the execute calls that follow. Always 0. */
-int performance_prepare_argument_1(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
-int performance_prepare_last_argument(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
+int performance_prepare_argument_1(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
+int performance_prepare_last_argument(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
 int performance_mysqli_prepare_method(
-	zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC); /* reports failures too */
+	zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC); /* reports failures too */
 /* PDO::__construct: the data source names the vendor of the statements that follow. Always 0. */
-int performance_pdo_construct(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC);
+int performance_pdo_construct(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
 /* Vendor of a data source name; null when it is none that is known. Static text. */
 const char *zq_pdo_vendor(const char *dsn);
 
@@ -94,10 +94,10 @@ static inline zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call
  * null when there is no plan. Runs a second statement, so only one that is alone in its text and that plans cannot
  * change is sent. */
 char *zq_explain(const zq_sql_api *api, zq_stack_data *call, const char *statement TSRMLS_DC);
-/* 1 when no ";" except a last one is outside quotes and comments, whichever database reads them. Text that databases
+/* True when no ";" except a last one is outside quotes and comments, whichever database reads them. Text that databases
  * read differently (escapes, "#", "[", nested comments, dollar quotes) counts as two statements when it has a ";". */
-int zq_is_single_statement(const char *statement);
-/* 1 when every database answers EXPLAIN in front of it with a plan. A refused EXPLAIN ends a PostgreSQL transaction. */
-int zq_is_plannable(const char *statement);
+bool zq_is_single_statement(const char *statement);
+/* True when every database answers EXPLAIN in front of it with a plan. A refused EXPLAIN ends a PostgreSQL transaction. */
+bool zq_is_plannable(const char *statement);
 
 #endif

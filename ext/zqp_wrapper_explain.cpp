@@ -11,7 +11,7 @@ enum { PDO_FETCH_OBJECT = 5, PDO_DRIVER_NAME = 16 };
 
 /* ---- one statement ---- */
 
-static int is_blank(char ch)
+static bool is_blank(char ch)
 {
 	return ch == ' ' || (ch >= '\t' && ch <= '\r');
 }
@@ -76,7 +76,7 @@ static const char *skip_token(const char *at, const char *end)
 	}
 }
 
-int zq_is_single_statement(const char *statement)
+bool zq_is_single_statement(const char *statement)
 {
 	const char *end = statement + strlen(statement);
 	while (end > statement && is_blank(end[-1])) {
@@ -86,7 +86,7 @@ int zq_is_single_statement(const char *statement)
 		end--;
 	}
 	if (!memchr(statement, ';', (size_t)(end - statement))) {
-		return 1;
+		return true;
 	}
 	const char *at = statement;
 	while (at && at < end) {
@@ -115,7 +115,7 @@ static const char *first_word(const char *at)
 	}
 }
 
-static int is_word_byte(char ch)
+static bool is_word_byte(char ch)
 {
 	char lower = zq_ascii_lower(ch);
 	return (lower >= 'a' && lower <= 'z') || (ch >= '0' && ch <= '9') || ch == '_' || ch == '$' || (ch & 0x80);
@@ -128,24 +128,24 @@ static int starts_with_word(const char *at, const char *word)
 }
 
 /* Anywhere, in quotes as well. */
-static int has_word(const char *text, const char *word)
+static bool has_word(const char *text, const char *word)
 {
 	for (const char *at = text; (at = zq_strcasestr(at, word)) != NULL; at++) {
 		if ((at == text || !is_word_byte(at[-1])) && starts_with_word(at, word)) {
-			return 1;
+			return true;
 		}
 	}
-	return 0;
+	return false;
 }
 
-int zq_is_plannable(const char *statement)
+bool zq_is_plannable(const char *statement)
 {
 	static const char *const writing[] = {"INSERT", "REPLACE", "UPDATE", "DELETE"};
 	static const char *const reading[] = {"SELECT", "WITH", "VALUES", "TABLE"};
 	const char *at = first_word(statement);
 	for (const char *word : writing) {
 		if (starts_with_word(at, word)) {
-			return 1;
+			return true;
 		}
 	}
 	for (const char *word : reading) {
@@ -153,7 +153,7 @@ int zq_is_plannable(const char *statement)
 			return !has_word(statement, "INTO"); /* makes a table or a file, which by now exists */
 		}
 	}
-	return 0;
+	return false;
 }
 
 /* ---- a connection that can be asked ---- */
@@ -174,17 +174,17 @@ static zval *new_number(long number)
 	return value;
 }
 
-static int is_one_of(const char *text, const char *const *words)
+static bool is_one_of(const char *text, const char *const *words)
 {
 	for (; text && *words; words++) {
 		if (strcmp(text, *words) == 0) {
-			return 1;
+			return true;
 		}
 	}
-	return 0;
+	return false;
 }
 
-static int has_columns(zval *result TSRMLS_DC)
+static bool has_columns(zval *result TSRMLS_DC)
 {
 	zval count;
 	int found = zq_call_named(result, "PDOStatement::columnCount", &count, 0, NULL TSRMLS_CC) == SUCCESS &&

@@ -26,7 +26,7 @@ int take_name(const char *prefix, const char *text, int level TSRMLS_DC)
 	if (!text || ZQG(action_name_level) >= ZQ_NAME_CONTROLLER) {
 		return 0;
 	}
-	smart_str name = {NULL, 0, 0};
+	smart_str name = {};
 	zq_append_text(&name, prefix);
 	zq_append_action(&name, text);
 	zq_set_action_name(zq_buffer_text(&name), level TSRMLS_CC);

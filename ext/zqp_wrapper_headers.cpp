@@ -36,7 +36,7 @@ void note_own_callback(const zval *handle TSRMLS_DC)
 		zend_hash_clean(handles);
 	}
 	char is_there = 1;
-	zend_hash_index_update(handles, (ulong)Z_LVAL_P(handle), &is_there, sizeof is_there, NULL);
+	zend_hash_index_update(handles, (ulong)Z_LVAL_P(handle), &is_there, sizeof(is_there), NULL);
 }
 
 /* 1 when the handle had our callback alone until now. */
@@ -66,9 +66,9 @@ void identify_curl_handle(zval *handle TSRMLS_DC)
 	}
 }
 
-long option_of(zq_stack_data *stack_data)
+long option_of(zq_stack_data *call)
 {
-	return get_argument_long(stack_data->execute_data, 1);
+	return get_argument_long(call->execute_data, 1);
 }
 
 } // namespace
@@ -85,7 +85,7 @@ void zq_append_identity(smart_str *dest TSRMLS_DC)
 
 zval *zq_identity_header(TSRMLS_D)
 {
-	smart_str line = {NULL, 0, 0};
+	smart_str line = {};
 	zq_append_text(&line, IDENTITY_HEADER);
 	zq_append_identity(&line TSRMLS_CC);
 	zval *header;
@@ -95,10 +95,10 @@ zval *zq_identity_header(TSRMLS_D)
 	return header;
 }
 
-int zq_is_identity_header(const zval *header)
+bool zq_is_identity_header(const zval *header)
 {
 	return Z_TYPE_P(header) == IS_STRING &&
-		strncmp(Z_STRVAL_P(header), IDENTITY_HEADER, sizeof IDENTITY_HEADER - 1) == 0 &&
+		strncmp(Z_STRVAL_P(header), IDENTITY_HEADER, sizeof(IDENTITY_HEADER) - 1) == 0 &&
 		!strpbrk(Z_STRVAL_P(header), "\r\n"); /* a script that forwards an id ends its line, and may go on */
 }
 
@@ -121,34 +121,34 @@ int wrapper_curl_header_handler(zend_execute_data *execute_data, char *TSRMLS_DC
 	return 0;
 }
 
-void wrapper_curl_setopt(zq_stack_data *stack_data TSRMLS_DC)
+void wrapper_curl_setopt(zq_stack_data *call TSRMLS_DC)
 {
-	long option = option_of(stack_data);
+	long option = option_of(call);
 	if (!option || option == CURLOPT_HEADERFUNCTION ||
 		option == CURLOPT_WRITEHEADER) { /* 0: curl makes a number of it */
-		forget_own_callback(get_argument_zval(stack_data->execute_data, 0) TSRMLS_CC);
+		forget_own_callback(get_argument_zval(call->execute_data, 0) TSRMLS_CC);
 	}
 	if (option != CURLOPT_HEADERFUNCTION || ZQG(webservice_should_ignored)) {
 		return;
 	}
-	zq_watch_callback(stack_data->execute_data, 2, wrapper_curl_header_handler TSRMLS_CC);
+	zq_watch_callback(call->execute_data, 2, wrapper_curl_header_handler TSRMLS_CC);
 }
 
-void wrapper_curl_setopt_array(zq_stack_data *stack_data TSRMLS_DC)
+void wrapper_curl_setopt_array(zq_stack_data *call TSRMLS_DC)
 {
-	const zval *options = get_argument_zval(stack_data->execute_data, 1);
+	const zval *options = get_argument_zval(call->execute_data, 1);
 	if (options && Z_TYPE_P(options) == IS_ARRAY &&
 		(zend_hash_index_exists(Z_ARRVAL_P(options), CURLOPT_HEADERFUNCTION) ||
 			zend_hash_index_exists(Z_ARRVAL_P(options), CURLOPT_WRITEHEADER))) {
-		forget_own_callback(get_argument_zval(stack_data->execute_data, 0) TSRMLS_CC);
+		forget_own_callback(get_argument_zval(call->execute_data, 0) TSRMLS_CC);
 	}
 }
 
 /* While an exception of one transfer's callback waits, curl cannot call ours, and would end the other transfers for
  * that. Answers to transfers in parallel cannot be told apart anyway. */
-void wrapper_curl_multi_add_handle(zq_stack_data *stack_data TSRMLS_DC)
+void wrapper_curl_multi_add_handle(zq_stack_data *call TSRMLS_DC)
 {
-	zval *handle = get_argument_zval(stack_data->execute_data, 1);
+	zval *handle = get_argument_zval(call->execute_data, 1);
 	if (forget_own_callback(handle TSRMLS_CC)) {
 		zval *none;
 		ALLOC_INIT_ZVAL(none);
@@ -158,12 +158,12 @@ void wrapper_curl_multi_add_handle(zq_stack_data *stack_data TSRMLS_DC)
 
 /* curl itself walks the script's array to its end and turns its elements into strings, and the script can see both. So
  * the call is left to do that to the array that it was given, and a longer list replaces it afterwards. */
-int performance_curl_setopt(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
+int performance_curl_setopt(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
 {
-	zval *handle = get_argument_zval(stack_data->execute_data, 0);
-	zval *given = get_argument_zval(stack_data->execute_data, 2);
-	const zval *done = stack_data->return_slot ? *stack_data->return_slot : NULL;
-	if (option_of(stack_data) != CURLOPT_HTTPHEADER || !given || Z_TYPE_P(given) != IS_ARRAY || !handle || !done ||
+	zval *handle = get_argument_zval(call->execute_data, 0);
+	zval *given = get_argument_zval(call->execute_data, 2);
+	const zval *done = call->return_slot ? *call->return_slot : NULL;
+	if (option_of(call) != CURLOPT_HTTPHEADER || !given || Z_TYPE_P(given) != IS_ARRAY || !handle || !done ||
 		!zend_is_true((zval *)done)) {
 		return 0;
 	}
@@ -180,15 +180,15 @@ int performance_curl_setopt(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
 	return 0;
 }
 
-int performance_curl_init(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
+int performance_curl_init(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
 {
-	identify_curl_handle(stack_data->return_slot ? *stack_data->return_slot : NULL TSRMLS_CC);
+	identify_curl_handle(call->return_slot ? *call->return_slot : NULL TSRMLS_CC);
 	return 0;
 }
 
-int performance_curl_reset(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
+int performance_curl_reset(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
 {
-	identify_curl_handle(get_argument_zval(stack_data->execute_data, 0) TSRMLS_CC);
+	identify_curl_handle(get_argument_zval(call->execute_data, 0) TSRMLS_CC);
 	return 0;
 }
 

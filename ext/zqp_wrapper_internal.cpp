@@ -20,7 +20,7 @@ typedef int (*zq_condition)(TSRMLS_D);
 struct zq_before_row {
 	zq_name name;
 	zq_condition wanted; /* null: always */
-	void (*handle)(zq_stack_data *stack_data TSRMLS_DC);
+	void (*handle)(zq_stack_data *call TSRMLS_DC);
 };
 
 /* Runs after a plain function, or a method of a class below. */
@@ -236,10 +236,10 @@ constexpr zq_name_sieve whole_class_sieve = sift_classes(1);
 constexpr zq_name_sieve class_sieve = sift_classes(0);
 constexpr zq_name_sieve method_sieve = sift_methods();
 
-const zq_after_row *find_method(const zq_class_row *row, const zq_stack_data *stack_data)
+const zq_after_row *find_method(const zq_class_row *row, const zq_stack_data *call)
 {
 	for (const zq_after_row &method : row->methods) {
-		if (method.name.is(stack_data->func_hash_code, stack_data->func, stack_data->func_length) ||
+		if (method.name.is(call->func_hash_code, call->func, call->func_length) ||
 			method.name.hash == zq_name_hash("*")) {
 			return &method;
 		}
@@ -247,25 +247,23 @@ const zq_after_row *find_method(const zq_class_row *row, const zq_stack_data *st
 	return NULL;
 }
 
-const zq_after_row *find_recorder(const zq_stack_data *stack_data)
+const zq_after_row *find_recorder(const zq_stack_data *call)
 {
-	if (!stack_data->cls) {
-		return zq_find_row(
-			after_rows, after_index, stack_data->func_hash_code, stack_data->func, stack_data->func_length);
+	if (!call->cls) {
+		return zq_find_row(after_rows, after_index, call->func_hash_code, call->func, call->func_length);
 	}
-	const zq_class_row *row =
-		zq_find_row(class_rows, class_index, stack_data->cls_hash_code, stack_data->cls, stack_data->cls_length);
-	return row ? find_method(row, stack_data) : NULL;
+	const zq_class_row *row = zq_find_row(class_rows, class_index, call->cls_hash_code, call->cls, call->cls_length);
+	return row ? find_method(row, call) : NULL;
 }
 
 /* 1 when a recorder has taken the call. */
-int record_call(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC)
+int record_call(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
-	if (!stack_data->func_hash_code) {
+	if (!call->func_hash_code) {
 		return 0;
 	}
-	const zq_after_row *row = find_recorder(stack_data);
-	return row && (!row->wanted || row->wanted(TSRMLS_C)) && row->record(stack_data, begin, end TSRMLS_CC);
+	const zq_after_row *row = find_recorder(call);
+	return row && (!row->wanted || row->wanted(TSRMLS_C)) && row->record(call, begin_us, end_us TSRMLS_CC);
 }
 
 } // namespace
@@ -281,39 +279,38 @@ int zq_internal_may_be_watched(const char *cls, int cls_len, const char *func)
 	return (cls ? method_sieve : function_sieve).passes((unsigned char)func[0], (unsigned char)func[1]);
 }
 
-void zq_before_internal_call(zq_stack_data *stack_data TSRMLS_DC)
+void zq_before_internal_call(zq_stack_data *call TSRMLS_DC)
 {
 	if (UNEXPECTED(ZQG(profile_end_time))) {
-		thread_profile("enter function", stack_data->func, stack_data->cls TSRMLS_CC);
+		thread_profile("enter function", call->func, call->cls TSRMLS_CC);
 	}
-	if (stack_data->cls || !stack_data->func_hash_code) {
+	if (call->cls || !call->func_hash_code) {
 		return;
 	}
 	const zq_before_row *row =
-		zq_find_row(before_rows, before_index, stack_data->func_hash_code, stack_data->func, stack_data->func_length);
+		zq_find_row(before_rows, before_index, call->func_hash_code, call->func, call->func_length);
 	if (row && (!row->wanted || row->wanted(TSRMLS_C))) {
-		row->handle(stack_data TSRMLS_CC);
+		row->handle(call TSRMLS_CC);
 	}
 }
 
-void zq_after_internal_call(zq_stack_data *stack_data, uint64 begin TSRMLS_DC)
+void zq_after_internal_call(zq_stack_data *call, uint64 begin_us TSRMLS_DC)
 {
 	if (UNEXPECTED(ZQG(profile_end_time))) {
-		thread_profile("leave function", stack_data->func, stack_data->cls TSRMLS_CC);
+		thread_profile("leave function", call->func, call->cls TSRMLS_CC);
 	}
-	if (!stack_data->func_hash_code && !ZQG(action_tracer_enabled)) {
+	if (!call->func_hash_code && !ZQG(action_tracer_enabled)) {
 		return; /* nobody wants to know how long it took */
 	}
-	uint64 end = zq_clock_us(&ZQG(clock));
-	if (!record_call(stack_data, begin, end TSRMLS_CC)) {
-		zq_trace_default(stack_data, begin, end TSRMLS_CC);
+	uint64 end_us = zq_clock_us(&ZQG(clock));
+	if (!record_call(call, begin_us, end_us TSRMLS_CC)) {
+		zq_trace_default(call, begin_us, end_us TSRMLS_CC);
 	}
 }
 
-void zq_trace_default(zq_stack_data *stack_data, uint64 begin, uint64 end TSRMLS_DC)
+void zq_trace_default(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
-	if (ZQG(action_tracer_enabled) && end - begin > ZQG(tracer_threshold_tick) && begin >= ZQG(rinit_tick)) {
-		zq_trace_call(
-			stack_data->cls, stack_data->func, stack_data->execute_data, begin, end, ZQ_TRACER_PLAIN, NULL TSRMLS_CC);
+	if (ZQG(action_tracer_enabled) && end_us - begin_us > ZQG(tracer_threshold_tick) && begin_us >= ZQG(rinit_tick)) {
+		zq_trace_call(call->cls, call->func, call->execute_data, begin_us, end_us, ZQ_TRACER_PLAIN, NULL TSRMLS_CC);
 	}
 }

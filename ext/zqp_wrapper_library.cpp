@@ -7,16 +7,16 @@
 
 namespace {
 
-int record_url(zq_stack_data *stack_data, const char *url, const char *answer, uint64 btsc, uint64 ctsc TSRMLS_DC)
+int record_url(zq_stack_data *call, const char *url, const char *answer, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
-	zq_component_spent_outside((int)((ctsc - btsc) / 1000) TSRMLS_CC);
-	return url && *url && EXTERNAL_SERVICE(stack_data, url, answer, 0, NULL, btsc, ctsc TSRMLS_CC);
+	zq_component_spent_outside((int)((end_us - begin_us) / 1000) TSRMLS_CC);
+	return url && *url && EXTERNAL_SERVICE(call, url, answer, 0, NULL, begin_us, end_us TSRMLS_CC);
 }
 
 /* For a function that is given the full URL. */
-int record_url_argument(zq_stack_data *stack_data, int arg_seq, uint64 btsc, uint64 ctsc TSRMLS_DC)
+int record_url_argument(zq_stack_data *call, int arg_seq, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
-	return record_url(stack_data, get_argument_char(stack_data->execute_data, arg_seq), NULL, btsc, ctsc TSRMLS_CC);
+	return record_url(call, get_argument_char(call->execute_data, arg_seq), NULL, begin_us, end_us TSRMLS_CC);
 }
 
 zval *property_of(zval *object, const char *name, size_t size TSRMLS_DC)
@@ -26,7 +26,7 @@ zval *property_of(zval *object, const char *name, size_t size TSRMLS_DC)
 
 void set_identity_header(zval *transport TSRMLS_DC)
 {
-	smart_str identity = {NULL, 0, 0};
+	smart_str identity = {};
 	zval *name, *value, result;
 	zq_append_identity(&identity TSRMLS_CC);
 	MAKE_STD_ZVAL(name);
@@ -45,62 +45,62 @@ void set_identity_header(zval *transport TSRMLS_DC)
 
 int wrapper_snoopy_httprequest(zend_execute_data *, char *TSRMLS_DC)
 {
-	zq_watch_after("Snoopy::_httprequest", sizeof "Snoopy::_httprequest", performance_snoopy_httprequest TSRMLS_CC);
+	zq_watch_after("Snoopy::_httprequest", sizeof("Snoopy::_httprequest"), performance_snoopy_httprequest TSRMLS_CC);
 	return 0;
 }
 
-int performance_snoopy_httprequest(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+int performance_snoopy_httprequest(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
-	return record_url_argument(stack_data, 2, btsc, ctsc TSRMLS_CC);
+	return record_url_argument(call, 2, begin_us, end_us TSRMLS_CC);
 }
 
 int wrapper_nusoap_send(zend_execute_data *execute_data, char *TSRMLS_DC)
 {
 	ZQG(webservice_should_ignored) = 1;
-	zq_watch_after("soap_transport_http::send", sizeof "soap_transport_http::send", performance_nusoap_send TSRMLS_CC);
+	zq_watch_after("soap_transport_http::send", sizeof("soap_transport_http::send"), performance_nusoap_send TSRMLS_CC);
 	if (execute_data->object && zq_identity_is_set(TSRMLS_C)) {
 		set_identity_header(execute_data->object TSRMLS_CC);
 	}
 	return 0;
 }
 
-int performance_nusoap_send(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+int performance_nusoap_send(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	ZQG(webservice_should_ignored) = 0;
-	const zval *url = property_of(stack_data->object, "url", sizeof "url" TSRMLS_CC);
+	const zval *url = property_of(call->object, "url", sizeof("url") TSRMLS_CC);
 	if (!url || Z_TYPE_P(url) != IS_STRING || !Z_STRLEN_P(url)) {
 		ZQ_LOG(ZQ_LOG_DEBUG, "nusoap_client get url fail");
-		return record_url(stack_data, NULL, NULL, btsc, ctsc TSRMLS_CC);
+		return record_url(call, NULL, NULL, begin_us, end_us TSRMLS_CC);
 	}
 	char *without_query = estrndup(Z_STRVAL_P(url), (uint)strcspn(Z_STRVAL_P(url), "?"));
-	zval *headers = property_of(stack_data->object, "incoming_headers", sizeof "incoming_headers" TSRMLS_CC);
-	const char *answer = get_hash_value_by_name(headers, "X-Vantor-Tx-Data", sizeof "X-Vantor-Tx-Data");
-	int recorded = record_url(stack_data, without_query, answer, btsc, ctsc TSRMLS_CC);
+	zval *headers = property_of(call->object, "incoming_headers", sizeof("incoming_headers") TSRMLS_CC);
+	const char *answer = get_hash_value_by_name(headers, "X-Vantor-Tx-Data", sizeof("X-Vantor-Tx-Data"));
+	int recorded = record_url(call, without_query, answer, begin_us, end_us TSRMLS_CC);
 	efree(without_query);
 	return recorded;
 }
 
-int performance_drupal_http_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+int performance_drupal_http_request(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	ZQG(webservice_should_ignored) = 0;
-	return record_url_argument(stack_data, 0, btsc, ctsc TSRMLS_CC);
+	return record_url_argument(call, 0, begin_us, end_us TSRMLS_CC);
 }
 
-int performance_wp_http_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+int performance_wp_http_request(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	ZQG(webservice_should_ignored) = 0;
-	return record_url_argument(stack_data, 0, btsc, ctsc TSRMLS_CC);
+	return record_url_argument(call, 0, begin_us, end_us TSRMLS_CC);
 }
 
-int performance_zend_http_client_request(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+int performance_zend_http_client_request(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	ZQG(webservice_should_ignored) = 0;
 	zval *as_text, url;
 	MAKE_STD_ZVAL(as_text);
 	ZVAL_BOOL(as_text, 1);
-	zq_call_named(stack_data->object, "getUri", &url, 1, &as_text TSRMLS_CC);
+	zq_call_named(call->object, "getUri", &url, 1, &as_text TSRMLS_CC);
 	const char *text = Z_TYPE(url) == IS_STRING ? Z_STRVAL(url) : NULL;
-	int recorded = record_url(stack_data, text, NULL, btsc, ctsc TSRMLS_CC);
+	int recorded = record_url(call, text, NULL, begin_us, end_us TSRMLS_CC);
 	zq_release_result(&url TSRMLS_CC);
 	zval_ptr_dtor(&as_text);
 	return recorded;

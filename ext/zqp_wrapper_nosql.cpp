@@ -22,41 +22,41 @@ void add_of_object(zq_stack_data *call, const char *to_text, const char *operati
 
 } // namespace
 
-int performance_memcached(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int performance_memcached(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	if (zq_nosql_counts(call->func, call->func_hash_code)) {
-		zq_nosql_add(ZQG(nosql_memcc), NULL, call->func, ZQ_OPERATION_UPPER, end - begin TSRMLS_CC);
+		zq_nosql_add(ZQG(nosql_memcc), NULL, call->func, ZQ_OPERATION_UPPER, end_us - begin_us TSRMLS_CC);
 	}
 	return 0;
 }
 
-int performance_redis(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int performance_redis(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	if (zq_nosql_counts(call->func, 0)) {
-		zq_nosql_add(ZQG(nosql_redis), NULL, call->func, ZQ_OPERATION_UPPER, end - begin TSRMLS_CC);
+		zq_nosql_add(ZQG(nosql_redis), NULL, call->func, ZQ_OPERATION_UPPER, end_us - begin_us TSRMLS_CC);
 	}
 	return 0;
 }
 
-int performance_mongo_collection(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int performance_mongo_collection(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	if (zq_nosql_counts(call->func, call->func_hash_code)) {
-		add_of_object(call, "MongoCollection::__toString", call->func, end - begin TSRMLS_CC);
+		add_of_object(call, "MongoCollection::__toString", call->func, end_us - begin_us TSRMLS_CC);
 	}
 	return 0;
 }
 
-int performance_mongo_script(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int performance_mongo_script(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
-	add_of_object(call, "MongoDB::__toString", "SCRIPT", end - begin TSRMLS_CC);
+	add_of_object(call, "MongoDB::__toString", "SCRIPT", end_us - begin_us TSRMLS_CC);
 	return 0;
 }
 
-int performance_mongo_manager(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int performance_mongo_manager(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	const char *place = get_argument_char(call->execute_data, 0);
 	if (place) {
-		zq_nosql_add(ZQG(nosql_mongo), place, call->func, ZQ_OPERATION_AS_GIVEN, end - begin TSRMLS_CC);
+		zq_nosql_add(ZQG(nosql_mongo), place, call->func, ZQ_OPERATION_AS_GIVEN, end_us - begin_us TSRMLS_CC);
 	}
 	return 0;
 }
@@ -71,20 +71,20 @@ int wrapper_predis_autoloader_register(zend_execute_data *, char *TSRMLS_DC)
 	return 0;
 }
 
-int performance_predis_client_call(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int performance_predis_client_call(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	const char *command = get_argument_char(call->execute_data, 0);
 	if (command && *command && zq_nosql_counts(command, 0)) {
-		zq_nosql_add(ZQG(nosql_redis), NULL, command, ZQ_OPERATION_UPPER, end - begin TSRMLS_CC);
+		zq_nosql_add(ZQG(nosql_redis), NULL, command, ZQ_OPERATION_UPPER, end_us - begin_us TSRMLS_CC);
 	}
 	return 0;
 }
 
-int performance_yiiredisConnection_executeCommand(zq_stack_data *call, uint64 begin, uint64 end TSRMLS_DC)
+int performance_yiiredisConnection_executeCommand(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	const char *command = get_argument_char(call->execute_data, 0);
 	if (command && *command) {
-		zq_nosql_add(ZQG(nosql_redis), NULL, command, ZQ_OPERATION_AS_GIVEN, end - begin TSRMLS_CC);
+		zq_nosql_add(ZQG(nosql_redis), NULL, command, ZQ_OPERATION_AS_GIVEN, end_us - begin_us TSRMLS_CC);
 	}
 	return 0;
 }

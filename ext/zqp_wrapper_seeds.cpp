@@ -36,16 +36,16 @@ constexpr zq_seed_row seed_rows[] = {
 
 void zq_init_funtion_hash(TSRMLS_D)
 {
-	memset(ZQG(watch_filter), 0, sizeof ZQG(watch_filter));
+	memset(ZQG(watch_filter), 0, sizeof(ZQG(watch_filter)));
 	zq_watch_frameworks(TSRMLS_C);
 	for (const zq_seed_row &row : seed_rows) {
 		zq_watch_before(row.name, row.size, row.callback TSRMLS_CC);
 	}
 }
 
-void wrapper_header(zq_stack_data *stack_data TSRMLS_DC)
+void wrapper_header(zq_stack_data *call TSRMLS_DC)
 {
-	const char *line = get_argument_char(stack_data->execute_data, 0);
+	const char *line = get_argument_char(call->execute_data, 0);
 	if (!line) {
 		return;
 	}
@@ -59,9 +59,9 @@ void wrapper_header(zq_stack_data *stack_data TSRMLS_DC)
 	}
 }
 
-void wrapper_set_error_handler(zq_stack_data *stack_data TSRMLS_DC)
+void wrapper_set_error_handler(zq_stack_data *call TSRMLS_DC)
 {
-	zq_watch_callback(stack_data->execute_data, 0, wrapper_user_error_handler TSRMLS_CC);
+	zq_watch_callback(call->execute_data, 0, wrapper_user_error_handler TSRMLS_CC);
 }
 
 void wrapper_ob_flush(zq_stack_data *TSRMLS_DC)

@@ -29,11 +29,11 @@ HashTable *own_http_options(php_stream_context *context, bool *made)
 {
 	HashTable *options = Z_ARRVAL_P(context->options);
 	zval **http, *fresh;
-	*made = zend_hash_find(options, "http", sizeof "http", (void **)&http) != SUCCESS;
+	*made = zend_hash_find(options, "http", sizeof("http"), (void **)&http) != SUCCESS;
 	if (*made) {
 		MAKE_STD_ZVAL(fresh);
 		array_init(fresh);
-		zend_hash_update(options, "http", sizeof "http", &fresh, sizeof fresh, (void **)&http);
+		zend_hash_update(options, "http", sizeof("http"), &fresh, sizeof(fresh), (void **)&http);
 	}
 	if (Z_TYPE_PP(http) != IS_ARRAY) {
 		return NULL;
@@ -58,7 +58,7 @@ bool put_header(php_stream_context *context, bool *made_options TSRMLS_DC)
 		zval_ptr_dtor(&header);
 		return false;
 	}
-	zend_hash_update(options, "header", sizeof "header", &header, sizeof header, NULL);
+	zend_hash_update(options, "header", sizeof("header"), &header, sizeof(header), NULL);
 	return true;
 }
 
@@ -66,7 +66,7 @@ bool put_header(php_stream_context *context, bool *made_options TSRMLS_DC)
  * function's variables when it needs it: where there is none, no answer has come. */
 HashTable *response_headers(TSRMLS_D)
 {
-	zval *headers = FIND_HASH_ZVALUE(EG(active_symbol_table), "http_response_header", sizeof "http_response_header");
+	zval *headers = FIND_HASH_ZVALUE(EG(active_symbol_table), "http_response_header", sizeof("http_response_header"));
 	return headers && Z_TYPE_P(headers) == IS_ARRAY ? Z_ARRVAL_P(headers) : NULL;
 }
 
@@ -82,57 +82,57 @@ php_stream_context *context_apart(TSRMLS_D)
 	return context;
 }
 
-void before_stream_call(zq_stack_data *stack_data, int context_seq TSRMLS_DC)
+void before_stream_call(zq_stack_data *call, int context_seq TSRMLS_DC)
 {
-	if (!zq_is_http_url(get_argument_char(stack_data->execute_data, 0))) {
+	if (!zq_is_http_url(get_argument_char(call->execute_data, 0))) {
 		return;
 	}
-	stack_data->earlier_headers = response_headers(TSRMLS_C);
+	call->earlier_headers = response_headers(TSRMLS_C);
 	if (!zq_identity_is_set(TSRMLS_C)) {
 		return;
 	}
-	php_stream_context *context = context_of_call(stack_data->execute_data, context_seq TSRMLS_CC);
-	if (context && put_header(context, &stack_data->lent_options TSRMLS_CC)) {
-		stack_data->lent_context = context;
+	php_stream_context *context = context_of_call(call->execute_data, context_seq TSRMLS_CC);
+	if (context && put_header(context, &call->lent_options TSRMLS_CC)) {
+		call->lent_context = context;
 	}
 }
 
 } // namespace
 
-int zq_is_http_url(const char *url)
+bool zq_is_http_url(const char *url)
 {
 	return url && (strstr(url, "http://") || strstr(url, "https://"));
 }
 
-void wrapper_file_get_contents(zq_stack_data *stack_data TSRMLS_DC)
+void wrapper_file_get_contents(zq_stack_data *call TSRMLS_DC)
 {
-	before_stream_call(stack_data, 2 TSRMLS_CC);
+	before_stream_call(call, 2 TSRMLS_CC);
 }
-void wrapper_fopen(zq_stack_data *stack_data TSRMLS_DC)
+void wrapper_fopen(zq_stack_data *call TSRMLS_DC)
 {
-	before_stream_call(stack_data, 3 TSRMLS_CC);
+	before_stream_call(call, 3 TSRMLS_CC);
 }
 
-void zq_take_back_header(zq_stack_data *stack_data TSRMLS_DC)
+void zq_take_back_header(zq_stack_data *call TSRMLS_DC)
 {
-	php_stream_context *context = stack_data->lent_context;
+	php_stream_context *context = call->lent_context;
 	const zval *current = GET_CONTEXT_HTTP_OPTION(context, "header");
 	if (!current || !zq_is_identity_header(current)) {
 		return; /* nothing was lent, or a callback of the script has set another */
 	}
 	bool made;
 	HashTable *options = own_http_options(context, &made);
-	zend_hash_del(options, "header", sizeof "header");
-	if (stack_data->lent_options && zend_hash_num_elements(options) == 0) {
-		zend_hash_del(Z_ARRVAL_P(context->options), "http", sizeof "http");
+	zend_hash_del(options, "header", sizeof("header"));
+	if (call->lent_options && zend_hash_num_elements(options) == 0) {
+		zend_hash_del(Z_ARRVAL_P(context->options), "http", sizeof("http"));
 	}
 }
 
 /* A call that fails before there is an answer leaves the variable of an earlier one as it was. */
-const char *zq_stream_answer(const zq_stack_data *stack_data TSRMLS_DC)
+const char *zq_stream_answer(const zq_stack_data *call TSRMLS_DC)
 {
 	const HashTable *headers = response_headers(TSRMLS_C);
-	if (!headers || headers == stack_data->earlier_headers) {
+	if (!headers || headers == call->earlier_headers) {
 		return NULL;
 	}
 	for (const Bucket *at = headers->pListTail; at; at = at->pListLast) {
@@ -151,14 +151,14 @@ void zq_identify_soap_client(zval *client TSRMLS_DC)
 	if (!properties) {
 		return;
 	}
-	zval *value = FIND_HASH_ZVALUE(properties, "_stream_context", sizeof "_stream_context");
+	zval *value = FIND_HASH_ZVALUE(properties, "_stream_context", sizeof("_stream_context"));
 	php_stream_context *context = NULL;
 	bool made_options;
 	if (!value) {
 		context = context_apart(TSRMLS_C);
 		MAKE_STD_ZVAL(value);
 		ZVAL_RESOURCE(value, context->rsrc_id); /* the property holds the only reference */
-		zend_hash_update(properties, "_stream_context", sizeof "_stream_context", &value, sizeof value, NULL);
+		zend_hash_update(properties, "_stream_context", sizeof("_stream_context"), &value, sizeof(value), NULL);
 	} else if (Z_TYPE_P(value) == IS_RESOURCE) {
 		context = context_of_value(value TSRMLS_CC);
 	}
@@ -166,9 +166,9 @@ void zq_identify_soap_client(zval *client TSRMLS_DC)
 		put_header(context, &made_options TSRMLS_CC);
 	}
 	/* without "trace" the client drops response headers; with it, it sets properties that a __set would see */
-	if (!Z_OBJCE_P(client)->__set && !zend_hash_exists(properties, "trace", sizeof "trace")) {
+	if (!Z_OBJCE_P(client)->__set && !zend_hash_exists(properties, "trace", sizeof("trace"))) {
 		MAKE_STD_ZVAL(value);
 		ZVAL_LONG(value, 1);
-		zend_hash_update(properties, "trace", sizeof "trace", &value, sizeof value, NULL);
+		zend_hash_update(properties, "trace", sizeof("trace"), &value, sizeof(value), NULL);
 	}
 }

@@ -60,7 +60,7 @@ int call_protocol(zval *protocol, const char *method, zend_uint count, zval **pa
 
 zval *identity_field_value(TSRMLS_D)
 {
-	smart_str json = {NULL, 0, 0};
+	smart_str json = {};
 	zq_append_text(&json, "{\"VantorID\":\"");
 	zq_append_identity(&json TSRMLS_CC);
 	zq_append_text(&json, "\"}");
@@ -70,13 +70,13 @@ zval *identity_field_value(TSRMLS_D)
 }
 
 /* "thrift://<host>/<class>.<function>" */
-char *service_url(const zq_stack_data *stack_data TSRMLS_DC)
+char *service_url(const zq_stack_data *call TSRMLS_DC)
 {
 	if (!ZQG(thrift_host)) {
 		ZQG(thrift_host) = estrdup("unknown-thrift-host");
 	}
 	char *url;
-	spprintf(&url, 0, "thrift://%s/%s.%s", ZQG(thrift_host), stack_data->cls ? stack_data->cls : "", stack_data->func);
+	spprintf(&url, 0, "thrift://%s/%s.%s", ZQG(thrift_host), call->cls ? call->cls : "", call->func);
 	for (char *at = url; (at = strchr(at, '\\')) != NULL; at++) {
 		*at = '.';
 	}
@@ -90,7 +90,7 @@ const char *pending_message(TSRMLS_D)
 		return NULL;
 	}
 	const zval *message = zend_read_property(
-		zend_exception_get_default(TSRMLS_C), EG(exception), (char *)"message", sizeof "message" - 1, 1 TSRMLS_CC);
+		zend_exception_get_default(TSRMLS_C), EG(exception), (char *)"message", sizeof("message") - 1, 1 TSRMLS_CC);
 	return message && Z_TYPE_P(message) == IS_STRING && Z_STRLEN_P(message) ? Z_STRVAL_P(message) : NULL;
 }
 
@@ -115,9 +115,9 @@ int wrapper_thrift_protocol_writemessagebegin(zend_execute_data *execute_data, c
 	const zend_class_entry *client = calling_class(execute_data);
 	if (client) {
 		watch_service_method(client, message TSRMLS_CC);
-		zq_watch_before(THRIFT_PROTOCOL "::writeFieldStop", sizeof THRIFT_PROTOCOL "::writeFieldStop",
+		zq_watch_before(THRIFT_PROTOCOL "::writeFieldStop", sizeof(THRIFT_PROTOCOL "::writeFieldStop"),
 			wrapper_thrift_protocol_writefieldstop TSRMLS_CC);
-		zq_watch_before("Thrift\\Protocol\\TProtocol::skip", sizeof "Thrift\\Protocol\\TProtocol::skip",
+		zq_watch_before("Thrift\\Protocol\\TProtocol::skip", sizeof("Thrift\\Protocol\\TProtocol::skip"),
 			wrapper_thrift_protocol_skip TSRMLS_CC);
 	}
 	ZQG(webservice_should_ignored) = 1;
@@ -144,28 +144,28 @@ int wrapper_thrift_protocol_writefieldstop(zend_execute_data *execute_data, char
 int wrapper_thrift_protocol_skip(zend_execute_data *, char *TSRMLS_DC)
 {
 	if (ZQG(transaction_tracer_enabled)) {
-		zq_watch_after(THRIFT_PROTOCOL "::readString", sizeof THRIFT_PROTOCOL "::readString",
+		zq_watch_after(THRIFT_PROTOCOL "::readString", sizeof(THRIFT_PROTOCOL "::readString"),
 			performance_thrift_protocol_readstring TSRMLS_CC);
 	}
 	return 0;
 }
 
-int performance_thrift_protocol_readstring(zq_stack_data *stack_data, uint64, uint64 TSRMLS_DC)
+int performance_thrift_protocol_readstring(zq_stack_data *call, uint64, uint64 TSRMLS_DC)
 {
-	const char *text = get_argument_char(stack_data->execute_data, 0); /* by reference: what was read */
+	const char *text = get_argument_char(call->execute_data, 0); /* by reference: what was read */
 	if (text && strstr(text, ANSWER_KEY)) {
 		zq_replace_text(&ZQG(thrift_tx_data), estrdup(text));
 	}
 	return 0;
 }
 
-int performance_thrift_custom_function(zq_stack_data *stack_data, uint64 btsc, uint64 ctsc TSRMLS_DC)
+int performance_thrift_custom_function(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	ZQG(webservice_should_ignored) = 0;
-	zq_component_spent_outside((int)((ctsc - btsc) / 1000) TSRMLS_CC);
-	char *url = service_url(stack_data TSRMLS_CC);
+	zq_component_spent_outside((int)((end_us - begin_us) / 1000) TSRMLS_CC);
+	char *url = service_url(call TSRMLS_CC);
 	int recorded =
-		EXTERNAL_SERVICE(stack_data, url, ZQG(thrift_tx_data), 0, pending_message(TSRMLS_C), btsc, ctsc TSRMLS_CC);
+		EXTERNAL_SERVICE(call, url, ZQG(thrift_tx_data), 0, pending_message(TSRMLS_C), begin_us, end_us TSRMLS_CC);
 	efree(url);
 	zq_replace_text(&ZQG(thrift_tx_data), NULL);
 	return recorded;

@@ -83,7 +83,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 		zend_set_user_opcode_handler(ZEND_EXIT, zq_exit);
 	}
 	zq_log_init(TSRMLS_C);
-	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_VERSION);
+	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_PROTOCOL_VERSION);
 	zq_log_share();
 	connect_or_launch_daemon(TSRMLS_C);
 	g_cli = strcasecmp(sapi_module.name, "cli") == 0;
@@ -129,7 +129,7 @@ static void zm_info_zqprof(ZEND_MODULE_INFO_FUNC_ARGS)
 	int enabled = zend_ini_long((char *)"zqs.agent_enabled", sizeof("zqs.agent_enabled"), 0) == 1;
 	php_info_print_table_start();
 	php_info_print_table_header(2, ZQ_MODULE_NAME, enabled ? "enabled" : "disabled");
-	php_info_print_table_row(2, "Version", ZQ_VERSION);
+	php_info_print_table_row(2, "Version", ZQ_PROTOCOL_VERSION);
 	php_info_print_table_row(2, "zqs.license_key", g->license);
 	php_info_print_table_row(2, "zqs.app_name", g->app_name);
 	print_setting("zqs.prefix", sizeof("zqs.prefix") TSRMLS_CC);
@@ -149,7 +149,7 @@ static zend_module_entry zqprof_module_entry = {
 	zm_activate_zqprof,
 	zm_deactivate_zqprof,
 	zm_info_zqprof,
-	ZQ_VERSION,
+	ZQ_PROTOCOL_VERSION,
 	STANDARD_MODULE_PROPERTIES,
 };
 

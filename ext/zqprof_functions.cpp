@@ -59,7 +59,7 @@ static void set_action_name(const char *name TSRMLS_DC)
 }
 
 /* The agent's own calls may run PHP code that calls back into the functions below: lists must stay as they are then. */
-static int may_change_action(TSRMLS_D)
+static bool may_change_action(TSRMLS_D)
 {
 	return g_module_up && g_cli && ZQG(request_open) && !ZQG(in_agent_call);
 }
@@ -155,7 +155,7 @@ static void notice_object(zval *object TSRMLS_DC)
 	}
 	Z_ADDREF_P(message); /* the object's getTrace() may replace it */
 	if (Z_TYPE_P(message) == IS_STRING && Z_STRLEN_P(message)) {
-		smart_str stack = {NULL, 0, 0};
+		smart_str stack = {};
 		zq_get_exception_stack(object, &stack TSRMLS_CC);
 		ZQG(error) = error_element_alloc(Z_STRVAL_P(message), Z_OBJCE_P(object)->name, zq_buffer_text(&stack));
 	}

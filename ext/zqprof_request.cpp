@@ -54,7 +54,7 @@ static int accept_command_line(const char *script TSRMLS_DC)
 		ZQ_LOG(ZQ_LOG_VERBOSE, "agent disabled due to CLI and NO script");
 		return 0;
 	}
-	smart_str name = {NULL, 0, 0};
+	smart_str name = {};
 	zq_append_text(&name, "BackgroundAction/Script/");
 	zq_append_action(&name, script);
 	zq_set_action_name(zq_buffer_text(&name), ZQ_NAME_FROZEN TSRMLS_CC);

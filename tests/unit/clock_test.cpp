@@ -52,12 +52,12 @@ TEST_F(Clock, FollowsTheKernelsClockWhoseRateChangesAndNeverGoesBack)
 		}
 		EXPECT_LE(llabs(lead()), 1) << rate << ": the slope has been learnt";
 	}
-	EXPECT_FALSE(clock.is_forsaken);
+	EXPECT_FALSE(clock.is_abandoned);
 }
 
 TEST_F(Clock, GivesUpACounterThatRunsOffAndGoesOnByTheKernelsClock)
 {
-	const struct { const char *what; uint64 ns; int64_t ticks; bool is_forsaken; } cases[] = {
+	const struct { const char *what; uint64 ns; int64_t ticks; bool is_abandoned; } cases[] = {
 		{"nobody asked for an hour", 3600 * second, (int64_t)(3600 * second * 2.4), false},
 		{"the host slept, the counter did not", 0, (int64_t)(30 * second * 2.4), false},
 		{"was interrupted while both were read", second / 5, (int64_t)(second / 5 * 2.4 * 1.004), false},
@@ -73,12 +73,12 @@ TEST_F(Clock, GivesUpACounterThatRunsOffAndGoesOnByTheKernelsClock)
 		ns += c.ns;
 		uint64 us = read();
 		EXPECT_GE(us, before) << c.what;
-		EXPECT_EQ(clock.is_forsaken, c.is_forsaken) << c.what;
-		EXPECT_EQ(clock.span == 0, c.is_forsaken) << c.what;
+		EXPECT_EQ(clock.is_abandoned, c.is_abandoned) << c.what;
+		EXPECT_EQ(clock.span == 0, c.is_abandoned) << c.what;
 		EXPECT_LT(us, ns / 1000 + 101000) << c.what; /* no further than the old line led */
 		after(2 * second);
 		after(second / 5);
-		EXPECT_LE(c.is_forsaken ? 0 : llabs(lead()), 1) << c.what << ": back in step";
+		EXPECT_LE(c.is_abandoned ? 0 : llabs(lead()), 1) << c.what << ": back in step";
 	}
 }
 
