@@ -114,7 +114,7 @@ TEST_F(MetricPacket, DropsATraceThatNoLengthCanFrameAndSendsTheRest)
 	tracer_element call = {};
 	call.func = estrdup(std::string(0x1000000, 'f').c_str());
 	call.start = ZQG(rinit_tick);
-	call.end = ZQG(rinit_tick) + 1000;
+	call.end = ZQG(rdown_tick) = ZQG(rinit_tick) + 1000; /* within the action, or it has no place in its trace */
 	zend_llist_add_element(ZQG(tracer), &call);
 	EXPECT_EQ(4u + 8 + 7 + 5 * 8, report(0).size());
 }
