@@ -97,7 +97,8 @@ char *zq_explain(const zq_sql_api *api, zq_stack_data *call, const char *stateme
 /* True when no ";" except a last one is outside quotes and comments, whichever database reads them. Text that databases
  * read differently (escapes, "#", "[", nested comments, dollar quotes) counts as two statements when it has a ";". */
 bool zq_is_single_statement(const char *statement);
-/* True when every database answers EXPLAIN in front of it with a plan. A refused EXPLAIN ends a PostgreSQL transaction. */
+/* True when every database answers EXPLAIN in front of it with a plan. A refused EXPLAIN ends a PostgreSQL transaction.
+ */
 bool zq_is_plannable(const char *statement);
 
 #endif
