@@ -95,13 +95,13 @@ static component_element *take_component(zend_zqprof_globals *g, const zend_exec
 	return NULL;
 }
 
-static void end_call(zend_execute_data *frame, uint64 start, uint64 end TSRMLS_DC)
+static void end_call(zend_execute_data *frame, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	zq_callee callee = zq_callee_of(frame TSRMLS_CC);
-	int elapsed_ms = (int)((end - start) / 1000);
-	bool is_traced = g->action_tracer_enabled && end - start > g->tracer_threshold_tick && start >= g->rinit_tick &&
-		g->ended_count < MOST_NOTED;
+	int elapsed_ms = (int)((end_us - begin_us) / 1000);
+	bool is_traced = g->action_tracer_enabled && end_us - begin_us > g->tracer_threshold_tick &&
+		begin_us >= g->rinit_tick && g->ended_count < MOST_NOTED;
 	const component_element *component = take_component(g, frame, elapsed_ms);
 	if (!callee.func || (!is_traced && !(component && elapsed_ms > 0))) {
 		return;
@@ -115,8 +115,8 @@ static void end_call(zend_execute_data *frame, uint64 start, uint64 end TSRMLS_D
 	if (!call) {
 		return;
 	}
-	call->start = start;
-	call->end = end;
+	call->start = begin_us;
+	call->end = end_us;
 	call->lineno = lineno;
 	call->is_traced = is_traced;
 	call->is_component = component && elapsed_ms > 0;

@@ -30,12 +30,12 @@ static inline zend_class_entry *zq_class_of_call(const zend_function *function, 
 }
 
 /* Around every call that is timed. Calls nested deeper than there are rows have none. */
-static inline void zq_call_begins(zend_zqprof_globals *g, zend_execute_data *frame, uint64 start)
+static inline void zq_call_begins(zend_zqprof_globals *g, zend_execute_data *frame, uint64 begin_us)
 {
 	unsigned row = g->open_calls++;
 	if (EXPECTED(row < ZQ_OPEN_CALLS)) {
 		g->open_frames[row] = frame;
-		g->open_starts[row] = start;
+		g->open_starts[row] = begin_us;
 	}
 }
 static inline void zq_call_returned(zend_zqprof_globals *g)

@@ -119,22 +119,22 @@ static void zq_before_function_call(zq_stack_data *stack, zq_user_func_data *use
 	}
 }
 
-static void zq_after_function_call(zq_stack_data *stack, zq_user_func_data *user_data, uint64 start TSRMLS_DC)
+static void zq_after_function_call(zq_stack_data *stack, zq_user_func_data *user_data, uint64 begin_us TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	if (g->profile_end_time) {
 		thread_profile("leave function", user_data->func_full_name, NULL TSRMLS_CC);
 	}
-	uint64 now = zq_clock_us(&g->clock);
+	uint64 end_us = zq_clock_us(&g->clock);
 	zq_performance_callback callback = user_data->func_full_name
 		? zq_find_after(user_data->func_full_name, (size_t)user_data->func_full_size TSRMLS_CC)
 		: NULL;
-	if (!callback || !callback(stack, start, now TSRMLS_CC)) {
-		zq_trace_default(stack, start, now TSRMLS_CC);
+	if (!callback || !callback(stack, begin_us, end_us TSRMLS_CC)) {
+		zq_trace_default(stack, begin_us, end_us TSRMLS_CC);
 	}
 	if (user_data->llist_comp_ele) {
 		zq_component_close(user_data->llist_comp_ele, user_data->component_generation, stack->cls, stack->func,
-			(int)((now - start) / 1000) TSRMLS_CC);
+			(int)((end_us - begin_us) / 1000) TSRMLS_CC);
 	}
 }
 
@@ -205,7 +205,7 @@ static void remove_stub(const callee_stub *stub, zend_execute_data *frame)
 
 /* The engine still holds the callee's symbol table and op array here, and destroys the active symbol table next. What
  * raises an error or releases objects in between must see the caller's. */
-static zend_never_inline void after_user_call(user_call *call, zend_execute_data *caller, uint64 start TSRMLS_DC)
+static zend_never_inline void after_user_call(user_call *call, zend_execute_data *caller, uint64 begin_us TSRMLS_DC)
 {
 	zend_op **opline_ptr = EG(opline_ptr);
 	zend_op_array *active_op_array = EG(active_op_array);
@@ -228,7 +228,7 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	}
 	user_data.llist_comp_ele = call->is_awaited ? call->component : NULL;
 	user_data.component_generation = call->component_generation;
-	zq_after_function_call(&stack, &user_data, start TSRMLS_CC);
+	zq_after_function_call(&stack, &user_data, begin_us TSRMLS_CC);
 	free_full_name(&user_data, &stack);
 	if (call->is_closure) {
 		remove_stub(&stub, caller);
@@ -238,9 +238,9 @@ static zend_never_inline void after_user_call(user_call *call, zend_execute_data
 	EG(active_symbol_table) = active_symbol_table;
 }
 
-static inline int took_long(zend_zqprof_globals *g, uint64 start)
+static inline int took_long(zend_zqprof_globals *g, uint64 begin_us)
 {
-	return g->action_tracer_enabled && (int64_t)(zq_clock_us(&g->clock) - start) > (int64_t)g->tracer_threshold_tick;
+	return g->action_tracer_enabled && (int64_t)(zq_clock_us(&g->clock) - begin_us) > (int64_t)g->tracer_threshold_tick;
 }
 
 static zend_never_inline void intercept_user_call(zend_execute_data *execute_data, zend_execute_data *caller TSRMLS_DC)
@@ -257,13 +257,13 @@ static zend_never_inline void intercept_user_call(zend_execute_data *execute_dat
 	if (UNEXPECTED(g->tracer_level == 1 || g->profile_end_time) || is_watched(g, &call)) {
 		before_user_call(&call, caller TSRMLS_CC);
 	}
-	uint64 start = zq_clock_us(&g->clock);
-	zq_call_begins(g, caller, start);
+	uint64 begin_us = zq_clock_us(&g->clock);
+	zq_call_begins(g, caller, begin_us);
 	_zend_execute_ex(execute_data TSRMLS_CC);
 	zq_call_returned(g);
 	if (g->hook_enabled &&
-		(UNEXPECTED(call.is_awaited) || UNEXPECTED(took_long(g, start)) || is_watched_after(g, &call))) {
-		after_user_call(&call, caller, start TSRMLS_CC);
+		(UNEXPECTED(call.is_awaited) || UNEXPECTED(took_long(g, begin_us)) || is_watched_after(g, &call))) {
+		after_user_call(&call, caller, begin_us TSRMLS_CC);
 	}
 	drop_closure_name(&call);
 	g->tracer_level = call.level_before;
@@ -317,12 +317,12 @@ static zend_never_inline void before_trampoline(zend_execute_data *frame, const 
 }
 
 static zend_never_inline void after_trampoline(
-	zend_execute_data *frame, zend_class_entry *scope, const char *func, uint64 start TSRMLS_DC)
+	zend_execute_data *frame, zend_class_entry *scope, const char *func, uint64 begin_us TSRMLS_DC)
 {
 	zq_stack_data stack = unwatched_call(frame, scope ? scope->name : NULL, func);
 	callee_stub stub;
 	put_stub(&stub, frame, func, scope);
-	zq_after_internal_call(&stack, start TSRMLS_CC);
+	zq_after_internal_call(&stack, begin_us TSRMLS_CC);
 	remove_stub(&stub, frame);
 }
 
@@ -334,12 +334,12 @@ static zend_never_inline void run_trampoline(
 	zend_class_entry *scope = frame->function_state.function->common.scope;
 	char *func = estrdup(frame->function_state.function->common.function_name);
 	before_trampoline(frame, scope ? scope->name : NULL, func TSRMLS_CC);
-	uint64 start = zq_clock_us(&ZQG(clock));
-	zq_call_begins(zq_globals(TSRMLS_C), frame, start);
+	uint64 begin_us = zq_clock_us(&ZQG(clock));
+	zq_call_begins(zq_globals(TSRMLS_C), frame, begin_us);
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
 	zq_call_returned(zq_globals(TSRMLS_C));
 	if (ZQG(hook_enabled)) {
-		after_trampoline(frame, scope, func, start TSRMLS_CC);
+		after_trampoline(frame, scope, func, begin_us TSRMLS_CC);
 	}
 	efree(func);
 }
@@ -366,23 +366,23 @@ static zend_never_inline void run_watched(
 	stack.return_slot = internal_return_slot(frame, fci);
 	hash_names(&stack);
 	zq_before_internal_call(&stack TSRMLS_CC);
-	uint64 start = zq_clock_us(&ZQG(clock));
+	uint64 begin_us = zq_clock_us(&ZQG(clock));
 	unsigned around = ZQG(open_calls); /* a SOAP client may have caught a bailout of calls inside it */
-	zq_call_begins(zq_globals(TSRMLS_C), frame, start);
+	zq_call_begins(zq_globals(TSRMLS_C), frame, begin_us);
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
 	ZQG(open_calls) = around;
 	if (ZQG(hook_enabled)) {
-		zq_after_internal_call(&stack, start TSRMLS_CC);
+		zq_after_internal_call(&stack, begin_us TSRMLS_CC);
 	}
 }
 
 /* Names the callee by the frame, so that the call itself has nothing to keep for it. */
-static zend_never_inline void trace_unwatched(zend_execute_data *frame, uint64 start TSRMLS_DC)
+static zend_never_inline void trace_unwatched(zend_execute_data *frame, uint64 begin_us TSRMLS_DC)
 {
 	const zend_function *function = frame->function_state.function;
 	zend_class_entry *scope = function->common.scope;
 	zq_stack_data stack = unwatched_call(frame, scope ? scope->name : NULL, function->common.function_name);
-	zq_trace_default(&stack, start, zq_clock_us(&ZQG(clock)) TSRMLS_CC);
+	zq_trace_default(&stack, begin_us, zq_clock_us(&ZQG(clock)) TSRMLS_CC);
 }
 
 static zend_never_inline void intercept_internal_call(
@@ -405,12 +405,12 @@ static zend_never_inline void intercept_internal_call(
 		run_internal(frame, fci, return_value_used TSRMLS_CC);
 		return;
 	}
-	uint64 start = zq_clock_us(&g->clock);
-	zq_call_begins(g, frame, start);
+	uint64 begin_us = zq_clock_us(&g->clock);
+	zq_call_begins(g, frame, begin_us);
 	run_internal(frame, fci, return_value_used TSRMLS_CC);
 	zq_call_returned(g);
-	if (g->hook_enabled && UNEXPECTED(took_long(g, start))) {
-		trace_unwatched(frame, start TSRMLS_CC);
+	if (g->hook_enabled && UNEXPECTED(took_long(g, begin_us))) {
+		trace_unwatched(frame, begin_us TSRMLS_CC);
 	}
 }
 
@@ -440,12 +440,12 @@ int zq_exit(ZEND_OPCODE_HANDLER_ARGS)
 /* ---- compiling --------------------------------------------------------------------------------------------------- */
 
 /* Adds a slow compilation to the trace; adopts `filename`. */
-static void trace_compile(char *filename, uint64 start, uint64 end TSRMLS_DC)
+static void trace_compile(char *filename, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	tracer_element *element = tracer_element_alloc("PHP", "compile");
 	element->filename = filename;
-	element->start = start;
-	element->end = end;
+	element->start = begin_us;
+	element->end = end_us;
 	zq_trace_append(element TSRMLS_CC);
 }
 
@@ -463,19 +463,19 @@ zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC
 	}
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	char *filename = estrdup(file_handle->filename); /* opening may replace it */
-	uint64 start = zq_clock_us(&g->clock);
+	uint64 begin_us = zq_clock_us(&g->clock);
 	zend_execute_data *around = g->compiling_in;
 	g->compiling_in = EG(current_execute_data);
 	zend_op_array *compiled = compile_unseen(file_handle, type TSRMLS_CC);
 	g->compiling_in = around;
-	uint64 end = zq_clock_us(&g->clock);
+	uint64 end_us = zq_clock_us(&g->clock);
 	if (!g->hook_enabled) { /* the script ended its action while an error handler ran */
 		efree(filename);
 		return compiled;
 	}
-	zq_component_add("PHP/NULL/compile", (int)((end - start) / 1000), 0 TSRMLS_CC);
-	if (g->action_tracer_enabled && end - start > g->tracer_threshold_tick) {
-		trace_compile(filename, start, end TSRMLS_CC);
+	zq_component_add("PHP/NULL/compile", (int)((end_us - begin_us) / 1000), 0 TSRMLS_CC);
+	if (g->action_tracer_enabled && end_us - begin_us > g->tracer_threshold_tick) {
+		trace_compile(filename, begin_us, end_us TSRMLS_CC);
 	} else {
 		efree(filename);
 	}
