@@ -11,6 +11,7 @@
 #include "store/profile_orders.h"
 
 #include <chrono>
+#include <csignal>
 #include <stdexcept>
 #include <thread>
 
@@ -20,14 +21,30 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Waits for a process to take the order; nothing when none did in time.
+volatile sig_atomic_t interrupted = 0;
+
+// The first interrupt ends the profile, a second one the program.
+void end_on_interrupt()
+{
+	struct sigaction action = {};
+	action.sa_handler = [](int) { interrupted = 1; };
+	action.sa_flags = SA_RESETHAND;
+	for (int signal : {SIGINT, SIGTERM}) sigaction(signal, &action, nullptr);
+}
+
+bool is_over(ProfileOrders &orders, int64_t order)
+{
+	return interrupted || orders.ended(order);
+}
+
+// Waits for a process to take the order; nothing when none did in time, or the order was ended.
 std::optional<std::pair<int64_t, int64_t>> wait_for_start(ProfileOrders &orders, int64_t order)
 {
 	constexpr int64_t wait_ms = profile_wait_ms - 5000;
 	int64_t begin_ms = wall_clock_ms(), told_ms = begin_ms;
 	for (;;) {
 		auto start = orders.start_of(order);
-		if (start) return start;
+		if (start || is_over(orders, order)) return start;
 		int64_t now_ms = wall_clock_ms();
 		if (now_ms - begin_ms > wait_ms) return std::nullopt;
 		if (now_ms - told_ms >= 10000) {
@@ -39,29 +56,56 @@ std::optional<std::pair<int64_t, int64_t>> wait_for_start(ProfileOrders &orders,
 	}
 }
 
+// The profile as far as it came; it may have been ended early.
+void print_profile(Reader &store, const std::string &application, int64_t started_ms)
+{
+	ProfilePrinter printer;
+	store.each_profile_event({application, {started_ms}}, [&](const ProfileEvent &event) { put(printer.add(event)); });
+	if (printer.events() == 0) tell("No events came: these processes began no further request in that time.");
+}
+
 int profile(const DaemonConfig &config, const std::string &application, int64_t seconds)
 {
+	auto refusal = access_refusal(config);
+	if (refusal) throw std::runtime_error(*refusal);
 	if (!daemon_answers(config)) throw std::runtime_error("no daemon is running; see `quorbit status`");
 	auto store = open_reader(config);
 	require_application(*store, application);
 	ProfileOrders orders(config.store_file());
+	end_on_interrupt();
 	int64_t order = orders.order(application, seconds);
-	tell("Waiting for a process of \"" + printable(application) + "\" to ask for its configuration.");
+	tell("Waiting for a process of \"" + application + "\" to ask for its configuration.");
 	tell("A process asks at the start of a request, at most once a minute: this may take 65 s, and needs requests.");
 	auto start = wait_for_start(orders, order);
+	bool over = is_over(orders, order);
 	if (!start) {
 		orders.cancel(order);
-		throw std::runtime_error(
-			"no process of this application asked; `quorbit status` lists applications and their last query");
+		throw std::runtime_error(over ? "the profile was ended before a process began it"
+									  : "no process of this application asked; `quorbit status` lists applications and "
+										"their last query");
 	}
 	auto [process, started_ms] = *start;
 	tell("Process " + std::to_string(process) + " profiles for " + std::to_string(seconds) +
 		" s; others join as they ask.");
 	// One second for the rounding of the clock, one for the last events to be stored.
-	while (wall_clock_ms() < started_ms + (seconds + 2) * 1000) std::this_thread::sleep_for(200ms);
-	ProfilePrinter printer;
-	store->each_profile_event({application, {started_ms}}, [&](const ProfileEvent &event) { put(printer.add(event)); });
-	if (printer.events() == 0) tell("No events came: these processes began no further request in that time.");
+	const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds + 2);
+	while (std::chrono::steady_clock::now() < end && !(over = is_over(orders, order)))
+		std::this_thread::sleep_for(200ms);
+	if (over) {
+		orders.cancel(order);
+		tell("The profile was ended early; this is what came until then.");
+	}
+	print_profile(*store, application, started_ms);
+	return 0;
+}
+
+int stop(const DaemonConfig &config, const std::string &application)
+{
+	require_application(*open_reader(config), application);
+	int64_t ended = ProfileOrders(config.store_file()).stop(application);
+	if (ended == 0) throw std::runtime_error("no profile of \"" + application + "\" waits or runs");
+	put("Ended " + std::to_string(ended) + (ended == 1 ? " profile of " : " profiles of ") + printable(application) +
+		"; processes that ask again stop at once, others at the time that they were given.\n");
 	return 0;
 }
 
@@ -71,11 +115,17 @@ CommandRun add_profile(CLI::App &command)
 {
 	struct ProfileOptions {
 		std::string application, duration;
+		bool stop = false;
 	};
 	auto options = std::make_shared<ProfileOptions>();
 	command.add_option("APP", options->application, "name of the application")->required();
-	command.add_option("TIME", options->duration, "how long, such as 30s")->required()->check(check_seconds);
+	command.add_option("TIME", options->duration, "how long, such as 30s")->check(check_seconds);
+	command.add_flag("--stop", options->stop, "end every profile of the application, whoever ordered it");
+	command.parse_complete_callback([options] {
+		if (!options->stop && options->duration.empty()) throw CLI::RequiredError("TIME");
+	});
 	return [options](const DaemonConfig &config) {
+		if (options->stop) return stop(config, options->application);
 		return profile(config, options->application, *parse_seconds(options->duration));
 	};
 }

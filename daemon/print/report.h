@@ -5,6 +5,7 @@
 #include "base/config.h"
 #include "base/json_text.h"
 #include "print/page.h"
+#include "store/profile_orders.h"
 #include "store/reader.h"
 #include "facts/trace.h"
 
@@ -81,8 +82,10 @@ std::string top_text(const std::vector<SumRow> &sums, size_t width);
 std::string dropped_text(const std::vector<DroppedRow> &rows);
 // Per application its last query and packet, its PHP and the settings given; "" when there is none.
 std::string status_text(const std::vector<ApplicationRow> &applications, int64_t now_wall_ms);
-// What to look at when nothing has been received, judged from the files as they are.
-std::string nothing_received_text(const DaemonConfig &config);
+// What to look at when nothing comes, judged from the files as they are.
+std::string checks_text(const DaemonConfig &config);
+// A line for each profile that waits or runs; "" when none does.
+std::string profiles_text(const std::vector<ProfileRow> &profiles, int64_t now_wall_ms);
 
 // --- thread profile (report_profile.cpp)
 

@@ -56,9 +56,24 @@ std::string status_text(const std::vector<ApplicationRow> &applications, int64_t
 	return out;
 }
 
-std::string nothing_received_text(const DaemonConfig &config)
+std::string profiles_text(const std::vector<ProfileRow> &profiles, int64_t now_wall_ms)
 {
-	std::string out = "Nothing has been received yet.\n";
+	std::string out;
+	for (const ProfileRow &row : profiles) {
+		const std::string name = printable(row.application);
+		out += "A profile of " + name + ", " + std::to_string(row.seconds) + " s, ";
+		if (row.started_ms)
+			out += "was started " + ago(row.started_ms, now_wall_ms) + " by process " + std::to_string(row.process);
+		else
+			out += "waits since " + local_time(row.ordered_ms) + " for a process to ask";
+		out += "; `quorbit profile --stop " + name + "` ends it.\n";
+	}
+	return out;
+}
+
+std::string checks_text(const DaemonConfig &config)
+{
+	std::string out;
 	std::string folder = config.folder();
 	auto line = [&out](bool good, const std::string &text) {
 		out += std::string(good ? "  ok     " : "  CHECK  ") + printable(text) + "\n";
