@@ -2,9 +2,12 @@
 #include "ask/command.h"
 
 #include "base/clock.h"
+#include "base/text.h"
 #include "print/output.h"
 #include "print/report.h"
 #include "store/open_reader.h"
+
+#include <algorithm>
 
 namespace quorbit {
 
@@ -13,7 +16,15 @@ namespace {
 struct TopOptions {
 	SumQuestion question;
 	std::string since = "1h";
+	size_t most = 0; // 0: what fits the terminal
 };
+
+// Rows between the titles and what the shell prints next, with a line for those that are left out.
+size_t rows_that_fit()
+{
+	const size_t rows = terminal_height();
+	return rows ? std::max(rows, size_t{8}) - 3 : 50;
+}
 
 } // namespace
 
@@ -21,13 +32,20 @@ CommandRun add_top(CLI::App &command)
 {
 	auto options = std::make_shared<TopOptions>();
 	command.add_option("--since", options->since, "how far back")->check(check_seconds)->capture_default_str();
+	command.add_option("-n", options->most, "how many names; default: what fits the terminal, else 50")
+		->check(CLI::Range(1, 1000000));
 	command.add_option("--app", options->question.filter.application, "only this application");
 	return [options](const DaemonConfig &config) {
 		options->question.filter.range.from_ms = wall_clock_ms() - *parse_seconds(options->since) * 1000;
 		auto store = open_reader(config);
 		const ActionFilter &filter = options->question.filter;
 		require_application(*store, filter.application);
-		put(top_text(store->sums(options->question), list_width()));
+		auto sums = store->sums(options->question);
+		const size_t most = options->most ? options->most : rows_that_fit();
+		const size_t left_out = sums.size() - std::min(sums.size(), most);
+		sums.resize(sums.size() - left_out);
+		put(top_text(sums, list_width()));
+		if (left_out) put("... and " + std::to_string(left_out) + " more (-n)\n");
 		put(dropped_text(store->dropped(filter.range, filter.application)));
 		return 0;
 	};

@@ -150,11 +150,21 @@ std::vector<std::string> wrap(std::string_view text, size_t width, size_t most)
 	return lines;
 }
 
-size_t terminal_width()
+static struct winsize terminal_size()
 {
 	struct winsize size = {};
-	if (!isatty(STDOUT_FILENO) || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
-	return size.ws_col;
+	if (!isatty(STDOUT_FILENO) || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) size = {};
+	return size;
+}
+
+size_t terminal_width()
+{
+	return terminal_size().ws_col;
+}
+
+size_t terminal_height()
+{
+	return terminal_size().ws_row;
 }
 
 static std::vector<size_t> column_widths(
@@ -216,7 +226,9 @@ std::string table(const std::vector<Column> &columns, const std::vector<std::vec
 std::string percent(int64_t part, int64_t whole)
 {
 	if (whole <= 0) return "-";
-	return std::to_string((part * 100 + whole / 2) / whole) + "%";
+	// Packets may say anything: neither an overflow nor a column too wide.
+	double share = 100.0 * static_cast<double>(part) / static_cast<double>(whole);
+	return std::to_string(static_cast<int>(std::clamp(share + 0.5, 0.0, 999.0))) + "%";
 }
 
 std::string duration_text(int64_t ms)

@@ -22,6 +22,9 @@ std::string printable(std::string_view text);
 // Columns of the terminal; 0 when standard output is not a terminal.
 size_t terminal_width();
 
+// Rows of the terminal; 0 when standard output is not a terminal.
+size_t terminal_height();
+
 // Columns that printable text takes: wide characters take two, those that combine none.
 size_t text_width(std::string_view text);
 
@@ -49,7 +52,7 @@ std::vector<std::string> table_lines(
 std::string table(
 	const std::vector<Column> &columns, const std::vector<std::vector<std::string>> &rows, size_t width = SIZE_MAX);
 
-// "37%" of the total; "-" when the total is 0.
+// "37%" of the whole, from 0 to 999; "-" when the total is 0.
 std::string percent(int64_t part, int64_t whole);
 
 // A duration for people: "9999 ms", "12.3 s", "1234 s".

@@ -36,6 +36,12 @@ class Parser {
 public:
 	Applications applications;
 
+	// After the last line.
+	void end()
+	{
+		if (untold_) applications.problems.push_back("and " + std::to_string(untold_) + " more lines are wrong");
+	}
+
 	void line(int number, std::string_view text)
 	{
 		number_ = number;
@@ -59,7 +65,11 @@ public:
 private:
 	void problem(const std::string &what)
 	{
-		applications.problems.push_back("line " + std::to_string(number_) + ": " + what);
+		constexpr size_t most_told = 10;
+		if (applications.problems.size() < most_told)
+			applications.problems.push_back("line " + std::to_string(number_) + ": " + what);
+		else
+			untold_++;
 	}
 
 	void section(std::string_view content)
@@ -99,6 +109,7 @@ private:
 	}
 
 	int number_ = 0;
+	int64_t untold_ = 0;
 	Settings *section_ = nullptr;
 	std::string *value_ = nullptr;
 	bool in_unknown_section_ = false;
@@ -109,11 +120,14 @@ private:
 Applications parse_applications(std::string_view text)
 {
 	Parser parser;
+	constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+	if (text.starts_with(byte_order_mark)) text.remove_prefix(byte_order_mark.size());
 	for (int number = 1; !text.empty(); number++) {
 		std::string_view line = text.substr(0, text.find('\n'));
 		text.remove_prefix(std::min(text.size(), line.size() + 1));
 		parser.line(number, line);
 	}
+	parser.end();
 	return std::move(parser.applications);
 }
 

@@ -11,10 +11,11 @@ struct Applications {
 	int64_t store_mb = 512;                                // size bound of the store, without events of thread profiles
 	int64_t profile_mb = 64;                               // size bound of these
 	std::map<std::string, Settings, std::less<>> sections; // by application name; "*" is the default
-	std::vector<std::string> problems;                     // for the log: "line 3: ..."
+	std::vector<std::string> problems; // for the log: "line 3: ...", the first ten and how many more there are
 };
 
-// Reads the file's text. A line that cannot be understood becomes a problem and is skipped.
+// Reads the file's text; a byte order mark is no part of it. A line that cannot be understood becomes a problem and is
+// skipped.
 Applications parse_applications(std::string_view text);
 
 // The settings of one application: what this daemon asks for by itself, overlaid by the default section and by its own.

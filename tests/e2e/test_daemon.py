@@ -200,6 +200,16 @@ def test_an_unknown_application_is_told_from_those_that_are_known(real):
         assert (done.returncode, done.stdout, done.stderr) == (1, "", 'quorbit: there is no application "Shpo"; known: Shop\n')
 
 
+def test_top_shows_as_many_names_as_fit(real):
+    for first in "abcde":
+        for second in "abcdef":
+            real.php(name=first + second + ".php")
+    real.reports(1, "ef.php")
+    assert len(real.command("top").splitlines()) == 31
+    assert len(real.command("top", "-n", "4").splitlines()) == 6 and "... and 26 more (-n)" in real.command("top", "-n", "4")
+    assert len(real.on_terminal(80, "top")) == 23
+
+
 def test_lists_fit_the_terminal_and_a_pipe_gets_whole_names(real):
     name = "long" * 40 + ".php"
     real.php(name=name)

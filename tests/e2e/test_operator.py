@@ -55,7 +55,7 @@ def test_status_tells_a_daemon_that_is_older_than_the_program(real):
     real.php()
     pid = int((real.logs / "quorbit.pid").read_text())
     try:
-        assert "older" not in real.command("status")
+        assert "It is older" not in real.command("status")
         program.unlink()
         shutil.copy(QUORBIT, program)
         assert f"It is older than the quorbit that is installed: end it (kill {pid})" in real.command("status")

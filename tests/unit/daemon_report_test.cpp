@@ -57,6 +57,11 @@ TEST(Text, ReadsTimesWithTheirUnits) {
   for (const auto& row : rows) EXPECT_EQ(parse_seconds(row.text).value_or(0), row.seconds) << row.text;
 }
 
+TEST(Text, TellsNoShareThatCannotBe) {
+  EXPECT_EQ(percent(1, 3) + percent(2, 3) + percent(0, 0), "33%67%-");
+  EXPECT_EQ(percent(INT64_MAX, 3) + percent(INT64_MAX / 2, INT64_MAX) + percent(-5, 3), "999%50%0%");
+}
+
 TEST(Top, TellsSharesOfTheTimeOfAllActions) {
   EXPECT_EQ(top_text({{"Other", "cart", 1, 0, 12345999, 7400000, 999, 0, 4945000, 12345, 12345, 800, 1}, {"Shop", "cart", 100, 3, 5050000, 1000000, 0, 0, 4050000, 50, 95}}, 100),
             "COUNT  ERRORS     P50     P95   DB  SQL  CACHE  EXT  CODE  APPLICATION  ACTION\n"

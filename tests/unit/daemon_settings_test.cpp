@@ -69,6 +69,12 @@ TEST(Applications, TellWhatIsWrongAndUseTheRest) {
     EXPECT_EQ(file.store_mb, 512);
     EXPECT_EQ(file.profile_mb, 64);
   }
+  std::string wrong;
+  for (int i = 0; i < 100000; i++) wrong += "wrong\n";
+  auto problems = parse_applications(wrong).problems;
+  ASSERT_EQ(problems.size(), 11u);
+  EXPECT_EQ(problems[10], "and 99990 more lines are wrong");
+  EXPECT_TRUE(parse_applications("\xEF\xBB\xBF[*]\nzqs.agent_enabled=1\n").problems.empty()) << "a byte order mark";
   EXPECT_TRUE(parse_applications("[*]\nzqs.profile_end_time=1\nzqs.resource.used=0\nzqs.vantorIdSecret=x\n").problems.empty());
 }
 
