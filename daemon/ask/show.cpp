@@ -45,19 +45,48 @@ int show_action(Reader &store, const ShowOptions &options)
 	return 0;
 }
 
+// One element after the other: lists may be long.
+void list_for_programs(Reader &store, const ActionQuestion &question)
+{
+	const char *before = "[\n  ";
+	store.each_action(question, [&](const ActionRow &row) {
+		std::string text = json_text(action_summary(row), true);
+		text.pop_back();
+		for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1))
+			text.insert(at + 1, "  ");
+		put(before + text);
+		before = ",\n  ";
+	});
+	put(*before == '[' ? "[]\n" : "\n]\n");
+}
+
+// A table, or one for every so many rows: a column's width is that of its widest cell.
+void list_for_people(Reader &store, const ActionQuestion &question)
+{
+	constexpr size_t most_together = 1000;
+	std::vector<ActionRow> rows;
+	bool any = false;
+	auto print = [&] {
+		if (!rows.empty() || !any) put(action_table(rows, list_width(), wall_clock_ms()));
+		any = true;
+		rows.clear();
+	};
+	store.each_action(question, [&](const ActionRow &row) {
+		rows.push_back(row);
+		if (rows.size() == most_together) print();
+	});
+	print();
+}
+
 int show(const DaemonConfig &config, const ShowOptions &options)
 {
 	auto store = open_reader(config);
 	if (options.id) return show_action(*store, options);
 	require_application(*store, options.question.filter.application);
-	auto rows = store->actions(options.question);
-	if (!options.json) {
-		put(action_table(rows, list_width(), wall_clock_ms()));
-		return 0;
-	}
-	Json list = Json::array();
-	for (const ActionRow &row : rows) list.push_back(action_summary(row));
-	put(json_text(list, true));
+	if (options.json)
+		list_for_programs(*store, options.question);
+	else
+		list_for_people(*store, options.question);
 	return 0;
 }
 

@@ -27,7 +27,8 @@ bool runs_replaced_program(int process)
 std::string daemon_text(bool answers, int process)
 {
 	if (!answers) return "No daemon answers.\n";
-	std::string text = "The daemon is running" + (process ? " as process " + std::to_string(process) : std::string()) + ".\n";
+	std::string text =
+		"The daemon is running" + (process ? " as process " + std::to_string(process) : std::string()) + ".\n";
 	if (!process || !runs_replaced_program(process)) return text;
 	return text + "It is older than the quorbit that is installed: end it (kill " + std::to_string(process) +
 		"), and the next PHP process to start, as root or its owner, starts the new one.\n";

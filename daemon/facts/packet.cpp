@@ -4,6 +4,8 @@
 #include "base/json_text.h"
 
 #include <nlohmann/json.hpp>
+
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -15,6 +17,15 @@ bool parse_integer(std::string_view text, int64_t &value)
 {
 	auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
 	return failure == std::errc() && end == text.data() + text.size();
+}
+
+// A duration; whatever a packet says, sums of them stay numbers.
+bool parse_ms(std::string_view text, int64_t &value)
+{
+	constexpr int64_t most_ms = 1000000000000;
+	if (!parse_integer(text, value)) return false;
+	value = std::clamp(value, int64_t{0}, most_ms);
+	return true;
 }
 
 std::vector<std::string_view> split_lines(std::string_view text, size_t most)
@@ -56,7 +67,7 @@ bool read_sql(std::string_view body, Action &action)
 {
 	SqlStatement sql;
 	std::string_view metric, vendor, statement, extra;
-	if (!take_item(body, metric) || !parse_integer(metric, sql.duration_ms)) return false;
+	if (!take_item(body, metric) || !parse_ms(metric, sql.duration_ms)) return false;
 	if (!take_item(body, vendor) || !take_item(body, statement)) return false;
 	sql.vendor = vendor;
 	sql.statement = statement;
@@ -75,7 +86,7 @@ bool read_service(std::string_view body, Action &action)
 	if (lines.size() < 4) return false;
 	int64_t duration_ms = 0;
 	// A text of the caches is cut at 127 bytes, and may have lost its figure with the end.
-	bool cut = !parse_integer(lines[3], duration_ms);
+	bool cut = !parse_ms(lines[3], duration_ms);
 	if (lines[0] != "http") {
 		CacheCall call{std::string(lines[0]), std::string(lines[1]), std::string(lines[2]), cut ? 0 : duration_ms};
 		action.caches.push_back(std::move(call));
@@ -95,7 +106,7 @@ bool read_cache_total(std::string_view body, Action &action)
 {
 	auto lines = split_lines(body, 2);
 	int64_t total_ms = 0;
-	if (lines.size() != 2 || !parse_integer(lines[0], total_ms)) return false;
+	if (lines.size() != 2 || !parse_ms(lines[0], total_ms)) return false;
 	action.cache_ms += total_ms;
 	action.cache_totals.push_back({std::string(lines[1]), std::string(lines[0])});
 	return true;
@@ -105,8 +116,8 @@ bool read_component(std::string_view body, Action &action)
 {
 	auto lines = split_lines(body, 3);
 	Component component;
-	if (lines.size() != 3 || !parse_integer(lines[0], component.duration_ms)) return false;
-	if (!parse_integer(lines[1], component.own_ms)) return false;
+	if (lines.size() != 3 || !parse_ms(lines[0], component.duration_ms)) return false;
+	if (!parse_ms(lines[1], component.own_ms)) return false;
 	component.name = json_unescape(lines[2]);
 	action.components.push_back(std::move(component));
 	return true;
@@ -144,6 +155,29 @@ bool read_pair(std::string_view body, std::vector<NameValue> &list)
 	if (colon == std::string_view::npos) return false;
 	list.push_back({std::string(body.substr(0, colon)), std::string(body.substr(colon + 2))});
 	return true;
+}
+
+// Whether each record of the type makes an entry of a list; of the others the last one holds.
+bool is_listed(uint8_t type)
+{
+	switch (type) {
+	case record_application_name:
+	case record_account_key:
+	case record_action_name:
+	case record_uri:
+	case record_cpu_ticks:
+	case record_system_cpu_ticks:
+	case record_block_ms:
+	case record_duration_ms:
+	case record_database_ms:
+	case record_external_ms:
+	case record_error:
+	case record_trace:
+	case record_transaction_id:
+	case record_tracer_id:
+	case record_left_out: return false;
+	default: return true;
+	}
 }
 
 // False for a record that this version does not understand.
@@ -213,18 +247,25 @@ int64_t Action::code_ms() const
 	return rest > 0 ? rest : 0;
 }
 
-// A packet of 16 MiB could hold millions.
-constexpr size_t most_unknown = 1024;
+// Of records that make entries of lists, more than any request has: a packet of 16 MiB could hold millions.
+constexpr size_t most_listed = 100000, most_unknown = 1024;
 
 std::optional<Action> read_action(std::string_view body)
 {
+	size_t listed = 0;
 	Action action;
 	std::string_view details;
 	bool framed = for_each_record(body, [&](const Record &record) {
-		if (record.type == record_details)
+		if (record.type == record_details) {
 			details = record.body;
-		else if (!read_action_record(record, action) && action.unknown.size() < most_unknown)
+			return;
+		}
+		bool fits = !is_listed(record.type) || listed++ < most_listed;
+		if (fits && read_action_record(record, action)) return;
+		if (fits && action.unknown.size() < most_unknown)
 			action.unknown.push_back({record.type, std::string(record.body)});
+		else
+			action.unread++;
 	});
 	if (!framed) return std::nullopt;
 	// Last, wherever it stood: it tells more of what the others brought.

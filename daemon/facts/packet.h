@@ -76,6 +76,7 @@ struct Action {
 	std::optional<ExactFigures> exact;
 	std::string path, method, host, script;
 	std::vector<WholeTraceText> trace_texts;
+	int64_t unread = 0;                 // records beyond the first 100,000 that make lists
 	std::vector<UnknownRecord> unknown; // of an unknown type, or of a form that this version cannot read
 
 	// The response status: from the details, else from the error; 0 for a command-line run.

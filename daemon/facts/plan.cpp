@@ -23,6 +23,7 @@ std::string cell_text(const Json &value)
 struct Grid {
 	std::vector<std::string> keys;
 	std::vector<std::vector<std::string>> rows;
+	size_t left_out = 0; // rows
 
 	size_t column(std::string_view key) const
 	{
@@ -36,10 +37,21 @@ Grid grid_of(const Json &plan)
 	Grid grid;
 	auto has_list = [&plan](const char *key) { return plan.is_object() && plan.contains(key) && plan[key].is_array(); };
 	if (!has_list("keys") || !has_list("values")) return grid;
-	for (const Json &key : plan["keys"]) grid.keys.push_back(cell_text(key));
+	// Databases have at most a dozen columns, and programs of SQLite some hundred rows; a forged plan has what it
+	// likes.
+	constexpr size_t most_keys = 64, most_rows = 2000;
+	for (const Json &key : plan["keys"]) {
+		if (grid.keys.size() < most_keys) grid.keys.push_back(cell_text(key));
+	}
 	for (const Json &row : plan["values"]) {
+		if (grid.rows.size() == most_rows) {
+			grid.left_out++;
+			continue;
+		}
 		std::vector<std::string> cells;
-		for (const Json &value : row) cells.push_back(cell_text(value));
+		for (const Json &value : row) {
+			if (cells.size() < grid.keys.size()) cells.push_back(cell_text(value));
+		}
 		cells.resize(grid.keys.size());
 		grid.rows.push_back(std::move(cells));
 	}
@@ -186,6 +198,7 @@ std::vector<std::string> plan_lines(const Json &plan, size_t width, size_t most)
 	if (grid.rows.empty()) return {"none"};
 	size_t left_out = grid.rows.size() - std::min(grid.rows.size(), most);
 	grid.rows.resize(grid.rows.size() - left_out);
+	left_out += grid.left_out;
 	std::vector<std::string> lines;
 	if (grid.keys.size() == 1) {
 		for (const auto &row : grid.rows) lines.push_back(cut(printable(row[0]), width));

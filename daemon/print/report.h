@@ -41,8 +41,8 @@ std::vector<std::string> called_tracer_ids(const Action &action);
 // How `other` belongs to the action that is shown, which called the applications of these tracer ids.
 RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &called, const StoredAction &other);
 
-// The action in `width` columns: what is repeated is printed once with its count, long texts and tables are cut. `full`:
-// nothing is. `given` are the settings of its application, which tell why something is missing.
+// The action in `width` columns: what is repeated is printed once with its count, long texts and tables are cut.
+// `full`: nothing is. `given` are the settings of its application, which tell why something is missing.
 std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full,
 	const Settings &given = {});
 // The time that an action waited before PHP began; in words when it cannot be true: from before the host was started

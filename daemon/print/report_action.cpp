@@ -12,6 +12,7 @@ namespace {
 
 constexpr size_t most_rows = 10; // of a table
 constexpr size_t message_lines = 20;
+constexpr size_t most_pairs = 200, most_unknown = 20;
 
 // "database 40 ms (33%), code 80 ms (67%)": the parts that took time.
 std::string parts_text(const ActionRow &row)
@@ -199,16 +200,22 @@ void print_related(const std::vector<RelatedAction> &related, Page &page)
 	}
 }
 
+void print_pairs(const char *title, const std::vector<NameValue> &pairs, Page &page)
+{
+	if (!pairs.empty()) page.section(title);
+	size_t shown = std::min(pairs.size(), page.most(most_pairs));
+	for (size_t i = 0; i < shown; i++) page.entry(pairs[i].name, pairs[i].value);
+	page.left_out(pairs.size() - shown);
+}
+
 void print_rest(const Action &action, Page &page)
 {
 	auto details = action.details;
 	// The page's head has these two.
 	auto is_told = [](const NameValue &detail) { return detail.name == "httpStatus" || detail.name == "threadName"; };
 	if (!page.full()) std::erase_if(details, is_told);
-	if (!details.empty()) page.section("Request");
-	for (const NameValue &detail : details) page.entry(detail.name, detail.value);
-	if (!action.parameters.empty()) page.section("Parameters");
-	for (const NameValue &parameter : action.parameters) page.entry(parameter.name, parameter.value);
+	print_pairs("Request", details, page);
+	print_pairs("Parameters", action.parameters, page);
 	if (action.left_out.bytes > 0) page.section("Not stored");
 	const std::pair<const char *, int64_t> left_out[] = {{"parameters", action.left_out.parameters},
 		{"texts", action.left_out.texts}, {"statements", action.left_out.statements}, {"calls", action.left_out.calls},
@@ -217,10 +224,14 @@ void print_rest(const Action &action, Page &page)
 		if (count > 0) page.entry(what, std::to_string(count));
 	}
 	if (!action.unknown.empty()) page.section("Records unknown to this version");
-	for (const UnknownRecord &record : action.unknown) {
+	size_t shown = std::min(action.unknown.size(), page.most(most_unknown));
+	for (size_t i = 0; i < shown; i++) {
+		const UnknownRecord &record = action.unknown[i];
 		std::string size = std::to_string(record.body.size()) + " bytes: ";
 		page.entry("type " + std::to_string(record.type), size + record.body.substr(0, 400));
 	}
+	page.left_out(action.unknown.size() - shown);
+	if (action.unread) page.out += "\n" + std::to_string(action.unread) + " further records were not read.\n";
 }
 
 } // namespace

@@ -144,6 +144,7 @@ Json action_json(const StoredAction &shown, const std::vector<RelatedAction> &re
 		{"statements", left_out.statements}, {"calls", left_out.calls}, {"traces", left_out.traces},
 		{"bytes", left_out.bytes}};
 	value["unknown"] = unknown_json(action);
+	value["unread"] = action.unread;
 	value["related"] = related_json(related);
 	return value;
 }

@@ -52,6 +52,7 @@ struct RelatedQuestion {
 	std::string transaction_id;
 	std::vector<std::string> tracer_ids;
 	int64_t most = 100;
+	int64_t most_bytes = int64_t{32} << 20; // of packets that are read
 };
 
 struct ProfileQuestion {

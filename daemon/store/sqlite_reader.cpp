@@ -94,12 +94,15 @@ public:
 		const RelatedQuestion &question, const std::function<void(const StoredAction &)> &on_action) override
 	{
 		std::vector<int64_t> seen = {question.id};
+		int64_t bytes_left = question.most_bytes;
 		auto collect = [&](const char *column, const std::string &value) {
 			if (value.empty()) return;
 			const std::string sql = std::string("SELECT id FROM action WHERE ") + column + " = ?1 ORDER BY id LIMIT ?2";
 			for (int64_t id : ids(sql, [&](Statement &select) { select.bind(1, value).bind(2, question.most + 1); })) {
 				if (static_cast<int64_t>(seen.size()) > question.most) return;
 				if (std::find(seen.begin(), seen.end(), id) != seen.end()) continue;
+				bytes_left -= packet_bytes(id);
+				if (bytes_left < 0) return;
 				auto related = action(id);
 				if (!related) continue; // evicted since
 				seen.push_back(id);
@@ -173,6 +176,13 @@ public:
 	}
 
 private:
+	int64_t packet_bytes(int64_t id)
+	{
+		Unstopped reading;
+		Statement select(store_.current(), "SELECT length(packet) FROM action WHERE id = ?");
+		return select.bind(1, id).step() ? select.integer(0) : 0;
+	}
+
 	template <typename Bind>
 	std::vector<ActionRow> page(const std::string &sql, Bind bind)
 	{

@@ -1,12 +1,15 @@
 """What an operator is told who may not look, whose daemon is gone or old, and who ends a profile early."""
+import json
 import os
 import pwd
 import shutil
 import signal
+import socket
 import subprocess
 
 import pytest
 
+from support import wire
 from support.engines import IS_ROOT, WEB_USER
 from support.fake_daemon import wait_until
 from support.local_daemon import QUORBIT
@@ -82,3 +85,33 @@ def test_a_running_profile_is_named_and_ended_early(real, how):
             profile.kill()
     assert "A profile" not in real.command("status")
     assert real.command("profile", "--stop", "Shop") == ""
+
+
+def cost_of(real, *words):
+    """Megabytes and seconds of processor time that a command takes."""
+    with open(os.devnull, "wb") as null:
+        command = subprocess.Popen([QUORBIT, *words, "--root", real.site.root], stdout=null)
+        _, status, usage = os.wait4(command.pid, 0)
+        command.returncode = os.waitstatus_to_exitcode(status)
+    assert command.returncode == 0, words
+    return usage.ru_maxrss / 1024, usage.ru_utime + usage.ru_stime
+
+
+def test_what_a_packet_says_does_not_decide_what_a_command_takes(real):
+    real.php()
+    real.reports(1)
+    head = wire.record(0x11, b"Forged") + wire.record(0x12, b"page") + wire.record(0x20, b"transaction")
+    insert = b"INSERT INTO t VALUES (" + b"1," * 3_000_000 + b"1)"
+    plan = b'{"keys":[' + b"1," * 20000 + b'1],"values":[' + b"[]," * 20000 + b"[]]}"
+    bodies = [b"\0" * 15_000_000, b"".join(wire.record(0x27, b"1:15:MySQL%d:%s" % (len(insert), insert)) for _ in range(2)),
+              wire.record(0x27, b"1:15:MySQL8:SELECT 1%d:%s" % (len(plan), plan)), wire.record(0x25, b"[" * 7_000_000)]
+    for body in bodies:
+        with socket.socket(socket.AF_UNIX) as agent:
+            agent.connect(str(real.logs / ".quorbit.sock"))
+            agent.sendall(wire.record(0x0B, head + body))
+    listed = lambda: json.loads(real.command("show", "--json", "--app", "Forged"))
+    wait_until(lambda: "Forged" in real.command("show") and len(listed()) == len(bodies), "the packets", 30)
+    for action in listed():
+        for how in [], ["--full"], ["--json"]:
+            megabytes, seconds = cost_of(real, "show", str(action["id"]), *how)
+            assert megabytes < 256 and seconds < 2, (action["id"], how, megabytes, seconds)

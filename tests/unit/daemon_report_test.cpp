@@ -1,5 +1,6 @@
 // What the commands print: harmless texts, tables, sums, traces, profiles, JSON.
 #include "daemon_records.h"
+#include "facts/plan.h"
 #include "print/report.h"
 #include "base/text.h"
 #include "base/clock.h"
@@ -285,6 +286,28 @@ TEST(ActionPage, TellsCallerFromCallee) {
     found.push_back(relate(shown, called_tracer_ids(shown.action), other).relation);
   }
   EXPECT_EQ(found, (std::vector{Relation::callee, Relation::caller, Relation::same_transaction}));
+}
+
+// What each would take by the letter: gigabytes, or minutes.
+TEST(ForgedPackets, CostNoMoreThanTheirSize) {
+  std::string keys = "1", rows = "[]";
+  for (int i = 0; i < 20000; i++) keys += ",1", rows += ",[]";
+  auto plan = parse_agent_json("{\"keys\":[" + keys + "],\"values\":[" + rows + "]}");
+  ASSERT_TRUE(plan);
+  EXPECT_EQ(plan_lines(*plan, 100, 3).back(), "... and 19998 more rows");
+
+  auto action = read_action(std::string(16 << 20, '\0'));
+  ASSERT_TRUE(action);
+  StoredAction shown{{}, *action};
+  EXPECT_EQ(action->unknown.size() + static_cast<size_t>(action->unread), size_t{4} << 20);
+  EXPECT_LT(action_text(shown, {}, 100, false).size(), 5000u);
+
+  shown.action.trace = "[" + std::string(size_t{6} << 20, '[');
+  EXPECT_NE(action_text(shown, {}, 100, false).find("unreadable     [[["), std::string::npos);
+  EXPECT_EQ(read_action(action_body("a", "b", 1, record(0x27, "19:92233720368547758071:x1:y")))->statements[0].duration_ms, 1000000000000);
+
+  auto lines = wrap(std::string(size_t{8} << 20, 'x'), 80, SIZE_MAX);
+  EXPECT_EQ(lines.size(), ((size_t{8} << 20) + 79) / 80);
 }
 
 TEST(Profile, PrintsThreadsWithDepthAndTimes) {
