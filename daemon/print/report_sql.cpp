@@ -55,10 +55,12 @@ void print_what_is_missing(const std::vector<StatementGroup> &groups, Page &page
 {
 	auto has_stack = [](const StatementGroup &group) { return !group.stack.empty(); };
 	auto has_plan = [](const StatementGroup &group) { return !group.plan.empty(); };
-	if (!traced) return page.entry("no lines", "statements have their lines and plans only in actions with a trace");
+	auto has_line = [](const StatementGroup &group) { return !group.place().empty(); };
+	const char *title = std::any_of(groups.begin(), groups.end(), has_line) ? "no plans" : "no lines";
+	if (!traced) return page.entry(title, "statements have their stacks and plans only in actions with a trace");
 	if (std::none_of(groups.begin(), groups.end(), has_stack)) {
-		return page.entry("no lines",
-			"only statements that take zqs.action_tracer.slow_sql_threshold (500 ms unless set) have a line and a "
+		return page.entry(title,
+			"only statements that take zqs.action_tracer.slow_sql_threshold (500 ms unless set) have a stack and a "
 			"plan");
 	}
 	if (std::any_of(groups.begin(), groups.end(), has_plan)) return;
