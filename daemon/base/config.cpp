@@ -25,6 +25,9 @@ enum FolderFile {
 	store_file,
 	store_log_file,
 	store_index_file,
+	store_copy_file,
+	former_store_file,
+	orders_file,
 	applications_file,
 	folder_files,
 };
@@ -38,6 +41,9 @@ constexpr const char *folder_names[] = {
 	"quorbit.db",
 	"quorbit.db-wal",
 	"quorbit.db-shm",
+	"quorbit.db-new",
+	"quorbit.db-old",
+	"quorbit.db-orders",
 	"applications.conf",
 };
 static_assert(std::size(folder_names) == folder_files);

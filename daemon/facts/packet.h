@@ -73,7 +73,7 @@ struct Action {
 	std::vector<NameValue> details, parameters;
 	LeftOut left_out; // of what came, because it was too much to keep
 	// Of the details record, which only a daemon that asks gets: nothing and "" without it.
-	std::optional<ExactFigures> exact;
+	std::optional<ExactFigures> exact = std::nullopt;
 	std::string path, method, host, script;
 	std::vector<WholeTraceText> trace_texts;
 	int64_t unread = 0;                 // records beyond the first 100,000 that make lists

@@ -22,9 +22,9 @@ struct TraceNode {
 	std::string url;
 	std::string cls, func;
 	std::optional<std::string> sql;
-	std::vector<std::string> stack; // innermost frame first
+	std::vector<std::string> stack;   // innermost frame first
 	std::shared_ptr<const Json> plan; // null for none
-	std::string place; // "Class.function(file:line)" of a slow call, else ""
+	std::string place;                // "Class.function(file:line)" of a slow call, else ""
 	std::optional<Callee> callee;
 };
 

@@ -1,7 +1,6 @@
 // Locking, and the pid file.
 #include "receive/presence.h"
 
-#include "base/files.h"
 #include "receive/listener.h"
 
 #include <cerrno>
@@ -111,11 +110,13 @@ void Presence::withdraw() const
 
 int process_in(const std::string &pid_file)
 {
-	try {
-		return atoi(read_file(pid_file).c_str());
-	} catch (const std::runtime_error &) {
-		return 0;
-	}
+	// Another account may have put a pipe there, which would be waited for.
+	int file = open(pid_file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+	if (file == -1) return 0;
+	char text[32];
+	ssize_t length = read(file, text, sizeof text - 1);
+	close(file);
+	return length > 0 ? atoi(std::string(text, static_cast<size_t>(length)).c_str()) : 0;
 }
 
 } // namespace quorbit

@@ -71,8 +71,8 @@ struct ActionRow {
 	int64_t duration_ms = 0, database_ms = 0, cache_ms = 0, external_ms = 0, code_ms = 0;
 	int64_t status = 0; // 0 for a command-line run
 	bool error = false;
-	std::optional<ExactFigures> exact; // of them the times of the layers and the statements
-	std::string path;                  // of the request, or ""
+	std::optional<ExactFigures> exact = std::nullopt; // of them the times of the layers and the statements
+	std::string path = {};                            // of the request, or ""
 
 	// Microseconds: exact, or the milliseconds above.
 	int64_t duration_us() const { return exact ? exact->duration_us : duration_ms * 1000; }

@@ -262,7 +262,7 @@ def test_a_profile_shows_the_calls_of_an_application(real):
 
 
 MANY_QUICK = """function product($db, $id) {
-    return $db->query("WITH RECURSIVE n(i) AS (SELECT $id UNION ALL SELECT i + 1 FROM n LIMIT 200) SELECT sum(i) FROM n");
+    return $db->query("WITH RECURSIVE n(i) AS (SELECT $id UNION ALL SELECT i + 1 FROM n LIMIT 800) SELECT sum(i) FROM n");
 }
 $db = new PDO('sqlite::memory:');
 $spent = 0;

@@ -6,6 +6,6 @@ from support.engines import PROJECT
 
 def test_engine_passes_its_own_tests_with_the_agent():
     suite = PROJECT / "tests/engine"
-    done = subprocess.run([suite / "run", "--list", suite / "sample.txt", "--modes", "cli/monitoring cgi/traced"],
+    done = subprocess.run([suite / "engine-suite", "--list", suite / "sample.txt", "--modes", "cli/monitoring cgi/traced"],
                           capture_output=True, text=True)
     assert done.returncode == 0, done.stdout + done.stderr
