@@ -164,7 +164,7 @@ void zq_daemon_connect(int report_error TSRMLS_DC)
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	struct stat status = {};
 	g->daemon_sock = open_daemon(report_error TSRMLS_CC);
-	g->daemon_pid = getpid();
+	g->daemon_process = zq_process_number();
 	fstat(g->daemon_sock, &status);
 	g->daemon_inode = status.st_ino;
 }
@@ -182,7 +182,7 @@ int zq_daemon_socket(int connect_now TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	zq_daemon_forget_foreign(g);
-	if (g->daemon_sock != -1 && g->daemon_pid != getpid()) {
+	if (g->daemon_sock != -1 && g->daemon_process != zq_process_number()) {
 		/* Opened by the parent before a fork: two processes on one stream would mix their packets. */
 		close(g->daemon_sock);
 		g->daemon_sock = -1;

@@ -2,16 +2,23 @@
 #include "zqp_lock.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 static pthread_mutex_t process_lock = PTHREAD_MUTEX_INITIALIZER;
 static int fork_handlers_registered; /* once per process: the library stays mapped across module restarts */
+static unsigned forks;               /* between the process that loaded the library and this one */
 
 static void before_fork(void)
 {
 	pthread_mutex_lock(&process_lock);
 }
-static void after_fork(void)
+static void after_fork_in_parent(void)
 {
+	pthread_mutex_unlock(&process_lock);
+}
+static void after_fork_in_child(void)
+{
+	forks++; /* the child's only thread */
 	pthread_mutex_unlock(&process_lock);
 }
 
@@ -19,8 +26,13 @@ void zq_lock_init(void)
 {
 	/* A script may fork while another thread holds the lock; the child would wait for that thread for ever. */
 	if (!fork_handlers_registered) {
-		fork_handlers_registered = pthread_atfork(before_fork, after_fork, after_fork) == 0;
+		fork_handlers_registered = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
 	}
+}
+
+unsigned zq_process_number(void)
+{
+	return fork_handlers_registered ? forks : (unsigned)getpid();
 }
 
 void zq_hold_timers(sigset_t *saved)

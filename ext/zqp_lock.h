@@ -1,4 +1,5 @@
-/* The one lock of the process, around what threads share: application records and environment facts.
+/* The one lock of the process, around what threads share: application records and environment facts. Beside it, since
+ * the lock has to follow forks anyway, a count of these.
  *
  * The engine's time limit leaves by longjmp out of a signal handler, so its signals wait while the lock is held or
  * while libc's own locks (streams, heap) may be. Never hold it across send, recv, engine allocation, PHP calls or
@@ -10,6 +11,11 @@
 
 /* Prepares the lock for forks; module start-up, before any thread. Harmless when called again. */
 void zq_lock_init(void);
+
+/* A number that no two processes related by fork() share, so that a child can tell what it inherited from what it has
+ * opened. No system call: forks are counted as they happen, which knows every child that runs PHP, since the engine and
+ * its servers make them with fork() alone. */
+unsigned zq_process_number(void);
 
 /* Holds back SIGPROF and SIGALRM in this thread; `saved` receives the mask for zq_allow_timers(). */
 void zq_hold_timers(sigset_t *saved);

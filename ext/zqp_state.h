@@ -33,7 +33,7 @@ struct zq_thread {
 	int in_agent_call; /* > 0 while the agent itself calls PHP code: the hooks pass everything through */
 	zq_clock clock;
 	int daemon_sock;                 /* -1: not connected */
-	pid_t daemon_pid;                /* process that opened it: a forked child must not use its parent's stream */
+	unsigned daemon_process;         /* zq_process_number() that opened it: a forked child must not use its stream */
 	ino_t daemon_inode;              /* of it: the number alone may be another file's by now */
 	const char *license;             /* points at license_copy or at a constant; phpinfo shows the last request's */
 	char *license_copy;              /* owned */

@@ -9,6 +9,7 @@
 #include "zqp_component.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
+#include "zqp_lock.h"
 #include "zqp_nosql.h"
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
@@ -35,7 +36,7 @@ protected:
 		ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
 		ASSERT_EQ(0, fstat(ends[0], &status));
 		ZQG(daemon_sock) = ends[0];
-		ZQG(daemon_pid) = getpid();
+		ZQG(daemon_process) = zq_process_number();
 		ZQG(daemon_inode) = status.st_ino;
 	}
 
@@ -147,10 +148,10 @@ TEST_F(MetricPacket, FindsItemsOfAnAnswerWithoutParsingIt)
 TEST_F(MetricPacket, OfAProfileIsWorthNoConnection)
 {
 	ZQG(profile_end_time) = UINT64_MAX;
-	ZQG(daemon_pid) = 0;
+	ZQG(daemon_process) = 77;
 	thread_profile("enter function", "f", NULL TSRMLS_CC);
 	ZQG(profile_end_time) = 0;
-	EXPECT_EQ(0, ZQG(daemon_pid)) << "none was tried, even in vain";
+	EXPECT_EQ(77u, ZQG(daemon_process)) << "none was tried, even in vain";
 }
 
 TEST_F(MetricPacket, NeverGoesToAFileThatTookTheNumberOfTheConnection)
@@ -160,9 +161,9 @@ TEST_F(MetricPacket, NeverGoesToAFileThatTookTheNumberOfTheConnection)
 	connect_to(ours);
 	ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, scripts));
 	ASSERT_EQ(ours[0], dup2(scripts[1], ours[0]));
-	for (pid_t owner : {getpid(), getppid()}) { /* also when it was inherited */
+	for (unsigned owner : {zq_process_number(), zq_process_number() + 1}) { /* also when it was inherited */
 		ZQG(daemon_sock) = ours[0];
-		ZQG(daemon_pid) = owner;
+		ZQG(daemon_process) = owner;
 		send_metric(1 TSRMLS_CC);
 		EXPECT_EQ(-1, recv(scripts[0], &byte, 1, MSG_DONTWAIT)) << "nothing was written";
 		EXPECT_EQ(1, write(ours[0], "x", 1)) << "and nothing closed";
