@@ -1,10 +1,8 @@
 /* The log: every message is one record, appended with one write to a file opened for it, so that records of all
- * processes and threads of a host can share the file. The crash handler below it appends a backtrace to the same file
- * with nothing but async-signal-safe calls. */
+ * processes and threads of a host can share the file. */
 #include "zqp_debug.h"
 
 #include <errno.h>
-#include <execinfo.h>
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/resource.h>
@@ -22,10 +20,7 @@
 char *zqprof_ini_log_file;
 int zqprof_ini_log_level;
 
-static char *g_dump_file; /* a copy of its own, never freed: a crash may come after the log was closed */
-static sighandler_t g_pre_handler;
 static const rlim_t MOST_ADDED_AT_ONCE = 64 << 10; /* bytes; a record of the log, or the daemon's settings */
-static long g_dump_utc_offset; /* s; read when registering, since localtime is not safe in a handler */
 
 static long g_zone;           /* the host's own, as tzset() knows it: s west of UTC */
 static int g_zone_has_summer; /* time */
@@ -140,9 +135,9 @@ static int open_link_target(const char *path, int flags)
 	return fd;
 }
 
-/* Opens for appending; a signal may interrupt the first attempt. `create` is O_CREAT or 0. Nothing that lies in the
- * log's place may hold the process up, and a pipe without a reader would. */
-static int open_for_append(const char *path, int create)
+/* A signal may interrupt the first attempt. Nothing that lies in the log's place may hold the process up, and a pipe
+ * without a reader would. */
+int zq_open_log(const char *path, int create)
 {
 	int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | create;
 	int fd = open(path, flags | O_NOFOLLOW, 0666);
@@ -155,7 +150,7 @@ static int open_for_append(const char *path, int create)
 void zq_log_share(void)
 {
 	struct stat status;
-	int fd = open_for_append(zqprof_ini_log_file, 0);
+	int fd = zq_open_log(zqprof_ini_log_file, 0);
 	if (fd == -1) {
 		return;
 	}
@@ -191,7 +186,7 @@ static void write_record(int level, const char *format, va_list args)
 	size_t header_len = record.len;
 	vfprintf(stream, format, args);
 	fclose(stream);
-	int fd = record.text ? open_for_append(zqprof_ini_log_file, O_CREAT) : -1;
+	int fd = record.text ? zq_open_log(zqprof_ini_log_file, O_CREAT) : -1;
 	if (fd != -1) {
 		blank_control_characters(record.text + header_len, record.len - header_len);
 		(void)!write(fd, record.text, record.len);
@@ -225,130 +220,4 @@ void zq_log_write(int level, const char *format, ...)
 	va_end(args);
 	zq_allow_timers(&saved_mask);
 	errno = saved_errno;
-}
-
-/* ---- crash backtrace --------------------------------------------------------------------------------------------- */
-
-/* A line put together in a handler: no libc formatting there. Texts are far below its size. */
-struct crash_line {
-	char text[192];
-	size_t len;
-};
-
-static void add_text(crash_line *line, const char *text)
-{
-	for (; *text && line->len < sizeof(line->text); text++) {
-		line->text[line->len++] = *text;
-	}
-}
-
-static void add_number(crash_line *line, unsigned long number, int width)
-{
-	char digits[20];
-	int n = 0;
-	do {
-		digits[n++] = (char)('0' + number % 10);
-		number /= 10;
-	} while (number && n < (int)sizeof(digits));
-	for (int pad = n; pad < width; pad++) {
-		add_text(line, "0");
-	}
-	while (n && line->len < sizeof(line->text)) {
-		line->text[line->len++] = digits[--n];
-	}
-}
-
-/* Date of a day number since 1970-01-01 (proleptic Gregorian calendar, years from March). */
-static void add_date(crash_line *line, long days)
-{
-	long shifted = days + 719468;
-	long era = shifted / 146097;
-	long day_of_era = shifted - era * 146097;
-	long year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-	long day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
-	long month_from_march = (5 * day_of_year + 2) / 153;
-	long month = month_from_march < 10 ? month_from_march + 3 : month_from_march - 9;
-	add_number(line, (unsigned long)(year_of_era + era * 400 + (month <= 2)), 4);
-	add_text(line, "-");
-	add_number(line, (unsigned long)month, 2);
-	add_text(line, "-");
-	add_number(line, (unsigned long)(day_of_year - (153 * month_from_march + 2) / 5 + 1), 2);
-}
-
-static void add_time(crash_line *line, const struct timespec *now)
-{
-	long seconds = (long)now->tv_sec + g_dump_utc_offset;
-	long of_day = seconds % 86400;
-	add_date(line, seconds / 86400);
-	add_text(line, " ");
-	add_number(line, (unsigned long)(of_day / 3600), 2);
-	add_text(line, ":");
-	add_number(line, (unsigned long)(of_day / 60 % 60), 2);
-	add_text(line, ":");
-	add_number(line, (unsigned long)(of_day % 60), 2);
-	add_text(line, ".");
-	add_number(line, (unsigned long)(now->tv_nsec / 1000000), 3);
-}
-
-static void write_backtrace(int fd, void **frames, int count)
-{
-	crash_line banner = {};
-	struct timespec now;
-	clock_gettime(CLOCK_REALTIME, &now);
-	add_text(&banner, "\n======== ");
-	add_time(&banner, &now);
-	add_text(&banner, " (pid:");
-	add_number(&banner, (unsigned long)getpid(), 1);
-	add_text(&banner, ",uid:");
-	add_number(&banner, (unsigned long)getuid(), 1);
-	add_text(&banner, ") SIGSEGV backtrace(" ZQ_PROTOCOL_VERSION ") ========\n");
-	(void)!write(fd, banner.text, banner.len);
-	for (int i = 1; i < count; i++) { /* the first frame is the handler itself */
-		(void)!write(fd, "\t", 1);
-		backtrace_symbols_fd(&frames[i], 1, fd);
-	}
-	static const char closing[] = "\n========== SIGSEGV ==========\n";
-	(void)!write(fd, closing, sizeof(closing) - 1);
-}
-
-void dump_handler(int)
-{
-	static volatile sig_atomic_t entered;
-	if (!entered) {
-		entered = 1;
-		int fd = open_for_append(g_dump_file, O_CREAT);
-		if (fd != -1) {
-			void *frames[100];
-			write_backtrace(fd, frames, backtrace(frames, 100));
-			close(fd);
-		}
-		if (g_pre_handler) {
-			g_pre_handler(SIGSEGV);
-		}
-	}
-	/* Also after a previous handler that returned: the fault must end the process, and not enter here again. */
-	signal(SIGSEGV, SIG_DFL);
-	raise(SIGSEGV);
-}
-
-void reg_dump(const char *file)
-{
-	static int registered;
-	if (!file || __atomic_exchange_n(&registered, 1, __ATOMIC_ACQ_REL)) {
-		return;
-	}
-	void *frame[1];
-	time_t now = time(NULL);
-	struct tm local;
-	backtrace(frame, 1); /* loads the unwinder's library now: not possible in the handler */
-	localtime_r(&now, &local);
-	g_dump_utc_offset = local.tm_gmtoff;
-	g_dump_file = zq_strdup(file);
-	if (!g_dump_file) {
-		return;
-	}
-	g_pre_handler = signal(SIGSEGV, dump_handler);
-	if (g_pre_handler == SIG_ERR || g_pre_handler == SIG_IGN || g_pre_handler == SIG_DFL) {
-		g_pre_handler = NULL;
-	}
 }

@@ -2,6 +2,8 @@
 #ifndef ZQP_DEBUG_H
 #define ZQP_DEBUG_H
 
+#include <signal.h>
+
 #include "zqp_types.h"
 
 enum zq_log_level {
@@ -45,9 +47,19 @@ int zq_file_may_grow(const char *path);
  * message. errno is the same afterwards. Use ZQ_LOG. */
 void zq_log_write(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+/* Opens a log for appending and returns the descriptor, -1 with errno set. `create` is O_CREAT or 0. Async-signal-safe.
+ */
+int zq_open_log(const char *path, int create);
+
 /* Installs the SIGSEGV handler that appends a backtrace to `file` (copied); only the first call in a process acts. */
 void reg_dump(const char *file);
 /* The handler: async-signal-safe calls only; hands the signal on and lets it end the process. */
-void dump_handler(int signal_number);
+void dump_handler(int signal_number, siginfo_t *info, void *context);
+
+/* Gives the calling thread a stack for signal handlers, so that the backtrace can be written after its own stack is
+ * exhausted. Returns what zq_close_signal_stack() takes; null when the thread has one already, or none is to be had. */
+void *zq_open_signal_stack(void);
+/* Takes it away again and unmaps it, if this is the thread that uses it; else it stays mapped. Null is fine. */
+void zq_close_signal_stack(void *stack);
 
 #endif

@@ -35,6 +35,8 @@ struct zq_thread {
 	int daemon_sock;                 /* -1: not connected */
 	unsigned daemon_process;         /* zq_process_number() that opened it: a forked child must not use its stream */
 	ino_t daemon_inode;              /* of it: the number alone may be another file's by now */
+	int has_signal_stack;            /* its own, the host's, or none to be had */
+	void *signal_stack;              /* zq_open_signal_stack()'s; null: the host's, or none */
 	const char *license;             /* points at license_copy or at a constant; phpinfo shows the last request's */
 	char *license_copy;              /* owned */
 	unsigned component_generation;   /* counts the times `components` was emptied: guards stale element pointers */

@@ -49,6 +49,7 @@ static void php_zqprof_shutdown_globals(void *globals TSRMLS_DC)
 		close(g->daemon_sock);
 		g->daemon_sock = -1;
 	}
+	zq_close_signal_stack(g->signal_stack);
 	free(g->license_copy);
 	g->license_copy = NULL;
 	g->license = NULL;

@@ -235,6 +235,10 @@ int zm_activate_zqprof(INIT_FUNC_ARGS)
 	zq_no_call_is_open(g);
 	g->request_open = 1;
 	reg_dump(zqprof_ini_log_file);
+	if (!g->has_signal_stack) {
+		g->has_signal_stack = 1;
+		g->signal_stack = zq_open_signal_stack();
+	}
 	g->rinit_tick = cycle_timer();
 	zq_lift_memory_limit(TSRMLS_C);
 	zend_try

@@ -72,6 +72,14 @@ def test_crash_leaves_a_backtrace_and_still_ends_the_process(site, shim, writabl
         assert "zqprof.so" not in banner[3].partition("\n")[0]        # the handler itself is left out
 
 
+def test_recursion_that_exhausts_the_stack_leaves_a_backtrace(site):
+    """Which cannot be written on that stack; a signal that somebody sends says nothing of it."""
+    endless = site.script("function f() { f(); } f();", "job.php")
+    crash = site.run(["sh", "-c", 'ulimit -c 0; ulimit -s 1024; exec "$@"', "sh", ENGINE / "bin/php", "-c", site.ini_file(True), endless])
+    frames = re.search(r" SIGSEGV backtrace\(Oct 20 2016\) ========\nstack exhausted\n((?:\t.+\n)+)\n=+ SIGSEGV =+\n", site.log())
+    assert crash.code == -signal.SIGSEGV and frames and frames[1].count("zq_execute_ex") + frames[1].count("zqprof.so") > 10
+
+
 @pytest.mark.parametrize("ini, shown", [
     ({}, {"quorbit": "enabled", "zqs.license_key": "empty key"}),
     ({"zqs.agent_enabled": "0"}, {"quorbit": "disabled", "zqs.license_key": " "}),
