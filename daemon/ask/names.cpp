@@ -43,7 +43,7 @@ int names(const DaemonConfig &config, const NamesOptions &options)
 {
 	std::string path = options.settings.empty() ? config.applications_file() : options.settings;
 	Applications applications = parse_applications(read_file(path));
-	for (const std::string &problem : applications.problems) tell(path + " " + problem);
+	for (const std::string &problem : applications.problems) tell(std::string(path).append(" ").append(problem));
 	Namer namer(settings_of(applications, options.application), options.script, options.fpm);
 	NameCounts counts = count_file(options.requests, namer);
 	put(names_text(counts, options.most, list_width(), options.script));

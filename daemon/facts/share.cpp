@@ -52,7 +52,7 @@ std::string_view take_item(std::string_view &body)
 		if (c < '0' || c > '9') return {};
 		length = 10 * length + static_cast<size_t>(c - '0');
 	}
-	if (colon == std::string_view::npos || colon > 8 || length > body.size() - colon - 1) return {};
+	if (colon > 8 || length > body.size() - colon - 1) return {}; // no colon: npos
 	std::string_view item = body.substr(0, colon + 1 + length);
 	body.remove_prefix(item.size());
 	return item;

@@ -1,7 +1,7 @@
 // What agents send to the local daemon, decoded and reported: every packet that is taken prints as harmless text and as JSON
 // that strict parsers take, in every width and form.
 // Input: a number for the width, then the packet's body.
-// sources: daemon/facts/packet.cpp daemon/facts/details.cpp daemon/facts/wire.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/print/page.cpp daemon/facts/plan.cpp daemon/facts/sql_text.cpp daemon/facts/trace.cpp daemon/print/trace_text.cpp daemon/print/report_action.cpp daemon/print/report_sql.cpp daemon/print/report_json.cpp daemon/print/report_list.cpp daemon/print/report_profile.cpp
+// sources: daemon/facts/packet.cpp daemon/facts/details.cpp daemon/facts/wire.cpp daemon/facts/share.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/print/page.cpp daemon/facts/plan.cpp daemon/facts/sql_text.cpp daemon/facts/trace.cpp daemon/print/trace_text.cpp daemon/print/report_action.cpp daemon/print/report_sql.cpp daemon/print/report_json.cpp daemon/print/report_list.cpp daemon/print/report_profile.cpp
 // libraries: nlohmann_json sqlite3
 #include "print/report.h"
 #include "require.h"
@@ -35,8 +35,7 @@ StoredAction stored(int64_t id, const Action& action) {
 
 void check_action(const Action& action, size_t width) {
   StoredAction shown = stored(1, action), other = stored(2, action);
-  std::vector<StoredAction> others = {other};
-  auto related = relate(shown, others);
+  std::vector<RelatedAction> related = {relate(shown, called_tracer_ids(action), other)};
   for (bool full : {false, true}) check_text(action_text(shown, related, width, full));
   check_text(action_table({shown.row}, width, 1000));
   check_text(tail_line(shown.row, width, 1000));
