@@ -247,8 +247,7 @@ int64_t Action::code_ms() const
 	return rest > 0 ? rest : 0;
 }
 
-// Of records that make entries of lists, more than any request has: a packet of 16 MiB could hold millions.
-constexpr size_t most_listed = 100000, most_unknown = 1024;
+constexpr size_t most_unknown = 1024;
 
 std::optional<Action> read_action(std::string_view body)
 {
@@ -260,7 +259,7 @@ std::optional<Action> read_action(std::string_view body)
 			details = record.body;
 			return;
 		}
-		bool fits = !is_listed(record.type) || listed++ < most_listed;
+		bool fits = !is_listed(record.type) || listed++ < most_listed_records;
 		if (fits && read_action_record(record, action)) return;
 		if (fits && action.unknown.size() < most_unknown)
 			action.unknown.push_back({record.type, std::string(record.body)});

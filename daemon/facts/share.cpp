@@ -2,13 +2,15 @@
 #include "facts/share.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 
 namespace quorbit {
 
 namespace {
 
-constexpr size_t most_error_bytes = 16384;
+constexpr size_t most_text_bytes = 16384; // of an error, a name or an id
+constexpr size_t most_cache_totals = 64;  // one for each product
 constexpr size_t most_details_bytes = 65536;
 
 // In the order in which they go.
@@ -76,11 +78,26 @@ long duration_of(std::string_view statement)
 
 class Cutter {
 public:
-	Cutter(std::vector<Record> records, const PacketShare &share) : records_(std::move(records)), share_(share)
+	explicit Cutter(const PacketShare &share) : share_(share) {}
+
+	// The next record of the packet. Of what a packet tells once the last one counts, as where it is read.
+	void add(const Record &record)
 	{
-		for (const Record &record : records_) {
-			if (record.type != record_trace) bytes_ += header_size + record.body.size();
+		const Class its = class_of(record);
+		const bool once = its == Class::sum && record.type != record_cache_total && record.type != record_detail;
+		size_t &before = last_of_[record.type]; // its place, counted from 1
+		const bool many =
+			its != Class::sum ? listed_++ >= share_.most_records : !once && totals_++ >= most_cache_totals;
+		if (many) return leave_out(record, its);
+		if (once && before > 0) {
+			leave_out(records_[before - 1], Class::text);
+			bytes_ -= bytes_of(records_[before - 1]);
+			records_[before - 1] = record;
+		} else {
+			records_.push_back(record);
+			before = records_.size();
 		}
+		bytes_ += bytes_of(record);
 	}
 
 	std::string cut()
@@ -90,14 +107,16 @@ public:
 				shorten(record, {});
 				left_out_.traces++;
 			}
-			size_t most_error = share_.most_bytes ? most_error_bytes : error_without_stack(record.body);
-			if (record.type == record_error && record.body.size() > most_error) {
-				shorten(record, record.body.substr(0, most_error));
+			size_t most = record.type == record_error && !share_.most_bytes ? error_without_stack(record.body)
+				: record.type == record_details                             ? most_details_bytes
+																			: most_text_bytes;
+			if (record.type != record_trace && class_of(record) == Class::sum && record.body.size() > most) {
+				shorten(record, record.body.substr(0, most));
 				left_out_.texts++;
 			}
 		}
-		drop(Class::parameter, left_out_.parameters);
-		drop(Class::text, left_out_.texts);
+		drop(Class::parameter);
+		drop(Class::text);
 		for (Record *record : of_class(Class::statement)) {
 			std::string_view bare = bare_statement(record->body);
 			if (bytes_ <= share_.most_bytes) break;
@@ -105,17 +124,38 @@ public:
 			shorten(*record, bare);
 			left_out_.texts++;
 		}
-		drop(Class::statement, left_out_.statements);
-		drop(Class::call, left_out_.calls);
+		drop(Class::statement);
+		drop(Class::call);
 		return text();
 	}
 
 private:
+	static size_t bytes_of(const Record &record)
+	{
+		return record.type == record_trace ? 0 : header_size + record.body.size();
+	}
+
+	int64_t &count_of(Class its)
+	{
+		switch (its) {
+		case Class::parameter: return left_out_.parameters;
+		case Class::statement: return left_out_.statements;
+		case Class::call: return left_out_.calls;
+		default: return left_out_.texts;
+		}
+	}
+
+	void leave_out(const Record &record, Class its)
+	{
+		left_out_.bytes += static_cast<int64_t>(record.body.size());
+		count_of(its)++;
+	}
+
 	static size_t error_without_stack(std::string_view body)
 	{
 		size_t end = 0;
 		for (int line = 0; line < 4 && end != std::string_view::npos; line++) end = body.find('\n', line ? end + 1 : 0);
-		return std::min({end == std::string_view::npos ? body.size() : end + 1, body.size(), most_error_bytes});
+		return std::min({end == std::string_view::npos ? body.size() : end + 1, body.size(), most_text_bytes});
 	}
 
 	std::vector<Record *> of_class(Class wanted)
@@ -135,7 +175,7 @@ private:
 	}
 
 	// The least worth first: the quickest of statements, the largest of everything else.
-	void drop(Class wanted, int64_t &count)
+	void drop(Class wanted)
 	{
 		if (bytes_ <= share_.most_bytes) return;
 		auto records = of_class(wanted);
@@ -147,7 +187,7 @@ private:
 			if (bytes_ <= share_.most_bytes) return;
 			bytes_ -= header_size;
 			shorten(*record, {});
-			count++;
+			count_of(wanted)++;
 		}
 	}
 
@@ -171,6 +211,8 @@ private:
 
 	std::vector<Record> records_;
 	const PacketShare share_;
+	std::array<size_t, 256> last_of_{};
+	size_t listed_ = 0, totals_ = 0;
 	size_t bytes_ = 0; // without the trace
 	LeftOut left_out_;
 };
@@ -180,9 +222,9 @@ private:
 std::optional<std::string> within_share(std::string_view body, const PacketShare &share)
 {
 	if (body.size() <= share.most_bytes) return std::nullopt;
-	auto records = read_records(body);
-	if (!records) return std::nullopt;
-	std::string cut = Cutter(std::move(*records), share).cut();
+	Cutter cutter(share);
+	if (!for_each_record(body, [&cutter](const Record &record) { cutter.add(record); })) return std::nullopt;
+	std::string cut = cutter.cut();
 	if (cut.size() >= body.size()) return std::nullopt;
 	return cut;
 }

@@ -71,3 +71,22 @@ TEST(PacketShare, BearsWhatNoAgentSends) {
     EXPECT_TRUE(kept(record(0x27, body) + record(0x2A, body) + repeat(20, record(0x55, std::string(20000, 'x'))))) << body;
   }
 }
+
+TEST(PacketShare, HoldsWhateverAPacketIsMadeOf) {
+  const std::string long_name = record(0x12, std::string(60000, 'n'));
+  struct Case {
+    const char* of;
+    std::string more;
+    PacketShare share;
+  };
+  for (const Case& sent : {Case{"names", repeat(150, long_name), {}}, Case{"a name", long_name, head_share},
+                           Case{"cache totals", repeat(100000, record(0x17, "1\nRedis")), {}},
+                           Case{"empty records", repeat(2000000, record(0x24, "")), {}},
+                           Case{"empty records, to the head", repeat(2000000, record(0x24, "")), head_share}}) {
+    auto cut = within_share(action_body("Shop", "cart", 100, sent.more), sent.share);
+    ASSERT_TRUE(cut) << sent.of;
+    EXPECT_LE(cut->size(), std::max(sent.share.most_bytes, size_t{20000})) << sent.of;
+    EXPECT_GT(read_action(*cut)->left_out.texts, 0) << sent.of;
+    EXPECT_EQ(read_action(*cut)->duration_ms, 100) << sent.of;
+  }
+}
