@@ -18,9 +18,18 @@ for path in "$PREFIX" "$RUNTIME_ROOT" "$SYSCONFDIR" "$EXTENSION_DIR"; do
     [ "${path:0:1}" = / ] || fail "\"$path\" must be an absolute path"
 done
 
-extension_file="${DESTDIR:-}$EXTENSION_DIR/zqprof.so"
-daemon_file="${DESTDIR:-}$PREFIX/bin/quorbit"
-ini_file="${DESTDIR:-}$PREFIX/share/quorbit/quorbit.ini"
-logrotate_file="${DESTDIR:-}$SYSCONFDIR/logrotate.d/quorbit"
 log_folder="${DESTDIR:-}$RUNTIME_ROOT/log/quorbit"
 agent_log="$log_folder/php-agent.log"
+
+fill_in() {                             # from standard input
+    local name expressions=()
+    for name in PREFIX RUNTIME_ROOT SYSCONFDIR EXTENSION_DIR WEB_GROUP; do
+        expressions+=(-e "s|@$name@|${!name}|g")
+    done
+    sed "${expressions[@]}"
+}
+
+# The rows of packaging/files.list as "MODE SOURCE PLACE", without DESTDIR.
+rows() {
+    awk 'NF == 4 && !/^#/ { print $2, $3, $4 }' packaging/files.list | fill_in
+}
