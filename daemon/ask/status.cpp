@@ -1,68 +1,74 @@
-// quorbit status: who has asked and reported, and what to check when nothing comes.
+// quorbit status: whether every PHP process of the host reports, and what to do where one does not.
 #include "ask/command.h"
 
+#include "ask/host_state.h"
 #include "base/clock.h"
 #include "print/output.h"
 #include "print/report.h"
-#include "receive/daemonize.h"
 #include "store/open_reader.h"
 #include "store/profile_orders.h"
 
+#include <nlohmann/json.hpp>
 #include <algorithm>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace quorbit {
 
 namespace {
 
-// Whether the program that this process runs has been replaced on disk. False also when that cannot be seen.
-bool runs_replaced_program(int process)
+struct StatusOptions {
+	bool json = false;
+	std::string proc = "/proc";
+};
+
+std::string daemon_text(const DaemonFacts &daemon)
 {
-	char target[4096];
-	ssize_t length = readlink(("/proc/" + std::to_string(process) + "/exe").c_str(), target, sizeof target);
-	return length > 0 && std::string_view(target, static_cast<size_t>(length)).ends_with(" (deleted)");
+	if (!daemon.answers) return "No daemon answers.\n";
+	return "The daemon is running" + (daemon.process ? " as process " + std::to_string(daemon.process) : "") + ".\n";
 }
 
-std::string daemon_text(bool answers, int process)
+void print_for_people(const DaemonConfig &config, const HostFacts &facts, const std::vector<Finding> &findings,
+	const std::vector<ApplicationRow> &applications)
 {
-	if (!answers) return "No daemon answers.\n";
-	std::string text =
-		"The daemon is running" + (process ? " as process " + std::to_string(process) : std::string()) + ".\n";
-	if (!process || !runs_replaced_program(process)) return text;
-	return text + "It is older than the quorbit that is installed: end it (kill " + std::to_string(process) +
-		"), and the next PHP process to start, as root or its owner, starts the new one.\n";
-}
-
-int status(const DaemonConfig &config)
-{
-	bool answers = daemon_answers(config);
-	auto refusal = access_refusal(config);
-	if (refusal && !answers) throw std::runtime_error(*refusal);
-	put(daemon_text(answers, running_daemon(config)));
-	if (refusal) {
-		put("What it received is not for this account: " + *refusal + ".\n");
-		return 0;
-	}
-	std::vector<ApplicationRow> applications;
-	if (has_store(config)) {
-		applications = open_reader(config)->applications();
-		put(profiles_text(open_profiles(config.store_file()), wall_clock_ms()));
-	}
+	put(daemon_text(facts.daemon));
+	const bool may_read = !facts.daemon.refusal && has_store(config);
+	if (may_read) put(profiles_text(open_profiles(config.store_file()), facts.now_ms));
+	const std::string processes = processes_text(facts, list_width());
+	put("\n" + (processes.empty() ? "There is no PHP process on this host.\n" : processes));
+	if (!applications.empty()) put("\n" + status_text(applications, facts.now_ms));
+	if (may_read) put(dropped_text(open_reader(config)->dropped({facts.now_ms - 86400000}, "")));
 	auto has_sent = [](const ApplicationRow &row) { return row.packets > 0; };
-	bool received = std::any_of(applications.begin(), applications.end(), has_sent);
-	put("\n" + status_text(applications, wall_clock_ms()));
-	if (has_store(config)) put(dropped_text(open_reader(config)->dropped({wall_clock_ms() - 86400000}, "")));
-	if (!received) put("Nothing has been received yet.\n");
-	if (!received || !answers) put(checks_text(config));
-	return answers ? 0 : 1;
+	if (may_read && std::none_of(applications.begin(), applications.end(), has_sent))
+		put("\nNothing has been received yet.\n");
+	put("\n" + (findings.empty() ? "Nothing is amiss.\n" : findings_text(findings)));
+}
+
+int status(const DaemonConfig &config, const StatusOptions &options)
+{
+	auto refusal = access_refusal(config);
+	std::vector<ApplicationRow> applications;
+	std::unique_ptr<Reader> store;
+	if (!refusal && has_store(config)) {
+		store = open_reader(config);
+		applications = store->applications();
+	}
+	const HostFacts facts = host_state(config, store.get(), applications, options.proc);
+	if (refusal && !facts.daemon.answers) throw std::runtime_error(*refusal);
+	const auto findings = findings_of(facts);
+	if (options.json)
+		put(json_text(host_json(facts, findings, applications), true));
+	else
+		print_for_people(config, facts, findings, applications);
+	return findings.empty() ? 0 : 1;
 }
 
 } // namespace
 
-CommandRun add_status(CLI::App &)
+CommandRun add_status(CLI::App &command)
 {
-	return status;
+	auto options = std::make_shared<StatusOptions>();
+	command.add_flag("--json", options->json, "for programs");
+	return [options](const DaemonConfig &config) { return status(config, *options); };
 }
 
 } // namespace quorbit

@@ -2,8 +2,8 @@
 // UTF-8.
 #pragma once
 
-#include "base/config.h"
 #include "base/json_text.h"
+#include "host/findings.h"
 #include "print/page.h"
 #include "store/profile_orders.h"
 #include "store/reader.h"
@@ -82,10 +82,19 @@ std::string top_text(const std::vector<SumRow> &sums, size_t width);
 std::string dropped_text(const std::vector<DroppedRow> &rows);
 // Per application its last query and packet, its PHP and the settings given; "" when there is none.
 std::string status_text(const std::vector<ApplicationRow> &applications, int64_t now_wall_ms);
-// What to look at when nothing comes, judged from the files as they are.
-std::string checks_text(const DaemonConfig &config);
 // A line for each profile that waits or runs; "" when none does.
 std::string profiles_text(const std::vector<ProfileRow> &profiles, int64_t now_wall_ms);
+
+// --- the host (report_host.cpp)
+
+// A table of PHP's processes in `width` columns, one line per server, pool, account and state of the agent; "" when
+// there is none.
+std::string processes_text(const HostFacts &facts, size_t width);
+// A line for each finding, with what to do; "" when there is none.
+std::string findings_text(const std::vector<Finding> &findings);
+// All of it as one object, for programs.
+Json host_json(
+	const HostFacts &facts, const std::vector<Finding> &findings, const std::vector<ApplicationRow> &applications);
 
 // --- thread profile (report_profile.cpp)
 

@@ -103,6 +103,13 @@ struct ApplicationRow {
 	int64_t packet_ms = 0, packet_process = 0, packets = 0;
 };
 
+// A process and the application that it sent packets of.
+struct SenderRow {
+	int64_t process = 0;
+	std::string application;
+	int64_t packet_ms = 0, packets = 0; // of the newest; how many
+};
+
 // Packets of an application that were not stored, or not in full, and why (store/store_writer.h).
 struct DroppedRow {
 	std::string application, reason;
@@ -144,6 +151,8 @@ public:
 
 	// By name.
 	virtual std::vector<ApplicationRow> applications() = 0;
+	// Who sent what came in that time; read at once, so it should be no more than some minutes.
+	virtual std::vector<SenderRow> senders(const TimeRange &range) = 0;
 
 	// Calls on_event for each event of a thread profile, thread by thread, in the order in which they came.
 	virtual void each_profile_event(

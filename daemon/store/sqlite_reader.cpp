@@ -159,6 +159,19 @@ public:
 		return rows;
 	}
 
+	std::vector<SenderRow> senders(const TimeRange &range) override
+	{
+		Unstopped reading;
+		Statement select(store_.current(),
+			"SELECT process, application, max(received_ms), count(*) FROM action "
+			"WHERE received_ms >= ? AND received_ms < ? GROUP BY process, application");
+		select.bind(1, range.from_ms).bind(2, range.until_ms);
+		std::vector<SenderRow> rows;
+		while (select.step())
+			rows.push_back({select.integer(0), select.text(1), select.integer(2), select.integer(3)});
+		return rows;
+	}
+
 	void each_profile_event(
 		const ProfileQuestion &question, const std::function<void(const ProfileEvent &)> &on_event) override
 	{

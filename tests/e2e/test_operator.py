@@ -40,13 +40,13 @@ def test_an_account_that_may_not_look_is_told_who_may(real):
             assert as_account(real, account, *words) == (1, f"quorbit: {refusal}\n")
     assert as_account(real, "nobody", "status") == (1, f"quorbit: {refusals['nobody']}\n")
     status, printed = as_account(real, WEB_USER, "status")
-    assert status == 0 and printed.startswith("The daemon is running") and refusals[WEB_USER] in printed
+    assert status == 1 and printed.startswith("The daemon is running") and refusals[WEB_USER] in printed
 
 
 def test_status_tells_what_to_check_when_the_daemon_is_gone(real):
     real.php()
     real.reports(1)
-    assert "CHECK" not in real.command("status")
+    assert "no daemon answers" not in real.command("status")
     real.stop()
     printed = real.command("status")
     assert printed.startswith("No daemon answers.\n") and "last packet" in printed and "CHECK  no daemon answers on" in printed
@@ -59,10 +59,10 @@ def test_status_tells_a_daemon_that_is_older_than_the_program(real):
     real.php()
     pid = int((real.logs / "quorbit.pid").read_text())
     try:
-        assert "It is older" not in real.command("status")
+        assert "is older than" not in real.command("status")
         program.unlink()
         shutil.copy(QUORBIT, program)
-        assert f"It is older than the quorbit that is installed: end it (kill {pid})" in real.command("status")
+        assert f"is older than the quorbit that is installed. To mend: kill {pid}" in real.command("status")
     finally:
         os.kill(pid, signal.SIGTERM)
         wait_until(lambda: not (real.logs / "quorbit.pid").exists(), "the daemon to end")
