@@ -1,8 +1,7 @@
-/* Keeping of details. A statement costs a few comparisons here while one line of the script goes on running statements,
- * and a probe of a small table when it is another line's turn. */
+/* Keeping of details. A statement costs a few comparisons while one call of the script goes on running statements, and
+ * a probe of a small table when it is another call's turn. */
 #include "zqp_details.h"
 
-#include <limits.h>
 #include <sys/resource.h>
 
 static const unsigned FIRST_SLOTS = 32; /* a power of two, as all that follow */
@@ -24,7 +23,7 @@ void zq_details_begin(TSRMLS_D)
 	zq_details_end(TSRMLS_C);
 	if (g->details_wanted) {
 		g->details = (zq_details *)ecalloc(1, sizeof(zq_details));
-		g->details->last.line = UINT_MAX; /* no place */
+		g->details->objects = &EG(objects_store);
 		zq_thread_times(&g->details->user_us, &g->details->system_us);
 	}
 }
@@ -78,8 +77,7 @@ static void grow_slots(zq_details *details)
 	}
 }
 
-static zend_never_inline unsigned find_or_add(
-	zq_details *details, const zq_place *place, const char *(*vendor_of)(const void *))
+static unsigned find_or_add(zq_details *details, const zq_place *place, const char *(*vendor_of)(const void *))
 {
 	if (details->place_count * 2 >= details->slot_count) {
 		grow_slots(details);
@@ -97,10 +95,22 @@ static zend_never_inline unsigned find_or_add(
 	return *slot;
 }
 
-unsigned zq_details_other_place(zq_details *details, const zq_place *place, const char *(*vendor_of)(const void *))
+unsigned zq_details_place(zq_details *details, zend_execute_data *frame, const void *kind, const void *source,
+	const char *(*vendor_of)(const void *)TSRMLS_DC)
 {
-	details->last = *place;
-	return details->last_number = find_or_add(details, place, vendor_of);
+	const zend_execute_data *caller = frame;
+	while (caller && !caller->op_array) {
+		caller = caller->prev_execute_data;
+	}
+	const zend_op *opline = caller ? caller->opline : NULL;
+	if (opline && opline->opcode == ZEND_HANDLE_EXCEPTION) {
+		opline = EG(opline_before_exception);
+	}
+	zq_place place = {caller ? caller->op_array->filename : NULL, source, NULL, opline ? opline->lineno : 0};
+	unsigned number = find_or_add(details, &place, vendor_of);
+	bool lasts = caller && caller == frame && opline == frame->opline && caller->op_array->function_name;
+	details->last = {opline, lasts ? kind : NULL, source, number};
+	return number;
 }
 
 /* ---- texts ---- */

@@ -25,15 +25,23 @@ typedef struct zq_whole_text {
 	char text[1]; /* `len` bytes */
 } zq_whole_text;
 
+/* The last call that ran a statement and may be told by its operation: one in a function, which stays where it is until
+ * request end. Included and evaluated code does not. */
+typedef struct zq_last_call {
+	const zend_op *opline;
+	const void *kind;   /* what its recorder knows its kind by; null: there is no such call */
+	const void *source; /* as in its place */
+	unsigned place;
+} zq_last_call;
+
 /* Of one action: the globals' `details`, null when nobody asks. Request memory. */
 typedef struct zq_details {
 	uint64 database_us, services_us;
-	unsigned statements, services; /* calls, also those whose texts were not kept */
-	uint64 user_us, system_us;     /* processor time of the thread when the action began */
+	unsigned unlisted_statements, services; /* calls; of statements those that `sqls` does not have */
+	uint64 user_us, system_us;              /* processor time of the thread when the action began */
 	uint64 output_bytes;
-	zq_place last; /* the place of the last statement, and its number */
-	unsigned last_number;
-	const zend_module_entry *pdo; /* PDO's, when a statement has come by it */
+	zq_last_call last;
+	const zend_objects_store *objects; /* the thread's: asked for at each statement */
 	zq_place *places;
 	uint16_t *slots; /* numbers of places by hash; ZQ_NO_PLACE: free */
 	unsigned place_count, slot_count;
@@ -46,27 +54,17 @@ typedef struct zq_details {
 void zq_details_begin(TSRMLS_D);
 void zq_details_end(TSRMLS_D);
 
-/* zq_details_place() for another place than the last. */
-unsigned zq_details_other_place(zq_details *details, const zq_place *place, const char *(*vendor_of)(const void *));
-/* Number of the place that `frame` runs, new when it is the first time; ZQ_NO_PLACE when there are too many. `source`
- * is what the vendor is known by, and vendor_of() gives its name; null: it is the name. */
-static inline unsigned zq_details_place(
-	zq_details *details, zend_execute_data *frame, const void *source, const char *(*vendor_of)(const void *)TSRMLS_DC)
+/* True when `frame` makes the same call of that kind as the last statement's, so that its place is `last.place` unless
+ * its source is another. */
+static inline bool zq_is_last_call(const zq_details *details, const zend_execute_data *frame, const void *kind)
 {
-	while (frame && UNEXPECTED(!frame->op_array)) {
-		frame = frame->prev_execute_data;
-	}
-	const zend_op *opline = frame ? frame->opline : NULL;
-	if (UNEXPECTED(opline && opline->opcode == ZEND_HANDLE_EXCEPTION)) {
-		opline = EG(opline_before_exception);
-	}
-	zq_place place = {frame ? frame->op_array->filename : NULL, source, NULL, opline ? opline->lineno : 0};
-	const zq_place *last = &details->last;
-	if (EXPECTED(last->line == place.line && last->file == place.file && last->source == source)) {
-		return details->last_number;
-	}
-	return zq_details_other_place(details, &place, vendor_of);
+	return EXPECTED(details->last.kind == kind) && EXPECTED(details->last.opline == frame->opline);
 }
+/* Number of the place that `frame` runs, new when it is the first time; ZQ_NO_PLACE when there are too many. `source`
+ * is what the vendor is known by, and vendor_of() gives its name; null: it is the name. Remembers the call as the last
+ * one if it can be, when `kind` is given. */
+unsigned zq_details_place(zq_details *details, zend_execute_data *frame, const void *kind, const void *source,
+	const char *(*vendor_of)(const void *)TSRMLS_DC);
 
 /* Keeps a text that was cut: `number` and `field` as above. Up to 16,384 bytes of it, and 128 KiB together. */
 void zq_details_keep_text(zq_details *details, unsigned number, int field, const char *text, size_t len);

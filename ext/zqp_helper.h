@@ -33,6 +33,20 @@ char *get_arguments(zend_execute_data *data TSRMLS_DC);
 zval *FIND_HASH_ZVALUE(HashTable *ht, const char *key, uint key_size);
 /* Pointer stored under `key` in a table whose data are pointers, borrowed; null when absent or `ht` is null. */
 void *FIND_HASH_PVALUE(HashTable *ht, const char *key, uint key_size);
+/* The hash under which the engine's tables keep a literal key, its NUL included. */
+template <size_t size>
+consteval ulong zq_key_hash(const char (&key)[size])
+{
+	ulong hash = 5381;
+	for (char byte : key) {
+		hash = hash * 33 + (ulong)byte;
+	}
+	return hash;
+}
+/* Text of a $_SERVER entry as the server gave it, whatever the script did to its own copy; borrowed, null when absent
+ * or no string. ZQ_SERVER_TEXT takes the key as a literal. */
+const char *zq_server_text(const char *key, uint key_size, ulong key_hash TSRMLS_DC);
+#define ZQ_SERVER_TEXT(key) zq_server_text(key, sizeof(key), zq_key_hash(key) TSRMLS_CC)
 /* Option of wrapper "http" in a stream context, borrowed; null when not set. */
 zval *GET_CONTEXT_HTTP_OPTION(php_stream_context *context, const char *option);
 /* First string-keyed entry of an array value whose key equals `search_name` (size with NUL) ignoring case: its

@@ -130,6 +130,17 @@ zval *FIND_HASH_ZVALUE(HashTable *ht, const char *key, uint key_size)
 	return (zval *)FIND_HASH_PVALUE(ht, key, key_size); /* tables of values hold zval pointers */
 }
 
+const char *zq_server_text(const char *key, uint key_size, ulong key_hash TSRMLS_DC)
+{
+	const zval *server = PG(http_globals)[TRACK_VARS_SERVER];
+	zval **value;
+	if (!server || Z_TYPE_P(server) != IS_ARRAY ||
+		zend_hash_quick_find(Z_ARRVAL_P(server), key, key_size, key_hash, (void **)&value) != SUCCESS) {
+		return NULL;
+	}
+	return Z_TYPE_PP(value) == IS_STRING ? Z_STRVAL_PP(value) : NULL;
+}
+
 zval *GET_CONTEXT_HTTP_OPTION(php_stream_context *context, const char *option)
 {
 	zval **value;

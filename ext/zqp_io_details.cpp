@@ -62,11 +62,24 @@ void append_item(writer *to, int type, const void *head, size_t head_len, const 
 	zq_append(to->packet, text, len);
 }
 
-void append_number(writer *to, int type, uint64 number)
+struct figure {
+	item type;
+	uint64 value;
+};
+
+/* The record begins with them, so that there is room. */
+void append_figures(writer *to, std::initializer_list<figure> figures)
 {
-	char item[4 + sizeof(number)] = {(char)type, 0, 0, sizeof(number)};
-	memcpy(item + 4, &number, sizeof(number));
-	zq_append(to->packet, item, sizeof(item)); /* these come first, and there is room for them */
+	constexpr size_t size = 4 + sizeof(uint64);
+	zq_reserve(to->packet, figures.size() * size);
+	char *at = to->packet->c + to->packet->len;
+	for (const figure &each : figures) {
+		const char header[4] = {(char)each.type, 0, 0, sizeof(each.value)};
+		memcpy(at, header, sizeof(header));
+		memcpy(at + sizeof(header), &each.value, sizeof(each.value));
+		at += size;
+	}
+	to->packet->len += figures.size() * size;
 }
 
 void append_text(writer *to, int type, const char *text)
@@ -76,25 +89,22 @@ void append_text(writer *to, int type, const char *text)
 	}
 }
 
-const char *server_text(const char *key, uint key_size TSRMLS_DC)
-{
-	zval *server = PG(http_globals)[TRACK_VARS_SERVER];
-	zval *value = server && Z_TYPE_P(server) == IS_ARRAY ? FIND_HASH_ZVALUE(Z_ARRVAL_P(server), key, key_size) : NULL;
-	return value && Z_TYPE_P(value) == IS_STRING ? Z_STRVAL_P(value) : NULL;
-}
+/* Calls of caches and document stores, by their tables. */
+struct store_sums {
+	uint64 us, operations;
+};
 
-void append_store_sums(writer *to TSRMLS_DC)
+store_sums sum_of_stores(TSRMLS_D)
 {
-	uint64 us = 0, operations = 0;
+	store_sums sums = {0, 0};
 	for (const HashTable *table : {ZQG(nosql_memcc), ZQG(nosql_mongo), ZQG(nosql_redis)}) {
 		for (const Bucket *row = table ? table->pListHead : NULL; row; row = row->pListNext) {
 			const nosql_hash_element *sum = (const nosql_hash_element *)row->pDataPtr;
-			us += sum->tsc;
-			operations += sum->calls;
+			sums.us += sum->tsc;
+			sums.operations += sum->calls;
 		}
 	}
-	append_number(to, ITEM_CACHES_US, us);
-	append_number(to, ITEM_CACHE_OPERATIONS, operations);
+	return sums;
 }
 
 /* How long the request waited in front of PHP by a stamp of the wall clock, "t=" and seconds with or without decimals,
@@ -113,47 +123,52 @@ bool waited_us(const char *stamp, uint64 began_us, uint64 *us)
 
 void append_waiting(writer *to TSRMLS_DC)
 {
-	const char *stamp = server_text(ZEND_STRS("HTTP_X_QUEUE_START") TSRMLS_CC);
+	const char *stamp = ZQ_SERVER_TEXT("HTTP_X_QUEUE_START");
 	struct timeval now;
 	uint64 us;
 	if (stamp && gettimeofday(&now, NULL) == 0) {
 		uint64 now_us = (uint64)now.tv_sec * 1000000 + (uint64)now.tv_usec;
 		if (waited_us(stamp, now_us - (cycle_timer() - ZQG(rinit_tick)), &us)) {
-			append_number(to, ITEM_WAITED_US, us);
+			append_figures(to, {{ITEM_WAITED_US, us}});
 		}
 	}
 }
 
-void append_sums(writer *to, const zq_details *details TSRMLS_DC)
+void append_sums(writer *to, const zq_details *details, uint64 statements TSRMLS_DC)
 {
 	uint64 user_us, system_us;
 	zq_thread_times(&user_us, &system_us);
-	append_number(to, ITEM_DURATION_US, ZQG(rdown_tick) - ZQG(rinit_tick));
-	append_number(to, ITEM_DATABASE_US, details->database_us);
-	append_number(to, ITEM_STATEMENTS, details->statements);
-	append_store_sums(to TSRMLS_CC);
-	append_number(to, ITEM_SERVICES_US, details->services_us);
-	append_number(to, ITEM_SERVICES, details->services);
-	append_number(to, ITEM_USER_US, user_us - details->user_us);
-	append_number(to, ITEM_SYSTEM_US, system_us - details->system_us);
-	append_number(to, ITEM_PEAK_MEMORY, zend_memory_peak_usage(1 TSRMLS_CC));
-	append_number(to, ITEM_OUTPUT_BYTES, details->output_bytes);
+	store_sums stores = sum_of_stores(TSRMLS_C);
+	append_figures(to,
+		{
+			{ITEM_DURATION_US, ZQG(rdown_tick) - ZQG(rinit_tick)},
+			{ITEM_DATABASE_US, details->database_us},
+			{ITEM_STATEMENTS, statements},
+			{ITEM_CACHES_US, stores.us},
+			{ITEM_CACHE_OPERATIONS, stores.operations},
+			{ITEM_SERVICES_US, details->services_us},
+			{ITEM_SERVICES, details->services},
+			{ITEM_USER_US, user_us - details->user_us},
+			{ITEM_SYSTEM_US, system_us - details->system_us},
+			{ITEM_PEAK_MEMORY, zend_memory_peak_usage(1 TSRMLS_CC)},
+			{ITEM_OUTPUT_BYTES, details->output_bytes},
+		});
 }
 
 void append_request(writer *to TSRMLS_DC)
 {
-	append_text(to, ITEM_SCRIPT, server_text(ZEND_STRS("SCRIPT_FILENAME") TSRMLS_CC));
+	append_text(to, ITEM_SCRIPT, ZQ_SERVER_TEXT("SCRIPT_FILENAME"));
 	if (g_cli) {
-		append_number(to, ITEM_EXIT_STATUS, (uint64)EG(exit_status));
+		append_figures(to, {{ITEM_EXIT_STATUS, (uint64)EG(exit_status)}});
 		return;
 	}
-	const char *uri = server_text(ZEND_STRS("REQUEST_URI") TSRMLS_CC);
+	const char *uri = ZQ_SERVER_TEXT("REQUEST_URI");
 	if (uri) {
 		size_t len = strcspn(uri, "?");
 		append_item(to, ITEM_PATH, NULL, 0, uri, len < MOST_TEXT ? len : MOST_TEXT);
 	}
 	append_text(to, ITEM_METHOD, SG(request_info).request_method);
-	append_text(to, ITEM_HOST, server_text(ZEND_STRS("HTTP_HOST") TSRMLS_CC));
+	append_text(to, ITEM_HOST, ZQ_SERVER_TEXT("HTTP_HOST"));
 	append_waiting(to TSRMLS_CC);
 }
 
@@ -176,36 +191,44 @@ void append_places(writer *to, const zq_details *details)
 struct run {
 	uint16_t count, place;
 };
+static_assert(sizeof(run) == 4, "as it goes into the packet");
 
-/* Adds a statement and its repetitions to the last run, and what does not fit into it as further ones. */
-void append_run(smart_str *runs, run *last, uint64 count, uint16_t place)
+/* The places of the packet's statements, in their order. */
+struct runs {
+	smart_str list; /* of `run` */
+	uint64 statements;
+};
+
+/* Adds statements of one place, as several runs when they are too many for one. */
+void append_run(smart_str *list, uint64 count, uint16_t place)
 {
-	while (count) {
-		if (last->count == UINT16_MAX || (last->count && last->place != place)) {
-			zq_append(runs, (const char *)last, sizeof(*last));
-			last->count = 0;
-		}
-		uint64 room = (uint64)(UINT16_MAX - last->count), taken = count < room ? count : room;
-		*last = {(uint16_t)(last->count + taken), place};
-		count -= taken;
+	const size_t most = MOST_BYTES / 4; /* of many thousand statements the first */
+	while (count && list->len < most) {
+		run next = {(uint16_t)(count < UINT16_MAX ? count : UINT16_MAX), place};
+		zq_append(list, (const char *)&next, sizeof(next));
+		count -= next.count;
 	}
 }
 
-/* Where the packet's statements ran, in their order. */
-void append_runs(writer *to TSRMLS_DC)
+/* The list is request memory. */
+runs runs_of(const zend_llist *statements)
 {
-	smart_str runs = {};
-	run last = {0, 0};
-	const size_t most = MOST_BYTES / 4; /* of many thousand statements the first */
-	for (const zend_llist_element *at = ZQG(sqls) ? ZQG(sqls)->head : NULL; at && runs.len < most; at = at->next) {
+	runs found = {};
+	uint64 count = 0;
+	uint16_t place = ZQ_NO_PLACE;
+	for (const zend_llist_element *at = statements ? statements->head : NULL; at; at = at->next) {
 		const sql_element *sql = (const sql_element *)at->data;
-		append_run(&runs, &last, (uint64)sql->repeats + 1, sql->place);
+		if (sql->place != place) {
+			append_run(&found.list, count, place);
+			found.statements += count;
+			count = 0;
+			place = sql->place;
+		}
+		count += (uint64)sql->repeats + 1;
 	}
-	if (last.count) {
-		zq_append(&runs, (const char *)&last, sizeof(last));
-		append_item(to, ITEM_RUNS, NULL, 0, runs.c, runs.len);
-	}
-	zq_buffer_free(&runs);
+	append_run(&found.list, count, place);
+	found.statements += count;
+	return found;
 }
 
 void append_cut_text(writer *to, int type, const char *text)
@@ -241,9 +264,13 @@ void zq_append_details(smart_str *packet TSRMLS_DC)
 	size_t start = packet->len;
 	writer to = {packet, start + 4 + MOST_BYTES};
 	zq_append_header(packet, ZQ_RE_DETAILS, 0);
-	append_sums(&to, details TSRMLS_CC);
+	runs found = runs_of(ZQG(sqls));
+	append_sums(&to, details, found.statements + details->unlisted_statements TSRMLS_CC);
 	append_request(&to TSRMLS_CC);
-	append_runs(&to TSRMLS_CC);
+	if (found.list.len) {
+		append_item(&to, ITEM_RUNS, NULL, 0, found.list.c, found.list.len);
+	}
+	zq_buffer_free(&found.list);
 	append_places(&to, details);
 	append_whole_texts(&to, details TSRMLS_CC);
 	zq_fill_length(packet, start);

@@ -140,8 +140,8 @@ void zq_set_action_name(char *name, int level TSRMLS_DC)
 /* The script that the server runs; null when it does not tell. */
 static const char *script_file(TSRMLS_D)
 {
-	zval *file = FIND_HASH_ZVALUE(request_array(TRACK_VARS_SERVER TSRMLS_CC), ZEND_STRS("SCRIPT_FILENAME"));
-	return file && Z_TYPE_P(file) == IS_STRING ? Z_STRVAL_P(file) : NULL;
+	request_array(TRACK_VARS_SERVER TSRMLS_CC);
+	return ZQ_SERVER_TEXT("SCRIPT_FILENAME");
 }
 
 /* Clients choose paths. So that they cannot make names without end, a process gives these many; two of one hash count

@@ -178,10 +178,9 @@ const zq_sql_api sql_pg_delete = {"PostgreSQL", deleted, NULL, NULL, false};
 const zq_sql_api sql_sqlite_argument_0 = {"SQLite", argument<0>, NULL, NULL, false};
 const zq_sql_api sql_sqlite_argument_1 = {"SQLite", argument<1>, NULL, NULL, false};
 const zq_sql_api sql_oracle_prepared = {"Oracle", prepared, NULL, NULL, false};
-const zq_sql_api sql_pdo_query = {NULL, argument<0>, error_info, &pdo_query, false, zq_pdo_driver_of_connection};
-const zq_sql_api sql_pdo_exec = {NULL, argument<0>, NULL, NULL, false, zq_pdo_driver_of_connection};
-const zq_sql_api sql_pdo_statement_execute = {
-	NULL, query_string, error_info, &pdo_statement, false, zq_pdo_driver_of_statement};
+const zq_sql_api sql_pdo_query = {NULL, argument<0>, error_info, &pdo_query, false, ZQ_PDO_CONNECTION};
+const zq_sql_api sql_pdo_exec = {NULL, argument<0>, NULL, NULL, false, ZQ_PDO_CONNECTION};
+const zq_sql_api sql_pdo_statement_execute = {NULL, query_string, error_info, &pdo_statement, false, ZQ_PDO_STATEMENT};
 
 /* ---- the steps ---- */
 
@@ -249,17 +248,33 @@ static void trace_statement(zq_stack_data *call, uint64 begin_us, uint64 end_us,
 	}
 }
 
-/* Number of the place that ran the statement. */
-static unsigned add_to_details(
-	zq_details *details, const zq_sql_api *api, zq_stack_data *call, uint64 elapsed_us TSRMLS_DC)
+static zend_never_inline unsigned find_place(zq_details *details, const zq_sql_api *api, zq_stack_data *call TSRMLS_DC)
 {
-	details->database_us += elapsed_us;
-	details->statements++;
-	if (const void *driver = api->pdo_driver ? api->pdo_driver(call TSRMLS_CC) : NULL) {
-		return zq_details_place(details, call->execute_data, driver, zq_pdo_driver_vendor TSRMLS_CC);
+	zend_execute_data *frame = call->execute_data;
+	if (!api->pdo) {
+		return zq_details_place(details, frame, api, api->vendor, NULL TSRMLS_CC);
 	}
-	const char *vendor = api->vendor ? api->vendor : ZQG(pdo_db);
-	return zq_details_place(details, call->execute_data, vendor, NULL TSRMLS_CC);
+	const void *driver = zq_is_pdo_method(call) ? zq_pdo_driver(api->pdo, call->object, details->objects) : NULL;
+	if (!driver) {
+		return zq_details_place(details, frame, NULL, ZQG(pdo_db), NULL TSRMLS_CC);
+	}
+	return zq_details_place(details, frame, api, driver, zq_pdo_driver_vendor TSRMLS_CC);
+}
+
+/* Number of the place that ran the statement. */
+static inline unsigned place_of(zq_details *details, const zq_sql_api *api, zq_stack_data *call TSRMLS_DC)
+{
+	if (zq_is_last_call(details, call->execute_data, api)) {
+		const void *last = details->last.source;
+		const void *driver = EXPECTED(api->pdo == ZQ_PDO_CONNECTION)
+			? zq_pdo_driver(ZQ_PDO_CONNECTION, call->object, details->objects)
+			: api->pdo ? zq_pdo_driver(ZQ_PDO_STATEMENT, call->object, details->objects)
+					   : last;
+		if (EXPECTED(driver == last)) {
+			return details->last.place;
+		}
+	}
+	return find_place(details, api, call TSRMLS_CC);
 }
 
 static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
@@ -272,7 +287,11 @@ static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 b
 
 	const char *statement = api->statement(call, &built TSRMLS_CC);
 	sql_element *record = NULL;
-	unsigned place = g->details ? add_to_details(g->details, api, call, end_us - begin_us TSRMLS_CC) : ZQ_NO_PLACE;
+	unsigned place = ZQ_NO_PLACE;
+	if (zq_details *details = g->details) {
+		details->database_us += end_us - begin_us;
+		place = place_of(details, api, call TSRMLS_CC);
+	}
 	int has_stack = wants_stack(g, elapsed_ms), has_plan = wants_plan(g, api, elapsed_ms);
 	int is_traced = g->action_tracer_enabled && end_us - begin_us > g->tracer_threshold_tick;
 	if (statement && !is_recorded_full(g TSRMLS_CC)) {
@@ -293,6 +312,9 @@ static int record_statement(const zq_sql_api *api, zq_stack_data *call, uint64 b
 		efree(built);
 	}
 	if (!record) {
+		if (g->details) {
+			g->details->unlisted_statements++;
+		}
 		return 0;
 	}
 	count_bytes(g, record);

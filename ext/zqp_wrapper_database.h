@@ -2,7 +2,7 @@
 #ifndef ZQP_WRAPPER_DATABASE_H
 #define ZQP_WRAPPER_DATABASE_H
 
-#include "zqp_wrapper.h"
+#include "zqp_wrapper_pdo.h"
 
 struct zq_sql_api;
 
@@ -33,8 +33,7 @@ typedef struct zq_sql_api {
 	zq_error_source error;        /* null: its failures are not reported */
 	const zq_sql_client *client;  /* null: neither error function nor plan */
 	bool fails_without_statement; /* a failure counts even when no statement could be read */
-	/* PDO: what tells the vendor of the very object; null for the others. */
-	const void *(*pdo_driver)(const zq_stack_data *call TSRMLS_DC) = NULL;
+	zq_pdo_object pdo = ZQ_NOT_PDO;
 } zq_sql_api;
 
 /* Records one call with its times in us: duration, statement, failure, and at their thresholds stack, plan and trace
@@ -68,17 +67,6 @@ int performance_prepare_argument_1(zq_stack_data *call, uint64 begin_us, uint64 
 int performance_prepare_last_argument(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
 int performance_mysqli_prepare_method(
 	zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC); /* reports failures too */
-/* PDO::__construct: the data source names the vendor of the statements that follow. Always 0. */
-int performance_pdo_construct(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
-/* Vendor of a data source name; null when it is none that is known. Static text. */
-const char *zq_pdo_vendor(const char *dsn);
-
-/* While details are kept: the driver behind the PDO object, or the PDOStatement, of a call; null when it cannot be
- * told. Borrowed from the driver's module. */
-const void *zq_pdo_driver_of_connection(const zq_stack_data *call TSRMLS_DC);
-const void *zq_pdo_driver_of_statement(const zq_stack_data *call TSRMLS_DC);
-/* Its vendor, or its own name when the vendor is not known. Borrowed from the driver's module. */
-const char *zq_pdo_driver_vendor(const void *driver);
 
 /* The connection of a procedural call; null when the call did not name one. Borrowed. */
 static inline zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call)

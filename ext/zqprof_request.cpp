@@ -17,15 +17,6 @@ static const double random_max = 2147483647.0; /* what random() gives at most */
 
 /* ---- request start ----------------------------------------------------------------------------------------------- */
 
-/* Text of a $_SERVER entry, borrowed; null when it is absent or no string. */
-static const char *server_text(const char *name, uint name_size TSRMLS_DC)
-{
-	zval *server = PG(http_globals)[TRACK_VARS_SERVER];
-	zval *value = server && Z_TYPE_P(server) == IS_ARRAY ? FIND_HASH_ZVALUE(Z_ARRVAL_P(server), name, name_size) : NULL;
-	return value && Z_TYPE_P(value) == IS_STRING ? Z_STRVAL_P(value) : NULL;
-}
-#define SERVER_TEXT(name) server_text(name, sizeof(name) TSRMLS_CC)
-
 static int ini_number(const char *key)
 {
 	return (int)zend_ini_long((char *)key, (uint)strlen(key) + 1, 0);
@@ -35,8 +26,8 @@ static void name_application(TSRMLS_D)
 {
 	const char *configured = zend_ini_string((char *)"zqs.app_name", sizeof("zqs.app_name"), 0);
 	int automatic = ini_number("zqs.auto_app_naming");
-	const char *base = automatic == 0 ? NULL : automatic == 1 ? SERVER_TEXT("SERVER_NAME") : configured;
-	const char *port = base ? SERVER_TEXT("SERVER_PORT") : NULL;
+	const char *base = automatic == 0 ? NULL : automatic == 1 ? ZQ_SERVER_TEXT("SERVER_NAME") : configured;
+	const char *port = base ? ZQ_SERVER_TEXT("SERVER_PORT") : NULL;
 	if (port) {
 		spprintf(&ZQG(app_name), 0, "%s:%s", base, port);
 	} else {
@@ -153,7 +144,7 @@ static void start_web_action(TSRMLS_D)
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	init_action_name(TSRMLS_C);
 	ZQ_LOG(ZQ_LOG_VERBOSE, "action name is %s", g->action_name);
-	const char *queue_start = SERVER_TEXT("HTTP_X_QUEUE_START");
+	const char *queue_start = ZQ_SERVER_TEXT("HTTP_X_QUEUE_START");
 	if (queue_start) {
 		g->block_duration = get_block_time(queue_start, g->rinit_tick / 1000);
 	}
@@ -163,7 +154,7 @@ static void start_web_action(TSRMLS_D)
 			g->rum_enabled = 0;
 		}
 	}
-	read_caller(SERVER_TEXT("HTTP_X_VANTOR_ID") TSRMLS_CC);
+	read_caller(ZQ_SERVER_TEXT("HTTP_X_VANTOR_ID") TSRMLS_CC);
 	if ((g->transaction_tracer_enabled || g->transaction_parent) && !g->transaction_id) {
 		g->transaction_id = get_new_GUID();
 	}
@@ -176,7 +167,7 @@ static void take_request_path(TSRMLS_D)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	int is_cgi = strcmp(sapi_module.name, "cgi-fcgi") == 0 || strcmp(sapi_module.name, "fpm-fcgi") == 0;
-	const char *asked = g->uri_from_request && is_cgi ? SERVER_TEXT("REQUEST_URI") : NULL;
+	const char *asked = g->uri_from_request && is_cgi ? ZQ_SERVER_TEXT("REQUEST_URI") : NULL;
 	if (asked && *asked) {
 		g->request_path = (char *)emalloc(strlen(asked) + 2);
 		zq_clean_request_path(asked, g->request_path);
@@ -200,7 +191,7 @@ static void activate(TSRMLS_D)
 	get_usage(zq_thread_id(), &g->rinit_cpu, NULL);
 	zend_is_auto_global("_SERVER", sizeof("_SERVER") - 1 TSRMLS_CC); /* builds it, also when made on first use */
 	name_application(TSRMLS_C);
-	const char *uri = g_cli ? SERVER_TEXT("SCRIPT_FILENAME") : SG(request_info).request_uri;
+	const char *uri = g_cli ? ZQ_SERVER_TEXT("SCRIPT_FILENAME") : SG(request_info).request_uri;
 	ZQ_LOG(ZQ_LOG_VERBOSE, "RINIT processing start, app name=%s, uri=%s", g->app_name,
 		SG(request_info).request_uri ? SG(request_info).request_uri : "(null)");
 	if (!accept_request(uri TSRMLS_CC)) {

@@ -83,3 +83,16 @@ def test_the_time_in_front_of_php_is_taken_from_the_wall_clock(site, back_us, fo
     stamp = form % (time.time() - back_us / 1e6 if "f" in form else time.time() * 1e6 - back_us)
     assert back_us <= site.cgi("", headers={"X-Queue-Start": stamp}).metric.more["waited_us"] < 60e6
     assert "waited_us" not in site.cgi("", headers={"X-Queue-Start": "t=12345"}).metric.more
+
+
+def test_each_statement_has_the_place_and_vendor_of_its_own_call(site, mariadb):
+    """Also when one call of the script runs for two connections."""
+    site.daemon.configure(ASKED)
+    script = f"""function ask($db) {{ return $db->query('SELECT 1'); }}
+function run($db) {{ $s = $db->prepare('SELECT 1'); return $s->execute(); }}
+$db = new PDO('sqlite::memory:'); $other = new PDO('mysql:unix_socket={mariadb.socket}', 'root');
+foreach (array($db, $other, $db) as $each) {{ ask($each); run($each); }}
+ask($db); ask($db); array_map('ask', array($other));"""
+    ran_at = [(vendor, line) for vendor, _, line in site.cgi(script, twin=False).metric.more["ran_at"]]
+    called = [("SQLite", 1), ("SQLite", 2), ("MySQL", 1), ("MySQL", 2), ("SQLite", 1), ("SQLite", 2)]
+    assert ran_at == called + [("SQLite", 1), ("SQLite", 1), ("MySQL", 1)]
