@@ -285,7 +285,8 @@ void Server::receive(Connection &connection)
 const char *Server::on_packet(Connection &connection, uint8_t type, std::string body)
 {
 	if (type != record_app_info) {
-		writer_.put(StoredPacket{type, connection.process, wall_clock_ms(), std::move(body)}, connection.sender);
+		StoredPacket packet{type, connection.process, wall_clock_ms(), std::move(body), connection.sender.account};
+		writer_.put(std::move(packet), connection.sender);
 		return nullptr;
 	}
 	auto query = read_query(body);

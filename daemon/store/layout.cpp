@@ -81,11 +81,15 @@ ALTER TABLE action ADD COLUMN statements INTEGER;
 ALTER TABLE action ADD COLUMN path TEXT;
 )sql";
 
+// Of the process that sent it; unknown of what is there already.
+constexpr const char *account_of_sender = "ALTER TABLE action ADD COLUMN account INTEGER";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
 	{3, what_was_dropped},
 	{4, exact_figures},
+	{5, account_of_sender},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

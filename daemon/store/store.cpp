@@ -17,8 +17,8 @@ namespace {
 
 constexpr const char *insert_action_sql = R"sql(
 INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, error,
-  transaction_id, tracer_id, packet, id, duration_us, database_us, cache_us, external_us, statements, path)
-  VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
+  transaction_id, tracer_id, packet, id, duration_us, database_us, cache_us, external_us, statements, path, account)
+  VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
 
 constexpr const char *insert_event_sql =
 	"INSERT INTO profile_event (received_ms, application, thread, packet, id) VALUES (?,?,?,?,?)";
@@ -148,8 +148,12 @@ void Store::add_action(const StoredPacket &packet)
 		insert_action_.bind(19, exact->external_us).bind(20, exact->statements);
 		if (!action->path.empty()) insert_action_.bind(21, column_text(action->path));
 	}
+	insert_action_.bind(22, packet.account);
 	insert_action_.bind_blob(14, body).bind(15, action_ids_.next()).run();
 	packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
+	if (!holders_ || !all_read_) return;
+	holders_->add({action_ids_.last(), packet.received_ms, action->duration_ms, action_bytes(body.size()),
+		packet.account, application, column_text(action->name)});
 }
 
 void Store::add_profile_event(const StoredPacket &packet)

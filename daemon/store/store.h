@@ -3,6 +3,7 @@
 #pragma once
 
 #include "facts/packet.h"
+#include "store/holders.h"
 #include "store/order_lock.h"
 #include "store/profile_sessions.h"
 #include "store/sqlite.h"
@@ -14,12 +15,15 @@
 
 namespace quorbit {
 
+class StepTimer;
+
 // A packet as it was received.
 struct StoredPacket {
 	uint8_t type = 0; // record_metric or record_thread_profile
 	int64_t process = 0;
 	int64_t received_ms = 0; // wall clock
 	std::string body;
+	uint32_t account = 0; // of the process that sent it
 };
 
 // A configuration query that was answered.
@@ -51,6 +55,7 @@ public:
 	void abandon()
 	{
 		if (!sqlite3_get_autocommit(database_.handle())) database_.execute("ROLLBACK");
+		holders_.reset(); // they know of what was taken back
 	}
 
 	void add(const StoredPacket &packet);
@@ -59,8 +64,8 @@ public:
 	void add_dropped(const std::string &application, const char *reason, int64_t count, int64_t now_wall_ms);
 
 	// One step of at most about 20 ms towards the bounds, as a transaction of its own: events that have been printed
-	// go, then the oldest events and actions beyond their bounds, then free pages beyond a quarter of the store go back
-	// to the file system. False when there was nothing to do.
+	// go, then the oldest events and, by the rules of Holders, actions beyond their bounds, then free pages beyond a
+	// quarter of the store go back to the file system. False when there was nothing to do.
 	// `small`: no more at once than a small log has room for.
 	bool maintain(const StoreBounds &bounds, bool small = false);
 	// For a disk that is full: removes the oldest actions until that many bytes of the file are free.
@@ -95,6 +100,9 @@ private:
 	static int64_t event_bytes(std::string_view packet); // about what it takes in the file
 	int64_t used_bytes();
 	int64_t free_bytes();
+	static int64_t action_bytes(size_t packet_bytes); // about what it takes in the file
+	bool knows_holders(int64_t bound_bytes, int64_t excess_bytes, StepTimer &timer);
+	bool remove_actions(int64_t bytes, int64_t most);
 	bool remove_oldest_actions(int64_t bytes, int64_t most);
 	void watch_log();
 	void checkpoint();
@@ -133,6 +141,11 @@ private:
 	};
 	std::vector<PrintedEvents> printed_;
 	int64_t event_bytes_ = 0; // about what all events take
+	// Read from the store when it is nearly full, oldest first: whose names were there first have the places. Actions
+	// up to judged_id_ that are still there are kept.
+	std::optional<Holders> holders_;
+	bool all_read_ = false;
+	int64_t read_id_ = 0, judged_id_ = 0;
 	bool shrinking_ = false;
 	struct Copy {
 		explicit Copy(Database &source);

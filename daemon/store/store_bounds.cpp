@@ -1,8 +1,6 @@
 // Keeping the store within its bounds: in steps so short that no packet waits for them.
+#include "store/step_timer.h"
 #include "store/store.h"
-
-#include <chrono>
-#include <utility>
 
 namespace quorbit {
 
@@ -10,21 +8,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What a step may take; its commit comes on top.
-constexpr auto step_time = 15ms;
 // About what a row and its index entries take beside the packet.
-constexpr int64_t action_row_bytes = 300, event_row_bytes = 48;
-
-class StepTimer {
-public:
-	explicit StepTimer(std::chrono::milliseconds time) : end_(std::chrono::steady_clock::now() + time) {}
-	// Something is done at each step, however long it takes.
-	bool is_over() { return std::exchange(begun_, true) && std::chrono::steady_clock::now() >= end_; }
-
-private:
-	const std::chrono::steady_clock::time_point end_;
-	bool begun_ = false;
-};
+constexpr int64_t event_row_bytes = 48;
 
 } // namespace
 
@@ -54,19 +39,22 @@ bool Store::maintain(const StoreBounds &bounds, bool small)
 	// Pages that were freed are used again; only many of them are worth moving others for.
 	if (free > bounds.action_bytes / 4) shrinking_ = true;
 	if (free <= bounds.action_bytes / 8) shrinking_ = false;
+	if (!knows_holders(bounds.action_bytes, excess, timer)) return true;
 	if (printed_.empty() && event_bytes_ <= bounds.event_bytes && excess <= 0 && !shrinking_) return false;
 
 	begin();
 	const int before = sqlite3_total_changes(database_.handle());
+	bool progress = false;
 	while (!timer.is_over() && !printed_.empty()) remove_printed();
 	while (!timer.is_over() && event_bytes_ > bounds.event_bytes)
 		remove_oldest_events(event_bytes_ - bounds.event_bytes);
 	for (; !timer.is_over() && excess > 0; excess = used_bytes() - event_bytes_ - bounds.action_bytes) {
-		if (!remove_oldest_actions(excess, small ? 8 : 64)) break;
+		if (!remove_actions(excess, small ? 8 : 64)) break;
+		progress = true;
 	}
 	while (!timer.is_over() && shrinking_ && free_bytes() > 0) database_.execute("PRAGMA incremental_vacuum(32)");
 	// Tables alone may be more than a tiny bound: that is as good as it gets.
-	bool progress = sqlite3_total_changes(database_.handle()) != before || shrinking_;
+	progress |= sqlite3_total_changes(database_.handle()) != before || shrinking_;
 	commit();
 	return progress;
 }
@@ -79,23 +67,6 @@ void Store::limit_tables()
 		"DELETE FROM profile_order WHERE closed_ms IS NOT NULL AND id <= (SELECT max(id) FROM profile_order) - 100");
 }
 
-// Removes as many of the oldest actions as hold about `bytes`, at least one and at most `most`. False when there is
-// none.
-bool Store::remove_oldest_actions(int64_t bytes, int64_t most)
-{
-	int64_t last_id = 0;
-	{
-		Statement select(database_, "SELECT id, length(packet) FROM action ORDER BY id LIMIT ?");
-		select.bind(1, most);
-		while (bytes > 0 && select.step()) {
-			last_id = select.integer(0);
-			bytes -= select.integer(1) + action_row_bytes;
-		}
-	}
-	Statement(database_, "DELETE FROM action WHERE id <= ?").bind(1, last_id).run();
-	return last_id != 0;
-}
-
 // What was freed is used again without the file growing, and a log that has been written back begins again at its
 // front.
 void Store::make_room(int64_t bytes)
@@ -103,7 +74,7 @@ void Store::make_room(int64_t bytes)
 	checkpoint();
 	for (bool some = true; some && free_bytes() < bytes;) {
 		begin();
-		some = remove_oldest_actions(bytes, 4);
+		some = remove_actions(bytes, 4);
 		commit();
 		checkpoint();
 	}

@@ -1,5 +1,6 @@
 // The write-ahead log: it is written back as it grows, and where a reader stands in the way of that for too long the
 // store goes on in a copy of itself.
+#include "store/step_timer.h"
 #include "store/store.h"
 
 #include <cerrno>
@@ -17,7 +18,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int64_t checkpoint_bytes = int64_t{4} << 20; // SQLite's own figure
-constexpr auto step_time = 15ms;
 constexpr int pages_at_once = 64;
 
 bool exists(const std::string &path)

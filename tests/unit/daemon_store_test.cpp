@@ -130,6 +130,60 @@ TEST_F(StoreTest, DropsTheOldestFirstAndNoMoreThanItMust) {
   EXPECT_LE(std::filesystem::file_size(path_), 6u << 20) << "freed pages go back to the file system";
 }
 
+// Twenty actions of each of ten names, then a flood that is many times the bound, with restarts on the way.
+TEST_F(StoreTest, AFloodLeavesTheNewestAndSlowestActionsOfOthers) {
+  constexpr StoreBounds bounds = {10 << 20, 1 << 20};
+  struct Sent {
+    std::string application, name;
+    uint32_t account;
+    int kilobytes;
+  };
+  auto put = [](Store& store, const Sent& sent, int64_t at_ms, int duration_ms) {
+    std::string body = action_body(sent.application, sent.name, duration_ms);
+    for (int i = 0; i < sent.kilobytes; i++) body += record(0x77, std::string(1000, 'x'));
+    store.add({0x0B, 42, at_ms, body, sent.account});
+  };
+  struct Flood {
+    const char* of;
+    std::function<Sent(int)> packet;
+    int count, left;  // the least that is left of the ten names' 200 actions
+  };
+  const Flood floods[] = {
+      {"one name", [](int) { return Sent{"Shop", "flood", 33, 250}; }, 140, 200},
+      {"names", [](int i) { return Sent{"Shop", "flood" + std::to_string(i), 33, 3}; }, 12000, 200},
+      {"large names", [](int i) { return Sent{"Shop", "flood" + std::to_string(i), 33, 250}; }, 140, 200},
+      {"an application", [](int i) { return Sent{"Flood", "flood" + std::to_string(i % 50), 33, 3}; }, 12000, 200},
+      {"applications", [](int i) { return Sent{"Flood" + std::to_string(i), "flood", 33, 3}; }, 12000, 40},
+      {"an account, by the same names", [](int i) { return Sent{"Shop", "n" + std::to_string(i % 10), 1000, 3}; }, 12000, 200},
+  };
+  for (const Flood& flood : floods) {
+    std::filesystem::remove(path_);
+    write([&](Store& store) {
+      for (int i = 0; i < 200; i++) put(store, {"Shop", "n" + std::to_string(i % 10), 33, 3}, i, i < 10 ? 5000 + i : 40);
+    });
+    for (int part = 0, next = 0; part < 12; part += 4) {
+      Store store(path_);
+      for (int end = next + flood.count / 3; next < end;) {
+        store.begin();
+        for (int i = 0; i < flood.count / 12 && next < end; i++, next++) put(store, flood.packet(next), 1000 + next, 100);
+        store.commit();
+        while (store.maintain(bounds)) continue;
+      }
+    }
+    int left = 0, newest = 0, slowest = 0;
+    auto reader = open_sqlite_reader(path_);
+    reader->each_action({{}, ActionOrder::newest, 100000}, [&](const ActionRow& row) {
+      left += row.received_ms < 1000;
+      newest += row.received_ms >= 190 && row.received_ms < 200;
+      slowest += row.duration_ms >= 5000;
+    });
+    EXPECT_EQ(std::tuple(newest, slowest), std::tuple(10, 10)) << flood.of;
+    EXPECT_GE(left, flood.left) << flood.of;
+    EXPECT_LE(std::filesystem::file_size(path_), 13u << 20) << flood.of;
+    EXPECT_GT(reader->actions({})[0].received_ms, 990) << flood.of;
+  }
+}
+
 TEST_F(StoreTest, ReachesAMuchLowerBoundInShortSteps) {
   const std::string large = record(0x77, std::string(3000, 'x'));
   write([&](Store& store) {

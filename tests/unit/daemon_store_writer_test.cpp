@@ -19,7 +19,7 @@ class WriterTest : public testing::Test {
     return {0x0B, 42, 1, action_body(application, "cart", 100, record(0x77, std::string(bytes, 'x')))};
   }
   static std::vector<ActionRow> list(Reader& reader, const std::string& application) {
-    return reader.actions({{.application = application}, ActionOrder::newest, 100000});
+    return reader.actions({{{}, application}, ActionOrder::newest, 100000});
   }
   // How many actions of the application the store holds; -1 while it cannot be read.
   int64_t stored(const std::string& application) {
