@@ -6,7 +6,7 @@ int g_cli;
 int g_module_up;
 
 void (*_zend_execute_ex)(zend_execute_data *execute_data TSRMLS_DC);
-user_opcode_handler_t _zend_exit_handler;
+user_opcode_handler_t _zend_exit_handler, _zend_last_exit_handler;
 void (*_zend_execute_internal)(
 	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
 zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSRMLS_DC);

@@ -159,7 +159,8 @@ extern int g_module_up;
 extern void (*_zend_execute_ex)(zend_execute_data *execute_data TSRMLS_DC);
 extern void (*_zend_execute_internal)(
 	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
-extern user_opcode_handler_t _zend_exit_handler; /* null: none */
+extern user_opcode_handler_t _zend_exit_handler;      /* null: none */
+extern user_opcode_handler_t _zend_last_exit_handler; /* of a module that started later; null: none */
 extern zend_op_array *(*_zend_compile_file)(zend_file_handle *file_handle, int type TSRMLS_DC);
 extern void (*_zend_error_cb)(
 	int type, const char *error_filename, const uint error_lineno, const char *format, va_list args);

@@ -11,6 +11,10 @@
 #include "zqp_rum.h"
 #include "zqprof_settings.h"
 
+extern "C" {
+#include "zend_extensions.h"
+}
+
 /* Puts `ours` in place of a process-wide hook and keeps what was there; a hook that is already ours (the module was
  * started before in this process) keeps its saved predecessor. */
 template <typename T>
@@ -65,10 +69,31 @@ static void connect_or_launch_daemon(TSRMLS_D)
 	}
 }
 
+/* Takes the exit opcode again from a module that started later and calls nobody. That module may as well lead to
+ * zq_exit(), so the handler is another one: no two ever call each other in a circle. */
+static int take_exit_again(zend_extension *)
+{
+	user_opcode_handler_t found = zend_get_user_opcode_handler(ZEND_EXIT);
+	if (found != zq_exit && found != zq_last_exit) {
+		_zend_last_exit_handler = found;
+		zend_set_user_opcode_handler(ZEND_EXIT, zq_last_exit);
+	}
+	return FAILURE; /* the engine takes the extension from its list at once */
+}
+
+/* Zend extensions start after all modules, in the order of their loading: one that modules add is the last, when
+ * Xdebug, which is one, has set its handlers. */
+static void when_all_have_started(int (*start)(zend_extension *))
+{
+	zend_extension last = {};
+	last.name = (char *)ZQ_MODULE_NAME;
+	last.startup = start;
+	zend_register_extension(&last, NULL);
+}
+
 /* MINIT. Never fails: a host without its agent is better than no host. */
 static int zm_startup_zqprof(INIT_FUNC_ARGS)
 {
-	(void)type;
 	zq_lock_init();
 	zq_clock_init();
 	writer_is_hooked = 0;
@@ -82,6 +107,9 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	if (zend_get_user_opcode_handler(ZEND_EXIT) != zq_exit) {
 		_zend_exit_handler = zend_get_user_opcode_handler(ZEND_EXIT);
 		zend_set_user_opcode_handler(ZEND_EXIT, zq_exit);
+	}
+	if (type == MODULE_PERSISTENT) {
+		when_all_have_started(take_exit_again);
 	}
 	zq_log_init(TSRMLS_C);
 	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_PROTOCOL_VERSION);

@@ -426,15 +426,25 @@ void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *f
 
 /* ---- exit -------------------------------------------------------------------------------------------------------- */
 
-/* Before the engine runs an `exit`, whose long jump passes all hooks by. Another extension may have the script go on.
- */
-int zq_exit(ZEND_OPCODE_HANDLER_ARGS)
+/* Before the engine runs an `exit`, whose long jump passes all hooks by. Another extension may have the script go on. The
+ * calls are noted once: where two handlers of ours lead to each other, the inner one leaves none. */
+static int exit_after(user_opcode_handler_t earlier, ZEND_OPCODE_HANDLER_ARGS)
 {
-	int next = _zend_exit_handler ? _zend_exit_handler(ZEND_OPCODE_HANDLER_ARGS_PASSTHRU) : ZEND_USER_OPCODE_DISPATCH;
+	int next = earlier ? earlier(ZEND_OPCODE_HANDLER_ARGS_PASSTHRU) : ZEND_USER_OPCODE_DISPATCH;
 	if (next == ZEND_USER_OPCODE_DISPATCH && g_module_up) {
 		zq_end_open_calls(0 TSRMLS_CC);
 	}
 	return next;
+}
+
+int zq_exit(ZEND_OPCODE_HANDLER_ARGS)
+{
+	return exit_after(_zend_exit_handler, ZEND_OPCODE_HANDLER_ARGS_PASSTHRU);
+}
+
+int zq_last_exit(ZEND_OPCODE_HANDLER_ARGS)
+{
+	return exit_after(_zend_last_exit_handler, ZEND_OPCODE_HANDLER_ARGS_PASSTHRU);
 }
 
 /* ---- compiling --------------------------------------------------------------------------------------------------- */

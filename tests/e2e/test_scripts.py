@@ -1,6 +1,7 @@
 """Scripts that leave by every door and call in every way: what they show is the same with the agent, and it reports them."""
 import pytest
 
+from soak import scenarios
 from support import wire
 from support.cases import cases, program
 from support.engines import ENGINE, Fpm
@@ -32,6 +33,21 @@ def test_calls_that_never_return_are_timed_to_their_end(site, code, expected):
     assert " ".join(f"{node[5]}::{node[6]}" for node in wire.nodes(metric.trace) if node[6] in made) == expected
     assert {f"PHP/{name.replace('::', '/')}" for name in ("App::run", "Late::down")} <= set(metric.components)
     assert metric.components["PHP/App/run"][0] >= 2
+
+
+@pytest.mark.parametrize("shows_errors, code, traced", [
+    ("0", "exit;", ["run", "show"]),
+    ("0", "missing();", ["run", "show"]),
+    ("1", "exit;", ["run", "show"]),
+    ("1", "missing();", []),                            # Xdebug then has the engine's error callback, and calls nobody else
+])
+@pytest.mark.parametrize("order", ["agent xdebug", "xdebug agent"])
+def test_calls_that_never_return_are_timed_beside_xdebug(site, order, shows_errors, code, traced):
+    script = f"function run() {{ usleep(3000); show(); }} function show() {{ usleep(3000); {code} }} run();"
+    ini = {**INI, **scenarios.neighbour_settings(order, shows_errors), **scenarios.QUIET}
+    result = site.cgi(script, settings=TRACED, ini=ini)
+    assert [node[6] for node in wire.nodes(result.metric.trace) if node[6] in ("run", "show")] == traced
+    assert ("PHP/NULL/run" in result.metric.components) == bool(traced), result.metric.components
 
 
 def test_thin_layers_keep_their_order(site):
