@@ -4,6 +4,7 @@
 #include "base/clock.h"
 #include "base/text.h"
 #include "print/output.h"
+#include "print/profile_formats.h"
 #include "print/report.h"
 #include "receive/daemonize.h"
 #include "store/profile_sessions.h"
@@ -56,16 +57,74 @@ std::optional<std::pair<int64_t, int64_t>> wait_for_start(ProfileOrders &orders,
 	}
 }
 
-// The profile as far as it came; it may have been ended early.
-void print_profile(Reader &store, const std::string &application, int64_t started_ms)
+struct ProfileOptions {
+	std::string application, duration, format = "table";
+	size_t most = 30;
+	bool stop = false;
+};
+
+using OnEvent = std::function<void(const ProfileEvent &)>;
+
+// Prints events as they come from the store; returns how many there were.
+int64_t print_raw(const std::function<void(const OnEvent &)> &each)
 {
 	ProfilePrinter printer;
-	store.each_profile_event({application, {started_ms}}, [&](const ProfileEvent &event) { put(printer.add(event)); });
-	if (printer.events() == 0) tell("No events came: these processes began no further request in that time.");
+	each([&](const ProfileEvent &event) { put(printer.add(event)); });
+	return printer.events();
 }
 
-int profile(const DaemonConfig &config, const std::string &application, int64_t seconds)
+int64_t print_speedscope(const std::function<void(const OnEvent &)> &each, const ProfileOptions &options)
 {
+	ProfileWalk walk;
+	SpeedscopeWriter writer(options.application);
+	auto write = [&](const std::vector<ProfileStep> &steps) {
+		for (const ProfileStep &step : steps) put(writer.add(step));
+	};
+	each([&](const ProfileEvent &event) { write(walk.add(event)); });
+	write(walk.finish());
+	put(writer.finish(walk.names()));
+	return walk.events();
+}
+
+int64_t print_sums(const std::function<void(const OnEvent &)> &each, const ProfileOptions &options)
+{
+	ProfileWalk walk;
+	CallTree tree;
+	auto add = [&](const std::vector<ProfileStep> &steps) {
+		for (const ProfileStep &step : steps) tree.add(step);
+	};
+	each([&](const ProfileEvent &event) { add(walk.add(event)); });
+	add(walk.finish());
+	if (walk.events() == 0) return 0;
+	if (options.format == "folded")
+		put_folded(tree, walk.names(), put);
+	else if (options.format == "callgrind")
+		put(callgrind_text(tree, walk.names(), options.application));
+	else
+		put(profile_text(walk, tree, options.most, list_width()));
+	return walk.events();
+}
+
+// The profile as far as it came; it may have been ended early.
+void print_profile(Reader &store, const ProfileOptions &options, int64_t started_ms)
+{
+	auto each = [&](const OnEvent &on_event) {
+		store.each_profile_event({options.application, {started_ms}}, on_event);
+	};
+	int64_t events = 0;
+	if (options.format == "raw")
+		events = print_raw(each);
+	else if (options.format == "speedscope")
+		events = print_speedscope(each, options);
+	else
+		events = print_sums(each, options);
+	if (events == 0) tell("No events came: these processes began no further request in that time.");
+}
+
+int profile(const DaemonConfig &config, const ProfileOptions &options)
+{
+	const std::string &application = options.application;
+	const int64_t seconds = *parse_seconds(options.duration);
 	auto refusal = access_refusal(config);
 	if (refusal) throw std::runtime_error(*refusal);
 	if (!daemon_answers(config)) throw std::runtime_error("no daemon is running; see `quorbit status`");
@@ -95,7 +154,7 @@ int profile(const DaemonConfig &config, const std::string &application, int64_t 
 		orders.cancel(order);
 		tell("The profile was ended early; this is what came until then.");
 	}
-	print_profile(*store, application, started_ms);
+	print_profile(*store, options, started_ms);
 	return 0;
 }
 
@@ -113,20 +172,22 @@ int stop(const DaemonConfig &config, const std::string &application)
 
 CommandRun add_profile(CLI::App &command)
 {
-	struct ProfileOptions {
-		std::string application, duration;
-		bool stop = false;
-	};
 	auto options = std::make_shared<ProfileOptions>();
 	command.add_option("APP", options->application, "name of the application")->required();
 	command.add_option("TIME", options->duration, "how long, such as 30s")->check(check_seconds);
 	command.add_flag("--stop", options->stop, "end every profile of the application, whoever ordered it");
+	command
+		.add_option("--format", options->format,
+			"table; folded, callgrind or speedscope for tools that show profiles; raw: every event")
+		->check(CLI::IsMember({"table", "folded", "callgrind", "speedscope", "raw"}))
+		->capture_default_str();
+	command.add_option("-n", options->most, "how many functions")->check(CLI::Range(1, 1000000))->capture_default_str();
 	command.parse_complete_callback([options] {
 		if (!options->stop && options->duration.empty()) throw CLI::RequiredError("TIME");
 	});
 	return [options](const DaemonConfig &config) {
 		if (options->stop) return stop(config, options->application);
-		return profile(config, options->application, *parse_seconds(options->duration));
+		return profile(config, *options);
 	};
 }
 

@@ -7,6 +7,7 @@
 #include "print/page.h"
 #include "store/profile_orders.h"
 #include "store/reader.h"
+#include "facts/profile_calls.h"
 #include "facts/trace.h"
 
 #include <set>
@@ -97,6 +98,9 @@ Json host_json(
 	const HostFacts &facts, const std::vector<Finding> &findings, const std::vector<ApplicationRow> &applications);
 
 // --- thread profile (report_profile.cpp)
+
+// The functions with most time of their own and the paths on which most was spent, `most` of each, in `width` columns.
+std::string profile_text(const ProfileWalk &walk, const CallTree &tree, size_t most, size_t width);
 
 // Prints events as they are added, thread by thread.
 class ProfilePrinter {

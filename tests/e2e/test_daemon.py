@@ -1,5 +1,6 @@
 """The real daemon: the agent starts it, it answers by applications.conf, keeps what comes, and shows it."""
 import fcntl
+import json
 import os
 import re
 import shutil
@@ -249,16 +250,31 @@ def test_idle_connections_hold_no_memory(real):
         wait_until(lambda: memory_kb(pid) < before + 32_768, "the memory to go back", 20)
 
 
+PROFILED = "function deep() { usleep(5000); } function middle() { deep(); } for ($i = 0; $i < 3; $i++) middle();"
+
+
 def test_a_profile_shows_the_calls_of_an_application(real):
     real.php()
     real.reports(1)
-    command = [QUORBIT, "profile", "Shop", "1s", "--root", real.site.root]
-    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as profile:
-        try:
-            wait_until(lambda: real.php("function deep() { } deep();") == b"" and profile.poll() is not None, "the profile", 30)
-            assert "deep" in profile.stdout.read() and profile.returncode == 0
-        finally:
-            profile.kill()
+    said = {"table": r"FUNCTION\n +\d+ +\d+ ms +\d+% +\d+ ms +\d+% +usleep\n(.*\n)*.* > middle > deep > usleep\n",
+            "folded": r"(?m)^action Background;middle;deep;usleep \d{2,}$", "raw": r"\n +\d+ +> deep\n",
+            "callgrind": "^# callgrind format\n", "speedscope": '"type":"evented","unit":"milliseconds"'}
+    with ExitStack() as ended:
+        command = [QUORBIT, "profile", "Shop", "1s", "--root", real.site.root, "--format"]
+        running = {form: subprocess.Popen([*command, form], stdout=subprocess.PIPE, text=True) for form in said}
+        for profile in running.values():
+            ended.enter_context(profile)
+            ended.callback(profile.kill)
+        wait_until(lambda: real.php(PROFILED) == b"" and all(p.poll() is not None for p in running.values()), "the profiles", 30)
+        printed = {form: profile.stdout.read() for form, profile in running.items()}
+    for form, expected in said.items():
+        assert re.search(expected, printed[form]), printed[form]
+    calls = real.site.root / "callgrind.out"
+    calls.write_text(printed["callgrind"])
+    annotated = subprocess.run(["callgrind_annotate", "--inclusive=yes", calls], capture_output=True, text=True, timeout=60)
+    assert annotated.returncode == 0 and annotated.stderr == "", annotated.stderr
+    assert re.search(r"PROGRAM TOTALS\n(.*\n)*.*php:middle.*\n.*php:deep", annotated.stdout), annotated.stdout
+    assert json.loads(printed["speedscope"])["shared"]["frames"]
 
 
 MANY_QUICK = """function product($db, $id) {
