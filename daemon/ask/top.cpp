@@ -38,14 +38,12 @@ CommandRun add_top(CLI::App &command)
 	return [options](const DaemonConfig &config) {
 		options->question.filter.range.from_ms = wall_clock_ms() - *parse_seconds(options->since) * 1000;
 		auto store = open_reader(config);
-		const ActionFilter &filter = options->question.filter;
+		const SumFilter &filter = options->question.filter;
 		require_application(*store, filter.application);
-		auto sums = store->sums(options->question);
-		const size_t most = options->most ? options->most : rows_that_fit();
-		const size_t left_out = sums.size() - std::min(sums.size(), most);
-		sums.resize(sums.size() - left_out);
-		put(top_text(sums, list_width()));
-		if (left_out) put("... and " + std::to_string(left_out) + " more (-n)\n");
+		options->question.most = static_cast<int64_t>(options->most ? options->most : rows_that_fit());
+		const SumAnswer answer = store->sums(options->question);
+		put(top_text(answer.rows, list_width()));
+		if (answer.left_out) put("... and " + std::to_string(answer.left_out) + " more (-n)\n");
 		put(dropped_text(store->dropped(filter.range, filter.application)));
 		return 0;
 	};

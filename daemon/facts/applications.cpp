@@ -96,16 +96,28 @@ private:
 	// Before the first section: the daemon's own.
 	void own_setting(std::string_view key, std::string_view value)
 	{
-		int64_t *own = key == "store_mb" ? &applications.store_mb
-			: key == "profile_mb"        ? &applications.profile_mb
-										 : nullptr;
-		if (!own) return problem("\"" + std::string(key) + "\" belongs in a section, [*] for all applications");
-		int64_t megabytes = 0;
-		auto [end, failure] = std::from_chars(value.data(), value.data() + value.size(), megabytes);
+		struct Own {
+			const char *key, *unit;
+			int64_t Applications::*field;
+			int64_t most;
+		};
+		constexpr Own own_settings[] = {
+			{"store_mb", "megabytes", &Applications::store_mb, 1000000},
+			{"profile_mb", "megabytes", &Applications::profile_mb, 1000000},
+			{"sums_mb", "megabytes", &Applications::sums_mb, 1000000},
+			{"minute_days", "days", &Applications::minute_days, 3650},
+			{"hour_days", "days", &Applications::hour_days, 3650},
+		};
+		auto own = std::find_if(
+			std::begin(own_settings), std::end(own_settings), [key](const Own &row) { return key == row.key; });
+		if (own == std::end(own_settings))
+			return problem("\"" + std::string(key) + "\" belongs in a section, [*] for all applications");
+		int64_t number = 0;
+		auto [end, failure] = std::from_chars(value.data(), value.data() + value.size(), number);
 		bool whole = failure == std::errc() && end == value.data() + value.size();
-		if (!whole || megabytes < 1 || megabytes > 1000000)
-			return problem(std::string(key) + " must be a number of megabytes");
-		*own = megabytes;
+		if (!whole || number < 1 || number > own->most)
+			return problem(std::string(key) + " must be a number of " + own->unit);
+		applications.*(own->field) = number;
 	}
 
 	int number_ = 0;

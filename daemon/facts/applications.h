@@ -10,6 +10,8 @@ namespace quorbit {
 struct Applications {
 	int64_t store_mb = 512;                                // size bound of the store, without events of thread profiles
 	int64_t profile_mb = 64;                               // size bound of these
+	int64_t sums_mb = 256;                                 // size bound of the sums by minute and hour
+	int64_t minute_days = 3, hour_days = 90;               // how long these are kept
 	std::map<std::string, Settings, std::less<>> sections; // by application name; "*" is the default
 	std::vector<std::string> problems; // for the log: "line 3: ...", the first ten and how many more there are
 };

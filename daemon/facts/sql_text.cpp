@@ -174,4 +174,40 @@ std::string normalise_sql(std::string_view statement, std::string_view vendor)
 	return Scanner(statement, vendor == "MySQL").run();
 }
 
+namespace {
+
+// The next word, name or other character of a statement without its values; "" at its end. Quotes of names are left
+// out.
+std::string_view take_token(std::string_view &text)
+{
+	text.remove_prefix(std::min(text.find_first_not_of(" (`\"["), text.size()));
+	size_t length = 0;
+	while (length < text.size() && (is_word(text[length]) || text[length] == '.')) length++;
+	std::string_view token = text.substr(0, length ? length : 1);
+	text.remove_prefix(token.size());
+	return token;
+}
+
+} // namespace
+
+SqlSubject subject_of_sql(std::string_view kind)
+{
+	SqlSubject subject;
+	std::string_view word = take_token(kind);
+	for (char byte : word) subject.verb += byte >= 'a' && byte <= 'z' ? static_cast<char>(byte - 32) : byte;
+	const bool names_table_next = subject.verb == "UPDATE" || subject.verb == "TRUNCATE";
+	for (bool take = names_table_next; !kind.empty();) {
+		word = take_token(kind);
+		const bool is_filler = same_word(word, "SELECT") || same_word(word, "TABLE") || same_word(word, "ONLY") ||
+			same_word(word, "IGNORE") || same_word(word, "LOW_PRIORITY");
+		if (take && !is_filler) {
+			if (!word.empty() && is_word(word[0])) subject.table = word;
+			break;
+		}
+		if (take && same_word(word, "SELECT")) take = false; // a table of its own makes the rows
+		take = take || same_word(word, "FROM") || same_word(word, "INTO") || same_word(word, "JOIN");
+	}
+	return subject;
+}
+
 } // namespace quorbit

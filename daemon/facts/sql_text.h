@@ -11,4 +11,11 @@ namespace quorbit {
 // backslashes escape, for all others double quotes hold names.
 std::string normalise_sql(std::string_view statement, std::string_view vendor);
 
+// What a statement is about: its first word in capitals, and its first table as far as that can be told without a
+// parser, without quotes; "" for none.
+struct SqlSubject {
+	std::string verb, table;
+};
+SqlSubject subject_of_sql(std::string_view kind);
+
 } // namespace quorbit

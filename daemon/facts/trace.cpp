@@ -101,4 +101,11 @@ std::vector<std::string> read_stack(std::string_view json)
 	return list ? frames_of(*list) : std::vector<std::string>();
 }
 
+std::string innermost_place(std::string_view stack)
+{
+	auto frames = stack.empty() ? std::vector<std::string>() : read_stack(stack);
+	size_t open = frames.empty() ? std::string::npos : frames[0].find('(');
+	return open == std::string::npos ? std::string() : frames[0].substr(open + 1, frames[0].size() - open - 2);
+}
+
 } // namespace quorbit

@@ -39,4 +39,7 @@ std::string trace_text(const std::vector<TraceNode> &nodes, size_t width, bool f
 // The frames of a stack, innermost first; nothing when the text is no list of texts.
 std::vector<std::string> read_stack(std::string_view json);
 
+// "/shop.php:12" of a stack whose innermost frame is "PDO.query(/shop.php:12)"; "" of one that says no line.
+std::string innermost_place(std::string_view stack);
+
 } // namespace quorbit

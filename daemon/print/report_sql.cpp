@@ -14,14 +14,6 @@ namespace {
 constexpr size_t most_groups = 10;
 constexpr size_t plan_rows = 12;
 
-// "/shop.php:12" of a stack whose innermost frame is "PDO.query(/shop.php:12)"
-std::string place_of(const std::string &stack)
-{
-	auto frames = stack.empty() ? std::vector<std::string>() : read_stack(stack);
-	size_t open = frames.empty() ? std::string::npos : frames[0].find('(');
-	return open == std::string::npos ? std::string() : frames[0].substr(open + 1, frames[0].size() - open - 2);
-}
-
 void print_plan(const std::string &json, Page &page)
 {
 	auto plan = json.empty() ? std::nullopt : parse_agent_json(json);
@@ -82,7 +74,7 @@ std::vector<StatementGroup> ungrouped(const std::vector<SqlStatement> &statement
 
 std::string StatementGroup::place() const
 {
-	std::string of_stack = place_of(stack);
+	std::string of_stack = innermost_place(stack);
 	return of_stack.empty() ? first_place : of_stack;
 }
 
@@ -101,7 +93,7 @@ std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &st
 		group.total_ms += sql.duration_ms;
 		if (!sql.stack.empty() && (slowest || group.stack.empty())) group.stack = sql.stack;
 		if (!sql.plan.empty() && (slowest || group.plan.empty())) group.plan = sql.plan;
-		std::string place = sql.place.empty() ? place_of(sql.stack) : sql.place;
+		std::string place = sql.place.empty() ? innermost_place(sql.stack) : sql.place;
 		if (group.first_place.empty()) group.first_place = place;
 		if (!place.empty()) group.places.insert(place);
 	}

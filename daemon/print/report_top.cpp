@@ -5,19 +5,21 @@
 
 namespace quorbit {
 
-std::string top_text(const std::vector<SumRow> &sums, size_t width)
+std::string top_text(const std::vector<SumRow> &rows, size_t width)
 {
 	std::vector<Column> columns = {{"COUNT", true}, {"ERRORS", true}, {"P50", true}, {"P95", true}, {"DB", true},
 		{"SQL", true}, {"CACHE", true}, {"EXT", true}, {"CODE", true}, {"APPLICATION", false, true},
 		{"ACTION", false, true}};
 	std::vector<std::vector<std::string>> cells;
-	for (const SumRow &sum : sums) {
-		auto share = [&sum](int64_t part) { return percent(part, sum.total_us); };
-		cells.push_back({std::to_string(sum.count), std::to_string(sum.errors), duration_text(sum.p50_ms),
-			duration_text(sum.p95_ms), share(sum.database_us),
-			sum.counted ? std::to_string((sum.statements + sum.counted / 2) / sum.counted) : "-", share(sum.cache_us),
-			share(sum.external_us), share(sum.code_us), printable(sum.application),
-			sum.name.empty() ? "(no name)" : printable(sum.name)});
+	for (const SumRow &row : rows) {
+		const Sums &sums = row.sums;
+		auto share = [&sums](int64_t part) { return percent(part, sums.total_us); };
+		auto percentile = [&sums](double share) { return duration_text(sums.durations.percentile_us(share) / 1000); };
+		cells.push_back({std::to_string(sums.count), std::to_string(sums.errors), percentile(0.5), percentile(0.95),
+			share(sums.database_us),
+			std::to_string((sums.statements + sums.count / 2) / std::max(sums.count, int64_t{1})), share(sums.cache_us),
+			share(sums.external_us), share(sums.code_us), printable(row.key.application),
+			row.key.name.empty() ? "(no name)" : printable(row.key.name)});
 	}
 	return table(columns, cells, width);
 }

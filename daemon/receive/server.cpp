@@ -77,7 +77,11 @@ std::string given_lines(const Settings &settings)
 
 StoreBounds bounds_of(const Applications &applications)
 {
-	return {.action_bytes = applications.store_mb << 20, .event_bytes = applications.profile_mb << 20};
+	StoreBounds bounds;
+	bounds.action_bytes = applications.store_mb << 20;
+	bounds.event_bytes = applications.profile_mb << 20;
+	bounds.sums = {applications.minute_days, applications.hour_days, applications.sums_mb << 20};
+	return bounds;
 }
 
 } // namespace

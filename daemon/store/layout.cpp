@@ -84,12 +84,48 @@ ALTER TABLE action ADD COLUMN path TEXT;
 // Of the process that sent it; unknown of what is there already.
 constexpr const char *account_of_sender = "ALTER TABLE action ADD COLUMN account INTEGER";
 
+// Sums by minute and by hour (epoch minutes and hours) of each key; of two keys, an action and what was in it, by hour.
+// Keys are removed when they have not been seen for long: sums of a key that is not there belong to "(others)".
+constexpr const char *sums_of_keys = R"sql(
+CREATE TABLE sum_key (
+  id INTEGER PRIMARY KEY,
+  kind INTEGER NOT NULL,
+  application TEXT NOT NULL,
+  name TEXT NOT NULL,
+  vendor TEXT NOT NULL,
+  subject TEXT NOT NULL,
+  verb TEXT NOT NULL,
+  place TEXT NOT NULL,
+  finding TEXT NOT NULL,
+  suggestion TEXT NOT NULL,
+  finding_ms INTEGER NOT NULL,
+  error_class TEXT NOT NULL,
+  message TEXT NOT NULL,
+  first_ms INTEGER NOT NULL,
+  last_ms INTEGER NOT NULL);
+CREATE UNIQUE INDEX sum_key_name ON sum_key (kind, application, name);
+CREATE TABLE sum_minute (kind INTEGER, minute INTEGER, key INTEGER, sums BLOB NOT NULL,
+  PRIMARY KEY (kind, minute, key)) WITHOUT ROWID;
+CREATE TABLE sum_hour (kind INTEGER, hour INTEGER, key INTEGER, sums BLOB NOT NULL,
+  PRIMARY KEY (kind, hour, key)) WITHOUT ROWID;
+CREATE TABLE use_hour (part INTEGER, hour INTEGER, action INTEGER, kind INTEGER NOT NULL, sums BLOB NOT NULL,
+  PRIMARY KEY (part, hour, action)) WITHOUT ROWID;
+CREATE INDEX use_hour_action ON use_hour (action, kind, hour);
+CREATE TABLE machine_minute (minute INTEGER, pool TEXT, samples INTEGER NOT NULL, load_milli INTEGER NOT NULL,
+  memory_bytes INTEGER NOT NULL, available_bytes INTEGER NOT NULL, busy INTEGER NOT NULL, idle INTEGER NOT NULL,
+  most_busy INTEGER NOT NULL, PRIMARY KEY (minute, pool)) WITHOUT ROWID;
+CREATE TABLE release (id INTEGER PRIMARY KEY, at_ms INTEGER NOT NULL, name TEXT NOT NULL, application TEXT NOT NULL);
+INSERT INTO counter SELECT 'summed', value FROM counter WHERE name = 'action';
+INSERT INTO counter VALUES ('sum_key', 0), ('sum_bytes', 0);
+)sql";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
 	{3, what_was_dropped},
 	{4, exact_figures},
 	{5, account_of_sender},
+	{6, sums_of_keys},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

@@ -2,6 +2,7 @@
 // nothing of the database that keeps it. A store answers them by implementing Reader.
 #pragma once
 
+#include "facts/keys.h"
 #include "facts/packet.h"
 
 #include <cstdint>
@@ -20,14 +21,17 @@ struct TimeRange {
 	int64_t until_ms = INT64_MAX;
 };
 
-// Which actions. What is left at its default lets all through.
+// Which actions. What is left at its default lets all through. Globs have *, ? and [...], and mind case.
 struct ActionFilter {
-	TimeRange range; // in which they were received
-	std::string application;
+	TimeRange range = {}; // in which they were received
+	std::string application = {};
 	int64_t after_id = 0; // only those with a greater id
+	std::string name_glob = {}, path_glob = {};
+	bool errors = false;                        // only those that have one
+	int64_t least_us = 0, below_us = INT64_MAX; // least_us <= duration < below_us
 };
 
-enum class ActionOrder { newest, oldest };
+enum class ActionOrder { newest, oldest, slowest };
 
 struct ActionQuestion {
 	ActionFilter filter;
@@ -35,15 +39,47 @@ struct ActionQuestion {
 	int64_t most = 20;
 };
 
-// What actions are summed up by.
-enum class SumKey { action }; // application and name
+// What sums are made by. An application has the sums of its actions, a host those of its applications.
+enum class SumKey { action, path, query, error, external, cache, component, application, host };
 
-enum class SumOrder { total };
+enum class SumOrder { total, count, average, p95, p99, errors, statements }; // the largest first
+
+// Which sums. What is left at its default lets all through.
+struct SumFilter {
+	// Sums are kept by minute and, for longer, by hour: a range is widened to whole minutes, and where only hours are
+	// left to whole hours. SumAnswer::range says what became of it.
+	TimeRange range;
+	std::string application = {};
+	std::string name_glob = {}; // of the key's name: *, ? and [...]
+	int64_t id = 0;             // only the key of this number (KeyFacts::id)
+	// Only what belongs to the key of this number, by hours: of an action its queries, errors, outgoing calls and
+	// caches; of each of those the actions it was in. Sums are then of the two together: `count` is the number of such
+	// actions that had it, `statements` how often it was in them, the total and the histogram the time that it took of
+	// each.
+	int64_t within = 0;
+	std::string host = {};
+};
 
 struct SumQuestion {
-	ActionFilter filter;
 	SumKey key = SumKey::action;
-	SumOrder order = SumOrder::total; // the largest first
+	SumFilter filter = {};
+	SumOrder order = SumOrder::total;
+	int64_t most = 1000;
+	int64_t trend_points = 0; // of each row: its figures in so many equal parts of the range
+};
+
+// The sums of all keys that the filter lets through, part by part of a range.
+struct SeriesQuestion {
+	SumKey key = SumKey::action;
+	SumFilter filter = {};
+	int64_t step_ms = 60000; // a multiple of a minute; where only hours are left, an hour is one part
+};
+
+// What the machine did: load, memory, processes of PHP.
+struct MachineQuestion {
+	TimeRange range;
+	int64_t step_ms = 60000;
+	std::string host = {};
 };
 
 // The other actions of an action's transaction, and those with one of these tracer ids.
@@ -87,13 +123,47 @@ struct StoredAction {
 	Action action;
 };
 
-// Actions that share a key.
+struct TrendPoint {
+	int64_t count = 0, errors = 0, total_us = 0;
+};
+
 struct SumRow {
-	std::string application, name;
-	int64_t count = 0, errors = 0;
-	int64_t total_us = 0, database_us = 0, cache_us = 0, external_us = 0, code_us = 0;
-	int64_t p50_ms = 0, p95_ms = 0;      // durations that half and 95 % of them did not exceed
-	int64_t statements = 0, counted = 0; // of those actions that tell their number
+	KeyFacts key;
+	Sums sums;
+	std::vector<TrendPoint> trend = {}; // oldest first; as many points as were asked for
+};
+
+struct SumAnswer {
+	TimeRange range;          // that the sums are of
+	std::vector<SumRow> rows; // in the order asked for
+	Sums all;                 // of all keys, also those beyond the number asked for
+	int64_t left_out = 0;     // keys beyond it
+};
+
+struct SeriesPoint {
+	int64_t at_ms = 0, step_ms = 0;
+	Sums sums;
+};
+
+// A pool of PHP processes: of FPM its name, else the server's: "apache2", "php".
+struct PoolRow {
+	std::string name;
+	double busy = 0, idle = 0; // on average
+	int64_t most_busy = 0;
+};
+
+struct MachineRow {
+	int64_t at_ms = 0;
+	std::string host;
+	double load = 0; // of one minute, on average
+	int64_t memory_bytes = 0, available_bytes = 0;
+	std::vector<PoolRow> pools;
+};
+
+// A release that somebody marked. An application of "" stands for all.
+struct ReleaseRow {
+	int64_t at_ms = 0;
+	std::string name, application;
 };
 
 struct ApplicationRow {
@@ -144,7 +214,15 @@ public:
 	virtual void each_related(
 		const RelatedQuestion &question, const std::function<void(const StoredAction &)> &on_action) = 0;
 
-	virtual std::vector<SumRow> sums(const SumQuestion &question) = 0;
+	virtual SumAnswer sums(const SumQuestion &question) = 0;
+	// Oldest first; parts in which nothing was are left out.
+	virtual std::vector<SeriesPoint> series(const SeriesQuestion &question) = 0;
+	// One key of a kind by its number; nothing when it is not known any more.
+	virtual std::optional<KeyFacts> key(SumKey key, int64_t id) = 0;
+	// Oldest first, by host.
+	virtual std::vector<MachineRow> machine(const MachineQuestion &question) = 0;
+	// Oldest first; those of all applications, and those of this one unless it is "".
+	virtual std::vector<ReleaseRow> releases(const std::string &application) = 0;
 
 	// What was not stored of what came in that time, by application and reason, most first; `application` "" for all.
 	virtual std::vector<DroppedRow> dropped(const TimeRange &range, const std::string &application) = 0;

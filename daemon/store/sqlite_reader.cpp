@@ -1,8 +1,8 @@
 // Questions as SQL.
 #include "store/sqlite_reader.h"
 
-#include "store/action_sums.h"
 #include "store/followed_store.h"
+#include "store/sqlite_sums.h"
 
 #include <algorithm>
 
@@ -15,14 +15,19 @@ namespace {
 	"error, duration_us, database_us, cache_us, external_us, statements, path"
 constexpr int packet_column = 18; // after those
 
-// The filter's parameters; ?5 is the first that is free.
-#define FILTERED \
-	" FROM action WHERE id > ?1 AND received_ms >= ?2 AND received_ms < ?3 AND (?4 = '' OR application = ?4)"
+#define DURATION "ifnull(duration_us, duration_ms * 1000)"
+// The filter's parameters; ?10 is the first that is free.
+#define FILTERED                                                                                                   \
+	" FROM action WHERE id > ?1 AND received_ms >= ?2 AND received_ms < ?3 AND (?4 = '' OR application = ?4) AND " \
+	"(?5 = '' OR name GLOB ?5) AND (NOT ?6 OR error) AND (?8 <= 0 OR " DURATION                                    \
+	" >= ?8) AND (?9 = 0x7fffffffffffffff "                                                                        \
+	"OR " DURATION " < ?9) AND (?7 = '' OR path GLOB ?7)"
 
 void bind_filter(Statement &select, const ActionFilter &filter)
 {
 	select.bind(1, filter.after_id).bind(2, filter.range.from_ms).bind(3, filter.range.until_ms);
-	select.bind(4, filter.application);
+	select.bind(4, filter.application).bind(5, filter.name_glob).bind(6, int64_t{filter.errors});
+	select.bind(7, filter.path_glob).bind(8, filter.least_us).bind(9, filter.below_us);
 }
 
 ActionRow row_of(Statement &select)
@@ -56,16 +61,17 @@ public:
 
 	void each_action(const ActionQuestion &question, const std::function<void(const ActionRow &)> &on_row) override
 	{
+		if (question.order == ActionOrder::slowest) return each_slowest(question, on_row);
 		const bool newest = question.order == ActionOrder::newest;
-		const std::string sql = std::string("SELECT " ROW_COLUMNS FILTERED " AND id < ?5 ORDER BY id ") +
-			(newest ? "DESC" : "ASC") + " LIMIT ?6";
+		const std::string sql = std::string("SELECT " ROW_COLUMNS FILTERED " AND id < ?10 ORDER BY id ") +
+			(newest ? "DESC" : "ASC") + " LIMIT ?11";
 		ActionFilter filter = question.filter;
 		int64_t before_id = INT64_MAX, left = question.most;
 		for (bool more = true; more && left > 0;) {
 			const int64_t most = std::min(left, page_rows);
 			auto rows = page(sql, [&](Statement &select) {
 				bind_filter(select, filter);
-				select.bind(5, before_id).bind(6, most);
+				select.bind(10, before_id).bind(11, most);
 			});
 			more = static_cast<int64_t>(rows.size()) == most;
 			left -= most;
@@ -113,24 +119,34 @@ public:
 		for (const std::string &tracer_id : question.tracer_ids) collect("tracer_id", tracer_id);
 	}
 
-	std::vector<SumRow> sums(const SumQuestion &question) override
+	SumAnswer sums(const SumQuestion &question) override
 	{
-		ActionSums sums;
-		ActionFilter filter = question.filter;
-		int64_t last_id = INT64_MAX; // of the time that the page begins at
-		filter.range.from_ms = std::max(filter.range.from_ms, int64_t{1}) - 1;
-		for (bool more = true; more;) {
-			auto rows = page("SELECT " ROW_COLUMNS FILTERED
-							 " AND (received_ms, id) > (?2, ?5) ORDER BY received_ms, id LIMIT ?6",
-				[&](Statement &select) {
-					bind_filter(select, filter);
-					select.bind(5, last_id).bind(6, page_rows);
-				});
-			more = static_cast<int64_t>(rows.size()) == page_rows;
-			if (more) filter.range.from_ms = rows.back().received_ms, last_id = rows.back().id;
-			for (const ActionRow &row : rows) sums.add(row);
-		}
-		return sums.sorted();
+		Snapshot snapshot(store_);
+		return read_sums(snapshot.database, question);
+	}
+
+	std::vector<SeriesPoint> series(const SeriesQuestion &question) override
+	{
+		Snapshot snapshot(store_);
+		return read_series(snapshot.database, question);
+	}
+
+	std::optional<KeyFacts> key(SumKey key, int64_t id) override
+	{
+		Snapshot snapshot(store_);
+		return read_key(snapshot.database, key, id);
+	}
+
+	std::vector<MachineRow> machine(const MachineQuestion &question) override
+	{
+		Snapshot snapshot(store_);
+		return read_machine(snapshot.database, question);
+	}
+
+	std::vector<ReleaseRow> releases(const std::string &application) override
+	{
+		Snapshot snapshot(store_);
+		return read_releases(snapshot.database, application);
 	}
 
 	std::vector<DroppedRow> dropped(const TimeRange &range, const std::string &application) override
@@ -189,6 +205,24 @@ public:
 	}
 
 private:
+	// The state of the store as it is now, until the object goes.
+	struct Snapshot {
+		explicit Snapshot(FollowedStore &store) : database(store.current()) { database.execute("BEGIN"); }
+		~Snapshot() { sqlite3_exec(database.handle(), "ROLLBACK", nullptr, nullptr, nullptr); }
+		Unstopped reading;
+		Database &database;
+	};
+
+	void each_slowest(const ActionQuestion &question, const std::function<void(const ActionRow &)> &on_row)
+	{
+		auto rows = page(
+			"SELECT " ROW_COLUMNS FILTERED " ORDER BY " DURATION " DESC, id DESC LIMIT ?10", [&](Statement &select) {
+				bind_filter(select, question.filter);
+				select.bind(10, question.most);
+			});
+		for (const ActionRow &row : rows) on_row(row);
+	}
+
 	int64_t packet_bytes(int64_t id)
 	{
 		Unstopped reading;

@@ -76,6 +76,7 @@ Store::Opened::Opened(const std::string &path, const std::atomic<bool> *stopping
 
 Store::Store(const std::string &path, const std::atomic<bool> *stopping)
 	: database_(path, stopping),
+	  rollup_(database_),
 	  insert_action_(database_, insert_action_sql),
 	  insert_event_(database_, insert_event_sql),
 	  packet_seen_(database_, packet_seen_sql),
@@ -108,8 +109,29 @@ void Store::Ids::keep(Statement &keep_counter)
 	kept_ = last_;
 }
 
+void Store::begin()
+{
+	database_.execute("BEGIN IMMEDIATE");
+	rollup_.catch_up();
+}
+
+void Store::abandon()
+{
+	if (!sqlite3_get_autocommit(database_.handle())) database_.execute("ROLLBACK");
+	rollup_.forget();
+	holders_.reset(); // they know of what was taken back
+}
+
+void Store::write_sums()
+{
+	begin();
+	rollup_.write();
+	commit();
+}
+
 void Store::commit()
 {
+	if (rollup_.is_due()) rollup_.write();
 	action_ids_.keep(keep_counter_);
 	event_ids_.keep(keep_counter_);
 	database_.execute("COMMIT");
@@ -149,7 +171,9 @@ void Store::add_action(const StoredPacket &packet)
 		if (!action->path.empty()) insert_action_.bind(21, column_text(action->path));
 	}
 	insert_action_.bind(22, packet.account);
-	insert_action_.bind_blob(14, body).bind(15, action_ids_.next()).run();
+	const int64_t id = action_ids_.next();
+	insert_action_.bind_blob(14, body).bind(15, id).run();
+	rollup_.add(*action, id, packet.received_ms);
 	packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
 	if (!holders_ || !all_read_) return;
 	holders_->add({action_ids_.last(), packet.received_ms, action->duration_ms, action_bytes(body.size()),

@@ -6,6 +6,7 @@
 #include "store/holders.h"
 #include "store/order_lock.h"
 #include "store/profile_sessions.h"
+#include "store/rollup.h"
 #include "store/sqlite.h"
 
 #include <atomic>
@@ -39,6 +40,7 @@ struct StoredQuery {
 struct StoreBounds {
 	int64_t action_bytes = int64_t{512} << 20; // actions, and all tables beside them
 	int64_t event_bytes = int64_t{64} << 20;   // events of thread profiles
+	SumBounds sums = {};
 	int64_t log_bytes = int64_t{64} << 20; // write-ahead log, where it cannot begin again; twice that is never exceeded
 };
 
@@ -49,14 +51,14 @@ public:
 	// `stopping` ends, once it is true, the bringing of an older store to this layout.
 	explicit Store(const std::string &path, const std::atomic<bool> *stopping = nullptr);
 
-	void begin() { database_.execute("BEGIN IMMEDIATE"); }
+	void begin();
 	void commit();
 	// Takes back what was not committed.
-	void abandon()
-	{
-		if (!sqlite3_get_autocommit(database_.handle())) database_.execute("ROLLBACK");
-		holders_.reset(); // they know of what was taken back
-	}
+	void abandon();
+	// Whether sums wait to be written that no commit will write by itself; write_sums() does it in a transaction of its
+	// own.
+	bool has_sums_due() const { return rollup_.is_due(); }
+	void write_sums();
 
 	void add(const StoredPacket &packet);
 	void add(const StoredQuery &query);
@@ -127,6 +129,7 @@ private:
 		int64_t last_, kept_;
 	};
 	Opened database_;
+	Rollup rollup_;
 	Statement insert_action_, insert_event_, packet_seen_, query_seen_, keep_applications_, used_pages_, keep_counter_,
 		drop_;
 	Ids action_ids_, event_ids_;

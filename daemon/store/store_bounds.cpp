@@ -2,6 +2,8 @@
 #include "store/step_timer.h"
 #include "store/store.h"
 
+#include "base/clock.h"
+
 namespace quorbit {
 
 namespace {
@@ -34,13 +36,17 @@ int64_t Store::free_bytes()
 bool Store::maintain(const StoreBounds &bounds, bool small)
 {
 	StepTimer timer(small ? 0ms : step_time);
-	int64_t excess = used_bytes() - event_bytes_ - bounds.action_bytes;
+	auto excess_bytes = [&] { return used_bytes() - event_bytes_ - rollup_.bytes() - bounds.action_bytes; };
+	int64_t excess = excess_bytes();
 	int64_t free = free_bytes();
 	// Pages that were freed are used again; only many of them are worth moving others for.
 	if (free > bounds.action_bytes / 4) shrinking_ = true;
 	if (free <= bounds.action_bytes / 8) shrinking_ = false;
 	if (!knows_holders(bounds.action_bytes, excess, timer)) return true;
-	if (printed_.empty() && event_bytes_ <= bounds.event_bytes && excess <= 0 && !shrinking_) return false;
+	const int64_t now_ms = wall_clock_ms();
+	const bool sums_wait = rollup_.wants_maintenance(bounds.sums, now_ms);
+	if (printed_.empty() && event_bytes_ <= bounds.event_bytes && excess <= 0 && !shrinking_ && !sums_wait)
+		return false;
 
 	begin();
 	const int before = sqlite3_total_changes(database_.handle());
@@ -48,7 +54,8 @@ bool Store::maintain(const StoreBounds &bounds, bool small)
 	while (!timer.is_over() && !printed_.empty()) remove_printed();
 	while (!timer.is_over() && event_bytes_ > bounds.event_bytes)
 		remove_oldest_events(event_bytes_ - bounds.event_bytes);
-	for (; !timer.is_over() && excess > 0; excess = used_bytes() - event_bytes_ - bounds.action_bytes) {
+	while (sums_wait && !timer.is_over() && rollup_.maintain(bounds.sums, now_ms)) continue;
+	for (; !timer.is_over() && excess > 0; excess = excess_bytes()) {
 		if (!remove_actions(excess, small ? 8 : 64)) break;
 		progress = true;
 	}

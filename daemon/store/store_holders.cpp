@@ -2,6 +2,8 @@
 #include "store/step_timer.h"
 #include "store/store.h"
 
+#include <algorithm>
+
 namespace quorbit {
 
 namespace {
@@ -76,6 +78,8 @@ bool Store::remove_actions(int64_t bytes, int64_t most)
 		});
 	}
 	if (removal.ids.empty() && !judged) holders_->take_oldest(removal);
+	auto is_unsummed = [this](int64_t id) { return id > rollup_.summed_id(); };
+	if (std::any_of(removal.ids.begin(), removal.ids.end(), is_unsummed)) rollup_.write();
 	Statement remove(database_, "DELETE FROM action WHERE id = ?");
 	for (int64_t id : removal.ids) remove.bind(1, id).run();
 	return judged || !removal.ids.empty();
@@ -94,6 +98,7 @@ bool Store::remove_oldest_actions(int64_t bytes, int64_t most)
 			bytes -= select.integer(1) + action_row_bytes;
 		}
 	}
+	if (last_id > rollup_.summed_id()) rollup_.write();
 	holders_.reset(); // they may know of what goes
 	Statement(database_, "DELETE FROM action WHERE id <= ?").bind(1, last_id).run();
 	return last_id != 0;

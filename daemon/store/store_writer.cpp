@@ -176,6 +176,7 @@ void StoreWriter::work(bool due)
 		exchange_orders();
 		if (leave_readers_behind()) return;
 		if (due) write_batch(Clock::time_point::max());
+		if (store_->has_sums_due()) store_->write_sums();
 		maintaining_ = keep_bounds();
 	} catch (const SqliteError &failure) {
 		failed(failure);
@@ -197,6 +198,7 @@ void StoreWriter::finish()
 		if (open_when_due()) {
 			exchange_orders();
 			write_batch(deadline);
+			store_->write_sums();
 		}
 	} catch (const SqliteError &failure) {
 		failed(failure);
@@ -274,7 +276,8 @@ bool StoreWriter::keep_bounds()
 	const bool small = Clock::now() < small_until_;
 	write_time_ = {};
 	bool more;
-	do more = store_->maintain({action_bytes_, event_bytes_, log_bytes_}, small);
+	const StoreBounds bounds = this->bounds();
+	do more = store_->maintain(bounds, small);
 	while (more && Clock::now() < end && !stopping_);
 	return more;
 }
@@ -283,7 +286,7 @@ bool StoreWriter::keep_bounds()
 // copy, and the reader keeps the old file for itself. True while nothing is to be written.
 bool StoreWriter::leave_readers_behind()
 {
-	store_->set_log_bytes(log_bytes_);
+	store_->set_log_bytes(bounds().log_bytes);
 	if (!store_->is_pinned() || store_->empty_log()) return false;
 	if (store_->copy_step()) {
 		store_.reset();

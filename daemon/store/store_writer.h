@@ -43,9 +43,8 @@ public:
 
 	void set_bounds(const StoreBounds &bounds)
 	{
-		action_bytes_ = bounds.action_bytes;
-		event_bytes_ = bounds.event_bytes;
-		log_bytes_ = bounds.log_bytes;
+		std::lock_guard lock(mutex_);
+		bounds_ = bounds;
 	}
 
 private:
@@ -74,15 +73,19 @@ private:
 	bool open_when_due();
 	void exchange_orders();
 	void failed(const SqliteError &failure);
+	StoreBounds bounds() const
+	{
+		std::lock_guard lock(mutex_);
+		return bounds_;
+	}
 
 	const std::string path_;
 	ProfileSessions &sessions_;
-	std::atomic<int64_t> action_bytes_ = StoreBounds().action_bytes, event_bytes_ = StoreBounds().event_bytes,
-						 log_bytes_ = StoreBounds().log_bytes;
 	std::atomic<bool> stopping_ = false;
 
 	mutable std::mutex mutex_;
 	std::condition_variable arrived_;
+	StoreBounds bounds_;
 	Batch queue_;
 	Clock::time_point first_arrival_; // of the queue
 	Shares held_;                     // queue and batch

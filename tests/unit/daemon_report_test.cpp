@@ -63,13 +63,6 @@ TEST(Text, TellsNoShareThatCannotBe) {
   EXPECT_EQ(percent(INT64_MAX, 3) + percent(INT64_MAX / 2, INT64_MAX) + percent(-5, 3), "999%50%0%");
 }
 
-TEST(Top, TellsSharesOfTheTimeOfAllActions) {
-  EXPECT_EQ(top_text({{"Other", "cart", 1, 0, 12345999, 7400000, 999, 0, 4945000, 12345, 12345, 800, 1}, {"Shop", "cart", 100, 3, 5050000, 1000000, 0, 0, 4050000, 50, 95}}, 100),
-            "COUNT  ERRORS     P50     P95   DB  SQL  CACHE  EXT  CODE  APPLICATION  ACTION\n"
-            "    1       0  12.3 s  12.3 s  60%  800     0%   0%   40%  Other        cart\n"
-            "  100       3   50 ms   95 ms  20%    -     0%   0%   80%  Shop         cart\n");
-}
-
 TEST(List, FitsByShorteningNamesInTheMiddle) {
   const std::string long_name = "WebAction/" + std::string(200, 'n') + "/cart";
   ActionRow row{7, 0, 0, "Shop " + std::string(60, 'a'), long_name, 120, 60, 0, 30, 30, 500, true};

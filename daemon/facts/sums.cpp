@@ -1,0 +1,55 @@
+// Adding, and the form in which sums are kept.
+#include "facts/sums.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace quorbit {
+
+namespace {
+
+// The figures in the order in which they are kept. New ones go to the end: `figure_count` says how many a row has.
+constexpr int64_t Sums::*figures[] = {&Sums::count, &Sums::errors, &Sums::total_us, &Sums::database_us, &Sums::cache_us,
+	&Sums::external_us, &Sums::code_us, &Sums::waiting_us, &Sums::cpu_us, &Sums::statements};
+
+} // namespace
+
+void Sums::add(const Sums &other)
+{
+	for (auto figure : figures) this->*figure += other.*figure;
+	durations.add(other.durations);
+	if (other.slowest_id && other.slowest_us >= slowest_us)
+		slowest_us = other.slowest_us, slowest_id = other.slowest_id;
+	newest_id = std::max(newest_id, other.newest_id);
+}
+
+std::string Sums::bytes() const
+{
+	std::string bytes;
+	bytes.reserve(64);
+	write_varint(bytes, std::size(figures));
+	for (auto figure : figures) write_varint(bytes, this->*figure);
+	write_varint(bytes, slowest_us);
+	write_varint(bytes, slowest_id);
+	write_varint(bytes, newest_id - slowest_id);
+	durations.write(bytes);
+	return bytes;
+}
+
+bool Sums::add_bytes(std::string_view bytes)
+{
+	Sums read;
+	int64_t figure_count, value;
+	if (!take_varint(bytes, figure_count)) return false;
+	for (int64_t i = 0; i < figure_count; i++) {
+		if (!take_varint(bytes, value)) return false;
+		if (i < static_cast<int64_t>(std::size(figures))) read.*figures[i] = value;
+	}
+	if (!take_varint(bytes, read.slowest_us) || !take_varint(bytes, read.slowest_id)) return false;
+	if (!take_varint(bytes, read.newest_id)) return false;
+	read.newest_id += read.slowest_id;
+	add(read);
+	return durations.read(bytes);
+}
+
+} // namespace quorbit

@@ -1,0 +1,427 @@
+// Finding the rows of a range and of keys, and adding them up.
+#include "store/sqlite_sums.h"
+
+#include "base/clock.h"
+
+#include <algorithm>
+#include <map>
+#include <unistd.h>
+#include <unordered_map>
+
+namespace quorbit {
+
+namespace {
+
+constexpr int64_t minute_ms = 60000, hour_ms = 3600000;
+
+// Rows of one table: `from` <= time < until, in its unit.
+struct Part {
+	bool hours;
+	int64_t from, until;
+
+	int64_t unit_ms() const { return hours ? hour_ms : minute_ms; }
+};
+
+KeyKind kind_of(SumKey key)
+{
+	switch (key) {
+	case SumKey::path: return KeyKind::path;
+	case SumKey::query: return KeyKind::query;
+	case SumKey::error: return KeyKind::error;
+	case SumKey::external: return KeyKind::external;
+	case SumKey::cache: return KeyKind::cache;
+	case SumKey::component: return KeyKind::component;
+	default: return KeyKind::action;
+	}
+}
+
+int64_t floor_to(int64_t value, int64_t unit)
+{
+	return value / unit * unit;
+}
+
+int64_t ceil_to(int64_t value, int64_t unit)
+{
+	return floor_to(value + unit - 1, unit);
+}
+
+// The time that there are rows of: a question may ask from the beginning to the end of time.
+struct Kept {
+	int64_t first_ms, end_ms; // of hours, and of the last minute
+	int64_t minutes_from_ms;  // from there on every hour has its minutes
+
+	explicit Kept(Database &database)
+	{
+		auto edge = [&database](const char *sql) { return database.integer(sql); };
+		first_ms = edge("SELECT min(hour) FROM sum_hour WHERE kind = 1") * hour_ms;
+		end_ms = (edge("SELECT max(minute) FROM sum_minute WHERE kind = 1") + 1) * minute_ms;
+		const int64_t first_minute_ms = edge("SELECT min(minute) FROM sum_minute WHERE kind = 1") * minute_ms;
+		const bool all_there = floor_to(first_minute_ms, hour_ms) <= first_ms;
+		minutes_from_ms = all_there ? first_ms : ceil_to(first_minute_ms, hour_ms);
+	}
+};
+
+// Of what a range is made: minutes as far as there are any, hours alone, or whole hours by hour and the rest by minute.
+enum class Grain { minutes, hours, fewest_rows };
+
+class Plan {
+public:
+	Plan(Database &database, const TimeRange &range, Grain grain)
+	{
+		const Kept kept(database);
+		int64_t from = std::max(floor_to(std::max(range.from_ms, int64_t{0}), minute_ms), kept.first_ms);
+		int64_t until = std::max(range.until_ms, int64_t{0});
+		until = until >= kept.end_ms - minute_ms ? std::min(until, kept.end_ms) : until;
+		until = ceil_to(until, minute_ms);
+		if (grain == Grain::hours || from < kept.minutes_from_ms) from = floor_to(from, hour_ms);
+		if (grain == Grain::hours || until <= kept.minutes_from_ms) until = ceil_to(until, hour_ms);
+		range_ = {from, std::max(from, until)};
+		// The last hour has nothing after the last minute.
+		const int64_t hours_until = until >= kept.end_ms ? ceil_to(until, hour_ms) : floor_to(until, hour_ms);
+		int64_t hours_from = ceil_to(from, hour_ms), hours_end = hours_until;
+		if (grain == Grain::minutes) hours_end = std::min(hours_until, kept.minutes_from_ms);
+		if (hours_from >= hours_end) hours_from = hours_end = until;
+		add(false, from, hours_from);
+		add(true, hours_from, hours_end);
+		add(false, hours_end, until);
+	}
+
+	const TimeRange &range() const { return range_; }
+	const std::vector<Part> &parts() const { return parts_; }
+
+private:
+	void add(bool hours, int64_t from, int64_t until)
+	{
+		const int64_t unit = hours ? hour_ms : minute_ms;
+		if (from < until) parts_.push_back({hours, from / unit, until / unit});
+	}
+
+	TimeRange range_;
+	std::vector<Part> parts_;
+};
+
+constexpr const char *key_columns =
+	"id, application, name, vendor, subject, verb, place, finding, suggestion, finding_ms, "
+	"error_class, message, first_ms, last_ms";
+
+KeyFacts facts_of(Statement &select)
+{
+	KeyFacts facts{select.integer(0), select.text(1), select.text(2)};
+	facts.vendor = select.text(3);
+	facts.table = select.text(4);
+	facts.verb = select.text(5);
+	facts.place = select.text(6);
+	facts.finding = select.text(7);
+	facts.suggestion = select.text(8);
+	facts.finding_ms = select.integer(9);
+	facts.error_class = select.text(10);
+	facts.message = select.text(11);
+	facts.first_ms = select.integer(12);
+	facts.last_ms = select.integer(13);
+	return facts;
+}
+
+// The keys that a filter lets through; 0 is one that is not known any more.
+class KeySet {
+public:
+	KeySet(Database &database, KeyKind kind, const SumFilter &filter)
+	{
+		all_ = filter.application.empty() && filter.name_glob.empty() && filter.id == 0;
+		Statement select(database,
+			"SELECT id FROM sum_key WHERE kind = ?1 AND (?2 = '' OR application = ?2) AND (?3 = '' OR name GLOB ?3) "
+			"AND (?4 = 0 OR id = ?4)");
+		select.bind(1, static_cast<int64_t>(kind)).bind(2, filter.application).bind(3, filter.name_glob);
+		select.bind(4, filter.id);
+		while (select.step()) ids_.push_back(select.integer(0));
+		std::sort(ids_.begin(), ids_.end());
+	}
+
+	bool knows(int64_t id) const { return std::binary_search(ids_.begin(), ids_.end(), id); }
+	bool lets_through(int64_t id) const { return all_ || knows(id); }
+	// Whether rows are found faster one by one than by looking at all of a time.
+	bool is_small() const { return !all_ && ids_.size() < 8; }
+	const std::vector<int64_t> &ids() const { return ids_; }
+
+private:
+	bool all_;
+	std::vector<int64_t> ids_;
+};
+
+// Calls on_row with the key, the time and its length in milliseconds, and the sums of every row that the filter lets
+// through.
+template <typename OnRow>
+void each_row(Database &database, const Plan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
+{
+	const KeySet keys(database, kind, filter);
+	auto give = [&](int64_t id, const Part &part, int64_t at, Statement &select, int column) {
+		if (keys.lets_through(id))
+			on_row(keys.knows(id) ? id : 0, at * part.unit_ms(), part.unit_ms(), select.text(column));
+	};
+	for (const Part &part : plan.parts()) {
+		const std::string table = part.hours ? "sum_hour" : "sum_minute", time = part.hours ? "hour" : "minute";
+		if (keys.is_small()) {
+			Statement select(
+				database, "SELECT sums FROM " + table + " WHERE kind = ? AND " + time + " = ? AND key = ?");
+			for (int64_t at = part.from; at < part.until; at++) {
+				for (int64_t id : keys.ids()) {
+					select.bind(1, static_cast<int64_t>(kind)).bind(2, at).bind(3, id);
+					if (select.step()) give(id, part, at, select, 0);
+					select.reset();
+				}
+			}
+			continue;
+		}
+		Statement select(database,
+			"SELECT key, " + time + ", sums FROM " + table + " WHERE kind = ?1 AND " + time + " >= ?2 AND " + time +
+				" < ?3");
+		select.bind(1, static_cast<int64_t>(kind)).bind(2, part.from).bind(3, part.until);
+		while (select.step()) give(select.integer(0), part, select.integer(1), select, 2);
+	}
+}
+
+// The same for what belongs to another key: the parts of an action, or the actions that had a part.
+template <typename OnRow>
+void each_use(Database &database, const Plan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
+{
+	const KeySet keys(database, kind, filter);
+	const bool actions = kind == KeyKind::action;
+	Statement select(database,
+		actions ? "SELECT action, hour, sums FROM use_hour WHERE part = ?1 AND hour >= ?2 AND hour < ?3"
+				: "SELECT part, hour, sums FROM use_hour WHERE action = ?1 AND kind = ?4 AND hour >= ?2 AND hour < ?3");
+	select.bind(1, filter.within).bind(2, plan.range().from_ms / hour_ms).bind(3, plan.range().until_ms / hour_ms);
+	if (!actions) select.bind(4, static_cast<int64_t>(kind));
+	while (select.step()) {
+		const int64_t id = select.integer(0);
+		if (keys.lets_through(id))
+			on_row(keys.knows(id) ? id : 0, select.integer(1) * hour_ms, hour_ms, select.text(2));
+	}
+}
+
+template <typename OnRow>
+void each(Database &database, const Plan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
+{
+	if (!filter.host.empty() && filter.host != this_host()) return;
+	if (filter.within)
+		each_use(database, plan, kind, filter, on_row);
+	else
+		each_row(database, plan, kind, filter, on_row);
+}
+
+double rank_of(const Sums &sums, SumOrder order)
+{
+	switch (order) {
+	case SumOrder::total: return static_cast<double>(sums.total_us);
+	case SumOrder::count: return static_cast<double>(sums.count);
+	case SumOrder::average:
+		return sums.count ? static_cast<double>(sums.total_us) / static_cast<double>(sums.count) : 0;
+	case SumOrder::p95: return static_cast<double>(sums.durations.percentile_us(0.95));
+	case SumOrder::p99: return static_cast<double>(sums.durations.percentile_us(0.99));
+	case SumOrder::errors: return static_cast<double>(sums.errors);
+	case SumOrder::statements: return static_cast<double>(sums.statements);
+	}
+	return 0;
+}
+
+// Adds rows up, by key.
+class Adder {
+public:
+	Adder(const TimeRange &range, int64_t points) : range_(range), points_(points) {}
+
+	void add(int64_t id, int64_t at_ms, std::string_view bytes)
+	{
+		SumRow &row = rows_[id];
+		if (points_ == 0) {
+			row.sums.add_bytes(bytes);
+			return;
+		}
+		const Sums &sums = row.sums;
+		const TrendPoint before{sums.count, sums.errors, sums.total_us};
+		row.sums.add_bytes(bytes);
+		row.trend.resize(static_cast<size_t>(points_));
+		const int64_t whole = std::max(range_.until_ms - range_.from_ms, int64_t{1});
+		auto at = std::clamp((at_ms - range_.from_ms) * points_ / whole, int64_t{0}, points_ - 1);
+		TrendPoint &point = row.trend[static_cast<size_t>(at)];
+		point.count += sums.count - before.count;
+		point.errors += sums.errors - before.errors;
+		point.total_us += sums.total_us - before.total_us;
+	}
+
+	std::unordered_map<int64_t, SumRow> &rows() { return rows_; }
+
+private:
+	TimeRange range_;
+	int64_t points_;
+	std::unordered_map<int64_t, SumRow> rows_;
+};
+
+void add_row(SumRow &to, SumRow &from)
+{
+	to.sums.add(from.sums);
+	to.trend.resize(std::max(to.trend.size(), from.trend.size()));
+	for (size_t i = 0; i < from.trend.size(); i++) {
+		to.trend[i].count += from.trend[i].count;
+		to.trend[i].errors += from.trend[i].errors;
+		to.trend[i].total_us += from.trend[i].total_us;
+	}
+}
+
+// Sums of actions as those of their applications, or of the host.
+std::vector<SumRow> merged(Database &database, SumKey key, std::unordered_map<int64_t, SumRow> &rows)
+{
+	std::map<std::string, SumRow> merged;
+	Statement select(database, "SELECT application FROM sum_key WHERE id = ?");
+	for (auto &[id, row] : rows) {
+		std::string name = other_keys;
+		if (key == SumKey::host) {
+			name = this_host();
+		} else {
+			if (select.bind(1, id).step()) name = select.text(0);
+			select.reset();
+		}
+		SumRow &to = merged[name];
+		add_row(to, row);
+		to.key.name = name;
+		if (key == SumKey::application) to.key.application = name;
+	}
+	std::vector<SumRow> found;
+	for (auto &[name, row] : merged) found.push_back(std::move(row));
+	return found;
+}
+
+void order_rows(SumAnswer &answer, SumOrder order, int64_t most)
+{
+	std::vector<std::pair<double, size_t>> ranks;
+	for (size_t i = 0; i < answer.rows.size(); i++) ranks.emplace_back(-rank_of(answer.rows[i].sums, order), i);
+	auto less = [&](const auto &a, const auto &b) {
+		const int64_t id = answer.rows[a.second].key.id, other = answer.rows[b.second].key.id;
+		return std::tuple(a.first, id, a.second) < std::tuple(b.first, other, b.second);
+	};
+	std::sort(ranks.begin(), ranks.end(), less);
+	answer.left_out = std::max(static_cast<int64_t>(ranks.size()) - most, int64_t{0});
+	ranks.resize(ranks.size() - static_cast<size_t>(answer.left_out));
+	std::vector<SumRow> rows;
+	for (const auto &[rank, index] : ranks) rows.push_back(std::move(answer.rows[index]));
+	answer.rows = std::move(rows);
+}
+
+void fill_in_keys(Database &database, std::vector<SumRow> &rows)
+{
+	Statement select(database, std::string("SELECT ") + key_columns + " FROM sum_key WHERE id = ?");
+	for (SumRow &row : rows) {
+		if (select.bind(1, row.key.id).step())
+			row.key = facts_of(select);
+		else
+			row.key.name = other_keys;
+		select.reset();
+	}
+}
+
+} // namespace
+
+SumAnswer read_sums(Database &database, const SumQuestion &question)
+{
+	// A trend of some hours is made of minutes, a longer one of hours.
+	constexpr int64_t most_minutes_ms = 3 * hour_ms;
+	Plan plan(database, question.filter.range, question.filter.within ? Grain::hours : Grain::fewest_rows);
+	int64_t points = question.trend_points;
+	const int64_t length_ms = plan.range().until_ms - plan.range().from_ms;
+	if (points && !question.filter.within && length_ms <= most_minutes_ms)
+		plan = Plan(database, question.filter.range, Grain::minutes);
+	else if (points)
+		points = std::clamp(length_ms / hour_ms, int64_t{1}, points);
+	Adder adder(plan.range(), points);
+	each(database, plan, kind_of(question.key), question.filter,
+		[&](int64_t id, int64_t at_ms, int64_t, const std::string &bytes) { adder.add(id, at_ms, bytes); });
+	SumAnswer answer;
+	answer.range = plan.range();
+	for (const auto &[id, row] : adder.rows()) answer.all.add(row.sums);
+	const bool merges = question.key == SumKey::application || question.key == SumKey::host;
+	if (merges) answer.rows = merged(database, question.key, adder.rows());
+	for (auto &[id, row] : adder.rows()) {
+		if (merges) break;
+		row.key.id = id;
+		answer.rows.push_back(std::move(row));
+	}
+	order_rows(answer, question.order, question.most);
+	if (!merges) fill_in_keys(database, answer.rows);
+	return answer;
+}
+
+std::vector<SeriesPoint> read_series(Database &database, const SeriesQuestion &question)
+{
+	const int64_t step_ms = std::max(floor_to(question.step_ms, minute_ms), minute_ms);
+	const bool hours = question.filter.within || step_ms % hour_ms == 0;
+	const Plan plan(database, question.filter.range, hours ? Grain::hours : Grain::minutes);
+	std::map<int64_t, SeriesPoint> points;
+	each(database, plan, kind_of(question.key), question.filter,
+		[&](int64_t, int64_t at_ms, int64_t unit_ms, const std::string &bytes) {
+			const int64_t step = std::max(step_ms, unit_ms);
+			SeriesPoint &point = points[floor_to(at_ms, step)];
+			point.at_ms = floor_to(at_ms, step);
+			point.step_ms = step;
+			point.sums.add_bytes(bytes);
+		});
+	std::vector<SeriesPoint> found;
+	for (auto &[at_ms, point] : points) found.push_back(std::move(point));
+	return found;
+}
+
+std::optional<KeyFacts> read_key(Database &database, SumKey key, int64_t id)
+{
+	Statement select(database, std::string("SELECT ") + key_columns + " FROM sum_key WHERE id = ? AND kind = ?");
+	if (!select.bind(1, id).bind(2, static_cast<int64_t>(kind_of(key))).step()) return std::nullopt;
+	return facts_of(select);
+}
+
+std::vector<MachineRow> read_machine(Database &database, const MachineQuestion &question)
+{
+	const int64_t step_ms = std::max(floor_to(question.step_ms, minute_ms), minute_ms);
+	if (!question.host.empty() && question.host != this_host()) return {};
+	Statement select(database,
+		"SELECT minute * ?1 / ?2 * ?2 AS at, pool, sum(samples), sum(load_milli), sum(memory_bytes), "
+		"sum(available_bytes), "
+		"sum(busy), sum(idle), max(most_busy) FROM machine_minute WHERE minute >= ?3 AND minute < ?4 GROUP BY at, "
+		"pool");
+	select.bind(1, minute_ms).bind(2, step_ms).bind(3, std::max(question.range.from_ms, int64_t{0}) / minute_ms);
+	select.bind(4, question.range.until_ms / minute_ms + 1);
+	std::vector<MachineRow> rows;
+	// Of each time the row of no pool, which is the machine's, comes first.
+	int64_t machine_samples = 1;
+	while (select.step()) {
+		const auto samples = static_cast<double>(std::max(select.integer(2), int64_t{1}));
+		if (select.text(1).empty()) {
+			machine_samples = std::max(select.integer(2), int64_t{1});
+			MachineRow &row = rows.emplace_back();
+			row.at_ms = select.integer(0);
+			row.host = this_host();
+			row.load = static_cast<double>(select.integer(3)) / samples / 1000;
+			row.memory_bytes = select.integer(4) / machine_samples;
+			row.available_bytes = select.integer(5) / machine_samples;
+		} else if (!rows.empty()) {
+			// A pool that was not there at a look had no process then.
+			const auto looks = static_cast<double>(machine_samples);
+			rows.back().pools.push_back({select.text(1), static_cast<double>(select.integer(6)) / looks,
+				static_cast<double>(select.integer(7)) / looks, select.integer(8)});
+		}
+	}
+	return rows;
+}
+
+std::vector<ReleaseRow> read_releases(Database &database, const std::string &application)
+{
+	Statement select(database,
+		"SELECT at_ms, name, application FROM release WHERE ?1 = '' OR application IN ('', ?1) ORDER BY at_ms, id");
+	select.bind(1, application);
+	std::vector<ReleaseRow> rows;
+	while (select.step()) rows.push_back({select.integer(0), select.text(1), select.text(2)});
+	return rows;
+}
+
+std::string this_host()
+{
+	char name[256] = {};
+	gethostname(name, sizeof name - 1);
+	return name;
+}
+
+} // namespace quorbit
