@@ -13,7 +13,8 @@ int zm_deactivate_zqprof(SHUTDOWN_FUNC_ARGS);
 void zq_execute_ex(zend_execute_data *execute_data TSRMLS_DC);
 void zq_execute_internal(
 	zend_execute_data *execute_data_ptr, struct _zend_fcall_info *fci, int return_value_used TSRMLS_DC);
-/* Handlers of the ZEND_EXIT opcode: the one that modules which start later find, and the one that comes after theirs. */
+/* Handlers of the ZEND_EXIT opcode: the one that modules which start later find, and the one that comes after theirs.
+ */
 int zq_exit(ZEND_OPCODE_HANDLER_ARGS);
 int zq_last_exit(ZEND_OPCODE_HANDLER_ARGS);
 zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC);

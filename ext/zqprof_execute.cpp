@@ -42,23 +42,6 @@ static inline void drop_closure_name(const user_call *call)
 	}
 }
 
-/* Fills `call`; false when the frame is nothing to intercept. */
-static inline bool identify_user_call(user_call *call, zend_execute_data *caller TSRMLS_DC)
-{
-	zend_function *function = caller->function_state.function;
-	call->func = function->common.function_name;
-	if (UNEXPECTED(!call->func)) {
-		call->scope = NULL;
-		return (call->func = zq_kind_word(caller)) != NULL;
-	}
-	call->scope = zq_class_of_call(function, caller->object TSRMLS_CC);
-	if (UNEXPECTED(function->common.fn_flags & ZEND_ACC_CLOSURE)) {
-		call->is_closure = true;
-		call->func = keep_closure_name(call->func);
-	}
-	return true;
-}
-
 /* false: included or evaluated code. */
 static inline bool is_function_call(const zend_execute_data *caller)
 {
@@ -75,6 +58,25 @@ static inline int enter_level(zend_zqprof_globals *g, zend_execute_data *caller)
 	int before = g->tracer_level;
 	g->tracer_level = before + 1;
 	return before;
+}
+
+/* Fills `call`, and enters its level; false when the frame is nothing to intercept. */
+static inline bool identify_user_call(user_call *call, zend_zqprof_globals *g, zend_execute_data *caller TSRMLS_DC)
+{
+	zend_function *function = caller->function_state.function;
+	call->func = function->common.function_name;
+	if (UNEXPECTED(!call->func)) {
+		call->scope = NULL;
+		call->level_before = g->tracer_level;
+		return (call->func = zq_kind_word(caller)) != NULL;
+	}
+	call->scope = zq_class_of_call(function, caller->object TSRMLS_CC);
+	call->level_before = enter_level(g, caller);
+	if (UNEXPECTED(function->common.fn_flags & ZEND_ACC_CLOSURE)) {
+		call->is_closure = true;
+		call->func = keep_closure_name(call->func);
+	}
+	return true;
 }
 
 /* "class::function", or the function alone, for a call that a row or the profile may want; freed by free_full_name. */
@@ -248,11 +250,10 @@ static zend_never_inline void intercept_user_call(zend_execute_data *execute_dat
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	user_call call;
 	call.is_closure = call.is_awaited = false;
-	if (!identify_user_call(&call, caller TSRMLS_CC)) {
+	if (!identify_user_call(&call, g, caller TSRMLS_CC)) {
 		_zend_execute_ex(execute_data TSRMLS_CC);
 		return;
 	}
-	call.level_before = is_function_call(caller) ? enter_level(g, caller) : g->tracer_level;
 	call.return_slot = EG(return_value_ptr_ptr);
 	if (UNEXPECTED(g->tracer_level == 1 || g->profile_end_time) || is_watched(g, &call)) {
 		before_user_call(&call, caller TSRMLS_CC);
@@ -426,8 +427,8 @@ void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *f
 
 /* ---- exit -------------------------------------------------------------------------------------------------------- */
 
-/* Before the engine runs an `exit`, whose long jump passes all hooks by. Another extension may have the script go on. The
- * calls are noted once: where two handlers of ours lead to each other, the inner one leaves none. */
+/* Before the engine runs an `exit`, whose long jump passes all hooks by. Another extension may have the script go on.
+ * The calls are noted once: where two handlers of ours lead to each other, the inner one leaves none. */
 static int exit_after(user_opcode_handler_t earlier, ZEND_OPCODE_HANDLER_ARGS)
 {
 	int next = earlier ? earlier(ZEND_OPCODE_HANDLER_ARGS_PASSTHRU) : ZEND_USER_OPCODE_DISPATCH;
