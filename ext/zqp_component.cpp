@@ -73,16 +73,10 @@ void zq_component_close(
 	}
 	component_element *component = (component_element *)element->data;
 	if (elapsed_ms > 0 && !component->has_ended) {
-		component->metric = elapsed_ms;
 		if (element->prev) {
 			((component_element *)element->prev->data)->exclusive += elapsed_ms;
 		}
-		component->name = component_name(cls, func);
-		int before = ZQG(components_hash) ? zend_hash_num_elements(ZQG(components_hash)) : 0;
-		zq_component_add(component->name, component->metric, component->exclusive TSRMLS_CC);
-		if (ZQG(details) && before < zend_hash_num_elements(ZQG(components_hash))) {
-			keep_cut_name((unsigned)before, cls, func TSRMLS_CC);
-		}
+		zq_component_sum(cls, func, elapsed_ms, component->exclusive TSRMLS_CC);
 	}
 	zend_llist_remove_tail(open);
 }
@@ -90,7 +84,11 @@ void zq_component_close(
 void zq_component_sum(const char *cls, const char *func, int metric_ms, int exclusive_ms TSRMLS_DC)
 {
 	char *name = component_name(cls, func);
+	int before = ZQG(components_hash) ? zend_hash_num_elements(ZQG(components_hash)) : 0;
 	zq_component_add(name, metric_ms, exclusive_ms TSRMLS_CC);
+	if (ZQG(details) && ZQG(components_hash) && before < zend_hash_num_elements(ZQG(components_hash))) {
+		keep_cut_name((unsigned)before, cls, func TSRMLS_CC);
+	}
 	efree(name);
 }
 

@@ -77,7 +77,7 @@ static void grow_slots(zq_details *details)
 	}
 }
 
-static unsigned find_or_add(zq_details *details, const zq_place *place, const char *(*vendor_of)(const void *))
+unsigned zq_details_add_place(zq_details *details, const zq_place *place, const char *(*vendor_of)(const void *))
 {
 	if (details->place_count * 2 >= details->slot_count) {
 		grow_slots(details);
@@ -98,18 +98,11 @@ static unsigned find_or_add(zq_details *details, const zq_place *place, const ch
 unsigned zq_details_place(zq_details *details, zend_execute_data *frame, const void *kind, const void *source,
 	const char *(*vendor_of)(const void *)TSRMLS_DC)
 {
-	const zend_execute_data *caller = frame;
-	while (caller && !caller->op_array) {
-		caller = caller->prev_execute_data;
-	}
-	const zend_op *opline = caller ? caller->opline : NULL;
-	if (opline && opline->opcode == ZEND_HANDLE_EXCEPTION) {
-		opline = EG(opline_before_exception);
-	}
-	zq_place place = {caller ? caller->op_array->filename : NULL, source, NULL, opline ? opline->lineno : 0};
-	unsigned number = find_or_add(details, &place, vendor_of);
-	bool lasts = caller && caller == frame && opline == frame->opline && caller->op_array->function_name;
-	details->last = {opline, lasts ? kind : NULL, source, number};
+	zq_place place = {NULL, source, NULL, 0};
+	place.line = (uint)zq_calling_place(frame, &place.file TSRMLS_CC);
+	unsigned number = zq_details_add_place(details, &place, vendor_of);
+	bool lasts = frame->op_array && frame->op_array->function_name && frame->opline->opcode != ZEND_HANDLE_EXCEPTION;
+	details->last = {frame->opline, lasts ? kind : NULL, source, number};
 	return number;
 }
 

@@ -66,6 +66,9 @@ static inline bool zq_is_last_call(const zq_details *details, const zend_execute
 unsigned zq_details_place(zq_details *details, zend_execute_data *frame, const void *kind, const void *source,
 	const char *(*vendor_of)(const void *)TSRMLS_DC);
 
+/* Number of a place by its file, line and source. */
+unsigned zq_details_add_place(zq_details *details, const zq_place *place, const char *(*vendor_of)(const void *));
+
 /* Keeps a text that was cut: `number` and `field` as above. Up to 16,384 bytes of it, and 128 KiB together. */
 void zq_details_keep_text(zq_details *details, unsigned number, int field, const char *text, size_t len);
 

@@ -12,13 +12,18 @@ static const unsigned MOST_NOTED = 10 * ZQ_OPEN_CALLS;
 
 struct zq_ended_call {
 	zq_ended_call *next;
-	uint64 start, end;           /* us */
-	char *cls, *func, *filename; /* behind the record; cls and filename may be null */
+	uint64 start, end;                       /* us */
+	char *cls, *func, *filename, *statement; /* behind the record; all but func may be null */
+	const char *vendor;                      /* of the statement, as sql_element has it */
+	zq_place place;                          /* that ran it, while details are kept */
+	const char *(*vendor_of)(const void *);
 	int lineno;
 	bool is_traced;
 	bool is_component;
 	int exclusive_ms; /* of a component */
 };
+
+bool (*zq_find_running_statement)(zend_execute_data *frame, zq_running_statement *found TSRMLS_DC);
 
 const char *zq_kind_word(const zend_execute_data *frame)
 {
@@ -51,29 +56,23 @@ void zq_no_call_is_open(zend_zqprof_globals *g)
 	g->compiling_in = NULL;
 }
 
-/* Copies a text to `*room`, which moves behind it; null for none. */
-static char *put_text(char **room, const char *text, size_t size)
+/* Copies of the texts, one behind the other, in a new record; null when there is no memory. */
+static zq_ended_call *note(const char *cls, const char *func, const char *filename, const char *statement)
 {
-	char *at = *room;
-	if (!text) {
-		return NULL;
+	const char *texts[] = {cls, func, filename, statement};
+	size_t sizes[4], all = 0;
+	for (int i = 0; i < 4; i++) {
+		sizes[i] = texts[i] ? strnlen(texts[i], ZQ_MAX_STATEMENT) : 0;
+		all += sizes[i] + 1;
 	}
-	memcpy(at, text, size);
-	*room += size;
-	return at;
-}
-
-static zq_ended_call *note(const char *cls, const char *func, const char *filename)
-{
-	size_t cls_size = cls ? strlen(cls) + 1 : 0, func_size = strlen(func) + 1;
-	size_t filename_size = filename ? strlen(filename) + 1 : 0;
-	zq_ended_call *call = (zq_ended_call *)malloc(sizeof *call + cls_size + func_size + filename_size);
+	zq_ended_call *call = (zq_ended_call *)calloc(1, sizeof *call + all);
 	if (call) {
 		char *room = (char *)(call + 1);
-		memset(call, 0, sizeof *call);
-		call->cls = put_text(&room, cls, cls_size);
-		call->func = put_text(&room, func, func_size);
-		call->filename = put_text(&room, filename, filename_size);
+		char **fields[] = {&call->cls, &call->func, &call->filename, &call->statement};
+		for (int i = 0; i < 4; i++) {
+			*fields[i] = texts[i] ? (char *)memcpy(room, texts[i], sizes[i]) : NULL;
+			room += sizes[i] + 1;
+		}
 	}
 	return call;
 }
@@ -95,35 +94,61 @@ static component_element *take_component(zend_zqprof_globals *g, const zend_exec
 	return NULL;
 }
 
+static void append(zend_zqprof_globals *g, zq_ended_call *call)
+{
+	*(g->ended_calls ? &g->last_ended_call->next : &g->ended_calls) = call;
+	g->last_ended_call = call;
+	g->ended_count++;
+}
+
+/* The time of a statement counts at once, since it is to be taken from the component around it. */
+static bool take_statement(
+	zend_zqprof_globals *g, zend_execute_data *frame, zq_running_statement *sql, uint64 elapsed_us TSRMLS_DC)
+{
+	if (frame->function_state.function->type != ZEND_INTERNAL_FUNCTION ||
+		!zq_find_running_statement(frame, sql TSRMLS_CC)) {
+		return false;
+	}
+	zq_component_spent_outside((int)(elapsed_us / 1000) TSRMLS_CC);
+	g->sum_db_metric += (int)(elapsed_us / 1000);
+	if (g->details) {
+		g->details->database_us += elapsed_us;
+	}
+	return true;
+}
+
 static void end_call(zend_execute_data *frame, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	zq_callee callee = zq_callee_of(frame TSRMLS_CC);
 	int elapsed_ms = (int)((end_us - begin_us) / 1000);
-	bool is_traced = g->action_tracer_enabled && end_us - begin_us > g->tracer_threshold_tick &&
-		begin_us >= g->rinit_tick && g->ended_count < MOST_NOTED;
+	bool is_noted = begin_us >= g->rinit_tick && g->ended_count < MOST_NOTED;
+	bool is_traced = is_noted && g->action_tracer_enabled && end_us - begin_us > g->tracer_threshold_tick;
+	zq_running_statement sql = {NULL, NULL, NULL, NULL};
+	bool is_statement = is_noted && callee.func && take_statement(g, frame, &sql, end_us - begin_us TSRMLS_CC);
 	const component_element *component = take_component(g, frame, elapsed_ms);
-	if (!callee.func || (!is_traced && !(component && elapsed_ms > 0))) {
+	bool is_component = component && elapsed_ms > 0;
+	if (!callee.func || (!is_traced && !is_component && !is_statement)) {
 		return;
 	}
-	const char *filename = NULL;
-	int lineno = 0;
-	if (elapsed_ms >= g->action_tracer_stack_trace_threshold) {
-		lineno = zq_calling_place(frame, &filename TSRMLS_CC);
-	}
-	zq_ended_call *call = note(callee.scope ? callee.scope->name : NULL, callee.func, filename);
+	zq_place place = {NULL, sql.source, NULL, 0};
+	place.line = (uint)zq_calling_place(frame, &place.file TSRMLS_CC);
+	bool has_place = elapsed_ms >= g->action_tracer_stack_trace_threshold;
+	zq_ended_call *call =
+		note(callee.scope ? callee.scope->name : NULL, callee.func, has_place ? place.file : NULL, sql.text);
 	if (!call) {
 		return;
 	}
 	call->start = begin_us;
 	call->end = end_us;
-	call->lineno = lineno;
+	call->vendor = sql.vendor;
+	call->vendor_of = sql.vendor_of;
+	call->place = place;
+	call->lineno = has_place ? (int)place.line : 0;
 	call->is_traced = is_traced;
-	call->is_component = component && elapsed_ms > 0;
+	call->is_component = is_component;
 	call->exclusive_ms = component ? component->exclusive : 0;
-	*(g->ended_calls ? &g->last_ended_call->next : &g->ended_calls) = call;
-	g->last_ended_call = call;
-	g->ended_count++;
+	append(g, call);
 }
 
 /* A SOAP client makes exceptions of the fatal errors below its own methods, and its caller goes on. */
@@ -166,8 +191,20 @@ void zq_end_open_calls(int is_error TSRMLS_DC)
 	zq_allow_timers(&timers);
 }
 
+static sql_element *record_statement(const zq_ended_call *call TSRMLS_DC)
+{
+	if (!call->statement || !ZQG(sqls)) {
+		return NULL;
+	}
+	zq_details *details = ZQG(details);
+	unsigned place = details ? zq_details_add_place(details, &call->place, call->vendor_of) : ZQ_NO_PLACE;
+	int elapsed_ms = (int)((call->end - call->start) / 1000);
+	return zq_keep_statement(ZQG(sqls), call->vendor, call->statement, elapsed_ms, place, 0);
+}
+
 static void record(const zq_ended_call *call TSRMLS_DC)
 {
+	sql_element *statement = record_statement(call TSRMLS_CC);
 	if (call->is_component) {
 		zq_component_sum(call->cls, call->func, (int)((call->end - call->start) / 1000), call->exclusive_ms TSRMLS_CC);
 	}
@@ -177,6 +214,10 @@ static void record(const zq_ended_call *call TSRMLS_DC)
 		element->end = call->end;
 		element->lineno = call->lineno;
 		element->filename = call->filename ? estrdup(call->filename) : NULL;
+		if (statement && !ZQG(action_tracer_log_sql)) {
+			element->data_type = ZQ_TRACER_SQL;
+			element->data = statement;
+		}
 		zq_trace_append(element TSRMLS_CC);
 	}
 }

@@ -29,6 +29,16 @@ static inline zend_class_entry *zq_class_of_call(const zend_function *function, 
 	return object && Z_TYPE_P(object) == IS_OBJECT && Z_OBJ_HT_P(object)->get_class_entry ? Z_OBJCE_P(object) : NULL;
 }
 
+/* What a database call that is running runs. Borrowed; `source` and vendor_of() as for zq_details_place(). */
+typedef struct zq_running_statement {
+	const char *text, *vendor;
+	const void *source;
+	const char *(*vendor_of)(const void *);
+} zq_running_statement;
+/* The recorders', set at module start-up: false for any other call, and for one that makes its statement. Runs no PHP
+ * code and takes no memory. */
+extern bool (*zq_find_running_statement)(zend_execute_data *frame, zq_running_statement *found TSRMLS_DC);
+
 /* Around every call that is timed. Calls nested deeper than there are rows have none. */
 static inline void zq_call_begins(zend_zqprof_globals *g, zend_execute_data *frame, uint64 begin_us)
 {

@@ -3,6 +3,7 @@
 #define ZQP_WRAPPER_H
 
 #include "zqp_helper.h"
+#include "zqp_open_calls.h"
 
 /* One intercepted call; lives on the hook's stack. */
 typedef struct zq_stack_data {
@@ -90,6 +91,17 @@ static inline bool zq_may_be_watched(const zend_zqprof_globals *g, const char *c
  * are 0 is dispatched to no row; profile line and default trace element need none. */
 void zq_before_internal_call(zq_stack_data *call TSRMLS_DC);
 void zq_after_internal_call(zq_stack_data *call, uint64 begin_us TSRMLS_DC);
+/* Lengths and hashes of the names of an internal call, by which its rows are found. */
+static inline void zq_hash_names(zq_stack_data *stack)
+{
+	stack->func_length = (int)strlen(stack->func);
+	stack->func_hash_code = zq_name_hash(stack->func, (size_t)stack->func_length);
+	if (stack->cls) {
+		stack->cls_hash_code = zq_name_hash(stack->cls, (size_t)stack->cls_length);
+	}
+}
+/* For zq_find_running_statement. */
+bool zq_running_statement_of(zend_execute_data *frame, zq_running_statement *found TSRMLS_DC);
 /* 0: no row handles an internal call of this function (`cls` null: a plain function; the name is read up to its second
  * byte), so that its hash codes may stay 0. 1: a row may. */
 int zq_internal_may_be_watched(const char *cls, int cls_len, const char *func);

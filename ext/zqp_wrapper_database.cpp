@@ -40,7 +40,7 @@ static const char *query_string(zq_stack_data *call, char **TSRMLS_DC)
 static const char *made_of_array(zq_stack_data *call, const char *verb, const char *join, char **built TSRMLS_DC)
 {
 	smart_str text = {};
-	const char *table = get_argument_char(call->execute_data, 1);
+	const char *table = built ? get_argument_char(call->execute_data, 1) : NULL;
 	if (!table) {
 		return NULL;
 	}
@@ -248,17 +248,20 @@ static void trace_statement(zq_stack_data *call, uint64 begin_us, uint64 end_us,
 	}
 }
 
+/* What tells the vendor of the very object of a call to PDO; null for other calls, and when it cannot be told. */
+static const void *driver_of(const zq_details *details, const zq_sql_api *api, zq_stack_data *call)
+{
+	return api->pdo && zq_is_pdo_method(call) ? zq_pdo_driver(api->pdo, call->object, details->objects) : NULL;
+}
+
 static zend_never_inline unsigned find_place(zq_details *details, const zq_sql_api *api, zq_stack_data *call TSRMLS_DC)
 {
 	zend_execute_data *frame = call->execute_data;
-	if (!api->pdo) {
-		return zq_details_place(details, frame, api, api->vendor, NULL TSRMLS_CC);
+	if (const void *driver = driver_of(details, api, call)) {
+		return zq_details_place(details, frame, api, driver, zq_pdo_driver_vendor TSRMLS_CC);
 	}
-	const void *driver = zq_is_pdo_method(call) ? zq_pdo_driver(api->pdo, call->object, details->objects) : NULL;
-	if (!driver) {
-		return zq_details_place(details, frame, NULL, ZQG(pdo_db), NULL TSRMLS_CC);
-	}
-	return zq_details_place(details, frame, api, driver, zq_pdo_driver_vendor TSRMLS_CC);
+	return zq_details_place(
+		details, frame, api->pdo ? NULL : api, api->vendor ? api->vendor : ZQG(pdo_db), NULL TSRMLS_CC);
 }
 
 /* Number of the place that ran the statement. */
@@ -330,6 +333,35 @@ int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin_us, u
 	int taken = record_statement(api, call, begin_us, end_us TSRMLS_CC);
 	zq_restore_memory_limit(TSRMLS_C);
 	return taken;
+}
+
+/* ---- calls that are running ---- */
+
+template <const zq_sql_api &...apis>
+static const zq_sql_api *api_of(zq_performance_callback record)
+{
+	const zq_sql_api *found = NULL;
+	((record == performance_sql<apis> ? (void)(found = &apis) : (void)0), ...);
+	return found;
+}
+
+bool zq_sql_running(zq_performance_callback record, zq_stack_data *call, zq_running_statement *found TSRMLS_DC)
+{
+	const zq_sql_api *api = api_of<sql_mysql_query, sql_mysql_db_query, sql_mysql_argument_0, sql_mysql_argument_1,
+		sql_mysql_prepared, sql_mysqli_method, sql_mysqli_stmt_execute, sql_pg_query, sql_pg_query_params,
+		sql_pg_prepared, sql_sqlite_argument_0, sql_sqlite_argument_1, sql_oracle_prepared, sql_pdo_query, sql_pdo_exec,
+		sql_pdo_statement_execute>(record);
+	if (!api) {
+		return false;
+	}
+	const char *vendor = api->vendor ? api->vendor : ZQG(pdo_db);
+	*found = {api->statement(call, NULL TSRMLS_CC), vendor, vendor, NULL};
+	zq_details *details = ZQG(details);
+	if (const void *driver = details ? driver_of(details, api, call) : NULL) {
+		found->source = driver;
+		found->vendor_of = zq_pdo_driver_vendor;
+	}
+	return found->text != NULL;
 }
 
 /* ---- prepared statements ---- */

@@ -7,7 +7,7 @@
 struct zq_sql_api;
 
 /* The statement of a call: borrowed, or text of its own that is also stored in `*built` for the caller to free. Null
- * when the call has none. */
+ * when the call has none, and when it would have to be made although `built` is null. */
 typedef const char *(*zq_statement_source)(zq_stack_data *call, char **built TSRMLS_DC);
 /* The driver's words on the call that just failed, owned by the caller; null when there are none. */
 typedef char *(*zq_error_source)(const zq_sql_api *api, zq_stack_data *call TSRMLS_DC);
@@ -40,6 +40,10 @@ typedef struct zq_sql_api {
  * element. 1: the default trace element is not wanted; 0: it is, when the call was slow. Beyond
  * zq_most_recorded_bytes() of statements only durations and failures are kept. */
 int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
+
+/* What a running call runs, by its recorder; false when that is none of these, and when the call makes its statement.
+ * Runs no PHP code and takes no memory. */
+bool zq_sql_running(zq_performance_callback record, zq_stack_data *call, zq_running_statement *found TSRMLS_DC);
 
 /* The recorder for one row. */
 template <const zq_sql_api &api>

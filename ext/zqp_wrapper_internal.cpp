@@ -308,6 +308,20 @@ void zq_after_internal_call(zq_stack_data *call, uint64 begin_us TSRMLS_DC)
 	}
 }
 
+bool zq_running_statement_of(zend_execute_data *frame, zq_running_statement *found TSRMLS_DC)
+{
+	zq_callee callee = zq_callee_of(frame TSRMLS_CC);
+	zq_stack_data call = {};
+	call.execute_data = frame;
+	call.object = frame->object;
+	call.func = (char *)callee.func;
+	call.cls = callee.scope ? callee.scope->name : NULL;
+	call.cls_length = callee.scope ? (int)callee.scope->name_length : 0;
+	zq_hash_names(&call);
+	const zq_after_row *row = find_recorder(&call);
+	return row && zq_sql_running(row->record, &call, found TSRMLS_CC);
+}
+
 void zq_trace_default(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	if (ZQG(action_tracer_enabled) && end_us - begin_us > ZQG(tracer_threshold_tick) && begin_us >= ZQG(rinit_tick)) {

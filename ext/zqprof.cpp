@@ -9,6 +9,7 @@
 #include "zqp_io.h"
 #include "zqp_lock.h"
 #include "zqp_rum.h"
+#include "zqp_wrapper.h"
 #include "zqprof_settings.h"
 
 extern "C" {
@@ -111,6 +112,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	if (type == MODULE_PERSISTENT) {
 		when_all_have_started(take_exit_again);
 	}
+	zq_find_running_statement = zq_running_statement_of;
 	zq_log_init(TSRMLS_C);
 	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_PROTOCOL_VERSION);
 	zq_log_share();

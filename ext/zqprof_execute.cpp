@@ -345,15 +345,6 @@ static zend_never_inline void run_trampoline(
 	efree(func);
 }
 
-static inline void hash_names(zq_stack_data *stack)
-{
-	stack->func_length = (int)strlen(stack->func);
-	stack->func_hash_code = zq_name_hash(stack->func, (size_t)stack->func_length);
-	if (stack->cls) {
-		stack->cls_hash_code = zq_name_hash(stack->cls, (size_t)stack->cls_length);
-	}
-}
-
 /* A call that a row may want, or a running profile. */
 static zend_never_inline void run_watched(
 	zend_execute_data *frame, zend_class_entry *scope, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
@@ -365,7 +356,7 @@ static zend_never_inline void run_watched(
 	stack.cls_length = scope ? (int)scope->name_length : 0;
 	stack.object = frame->object;
 	stack.return_slot = internal_return_slot(frame, fci);
-	hash_names(&stack);
+	zq_hash_names(&stack);
 	zq_before_internal_call(&stack TSRMLS_CC);
 	uint64 begin_us = zq_clock_us(&ZQG(clock));
 	unsigned around = ZQG(open_calls); /* a SOAP client may have caught a bailout of calls inside it */

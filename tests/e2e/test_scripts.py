@@ -35,6 +35,22 @@ def test_calls_that_never_return_are_timed_to_their_end(site, code, expected):
     assert metric.components["PHP/App/run"][0] >= 2
 
 
+@pytest.mark.parametrize("leaves", ["exit;", "missing();", "set_time_limit(1); while (true);"])
+def test_a_statement_that_never_returns_is_recorded(site, leaves):
+    """What the database was asked when the script ended inside the call: its time is the database's, not the caller's."""
+    script = f"""function find($db) {{ $db->query("SELECT leave()"); }}
+$db = new PDO('sqlite::memory:');
+$db->sqliteCreateFunction('leave', function () {{ usleep(20000); {leaves} }});
+find($db);"""
+    metric = site.cgi(script, settings={**TRACED, "zqs.details": "1"}, ini={**INI, "display_errors": "0"}, twin=False).metric
+    assert [(sql.db, sql.statement) for sql in metric.sql] == [("SQLite", "SELECT leave()")]
+    assert metric.db_ms == metric.sql[0].ms >= 20
+    assert [place[::2] for place in metric.more["ran_at"]] == [("SQLite", 1)] and metric.more["db_us"] >= 20000
+    assert [node[6] for node in wire.nodes(metric.trace) if node[6] in ("find", "query", "{closure}")] == ["find", "query", "{closure}"]
+    total, own = metric.components["PHP/NULL/find"]
+    assert total >= 20 > own, metric.components
+
+
 @pytest.mark.parametrize("shows_errors, code, traced", [
     ("0", "exit;", ["run", "show"]),
     ("0", "missing();", ["run", "show"]),
