@@ -11,7 +11,7 @@ export PYTHONPATH := $(CURDIR)/tests
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
 .PHONY: all demo test unit e2e wire-compare check sanitize bench bench-check fuzz random engine-suite soak install \
-        uninstall clean configure test-packages
+        uninstall packages clean configure test-packages
 
 all: configure
 	@cmake --build build -j$(JOBS)
@@ -83,6 +83,11 @@ soak: all test-packages
 # These two use what `make` built and build nothing themselves: they run as root, whose cache is another one.
 install uninstall:
 	@packaging/$@
+
+# Debian packages and a tarball, in build/package/packages
+packages: configure
+	@engine/packages package
+	@packaging/packages
 
 clean:
 	@rm -rf build

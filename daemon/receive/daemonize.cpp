@@ -6,6 +6,7 @@
 #include "receive/listener.h"
 #include "receive/presence.h"
 #include "receive/server.h"
+#include "receive/service.h"
 #include "receive/supervisor.h"
 
 #include <cerrno>
@@ -111,7 +112,8 @@ void end_writing(std::unique_ptr<StoreWriter> writer, const Presence &presence)
 	_exit(0);
 }
 
-int serve(const DaemonConfig &config, Presence &presence, std::unique_ptr<Listener> listener)
+int serve(
+	const DaemonConfig &config, Presence &presence, std::unique_ptr<Listener> listener, const ServiceManager *manager)
 {
 	int status = 0;
 	// Packets larger than this get pages of their own, which go back as soon as they are stored.
@@ -119,11 +121,15 @@ int serve(const DaemonConfig &config, Presence &presence, std::unique_ptr<Listen
 	ProfileSessions sessions;
 	auto writer = std::make_unique<StoreWriter>(config.store_file(), sessions);
 	try {
-		Server(std::move(listener), config.applications_file(), *writer, sessions).run([&] { return presence.keep(); });
+		Server(std::move(listener), config.applications_file(), *writer, sessions).run([&] {
+			if (manager) manager->tell("WATCHDOG=1");
+			return presence.keep();
+		});
 	} catch (const std::exception &failure) {
 		log_message(LogLevel::critical, failure.what());
 		status = 1;
 	}
+	if (manager) manager->tell("STOPPING=1");
 	end_writing(std::move(writer), presence);
 	presence.withdraw();
 	log_message(LogLevel::info, "ended");
@@ -148,7 +154,7 @@ int live_in_background(const DaemonConfig &config, Presence &presence, int repor
 		[[maybe_unused]] ssize_t told = write(report, "", 1);
 		close(report);
 	}
-	return serve(config, presence, std::move(listener));
+	return serve(config, presence, std::move(listener), nullptr);
 }
 
 int start_in_background(const DaemonConfig &config, Presence &presence)
@@ -173,6 +179,21 @@ int start_in_background(const DaemonConfig &config, Presence &presence)
 	return 1;
 }
 
+// Under a service manager this is the only daemon that counts: with another one in its place it has failed, and is
+// started again until that is gone.
+int serve_in_foreground(const DaemonConfig &config, Presence &presence)
+{
+	const ServiceManager manager;
+	if (!presence.is_ours()) {
+		if (!manager.is_there()) return 0;
+		throw std::runtime_error("a daemon that this service has not started, process " +
+			std::to_string(running_daemon(config)) + ", answers on " + config.socket_file + ": end it");
+	}
+	auto listener = start_listening(config, presence);
+	manager.tell("READY=1");
+	return serve(config, presence, std::move(listener), &manager);
+}
+
 } // namespace
 
 int run_daemon(const std::string &config_path, bool foreground)
@@ -182,10 +203,13 @@ int run_daemon(const std::string &config_path, bool foreground)
 		DaemonConfig config = read_trusted_config(config_path);
 		become_owner_of(config.folder());
 		log_open(config.log_file, log_level_by_name(config.log_level));
+		if (!foreground && is_left_to_service(config)) {
+			log_message(LogLevel::info, "not started: that is for quorbit.service to do");
+			return 0;
+		}
 		Presence presence(config);
-		if (!presence.is_ours()) return 0;
-		if (foreground) return serve(config, presence, start_listening(config, presence));
-		return start_in_background(config, presence);
+		if (foreground) return serve_in_foreground(config, presence);
+		return presence.is_ours() ? start_in_background(config, presence) : 0;
 	} catch (const std::exception &failure) {
 		log_message(LogLevel::critical, failure.what());
 		fprintf(stderr, "quorbit: %s\n", printable(failure.what()).c_str());

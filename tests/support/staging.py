@@ -45,3 +45,9 @@ def stop_daemon(root):
     assert os.readlink(f"/proc/{pid}/exe") == f"{root}/usr/bin/quorbit"
     os.kill(pid, signal.SIGTERM)
     wait_until(lambda: not Path(f"/proc/{pid}/exe").exists(), "the daemon's end")
+
+
+def install_package(name, root):
+    """What a package of this build has, below the staging folder."""
+    facts = {"DESTDIR": str(root), "PACKAGE_VERSION": "1", "PACKAGE_DATE": "-", "MAINTAINER": "-"}
+    subprocess.run([PROJECT / "packaging/install", name], env={**os.environ, **facts}, check=True, timeout=60)

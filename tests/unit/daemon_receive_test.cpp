@@ -1,6 +1,7 @@
 // What senders get of a bound that they share, of the receiver's time, and of the backlog.
 #include "base/shares.h"
 #include "receive/daemonize.h"
+#include "receive/service.h"
 #include "receive/turns.h"
 #include "daemon_records.h"
 
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 
 using namespace quorbit;
 using namespace quorbit_test;
@@ -93,4 +95,20 @@ TEST(Daemon, TellsAProgramThatWasReplaced) {
   EXPECT_TRUE(runs_replaced_binary(process));
   kill(process, SIGKILL);
   waitpid(process, nullptr, 0);
+}
+
+// An agent finds no daemon and runs quorbit: where the service is to do that, stopped means stopped.
+TEST(Daemon, IsLeftToAnEnabledServiceOfARunningSystemdAndOfItsOwnFolderAlone) {
+  const std::string root = testing::TempDir() + "system" + std::to_string(getpid());
+  const auto ours = default_daemon_config("/var"), other = default_daemon_config("/srv/var");
+  const std::string wants = root + "/etc/systemd/system/multi-user.target.wants";
+  std::filesystem::create_directories(wants);
+  symlink("/lib/systemd/system/quorbit.service", (wants + "/quorbit.service").c_str());
+  EXPECT_FALSE(is_left_to_service(ours, root));
+  std::filesystem::create_directories(root + "/run/systemd/system");
+  EXPECT_TRUE(is_left_to_service(ours, root));
+  EXPECT_FALSE(is_left_to_service(other, root));
+  unlink((wants + "/quorbit.service").c_str());
+  EXPECT_FALSE(is_left_to_service(ours, root));
+  std::filesystem::remove_all(root);
 }

@@ -1,0 +1,56 @@
+"""The daemon under a service manager: what it tells it, to whom it gives way, and what its unit lets it do."""
+import os
+import signal
+import socket
+import subprocess
+
+import pytest
+
+from support.engines import PROJECT
+from support.fake_daemon import wait_until
+from support.local_daemon import QUORBIT
+from support.staging import install_package
+
+
+@pytest.fixture
+def manager(real, tmp_path):
+    """A manager's socket, and what starts the daemon as one does."""
+    real.php()                                                   # writes the configuration, and starts a daemon
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as told:
+        told.bind(str(tmp_path / "notify"))
+        told.settimeout(20)
+        command = [QUORBIT, "-f", real.logs / ".quorbit.cfg", "--foreground"]
+        start = lambda: subprocess.Popen(command, stderr=subprocess.PIPE, text=True,       # noqa: E731
+                                         env={**os.environ, "NOTIFY_SOCKET": str(tmp_path / "notify")})
+        yield told, start
+
+
+def test_the_service_manager_hears_when_agents_are_served_and_when_no_more(real, manager):
+    told, start = manager
+    real.stop()
+    daemon = start()
+    assert told.recv(100) == b"READY=1"
+    real.php()
+    real.reports(1)
+    assert told.recv(100) == b"WATCHDOG=1"
+    assert real.processes() == [daemon.pid]                      # no parent beside the manager
+    daemon.send_signal(signal.SIGTERM)
+    assert told.recv(100) == b"STOPPING=1" and daemon.wait(10) == 0
+
+
+def test_a_daemon_of_php_is_named_to_the_service_manager_until_it_has_gone(real, manager):
+    told, start = manager
+    wait_until(real.pids, "the daemon of PHP")
+    refused = start()
+    assert refused.wait(20) == 1 and f"process {real.pids()[0]}, answers on" in refused.stderr.read()
+
+
+def test_the_unit_is_valid_and_lets_the_daemon_do_little(root):
+    install_package("quorbit", root)
+    unit = root / "quorbit.service"
+    text = (root / "lib/systemd/system/quorbit.service").read_text()
+    assert "ExecStart=/usr/bin/quorbit -f /var/log/quorbit/.quorbit.cfg --foreground\n" in text
+    unit.write_text(text.replace("ExecStart=", f"ExecStart={root}"))
+    for words in (["verify", "--man=no", "--recursive-errors=no"], ["security", "--offline=true", "--threshold=20"]):
+        run = subprocess.run(["systemd-analyze", *words, unit], capture_output=True, text=True, timeout=60, cwd=PROJECT)
+        assert run.returncode == 0, run.stdout + run.stderr
