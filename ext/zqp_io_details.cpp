@@ -9,6 +9,7 @@
 #include "zqp_json.h"
 #include "zqp_nosql.h"
 #include "zqp_tracer.h"
+#include "zqp_webservice.h"
 
 #include <initializer_list>
 
@@ -38,6 +39,7 @@ enum item {
 	ITEM_ERROR_MESSAGE = 0x31,
 	ITEM_COMPONENT = 0x32,
 	ITEM_TRACE_TEXT = 0x33,
+	ITEM_CALL_MESSAGE = 0x34,
 };
 
 constexpr size_t MOST_BYTES = 256 << 10; /* of the record's body; items that do not fit are left out */
@@ -238,6 +240,20 @@ void append_cut_text(writer *to, int type, const char *text)
 	}
 }
 
+/* The messages of failed outgoing calls, which have a record each. */
+void append_call_messages(writer *to TSRMLS_DC)
+{
+	uint32_t number = 0;
+	for (const zend_llist_element *at = ZQG(webservices) ? ZQG(webservices)->head : NULL; at; at = at->next) {
+		const webservice_element *service = (const webservice_element *)at->data;
+		const char *message = service->stack ? service->error_msg : NULL;
+		if (message && !zq_json_keeps(message, strlen(message))) {
+			append_item(to, ITEM_CALL_MESSAGE, &number, sizeof(number), message, strnlen(message, MOST_TEXT));
+		}
+		number += service->stack != NULL;
+	}
+}
+
 /* What the other records have only up to its first byte that is not UTF-8. */
 void append_whole_texts(writer *to, const zq_details *details TSRMLS_DC)
 {
@@ -273,6 +289,7 @@ void zq_append_details(smart_str *packet TSRMLS_DC)
 	zq_buffer_free(&found.list);
 	append_places(&to, details);
 	append_whole_texts(&to, details TSRMLS_CC);
+	append_call_messages(&to TSRMLS_CC);
 	zq_fill_length(packet, start);
 	if (packet->len - 4 >= ZQ_MAX_BODY) {
 		packet->len = start; /* better a packet without it than none */

@@ -35,6 +35,7 @@ enum Item : uint8_t {
 	item_error_message = 0x31,
 	item_component = 0x32,
 	item_trace_text = 0x33,
+	item_call_message = 0x34,
 };
 
 // No sum of such figures leaves 64 bits, whatever a packet says.
@@ -126,6 +127,9 @@ void take_numbered_text(uint8_t item, std::string_view body, Action &action)
 	if (item == item_trace_text) {
 		int field = take<uint8_t>(body);
 		action.trace_texts.push_back({number, field, text_of_bytes(body)});
+	} else if (item == item_call_message) {
+		if (number < action.service_errors.size() && action.left_out.texts == 0)
+			action.service_errors[number].message = text_of_bytes(body);
 	} else if (number < action.components.size() && action.left_out.calls == 0) {
 		action.components[number].name = text_of_bytes(body);
 	}
@@ -149,7 +153,7 @@ bool read_details(std::string_view body, Action &action)
 			places.push_back(read_place(item.body));
 		else if (item.type == item_runs)
 			runs = item.body;
-		else if (item.type == item_component || item.type == item_trace_text)
+		else if (item.type == item_component || item.type == item_trace_text || item.type == item_call_message)
 			take_numbered_text(item.type, item.body, action);
 	}
 	for (SqlStatement &sql : action.statements) sql.statement = text_of_bytes(sql.statement);

@@ -58,6 +58,7 @@ $db = new PDO('sqlite::memory:');
 $db->sqliteCreateFunction('slow', function () { usleep(30000); return 1; });
 Kunde\xfc::laden\xfc($db);
 $db->query("SELECT slow(), 'M\xfcller'");
+foreach (array('none', "m\xfcller") as $name) { $c = curl_init('http://127.0.0.1/'); curl_setopt($c, CURLOPT_INTERFACE, $name); curl_exec($c); }
 throw new Exception("Kunde M\xfcller");"""
 
 
@@ -71,6 +72,7 @@ def test_texts_in_latin_1_arrive_whole(site, mode):
     more = metric.more
     assert b"Kunde M\xfcller" in more["error_message"] and "M\xfcller" not in metric.error["message"]
     assert b"PHP/Kunde\xfc/laden\xfc" in more["components"].values()
+    assert list(more["call_messages"]) == [1] and b"m\xfcller" in more["call_messages"][1], metric.call_errors
     nodes = list(wire.nodes(metric.trace))
     whole = {(nodes[number][6], field): value for (number, field), value in more["trace_texts"].items()}
     assert whole[("laden", 1)] == b"Kunde\xfc" and whole[("laden", 2)] == b"laden\xfc"
