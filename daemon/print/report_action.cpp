@@ -28,6 +28,15 @@ std::string parts_text(const ActionRow &row)
 	return text;
 }
 
+// By the time of day where the front end's stamp is one: the agent sends that figure only when it can be true, and the
+// other one then means nothing.
+std::string queue_entry(const StoredAction &shown)
+{
+	const Action &action = shown.action;
+	if (action.exact && action.exact->waited_us) return duration_text((*action.exact->waited_us + 500) / 1000);
+	return action.block_ms ? queue_text(shown.row, action.block_ms, boot_wall_ms()) : std::string();
+}
+
 void print_head(const StoredAction &shown, Page &page)
 {
 	const auto &[row, action] = shown;
@@ -42,7 +51,7 @@ void print_head(const StoredAction &shown, Page &page)
 	page.entry("duration",
 		duration_text(action.duration_ms) + ", CPU " + duration_text(action.cpu_ticks * 1000 / sysconf(_SC_CLK_TCK)));
 	if (auto parts = parts_text(row); !parts.empty()) page.entry("spent in", parts);
-	if (action.block_ms) page.entry("queued before", queue_text(row, action.block_ms, boot_wall_ms()));
+	if (auto queued = queue_entry(shown); !queued.empty()) page.entry("queued before", queued);
 	std::string trace = action.tracer_id.empty() ? std::string() : "trace " + action.tracer_id;
 	if (!action.transaction_id.empty())
 		page.entry("transaction", action.transaction_id + (trace.empty() ? "" : ", ") + trace);

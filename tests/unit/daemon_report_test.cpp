@@ -264,6 +264,10 @@ TEST(ActionPage, TellsNoQueueTimeThatCannotBeTrue) {
     action.received_ms = row.received_ms;
     EXPECT_TRUE(queue_text(action, row.queued_ms, 1000000).starts_with(row.told)) << row.queued_ms;
   }
+  StoredAction shown{{}, {}};
+  shown.action.block_ms = 700000;
+  shown.action.exact.emplace().waited_us = 250499;
+  EXPECT_NE(action_text(shown, {}, 100, false).find("queued before  250 ms\n"), std::string::npos) << "the time of day's figure";
 }
 
 TEST(ActionPage, TellsCallerFromCallee) {
