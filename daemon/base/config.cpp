@@ -27,6 +27,7 @@ enum FolderFile {
 	store_index_file,
 	store_copy_file,
 	former_store_file,
+	reserve_file,
 	orders_file,
 	applications_file,
 	folder_files,
@@ -43,6 +44,7 @@ constexpr const char *folder_names[] = {
 	"quorbit.db-shm",
 	"quorbit.db-new",
 	"quorbit.db-old",
+	"quorbit.db-reserve",
 	"quorbit.db-orders",
 	"applications.conf",
 };

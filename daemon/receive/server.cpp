@@ -161,6 +161,7 @@ bool Server::keep_names(const std::function<bool()> &keep_files)
 	int64_t now = monotonic_second();
 	if (now - kept_second_ < keep_seconds) return true;
 	kept_second_ = now;
+	writer_.set_bounds(bounds_of(applications_.current())); // nobody may ask for settings
 	int before = listener_->descriptor();
 	if (!listener_->keep_name()) {
 		log_message(LogLevel::error, "the socket is gone or belongs to another program: exiting");

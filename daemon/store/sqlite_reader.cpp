@@ -183,8 +183,7 @@ public:
 			"WHERE received_ms >= ? AND received_ms < ? GROUP BY process, application");
 		select.bind(1, range.from_ms).bind(2, range.until_ms);
 		std::vector<SenderRow> rows;
-		while (select.step())
-			rows.push_back({select.integer(0), select.text(1), select.integer(2), select.integer(3)});
+		while (select.step()) rows.push_back({select.integer(0), select.text(1), select.integer(2), select.integer(3)});
 		return rows;
 	}
 

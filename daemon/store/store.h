@@ -72,13 +72,21 @@ public:
 	bool maintain(const StoreBounds &bounds, bool small = false);
 	// For a disk that is full: removes the oldest actions until that many bytes of the file are free.
 	void make_room(int64_t bytes);
+	// Whether the store does not grow, because little of its disk is left or it was told so: within the file, actions
+	// then make room for others. It ends when there is room again.
+	bool is_confined() const { return confined_bytes_ != INT64_MAX; }
+	void confine();
 
 	// Forgets the applications not seen for longest beyond 1024, and profile orders that ended long ago.
 	void limit_tables();
 
 	// Whether the log has been over its bound for more than 10 s, or is over twice the bound: a reader stands on an old
 	// state of the store, and the log cannot begin again. Over twice the bound nothing more should be written.
-	bool is_pinned() const { return copy_ || log_is_full() || Clock::now() - small_log_at_ > patience; }
+	bool is_pinned() const
+	{
+		return copy_ || log_is_full() || (log_is_large() && Clock::now() - small_log_at_ > patience);
+	}
+	bool log_is_large() const { return log_pages_ * page_size_ >= log_bytes_; }
 	bool log_is_full() const { return log_pages_ * page_size_ > 2 * log_bytes_; }
 	bool empty_log(); // false when readers are in the way
 	void set_log_bytes(int64_t bytes) { log_bytes_ = bytes; }
@@ -102,6 +110,7 @@ private:
 	static int64_t event_bytes(std::string_view packet); // about what it takes in the file
 	int64_t used_bytes();
 	int64_t free_bytes();
+	void look_at_disk();
 	static int64_t action_bytes(size_t packet_bytes); // about what it takes in the file
 	bool knows_holders(int64_t bound_bytes, int64_t excess_bytes, StepTimer &timer);
 	bool remove_actions(int64_t bytes, int64_t most);
@@ -150,6 +159,8 @@ private:
 	bool all_read_ = false;
 	int64_t read_id_ = 0, judged_id_ = 0;
 	bool shrinking_ = false;
+	int64_t confined_bytes_ = INT64_MAX; // what may be used of the file while it does not grow
+	bool has_reserve_ = false;
 	struct Copy {
 		explicit Copy(Database &source);
 		~Copy();

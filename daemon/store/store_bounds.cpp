@@ -1,8 +1,12 @@
 // Keeping the store within its bounds: in steps so short that no packet waits for them.
+#include "store/disk.h"
 #include "store/step_timer.h"
 #include "store/store.h"
 
 #include "base/clock.h"
+
+#include <algorithm>
+#include <utility>
 
 namespace quorbit {
 
@@ -33,16 +37,40 @@ int64_t Store::free_bytes()
 	return database_.integer("PRAGMA freelist_count") * page_size_;
 }
 
+// What is left free inside the file has room for more than a transaction.
+void Store::confine()
+{
+	constexpr int64_t most_room = int64_t{16} << 20;
+	const int64_t file_bytes = used_bytes() + free_bytes();
+	has_reserve_ = false; // it may be given up any time now
+	confined_bytes_ = file_bytes - std::min(most_room, file_bytes / 4);
+}
+
+void Store::look_at_disk()
+{
+	const DiskSpace space = disk_space(database_.path());
+	if (!is_confined() && space.free_bytes < space.least_bytes) confine();
+	if (space.free_bytes < 2 * space.least_bytes) return;
+	confined_bytes_ = INT64_MAX;
+	if (!has_reserve_) has_reserve_ = make_reserve(database_.path());
+}
+
 bool Store::maintain(const StoreBounds &bounds, bool small)
 {
 	StepTimer timer(small ? 0ms : step_time);
-	auto excess_bytes = [&] { return used_bytes() - event_bytes_ - rollup_.bytes() - bounds.action_bytes; };
+	look_at_disk();
+	const int64_t action_bytes = std::min(bounds.action_bytes, confined_bytes_);
+	auto excess_bytes = [&] {
+		const int64_t used = used_bytes();
+		return std::max(used - event_bytes_ - rollup_.bytes() - bounds.action_bytes, used - confined_bytes_);
+	};
 	int64_t excess = excess_bytes();
 	int64_t free = free_bytes();
 	// Pages that were freed are used again; only many of them are worth moving others for.
 	if (free > bounds.action_bytes / 4) shrinking_ = true;
-	if (free <= bounds.action_bytes / 8) shrinking_ = false;
-	if (!knows_holders(bounds.action_bytes, excess, timer)) return true;
+	// What the last steps freed is in the log, and goes back when that is written back.
+	if (free <= bounds.action_bytes / 8 && std::exchange(shrinking_, false)) checkpoint();
+	if (!knows_holders(action_bytes, excess, timer)) return true;
 	const int64_t now_ms = wall_clock_ms();
 	const bool sums_wait = rollup_.wants_maintenance(bounds.sums, now_ms);
 	if (printed_.empty() && event_bytes_ <= bounds.event_bytes && excess <= 0 && !shrinking_ && !sums_wait)
@@ -51,15 +79,15 @@ bool Store::maintain(const StoreBounds &bounds, bool small)
 	begin();
 	const int before = sqlite3_total_changes(database_.handle());
 	bool progress = false;
-	while (!timer.is_over() && !printed_.empty()) remove_printed();
-	while (!timer.is_over() && event_bytes_ > bounds.event_bytes)
+	while (!printed_.empty() && !timer.is_over()) remove_printed();
+	while (event_bytes_ > bounds.event_bytes && !timer.is_over())
 		remove_oldest_events(event_bytes_ - bounds.event_bytes);
 	while (sums_wait && !timer.is_over() && rollup_.maintain(bounds.sums, now_ms)) continue;
-	for (; !timer.is_over() && excess > 0; excess = excess_bytes()) {
-		if (!remove_actions(excess, small ? 8 : 64)) break;
+	for (bool time = true; excess > 0 && time && remove_actions(excess, small ? 8 : 64); time = !timer.is_over()) {
 		progress = true;
+		excess = excess_bytes();
 	}
-	while (!timer.is_over() && shrinking_ && free_bytes() > 0) database_.execute("PRAGMA incremental_vacuum(32)");
+	while (shrinking_ && free_bytes() > 0 && !timer.is_over()) database_.execute("PRAGMA incremental_vacuum(32)");
 	// Tables alone may be more than a tiny bound: that is as good as it gets.
 	progress |= sqlite3_total_changes(database_.handle()) != before || shrinking_;
 	commit();

@@ -17,7 +17,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int64_t checkpoint_bytes = int64_t{4} << 20; // SQLite's own figure
+constexpr int64_t checkpoint_bytes = int64_t{4} << 20;          // SQLite's own figure
+constexpr int64_t confined_checkpoint_bytes = int64_t{1} << 20; // within what the log's file has taken before
 constexpr int pages_at_once = 64;
 
 bool exists(const std::string &path)
@@ -57,8 +58,8 @@ void Store::checkpoint()
 
 void Store::checkpoint_when_due()
 {
-	if (log_pages_ * page_size_ < log_bytes_) small_log_at_ = Clock::now();
-	if (log_pages_ * page_size_ >= checkpoint_bytes) checkpoint();
+	if (!log_is_large()) small_log_at_ = Clock::now();
+	if (log_pages_ * page_size_ >= (is_confined() ? confined_checkpoint_bytes : checkpoint_bytes)) checkpoint();
 }
 
 bool Store::empty_log()

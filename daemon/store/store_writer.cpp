@@ -4,6 +4,7 @@
 #include "base/clock.h"
 #include "base/log.h"
 #include "facts/share.h"
+#include "store/disk.h"
 
 #include <sys/stat.h>
 #include <utility>
@@ -16,7 +17,9 @@ using namespace std::chrono_literals;
 
 constexpr size_t most_held_bytes = size_t{64} << 20;
 constexpr size_t most_transaction_bytes = size_t{8} << 20;
-constexpr size_t small_transaction_bytes = size_t{256} << 10; // on a full disk: what the write-ahead log has room for
+constexpr size_t confined_transaction_bytes = size_t{1} << 20; // what is surely free inside a file that does not grow
+constexpr size_t small_transaction_bytes = size_t{256} << 10;  // on a full disk: what the write-ahead log has room for
+constexpr int64_t most_bytes_of_full_disk = 64 << 10;          // free, and yet no room for anything
 constexpr size_t most_dropped_keys = 1000;
 constexpr auto batch_time = 100ms; // what is waited for company before a commit
 constexpr auto idle_time = 250ms;  // between looks at the profile orders, which end within a second
@@ -232,6 +235,7 @@ void StoreWriter::write_batch(Clock::time_point deadline)
 		if (Clock::now() < small_until_) store_->make_room(2 * small_transaction_bytes);
 		write_transaction();
 		written();
+		while (store_->is_confined() && store_->maintain(bounds(), Clock::now() < small_until_)) continue;
 	}
 	write_time_ = Clock::now() - begin;
 	if (next_ < batch_.size()) return;
@@ -242,7 +246,9 @@ void StoreWriter::write_batch(Clock::time_point deadline)
 // Writes items until the transaction is large enough for the log that holds it.
 void StoreWriter::write_transaction()
 {
-	const size_t most = Clock::now() < small_until_ ? small_transaction_bytes : most_transaction_bytes;
+	const size_t most = Clock::now() < small_until_ ? small_transaction_bytes
+		: store_->is_confined()                     ? confined_transaction_bytes
+													: most_transaction_bytes;
 	size_t next = next_, bytes = 0;
 	store_->begin();
 	for (; next < batch_.size() && bytes < most; next++) {
@@ -279,6 +285,10 @@ bool StoreWriter::keep_bounds()
 	const StoreBounds bounds = this->bounds();
 	do more = store_->maintain(bounds, small);
 	while (more && Clock::now() < end && !stopping_);
+	if (std::exchange(confined_, store_->is_confined()) != store_->is_confined())
+		log_message(confined_ ? LogLevel::warning : LogLevel::info,
+			confined_ ? "the disk is nearly full: the store does not grow, older actions make room for new ones"
+					  : "the disk has room again: the store may grow");
 	return more;
 }
 
@@ -317,10 +327,13 @@ void StoreWriter::failed(const SqliteError &failure)
 	retry_at_ = Clock::now() + retry_time;
 	const int code = failure.code & 0xff;
 	if (code == SQLITE_FULL) small_until_ = Clock::now() + small_time;
+	// Other calls fail as well where there is no block left, with other codes.
+	if (code != SQLITE_BUSY && disk_space(path_).free_bytes < most_bytes_of_full_disk) give_up_reserve(path_);
 	// Somebody else's lock, and a full disk, leave the store itself as it was; its room may be needed to make more.
-	if (store_ && (code == SQLITE_BUSY || code == SQLITE_FULL))
+	if (store_ && (code == SQLITE_BUSY || code == SQLITE_FULL)) {
 		store_->abandon();
-	else
+		if (code == SQLITE_FULL) store_->confine();
+	} else
 		store_.reset();
 }
 

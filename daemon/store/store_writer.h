@@ -100,6 +100,7 @@ private:
 	uint64_t inode_ = 0;
 	bool failing_ = false;
 	bool maintaining_ = false; // the bounds want more steps
+	bool confined_ = false;    // the log has said that the store does not grow
 	Clock::time_point retry_at_, small_until_;
 	Clock::duration write_time_{};
 	int64_t lost_ = 0;

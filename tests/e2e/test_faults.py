@@ -213,6 +213,78 @@ while [ -e {site.logs}/quorbit.pid ]; do sleep 0.05; done
     assert (done.stderr, done.code, set(done.body.split())) == (b"", 0, {b"pagepagepage"})
 
 
+# On a disk of 24 MB of its own, which another program fills to the last block: sends packets through a daemon, prints
+# what the store came to.
+FULL_DISK = """
+import os, re, socket, subprocess, sys
+from pathlib import Path
+from support import wire
+from support.fake_daemon import wait_until
+quorbit, folder = sys.argv[1], Path(sys.argv[2])
+subprocess.check_call(["mount", "-t", "tmpfs", "-o", "size=24m,mode=755", "none", folder])
+(folder / ".quorbit.cfg").write_text("".join(f"zqs.{key}={value}\\n" for key, value in {
+    "daemon_log_level": "info", "daemon_log_file_name": folder / "daemon.log", "pid_file": folder / "quorbit.pid",
+    "ipc_listen_file": folder / ".quorbit.sock"}.items()))
+store, sent = folder / "quorbit.db", 0
+
+def packets():
+    shown = subprocess.run([quorbit, "status", "-f", folder / ".quorbit.cfg"], capture_output=True, text=True).stdout
+    return int((re.findall("^  packets +([0-9]+)", shown, re.M) or ["0"])[0])
+
+def send(count):
+    global sent
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(str(folder / ".quorbit.sock"))
+        for _ in range(count):
+            client.sendall(wire.record(0x0B, wire.record(0x11, b"Shop") + wire.record(0x12, b"cart") + wire.record(0x77, bytes(3000))))
+    sent += count
+    wait_until(lambda: packets() == sent, f"{sent} packets, there are {packets()}", 60)
+
+def start():
+    daemon = subprocess.Popen([quorbit, "-f", folder / ".quorbit.cfg", "--foreground"])
+    wait_until(lambda: (folder / ".quorbit.sock").exists(), "the daemon")
+    return daemon
+
+daemon = start()
+try:
+    send(1500)
+    wait_until((folder / "quorbit.db-reserve").exists, "the reserve")
+    with open(folder / "filler", "wb", buffering=0) as filler:
+        try:
+            while filler.write(bytes(4096)): pass
+        except OSError:
+            pass
+    for _ in range(8):
+        send(1000)
+    assert not (folder / "quorbit.db-reserve").exists() and store.stat().st_size < 12 << 20
+    daemon.terminate()
+    daemon.wait(10)
+    daemon = start()
+    send(500)
+    (folder / "applications.conf").write_text("store_mb = 2\\n")
+    send(500)
+    wait_until(lambda: store.stat().st_size < 3 << 20, f"the lower bound, {store.stat().st_size}")
+    (folder / "filler").unlink()
+    (folder / "applications.conf").unlink()
+    send(500)
+    wait_until((folder / "quorbit.db-reserve").exists, "the reserve again")
+    log = (folder / "daemon.log").read_text()
+    lost = re.findall("works again; ([0-9]+) packets", log)
+    assert lost and set(lost) == {"0"} and "the store does not grow" in log and "the disk has room again" in log, log
+finally:
+    daemon.terminate()
+    daemon.wait(10)
+"""
+
+
+def test_a_full_disk_makes_room_inside_the_store(site):
+    """Nothing is lost: the oldest actions make room, a restart works, a lower bound is reached, and all is as before when there is room."""
+    site.daemon.stop()
+    done = subprocess.run([*NAMESPACE, "/usr/bin/python3", "-c", FULL_DISK, PROJECT / "build/bin/quorbit", site.logs], capture_output=True,
+                          text=True, timeout=120)
+    assert done.returncode == 0, done.stderr
+
+
 def test_every_fault_of_the_table_has_its_test():
     """docs/reliability.md names tests of this folder."""
     table = (PROJECT / "docs/reliability.md").read_text().partition("## Faults")[2].partition("\n## ")[0]
