@@ -342,9 +342,9 @@ static void warn_of_pattern(void *context, const char *pattern)
 		return;
 	}
 	if (len) {
-		ZQ_LOG(ZQ_LOG_WARNING, "regular expression looks at the first %zu bytes of a text only: %.1024s", len, pattern);
+		ZQ_LOG(ZQ_LOG_WARNING, ZQ_REGEX_BOUNDED, len, pattern);
 	} else {
-		ZQ_LOG(ZQ_LOG_WARNING, "regular expression is not used, because it could take long: %.1024s", pattern);
+		ZQ_LOG(ZQ_LOG_WARNING, ZQ_REGEX_REFUSED, pattern);
 	}
 }
 

@@ -111,6 +111,10 @@ static const size_t ZQ_REGEX_MOST_BYTES = 8192;
  * groups deeper than 64, bounded repeats that multiply to more than 1,000, more than some 6,000 characters and choices
  * once they are unfolded, a reference back to a group. */
 size_t zq_regex_examined_len(const char *pattern);
+/* What is told of a pattern that will not do what its author meant: with that number and the pattern, or refused, with
+ * the pattern alone. */
+inline constexpr char ZQ_REGEX_BOUNDED[] = "regular expression looks at the first %zu bytes of a text only: %.1024s";
+inline constexpr char ZQ_REGEX_REFUSED[] = "regular expression is not used, because it could take long: %.1024s";
 /* 1 when the pattern (POSIX extended syntax and GNU's escapes, by bytes, ignoring the case of ASCII letters, "." and
  * negated brackets without line ends) matches somewhere in that beginning of the text; else 0, as for a pattern that is
  * refused or wrong. "$" does not match at the cut. */

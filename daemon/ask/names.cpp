@@ -47,6 +47,7 @@ int names(const DaemonConfig &config, const NamesOptions &options)
 	Namer namer(settings_of(applications, options.application), options.script, options.fpm);
 	NameCounts counts = count_file(options.requests, namer);
 	put(names_text(counts, options.most, list_width(), options.script));
+	for (const std::string &line : namer.doubtful_patterns()) tell(printable(line));
 	auto invalid = namer.invalid_rules();
 	if (invalid) {
 		std::string at = invalid->empty() ? "their end" : cut(printable(*invalid), 60);

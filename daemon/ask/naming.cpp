@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <unordered_map>
 
 namespace quorbit {
@@ -81,6 +82,7 @@ Namer::Namer(const Settings &settings, std::string script, bool fpm) : script_(s
 	rules_ = setting("zqs.naming.rules");
 	by_script_uri_ = fpm && zq_str_to_int(setting("zqs.uri_from_request").c_str()) == 0;
 	captured_ = setting("zqs.web_action_uri_params_captured");
+	filter_ = setting("zqs.urls_captured");
 	automatic_ =
 		!settings.contains("zqs.auto_action_naming") || zq_str_to_int(setting("zqs.auto_action_naming").c_str()) != 0;
 }
@@ -115,6 +117,25 @@ std::optional<std::string> Namer::invalid_rules() const
 	const char *invalid_at = nullptr;
 	MallocedText name(get_name_by_rules(rules_.c_str(), &seen, &invalid_at), free);
 	return invalid_at ? std::optional<std::string>(invalid_at) : std::nullopt;
+}
+
+std::vector<std::string> Namer::doubtful_patterns() const
+{
+	std::vector<std::string> told;
+	auto look = [](void *lines, const char *pattern) {
+		size_t examined = zq_regex_examined_len(pattern);
+		if (examined == ZQ_REGEX_MOST_BYTES) return;
+		char line[2048];
+		examined ? snprintf(line, sizeof line, ZQ_REGEX_BOUNDED, examined, pattern)
+				 : snprintf(line, sizeof line, ZQ_REGEX_REFUSED, pattern);
+		static_cast<std::vector<std::string> *>(lines)->push_back(line);
+	};
+	std::istringstream lines(filter_);
+	for (std::string pattern; std::getline(lines, pattern);) {
+		if (!pattern.empty()) look(&told, pattern.c_str());
+	}
+	zq_each_rule_pattern(rules_.c_str(), look, &told);
+	return told;
 }
 
 NameCounts count_names(std::istream &lines, const Namer &namer)

@@ -45,10 +45,14 @@ public:
 	// Where the naming rules stop being JSON; nothing when they are, or when there are none.
 	std::optional<std::string> invalid_rules() const;
 
+	// What the agent's log says of the regular expressions of zqs.urls_captured and of the rules that are refused, or
+	// held against the beginning of a text only: a line each.
+	std::vector<std::string> doubtful_patterns() const;
+
 private:
 	std::string uri_of(const SampleRequest &request) const;
 
-	std::string rules_, captured_, script_;
+	std::string rules_, captured_, script_, filter_;
 	bool by_script_uri_;
 	bool automatic_;
 };

@@ -244,3 +244,5 @@ def test_patterns_that_do_not_work_are_told_of_once(site):
     assert [re.sub(r"\d+ bytes", "N bytes", line) for line in site.logged("WARNING: regular expression ")] == [
         "looks at the first N bytes of a text only: " + bounded, "is not used, because it could take long: " + refused,
         "is not used, because it could take long: " + refused + "x"]
+    _, _, printed = dry_run(site, {**settings, "zqs.urls_captured": settings["zqs.urls_captured"].replace("\n", "\n  ")}, "GET /a.php")
+    assert re.findall("regular expression .*", printed) == [f"regular expression {line}" for line in site.logged("WARNING: regular expression ")]
