@@ -18,6 +18,7 @@ constexpr Command commands[] = {
 	{"tail", "actions as they come", quorbit::add_tail},
 	{"top", "sums per action name", quorbit::add_top},
 	{"status", "applications and their processes; what to check when nothing comes", quorbit::add_status},
+	{"web", "the page in the browser, and its API", quorbit::add_web},
 	{"profile", "records an application's function calls for some time, and prints them", quorbit::add_profile},
 	{"names", "a dry run: which names requests would get under an application's settings", quorbit::add_names},
 };

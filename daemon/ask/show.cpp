@@ -17,7 +17,8 @@ struct ShowOptions {
 	int64_t id = 0; // one action in full; 0 for a list
 	ActionQuestion question;
 	bool json = false;
-	bool full = false; // of one action: nothing summed up or cut
+	std::string format; // of one action: "json", "chrome", or "" for people
+	bool full = false;  // of one action: nothing summed up or cut
 };
 
 // The settings given to an application, as far as they are known.
@@ -31,17 +32,16 @@ Settings given_to(Reader &store, const std::string &application)
 
 int show_action(Reader &store, const ShowOptions &options)
 {
-	auto shown = store.action(options.id);
-	if (!shown)
+	auto whole = whole_action(store, options.id);
+	if (!whole)
 		throw std::runtime_error("there is no action " + std::to_string(options.id) + " (it may have been dropped)");
-	auto called = called_tracer_ids(shown->action);
-	std::vector<RelatedAction> related;
-	store.each_related({options.id, shown->action.transaction_id, called},
-		[&](const StoredAction &other) { related.push_back(relate(*shown, called, other)); });
-	if (options.json)
-		put(json_text(action_json(*shown, related), true));
+	const auto &[shown, related] = *whole;
+	if (options.format == "chrome")
+		put(trace_events_json(shown));
+	else if (options.json)
+		put(json_text(action_json(shown, related), true));
 	else
-		put(action_text(*shown, related, output_width(), options.full, given_to(store, shown->row.application)));
+		put(action_text(shown, related, output_width(), options.full, given_to(store, shown.row.application)));
 	return 0;
 }
 
@@ -102,14 +102,23 @@ static std::string check_id(const std::string &text)
 CommandRun add_show(CLI::App &command)
 {
 	auto options = std::make_shared<ShowOptions>();
-	command.add_option("ID", options->id, "an action of the list")->check(check_id);
+	CLI::Option *id = command.add_option("ID", options->id, "an action of the list");
+	id->check(check_id);
 	command.add_option("-n", options->question.most, "how many actions")
 		->check(CLI::Range(1, 1000000))
 		->capture_default_str();
 	command.add_flag("--full", options->full, "of one action: every call and statement separately, nothing cut");
 	command.add_option("--app", options->question.filter.application, "only this application");
 	command.add_flag("--json", options->json, "for programs");
-	return [options](const DaemonConfig &config) { return show(config, *options); };
+	command
+		.add_option(
+			"--format", options->format, "of one action: json, or chrome (Trace Event, for Perfetto and speedscope)")
+		->check(CLI::IsMember({"json", "chrome"}))
+		->needs(id);
+	return [options](const DaemonConfig &config) {
+		options->json = options->json || options->format == "json";
+		return show(config, *options);
+	};
 }
 
 } // namespace quorbit

@@ -42,6 +42,13 @@ std::vector<std::string> called_tracer_ids(const Action &action);
 // How `other` belongs to the action that is shown, which called the applications of these tracer ids.
 RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &called, const StoredAction &other);
 
+// An action and those that belong to it; nothing when there is none of that id.
+struct WholeAction {
+	StoredAction shown;
+	std::vector<RelatedAction> related;
+};
+std::optional<WholeAction> whole_action(Reader &store, int64_t id);
+
 // The action in `width` columns: what is repeated is printed once with its count, long texts and tables are cut.
 // `full`: nothing is. `given` are the settings of its application, which tell why something is missing.
 std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full,
@@ -51,6 +58,13 @@ std::string action_text(const StoredAction &shown, const std::vector<RelatedActi
 std::string queue_text(const ActionRow &row, int64_t queued_ms, int64_t boot_wall_ms);
 // Everything of it as one object, for programs.
 Json action_json(const StoredAction &shown, const std::vector<RelatedAction> &related);
+
+// The trace of an action as one flat list, with the plan's finding beside each plan (docs/api.md has the keys); compact
+// ASCII text, since traces have thousands of elements. "[]" for no trace.
+std::string trace_elements_json(const Action &action);
+// The action and its trace in the Trace Event Format, which Perfetto and speedscope open
+// (https://docs.google.com/document/d/1CvAClvFfyA5R-PhYUmn5OOQtYMH4h6I0nSsKchNAySU).
+std::string trace_events_json(const StoredAction &shown);
 
 // Statements of one action that differ only in their values.
 struct StatementGroup {
@@ -66,6 +80,8 @@ struct StatementGroup {
 };
 // Groups, those with most time first.
 std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &statements);
+// The groups of an action's statements as a list, with the finding of each plan; in one line.
+std::string statement_groups_json(const Action &action);
 // The section on SQL, of an action with a trace or without.
 void print_statements(const std::vector<SqlStatement> &statements, Page &page, bool traced);
 

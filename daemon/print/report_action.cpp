@@ -276,6 +276,17 @@ RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &
 	return {Relation::same_transaction, other.row, {}};
 }
 
+std::optional<WholeAction> whole_action(Reader &store, int64_t id)
+{
+	auto shown = store.action(id);
+	if (!shown) return std::nullopt;
+	auto called = called_tracer_ids(shown->action);
+	std::vector<RelatedAction> related;
+	store.each_related({id, shown->action.transaction_id, called},
+		[&](const StoredAction &other) { related.push_back(relate(*shown, called, other)); });
+	return WholeAction{std::move(*shown), std::move(related)};
+}
+
 std::string action_text(const StoredAction &shown, const std::vector<RelatedAction> &related, size_t width, bool full,
 	const Settings &given)
 {

@@ -1,6 +1,8 @@
 // One action in full, for programs.
 #include "print/report.h"
 
+#include "facts/plan.h"
+
 #include <nlohmann/json.hpp>
 
 namespace quorbit {
@@ -112,7 +114,24 @@ Json related_json(const std::vector<RelatedAction> &related)
 	return list;
 }
 
+Json group_json(const StatementGroup &group)
+{
+	const Json plan = embedded(group.plan);
+	const std::string finding = plan.is_object() ? plan_finding(plan) : "";
+	return {{"kind", group.kind}, {"vendor", group.slowest.vendor}, {"count", group.count},
+		{"total_ms", group.total_ms}, {"slowest_ms", group.slowest.duration_ms}, {"slowest", group.slowest.statement},
+		{"place", group.place()}, {"places", group.places}, {"stack", embedded(group.stack)}, {"plan", plan},
+		{"finding", finding.empty() ? Json() : Json(finding)}};
+}
+
 } // namespace
+
+std::string statement_groups_json(const Action &action)
+{
+	Json list = Json::array();
+	for (const StatementGroup &group : group_statements(action.statements)) list.push_back(group_json(group));
+	return json_text(list, false);
+}
 
 Json action_json(const StoredAction &shown, const std::vector<RelatedAction> &related)
 {

@@ -2,11 +2,10 @@
 #include "facts/trace.h"
 
 #include "facts/plan.h"
-#include "facts/sql_text.h"
+#include "print/trace_shapes.h"
 #include "base/text.h"
 
 #include <algorithm>
-#include <map>
 #include <numeric>
 #include <utility>
 
@@ -30,66 +29,11 @@ int64_t taken_ms(const TraceNode &node)
 	return node.end_ms - node.start_ms;
 }
 
-// Names of statements are "Database vendor/table/operation".
-std::string kind_of_statement(const TraceNode &node)
-{
-	constexpr std::string_view before = "Database ";
-	if (!node.sql) return {};
-	std::string_view vendor = node.name;
-	vendor.remove_prefix(vendor.starts_with(before) ? before.size() : vendor.size());
-	return normalise_sql(*node.sql, vendor.substr(0, vendor.find('/')));
-}
-
-// "file:line" of "Class.function(file:line)"
-std::string_view file_and_line(std::string_view place)
-{
-	size_t open = place.find('(');
-	return open == std::string_view::npos || !place.ends_with(")") ? place
-																   : place.substr(open + 1, place.size() - open - 2);
-}
-
-// Nodes with numbers for their shapes. Nodes have the same shape when they are of the same class, function, name and
-// kind of statement, and so are their children, where runs of children of the same shape count as one.
-class Shapes {
-public:
-	explicit Shapes(const std::vector<TraceNode> &nodes) : children_(nodes.size()), shapes_(nodes.size())
-	{
-		std::vector<size_t> open; // the last node of each level
-		for (size_t at = 0; at < nodes.size(); at++) {
-			open.resize(nodes[at].level);
-			if (!open.empty()) children_[open.back()].push_back(at);
-			open.push_back(at);
-		}
-		for (size_t at = nodes.size(); at-- > 0;) shapes_[at] = shape_of(nodes[at], at);
-	}
-
-	const std::vector<size_t> &children(size_t at) const { return children_[at]; }
-	size_t shape(size_t at) const { return shapes_[at]; }
-
-private:
-	using Key = std::pair<std::string, std::vector<size_t>>;
-
-	size_t shape_of(const TraceNode &node, size_t at)
-	{
-		Key key;
-		for (const std::string &part : {node.cls, node.func, node.name, kind_of_statement(node)})
-			key.first += part + '\0';
-		for (size_t child : children_[at]) {
-			if (key.second.empty() || key.second.back() != shapes_[child]) key.second.push_back(shapes_[child]);
-		}
-		return numbers_.try_emplace(std::move(key), numbers_.size()).first->second;
-	}
-
-	std::vector<std::vector<size_t>> children_;
-	std::vector<size_t> shapes_;
-	std::map<Key, size_t> numbers_;
-};
-
 // Nodes of one shape that one line stands for: siblings, or children of those that their parents' line stands for.
 using Run = std::vector<size_t>;
 
 // The children of a run as runs, in their order. Nodes of one shape have equally many runs of children.
-std::vector<Run> runs_below(const Run &run, const Shapes &shapes)
+std::vector<Run> runs_below(const Run &run, const TraceShapes &shapes)
 {
 	std::vector<Run> below;
 	for (size_t parent : run) {
@@ -116,7 +60,7 @@ struct WeighedRun {
 };
 
 // All runs, parents before their children.
-std::vector<WeighedRun> all_runs(const std::vector<TraceNode> &nodes, const Shapes &shapes)
+std::vector<WeighedRun> all_runs(const std::vector<TraceNode> &nodes, const TraceShapes &shapes)
 {
 	std::vector<WeighedRun> found, open; // a list of our own instead of recursion: traces nest deep
 	if (!nodes.empty()) open.push_back({{0}, total_ms({0}, nodes)});
@@ -228,7 +172,7 @@ std::string trace_text(const std::vector<TraceNode> &nodes, size_t width, bool f
 		for (const TraceNode &node : nodes) printer.node(node);
 		return out + printer.out;
 	}
-	std::vector<WeighedRun> runs = all_runs(nodes, Shapes(nodes));
+	std::vector<WeighedRun> runs = all_runs(nodes, TraceShapes(nodes));
 	std::vector<size_t> longest(runs.size()); // a parent still comes before its children
 	std::iota(longest.begin(), longest.end(), size_t{0});
 	std::stable_sort(

@@ -1,6 +1,7 @@
 // Leaving the process that starts it, serving, and ending.
 #include "receive/daemonize.h"
 
+#include "base/account.h"
 #include "base/log.h"
 #include "base/text.h"
 #include "receive/listener.h"
@@ -15,7 +16,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <grp.h>
 #include <malloc.h>
 #include <memory>
 #include <sys/resource.h>
@@ -30,15 +30,6 @@ namespace {
 [[noreturn]] void fail(const std::string &what)
 {
 	throw std::system_error(errno, std::generic_category(), what);
-}
-
-// Root needs only to have begun: where the folder is another account's, everything in it is that account's too.
-void become_owner_of(const std::string &folder)
-{
-	struct stat status;
-	if (geteuid() != 0 || stat(folder.c_str(), &status) != 0 || status.st_uid == 0) return;
-	if (setgroups(0, nullptr) != 0 || setgid(status.st_gid) != 0 || setuid(status.st_uid) != 0)
-		fail("becoming the owner of " + folder);
 }
 
 // Leaves nothing of the process that started us: a pipe or terminal of its own would stay open as long as the daemon

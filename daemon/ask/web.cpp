@@ -1,0 +1,18 @@
+// quorbit web: the page in the browser.
+#include "ask/command.h"
+
+#include "web/web.h"
+
+namespace quorbit {
+
+CommandRun add_web(CLI::App &command)
+{
+	auto options = std::make_shared<WebOptions>();
+	command.add_option("--listen", options->listen, "ADDRESS:PORT, or unix:PATH")->capture_default_str();
+	command.add_option("--host", options->hosts, "a name under which a web server in front passes it on");
+	command.add_option("--password-file", options->password_file, "its first line takes the place of the token");
+	command.add_flag("--open", options->open, "start a browser");
+	return [options](const DaemonConfig &config) { return run_web(config, *options); };
+}
+
+} // namespace quorbit

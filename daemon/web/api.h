@@ -1,0 +1,24 @@
+// The questions of the page and of programs, as JSON over HTTP (docs/api.md).
+#pragma once
+
+#include "base/config.h"
+
+#include <map>
+#include <string>
+
+namespace quorbit {
+
+struct ApiAnswer {
+	int status = 200;
+	std::string body; // JSON in ASCII
+};
+
+// The answer to a GET of `path`, which begins with "/api/v1/", with these parameters of the query. Asks the store, and
+// changes nothing. May be called from many threads.
+ApiAnswer answer_api(
+	const DaemonConfig &config, const std::string &path, const std::multimap<std::string, std::string> &parameters);
+
+// {"error": message}
+ApiAnswer api_error(int status, const std::string &message);
+
+} // namespace quorbit

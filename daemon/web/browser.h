@@ -1,0 +1,24 @@
+// Starting the operator's browser.
+#pragma once
+
+#include <string>
+
+namespace quorbit {
+
+// The browser is given a file that leads on to the link: what stands on a command line, every account can read. The
+// file is the operator's alone, and goes with this object.
+class OpenedBrowser {
+public:
+	OpenedBrowser() = default;
+	~OpenedBrowser();
+	OpenedBrowser(const OpenedBrowser &) = delete;
+	OpenedBrowser &operator=(const OpenedBrowser &) = delete;
+
+	// Says so on standard error when there is no browser to start.
+	void open(const std::string &link);
+
+private:
+	std::string file_;
+};
+
+} // namespace quorbit

@@ -1,0 +1,126 @@
+// The server's life: its address, its account, its handlers, its end.
+#include "web/web.h"
+
+#include "base/account.h"
+#include "base/files.h"
+#include "print/output.h"
+#include "web/address.h"
+#include "web/bounded_server.h"
+#include "web/browser.h"
+#include "web/handlers.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace quorbit {
+
+namespace {
+
+constexpr size_t least_password = 12;
+
+// The first line of the file, which nobody else may be able to read.
+std::string password_of(const std::string &path)
+{
+	struct stat status;
+	if (stat(path.c_str(), &status) == 0 && (status.st_mode & (S_IRWXG | S_IRWXO)))
+		throw std::runtime_error(path + " is open to others: chmod 600");
+	std::string text = read_file(path);
+	text.resize(text.find_first_of("\r\n") == std::string::npos ? text.size() : text.find_first_of("\r\n"));
+	if (text.size() < least_password)
+		throw std::runtime_error(path + ": a password has at least " + std::to_string(least_password) + " bytes");
+	return text;
+}
+
+// Takes the address, before root is given up.
+void bind(BoundedServer &server, const ListenAddress &address)
+{
+	errno = 0;
+	bool bound = false;
+	if (address.unix_socket()) {
+		struct stat status;
+		if (lstat(address.host.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) unlink(address.host.c_str());
+		server.set_address_family(AF_UNIX);
+		const mode_t before = umask(0117); // its group's web server may connect
+		bound = server.bind_to_port(address.host, 80);
+		umask(before);
+	} else {
+		bound = server.bind_to_port(address.host, address.port);
+	}
+	if (bound) return;
+	const std::string where = address.unix_socket() ? address.host : address.origin();
+	throw std::runtime_error("cannot listen on " + where + ": " + (errno ? strerror(errno) : "address in use"));
+}
+
+// Ends the server when the process is told to end. To be made before there are threads, which inherit the mask.
+class EndingSignals {
+public:
+	EndingSignals()
+	{
+		sigemptyset(&signals_);
+		for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals_, signal);
+		pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+		::signal(SIGPIPE, SIG_IGN);
+	}
+
+	void wait_and_stop(BoundedServer &server) const
+	{
+		int signal = 0;
+		sigwait(&signals_, &signal);
+		server.stop();
+	}
+
+private:
+	sigset_t signals_;
+};
+
+void introduce(const ListenAddress &address, const WebOptions &options, const Sessions &sessions)
+{
+	std::string origin = address.origin();
+	if (address.unix_socket() && !options.hosts.empty()) origin = "http://" + options.hosts[0];
+	put("Quorbit's page, until Ctrl-C. This link lets one browser in:\n\n    " + origin + "/login#" +
+		sessions.link_token() + "\n\n");
+	if (options.password_file.empty())
+		put("Other browsers and programs show this token (docs/api.md):\n\n    curl -H 'Authorization: Bearer " +
+			sessions.access_token() + "' " + origin + "/api/v1/requests\n\n");
+	else
+		put("Other browsers and programs show the password of " + options.password_file + ".\n");
+	fflush(stdout); // whoever reads it through a pipe waits for it
+	if (!address.loopback())
+		tell("quorbit: " + origin +
+			" can be reached from other hosts, and nothing on the way is encrypted: put a web "
+			"server with TLS in front");
+}
+
+} // namespace
+
+int run_web(const DaemonConfig &config, const WebOptions &options)
+{
+	const ListenAddress address = parse_listen(options.listen);
+	if (!address.loopback() && options.password_file.empty()) {
+		throw std::runtime_error(
+			"an address that other hosts reach needs --password-file; better, listen on a UNIX "
+			"socket behind a web server that authenticates");
+	}
+	const EndingSignals ending;
+	Sessions sessions(options.password_file.empty() ? random_token() : password_of(options.password_file));
+	BoundedServer server;
+	bind(server, address);
+	become_owner_of(config.folder());
+	add_handlers(server, {config, sessions, allowed_hosts(address, options.hosts), address.port});
+	introduce(address, options, sessions);
+	OpenedBrowser browser;
+	if (options.open) browser.open(address.origin() + "/login#" + sessions.link_token());
+	std::thread ends([&] { ending.wait_and_stop(server); });
+	const bool served = server.listen_after_bind();
+	pthread_kill(ends.native_handle(), SIGTERM); // when it stopped by itself
+	ends.join();
+	if (address.unix_socket()) unlink(address.host.c_str());
+	return served ? 0 : 1;
+}
+
+} // namespace quorbit

@@ -1,0 +1,219 @@
+"""The page in a real browser, and what its server lets in."""
+import json
+import socket
+
+import pytest
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+
+from support import web
+from support.engines import PROJECT
+from support.fake_daemon import wait_until
+
+HOSTILE = b"""<img src=x onerror="window.ran=1"><script>window.ran=1</script>${ran=1}\x1b[31m\xff\xe2\x80\xae'"&amp;"""
+SEEN = '<img src=x onerror="window.ran=1"><script>window.ran=1</script>'
+TEXT = HOSTILE.decode("utf-8", "surrogateescape")
+PLAN = {"dialect": "MySQL", "keys": ["type", "table", "rows"], "values": [["ALL", "reviews", "60000"]]}
+AXE = PROJECT / "build/web/node_modules/axe-core/axe.min.js"
+
+
+def repeated_query():
+    """A page that asks 40 times for what one statement could tell."""
+    asked = [web.node(4 * i, 4 * i + 3, "Database MySQL/reviews/SELECT", "PDO::query", sql=f"SELECT avg(stars) FROM reviews WHERE product = {i}",
+                      explainPlan=PLAN, stacktrace=["PDO.query(/app/shop.php:25)"]) for i in range(40)]
+    slowest = (b'["PDO.query(/app/shop.php:25)"]', web.json_bytes(PLAN))
+    return web.packet(b"Shop", b"WebAction/shop%2Fproducts", 200, b"/products?page=2", database_ms=120,
+                      statements=[(3, b"MySQL", b"SELECT avg(stars) FROM reviews WHERE product = %d" % i, *slowest) for i in range(40)],
+                      trace=web.node(0, 200, "", "PHP::execute", [web.node(0, 170, "", "Shop::rows", asked), web.node(180, 200, "", "page")]))
+
+
+def large_trace():
+    """10,000 calls of which no two are the same."""
+    parts = [web.node(i * 10, i * 10 + 10, "", f"Part{i}::run", [web.node(i * 10, i * 10 + 5, "", f"Part{i}::step{j}") for j in range(99)])
+             for i in range(100)]
+    return web.packet(b"Large", b"WebAction/large", 1000, trace=web.node(0, 1000, "", "PHP::execute", parts))
+
+
+def hostile():
+    inner = web.node(0, 9, TEXT, TEXT, url=TEXT, sql=TEXT, stacktrace=[TEXT], partialtrace=[TEXT], explainPlan={"keys": [TEXT], "values": [[TEXT]]})
+    return web.packet(HOSTILE, HOSTILE, 700, HOSTILE, statements=[(9, HOSTILE, HOSTILE)], error=(500, HOSTILE, HOSTILE, web.json_bytes([TEXT])),
+                      components=[(7, 7, HOSTILE)], parameters=[(HOSTILE, HOSTILE)], details=[(HOSTILE, HOSTILE)],
+                      trace=web.node(0, 700, TEXT, TEXT, [inner]))
+
+
+@pytest.fixture(scope="module")
+def store():
+    found = web.Store()
+    try:
+        found.fill(repeated_query(), large_trace(), hostile())
+        yield found
+    finally:
+        found.close()
+
+
+@pytest.fixture(scope="module")
+def server(store):
+    found = web.Web(store.root)
+    yield found
+    found.close()
+
+
+@pytest.fixture(scope="module")
+def page(server):
+    driver = web.browser()
+    driver.get(server.link)
+    wait_until(lambda: texts(driver, "h1") == ["Requests"], "the list behind the link")
+    driver.get_log("browser")                              # of before the link was used
+    yield driver
+    driver.quit()
+
+
+def texts(driver, selector):
+    return driver.execute_script("return [...document.querySelectorAll(arguments[0])].map(found => found.innerText)", selector)
+
+
+def opened(page, server, path, selector):
+    page.get(server.origin + path)
+    wait_until(lambda: texts(page, selector), f"{selector} on {path}")
+    return page
+
+
+def test_numbers_on_the_page_and_of_the_api_are_those_of_the_commands(store, server, page):
+    rows = store.command("show", "--json")
+    assert server.json("requests") == rows
+    opened(page, server, "/requests", "tbody tr")
+    assert texts(page, "tbody td:first-child") == [str(row["id"]) for row in rows]
+    assert [float(took.split()[0].replace(",", "")) for took in texts(page, "tbody td:nth-child(5)")] == [row["duration_ms"] for row in rows]
+    one = store.command("show", "1", "--json")
+    assert server.json("requests/1") == one
+    assert server.json("requests/1/events") == store.command("show", "1", "--format", "chrome")
+    assert server.json("requests/1/statements")[0]["count"] == len(one["statements"]) == 40
+    assert f"{rows[-1]['duration_ms']} ms" in texts(opened(page, server, "/requests/1", ".facts"), ".facts")[0]
+
+
+def test_a_repeated_query_is_one_bar_with_its_line_its_plan_and_the_finding(server, page):
+    opened(page, server, "/requests/1", ".wf-row")
+    assert "× 40, 120 ms (60% of the time)" in texts(page, ".standsout")[0] and "scans the table reviews" in texts(page, ".standsout")[0]
+    assert texts(page, ".run") == ["× 40"] and len(texts(page, ".wf-row")) == 4
+    assert "reviews\t60000" in texts(page, ".chosen")[0] and "WHERE product = ?" in texts(page, ".chosen .sql")[0]
+    page.find_element(By.CSS_SELECTOR, ".run").click()
+    assert len(texts(page, ".wf-row")) >= 30
+
+
+def test_the_waterfall_obeys_the_keyboard(server, page):
+    opened(page, server, "/requests/1", ".wf-row")
+    grid = page.find_element(By.CSS_SELECTOR, "[role=treegrid]")
+    chosen = lambda: texts(page, ".chosen h2")[0]
+    steps = [(Keys.HOME, "PHP::execute", 4), (Keys.ARROW_DOWN, "Shop::rows", 4), (Keys.ARROW_LEFT, "Shop::rows", 3),
+             (Keys.ARROW_RIGHT, "Shop::rows", 4), (Keys.END, "page", 4)]
+    for key, label, rows in steps:
+        grid.send_keys(key)
+        wait_until(lambda: (chosen(), len(texts(page, ".wf-row"))) == (label, rows), f"{label} after {key!r}", 5)
+    grid.send_keys("/")
+    page.switch_to.active_element.send_keys("reviews")
+    wait_until(lambda: "40 of 43 match" in texts(page, ".tools")[0], "what was searched for", 5)
+
+
+def test_ten_thousand_calls_open_and_scroll_without_a_stall(server, page):
+    opened(page, server, "/requests/2", ".wf-row")
+    assert "10,001 calls" in texts(page, ".tools")[0] and len(texts(page, ".wf-row")) < 100
+    assert page.execute_script("return performance.getEntriesByName('waterfall')[0].startTime") < 1000
+    page.execute_cdp_cmd("Performance.enable", {"timeDomain": "threadTicks"})      # what others take of the machine does not count
+    spent = []
+    for _ in range(30):
+        page.execute_async_script("""document.querySelector('.wf-body').scrollTop += 700;
+            requestAnimationFrame(() => requestAnimationFrame(arguments[0]))""")
+        spent.append({entry["name"]: entry["value"] for entry in page.execute_cdp_cmd("Performance.getMetrics", {})["metrics"]}["TaskDuration"])
+    frames = [after - before for before, after in zip(spent, spent[1:])]
+    assert max(frames) < 0.05, frames
+    assert page.execute_script("return document.querySelector('.wf-body').scrollTop") == 30 * 700 and len(texts(page, ".wf-row")) < 100
+
+
+def test_texts_of_packets_stay_texts(server, page):
+    for tab in "waterfall", "flame", "functions", "statements", "details":
+        opened(page, server, f"/requests/3?tab={tab}", "[role=tabpanel]")
+        assert page.execute_script("return [window.ran, document.querySelectorAll('#app img, #app script').length]") == [None, 0]
+        assert SEEN in texts(page, "h1")[0]
+        assert tab in ("flame",) or SEEN in texts(page, "[role=tabpanel]")[0]
+    opened(page, server, "/requests", "tbody tr")
+    assert SEEN in texts(page, "tbody")[0] and page.execute_script("return window.ran") is None
+    assert not page.get_log("browser")
+
+
+@pytest.mark.parametrize("width, dark", [(1280, False), (1280, True), (390, False), (390, True)])
+def test_every_view_is_for_everyone(server, page, width, dark):
+    web.looks(page, width, dark)
+    page.execute_cdp_cmd("Page.setBypassCSP", {"enabled": True})
+    for path, selector in [("/requests", "tbody tr"), ("/requests/1", ".wf-row"), ("/requests/1?tab=functions", "tbody tr"),
+                           ("/requests/1?tab=statements", ".sql"), ("/requests/1?tab=details", "[role=tabpanel]"), ("/requests?since=15m&app=none", ".state p")]:
+        opened(page, server, path, selector)
+        assert page.execute_script("return document.documentElement.scrollWidth <= innerWidth"), path
+        page.execute_script(AXE.read_text())
+        found = page.execute_async_script("axe.run({runOnly: ['wcag2a', 'wcag2aa', 'wcag21aa']}).then(arguments[0])")
+        assert [(fault["id"], fault["nodes"][0]["html"]) for fault in found["violations"]] == [], path
+    page.execute_cdp_cmd("Page.setBypassCSP", {"enabled": False})
+    web.looks(page)
+
+
+def test_what_a_request_must_show(server):
+    own = f"127.0.0.1:{server.port}"
+    kind = {"Content_Type": "application/json"}
+    cases = [
+        (200, "GET", "/", {}), (200, "HEAD", "/app.js", {}), (200, "GET", "/requests/1", {}), (404, "GET", "/no.js", {}),
+        (421, "GET", "/", {"Host": "evil.test"}), (421, "GET", "/api/v1/requests", {"Host": f"evil.test:{server.port}"}),
+        (200, "GET", "/api/v1/requests", {"Host": f"LOCALHOST:{server.port}"}),
+        (401, "GET", "/api/v1/requests", {"token": False}), (401, "GET", "/api/v1/requests", {"Authorization": "Bearer "}),
+        (403, "GET", "/api/v1/requests", {"Origin": "http://127.0.0.1:1"}), (403, "GET", "/api/v1/requests", {"Sec_Fetch_Site": "same-site"}),
+        (200, "GET", "/api/v1/requests", {"Origin": f"http://{own}"}), (404, "GET", "/api/v1/nothing", {}), (404, "GET", "/api/v1/requests/9999", {}),
+        (400, "GET", "/api/v1/requests?n=0", {}), (400, "GET", "/api/v1/requests?since=1w", {}),
+        (405, "PUT", "/api/v1/session", {}), (405, "POST", "/requests", kind), (405, "OPTIONS", "/api/v1/requests", {}),
+        (415, "POST", "/api/v1/session", {"Content_Type": "text/plain", "body": "{}"}), (403, "POST", "/api/v1/session/end", kind),
+        (413, "POST", "/api/v1/session", {**kind, "body": "x" * 5000}), (414, "GET", "/" + "x" * 9000, {}),
+        (200, "GET", "/", {"Range": "bytes=" + ",".join(["0-1"] * 1900)}),
+    ]
+    for status, method, path, more in cases:
+        answer = server.ask(path, method, **more)
+        assert answer[0] == status, (method, path, more, answer)
+        assert not [name for name in answer[1] if name.startswith("access-control")]
+    policy = server.ask("/")[1]["content-security-policy"]
+    assert "default-src 'none'" in policy and "frame-ancestors 'none'" in policy and "unsafe" not in policy
+    assert server.ask("/requests", Host=own, Cookie="x" * 8000)[0] == 200
+
+
+def test_what_is_no_request_ends_in_time(server):
+    cases = {b"GET / HTTP/1.1\r\n" + b"X: %s\r\n" % (b"a" * 4000) * 20: b"HTTP/1.1 400", b"\x16\x03\x01\0": b"",
+             b"GET /api/v1/requests HTTP/1.1\r\nHost: a\r\nHost: b\r\n\r\n": b"HTTP/1.1 421"}
+    for sent, told in cases.items():
+        with socket.create_connection(("127.0.0.1", server.port), timeout=15) as client:
+            client.sendall(sent)
+            assert client.recv(100)[:12] == told
+
+
+def test_the_link_lets_in_once_and_guessing_has_its_pause(store):
+    server = web.Web(store.root)
+    try:
+        enter = lambda token: server.ask("/api/v1/session", "POST", json.dumps({"token": token}), token=False, Content_Type="application/json")
+        link = server.link.partition("#")[2]
+        status, headers, body = enter(link)
+        assert status == 200 and "HttpOnly; SameSite=Strict" in headers["set-cookie"]
+        cookie = headers["set-cookie"].partition(";")[0]
+        session = {"token": False, "Cookie": cookie}
+        end = lambda **more: server.ask("/api/v1/session/end", "POST", "{}", Content_Type="application/json", **session, **more)[0]
+        assert server.ask("/api/v1/requests", **session)[0] == 200
+        assert [enter(link)[0] for _ in range(6)] == [401] * 5 + [429]
+        assert server.ask("/api/v1/requests")[0] == 429 and enter(server.token)[0] == 429          # whoever guesses right has to wait, too
+        assert server.ask("/api/v1/requests", **session)[0] == 200                                 # but who is in stays in
+        assert end(X_Quorbit_Token="x") == 403 and end(X_Quorbit_Token=json.loads(body)["token"]) == 200
+        assert server.ask("/api/v1/requests", **session)[0] == 401
+        assert server.process.poll() is None
+        server.errors.seek(0)
+        assert server.errors.read() == b""                                                         # no token, right or wrong
+    finally:
+        server.close()
+
+
+@pytest.mark.parametrize("options, told", [(["--listen", "0.0.0.0:0"], "--listen needs"), (["--listen", "0.0.0.0:7180"], "needs --password-file"),
+                                           (["--listen", "unix:x"], "needs a full path"), (["--password-file", "/etc/passwd"], "is open to others")])
+def test_what_is_not_safe_does_not_start(store, options, told):
+    done = web.subprocess.run([web.QUORBIT, "web", "--root", store.root, *options], capture_output=True, text=True, timeout=10)
+    assert done.returncode == 1 and told in done.stderr

@@ -1,0 +1,63 @@
+// The page: who may see it, the frame around every view, and which view an address means.
+import './style.css';
+import { render } from 'preact';
+import { useEffect, useState } from 'preact/hooks';
+import { get, order } from './api.js';
+import { html } from './html.js';
+import { go, useAddress } from './router.js';
+import { zone } from './format.js';
+import { Login } from './views/login.js';
+import { Requests } from './views/requests.js';
+import { Request } from './views/request.js';
+
+// Views by the first part of the path; those with a title stand in the navigation. The rest of the path is `id`.
+const views = [
+  { path: 'requests', title: 'Requests', view: Requests, one: Request },
+];
+
+const titleOf = view => (view ? `${view.title} – Quorbit` : 'Quorbit');
+
+function Frame({ onLeave }) {
+  const { path, parameters } = useAddress();
+  const [, first, ...rest] = path.split('/');
+  const view = views.find(entry => entry.path === first) ?? (first === '' || first === 'login' ? views[0] : undefined);
+  const id = rest.length ? decodeURIComponent(rest.join('/')) : '';
+  const View = id ? view?.one : view?.view;
+  useEffect(() => {
+    document.title = titleOf(view);
+  }, [path]);
+  const leave = async () => {
+    await order('session/end').catch(() => {});
+    onLeave();
+  };
+  return html`
+    <a class="skip" href="#main">Skip to content</a>
+    <header>
+      <a class="brand" href="/">Quorbit</a>
+      <nav aria-label="Views">
+        ${views.map(entry => html`<a key=${entry.path} href=${`/${entry.path}`} aria-current=${entry === view ? 'page' : undefined}>${entry.title}</a>`)}
+      </nav>
+      <span class="zone" title="Times are in this zone">${zone}</span>
+      <button class="quiet" onClick=${leave}>Log out</button>
+    </header>
+    <main id="main" tabindex="-1">
+      ${View ? html`<${View} key=${path} id=${id} parameters=${parameters} />` : html`<h1>There is no such page</h1><p><a href="/">To the first one</a></p>`}
+    </main>`;
+}
+
+function App() {
+  const [session, setSession] = useState('asking');
+  const ask = () => get('session').then(() => setSession('open'), error => setSession(error.status === 401 ? 'none' : error.message));
+  useEffect(() => {
+    ask();
+  }, []);
+  useEffect(() => {
+    if (session === 'open' && location.pathname === '/login') go('/', { replace: true });
+  }, [session]);
+  if (session === 'asking') return null;
+  if (session === 'none') return html`<${Login} onEntry=${ask} />`;
+  if (session !== 'open') return html`<main class="login"><h1>Quorbit</h1><p class="error" role="alert">${session}</p></main>`;
+  return html`<${Frame} onLeave=${() => setSession('none')} />`;
+}
+
+render(html`<${App} />`, document.getElementById('app'));

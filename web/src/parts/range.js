@@ -1,0 +1,17 @@
+// The choice of a range of time; it is part of the address.
+import { html } from '../html.js';
+import { fullTime } from '../format.js';
+import { address, go } from '../router.js';
+
+const spans = [['15m', '15 minutes'], ['1h', '1 hour'], ['6h', '6 hours'], ['24h', '24 hours'], ['3d', '3 days'], ['30d', '30 days'], ['', 'All']];
+
+export function Range({ path, parameters, otherwise = '' }) {
+  const { since, from, until, ...rest } = parameters;
+  const chosen = from || until ? 'between' : since ?? otherwise;
+  const choose = event => go(address(path, { ...rest, since: event.target.value === otherwise ? '' : event.target.value }));
+  return html`<label class="range">Range
+    <select value=${chosen} onChange=${choose}>
+      ${chosen === 'between' && html`<option value="between">${from ? fullTime(Number(from)) : '…'} to ${until ? fullTime(Number(until)) : 'now'}</option>`}
+      ${spans.map(([value, name]) => html`<option key=${value} value=${value}>${name}</option>`)}
+    </select></label>`;
+}
