@@ -1,4 +1,5 @@
 """The agent's log, its crash backtrace, and what phpinfo says."""
+import http.client
 import os
 import re
 import signal
@@ -6,7 +7,7 @@ from datetime import datetime, timedelta, timezone
 
 import pytest
 
-from support.engines import ENGINE, EXTENSION
+from support.engines import ENGINE, EXTENSION, Apache
 
 LEVELS = ["CRITICAL", "ERROR", "WARNING", "INFO", "VERBOSE", "DEBUG"]
 RECORD = re.compile(r"\n\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \(tid:(\d+),uid:(\d+)\) (\w+): ([^\n]*)")
@@ -78,6 +79,14 @@ def test_recursion_that_exhausts_the_stack_leaves_a_backtrace(site):
     crash = site.run(["sh", "-c", 'ulimit -c 0; ulimit -s 1024; exec "$@"', "sh", ENGINE / "bin/php", "-c", site.ini_file(True), endless])
     frames = re.search(r" SIGSEGV backtrace\(Oct 20 2016\) ========\nstack exhausted\n((?:\t.+\n)+)\n=+ SIGSEGV =+\n", site.log())
     assert crash.code == -signal.SIGSEGV and frames and frames[1].count("zq_execute_ex") + frames[1].count("zqprof.so") > 10
+
+
+def test_a_thread_that_exhausts_its_stack_leaves_a_backtrace(site):
+    server = site.serve(Apache)
+    with pytest.raises(http.client.RemoteDisconnected):
+        server.get("function f() { f(); } f();", twin=False)
+    frames = re.search(r" SIGSEGV backtrace\(Oct 20 2016\) ========\nstack exhausted\n((?:\t.+\n)+)\n=+ SIGSEGV =+\n", site.log())
+    assert frames and frames[1].count("zq_execute_ex") + frames[1].count("zqprof.so") > 10
 
 
 @pytest.mark.parametrize("ini, shown", [
