@@ -75,6 +75,22 @@ drupal_bootstrap();
 try { drupal_http_request('$URL'); } catch (Exception $e) { }
 file_get_contents('$URL');
 
+# --- an exit inside a library, and a shutdown function that calls => 1 identified: file_get_contents 77|8
+ini_set('display_errors', '0');
+function drupal_bootstrap() { }
+function drupal_http_request($u) { exit; }
+register_shutdown_function(function () { file_get_contents('$URL'); });
+drupal_bootstrap();
+drupal_http_request('$URL');
+
+# --- an error inside a library, and a shutdown function that calls => 1 identified: file_get_contents 77|8
+ini_set('display_errors', '0');
+function drupal_bootstrap() { }
+function drupal_http_request($u) { missing(); }
+register_shutdown_function(function () { file_get_contents('$URL'); });
+drupal_bootstrap();
+drupal_http_request('$URL');
+
 # --- Thrift over HTTP is one record, and the next call counts again => 1 identified: Shop\\Calc\\CalcClient, file_get_contents 77|8
 require '$FIXTURES/thrift.php';
 $t = new Thrift\Transport\THttpClient('127.0.0.1', $PORT, '/rpc');
