@@ -21,6 +21,7 @@ constexpr Command commands[] = {
 	{"web", "the page in the browser, and its API", quorbit::add_web},
 	{"profile", "records an application's function calls for some time, and prints them", quorbit::add_profile},
 	{"names", "a dry run: which names requests would get under an application's settings", quorbit::add_names},
+	{"setup", "the PHPs of this host; switches the agent on and off in them", quorbit::add_setup},
 };
 
 struct Arguments {

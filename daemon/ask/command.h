@@ -22,6 +22,7 @@ CommandRun add_status(CLI::App &command);
 CommandRun add_profile(CLI::App &command);
 CommandRun add_web(CLI::App &command);
 CommandRun add_names(CLI::App &command);
+CommandRun add_setup(CLI::App &command);
 
 // Throws std::runtime_error, with the names of those that are known, when nothing has come of an application of this
 // name; "" stands for all.
