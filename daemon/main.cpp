@@ -17,11 +17,12 @@ constexpr Command commands[] = {
 	{"show", "the newest actions, or one in full", quorbit::add_show},
 	{"tail", "actions as they come", quorbit::add_tail},
 	{"top", "sums per action name", quorbit::add_top},
-	{"status", "applications and their processes; what to check when nothing comes", quorbit::add_status},
+	{"status", "whether every PHP process of the host reports, and what to do where one does not", quorbit::add_status},
 	{"web", "the page in the browser, and its API", quorbit::add_web},
 	{"profile", "records an application's function calls for some time, and prints them", quorbit::add_profile},
 	{"names", "a dry run: which names requests would get under an application's settings", quorbit::add_names},
 	{"setup", "the PHPs of this host; switches the agent on and off in them", quorbit::add_setup},
+	{"manual", "what the shell and man are told", quorbit::add_manual},
 };
 
 struct Arguments {
@@ -67,8 +68,10 @@ int main(int argc, char **argv)
 	CLI::App app(
 		"The local daemon of the Quorbit agent, and what it has received.\nWith -f alone: run the daemon.", "quorbit");
 	Arguments arguments;
-	app.add_option("-f", arguments.config_path, "the configuration file that the agent writes");
-	app.add_option("--root", arguments.root, "zqs.runtime_root of the agent")->capture_default_str();
+	app.add_option("-f", arguments.config_path, "the configuration file that the agent writes")->type_name("FILE");
+	app.add_option("--root", arguments.root, "zqs.runtime_root of the agent")
+		->type_name("FOLDER")
+		->capture_default_str();
 	app.add_flag("--foreground", arguments.foreground, "run the daemon without going into the background");
 	app.require_subcommand(0, 1);
 	app.fallthrough();

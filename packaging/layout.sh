@@ -24,6 +24,8 @@ done
 export BUILD PREFIX RUNTIME_ROOT SYSCONFDIR EXTENSION_DIR WEB_GROUP
 log_folder="${DESTDIR:-}$RUNTIME_ROOT/log/quorbit"
 agent_log="$log_folder/php-agent.log"
+settings="$log_folder/applications.conf"    # made from the starter when there is none, with an account of its own
+starter="${DESTDIR:-}$PREFIX/share/quorbit/applications.conf"
 
 # Each @NAME@ of standard input becomes the variable of that name.
 fill_in() {

@@ -27,6 +27,14 @@ void require_application(Reader &store, const std::string &name)
 		"there is no application \"" + name + "\"; known: " + (names.empty() ? "none yet" : names));
 }
 
+void set_examples(CLI::App &command, std::initializer_list<Example> examples)
+{
+	std::string text = "Examples:";
+	for (const Example &example : examples)
+		text.append("\n  ").append(example.line).append("\n      ").append(example.what);
+	command.footer(text);
+}
+
 std::string check_seconds(const std::string &text)
 {
 	return parse_seconds(text) ? std::string() : "expected a time such as 90s, 15m, 2h or 7d";

@@ -23,6 +23,14 @@ CommandRun add_profile(CLI::App &command);
 CommandRun add_web(CLI::App &command);
 CommandRun add_names(CLI::App &command);
 CommandRun add_setup(CLI::App &command);
+CommandRun add_manual(CLI::App &command);
+
+// An example of a command, and what it shows.
+struct Example {
+	const char *line, *what;
+};
+// Puts them at the end of the command's help.
+void set_examples(CLI::App &command, std::initializer_list<Example> examples);
 
 // Throws std::runtime_error, with the names of those that are known, when nothing has come of an application of this
 // name; "" stands for all.

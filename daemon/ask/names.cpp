@@ -63,14 +63,20 @@ CommandRun add_names(CLI::App &command)
 	auto options = std::make_shared<NamesOptions>();
 	command
 		.add_option("FILE", options->requests, "lines such as \"GET /path\", or an access log; - for standard input")
+		->type_name("FILE")
 		->required();
 	command.add_option("--app", options->application, "the application; * for one without settings of its own")
+		->type_name("APP")
 		->capture_default_str();
-	command.add_option("--settings", options->settings, "a settings file instead of the daemon's applications.conf");
+	command.add_option("--settings", options->settings, "a settings file instead of the daemon's applications.conf")
+		->type_name("FILE");
 	command.add_option("--script", options->script, "the file that is run for URIs without \".php\"")
 		->capture_default_str();
 	command.add_flag("--fpm", options->fpm, "requests come by CGI or FPM, not by Apache's module");
 	command.add_option("-n", options->most, "how many names")->check(CLI::Range(1, 1000000))->capture_default_str();
+	set_examples(command,
+		{{"quorbit names /var/log/nginx/access.log --app Shop", "what these requests would be called"},
+			{"echo 'GET /shop/cart?page=2' | quorbit names - --settings new.conf", "the same under other settings"}});
 	return [options](const DaemonConfig &config) { return names(config, *options); };
 }
 

@@ -43,7 +43,7 @@ std::optional<std::pair<int64_t, int64_t>> wait_for_start(ProfileOrders &orders,
 {
 	constexpr int64_t wait_ms = profile_wait_ms - 5000;
 	int64_t begin_ms = wall_clock_ms(), told_ms = begin_ms;
-	for (;;) {
+	for (;; progress("  waiting for " + std::to_string((wall_clock_ms() - begin_ms) / 1000) + " s")) {
 		auto start = orders.start_of(order);
 		if (start || is_over(orders, order)) return start;
 		int64_t now_ms = wall_clock_ms();
@@ -148,8 +148,12 @@ int profile(const DaemonConfig &config, const ProfileOptions &options)
 		" s; others join as they ask.");
 	// One second for the rounding of the clock, one for the last events to be stored.
 	const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds + 2);
-	while (std::chrono::steady_clock::now() < end && !(over = is_over(orders, order)))
+	while (std::chrono::steady_clock::now() < end && !(over = is_over(orders, order))) {
+		const auto left = std::chrono::ceil<std::chrono::seconds>(end - std::chrono::steady_clock::now());
+		progress("  " + std::to_string(left.count()) + " s left");
 		std::this_thread::sleep_for(200ms);
+	}
+	progress("");
 	if (over) {
 		orders.cancel(order);
 		tell("The profile was ended early; this is what came until then.");
@@ -173,7 +177,7 @@ int stop(const DaemonConfig &config, const std::string &application)
 CommandRun add_profile(CLI::App &command)
 {
 	auto options = std::make_shared<ProfileOptions>();
-	command.add_option("APP", options->application, "name of the application")->required();
+	command.add_option("APP", options->application, "name of the application")->type_name("APP")->required();
 	command.add_option("TIME", options->duration, "how long, such as 30s")->check(check_seconds);
 	command.add_flag("--stop", options->stop, "end every profile of the application, whoever ordered it");
 	command
@@ -185,6 +189,11 @@ CommandRun add_profile(CLI::App &command)
 	command.parse_complete_callback([options] {
 		if (!options->stop && options->duration.empty()) throw CLI::RequiredError("TIME");
 	});
+	set_examples(command,
+		{{"quorbit profile Shop 30s", "functions and paths that took the time"},
+			{"quorbit profile Shop 30s --format folded | flamegraph.pl >shop.svg", "a flame graph"},
+			{"quorbit profile Shop 30s --format callgrind >callgrind.out.shop", "for KCachegrind"},
+			{"quorbit profile --stop Shop", "ends it"}});
 	return [options](const DaemonConfig &config) {
 		if (options->stop) return stop(config, options->application);
 		return profile(config, *options);

@@ -193,6 +193,9 @@ CommandRun add_setup(CLI::App &command)
 		->add_option("--app", arguments->application, "the name under which the application's actions are listed")
 		->check(check_application);
 	command.require_subcommand(0, 1);
+	set_examples(command,
+		{{"quorbit setup", "the PHPs of this host, and which the agent fits"},
+			{"quorbit setup enable --dry-run", "what would be done"}, {"quorbit setup enable --app Shop", "doing it"}});
 	return [arguments](const DaemonConfig &config) { return setup(*arguments, config); };
 }
 

@@ -108,13 +108,16 @@ CommandRun add_show(CLI::App &command)
 		->check(CLI::Range(1, 1000000))
 		->capture_default_str();
 	command.add_flag("--full", options->full, "of one action: every call and statement separately, nothing cut");
-	command.add_option("--app", options->question.filter.application, "only this application");
+	command.add_option("--app", options->question.filter.application, "only this application")->type_name("APP");
 	command.add_flag("--json", options->json, "for programs");
 	command
 		.add_option(
 			"--format", options->format, "of one action: json, or chrome (Trace Event, for Perfetto and speedscope)")
 		->check(CLI::IsMember({"json", "chrome"}))
 		->needs(id);
+	set_examples(command,
+		{{"quorbit show -n 50 --app Shop", "the newest actions"}, {"quorbit show 5", "one in full"},
+			{"quorbit show 5 --json | jq .statements", "for programs"}});
 	return [options](const DaemonConfig &config) {
 		options->json = options->json || options->format == "json";
 		return show(config, *options);

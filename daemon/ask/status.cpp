@@ -40,7 +40,7 @@ void print_for_people(const DaemonConfig &config, const HostFacts &facts, const 
 	auto has_sent = [](const ApplicationRow &row) { return row.packets > 0; };
 	if (may_read && std::none_of(applications.begin(), applications.end(), has_sent))
 		put("\nNothing has been received yet.\n");
-	put("\n" + (findings.empty() ? "Nothing is amiss.\n" : findings_text(findings)));
+	put("\n" + (findings.empty() ? "Nothing is amiss.\n" : findings_text(findings, may_colour())));
 }
 
 int status(const DaemonConfig &config, const StatusOptions &options)
@@ -68,6 +68,10 @@ CommandRun add_status(CLI::App &command)
 {
 	auto options = std::make_shared<StatusOptions>();
 	command.add_flag("--json", options->json, "for programs");
+	set_examples(command,
+		{{"quorbit status", "a table of PHP's processes, and a line for everything that is amiss"},
+			{"quorbit status >/dev/null || mail -s amiss root", "the exit status alone"},
+			{"quorbit status --json | jq .findings", "for programs"}});
 	return [options](const DaemonConfig &config) { return status(config, *options); };
 }
 

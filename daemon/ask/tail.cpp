@@ -56,8 +56,11 @@ CommandRun add_tail(CLI::App &command)
 		bool json = false;
 	};
 	auto options = std::make_shared<TailOptions>();
-	command.add_option("--app", options->application, "only this application");
+	command.add_option("--app", options->application, "only this application")->type_name("APP");
 	command.add_flag("--json", options->json, "for programs");
+	set_examples(command,
+		{{"quorbit tail --app Shop", "the actions of one application as they come"},
+			{"quorbit tail --json | jq 'select(.duration_ms > 500)'", "the slow ones"}});
 	return [options](const DaemonConfig &config) { return tail(config, options->application, options->json); };
 }
 

@@ -34,7 +34,10 @@ CommandRun add_top(CLI::App &command)
 	command.add_option("--since", options->since, "how far back")->check(check_seconds)->capture_default_str();
 	command.add_option("-n", options->most, "how many names; default: what fits the terminal, else 50")
 		->check(CLI::Range(1, 1000000));
-	command.add_option("--app", options->question.filter.application, "only this application");
+	command.add_option("--app", options->question.filter.application, "only this application")->type_name("APP");
+	set_examples(command,
+		{{"quorbit top --since 15m", "what took the time of the last quarter of an hour"},
+			{"quorbit top --since 7d -n 200 --app Shop", "a week of one application"}});
 	return [options](const DaemonConfig &config) {
 		options->question.filter.range.from_ms = wall_clock_ms() - *parse_seconds(options->since) * 1000;
 		auto store = open_reader(config);

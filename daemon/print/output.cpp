@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
 
 namespace quorbit {
 
@@ -14,9 +17,39 @@ void put(std::string_view text)
 	fwrite(text.data(), 1, text.size(), stdout);
 }
 
+namespace {
+
+bool progress_shown = false;
+
+void end_progress()
+{
+	if (progress_shown) fputs("\r\x1b[K", stderr);
+	progress_shown = false;
+}
+
+} // namespace
+
 void tell(const std::string &line)
 {
+	end_progress();
 	fprintf(stderr, "%s\n", printable(line).c_str());
+}
+
+void progress(const std::string &line)
+{
+	constexpr size_t columns = 79;
+	if (!isatty(STDERR_FILENO)) return;
+	end_progress();
+	if (line.empty()) return;
+	fputs(cut(printable(line), columns).c_str(), stderr);
+	fflush(stderr);
+	progress_shown = true;
+}
+
+bool may_colour()
+{
+	const char *forbidden = getenv("NO_COLOR"), *kind = getenv("TERM");
+	return isatty(STDOUT_FILENO) && !(forbidden && *forbidden) && kind && strcmp(kind, "dumb") != 0;
 }
 
 size_t output_width()

@@ -107,8 +107,8 @@ std::string profiles_text(const std::vector<ProfileRow> &profiles, int64_t now_w
 // A table of PHP's processes in `width` columns, one line per server, pool, account and state of the agent; "" when
 // there is none.
 std::string processes_text(const HostFacts &facts, size_t width);
-// A line for each finding, with what to do; "" when there is none.
-std::string findings_text(const std::vector<Finding> &findings);
+// A line for each finding, with what to do; "" when there is none. `coloured` for a terminal.
+std::string findings_text(const std::vector<Finding> &findings, bool coloured = false);
 // All of it as one object, for programs.
 Json host_json(
 	const HostFacts &facts, const std::vector<Finding> &findings, const std::vector<ApplicationRow> &applications);

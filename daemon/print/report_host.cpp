@@ -67,11 +67,12 @@ std::string processes_text(const HostFacts &facts, size_t width)
 	return rows.empty() ? "" : table(columns, rows, width);
 }
 
-std::string findings_text(const std::vector<Finding> &findings)
+std::string findings_text(const std::vector<Finding> &findings, bool coloured)
 {
 	std::string out;
 	for (const Finding &finding : findings)
-		out += "CHECK  " + printable(finding.what) + ". To mend: " + printable(finding.remedy) + "\n";
+		out += std::string(coloured ? "\x1b[1;31mCHECK\x1b[0m" : "CHECK") + "  " + printable(finding.what) +
+			". To mend: " + printable(finding.remedy) + "\n";
 	return out;
 }
 

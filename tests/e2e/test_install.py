@@ -19,7 +19,9 @@ def test_install_places_its_files_and_uninstall_takes_them_back(root):
     neighbour.touch()
     assert make("install", root).returncode == 0
     ours = {f"{EXTENSION_DIR}/zqprof.so", "/usr/bin/quorbit", "/usr/share/quorbit/quorbit.ini", "/etc/logrotate.d/quorbit",
-            "/var/log/quorbit/php-agent.log"}
+            "/usr/share/quorbit/applications.conf", "/usr/share/man/man1/quorbit.1.gz", "/usr/share/man/man5/applications.conf.5.gz",
+            "/usr/share/bash-completion/completions/quorbit", "/usr/share/zsh/vendor-completions/_quorbit",
+            "/var/log/quorbit/php-agent.log", "/var/log/quorbit/applications.conf"}
     assert installed(root) == ours | {"/usr/bin/neighbour"}
     logs = root / "var/log/quorbit"
     log = logs / "php-agent.log"
@@ -27,12 +29,22 @@ def test_install_places_its_files_and_uninstall_takes_them_back(root):
     assert {grp.getgrgid(path.stat().st_gid).gr_name for path in (logs, log)} == {GROUP}
     assert "@" not in (root / "etc/logrotate.d/quorbit").read_text()
 
+    settings = logs / "applications.conf"
+    assert re.search(r"\nzqs.vantorIdSecret = [0-9a-f]{16}\|1\n", settings.read_text())
+    started = settings.read_text()
+
     log.write_text("a line")
     again = make("install", root)
     assert again.returncode == 0 and installed(root) == ours | {"/usr/bin/neighbour"} and log.read_text() == "a line"
+    assert settings.read_text() == started
     assert "kept" in make("uninstall", root).stdout
     assert installed(root) == {"/usr/bin/neighbour", "/var/log/quorbit/php-agent.log"}
     os.truncate(log, 0)
+    settings.write_text(started + "[Shop]\n")
+    make("install", root)
+    make("uninstall", root)
+    assert settings.read_text() == started + "[Shop]\n"
+    settings.unlink()
     make("uninstall", root)
     assert installed(root) == {"/usr/bin/neighbour"}
     assert not logs.exists() and not (root / "usr/share/quorbit").exists()
@@ -84,7 +96,7 @@ def test_a_large_log_is_rotated_and_stays_writable_for_every_process(root):
     rotate = ["/usr/sbin/logrotate", "-s", root / "state", root / "etc/logrotate.d/quorbit"]
     run = subprocess.run(rotate, capture_output=True, text=True, timeout=60)
     assert (run.returncode, run.stderr) == (0, "")
-    assert {path.name for path in logs.iterdir()} == {"php-agent.log", "php-agent.log.1.gz", "daemon.log"}
+    assert {path.name for path in logs.iterdir()} == {"php-agent.log", "php-agent.log.1.gz", "daemon.log", "applications.conf"}
     fresh = (logs / "php-agent.log").stat()
     assert (fresh.st_size, stat.S_IMODE(fresh.st_mode), fresh.st_gid) == (0, 0o666, logs.stat().st_gid)
 

@@ -95,6 +95,7 @@ TEST(Findings, SayWhatIsAmissAndWhatToDo) {
     return facts;
   };
   ASSERT_EQ(findings_text(findings_of(good())), "");
+  EXPECT_EQ(findings_text({{"", "what", "mend", {}}}, true), "\x1b[1;31mCHECK\x1b[0m  what. To mend: mend\n");
   using Change = void (*)(HostFacts&);
   const struct {
     const char *check, *told;
