@@ -3,7 +3,7 @@
 
     bench/daemon.py [ROW...]
 
-Rows are the sizes below and "flood", "accounts", "empty", "idle"; all when none is named. The load comes from daemon_load.cpp,
+Rows are the sizes below and "flood", "accounts", "empty", "idle", "commands"; all when none is named. The load comes from daemon_load.cpp,
 whose clients lose a packet when an agent would. Each row has a daemon of its own, whose store is at its bound, so that each
 packet pushes out an older one. "Without loss" is the highest rate of those tried at which every packet was stored within a third
 of a second of its sending, so that no backlog hides an overload; the generator shares the machine with the daemon. Limits are held
@@ -12,6 +12,7 @@ import json
 import os
 import pwd
 import re
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -26,6 +27,8 @@ STORE_MB = 64
 SECONDS, AGENTS, QUERY_MS = 3, 200, 5
 GUESSES = {"859": 30_000, "3000": 10_000, "20000": 2_500, "1000000": 100}         # by bytes: the rate that is tried first
 MOST_LOST, MOST_QUERY_MS, MOST_MB, MOST_IDLE_MB = 1, 50, 384, 48
+COMMANDS = ("top", "top -n 100000", "show", "show --json", "show -n 100000", "status")
+MOST_COMMAND_MB, MOST_COMMAND_S, FULL_STORE_MB = 256, 2, 512
 
 
 def build_load():
@@ -202,9 +205,37 @@ def idle_row(record):
         clients.end()
 
 
+# Actions of 3 KB, the last half hour of a busy host, until the store has its full size.
+GROW = """
+WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?1)
+INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, error, packet)
+SELECT received_ms - 1800000 + 1800000 * i / ?1, process, application, name || (i % 1000), duration_ms + i % 977, database_ms, cache_ms,
+  external_ms, code_ms, status, error, packet FROM n, (SELECT * FROM action WHERE id = 1)
+"""
+
+
+def commands_row(record):
+    """What commands take on a store of the size that it has by default."""
+    measure = ("import resource, subprocess, sys; subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL); "
+               "used = resource.getrusage(resource.RUSAGE_CHILDREN); print(used.ru_maxrss / 1024, used.ru_utime + used.ru_stime)")
+    with daemon() as target:
+        run(target, "Bench", 3000, 1, 10, 0.3)
+        target.settled("Bench")
+        target.process.terminate()
+        target.process.wait(30)
+        with sqlite3.connect(target.folder / "quorbit.db") as store:
+            store.execute(GROW, (FULL_STORE_MB * 1024 // 4,))       # a page each
+        store.close()
+        for words in COMMANDS:
+            command = [sys.executable, "-c", measure, QUORBIT, *words.split(), "--root", target.root]
+            megabytes, seconds = map(float, subprocess.check_output(command, text=True).split())
+            record.add(f"{FULL_STORE_MB} MB of actions: {words}: memory", "MB", [megabytes], MOST_COMMAND_MB)
+            record.add(f"{FULL_STORE_MB} MB of actions: {words}: processor time", "s", [seconds], MOST_COMMAND_S)
+
+
 def main():
     rows = {**{size: lambda record, size=size: size_row(record, size) for size in GUESSES},
-            "flood": flood_row, "accounts": accounts_row, "empty": empty_row, "idle": idle_row}
+            "flood": flood_row, "accounts": accounts_row, "empty": empty_row, "idle": idle_row, "commands": commands_row}
     record = Record("daemon")
     for name in sys.argv[1:] or rows:
         rows[name](record)

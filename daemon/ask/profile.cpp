@@ -42,16 +42,18 @@ bool is_over(ProfileOrders &orders, int64_t order)
 std::optional<std::pair<int64_t, int64_t>> wait_for_start(ProfileOrders &orders, int64_t order)
 {
 	constexpr int64_t wait_ms = profile_wait_ms - 5000;
-	int64_t begin_ms = wall_clock_ms(), told_ms = begin_ms;
-	for (;; progress("  waiting for " + std::to_string((wall_clock_ms() - begin_ms) / 1000) + " s")) {
+	using Clock = std::chrono::steady_clock;
+	const auto begin = Clock::now();
+	auto told = begin;
+	for (;; progress("  waiting for " + std::to_string((Clock::now() - begin) / 1s) + " s")) {
 		auto start = orders.start_of(order);
 		if (start || is_over(orders, order)) return start;
-		int64_t now_ms = wall_clock_ms();
-		if (now_ms - begin_ms > wait_ms) return std::nullopt;
-		if (now_ms - told_ms >= 10000) {
-			tell("  still waiting, " + std::to_string((now_ms - begin_ms) / 1000) + " s of at most " +
+		const auto now = Clock::now();
+		if (now - begin > std::chrono::milliseconds(wait_ms)) return std::nullopt;
+		if (now - told >= 10s) {
+			tell("  still waiting, " + std::to_string((now - begin) / 1s) + " s of at most " +
 				std::to_string(wait_ms / 1000));
-			told_ms = now_ms;
+			told = now;
 		}
 		std::this_thread::sleep_for(200ms);
 	}
@@ -106,10 +108,10 @@ int64_t print_sums(const std::function<void(const OnEvent &)> &each, const Profi
 }
 
 // The profile as far as it came; it may have been ended early.
-void print_profile(Reader &store, const ProfileOptions &options, int64_t started_ms)
+void print_profile(Reader &store, const ProfileOptions &options, int64_t after_event)
 {
 	auto each = [&](const OnEvent &on_event) {
-		store.each_profile_event({options.application, {started_ms}}, on_event);
+		store.each_profile_event({options.application, after_event}, on_event);
 	};
 	int64_t events = 0;
 	if (options.format == "raw")
@@ -132,6 +134,7 @@ int profile(const DaemonConfig &config, const ProfileOptions &options)
 	require_application(*store, application);
 	ProfileOrders orders(config.store_file());
 	end_on_interrupt();
+	const int64_t last_event = orders.last_event();
 	int64_t order = orders.order(application, seconds);
 	tell("Waiting for a process of \"" + application + "\" to ask for its configuration.");
 	tell("A process asks at the start of a request, at most once a minute: this may take 65 s, and needs requests.");
@@ -143,8 +146,7 @@ int profile(const DaemonConfig &config, const ProfileOptions &options)
 									  : "no process of this application asked; `quorbit status` lists applications and "
 										"their last query");
 	}
-	auto [process, started_ms] = *start;
-	tell("Process " + std::to_string(process) + " profiles for " + std::to_string(seconds) +
+	tell("Process " + std::to_string(start->first) + " profiles for " + std::to_string(seconds) +
 		" s; others join as they ask.");
 	// One second for the rounding of the clock, one for the last events to be stored.
 	const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds + 2);
@@ -158,7 +160,7 @@ int profile(const DaemonConfig &config, const ProfileOptions &options)
 		orders.cancel(order);
 		tell("The profile was ended early; this is what came until then.");
 	}
-	print_profile(*store, options, started_ms);
+	print_profile(*store, options, last_event);
 	return 0;
 }
 

@@ -81,7 +81,7 @@ std::string repair(std::string_view text)
 
 std::optional<Json> parse_agent_json(std::string_view text)
 {
-	constexpr size_t most_bytes = size_t{5} << 20;
+	constexpr size_t most_bytes = size_t{3} << 20;
 	if (text.size() > most_bytes) return std::nullopt;
 	Json value = Json::parse(repair(text), nullptr, false);
 	if (value.is_discarded()) return std::nullopt;

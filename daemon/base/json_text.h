@@ -14,7 +14,7 @@ using Json = nlohmann::ordered_json;
 
 // Parses JSON of an agent. Agents write control bytes inside strings as they are, and data of a called application
 // unchanged; such bytes, invalid UTF-8 and lone surrogates are repaired first. Nothing when it still does not parse, or
-// is larger than 5 MiB: values take up to fifty times their text.
+// is larger than 3 MiB: values take up to fifty times their text.
 std::optional<Json> parse_agent_json(std::string_view text);
 
 // The text that a JSON string body stands for; the body itself when it is none (texts of agents are sometimes cut).

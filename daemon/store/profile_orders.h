@@ -34,6 +34,8 @@ public:
 	int64_t stop(const std::string &application);
 	// Whether somebody has ended it early.
 	bool ended(int64_t id);
+	// The number of the newest event of any profile.
+	int64_t last_event() { return database_.integer("SELECT value FROM counter WHERE name = 'profile_event'"); }
 	// The process that started it and when; nothing while it waits.
 	std::optional<std::pair<int64_t, int64_t>> start_of(int64_t id);
 

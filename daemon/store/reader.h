@@ -93,7 +93,7 @@ struct RelatedQuestion {
 
 struct ProfileQuestion {
 	std::string application;
-	TimeRange range;
+	int64_t after_id = 0; // only events that were numbered after it: clocks can be set back
 };
 
 // --- answers

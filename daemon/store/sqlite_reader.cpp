@@ -190,12 +190,8 @@ public:
 	void each_profile_event(
 		const ProfileQuestion &question, const std::function<void(const ProfileEvent &)> &on_event) override
 	{
-		const auto all = ids(
-			"SELECT id FROM profile_event WHERE received_ms >= ? AND received_ms < ? AND application = ? "
-			"ORDER BY thread, id",
-			[&](Statement &select) {
-				select.bind(1, question.range.from_ms).bind(2, question.range.until_ms).bind(3, question.application);
-			});
+		const auto all = ids("SELECT id FROM profile_event WHERE id > ? AND application = ? ORDER BY thread, id",
+			[&](Statement &select) { select.bind(1, question.after_id).bind(2, question.application); });
 		for (size_t begin = 0; begin < all.size(); begin += page_rows) {
 			for (const std::string &packet : events(all, begin, std::min(all.size(), begin + page_rows))) {
 				if (auto event = read_profile_event(packet)) on_event(*event);
