@@ -16,7 +16,12 @@ struct Command {
 constexpr Command commands[] = {
 	{"show", "the newest actions, or one in full", quorbit::add_show},
 	{"tail", "actions as they come", quorbit::add_tail},
-	{"top", "sums per action name", quorbit::add_top},
+	{"top", "what takes most time: actions, statements, calls, errors and more", quorbit::add_top},
+	{"queries", "the statements that take most time, where they run and what would help", quorbit::add_queries},
+	{"errors", "errors that are the same but for their values, since when and how often", quorbit::add_errors},
+	{"mark", "notes that a release has been rolled out", quorbit::add_mark},
+	{"compare", "what appeared, vanished, became slower or faster, since a release or between two times",
+		quorbit::add_compare},
 	{"status", "whether every PHP process of the host reports, and what to do where one does not", quorbit::add_status},
 	{"web", "the page in the browser, and its API", quorbit::add_web},
 	{"profile", "records an application's function calls for some time, and prints them", quorbit::add_profile},

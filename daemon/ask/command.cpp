@@ -40,4 +40,31 @@ std::string check_seconds(const std::string &text)
 	return parse_seconds(text) ? std::string() : "expected a time such as 90s, 15m, 2h or 7d";
 }
 
+std::string check_moment(const std::string &text)
+{
+	if (parse_moment(text, wall_clock_ms())) return {};
+	return "expected a time such as 15m, 2h or 7d (ago), or 2026-11-21T10:00";
+}
+
+std::string check_duration(const std::string &text)
+{
+	return parse_duration_us(text) ? std::string() : "expected a duration such as 500ms or 1.5s";
+}
+
+TimeRange RangeOptions::range(int64_t now_wall_ms) const
+{
+	const TimeRange range{since.empty() ? 0 : *parse_moment(since, now_wall_ms), *parse_moment(until, now_wall_ms)};
+	if (range.from_ms >= range.until_ms) throw std::runtime_error("--since is not before --until");
+	return range;
+}
+
+void add_range(CLI::App &command, RangeOptions &options, const char *since)
+{
+	options.since = since;
+	auto *option = command.add_option("--since", options.since, "from then on: 15m, 2h, 7d (ago), or 2026-11-21T10:00");
+	option->check(check_moment);
+	if (*since) option->capture_default_str();
+	command.add_option("--until", options.until, "until then")->check(check_moment)->capture_default_str();
+}
+
 } // namespace quorbit

@@ -18,6 +18,10 @@ using CommandRun = std::function<int(const DaemonConfig &config)>;
 CommandRun add_show(CLI::App &command);
 CommandRun add_tail(CLI::App &command);
 CommandRun add_top(CLI::App &command);
+CommandRun add_queries(CLI::App &command);
+CommandRun add_errors(CLI::App &command);
+CommandRun add_mark(CLI::App &command);
+CommandRun add_compare(CLI::App &command);
 CommandRun add_status(CLI::App &command);
 CommandRun add_profile(CLI::App &command);
 CommandRun add_web(CLI::App &command);
@@ -38,5 +42,23 @@ void require_application(Reader &store, const std::string &name);
 
 // For options that are times: "" for seconds or a number with its unit, else what is wrong.
 std::string check_seconds(const std::string &text);
+
+// For options that are moments: "" for one that parse_moment() reads, else what is wrong. check_duration: for
+// durations.
+std::string check_moment(const std::string &text);
+std::string check_duration(const std::string &text);
+
+// --since and --until, as every command has them.
+struct RangeOptions {
+	std::string since, until = "now";
+
+	// Until the next minute where it is until now: what comes meanwhile counts.
+	TimeRange range(int64_t now_wall_ms) const;
+};
+void add_range(CLI::App &command, RangeOptions &options, const char *since);
+
+// quorbit show KIND:ID, a key of the sums: "query:17".
+bool is_key_id(const std::string &text);
+int show_key(Reader &store, const std::string &id, const TimeRange &range, bool json);
 
 } // namespace quorbit

@@ -14,8 +14,10 @@ namespace quorbit {
 namespace {
 
 struct ShowOptions {
-	int64_t id = 0; // one action in full; 0 for a list
+	std::string id; // one action in full, or a key of the sums; "" for a list
 	ActionQuestion question;
+	RangeOptions range;
+	std::string slower_than, sort = "newest";
 	bool json = false;
 	std::string format; // of one action: "json", "chrome", or "" for people
 	bool full = false;  // of one action: nothing summed up or cut
@@ -32,9 +34,9 @@ Settings given_to(Reader &store, const std::string &application)
 
 int show_action(Reader &store, const ShowOptions &options)
 {
-	auto whole = whole_action(store, options.id);
+	auto whole = whole_action(store, std::stoll(options.id));
 	if (!whole)
-		throw std::runtime_error("there is no action " + std::to_string(options.id) + " (it may have been dropped)");
+		throw std::runtime_error("there is no action " + options.id + " (it may have been dropped)");
 	const auto &[shown, related] = *whole;
 	if (options.format == "chrome")
 		put(trace_events_json(shown));
@@ -78,37 +80,65 @@ void list_for_people(Reader &store, const ActionQuestion &question)
 	print();
 }
 
+ActionQuestion question_of(const ShowOptions &options, int64_t now_ms)
+{
+	ActionQuestion question = options.question;
+	question.filter.range = options.range.range(now_ms);
+	if (options.range.until == "now") question.filter.range.until_ms = INT64_MAX;
+	if (!options.slower_than.empty()) question.filter.least_us = *parse_duration_us(options.slower_than);
+	if (options.sort == "duration") question.order = ActionOrder::slowest;
+	return question;
+}
+
 int show(const DaemonConfig &config, const ShowOptions &options)
 {
 	auto store = open_reader(config);
-	if (options.id) return show_action(*store, options);
+	if (is_key_id(options.id)) {
+		RangeOptions range = options.range;
+		if (range.since.empty()) range.since = "24h";
+		return show_key(*store, options.id, range.range(wall_clock_ms()), options.json);
+	}
+	if (!options.id.empty()) return show_action(*store, options);
 	require_application(*store, options.question.filter.application);
+	const ActionQuestion question = question_of(options, wall_clock_ms());
 	if (options.json)
-		list_for_programs(*store, options.question);
+		list_for_programs(*store, question);
 	else
-		list_for_people(*store, options.question);
+		list_for_people(*store, question);
 	return 0;
 }
 
 } // namespace
 
-// "" for the number of an action, else what is wrong.
+// "" for the number of an action or the id of a key, else what is wrong.
 static std::string check_id(const std::string &text)
 {
 	bool number = !text.empty() && text.size() < 19 && text.find_first_not_of("0123456789") == std::string::npos;
-	return number ? std::string() : "expected the number of an action, as `quorbit show` lists them";
+	if (number || is_key_id(text)) return {};
+	return "expected the number of an action, as `quorbit show` lists them, or an id such as query:17";
 }
 
 CommandRun add_show(CLI::App &command)
 {
 	auto options = std::make_shared<ShowOptions>();
-	CLI::Option *id = command.add_option("ID", options->id, "an action of the list");
+	CLI::Option *id =
+		command.add_option("ID", options->id, "an action of the list, or what top lists: query:17, error:3, action:5");
 	id->check(check_id);
 	command.add_option("-n", options->question.most, "how many actions")
 		->check(CLI::Range(1, 1000000))
 		->capture_default_str();
+	ActionFilter &filter = options->question.filter;
 	command.add_flag("--full", options->full, "of one action: every call and statement separately, nothing cut");
-	command.add_option("--app", options->question.filter.application, "only this application")->type_name("APP");
+	command.add_option("--app", filter.application, "only this application")->type_name("APP");
+	command.add_flag("--errors", filter.errors, "only those with an error");
+	command.add_option("--slower-than", options->slower_than, "only those that took as long: 500ms, 1.5s")
+		->check(check_duration);
+	command.add_option("--name", filter.name_glob, "only names like this: *, ? and [...] stand for others");
+	command.add_option("--path", filter.path_glob, "only requests of paths like this");
+	add_range(command, options->range, "");
+	command.add_option("--sort", options->sort, "newest or duration")
+		->check(CLI::IsMember({"newest", "duration"}))
+		->capture_default_str();
 	command.add_flag("--json", options->json, "for programs");
 	command
 		.add_option(

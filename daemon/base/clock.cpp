@@ -70,4 +70,32 @@ std::optional<int64_t> parse_seconds(std::string_view text)
 	return std::nullopt;
 }
 
+std::optional<int64_t> parse_moment(std::string_view text, int64_t now_wall_ms)
+{
+	if (text == "now") return now_wall_ms;
+	if (auto seconds = parse_seconds(text)) return now_wall_ms - *seconds * 1000;
+	for (const char *format :
+		{"%Y-%m-%dT%H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+		struct tm fields = {};
+		fields.tm_isdst = -1;
+		const std::string copy(text);
+		const char *end = strptime(copy.c_str(), format, &fields);
+		if (end && *end == '\0') return int64_t{mktime(&fields)} * 1000;
+	}
+	return std::nullopt;
+}
+
+std::optional<int64_t> parse_duration_us(std::string_view text)
+{
+	double number = 0;
+	auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
+	if (failure != std::errc() || !(number >= 0) || number > 1e12) return std::nullopt;
+	const std::string_view unit(end, text.data() + text.size());
+	constexpr std::pair<std::string_view, double> units[] = {{"us", 1}, {"µs", 1}, {"ms", 1e3}, {"s", 1e6}, {"m", 6e7}};
+	for (const auto &[name, us] : units) {
+		if (unit == name) return static_cast<int64_t>(number * us);
+	}
+	return std::nullopt;
+}
+
 } // namespace quorbit

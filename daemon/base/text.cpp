@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -237,6 +239,37 @@ std::string duration_text(int64_t ms)
 	if (ms >= 1000000) return std::to_string((ms + 500) / 1000) + " s";
 	int64_t tenths = (ms + 50) / 100;
 	return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
+}
+
+std::string fine_duration_text(int64_t us)
+{
+	const int64_t tenths = (us + 50) / 100;
+	if (tenths >= 100) return duration_text((us + 500) / 1000);
+	return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " ms";
+}
+
+std::string sparkline(const std::vector<int64_t> &values)
+{
+	constexpr const char *bars[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+	int64_t largest = 1;
+	for (int64_t value : values) largest = std::max(largest, value);
+	std::string line;
+	for (int64_t value : values) {
+		// What is there at all is seen.
+		const double share = static_cast<double>(std::max(value, int64_t{0})) / static_cast<double>(largest);
+		line += bars[value > 0 ? std::clamp(static_cast<int>(share * 7 + 0.5), 1, 7) : 0];
+	}
+	return line;
+}
+
+bool terminal_has_bars()
+{
+	if (!terminal_width()) return false;
+	for (const char *name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+		const char *value = getenv(name);
+		if (value && *value) return strcasestr(value, "utf-8") || strcasestr(value, "utf8");
+	}
+	return false;
 }
 
 } // namespace quorbit

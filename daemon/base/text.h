@@ -38,6 +38,12 @@ std::string cut_middle(std::string_view text, size_t width);
 // ellipsis ends what does not fit into `most` lines.
 std::vector<std::string> wrap(std::string_view text, size_t width, size_t most);
 
+// Values as one bar each, "▁▄█": the highest for the largest value, the lowest for 0; "" of none.
+std::string sparkline(const std::vector<int64_t> &values);
+
+// Whether standard output is a terminal whose locale has such characters.
+bool terminal_has_bars();
+
 struct Column {
 	std::string title;
 	bool right = false;   // alignment
@@ -57,5 +63,7 @@ std::string percent(int64_t part, int64_t whole);
 
 // A duration for people: "9999 ms", "12.3 s", "1234 s".
 std::string duration_text(int64_t ms);
+// The same with a tenth below ten milliseconds: "0.4 ms".
+std::string fine_duration_text(int64_t us);
 
 } // namespace quorbit

@@ -164,7 +164,7 @@ private:
 			const bool slowest = us > key.sums.slowest_us || key.facts.place.empty();
 			key.sums.slowest_us = std::max(key.sums.slowest_us, us);
 			if (slowest) place(key.facts, sql);
-			if (!sql.plan.empty()) judge(key.facts, sql);
+			if (!sql.plan.empty()) judge(key.facts, sql, kind);
 		}
 	}
 
@@ -190,12 +190,14 @@ private:
 		if (!place.empty()) facts.place = start_of(place, most_place);
 	}
 
-	static void judge(KeyFacts &facts, const SqlStatement &sql)
+	static void judge(KeyFacts &facts, const SqlStatement &sql, const std::string &kind)
 	{
 		if (!facts.finding.empty()) return;
 		auto plan = parse_agent_json(sql.plan);
 		if (!plan) return;
 		facts.finding = start_of(plan_finding(*plan), most_place);
+		if (!facts.finding.empty())
+			facts.suggestion = start_of(plan_suggestion(*plan, sql.statement, kind), most_place);
 	}
 
 	void error()

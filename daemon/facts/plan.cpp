@@ -192,6 +192,28 @@ std::string plan_finding(const Json &plan)
 	return {};
 }
 
+std::optional<PlanScan> single_scan(const Json &plan)
+{
+	Grid grid = grid_of(plan);
+	std::vector<std::string> found;
+	PlanScan scan;
+	if (grid.has("type") && grid.has("table")) {
+		found = mysql_scans(grid);
+		for (const auto &row : grid.rows) {
+			if (row[grid.column("type")] != "ALL" || !grid.has("possible_keys")) continue;
+			scan.has_keys |= !row[grid.column("possible_keys")].empty();
+		}
+	} else if (grid.has("opcode")) {
+		found = sqlite_scans(grid);
+	} else if (grid.keys == std::vector<std::string>{"QUERY PLAN"}) {
+		found = postgres_scans(grid);
+	}
+	if (found.size() != 1) return std::nullopt;
+	// "reviews (about 60000 rows)"; of PostgreSQL the name as it was written.
+	scan.table = found[0].substr(0, found[0].find(" (about "));
+	return scan;
+}
+
 std::vector<std::string> plan_lines(const Json &plan, size_t width, size_t most)
 {
 	Grid grid = grid_of(plan);

@@ -88,11 +88,6 @@ void print_statements(const std::vector<SqlStatement> &statements, Page &page, b
 // JSON text in ASCII, harmless for a terminal; invalid UTF-8 becomes U+FFFD. In one line, or indented for `pretty`.
 std::string json_text(const Json &value, bool pretty);
 
-// --- sums (report_top.cpp)
-
-// A table in `width` columns, one line per sum, in their order.
-std::string top_text(const std::vector<SumRow> &sums, size_t width);
-
 // --- state (report_status.cpp)
 
 // What was not stored, or not in full: a line for each application and reason; "" when nothing is missing.

@@ -44,6 +44,12 @@ enum class SumKey { action, path, query, error, external, cache, component, appl
 
 enum class SumOrder { total, count, average, p95, p99, errors, statements }; // the largest first
 
+// "action", "path", ... and "total", "count", ...: the words of commands, addresses and JSON; and back.
+const char *name_of(SumKey key);
+const char *name_of(SumOrder order);
+std::optional<SumKey> sum_key_of(std::string_view name);
+std::optional<SumOrder> sum_order_of(std::string_view name);
+
 // Which sums. What is left at its default lets all through.
 struct SumFilter {
 	// Sums are kept by minute and, for longer, by hour: a range is widened to whole minutes, and where only hours are

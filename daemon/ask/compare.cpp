@@ -1,0 +1,99 @@
+// quorbit compare: two times held against each other.
+#include "ask/command.h"
+
+#include "base/clock.h"
+#include "print/output.h"
+#include "print/report.h"
+#include "print/report_sums.h"
+#include "store/open_reader.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+namespace quorbit {
+
+namespace {
+
+struct CompareOptions {
+	std::string release, before, after, application;
+	bool json = false;
+};
+
+constexpr int64_t minute_ms = 60000;
+constexpr int64_t most_ms = int64_t{24} * 3600000; // on each side of a release
+
+// "A..B", two moments; nothing for anything else.
+std::optional<TimeRange> read_range(const std::string &text, int64_t now_ms)
+{
+	const size_t dots = text.find("..");
+	if (dots == std::string::npos) return std::nullopt;
+	auto from = parse_moment(text.substr(0, dots), now_ms), until = parse_moment(text.substr(dots + 2), now_ms);
+	if (!from || !until || *from >= *until) return std::nullopt;
+	return TimeRange{*from, *until};
+}
+
+std::string check_range(const std::string &text)
+{
+	return read_range(text, wall_clock_ms())
+		? ""
+		: "expected two times such as 2h..1h or 2026-11-21T10:00..2026-11-21T12:00";
+}
+
+// From the release until the next one or now, a day at most, against the same time before it; the minute of the release
+// itself counts for neither.
+CompareQuestion around(const std::vector<ReleaseRow> &releases, const std::string &name, int64_t now_ms)
+{
+	auto found = std::find_if(
+		releases.rbegin(), releases.rend(), [&name](const ReleaseRow &release) { return release.name == name; });
+	if (found == releases.rend()) {
+		std::string known;
+		for (const ReleaseRow &release : releases) known += (known.empty() ? "" : ", ") + release.name;
+		throw std::runtime_error(
+			"no release \"" + name + "\" was marked; known: " + (known.empty() ? "none yet" : known));
+	}
+	const int64_t at_ms = found->at_ms / minute_ms * minute_ms, from_ms = at_ms + minute_ms;
+	int64_t until_ms = std::min(now_ms, from_ms + most_ms);
+	if (found != releases.rbegin()) until_ms = std::min(until_ms, std::prev(found)->at_ms / minute_ms * minute_ms);
+	if (until_ms <= from_ms)
+		throw std::runtime_error("less than a minute has passed since then: nothing can be compared yet");
+	int64_t before_ms = at_ms - (until_ms - from_ms);
+	if (auto former = std::next(found); former != releases.rend())
+		before_ms = std::max(before_ms, former->at_ms / minute_ms * minute_ms + minute_ms);
+	if (before_ms >= at_ms)
+		throw std::runtime_error("less than a minute lies between the release and the one before it");
+	return {{before_ms, at_ms}, {from_ms, until_ms}};
+}
+
+int run_compare(const DaemonConfig &config, const CompareOptions &options)
+{
+	auto store = open_reader(config);
+	require_application(*store, options.application);
+	const int64_t now_ms = wall_clock_ms();
+	CompareQuestion question;
+	if (!options.release.empty())
+		question = around(store->releases(options.application), options.release, now_ms);
+	else if (!options.before.empty() && !options.after.empty())
+		question = {*read_range(options.before, now_ms), *read_range(options.after, now_ms)};
+	else
+		throw std::runtime_error("name a release that was marked, or two times (--before A..B --after C..D)");
+	question.application = options.application;
+	const Comparison comparison = compare(*store, question);
+	put(options.json ? json_text(comparison_json(comparison), true) : comparison_text(comparison, list_width()));
+	return 0;
+}
+
+} // namespace
+
+CommandRun add_compare(CLI::App &command)
+{
+	auto options = std::make_shared<CompareOptions>();
+	auto *release = command.add_option("RELEASE", options->release, "one that `quorbit mark` noted");
+	command.add_option("--before", options->before, "two times, as in 2h..1h")->check(check_range)->excludes(release);
+	command.add_option("--after", options->after, "two times, as in 1h..now")->check(check_range)->excludes(release);
+	command.add_option("--app", options->application, "only this application");
+	command.add_flag("--json", options->json, "for programs");
+	return [options](const DaemonConfig &config) { return run_compare(config, *options); };
+}
+
+} // namespace quorbit

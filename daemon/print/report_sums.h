@@ -1,0 +1,42 @@
+// What is printed of sums: lists of keys, one key, two ranges compared.
+#pragma once
+
+#include "base/json_text.h"
+#include "store/comparison.h"
+#include "store/reader.h"
+
+#include <map>
+
+namespace quorbit {
+
+// A list of sums, and what belongs to it.
+struct SumList {
+	SumQuestion question;
+	SumAnswer answer;
+	std::map<int64_t, std::vector<SumRow>> actions; // by the number of a query: the actions that run it, the first few
+	std::vector<MachineRow> machine;                // of hosts: one row, of the whole range
+	int64_t new_since_ms = INT64_MAX;               // errors seen first from then on are new
+	std::string release;                            // that was marked then, or ""
+};
+
+// Text in `width` columns, with a trend in bars when the terminal has them.
+std::string sums_text(const SumList &list, size_t width, bool bars, int64_t now_wall_ms);
+Json sums_json(const SumList &list);
+// A line of titles, then one per row (https://www.rfc-editor.org/rfc/rfc4180), texts harmless for a terminal.
+std::string sums_csv(const SumList &list);
+
+// One key: its figures, its trend, what belongs to it.
+struct KeyReport {
+	SumKey key;
+	SumRow row;
+	TimeRange range;
+	std::vector<SeriesPoint> series;
+	std::vector<std::pair<SumKey, SumAnswer>> related; // actions of a query; queries, calls, errors of an action
+};
+std::string key_text(const KeyReport &report, size_t width, int64_t now_wall_ms);
+Json key_json(const KeyReport &report);
+
+std::string comparison_text(const Comparison &comparison, size_t width);
+Json comparison_json(const Comparison &comparison);
+
+} // namespace quorbit

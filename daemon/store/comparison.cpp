@@ -1,0 +1,140 @@
+// Comparing by sums: the same for every store.
+#include "store/comparison.h"
+
+#include "facts/rank_test.h"
+
+#include <algorithm>
+#include <map>
+
+namespace quorbit {
+
+namespace {
+
+constexpr int64_t fewest_samples = 20;
+constexpr double most_chance = 0.01, least_change = 0.05;
+constexpr int64_t most_keys = 20000;
+
+double hours_of(const TimeRange &range)
+{
+	return std::max(static_cast<double>(range.until_ms - range.from_ms) / 3600000.0, 1e-3);
+}
+
+struct Pair {
+	KeyFacts facts;
+	Sums before, after;
+};
+
+class Comparer {
+public:
+	Comparer(Reader &store, const CompareQuestion &question) : store_(store), question_(question)
+	{
+		comparison_.before = question.before;
+		comparison_.after = question.after;
+	}
+
+	Comparison run()
+	{
+		for (SumKey key : {SumKey::action, SumKey::query, SumKey::error}) add(key);
+		for (Candidate &candidate : candidates_) judge(candidate);
+		auto order = [](const Change &change) {
+			return std::tuple(-change.lost_us_per_hour, change.kind, -change.after.count, change.facts.id);
+		};
+		std::sort(comparison_.changes.begin(), comparison_.changes.end(),
+			[order](const Change &a, const Change &b) { return order(a) < order(b); });
+		return std::move(comparison_);
+	}
+
+private:
+	struct Candidate {
+		SumKey key;
+		Pair pair;
+		RankTest test;
+	};
+
+	SumAnswer ask(SumKey key, const TimeRange &range)
+	{
+		SumQuestion question;
+		question.key = key;
+		question.filter.range = range;
+		question.filter.application = question_.application;
+		question.most = most_keys;
+		return store_.sums(question);
+	}
+
+	void add(SumKey key)
+	{
+		const SumAnswer before = ask(key, question_.before), after = ask(key, question_.after);
+		if (key == SumKey::action) {
+			comparison_.before = before.range;
+			comparison_.after = after.range;
+			actions_before_ = before.all.count;
+			actions_after_ = after.all.count;
+		}
+		std::map<int64_t, Pair> pairs;
+		for (const SumRow &row : before.rows) pairs[row.key.id].facts = row.key, pairs[row.key.id].before = row.sums;
+		for (const SumRow &row : after.rows) pairs[row.key.id].facts = row.key, pairs[row.key.id].after = row.sums;
+		for (auto &[id, pair] : pairs) {
+			if (pair.before.count == 0 || pair.after.count == 0)
+				came_or_went(key, pair);
+			else if (key != SumKey::error)
+				compare(key, std::move(pair));
+		}
+	}
+
+	// Where the other range had too few actions for one to be expected, its lack says nothing.
+	void came_or_went(SumKey key, const Pair &pair)
+	{
+		const bool came = pair.before.count == 0;
+		const auto there = static_cast<double>(came ? actions_after_ : actions_before_);
+		const auto elsewhere = static_cast<double>(came ? actions_before_ : actions_after_);
+		const auto count = static_cast<double>(came ? pair.after.count : pair.before.count);
+		if (there <= 0 || count * elsewhere / there < 1) return;
+		Change change{came ? ChangeKind::appeared : ChangeKind::vanished, key, pair.facts, pair.before, pair.after};
+		const double before = static_cast<double>(pair.before.total_us) / hours_of(comparison_.before);
+		const double after = static_cast<double>(pair.after.total_us) / hours_of(comparison_.after);
+		if (key != SumKey::error) change.lost_us_per_hour = after - before;
+		comparison_.changes.push_back(std::move(change));
+	}
+
+	void compare(SumKey key, Pair pair)
+	{
+		comparison_.compared++;
+		if (std::min(pair.before.count, pair.after.count) < fewest_samples) {
+			comparison_.too_few++;
+			return;
+		}
+		const RankTest test = rank_test(pair.before.durations, pair.after.durations, fewest_samples);
+		candidates_.push_back({key, std::move(pair), test});
+	}
+
+	void judge(Candidate &candidate)
+	{
+		const Sums &before = candidate.pair.before, &after = candidate.pair.after;
+		const RankTest &test = candidate.test;
+		if (test.p * static_cast<double>(candidates_.size()) > most_chance) return;
+		const auto average = [](const Sums &sums) {
+			return static_cast<double>(sums.total_us) / static_cast<double>(sums.count);
+		};
+		const double change = average(after) - average(before);
+		const bool slower = test.longer > 0.5;
+		if ((change > 0) != slower || std::abs(change) < least_change * average(before)) return;
+		const double per_hour = static_cast<double>(after.count) / hours_of(comparison_.after);
+		comparison_.changes.push_back({slower ? ChangeKind::slower : ChangeKind::faster, candidate.key,
+			candidate.pair.facts, before, after, change * per_hour, test.p});
+	}
+
+	Reader &store_;
+	const CompareQuestion &question_;
+	Comparison comparison_;
+	std::vector<Candidate> candidates_;
+	int64_t actions_before_ = 0, actions_after_ = 0;
+};
+
+} // namespace
+
+Comparison compare(Reader &store, const CompareQuestion &question)
+{
+	return Comparer(store, question).run();
+}
+
+} // namespace quorbit
