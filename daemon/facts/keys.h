@@ -25,7 +25,7 @@ struct KeyFacts {
 	int64_t finding_ms = 0;                         // when that came, to the minute
 	// Of errors.
 	std::string error_class = {}, message = {}; // without its values
-	int64_t first_ms = 0, last_ms = 0;          // when it was seen, to the minute and to the hour
+	int64_t first_ms = 0, last_ms = 0;          // when it was seen, to the minute
 };
 
 // The name of what came beyond the keys that are told apart.

@@ -53,7 +53,7 @@ Json facts_json(const KeyFacts &facts)
 		if (!text->empty()) object[name] = *text;
 	}
 	if (facts.first_ms) object["first_seen"] = utc_time(facts.first_ms);
-	if (facts.last_ms) object["last_seen_hour"] = utc_time(facts.last_ms);
+	if (facts.last_ms) object["last_seen"] = utc_time(facts.last_ms);
 	return object;
 }
 

@@ -75,8 +75,8 @@ private:
 	};
 	struct Known {
 		int64_t id;
+		int64_t last_minute;      // in which it was seen, as it was written
 		int64_t described_minute; // when its changing facts were written
-		int64_t last_hour;
 	};
 
 	Entry &entry(const Slot &slot);

@@ -91,6 +91,9 @@ bool Rollup::maintain(const SumBounds &bounds, int64_t now_wall_ms)
 	if (bytes_ > bounds.bytes && remove_oldest()) return true;
 	if (now_minute == swept_minute_) return false;
 	if (remove_rows("sum_minute", "minute", now_minute - bounds.minute_days * minutes_per_day)) return true;
+	database_.execute(("DELETE FROM machine_minute WHERE minute < " +
+		std::to_string(now_minute - bounds.minute_days * minutes_per_day))
+						  .c_str());
 	const int64_t first_hour = now_minute / minutes_per_hour - bounds.hour_days * hours_per_day;
 	if (remove_rows("sum_hour", "hour", first_hour) || sweep_keys(first_hour)) return true;
 	swept_minute_ = now_minute;

@@ -54,10 +54,13 @@ struct Kept {
 	{
 		auto edge = [&database](const char *sql) { return database.integer(sql); };
 		first_ms = edge("SELECT min(hour) FROM sum_hour WHERE kind = 1") * hour_ms;
-		end_ms = (edge("SELECT max(minute) FROM sum_minute WHERE kind = 1") + 1) * minute_ms;
+		const int64_t hours_end_ms = (edge("SELECT max(hour) FROM sum_hour WHERE kind = 1") + 1) * hour_ms;
+		const int64_t minutes_end_ms = (edge("SELECT max(minute) FROM sum_minute WHERE kind = 1") + 1) * minute_ms;
+		const bool any_minutes = minutes_end_ms > hours_end_ms - hour_ms;
+		end_ms = any_minutes ? minutes_end_ms : hours_end_ms;
 		const int64_t first_minute_ms = edge("SELECT min(minute) FROM sum_minute WHERE kind = 1") * minute_ms;
-		const bool all_there = floor_to(first_minute_ms, hour_ms) <= first_ms;
-		minutes_from_ms = all_there ? first_ms : ceil_to(first_minute_ms, hour_ms);
+		const bool all_there = any_minutes && floor_to(first_minute_ms, hour_ms) <= first_ms;
+		minutes_from_ms = all_there ? first_ms : any_minutes ? ceil_to(first_minute_ms, hour_ms) : hours_end_ms;
 	}
 };
 
@@ -70,12 +73,12 @@ public:
 	{
 		const Kept kept(database);
 		int64_t from = std::max(floor_to(std::max(range.from_ms, int64_t{0}), minute_ms), kept.first_ms);
-		int64_t until = std::max(range.until_ms, int64_t{0});
-		until = until >= kept.end_ms - minute_ms ? std::min(until, kept.end_ms) : until;
-		until = ceil_to(until, minute_ms);
+		// Nothing lies beyond the last minute; what is asked for beyond it is part of the range all the same.
+		const int64_t asked = range.until_ms == INT64_MAX ? kept.end_ms : std::max(range.until_ms, int64_t{0});
+		int64_t until = ceil_to(std::min(asked, kept.end_ms), minute_ms);
 		if (grain == Grain::hours || from < kept.minutes_from_ms) from = floor_to(from, hour_ms);
 		if (grain == Grain::hours || until <= kept.minutes_from_ms) until = ceil_to(until, hour_ms);
-		range_ = {from, std::max(from, until)};
+		range_ = {from, std::max({from, until, ceil_to(asked, minute_ms)})};
 		// The last hour has nothing after the last minute.
 		const int64_t hours_until = until >= kept.end_ms ? ceil_to(until, hour_ms) : floor_to(until, hour_ms);
 		int64_t hours_from = ceil_to(from, hour_ms), hours_end = hours_until;
@@ -188,7 +191,9 @@ void each_use(Database &database, const Plan &plan, KeyKind kind, const SumFilte
 	Statement select(database,
 		actions ? "SELECT action, hour, sums FROM use_hour WHERE part = ?1 AND hour >= ?2 AND hour < ?3"
 				: "SELECT part, hour, sums FROM use_hour WHERE action = ?1 AND kind = ?4 AND hour >= ?2 AND hour < ?3");
-	select.bind(1, filter.within).bind(2, plan.range().from_ms / hour_ms).bind(3, plan.range().until_ms / hour_ms);
+	select.bind(1, filter.within)
+		.bind(2, plan.range().from_ms / hour_ms)
+		.bind(3, ceil_to(plan.range().until_ms, hour_ms) / hour_ms);
 	if (!actions) select.bind(4, static_cast<int64_t>(kind));
 	while (select.step()) {
 		const int64_t id = select.integer(0);

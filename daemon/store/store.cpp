@@ -42,6 +42,11 @@ constexpr const char *dropped_sql = R"sql(
 INSERT INTO dropped VALUES (?1, ?2, ?3, ?4)
   ON CONFLICT (minute_ms, application, reason) DO UPDATE SET count = count + ?4)sql";
 
+constexpr const char *machine_sql = R"sql(
+INSERT INTO machine_minute VALUES (?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?6)
+  ON CONFLICT (minute, pool) DO UPDATE SET samples = samples + 1, load_milli = load_milli + ?3, memory_bytes = memory_bytes + ?4,
+  available_bytes = available_bytes + ?5, busy = busy + ?6, idle = idle + ?7, most_busy = max(most_busy, ?6))sql";
+
 constexpr const char *keep_counter_sql = "UPDATE counter SET value = ?2 WHERE name = ?1";
 
 // The columns are for finding and listing; the packet has the full texts.
@@ -199,6 +204,18 @@ void Store::add(const StoredQuery &query)
 void Store::add_dropped(const std::string &application, const char *reason, int64_t count, int64_t now_wall_ms)
 {
 	drop_.bind(1, now_wall_ms / 60000 * 60000).bind(2, column_text(application)).bind(3, reason).bind(4, count).run();
+}
+
+void Store::add(const HostSample &sample, int64_t now_wall_ms)
+{
+	Statement add(database_, machine_sql);
+	auto run = [&](const std::string &pool, int64_t load_milli, int64_t memory, int64_t available,
+				   const PoolSample &row) {
+		add.bind(1, now_wall_ms / 60000).bind(2, pool).bind(3, load_milli).bind(4, memory).bind(5, available);
+		add.bind(6, row.busy).bind(7, row.idle).run();
+	};
+	run("", static_cast<int64_t>(sample.load * 1000), sample.memory_bytes, sample.available_bytes, {});
+	for (const auto &[pool, row] : sample.pools) run(pool, 0, 0, 0, row);
 }
 
 bool Store::changed_by_others()

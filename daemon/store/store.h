@@ -3,6 +3,7 @@
 #pragma once
 
 #include "facts/packet.h"
+#include "host/host_sample.h"
 #include "store/holders.h"
 #include "store/order_lock.h"
 #include "store/profile_sessions.h"
@@ -62,6 +63,8 @@ public:
 
 	void add(const StoredPacket &packet);
 	void add(const StoredQuery &query);
+	// Adds to the minute's averages of the host.
+	void add(const HostSample &sample, int64_t now_wall_ms);
 	// Adds to what was not stored of an application, in this minute and for this reason.
 	void add_dropped(const std::string &application, const char *reason, int64_t count, int64_t now_wall_ms);
 

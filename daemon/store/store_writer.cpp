@@ -24,6 +24,7 @@ constexpr size_t most_dropped_keys = 1000;
 constexpr auto batch_time = 100ms; // what is waited for company before a commit
 constexpr auto idle_time = 250ms;  // between looks at the profile orders, which end within a second
 constexpr auto retry_time = 500ms;
+constexpr auto sample_time = 10s;
 constexpr auto small_time = 10s; // after the disk was full
 constexpr auto finish_time = 4s;
 
@@ -180,10 +181,21 @@ void StoreWriter::work(bool due)
 		if (leave_readers_behind()) return;
 		if (due) write_batch(Clock::time_point::max());
 		if (store_->has_sums_due()) store_->write_sums();
+		sample_host();
 		maintaining_ = keep_bounds();
 	} catch (const SqliteError &failure) {
 		failed(failure);
 	}
+}
+
+void StoreWriter::sample_host()
+{
+	if (Clock::now() < sample_at_) return;
+	sample_at_ = Clock::now() + sample_time;
+	const HostSample sample = sampler_.take();
+	store_->begin();
+	store_->add(sample, wall_clock_ms());
+	store_->commit();
 }
 
 // What is left, as far as the disk takes it.

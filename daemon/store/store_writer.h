@@ -72,6 +72,7 @@ private:
 	bool leave_readers_behind();
 	bool open_when_due();
 	void exchange_orders();
+	void sample_host();
 	void failed(const SqliteError &failure);
 	StoreBounds bounds() const
 	{
@@ -101,7 +102,8 @@ private:
 	bool failing_ = false;
 	bool maintaining_ = false; // the bounds want more steps
 	bool confined_ = false;    // the log has said that the store does not grow
-	Clock::time_point retry_at_, small_until_;
+	Clock::time_point retry_at_, small_until_, sample_at_{};
+	HostSampler sampler_;
 	Clock::duration write_time_{};
 	int64_t lost_ = 0;
 	LogLimit lost_log_;

@@ -1,0 +1,280 @@
+// Sums by minute and hour: what is derived of an action, that each counts once, and what questions make of it.
+#include "daemon_records.h"
+#include "facts/keys.h"
+#include "facts/plan.h"
+#include "facts/rank_test.h"
+#include "facts/sql_text.h"
+#include "store/comparison.h"
+#include "store/releases.h"
+#include "store/sqlite_reader.h"
+#include "store/store.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+using namespace quorbit;
+using namespace quorbit_test;
+
+constexpr int64_t minute_ms = 60000, hour_ms = 3600000, begin_ms = 1700000000000 / hour_ms * hour_ms;
+
+TEST(Histogram, KeepsPercentilesWithinItsErrorAlsoThroughItsCompactForm) {
+  Histogram halves[2], read;
+  std::vector<int64_t> all;
+  int64_t us = 3;
+  for (int i = 0; i < 2000; i++, us = us * 7919 % 900001 + i) {
+    all.push_back(us);
+    halves[i % 2].add(us);
+  }
+  std::sort(all.begin(), all.end());
+  std::string bytes;
+  halves[0].write(bytes);
+  ASSERT_TRUE(read.read(bytes));
+  read.add(halves[1]);
+  for (double share : {0.01, 0.5, 0.95, 0.99, 1.0}) {
+    const auto exact = static_cast<double>(all[static_cast<size_t>(share * 2000) - 1]);
+    EXPECT_NEAR(static_cast<double>(read.percentile_us(share)), exact, exact * Histogram::relative_error + 0.5) << share;
+  }
+  EXPECT_EQ(read.count(), 2000);
+  EXPECT_FALSE(read.read("\x7f\xff")) << "a count that is cut";
+  EXPECT_FALSE(read.read("\xff\x7f\x01")) << "a bucket that is none";
+  Histogram nothing, longest;
+  longest.add(int64_t{1} << 60);
+  EXPECT_EQ(nothing.percentile_us(0.5), 0);
+  EXPECT_GT(longest.percentile_us(0.5), int64_t{1} << 47);
+}
+
+TEST(Keys, AreWhatAnActionIsSummedUpBy) {
+  auto sql = [](int ms, const std::string& text) {
+    const std::string duration = std::to_string(ms);
+    return record(0x27, std::to_string(duration.size()) + ":" + duration + "5:MySQL" + std::to_string(text.size()) + ":" + text);
+  };
+  const std::string body = action_body("Shop", "cart", 100,
+      record(0x16, number(9)) + sql(4, "SELECT 1 FROM `t` WHERE a=1") + sql(5, "SELECT 2 FROM `t` WHERE a='x'") +
+          record(0x29, "http\nhttp:%2F%2Fapi%2Fitem%2F*/curl_exec\n\n30") + record(0x29, "Redis\n\nGET\n7") +
+          record(0x2D, "External/http:%2F%2Fapi%2Fitem%2F*/curl_exec\n500\n500\nno\n\n") +
+          record(0x2A, "1\n500\nOops\nno 'x' in 42\n[\"a(/b.php:3)\"]") + record(0x2B, "5\n2\nPHP/A/b"));
+  std::string found;
+  for (const KeySums& key : keys_of(*read_action(body))) {
+    found += std::to_string(static_cast<int>(key.kind)) + " " + key.facts.name + " " + std::to_string(key.sums.count) + "/" +
+             std::to_string(key.sums.errors) + " " + std::to_string(key.sums.total_us) + " " + key.facts.place + "\n";
+  }
+  EXPECT_EQ(found,
+            "1 cart 1/1 100000 \n"
+            "3 SELECT ? FROM `t` WHERE a=? 2/0 9000 \n"
+            "4 Oops: no '…' in # at /b.php:3 1/1 100000 /b.php:3\n"
+            "5 http://api/item/* (curl_exec) 1/1 30000 \n"
+            "6 Redis GET 1/0 7000 \n"
+            "7 PHP/A/b 1/0 5000 \n");
+}
+
+TEST(Keys, AreBoundedInOneAction) {
+  std::string more;
+  for (int i = 0; i < 300; i++) more += record(0x2B, "1\n1\nPHP/A/" + std::string(static_cast<size_t>(i + 1), 'x'));
+  const auto keys = keys_of(*read_action(action_body("Shop", "cart", 100, more)));
+  EXPECT_EQ(keys.size(), 202u);
+  EXPECT_EQ(keys.back().facts.name, other_keys);
+  EXPECT_EQ(keys.back().sums.count, 100);
+}
+
+TEST(Keys, NameWhatAStatementIsAbout) {
+  const struct {
+    const char *kind, *verb, *table;
+  } rows[] = {{"select a from `t1` where b = ?", "SELECT", "t1"},  {"INSERT INTO s.t (a) VALUES (?)", "INSERT", "s.t"},
+              {"UPDATE t SET a = ?", "UPDATE", "t"},               {"DELETE FROM t WHERE a = ?", "DELETE", "t"},
+              {"SELECT a FROM (SELECT b FROM inner_t) x", "SELECT", "inner_t"}, {"COMMIT", "COMMIT", ""}, {"", "", ""}};
+  for (const auto& row : rows) {
+    const SqlSubject subject = subject_of_sql(row.kind);
+    EXPECT_EQ(subject.verb + " " + subject.table, std::string(row.verb) + " " + row.table);
+  }
+}
+
+TEST(Plan, SuggestsAnIndexOnlyWhereOneFollows) {
+  const char* mysql = R"({"keys":["type","table","possible_keys","rows"],"values":[["ALL","%s","%s","60000"]]})";
+  const struct {
+    const char *table, *keys, *statement, *suggestion;
+  } rows[] = {
+      {"reviews", "", "SELECT avg(s) FROM reviews WHERE product = 5",
+       "no index serves product = ?: CREATE INDEX reviews_product ON reviews (product)"},
+      {"r", "", "SELECT * FROM shop.reviews r WHERE r.stars > 3 AND r.product IN (1, 2) ORDER BY x",
+       "no index serves stars > ?: CREATE INDEX reviews_product_stars ON shop.reviews (product, stars)"},
+      {"reviews", "stars", "SELECT * FROM reviews WHERE stars > 0",
+       "there is an index, but the database reads the table all the same: too many rows match, or its statistics are old"},
+      {"reviews", "", "SELECT * FROM reviews WHERE body LIKE '%x%'",
+       "no index finds what a LIKE that begins with % looks for: a full-text index would, or a pattern without it"},
+      {"reviews", "", "SELECT * FROM reviews WHERE body LIKE 'x%'", ""},
+      {"reviews", "", "SELECT * FROM reviews WHERE lower(name) = 'x'", ""},
+      {"reviews", "", "SELECT * FROM reviews WHERE a = 1 OR b = 2", ""},
+      {"reviews", "", "SELECT * FROM reviews", ""},
+      {"reviews", "", "SELECT * FROM reviews JOIN p ON p.id = product WHERE p.x = 1", ""},
+  };
+  for (const auto& row : rows) {
+    char plan[200];
+    snprintf(plan, sizeof plan, mysql, row.table, row.keys);
+    EXPECT_EQ(plan_suggestion(Json::parse(plan), row.statement, normalise_sql(row.statement, "MySQL")), row.suggestion) << row.statement;
+  }
+}
+
+class SumsTest : public testing::Test {
+ protected:
+  static StoredPacket packet(int64_t at_ms, const std::string& name, int duration_ms, const std::string& more = "") {
+    return {0x0B, 42, at_ms, action_body("Shop", name, duration_ms, more)};
+  }
+  void add(const std::vector<StoredPacket>& packets) {
+    Store store(path_);
+    store.begin();
+    for (const StoredPacket& packet : packets) store.add(packet);
+    store.commit();
+    store.write_sums();
+  }
+  int64_t count(const TimeRange& range = {}, SumKey key = SumKey::action) {
+    SumQuestion question;
+    question.key = key;
+    question.filter.range = range;
+    return open_sqlite_reader(path_)->sums(question).all.count;
+  }
+
+  const TemporaryFolder folder_;
+  const std::string path_ = folder_.path() + "/quorbit.db";
+};
+
+TEST_F(SumsTest, CountEachActionOnceWhateverEndsTheDaemon) {
+  int64_t stored = 0;
+  for (int life = 0; life < 3; life++) {
+    Store store(path_); // never told to end
+    for (int commit = 0; commit < 40; commit++) {
+      store.begin();
+      for (int i = 0; i < 20; i++) store.add(packet(begin_ms + commit * 1000, "page" + std::to_string(i), 10));
+      if (commit % 10 == 3) {
+        store.abandon();
+        continue;
+      }
+      store.commit();
+      stored += 20;
+    }
+  }
+  Store(path_).write_sums();
+  EXPECT_EQ(count(), stored);
+  EXPECT_EQ(static_cast<int64_t>(open_sqlite_reader(path_)->actions({{}, ActionOrder::newest, 100000}).size()), stored);
+}
+
+TEST_F(SumsTest, TellApartAsManyKeysOfAMinuteAsThereMayBe) {
+  std::vector<StoredPacket> packets;
+  for (int i = 0; i < most_minute_keys + 500; i++) packets.push_back(packet(begin_ms, "page" + std::to_string(i), 10));
+  add(packets);
+  SumQuestion question;
+  question.order = SumOrder::count;
+  question.most = 1;
+  const SumAnswer answer = open_sqlite_reader(path_)->sums(question);
+  ASSERT_EQ(answer.rows.size(), 1u);
+  EXPECT_EQ(answer.rows[0].key.name + " " + answer.rows[0].key.application, "(others) Shop");
+  EXPECT_EQ(answer.rows[0].sums.count, 500);
+  EXPECT_EQ(answer.left_out, most_minute_keys);
+}
+
+TEST_F(SumsTest, AreTakenFromMinutesAtTheEdgesAndFromHoursOnceMinutesAreGone) {
+  std::vector<StoredPacket> packets;
+  for (int minute = 0; minute < 180; minute++) packets.push_back(packet(begin_ms + minute * minute_ms + 5, "page", 10));
+  add(packets);
+  const struct {
+    int64_t from, until, before, after; // minutes; actions while there are minutes, and later
+  } rows[] = {{0, 180, 180, 180}, {30, 150, 120, 180}, {60, 120, 60, 60}, {61, 62, 1, 60}, {179, 500, 1, 60}, {200, 300, 0, 0}};
+  for (const auto& row : rows) EXPECT_EQ(count({begin_ms + row.from * minute_ms, begin_ms + row.until * minute_ms}), row.before) << row.from;
+  SeriesQuestion series;
+  series.step_ms = 10 * minute_ms;
+  EXPECT_EQ(open_sqlite_reader(path_)->series(series).size(), 18u);
+
+  Store store(path_); // minutes of so long ago go
+  StoreBounds bounds;
+  bounds.sums.hour_days = 3650;
+  while (store.maintain(bounds)) continue;
+  for (const auto& row : rows) EXPECT_EQ(count({begin_ms + row.from * minute_ms, begin_ms + row.until * minute_ms}), row.after) << row.from;
+  EXPECT_EQ(open_sqlite_reader(path_)->series(series).size(), 3u);
+  bounds.sums = {3, 90, 0};
+  Store later(path_);
+  while (later.maintain(bounds)) continue;
+  EXPECT_EQ(count(), 0) << "hours go as well";
+}
+
+TEST_F(SumsTest, SayWhatWasInWhichAction) {
+  const std::string sql = record(0x27, "1:45:MySQL8:SELECT 1");
+  add({packet(begin_ms, "a", 10, sql + sql), packet(begin_ms, "a", 10, sql + sql), packet(begin_ms, "b", 10, sql)});
+  auto reader = open_sqlite_reader(path_);
+  SumQuestion queries;
+  queries.key = SumKey::query;
+  const auto query = reader->sums(queries).rows.at(0);
+  EXPECT_EQ(query.sums.count, 5);
+  SumQuestion question;
+  question.filter.within = query.key.id;
+  const auto actions = reader->sums(question).rows;
+  ASSERT_EQ(actions.size(), 2u);
+  EXPECT_EQ(actions[0].key.name, "a");
+  EXPECT_EQ((std::vector{actions[0].sums.count, actions[0].sums.statements}), (std::vector<int64_t>{2, 4}));
+  queries.filter.within = actions[1].key.id;
+  EXPECT_EQ(reader->sums(queries).rows.at(0).sums.statements, 1);
+}
+
+TEST_F(SumsTest, FollowTheFilterAndTheOrder) {
+  add({packet(begin_ms, "cart", 10), packet(begin_ms, "cart", 10), packet(begin_ms, "carts", 50, record(0x2A, "1\n500\nE\nm\n")), packet(begin_ms, "x", 15)});
+  auto reader = open_sqlite_reader(path_);
+  auto names = [&](SumOrder order, const std::string& glob) {
+    SumQuestion question;
+    question.order = order;
+    question.filter.name_glob = glob;
+    std::string text;
+    for (const SumRow& row : reader->sums(question).rows) text += row.key.name + " ";
+    return text;
+  };
+  EXPECT_EQ(names(SumOrder::total, ""), "carts cart x ");
+  EXPECT_EQ(names(SumOrder::count, "c*"), "cart carts ");
+  EXPECT_EQ(names(SumOrder::average, ""), "carts x cart ");
+  EXPECT_EQ(names(SumOrder::errors, "cart?"), "carts ");
+}
+
+TEST_F(SumsTest, ComparisonsCallNothingSlowerByChance) {
+  std::vector<StoredPacket> packets;
+  auto times = [&](int64_t at_ms, const std::string& name, int count, int duration_ms) {
+    for (int i = 0; i < count; i++) packets.push_back(packet(at_ms + i, name, duration_ms + i % 7));
+  };
+  for (int64_t at_ms : {begin_ms, begin_ms + hour_ms}) {
+    const bool after = at_ms > begin_ms;
+    times(at_ms, "same", 100, 50);
+    times(at_ms, "slower", 100, after ? 80 : 50);
+    times(at_ms, "faster", 100, after ? 20 : 50);
+    times(at_ms, "few", 5, after ? 500 : 50);
+    if (after) times(at_ms, "appeared", 100, 10);
+    if (!after) times(at_ms, "vanished", 100, 10);
+  }
+  add(packets);
+  auto reader = open_sqlite_reader(path_);
+  const Comparison comparison = compare(*reader, {{begin_ms, begin_ms + hour_ms}, {begin_ms + hour_ms, begin_ms + 2 * hour_ms}});
+  std::string found;
+  for (const Change& change : comparison.changes) found += change.facts.name + std::to_string(static_cast<int>(change.kind)) + " ";
+  EXPECT_EQ(found, "slower2 appeared0 vanished1 faster3 ");
+  EXPECT_NEAR(comparison.changes[0].lost_us_per_hour, 3000000, 1);
+  EXPECT_EQ((std::pair{comparison.compared, comparison.too_few}), (std::pair<int64_t, int64_t>{4, 1}));
+}
+
+TEST(RankTest, AgreesWithFiguresWorkedOutByHand) {
+  // Of 1 to 20 against 11 to 30, ten tied in pairs, U is 350 of 400 and its deviation 36.95: z = 4.046 with the correction for continuity.
+  Histogram before, after;
+  int64_t us = 10;
+  for (int i = 0; i < 30; i++, us = us * 11 / 10 + 1) {
+    if (i < 20) before.add(us);
+    if (i >= 10) after.add(us);
+  }
+  const RankTest test = rank_test(before, after);
+  EXPECT_NEAR(test.longer, 0.875, 1e-9);
+  EXPECT_NEAR(test.p, 5.3e-5, 0.3e-5);
+  EXPECT_EQ(rank_test(before, before).p, 1);
+}
+
+TEST_F(SumsTest, ReleasesAreKeptByApplication) {
+  Store(path_, nullptr);
+  mark_release(path_, {1000, "1.0", ""});
+  mark_release(path_, {2000, "1.1", "Shop"});
+  auto reader = open_sqlite_reader(path_);
+  EXPECT_EQ(reader->releases("").size(), 2u);
+  EXPECT_EQ(reader->releases("Api").size(), 1u);
+  EXPECT_EQ(reader->releases("Shop").back().name, "1.1");
+}
