@@ -78,7 +78,7 @@ int top(const DaemonConfig &config, const TopOptions &options)
 	if (list.question.key == SumKey::query && !options.csv) add_actions(*store, list);
 	if (list.question.key == SumKey::error) add_release(*store, list);
 	if (list.question.key == SumKey::host)
-		list.machine = store->machine({filter.range, std::max(now_ms, filter.range.until_ms - filter.range.from_ms)});
+		list.machine = store->machine({filter.range, 2 * now_ms});
 	if (options.json) {
 		put(json_text(sums_json(list), true));
 	} else if (options.csv) {
