@@ -91,8 +91,11 @@ CommandRun add_compare(CLI::App &command)
 	auto *release = command.add_option("RELEASE", options->release, "one that `quorbit mark` noted");
 	command.add_option("--before", options->before, "two times, as in 2h..1h")->check(check_range)->excludes(release);
 	command.add_option("--after", options->after, "two times, as in 1h..now")->check(check_range)->excludes(release);
-	command.add_option("--app", options->application, "only this application");
+	command.add_option("--app", options->application, "only this application")->type_name("APP");
 	command.add_flag("--json", options->json, "for programs");
+	set_examples(command,
+		{{"quorbit compare 1.4.2", "since that release, against the same time before it"},
+			{"quorbit compare --before 2h..1h --after 1h..now", "the last hour against the one before"}});
 	return [options](const DaemonConfig &config) { return run_compare(config, *options); };
 }
 

@@ -35,8 +35,7 @@ Settings given_to(Reader &store, const std::string &application)
 int show_action(Reader &store, const ShowOptions &options)
 {
 	auto whole = whole_action(store, std::stoll(options.id));
-	if (!whole)
-		throw std::runtime_error("there is no action " + options.id + " (it may have been dropped)");
+	if (!whole) throw std::runtime_error("there is no action " + options.id + " (it may have been dropped)");
 	const auto &[shown, related] = *whole;
 	if (options.format == "chrome")
 		put(trace_events_json(shown));

@@ -77,8 +77,7 @@ int top(const DaemonConfig &config, const TopOptions &options)
 	list.answer = store->sums(list.question);
 	if (list.question.key == SumKey::query && !options.csv) add_actions(*store, list);
 	if (list.question.key == SumKey::error) add_release(*store, list);
-	if (list.question.key == SumKey::host)
-		list.machine = store->machine({filter.range, 2 * now_ms});
+	if (list.question.key == SumKey::host) list.machine = store->machine({filter.range, 2 * now_ms});
 	if (options.json) {
 		put(json_text(sums_json(list), true));
 	} else if (options.csv) {
@@ -111,7 +110,7 @@ CommandRun add_list(CLI::App &command, const char *by, const char *sort)
 			[](const std::string &text) { return sum_order_of(text) ? "" : "expected one of those that --help lists"; })
 		->capture_default_str();
 	add_range(command, options->range, "1h");
-	command.add_option("--app", options->question.filter.application, "only this application");
+	command.add_option("--app", options->question.filter.application, "only this application")->type_name("APP");
 	command.add_option(
 		"--name", options->question.filter.name_glob, "only names like this: *, ? and [...] stand for others");
 	command.add_option("-n", options->most, "how many; default: what fits the terminal, else 50")
@@ -125,16 +124,21 @@ CommandRun add_list(CLI::App &command, const char *by, const char *sort)
 
 CommandRun add_top(CLI::App &command)
 {
+	set_examples(command,
+		{{"quorbit top --by external --sort p95", "the slowest outgoing calls of the last hour"},
+			{"quorbit top --since 7d -n 200 --app Shop", "a week of one application"}});
 	return add_list(command, nullptr, "total");
 }
 
 CommandRun add_queries(CLI::App &command)
 {
+	set_examples(command, {{"quorbit queries --since 1d --name '*orders*'", "a day of the statements on orders"}});
 	return add_list(command, "query", "total");
 }
 
 CommandRun add_errors(CLI::App &command)
 {
+	set_examples(command, {{"quorbit errors --since 7d", "what fails, and since when"}});
 	return add_list(command, "error", "count");
 }
 
