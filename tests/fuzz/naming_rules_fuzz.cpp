@@ -3,7 +3,6 @@
 // sources: ext/zqp_naming_rules.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp
 // libraries: libcjson
 #include <cJSON.h>
-#include <map>
 
 #include "require.h"
 #include "zqp_naming_rules.h"
@@ -12,7 +11,7 @@ namespace {
 
 struct Request {
 	CText url, method;
-	std::map<std::string, std::string> params;
+	Params params;
 	zq_naming_request seen;
 };
 
@@ -21,19 +20,6 @@ const char *param_value(void *context, zq_naming_source, const char *name)
 	auto &params = ((Request *)context)->params;
 	auto found = params.find(name);
 	return found == params.end() ? NULL : found->second.c_str();
-}
-
-void read_params(std::string_view text, std::map<std::string, std::string> *params)
-{
-	while (!text.empty()) {
-		std::string_view pair = text.substr(0, text.find('&'));
-		text.remove_prefix(std::min(text.size(), pair.size() + 1));
-		size_t equals = std::min(pair.find('='), pair.size());
-		CText name(pair.substr(0, equals)), value(pair.substr(std::min(equals + 1, pair.size())));
-		if (*value) {
-			(*params)[name.str()] = value.str();
-		}
-	}
 }
 
 std::string name_by(const char *rules, Request *request, const char **invalid_at)
@@ -68,8 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
 	std::string_view input((const char *)data, size);
 	CText url(take_line(&input)), method(take_line(&input)), params(take_line(&input));
-	Request request = {std::move(url), std::move(method), {}, {}};
-	read_params((char *)params, &request.params);
+	Request request = {std::move(url), std::move(method), read_params((char *)params), {}};
 	request.seen = {request.url, *request.method ? (char *)request.method : NULL, param_value, &request};
 	CText rules(input);
 	name_by_any(rules, &request);

@@ -1,8 +1,6 @@
 // Names made of paths and URLs, and the parameters that go into them: no slash and no number is left in a name.
 // Input: the path, the list of captured parameters and "name=value&...", each in a line, then the script's file name.
 // sources: ext/zqp_helper_string.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp tests/fuzz/engine.cpp
-#include <map>
-
 #include "require.h"
 #include "zqp_helper.h"
 #include "zqp_json_text.h"
@@ -28,10 +26,6 @@ std::string taken(smart_str *buf)
 	return text;
 }
 
-// ---- names with parameters
-
-using Params = std::map<std::string, std::string, std::less<>>;
-
 struct CapturedParams {
 	const Params *params;
 
@@ -43,18 +37,6 @@ struct CapturedParams {
 	}
 	void append(smart_str *buf, const std::string *value) const { zq_append_json_body(buf, value->c_str(), value->size()); }
 };
-
-Params read_params(std::string_view text)
-{
-	Params params;
-	while (!text.empty()) {
-		std::string_view pair = text.substr(0, text.find('&'));
-		text.remove_prefix(std::min(text.size(), pair.size() + 1));
-		size_t equals = std::min(pair.find('='), pair.size());
-		params[std::string(pair.substr(0, equals))] = pair.substr(std::min(equals + 1, pair.size()));
-	}
-	return params;
-}
 
 // A path becomes one part of a name, with one star for each number.
 void check_part(const std::string &part)

@@ -1,8 +1,9 @@
-// What agents send to the local daemon, decoded and reported: every packet that is taken prints as harmless text and as JSON
-// that strict parsers take, in every width and form.
+// What agents send to the local daemon, decoded, summed, cut to its share and reported: every packet that is taken prints as
+// harmless text and as JSON that strict parsers take, in every width and form.
 // Input: a number for the width, then the packet's body.
-// sources: daemon/facts/packet.cpp daemon/facts/details.cpp daemon/facts/wire.cpp daemon/facts/share.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/print/page.cpp daemon/facts/plan.cpp daemon/facts/sql_text.cpp daemon/facts/trace.cpp daemon/print/trace_text.cpp daemon/print/report_action.cpp daemon/print/report_sql.cpp daemon/print/report_json.cpp daemon/print/report_list.cpp daemon/print/report_profile.cpp
+// sources: daemon/facts/packet.cpp daemon/facts/details.cpp daemon/facts/wire.cpp daemon/facts/share.cpp daemon/facts/keys.cpp daemon/facts/sums.cpp daemon/facts/histogram.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/print/page.cpp daemon/facts/plan.cpp daemon/facts/sql_text.cpp daemon/facts/trace.cpp daemon/print/trace_text.cpp daemon/print/report_action.cpp daemon/print/report_sql.cpp daemon/print/report_json.cpp daemon/print/report_list.cpp daemon/print/report_profile.cpp
 // libraries: nlohmann_json sqlite3
+#include "facts/keys.h"
 #include "print/report.h"
 #include "require.h"
 #include "base/text.h"
@@ -59,7 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Commands never print in fewer columns.
   size_t width = 60 + data[0];
   std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);
-  if (auto action = read_action(body)) check_action(*action, width);
+  if (auto action = read_action(body)) {
+    check_action(*action, width);
+    for (const KeySums& key : keys_of(*action)) REQUIRE(key.sums.count >= 0 && key.facts.name.size() <= 1024);
+    if (auto head = within_share(body, head_share)) REQUIRE(read_action(*head));
+  }
   if (auto query = read_query(body)) check_query(*query);
   if (auto event = read_profile_event(body)) {
     ProfilePrinter printer;

@@ -1,14 +1,7 @@
 // The scanners of page text and the escaping for scripts.
 // sources: ext/zqp_rum_text.cpp
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
+#include "require.h"
 #include "zqp_rum_text.h"
-
-#define REQUIRE(condition) ((condition) ? (void)0 : abort())
 
 namespace {
 

@@ -1,10 +1,12 @@
 // What every target shares: a check that ends the run, and inputs cut into texts.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -26,6 +28,20 @@ inline std::string take_line(std::string_view *input)
 	std::string line(input->substr(0, input->find('\n')));
 	input->remove_prefix(line.size() < input->size() ? line.size() + 1 : input->size());
 	return line;
+}
+
+// "name=value&...", as a query has them.
+using Params = std::map<std::string, std::string, std::less<>>;
+inline Params read_params(std::string_view text)
+{
+	Params params;
+	while (!text.empty()) {
+		std::string_view pair = text.substr(0, text.find('&'));
+		text.remove_prefix(std::min(text.size(), pair.size() + 1));
+		size_t equals = std::min(pair.find('='), pair.size());
+		params[std::string(pair.substr(0, equals))] = pair.substr(std::min(equals + 1, pair.size()));
+	}
+	return params;
 }
 
 // A C string in a block of exactly its size, so that the sanitizer sees one byte too many.
