@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Random programs on php-cgi with the agent and without: page, headers, standard error and exit status must be the same, and
 a whole packet must come of each. Three ways of being configured and two allocators take turns. A program that differs stays
-in build/random, cut down to what matters.
+in build/random.
 
     tests/random/programs.py [--programs N] [--seed TEXT] [--only K]
 """
@@ -18,7 +18,6 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 import generator
-import shrinker
 from support import engines, wire
 from support.engines import PROJECT
 from support.fake_daemon import PLAIN, wait_until
@@ -27,7 +26,6 @@ from support.peers import Peer, http_answer, read_http
 KEPT = PROJECT / "build/random"
 TIMEOUT_S = 60
 AT_FAULT = 99             # valgrind's exit status then
-CUT_DOWN = 3              # that many of the programs that differ
 MOST_UNDEFINED = 0.02     # of the programs
 EXPECTED_PACKETS = 0.95   # of the programs: a busy machine may read a packet too late
 
@@ -117,17 +115,6 @@ class Runs:
             daemon.connections.remove(connection)
         return len(daemon.received(wire.Metric, ended))
 
-    def cut_down(self, files, place, way):
-        """The program without what does not matter, and what can be said of it."""
-        def still(text):
-            bare, agent, _ = self.compare({**files, "main.php": text}, place, way)
-            return bare != agent and is_whole(bare) and bare == self.without(place, way)
-
-        if not still(files["main.php"]):
-            return files, "it does not differ every time"
-        files = {**files, "main.php": shrinker.shrink(files["main.php"], still)}
-        return files, f"cut down to {files['main.php'].count(chr(10))} lines"
-
 
 @dataclass
 class Tally:
@@ -153,21 +140,17 @@ class Tally:
             self.endings[bare[0]] += 1
             if bare != agent and self.runs.is_defined(place, bare, number):
                 self.different.append(number)
-                self.report(files, place, number, bare, agent)
+                self.report(place, number, bare, agent)
             elif bare != agent:
                 self.undefined += 1
         shutil.rmtree(place)
 
-    def report(self, files, place, number, bare, agent):
-        """Tells of a difference and keeps the program; the first few are cut down."""
+    def report(self, place, number, bare, agent):
+        """Tells of a difference and keeps the program."""
         print(f"program {number}, {list(SETTINGS)[number % 3]}: {difference(bare, agent)}\n"
               f"    replay: make random RANDOM_SEED={self.seed} RANDOM_ONLY={number}", flush=True)
-        if len(self.different) <= CUT_DOWN:
-            files, remark = self.runs.cut_down(files, place, number)
-            print(f"    {remark}")
         kept = KEPT / f"{self.seed}-{number}"
         shutil.copytree(place, kept, dirs_exist_ok=True)
-        (kept / "main.php").write_text(files["main.php"])
         print(f"    kept in {kept.relative_to(PROJECT)}", flush=True)
 
     def summary(self):
