@@ -8,7 +8,7 @@ import struct
 import time
 from collections import Counter
 
-from support.engines import web_environment
+from support.engines import fastcgi_request, web_environment
 
 STALLED_S = 30
 SCRIPT = re.compile(rb"<script>f\(\{qv_rum\.agent=[^<]*\)</script>")     # what the agent adds to a page
@@ -51,15 +51,7 @@ class FastCgi:
         return sock
 
     def request(self, uri):
-        def record(kind, content):
-            return struct.pack(">BBHHBx", 1, kind, 1, len(content), 0) + content
-
-        params = b""
-        for name, value in web_environment(self.script, uri, headers={"X-Vantor-Id": "12|5;c=1;x=77"}).items():
-            for text in (name, value):
-                params += bytes([len(text)])
-            params += (name + value).encode()
-        return record(1, struct.pack(">HB5x", 1, 0)) + record(4, params) + record(4, b"") + record(5, b"")
+        return fastcgi_request(web_environment(self.script, uri, headers={"X-Vantor-Id": "12|5;c=1;x=77"}))
 
     def answer(self, data, ended):
         output, at = b"", 0

@@ -104,6 +104,23 @@ def web_environment(script, uri, method="GET", body=b"", headers=None):
     return found
 
 
+def fastcgi_request(variables, body=b""):
+    """A responder's request, the first on its connection, which ends with the answer."""
+    def record(kind, content):
+        return struct.pack(">BBHHBx", 1, kind, 1, len(content), 0) + content
+
+    def pair(name, value):
+        sizes = b"".join(bytes([len(x)]) if len(x) < 128 else struct.pack(">I", len(x) | 1 << 31) for x in (name, value))
+        return sizes + name + value
+
+    message = record(1, struct.pack(">HB5x", 1, 0))
+    for kind, content in ((4, b"".join(pair(name.encode(), str(value).encode()) for name, value in variables.items())), (5, body)):
+        for at in range(0, len(content), 0xFFFF):
+            message += record(kind, content[at:at + 0xFFFF])
+        message += record(kind, b"")
+    return message
+
+
 def replace(path, text):
     """A file that is complete at any time: engines that start just now have it mapped, and would die of a shorter one."""
     fresh = path.with_suffix(f".{threading.get_ident()}")
@@ -290,20 +307,7 @@ class FastCgi(Server):
         return sock
 
     def request(self, script, uri, method="GET", body=b"", headers=None, env=None):
-        def record(kind, content):
-            return struct.pack(">BBHHBx", 1, kind, 1, len(content), 0) + content
-
-        def pair(name, value):
-            sizes = b"".join(bytes([len(x)]) if len(x) < 128 else struct.pack(">I", len(x) | 1 << 31) for x in (name, value))
-            return sizes + name + value
-
-        variables = {**web_environment(script, uri, method, body, headers), **(env or {})}
-        params = b"".join(pair(name.encode(), str(value).encode()) for name, value in variables.items())
-        message = record(1, struct.pack(">HB5x", 1, 0))
-        for kind, content in ((4, params), (5, body)):
-            for at in range(0, len(content), 0xFFFF):
-                message += record(kind, content[at:at + 0xFFFF])
-            message += record(kind, b"")
+        message = fastcgi_request({**web_environment(script, uri, method, body, headers), **(env or {})}, body)
         started, output, result = time.monotonic(), {6: b"", 7: b""}, Result()
         with self.connect() as sock, sock.makefile("rb") as stream:
             sock.sendall(message)
