@@ -189,30 +189,6 @@ def test_sigterm_in_the_middle(site, handled, reply):
     assert len(site.daemon.received(wire.Metric)) == handled
 
 
-def test_disk_of_the_store_is_full(site):
-    """The real daemon in a folder of 1 MB, which is filled up and emptied again: what comes meanwhile is lost, nothing else."""
-    site.daemon.stop()
-    site.settings["zqs.prefix"] = PROJECT / "build"
-    for name in ("before.php", "after.php"):
-        site.script("echo str_repeat('page', 3);", name)
-    steps = site.root / "steps"
-    steps.write_text(f"""set -e
-mount -t tmpfs -o size=1m none {site.logs}
-page() {{ {ENGINE}/bin/php -c {site.ini_file()} -f $1; echo; }}
-shown() {{ {PROJECT}/build/bin/quorbit show --json --root {site.root} | grep -q "$1"; }}
-until_shown() {{ for i in $(seq 50); do page $1; sleep 0.2; ! shown $1 || return 0; done; return 1; }}
-until_shown before.php
-dd if=/dev/zero of={site.logs}/filler bs=4k 2>/dev/null || true
-for i in $(seq 40); do page before.php; done
-rm {site.logs}/filler
-until_shown after.php
-kill $(cat {site.logs}/quorbit.pid)
-while [ -e {site.logs}/quorbit.pid ]; do sleep 0.05; done
-""")
-    done = site.run([*NAMESPACE, "sh", steps], timeout=60)
-    assert (done.stderr, done.code, set(done.body.split())) == (b"", 0, {b"pagepagepage"})
-
-
 # On a disk of 24 MB of its own, which another program fills to the last block: sends packets through a daemon, prints
 # what the store came to.
 FULL_DISK = """

@@ -2,25 +2,6 @@
 
 class HelperArgs : public EngineTest {};
 
-TEST_F(HelperArgs, ReadsArgumentsByTypeAndPosition)
-{
-	at_probe([](zend_execute_data *frame) {
-		EXPECT_EQ(get_arguments_count(frame), 4);
-		EXPECT_STREQ(get_argument_char(frame, 0), "first");
-		EXPECT_EQ(get_argument_long(frame, 1), 7);
-		EXPECT_STREQ(get_reverse_argument_char(frame, 3), "first");
-		EXPECT_EQ(get_argument_long(frame, 0), 0);
-		EXPECT_EQ(get_argument_char(frame, 1), nullptr);
-		for (int absent : {-1, 4, 5, 1 << 30}) {
-			EXPECT_EQ(get_argument_zval(frame, absent), nullptr);
-			EXPECT_EQ(get_reverse_argument_char(frame, absent), nullptr);
-		}
-	});
-	run("probe('first', 7, 2.5, 'last');");
-	zend_execute_data bare = {};
-	EXPECT_EQ(get_argument_zval(&bare, 0), nullptr);
-}
-
 TEST_F(HelperArgs, NamesCallablesListsArgumentsAndSpellsServerVariables)
 {
 	run("class C {}");

@@ -29,10 +29,6 @@ function last($db) { try { yield 1; } finally { $db->query("SELECT 1"); echo new
 function all($db) { yield call_user_func('last', $db)->current(); }
 foreach (all(pdo_sqlite_link()) as $one) { }
 echo "end";
-# --- exit => end
-$db = pdo_sqlite_link();
-$db->sqliteCreateFunction("f", function () { exit("end"); });
-$db->query("SELECT f()");
 # --- a fatal error => undefined
 register_shutdown_function(function () { echo "end"; });
 $db = pdo_sqlite_link();

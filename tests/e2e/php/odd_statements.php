@@ -19,10 +19,6 @@ run_all(function ($sql) use ($db) { $r = $db->query($sql); show($r ? $r->fetchAl
 # --- PDO exec => nothing
 $db = pdo_sqlite_link();
 run_all(function ($sql) use ($db) { show($db->exec($sql)); });
-# --- PDO warnings => PDO.query
-$db = pdo_sqlite_link();
-$db->setAttribute(PDO::ATTR_ERRMODE, PDO::ERRMODE_WARNING);
-run_all(function ($sql) use ($db) { show($db->query($sql)); });
 # --- PDO prepare => PDOStatement.execute
 $db = pdo_sqlite_link();
 $db->setAttribute(PDO::ATTR_ERRMODE, PDO::ERRMODE_EXCEPTION);
@@ -33,9 +29,6 @@ run_all(function ($sql) use ($db) { show($db->querySingle($sql)); show($db->last
 # --- mysqli => mysqli.query
 $db = mysqli_link();
 run_all(function ($sql) use ($db) { $r = $db->query($sql); show($r); show($db->error); });
-# --- mysqli prepare => mysqli.prepare
-$db = mysqli_link();
-run_all(function ($sql) use ($db) { $r = $db->prepare($sql); show($r && $r->execute()); show($db->error); });
 # --- mysql => mysql_query
 $link = mysql_link();
 run_all(function ($sql) use ($link) {
@@ -53,6 +46,3 @@ run_all(function ($sql) use ($link) {
 # --- pg_query_params => pg_query_params
 $link = pg_link();
 run_all(function ($sql) use ($link) { $r = pg_query_params($link, $sql, array()); show($r ? pg_fetch_row($r) : $r); });
-# --- PDO pgsql => PDO.query
-$db = pdo_pg_link();
-run_all(function ($sql) use ($db) { $r = $db->query($sql); show($r ? $r->fetchAll() : $r); show($db->errorInfo()); });

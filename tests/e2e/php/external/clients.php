@@ -16,11 +16,6 @@ $soap = array('location' => '$URL', 'uri' => 'urn:stock');
 # --- curl => curl_exec, identified, answered
 transfer(curl_init('$URL'));
 
-# --- curl, URL as an option => curl_exec, identified, answered
-$c = curl_init();
-curl_setopt($c, CURLOPT_URL, '$URL');
-transfer($c);
-
 # --- curl, headers of its own => curl_exec, identified, answered
 $h = array('A: 1', 'n' => 'B: 2', 3);
 $same = $h;
@@ -32,11 +27,6 @@ transfer($c);
 # --- curl, headers twice => curl_exec, identified, answered
 $c = curl_init('$URL');
 foreach (array('A: 1', 'B: 2') as $h) curl_setopt($c, CURLOPT_HTTPHEADER, array($h));
-transfer($c);
-
-# --- curl, no headers of its own => curl_exec, identified, answered
-$c = curl_init('$URL');
-curl_setopt($c, CURLOPT_HTTPHEADER, array());
 transfer($c);
 
 # --- curl, headers that are none => curl_exec, identified, answered
@@ -65,19 +55,9 @@ $c = curl_init('$URL');
 curl_setopt($c, CURLOPT_HEADERFUNCTION, 'base::seen_BY_class');
 transfer($c);
 
-# --- curl, header callback by its full name => curl_exec, identified, answered
-$c = curl_init('$URL');
-curl_setopt($c, CURLOPT_HEADERFUNCTION, '\\seen');
-transfer($c);
-
 # --- curl, closure as header callback => curl_exec, identified
 $c = curl_init('$URL');
 curl_setopt($c, CURLOPT_HEADERFUNCTION, function ($c, $line) { echo $line; return strlen($line); });
-transfer($c);
-
-# --- curl, headers in the output => curl_exec, identified, answered
-$c = curl_init('$URL');
-curl_setopt($c, CURLOPT_HEADER, true);
 transfer($c);
 
 # --- curl, a copied handle => curl_exec, identified, answered

@@ -45,13 +45,6 @@ ob_flush();
 ob_end_flush();
 echo 'done';
 
-# --- in a destructor => 2
-class D { function __destruct() { any(); } }
-$d = new D;
-$d = null;
-$GLOBALS['last'] = new D;
-echo 'done';
-
 # --- at shutdown => 1
 register_shutdown_function('any');
 echo 'done';
