@@ -136,6 +136,10 @@ def test_a_daemon_that_is_absent_costs_no_time_and_no_output(site):
     assert site.log().count("connect socket ") == 2      # one for the query, one for the packet; none at start-up
 
 
+def test_a_signal_during_the_connect_puts_nothing_off(site, shim):
+    assert site.cgi("", env={**shim, "SHIM_INTERRUPT": "1"}).monitored and not site.logged("start daemon")
+
+
 def test_a_daemon_that_accepts_nobody_costs_one_time_out_per_connect(site):
     with site.daemon.full_backlog():
         held_up(site, 3, 'echo "page";')

@@ -159,3 +159,4 @@ def test_the_daemon_joins_both_halves(real):
     for action, half, other in ((caller, "Callee", called), (called, "Caller", caller)):
         text = real.command("show", str(action["id"]))
         assert f"{half}: trace of action {other['id']}" in text and f"{other['action']}, " in text, text
+    assert TRACED["zqs.vantorIdSecret"] not in real.command("status")

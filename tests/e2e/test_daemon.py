@@ -236,7 +236,7 @@ def memory_kb(pid):
 
 
 def test_idle_connections_hold_no_memory(real):
-    """A thousand that have sent a packet of 300 KB each; what the burst took goes back."""
+    """A thousand that have sent a packet of 300 KB each; what the burst took goes back. Who stops within a packet is cut off."""
     real.php()
     real.reports(1)
     pid, = real.pids()
@@ -247,7 +247,10 @@ def test_idle_connections_hold_no_memory(real):
             client = clients.enter_context(socket.socket(socket.AF_UNIX))
             client.connect(str(real.logs / ".quorbit.sock"))
             client.sendall(packet)
+        client.sendall(packet[:3])
         wait_until(lambda: memory_kb(pid) < before + 32_768, "the memory to go back", 20)
+        client.settimeout(30)
+        assert client.recv(1) == b""
 
 
 PROFILED = "function deep() { usleep(5000); } function middle() { deep(); } for ($i = 0; $i < 3; $i++) middle();"

@@ -3,14 +3,17 @@
  * or, with a "=" in front of them, so old at its first reading;
  * the processor's counter knows nothing of that, so the kernel seems not to trust it then. Either file may change at any
  * time. With SHIM_WALL set the wall clock is ahead by a year at one reading and behind by one at the next. With
- * SHIM_SIGSEGV set there is a handler of that signal before the extension's. (The engine loads extensions with RTLD_DEEPBIND,
+ * SHIM_SIGSEGV set there is a handler of that signal before the extension's, with SHIM_INTERRUPT set a signal interrupts
+ * its first connect. (The engine loads extensions with RTLD_DEEPBIND,
  * so that preloading would not reach them.) */
 #define _GNU_SOURCE
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
@@ -67,6 +70,14 @@ time_t time(time_t *now)
 	struct timespec precise;
 	clock_gettime(CLOCK_REALTIME, &precise);
 	return now ? *now = precise.tv_sec : precise.tv_sec;
+}
+
+int connect(int sock, const struct sockaddr *address, socklen_t size)
+{
+	static int calls;
+	int is_interrupted = getenv("SHIM_INTERRUPT") && !calls++;
+	if (is_interrupted) errno = EINTR;
+	return is_interrupted ? -1 : (int)syscall(SYS_connect, sock, address, size);
 }
 
 static void earlier_handler(int signal_number)

@@ -36,3 +36,6 @@ App::run();
 # --- fatal error that a SOAP client makes an exception of => App::run Ctl::show Late::down
 class Ctl { static function show() { usleep(3000); try { new SoapClient('nowhere.wsdl'); } catch (SoapFault $fault) { usleep(3000); } } }
 App::run();
+# --- evaluated code that cannot be parsed ends nothing => App::run Ctl::show Late::down
+class Ctl { static function show() { usleep(3000); eval('syntax error'); usleep(3000); } }
+App::run();
