@@ -49,6 +49,7 @@ def test_status_tells_what_to_check_when_the_daemon_is_gone(real):
     assert "no daemon answers" not in real.command("status")
     real.stop()
     printed = real.command("status")
+    assert subprocess.run([QUORBIT, "profile", "Shop", "1s", "--root", real.site.root], capture_output=True, timeout=20).returncode == 1
     assert printed.startswith("No daemon answers.\n") and "last packet" in printed and "CHECK  no daemon answers on" in printed
 
 

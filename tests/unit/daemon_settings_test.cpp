@@ -59,6 +59,7 @@ TEST(Applications, TellWhatIsWrongAndUseTheRest) {
       {"[*]\nno setting\n", "line 2"},
       {"zqs.capture_params=1\n", "line 1"},
       {"store_mb=0\n", "line 1"},
+      {"store_mb=1000001\n", "line 1"},
       {"[*]\nzqs.caputre_params=1\n", "zqs.caputre_params"},
   };
   for (const auto& row : rows) {

@@ -86,3 +86,16 @@ TEST_F(Settings, OfOneAnswerAreAllTakenAndEachByItself)
 		}
 	}
 }
+
+TEST_F(Settings, OfANewConfigurationEndTheProfileOfTheOneBefore)
+{
+	const std::string profile("\x0D\0\0\x19zqs.profile_end_time=1234", 4 + 25);
+	app_cfg_info record = {};
+	for (const auto &[stamp, settings, end] : {std::tuple('1', profile, 1234u), std::tuple('2', std::string(), 0u)}) {
+		const std::string answer = std::string("\x0C\0\0\x08", 4) + std::string(8, stamp) + settings;
+		zq_config_answer parsed;
+		zq_parse_config_answer(&parsed, answer.data(), answer.size(), record.daemon_stamp);
+		zq_apply_config_answer(&record, &parsed, 0);
+		EXPECT_EQ(record.profile_end_time, end);
+	}
+}
