@@ -1,6 +1,5 @@
 // Metric and thread-profile packets, decoded from bytes; their parts as programs get them.
 #include "daemon_records.h"
-#include "facts/keys.h"
 #include "print/report.h"
 
 #include <nlohmann/json.hpp>
@@ -37,16 +36,6 @@ TEST(Packet, ReadsItsRecords) {
     EXPECT_EQ(shown, expected) << row["body"];
   }
   EXPECT_EQ(read_action(record(0x2A, "1\n500\nc\nm\n"))->status(), 500) << "of the error, as there is no detail with it";
-}
-
-TEST(Keys, AreBoundedAndLoseTheValuesOfMessages) {
-  std::string many;
-  for (int i = 0; i < 300; i++) many += record(0x2B, "1\n1\nPHP/NULL/f" + std::to_string(i));
-  const auto keys = keys_of(*read_action(action_body("Shop", "cart", 500, many)));
-  EXPECT_EQ(keys.size(), 1u + 201);
-  EXPECT_EQ(keys.back().facts.name + " " + std::to_string(keys.back().sums.count), "(others) 100");
-  const std::string message = mask_message("can't open 'a.txt' in \"x\", line 17");
-  EXPECT_EQ(message, "can't open '\u2026' in \"\u2026\", line #");
 }
 
 TEST(Packet, ReadsTheLinesOfAThreadProfile) {

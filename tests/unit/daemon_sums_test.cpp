@@ -68,6 +68,10 @@ TEST(Keys, AreWhatAnActionIsSummedUpBy) {
             "7 PHP/A/b 1/0 5000 \n");
 }
 
+TEST(Keys, LoseTheValuesOfMessages) {
+  EXPECT_EQ(mask_message("can't open 'a.txt' in \"x\", line 17"), "can't open '\u2026' in \"\u2026\", line #");
+}
+
 TEST(Keys, AreBoundedInOneAction) {
   std::string more;
   for (int i = 0; i < 300; i++) more += record(0x2B, "1\n1\nPHP/A/" + std::string(static_cast<size_t>(i + 1), 'x'));
