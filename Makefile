@@ -16,8 +16,9 @@ export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 all: configure
 	@cmake --build build -j$(JOBS)
 
+# WEB=1: leaves it running, with the page in the browser
 demo: all
-	@demo/demo
+	@WEB="$(WEB)" demo/demo
 
 # unit tests, plain and under the sanitizers, then the end-to-end tests; random programs and input for a while
 test: all test-packages

@@ -36,6 +36,9 @@ struct Example {
 // Puts them at the end of the command's help.
 void set_examples(CLI::App &command, std::initializer_list<Example> examples);
 
+// What `quorbit status --json` prints, in one line.
+std::string status_json(const DaemonConfig &config);
+
 // Throws std::runtime_error, with the names of those that are known, when nothing has come of an application of this
 // name; "" stands for all.
 void require_application(Reader &store, const std::string &name);

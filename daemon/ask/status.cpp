@@ -43,17 +43,22 @@ void print_for_people(const DaemonConfig &config, const HostFacts &facts, const 
 	put("\n" + (findings.empty() ? "Nothing is amiss.\n" : findings_text(findings, may_colour())));
 }
 
-int status(const DaemonConfig &config, const StatusOptions &options)
+// All that is told of the host. `applications` are filled in as far as the store may be read.
+HostFacts look(const DaemonConfig &config, const std::string &proc, std::vector<ApplicationRow> &applications)
 {
-	auto refusal = access_refusal(config);
-	std::vector<ApplicationRow> applications;
 	std::unique_ptr<Reader> store;
-	if (!refusal && has_store(config)) {
+	if (!access_refusal(config) && has_store(config)) {
 		store = open_reader(config);
 		applications = store->applications();
 	}
-	const HostFacts facts = host_state(config, store.get(), applications, options.proc);
-	if (refusal && !facts.daemon.answers) throw std::runtime_error(*refusal);
+	return host_state(config, store.get(), applications, proc);
+}
+
+int status(const DaemonConfig &config, const StatusOptions &options)
+{
+	std::vector<ApplicationRow> applications;
+	const HostFacts facts = look(config, options.proc, applications);
+	if (auto refusal = access_refusal(config); refusal && !facts.daemon.answers) throw std::runtime_error(*refusal);
 	const auto findings = findings_of(facts);
 	if (options.json)
 		put(json_text(host_json(facts, findings, applications), true));
@@ -63,6 +68,13 @@ int status(const DaemonConfig &config, const StatusOptions &options)
 }
 
 } // namespace
+
+std::string status_json(const DaemonConfig &config)
+{
+	std::vector<ApplicationRow> applications;
+	const HostFacts facts = look(config, StatusOptions().proc, applications);
+	return json_text(host_json(facts, findings_of(facts), applications), false);
+}
 
 CommandRun add_status(CLI::App &command)
 {

@@ -8,6 +8,7 @@ namespace quorbit {
 CommandRun add_web(CLI::App &command)
 {
 	auto options = std::make_shared<WebOptions>();
+	options->status = status_json;
 	command.add_option("--listen", options->listen, "ADDRESS:PORT, or unix:PATH")->capture_default_str();
 	command.add_option("--host", options->hosts, "a name under which a web server in front passes it on");
 	command.add_option("--password-file", options->password_file, "its first line takes the place of the token");

@@ -118,10 +118,12 @@ Json group_json(const StatementGroup &group)
 {
 	const Json plan = embedded(group.plan);
 	const std::string finding = plan.is_object() ? plan_finding(plan) : "";
+	const std::string suggestion = finding.empty() ? "" : plan_suggestion(plan, group.slowest.statement, group.kind);
 	return {{"kind", group.kind}, {"vendor", group.slowest.vendor}, {"count", group.count},
 		{"total_ms", group.total_ms}, {"slowest_ms", group.slowest.duration_ms}, {"slowest", group.slowest.statement},
 		{"place", group.place()}, {"places", group.places}, {"stack", embedded(group.stack)}, {"plan", plan},
-		{"finding", finding.empty() ? Json() : Json(finding)}};
+		{"finding", finding.empty() ? Json() : Json(finding)},
+		{"suggestion", suggestion.empty() ? Json() : Json(suggestion)}};
 }
 
 } // namespace

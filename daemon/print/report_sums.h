@@ -33,8 +33,22 @@ struct KeyReport {
 	std::vector<SeriesPoint> series;
 	std::vector<std::pair<SumKey, SumAnswer>> related; // actions of a query; queries, calls, errors of an action
 };
+// Asks for all of it; nothing when the key is not known any more.
+std::optional<KeyReport> key_report(Reader &store, SumKey key, int64_t id, const TimeRange &range);
+// The length of so many parts of a range, in whole minutes, of long ones in whole hours.
+int64_t step_of(const TimeRange &range, int64_t points);
 std::string key_text(const KeyReport &report, size_t width, int64_t now_wall_ms);
 Json key_json(const KeyReport &report);
+
+// Sums part by part of a range, and the releases in it.
+struct SeriesReport {
+	TimeRange range;
+	int64_t step_ms = 0;
+	std::vector<SeriesPoint> points;
+	std::vector<ReleaseRow> releases;
+	bool durations = false; // of each part, how many took how long
+};
+Json series_json(const SeriesReport &report);
 
 std::string comparison_text(const Comparison &comparison, size_t width);
 Json comparison_json(const Comparison &comparison);

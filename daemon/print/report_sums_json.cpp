@@ -102,6 +102,17 @@ Json range_json(const TimeRange &range)
 	return {{"from", utc_time(range.from_ms)}, {"until", utc_time(range.until_ms)}};
 }
 
+// [[microseconds, how many], ...]
+Json durations_json(const Histogram &durations)
+{
+	Json list = Json::array();
+	for (size_t i = 0; i < durations.counts().size(); i++) {
+		const int64_t count = durations.counts()[i];
+		if (count) list.push_back({Histogram::duration_of(durations.first() + static_cast<int>(i)), count});
+	}
+	return list;
+}
+
 } // namespace
 
 Json sums_json(const SumList &list)
@@ -145,6 +156,25 @@ Json key_json(const KeyReport &report)
 		series.push_back(std::move(entry));
 	}
 	for (const auto &[key, answer] : report.related) object["related"][name_of(key)] = rows_json(answer.rows);
+	return object;
+}
+
+Json series_json(const SeriesReport &report)
+{
+	Json object = range_json(report.range);
+	object["step_ms"] = report.step_ms;
+	Json &releases = object["releases"] = Json::array();
+	for (const ReleaseRow &row : report.releases) {
+		if (row.at_ms >= report.range.from_ms && row.at_ms < report.range.until_ms)
+			releases.push_back({{"at", utc_time(row.at_ms)}, {"name", row.name}, {"application", row.application}});
+	}
+	Json &points = object["points"] = Json::array();
+	for (const SeriesPoint &point : report.points) {
+		Json entry = {{"at", utc_time(point.at_ms)}};
+		entry.update(figures_json(point.sums));
+		if (report.durations) entry["durations"] = durations_json(point.sums.durations);
+		points.push_back(std::move(entry));
+	}
 	return object;
 }
 

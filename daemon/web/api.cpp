@@ -1,67 +1,17 @@
 // Routes, parameters, answers.
 #include "web/api.h"
 
-#include "base/clock.h"
 #include "print/report.h"
 #include "store/open_reader.h"
+#include "web/api_lists.h"
 
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <semaphore>
-#include <stdexcept>
 
 namespace quorbit {
 
 namespace {
-
-using Parameters = std::multimap<std::string, std::string>;
-
-// A parameter that cannot be what it is for.
-struct BadParameter : std::runtime_error {
-	using std::runtime_error::runtime_error;
-};
-
-const std::string &text_of(const Parameters &parameters, const std::string &name)
-{
-	static const std::string none;
-	auto found = parameters.find(name);
-	return found == parameters.end() ? none : found->second;
-}
-
-int64_t number_of(const Parameters &parameters, const std::string &name, int64_t least, int64_t most, int64_t otherwise)
-{
-	const std::string &text = text_of(parameters, name);
-	if (text.empty()) return otherwise;
-	int64_t value = 0;
-	auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-	if (error == std::errc() && end == text.data() + text.size() && value >= least && value <= most) return value;
-	throw BadParameter(name + ": expected a number from " + std::to_string(least) + " to " + std::to_string(most));
-}
-
-// "since", a span of time that ends now, or "from" and "until" in milliseconds since 1970.
-TimeRange range_of(const Parameters &parameters)
-{
-	constexpr int64_t most_ms = int64_t{1} << 53;
-	const std::string &since = text_of(parameters, "since");
-	if (since.empty())
-		return {number_of(parameters, "from", 0, most_ms, 0), number_of(parameters, "until", 0, most_ms, most_ms)};
-	auto seconds = parse_seconds(since);
-	if (!seconds) throw BadParameter("since: expected a time such as 90s, 15m, 2h or 7d");
-	return {wall_clock_ms() - *seconds * 1000, most_ms};
-}
-
-ActionFilter filter_of(const Parameters &parameters)
-{
-	return {range_of(parameters), text_of(parameters, "app"), number_of(parameters, "after", 0, INT64_MAX, 0)};
-}
-
-std::string requests(Reader &store, const Parameters &parameters)
-{
-	const ActionQuestion question{filter_of(parameters), ActionOrder::newest, number_of(parameters, "n", 1, 1000, 20)};
-	Json list = Json::array();
-	store.each_action(question, [&list](const ActionRow &row) { list.push_back(action_summary(row)); });
-	return json_text(list, false);
-}
 
 struct Route {
 	std::string_view path;
@@ -69,7 +19,9 @@ struct Route {
 };
 
 constexpr Route routes[] = {
-	{"requests", requests},
+	{"requests", api_requests},
+	{"top", api_top},
+	{"series", api_series},
 };
 
 // What is asked of one request: /requests/ID, /requests/ID/elements, ...
@@ -104,12 +56,21 @@ ApiAnswer answer_request(Reader &store, std::string_view path)
 	return nothing_here();
 }
 
+ApiAnswer answer_key(Reader &store, std::string_view path, const Parameters &parameters)
+{
+	const std::string text = api_key(store, path, parameters);
+	return text.empty() ? api_error(404, "there is no such key (it may not have been seen for long)")
+						: ApiAnswer{200, text};
+}
+
 ApiAnswer answer(const DaemonConfig &config, std::string_view path, const Parameters &parameters)
 {
+	constexpr std::string_view one_key = "keys/";
 	constexpr std::string_view one_request = "requests/";
 	for (const Route &route : routes) {
 		if (path == route.path) return {200, route.answer(*open_reader(config), parameters)};
 	}
+	if (path.starts_with(one_key)) return answer_key(*open_reader(config), path.substr(one_key.size()), parameters);
 	if (!path.starts_with(one_request)) return nothing_here();
 	return answer_request(*open_reader(config), path.substr(one_request.size()));
 }
@@ -121,16 +82,22 @@ ApiAnswer api_error(int status, const std::string &message)
 	return {status, json_text(Json{{"error", message}}, false)};
 }
 
-ApiAnswer answer_api(const DaemonConfig &config, const std::string &path, const Parameters &parameters)
+ApiAnswer answer_api(const ApiSource &source, const std::string &path, const Parameters &parameters)
 {
 	// What one large request takes in memory is taken twice at most.
 	static std::counting_semaphore<2> turns(2);
-	constexpr size_t prefix = std::string_view("/api/v1/").size();
+	constexpr std::string_view prefix = "/api/v1/";
+	if (!path.starts_with(prefix)) return nothing_here();
 	turns.acquire();
 	ApiAnswer found;
 	try {
-		found = has_store(config) ? answer(config, std::string_view(path).substr(prefix), parameters)
-								  : api_error(503, "nothing has been received yet");
+		const std::string_view question = std::string_view(path).substr(prefix.size());
+		if (question == "status")
+			found = {200, source.status(source.config)};
+		else if (has_store(source.config))
+			found = answer(source.config, question, parameters);
+		else
+			found = api_error(503, "nothing has been received yet");
 	} catch (const BadParameter &bad) {
 		found = api_error(400, bad.what());
 	} catch (const std::exception &failure) {

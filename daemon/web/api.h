@@ -3,6 +3,7 @@
 
 #include "base/config.h"
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -13,10 +14,15 @@ struct ApiAnswer {
 	std::string body; // JSON in ASCII
 };
 
+struct ApiSource {
+	DaemonConfig config;
+	std::function<std::string(const DaemonConfig &config)> status; // what `quorbit status --json` prints
+};
+
 // The answer to a GET of `path`, which begins with "/api/v1/", with these parameters of the query. Asks the store, and
 // changes nothing. May be called from many threads.
 ApiAnswer answer_api(
-	const DaemonConfig &config, const std::string &path, const std::multimap<std::string, std::string> &parameters);
+	const ApiSource &source, const std::string &path, const std::multimap<std::string, std::string> &parameters);
 
 // {"error": message}
 ApiAnswer api_error(int status, const std::string &message);

@@ -2,7 +2,6 @@
 #include "web/handlers.h"
 
 #include "base/version.h"
-#include "web/api.h"
 #include "web/gate.h"
 #include "web/page.h"
 #include "print/report.h"
@@ -139,7 +138,7 @@ private:
 		}
 		if (request.method == "POST") return order(request, session, cookie, response);
 		if (request.path == login_path) return send(response, {200, about(session ? &*session : nullptr)});
-		send(response, answer_api(served_.config, request.path, request.params));
+		send(response, answer_api(served_.source, request.path, request.params));
 	}
 
 	void order(

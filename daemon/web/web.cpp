@@ -111,7 +111,7 @@ int run_web(const DaemonConfig &config, const WebOptions &options)
 	BoundedServer server;
 	bind(server, address);
 	become_owner_of(config.folder());
-	add_handlers(server, {config, sessions, allowed_hosts(address, options.hosts), address.port});
+	add_handlers(server, {{config, options.status}, sessions, allowed_hosts(address, options.hosts), address.port});
 	introduce(address, options, sessions);
 	OpenedBrowser browser;
 	if (options.open) browser.open(address.origin() + "/login#" + sessions.link_token());

@@ -3,6 +3,7 @@
 
 #include "base/config.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,8 @@ struct WebOptions {
 	std::string listen = "127.0.0.1:7180";
 	std::vector<std::string> hosts; // names under which it may be asked, beside its own address
 	std::string password_file;      // "" for a token of its own
-	bool open = false;              // in a browser
+	std::function<std::string(const DaemonConfig &config)> status; // for the API: the state of the host as JSON
+	bool open = false;                                             // in a browser
 };
 
 // Serves until SIGINT or SIGTERM, as the owner of the store's folder when root starts it; returns the exit status.

@@ -62,7 +62,7 @@ def server(store):
 def page(server):
     driver = web.browser()
     driver.get(server.link)
-    wait_until(lambda: texts(driver, "h1") == ["Requests"], "the list behind the link")
+    wait_until(lambda: texts(driver, "h1") == ["Overview"], "the first view behind the link")
     driver.get_log("browser")                              # of before the link was used
     yield driver
     driver.quit()
@@ -89,6 +89,32 @@ def test_numbers_on_the_page_and_of_the_api_are_those_of_the_commands(store, ser
     assert server.json("requests/1/events") == store.command("show", "1", "--format", "chrome")
     assert server.json("requests/1/statements")[0]["count"] == len(one["statements"]) == 40
     assert f"{rows[-1]['duration_ms']} ms" in texts(opened(page, server, "/requests/1", ".facts"), ".facts")[0]
+
+
+def test_sums_on_the_page_are_those_of_top(store, server, page):
+    def rows(answer):
+        return [{name: value for name, value in row.items() if name not in ("trend", "actions")} for row in answer["rows"]]
+    for by in "action", "query", "error":
+        asked, told = server.json(f"top?by={by}&since=1h"), store.command("top", "--by", by, "--since", "1h", "--json")
+        assert (rows(asked), asked["all"]) == (rows(told), told["all"]) and asked["rows"]
+    top = server.json("top")
+    assert server.json(f"keys/action/{top['rows'][0]['id']}")["count"] == 1
+    points = server.json("series?by=application&heat=1")["points"]
+    assert [sum(point[name] for point in points) for name in ("count", "total_us")] == [top["all"]["count"], top["all"]["total_us"]]
+    assert sum(number for point in points for _, number in point["durations"]) == 3
+    opened(page, server, "/overview", "tbody tr")
+    assert texts(page, "dd")[0] == str(top["all"]["count"])
+    assert len(texts(page, "figure canvas")) == 3
+
+
+def test_the_overview_leads_to_the_line_that_runs_the_query_in_three_clicks(server, page):
+    opened(page, server, "/overview", "tbody tr")
+    clicks = [("a", "WebAction/shop/products", ".heat-cells a"), (".columns a", None, ".wf-row"), (".standsout .link", None, ".statement")]
+    for selector, text, then in clicks:
+        found = [link for link in page.find_elements(By.CSS_SELECTOR, selector) if text in (None, link.text)]
+        found[0].click()
+        wait_until(lambda: texts(page, then), then)
+    assert "at /app/shop.php:25" in texts(page, ".statement h2")[0] and "scans the table reviews" in texts(page, ".statement")[0]
 
 
 def test_a_repeated_query_is_one_bar_with_its_line_its_plan_and_the_finding(server, page):
@@ -135,8 +161,10 @@ def test_texts_of_packets_stay_texts(server, page):
         assert page.execute_script("return [window.ran, document.querySelectorAll('#app img, #app script').length]") == [None, 0]
         assert SEEN in texts(page, "h1")[0]
         assert tab in ("flame",) or SEEN in texts(page, "[role=tabpanel]")[0]
-    opened(page, server, "/requests", "tbody tr")
-    assert SEEN in texts(page, "tbody")[0] and page.execute_script("return window.ran") is None
+    for path in "/requests", "/overview", "/queries", "/errors":
+        opened(page, server, path, "tbody tr")
+        assert SEEN in texts(page, "tbody")[0]
+    assert page.execute_script("return window.ran") is None
     assert not page.get_log("browser")
 
 
@@ -144,7 +172,8 @@ def test_texts_of_packets_stay_texts(server, page):
 def test_every_view_is_for_everyone(server, page, width, dark):
     web.looks(page, width, dark)
     page.execute_cdp_cmd("Page.setBypassCSP", {"enabled": True})
-    for path, selector in [("/requests", "tbody tr"), ("/requests/1", ".wf-row"), ("/requests/1?tab=functions", "tbody tr"),
+    for path, selector in [("/overview", "tbody tr"), ("/actions/1", ".heat-cells a"), ("/queries", "tbody tr"), ("/errors", "tbody tr"), ("/services", ".state"),
+                           ("/status", "h2"), ("/requests", "tbody tr"), ("/requests/1", ".wf-row"), ("/requests/1?tab=functions", "tbody tr"),
                            ("/requests/1?tab=statements", ".sql"), ("/requests/1?tab=details", "[role=tabpanel]"), ("/requests?since=15m&app=none", ".state p")]:
         opened(page, server, path, selector)
         assert page.execute_script("return document.documentElement.scrollWidth <= innerWidth"), path
@@ -164,7 +193,7 @@ def test_what_a_request_must_show(server):
         (200, "GET", "/api/v1/requests", {"Host": f"LOCALHOST:{server.port}"}),
         (401, "GET", "/api/v1/requests", {"token": False}), (401, "GET", "/api/v1/requests", {"Authorization": "Bearer "}),
         (403, "GET", "/api/v1/requests", {"Origin": "http://127.0.0.1:1"}), (403, "GET", "/api/v1/requests", {"Sec_Fetch_Site": "same-site"}),
-        (200, "GET", "/api/v1/requests", {"Origin": f"http://{own}"}), (404, "GET", "/api/v1/nothing", {}), (404, "GET", "/api/v1/requests/9999", {}),
+        (200, "GET", "/api/v1/requests", {"Origin": f"http://{own}"}), (404, "GET", "/api/v1/nothing", {}), (404, "GET", "/api/v2/requests", {}), (404, "GET", "/api/v1/requests/9999", {}),
         (400, "GET", "/api/v1/requests?n=0", {}), (400, "GET", "/api/v1/requests?since=1w", {}),
         (405, "PUT", "/api/v1/session", {}), (405, "POST", "/requests", kind), (405, "OPTIONS", "/api/v1/requests", {}),
         (415, "POST", "/api/v1/session", {"Content_Type": "text/plain", "body": "{}"}), (403, "POST", "/api/v1/session/end", kind),

@@ -7,15 +7,26 @@ import { html } from './html.js';
 import { go, useAddress } from './router.js';
 import { zone } from './format.js';
 import { Login } from './views/login.js';
+import { keyView } from './views/key.js';
+import { Overview } from './views/overview.js';
+import { Errors, Queries, Services } from './views/sums.js';
+import { Status } from './views/status.js';
 import { Requests } from './views/requests.js';
 import { Request } from './views/request.js';
 
 // Views by the first part of the path; those with a title stand in the navigation. The rest of the path is `id`.
 const views = [
+  { path: 'overview', title: 'Overview', view: Overview },
   { path: 'requests', title: 'Requests', view: Requests, one: Request },
+  { path: 'queries', title: 'Queries', view: Queries, one: keyView('query') },
+  { path: 'errors', title: 'Errors', view: Errors, one: keyView('error') },
+  { path: 'services', title: 'Services', view: Services, one: keyView('external') },
+  { path: 'status', title: 'Status', view: Status },
+  { path: 'actions', one: keyView('action') },
+  { path: 'caches', one: keyView('cache') },
 ];
 
-const titleOf = view => (view ? `${view.title} – Quorbit` : 'Quorbit');
+const titleOf = view => (view?.title ? `${view.title} – Quorbit` : 'Quorbit');
 
 function Frame({ onLeave }) {
   const { path, parameters } = useAddress();
@@ -35,7 +46,7 @@ function Frame({ onLeave }) {
     <header>
       <a class="brand" href="/">Quorbit</a>
       <nav aria-label="Views">
-        ${views.map(entry => html`<a key=${entry.path} href=${`/${entry.path}`} aria-current=${entry === view ? 'page' : undefined}>${entry.title}</a>`)}
+        ${views.filter(entry => entry.title).map(entry => html`<a key=${entry.path} href=${`/${entry.path}`} aria-current=${entry === view ? 'page' : undefined}>${entry.title}</a>`)}
       </nav>
       <span class="zone" title="Times are in this zone">${zone}</span>
       <button class="quiet" onClick=${leave}>Log out</button>

@@ -69,7 +69,7 @@ export function Flame({ frames, label }) {
   const [width, setWidth] = useState(800);
   const boxes = placed(frames, root, width);
   useLayoutEffect(() => {
-    const seen = new ResizeObserver(() => setWidth(canvas.current.clientWidth));
+    const seen = new ResizeObserver(([{ contentRect }]) => setWidth(contentRect.width));
     seen.observe(canvas.current);
     return () => seen.disconnect();
   }, []);

@@ -115,7 +115,7 @@ export function Waterfall({ nodes, onSelect }) {
   const at = Math.max(0, Math.min(selected, rows.length - 1));
 
   useLayoutEffect(() => {
-    const seen = new ResizeObserver(() => setHeight(body.current.clientHeight));
+    const seen = new ResizeObserver(([{ contentRect }]) => setHeight(contentRect.height));
     seen.observe(body.current);
     performance.mark('waterfall'); // how long a trace takes until it is seen
     return () => seen.disconnect();

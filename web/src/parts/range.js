@@ -3,7 +3,7 @@ import { html } from '../html.js';
 import { fullTime } from '../format.js';
 import { address, go } from '../router.js';
 
-const spans = [['15m', '15 minutes'], ['1h', '1 hour'], ['6h', '6 hours'], ['24h', '24 hours'], ['3d', '3 days'], ['30d', '30 days'], ['', 'All']];
+const spans = [['15m', '15 minutes'], ['1h', '1 hour'], ['6h', '6 hours'], ['24h', '24 hours'], ['3d', '3 days'], ['30d', '30 days'], ['90d', '90 days'], ['', 'All']];
 
 export function Range({ path, parameters, otherwise = '' }) {
   const { since, from, until, ...rest } = parameters;
@@ -12,6 +12,6 @@ export function Range({ path, parameters, otherwise = '' }) {
   return html`<label class="range">Range
     <select value=${chosen} onChange=${choose}>
       ${chosen === 'between' && html`<option value="between">${from ? fullTime(Number(from)) : '…'} to ${until ? fullTime(Number(until)) : 'now'}</option>`}
-      ${spans.map(([value, name]) => html`<option key=${value} value=${value}>${name}</option>`)}
+      ${spans.filter(([value]) => value || !otherwise).map(([value, name]) => html`<option key=${value} value=${value}>${name}</option>`)}
     </select></label>`;
 }

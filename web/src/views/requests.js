@@ -27,14 +27,24 @@ function Row({ row, longest }) {
   </tr>`;
 }
 
+// What else narrows the list, in words; each is taken away by a click.
+const narrowings = [
+  ['name', value => actionName(value.replace(/\[(.)\]/g, '$1'))], ['path', value => value], ['slower', value => `from ${duration(Number(value))}`],
+  ['faster', value => `below ${duration(Number(value))}`], ['errors', () => 'with errors'], ['sort', () => 'slowest first'],
+];
+
 export function Requests({ parameters }) {
-  const { app, since, from, until, n = '100' } = parameters;
-  const answer = useQuestion('requests', { app, since, from, until, n }, LIVE_MS);
+  const { n = '100', ...asked } = parameters;
+  const { app } = parameters;
+  const answer = useQuestion('requests', { ...asked, n }, LIVE_MS);
   const rows = answer.data ?? [];
   const longest = Math.max(1, ...rows.map(durationOf));
   return html`
     <div class="title"><h1>Requests</h1>
       ${app && html`<a class="chip" href=${address('/requests', { ...parameters, app: '' })} aria-label=${`${app}: show all applications`}>${app} ×</a>`}
+      ${narrowings.filter(([key]) => parameters[key]).map(([key, words]) => html`<a key=${key} class="chip" href=${address('/requests', { ...parameters, [key]: '' })}>${words(parameters[key])} ×</a>`)}
+      ${!parameters.errors && html`<a class="chip" href=${address('/requests', { ...parameters, errors: 1 })}>with errors</a>`}
+      ${!parameters.sort && html`<a class="chip" href=${address('/requests', { ...parameters, sort: 'duration' })}>slowest first</a>`}
       <${Range} path="/requests" parameters=${parameters} /></div>
     <${State} answer=${answer} empty=${rows.length === 0 && html`<p>No request in this range.</p>
       <p>Choose a longer one, or send a request to an application with the agent loaded. <code>quorbit status</code> says what to check when nothing comes.</p>`}>

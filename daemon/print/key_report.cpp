@@ -1,0 +1,53 @@
+// Asking for all that is told of one key.
+#include "print/report_sums.h"
+
+namespace quorbit {
+
+namespace {
+
+// What is told of a key beside itself.
+std::vector<SumKey> related_to(SumKey key)
+{
+	switch (key) {
+	case SumKey::action: return {SumKey::query, SumKey::external, SumKey::cache, SumKey::error};
+	case SumKey::query:
+	case SumKey::error:
+	case SumKey::external:
+	case SumKey::cache: return {SumKey::action};
+	default: return {};
+	}
+}
+
+} // namespace
+
+int64_t step_of(const TimeRange &range, int64_t points)
+{
+	constexpr int64_t minute_ms = 60000, hour_ms = 3600000;
+	const int64_t length_ms = range.until_ms - range.from_ms;
+	if (length_ms > points * hour_ms / 2) return std::max(length_ms / points / hour_ms * hour_ms, hour_ms);
+	return std::max(length_ms / points / minute_ms * minute_ms, minute_ms);
+}
+
+std::optional<KeyReport> key_report(Reader &store, SumKey key, int64_t id, const TimeRange &range)
+{
+	auto facts = store.key(key, id);
+	if (!facts) return std::nullopt;
+	constexpr int64_t points = 24;
+	SumQuestion question;
+	question.key = key;
+	question.filter.range = range;
+	question.filter.id = id;
+	const SumAnswer answer = store.sums(question);
+	KeyReport report{key, answer.rows.empty() ? SumRow{*facts, {}} : answer.rows[0], answer.range, {}, {}};
+	report.series = store.series({key, question.filter, step_of(answer.range, points)});
+	for (SumKey other : related_to(key)) {
+		SumQuestion related;
+		related.key = other;
+		related.filter.range = range;
+		related.filter.within = id;
+		report.related.emplace_back(other, store.sums(related));
+	}
+	return report;
+}
+
+} // namespace quorbit

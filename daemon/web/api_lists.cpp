@@ -1,0 +1,141 @@
+// From parameters to questions, from answers to JSON.
+#include "web/api_lists.h"
+
+#include "base/clock.h"
+#include "print/report.h"
+#include "print/report_sums.h"
+
+#include <algorithm>
+#include <charconv>
+#include <nlohmann/json.hpp>
+
+namespace quorbit {
+
+namespace {
+
+constexpr int64_t minute_ms = 60000;
+constexpr int64_t most_points = 90;
+constexpr int64_t trend_points = 24;
+
+const std::string &text_of(const Parameters &parameters, const std::string &name)
+{
+	static const std::string none;
+	auto found = parameters.find(name);
+	return found == parameters.end() ? none : found->second;
+}
+
+int64_t number_of(const Parameters &parameters, const std::string &name, int64_t least, int64_t most, int64_t otherwise)
+{
+	const std::string &text = text_of(parameters, name);
+	if (text.empty()) return otherwise;
+	int64_t value = 0;
+	auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+	if (error == std::errc() && end == text.data() + text.size() && value >= least && value <= most) return value;
+	throw BadParameter(name + ": expected a number from " + std::to_string(least) + " to " + std::to_string(most));
+}
+
+// "since", a span of time that ends now, or "from" and "until" in milliseconds since 1970.
+TimeRange range_of(const Parameters &parameters)
+{
+	constexpr int64_t most_ms = int64_t{1} << 53;
+	const std::string &since = text_of(parameters, "since");
+	if (since.empty())
+		return {number_of(parameters, "from", 0, most_ms, 0), number_of(parameters, "until", 0, most_ms, most_ms)};
+	auto seconds = parse_seconds(since);
+	if (!seconds) throw BadParameter("since: expected a time such as 90s, 15m, 2h or 7d");
+	return {wall_clock_ms() - *seconds * 1000, most_ms};
+}
+
+// The same for sums, which end with the present minute, and begin an hour ago unless told otherwise.
+TimeRange range_of_sums(const Parameters &parameters)
+{
+	TimeRange range = range_of(parameters);
+	const int64_t now_ms = wall_clock_ms();
+	range.until_ms = std::min(range.until_ms, now_ms / minute_ms * minute_ms + minute_ms);
+	if (range.from_ms == 0) range.from_ms = range.until_ms - 60 * minute_ms;
+	range.from_ms = std::min(range.from_ms, range.until_ms - minute_ms);
+	return range;
+}
+
+ActionFilter filter_of(const Parameters &parameters)
+{
+	ActionFilter filter;
+	filter.range = range_of(parameters);
+	filter.application = text_of(parameters, "app");
+	filter.after_id = number_of(parameters, "after", 0, INT64_MAX, 0);
+	filter.name_glob = text_of(parameters, "name");
+	filter.path_glob = text_of(parameters, "path");
+	filter.errors = text_of(parameters, "errors") == "1";
+	filter.least_us = number_of(parameters, "slower", 0, INT64_MAX, 0);
+	filter.below_us = number_of(parameters, "faster", 0, INT64_MAX, INT64_MAX);
+	return filter;
+}
+
+SumKey key_of(const Parameters &parameters)
+{
+	const std::string &by = text_of(parameters, "by");
+	auto key = sum_key_of(by.empty() ? "action" : by);
+	if (!key)
+		throw BadParameter("by: expected action, path, query, error, external, cache, component, application or host");
+	return *key;
+}
+
+} // namespace
+
+std::string api_requests(Reader &store, const Parameters &parameters)
+{
+	ActionQuestion question{filter_of(parameters), ActionOrder::newest, number_of(parameters, "n", 1, 1000, 20)};
+	if (text_of(parameters, "sort") == "duration") question.order = ActionOrder::slowest;
+	Json list = Json::array();
+	store.each_action(question, [&list](const ActionRow &row) { list.push_back(action_summary(row)); });
+	return json_text(list, false);
+}
+
+std::string api_top(Reader &store, const Parameters &parameters)
+{
+	SumList list;
+	list.question.key = key_of(parameters);
+	list.question.filter.range = range_of_sums(parameters);
+	list.question.filter.application = text_of(parameters, "app");
+	list.question.filter.name_glob = text_of(parameters, "name");
+	const std::string &sort = text_of(parameters, "sort");
+	auto order = sum_order_of(sort.empty() ? "total" : sort);
+	if (!order) throw BadParameter("sort: expected total, count, avg, p95, p99, errors or statements");
+	list.question.order = *order;
+	list.question.most = number_of(parameters, "n", 1, 1000, 100);
+	list.question.trend_points = trend_points;
+	list.answer = store.sums(list.question);
+	return json_text(sums_json(list), false);
+}
+
+std::string api_series(Reader &store, const Parameters &parameters)
+{
+	SeriesQuestion question;
+	question.key = key_of(parameters);
+	question.filter.range = range_of_sums(parameters);
+	question.filter.application = text_of(parameters, "app");
+	question.filter.id = number_of(parameters, "id", 0, INT64_MAX, 0);
+	question.step_ms = step_of(question.filter.range, most_points);
+	SeriesReport report;
+	report.range = question.filter.range;
+	report.step_ms = question.step_ms;
+	report.points = store.series(question);
+	report.releases = store.releases(question.filter.application);
+	report.durations = text_of(parameters, "heat") == "1";
+	return json_text(series_json(report), false);
+}
+
+std::string api_key(Reader &store, std::string_view path, const Parameters &parameters)
+{
+	const size_t slash = path.find('/');
+	auto key = slash == std::string_view::npos ? std::nullopt : sum_key_of(path.substr(0, slash));
+	if (!key) return {};
+	const std::string_view number = path.substr(slash + 1);
+	int64_t id = 0;
+	auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), id);
+	if (error != std::errc() || end != number.data() + number.size()) return {};
+	auto report = key_report(store, *key, id, range_of_sums(parameters));
+	return report ? json_text(key_json(*report), false) : "";
+}
+
+} // namespace quorbit

@@ -1,0 +1,26 @@
+// The lists of the API: requests, sums, one key of them, sums over time.
+#pragma once
+
+#include "store/reader.h"
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+namespace quorbit {
+
+using Parameters = std::multimap<std::string, std::string>;
+
+// A parameter that cannot be what it is for; says which and why.
+struct BadParameter : std::runtime_error {
+	using std::runtime_error::runtime_error;
+};
+
+// Each returns JSON in ASCII and throws BadParameter.
+std::string api_requests(Reader &store, const Parameters &parameters);
+std::string api_top(Reader &store, const Parameters &parameters);
+std::string api_series(Reader &store, const Parameters &parameters);
+// `path` is "KIND/ID". "" when there is no such key.
+std::string api_key(Reader &store, std::string_view path, const Parameters &parameters);
+
+} // namespace quorbit

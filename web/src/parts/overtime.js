@@ -1,0 +1,36 @@
+// The three charts that tell how a sum went over time: how many, how long, and in which layer.
+import { useMemo } from 'preact/hooks';
+import { Chart } from '../charts/series.js';
+import { html } from '../html.js';
+import { count, duration } from '../format.js';
+import { layers } from '../layers.js';
+import { address, go } from '../router.js';
+
+// One point for every part of the range, also for those in which nothing was.
+function filled({ from, until, step_ms: step, points }) {
+  const found = new Map(points.map(point => [Date.parse(point.at), point]));
+  const first = Math.floor(Date.parse(from) / step) * step;
+  const times = [];
+  for (let at = first; at < Date.parse(until); at += step) times.push(at);
+  return { times, points: times.map(at => found.get(at)) };
+}
+
+export function OverTime({ series, path, parameters, layered = true }) {
+  const { times, points } = useMemo(() => filled(series), [series]);
+  const marks = useMemo(() => (series.releases ?? []).map(({ at, name }) => ({ at: Date.parse(at), name })), [series]);
+  const from = times[0] ?? Date.parse(series.from), until = Math.max(Date.parse(series.until), from + series.step_ms);
+  const zoom = (left, right) => go(address(path, { ...parameters, since: '', from: left, until: Math.max(right, left + 60000) }));
+  const shared = { times, marks, from, until, onZoom: zoom };
+  const per = key => points.map(point => (point ? point[key] / (series.step_ms / 60000) : 0));
+  const took = key => points.map(point => (point ? point[key] : null));
+  const lines = useMemo(() => ({
+    many: [{ name: 'per minute', colour: 'accent', values: per('count') }, { name: 'errors', colour: 'bad', dash: [4, 2], values: per('errors') }],
+    long: [{ name: 'p50', colour: 'cache', values: took('p50_us') }, { name: 'p95', colour: 'external', values: took('p95_us') }, { name: 'p99', colour: 'waiting', dash: [4, 2], values: took('p99_us') }],
+    where: layers.map(layer => ({ name: layer.name, colour: layer.key, values: points.map(point => (point?.count ? point[`${layer.key}_us`] / point.count : 0)) })).filter(line => line.values.some(value => value > 0)),
+  }), [points]);
+  return html`<div class="charts">
+    <${Chart} ...${shared} title="How many" lines=${lines.many} format=${value => count(Math.round(value * 100) / 100)} />
+    <${Chart} ...${shared} title="How long" lines=${lines.long} format=${duration} />
+    ${layered && lines.where.length > 0 && html`<${Chart} ...${shared} title="Where, on average" lines=${lines.where} area=${true} format=${duration} />`}
+  </div>`;
+}
