@@ -82,9 +82,9 @@ static char *uncaught_class(const char *msg)
 		return NULL;
 	}
 	start += sizeof(before) - 1;
-	static const char behind[] = "' with message";
+	static const char after[] = "' with message";
 	const char *end = strchr(start, '\''); /* no class name has a quote: the next one ends it */
-	if (!end || strncmp(end, behind, sizeof(behind) - 1) != 0) {
+	if (!end || strncmp(end, after, sizeof(after) - 1) != 0) {
 		return NULL;
 	}
 	return estrndup(start, (uint)(end - start));

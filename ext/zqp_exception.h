@@ -5,7 +5,7 @@
 
 #include "zqp_helper.h"
 
-/* One block with its texts, from malloc: some are made behind "Allowed memory size exhausted", and a failed statement
+/* One block with its texts, from malloc: some are made after "Allowed memory size exhausted", and a failed statement
  * may be as long as all that the script has left. */
 typedef struct error_element {
 	char *msg;

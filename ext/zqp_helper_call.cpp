@@ -78,7 +78,7 @@ static void step_back(const script_state *saved TSRMLS_DC)
 	ZQG(in_agent_call) = saved->in_agent_call;
 	EG(error_handling) = saved->error_handling;
 	EG(ticks_count) = saved->ticks_count;
-	if (saved->tick_functions) { /* the tail stayed: what the callee registered has come behind them */
+	if (saved->tick_functions) { /* the tail stayed: what the callee registered has come after them */
 		PG(tick_functions).head = saved->tick_functions;
 	}
 	EG(user_error_handler) = saved->error_handler;

@@ -42,11 +42,11 @@ static int read_fields(const char *at, size_t len, int64_t (&fields)[FIELDS])
 			at += strcspn(at, " ");
 			continue;
 		}
-		auto [behind, error] = std::from_chars(at, end, fields[i]);
+		auto [after, error] = std::from_chars(at, end, fields[i]);
 		if (error != std::errc()) {
 			return -1;
 		}
-		at = behind;
+		at = after;
 	}
 	return 0;
 }

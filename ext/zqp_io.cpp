@@ -46,6 +46,11 @@ void zq_append_record(smart_str *p, int type, const char *body, size_t len)
 	zq_append(p, body, len);
 }
 
+void zq_append_text_record(smart_str *p, int type, const char *text)
+{
+	zq_append_record(p, type, text, text ? strlen(text) : 0);
+}
+
 void zq_fill_length(smart_str *p, size_t record)
 {
 	put_header(p->c + record, ((uint32_t)(unsigned char)p->c[record] << 24) | (uint32_t)(p->len - record - 4));

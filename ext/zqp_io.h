@@ -47,6 +47,8 @@ void zq_append_header(smart_str *p, int type, size_t len);
 void zq_fill_length(smart_str *p, size_t record);
 /* Appends a complete record. */
 void zq_append_record(smart_str *p, int type, const char *body, size_t len);
+/* The same of a text; null is an empty one. */
+void zq_append_text_record(smart_str *p, int type, const char *text);
 /* Writes header bytes over the first four bytes of a finished packet. */
 void zq_fill_packet_header(smart_str *p, int type);
 /* Records of the daemon's environment and configuration: "item=value"; a null value leaves nothing after the "=". */

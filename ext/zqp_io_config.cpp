@@ -49,30 +49,25 @@ void app_cfg_info_dtor(void *ele)
 
 /* ---- records ----------------------------------------------------------------------------------------------------- */
 
-static int ini_number(const char *key)
-{
-	return (int)zend_ini_long((char *)key, (uint)strlen(key) + 1, 0);
-}
-
 static app_cfg_info *record_from_settings(void)
 {
 	app_cfg_info *rec = (app_cfg_info *)calloc(1, sizeof(*rec));
 	if (!rec) {
 		return NULL;
 	}
-	rec->agent_enabled = ini_number("zqs.agent_enabled");
+	rec->agent_enabled = zq_ini_number("zqs.agent_enabled");
 	rec->auto_action_naming = 1;
-	rec->error_collector_enabled = ini_number("zqs.error_collector.enabled");
+	rec->error_collector_enabled = zq_ini_number("zqs.error_collector.enabled");
 	rec->error_collector_record_db_errors = 1;
-	rec->action_tracer_enabled = ini_number("zqs.action_tracer.enabled");
-	rec->action_tracer_action_threshold = ini_number("zqs.action_tracer.action_threshold");
+	rec->action_tracer_enabled = zq_ini_number("zqs.action_tracer.enabled");
+	rec->action_tracer_action_threshold = zq_ini_number("zqs.action_tracer.action_threshold");
 	rec->action_tracer_stack_trace_threshold = 50;
 	rec->action_tracer_record_sql = zq_record_type_to_int(zq_ini_str("zqs.action_tracer.record_sql", ""));
-	rec->action_tracer_log_sql = ini_number("zqs.action_tracer.log_sql");
-	rec->action_tracer_slow_sql = ini_number("zqs.action_tracer.slow_sql");
-	rec->action_tracer_slow_sql_threshold = ini_number("zqs.action_tracer.slow_sql_threshold");
-	rec->action_tracer_explain_enabled = ini_number("zqs.action_tracer.explain_enabled");
-	rec->action_tracer_explain_threshold = ini_number("zqs.action_tracer.explain_threshold");
+	rec->action_tracer_log_sql = zq_ini_number("zqs.action_tracer.log_sql");
+	rec->action_tracer_slow_sql = zq_ini_number("zqs.action_tracer.slow_sql");
+	rec->action_tracer_slow_sql_threshold = zq_ini_number("zqs.action_tracer.slow_sql_threshold");
+	rec->action_tracer_explain_enabled = zq_ini_number("zqs.action_tracer.explain_enabled");
+	rec->action_tracer_explain_threshold = zq_ini_number("zqs.action_tracer.explain_threshold");
 	rec->rum_sample_ratio = 1.0;
 	rec->resource_enabled = 1;
 	rec->resource_low = 40;
@@ -211,21 +206,16 @@ void zq_app_resource_used(int percent TSRMLS_DC)
 
 /* ---- query and answer -------------------------------------------------------------------------------------------- */
 
-static void append_text_record(smart_str *p, int type, const char *text)
-{
-	zq_append_record(p, type, text, text ? strlen(text) : 0);
-}
-
 /* The query packet; the caller frees it. */
 static smart_str build_query(uint64 known_stamp TSRMLS_DC)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	smart_str packet = {};
 	zq_append_header(&packet, ZQ_PK_APPINFO, 0);
-	append_text_record(&packet, ZQ_RE_APP_NAME, g->app_name);
-	append_text_record(&packet, ZQ_RE_LICENSE, g->license);
+	zq_append_text_record(&packet, ZQ_RE_APP_NAME, g->app_name);
+	zq_append_text_record(&packet, ZQ_RE_LICENSE, g->license);
 	zq_append_record(&packet, ZQ_RE_STAMP, (const char *)&known_stamp, sizeof(known_stamp));
-	pack_write_config(&packet, "zqs.agent_enabled", ini_number("zqs.agent_enabled") == 1 ? "true" : "false");
+	pack_write_config(&packet, "zqs.agent_enabled", zq_ini_number("zqs.agent_enabled") == 1 ? "true" : "false");
 	zq_append_environment(&packet TSRMLS_CC);
 	zq_fill_packet_header(&packet, ZQ_PK_APPINFO);
 	return packet;

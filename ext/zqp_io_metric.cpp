@@ -32,11 +32,6 @@ struct spent {
 	long components;
 };
 
-void append_text_record(smart_str *p, int type, const char *text)
-{
-	zq_append_record(p, type, text, text ? strlen(text) : 0);
-}
-
 void append_number_record(smart_str *p, int type, int number)
 {
 	zq_append_record(p, type, (const char *)&number, sizeof(number));
@@ -90,13 +85,13 @@ __attribute__((format(printf, 3, 4))) void append_short_text(smart_str *p, int t
 
 void append_identity(smart_str *p TSRMLS_DC)
 {
-	append_text_record(p, ZQ_RE_APP_NAME, ZQG(app_name));
-	append_text_record(p, ZQ_RE_LICENSE, ZQG(license));
+	zq_append_text_record(p, ZQ_RE_APP_NAME, ZQG(app_name));
+	zq_append_text_record(p, ZQ_RE_LICENSE, ZQG(license));
 	if (ZQG(action_name)) {
-		append_text_record(p, ZQ_RE_ACTION_NAME, ZQG(action_name));
+		zq_append_text_record(p, ZQ_RE_ACTION_NAME, ZQG(action_name));
 	}
 	if (!g_cli && zq_request_uri(TSRMLS_C)) {
-		append_text_record(p, ZQ_RE_URI, zq_request_uri(TSRMLS_C));
+		zq_append_text_record(p, ZQ_RE_URI, zq_request_uri(TSRMLS_C));
 	}
 }
 
@@ -293,9 +288,9 @@ void append_trace(smart_str *p, int duration_ms TSRMLS_DC)
 	if (json.len < ZQ_MAX_BODY) {
 		zq_append_record(p, ZQ_RE_TRACE, json.c, json.len);
 		if (ZQG(transaction_id)) {
-			append_text_record(p, ZQ_RE_TRANSACTION_ID, ZQG(transaction_id));
+			zq_append_text_record(p, ZQ_RE_TRANSACTION_ID, ZQG(transaction_id));
 		}
-		append_text_record(p, ZQ_RE_TRACER_ID, zq_tracer_id(TSRMLS_C));
+		zq_append_text_record(p, ZQ_RE_TRACER_ID, zq_tracer_id(TSRMLS_C));
 	}
 	zq_buffer_free(&json);
 }
@@ -419,8 +414,8 @@ int get_transcation_data_item(const char *data, const char *item_name, char **ty
 		return 0;
 	}
 	/* One character between name and value, the ":", is skipped; so is an unquoted value. */
-	const char *behind = name + strlen(item_name);
-	const char *open = *behind ? strchr(behind + 1, '"') : NULL;
+	const char *after = name + strlen(item_name);
+	const char *open = *after ? strchr(after + 1, '"') : NULL;
 	if (!open) {
 		return 0;
 	}

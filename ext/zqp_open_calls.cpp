@@ -13,7 +13,7 @@ static const unsigned MOST_NOTED = 10 * ZQ_OPEN_CALLS;
 struct zq_ended_call {
 	zq_ended_call *next;
 	uint64 start, end;                       /* us */
-	char *cls, *func, *filename, *statement; /* behind the record; all but func may be null */
+	char *cls, *func, *filename, *statement; /* after the record; all but func may be null */
 	const char *vendor;                      /* of the statement, as sql_element has it */
 	zq_place place;                          /* that ran it, while details are kept */
 	const char *(*vendor_of)(const void *);
@@ -56,7 +56,7 @@ void zq_no_call_is_open(zend_zqprof_globals *g)
 	g->compiling_in = NULL;
 }
 
-/* Copies of the texts, one behind the other, in a new record; null when there is no memory. */
+/* Copies of the texts, one after the other, in a new record; null when there is no memory. */
 static zq_ended_call *note(const char *cls, const char *func, const char *filename, const char *statement)
 {
 	const char *texts[] = {cls, func, filename, statement};

@@ -65,7 +65,7 @@ struct zq_request : zq_app_config {
 	uint64 sum_zq_used;
 	size_t rum_write_length;
 	int rum_flag;
-	zq_page_place rum_page; /* behind what has been written of the page */
+	zq_page_place rum_page; /* after what has been written of the page */
 	int rum_header_lines;   /* line ends that are still the headers', when the writer gets them next */
 	int headers_sent;
 	int transaction_parent; /* a monitored application of the same account is the caller */

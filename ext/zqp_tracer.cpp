@@ -21,7 +21,7 @@ sql_element *sql_element_alloc(const char *db, const char *statement, char *stac
 	size_t most = strnlen(statement, ZQ_MAX_STATEMENT);
 	sql_element *element = (sql_element *)zq_list_new(sizeof(*element) + most + 1);
 	size_t len = zq_clean_statement(statement, most, own_text(element));
-	if (most - len > 64) { /* what comments took must not stay allocated behind many short statements */
+	if (most - len > 64) { /* what comments took must not stay allocated for many short statements */
 		size_t size = offsetof(zend_llist_element, data) + sizeof(*element) + len + 1;
 		element = (sql_element *)((zend_llist_element *)erealloc(zq_list_node(element), size))->data;
 	}

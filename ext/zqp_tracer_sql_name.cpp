@@ -96,8 +96,8 @@ size_t zq_clean_statement(const char *statement, size_t most, char *text)
 			if (*at == quote && at[-1] != '\\') {
 				quote = 0;
 			}
-		} else if (const char *behind = skip_comment(at); behind != at) {
-			at = behind;
+		} else if (const char *after = skip_comment(at); after != at) {
+			at = after;
 			continue;
 		} else if (*at == '\'' || *at == '"') {
 			quote = *at;
@@ -179,16 +179,16 @@ static const char *table_of_select(const char *stmt, int *table_len)
 /* The table of a statement that starts with `operation`, six letters; null when there is none. */
 static const char *table_of(const char *stmt, const char *operation, int *table_len)
 {
-	const char *behind = stmt + 6;
+	const char *after = stmt + 6;
 	switch (*operation) {
 	case 'S': return table_of_select(stmt, table_len);
-	case 'D': return find_table(behind, "FROM", table_len);
+	case 'D': return find_table(after, "FROM", table_len);
 	case 'I':
-		if (const char *table = find_table(behind, "INTO", table_len)) {
+		if (const char *table = find_table(after, "INTO", table_len)) {
 			return table;
 		}
-		return find_word(behind, table_len);
-	default: return find_word(behind, table_len);
+		return find_word(after, table_len);
+	default: return find_word(after, table_len);
 	}
 }
 

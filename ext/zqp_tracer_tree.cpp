@@ -86,11 +86,11 @@ static bool is_strict_json(const char *text)
 				return false;
 			}
 		} else if (*at == '-' || (*at >= '0' && *at <= '9')) {
-			const char *behind = skip_number(at);
-			if (behind == at || !std::isfinite(zend_strtod(at, NULL))) {
+			const char *after = skip_number(at);
+			if (after == at || !std::isfinite(zend_strtod(at, NULL))) {
 				return false;
 			}
-			at = behind + strspn(behind, "eE+-0123456789"); /* the parser has checked the exponent's form */
+			at = after + strspn(after, "eE+-0123456789"); /* the parser has checked the exponent's form */
 		} else if (isSpace(*at) && !strchr(" \t\r\n", *at)) {
 			return false;
 		} else {

@@ -104,11 +104,11 @@ static const char *first_word(const char *at)
 		if (is_blank(*at) || *at == '(') {
 			at++;
 		} else if ((at[0] == '-' && at[1] == '-') || (at[0] == '/' && at[1] == '*')) {
-			const char *behind = skip_comment(at, end);
-			if (!behind) {
+			const char *after = skip_comment(at, end);
+			if (!after) {
 				return "";
 			}
-			at = behind;
+			at = after;
 		} else {
 			return at;
 		}
@@ -194,7 +194,7 @@ static bool has_columns(zval *result TSRMLS_DC)
 }
 
 /* The driver of this very object; the vendor is that of the connection made last. What mysql_query() answers with true
- * is no more explained here: the next statement takes the insert id away, and scripts store it in other tables. */
+ * is no longer explained here: the next statement takes the insert id away, and scripts store it in other tables. */
 static int driver_explains(zval *connection, zval *result TSRMLS_DC)
 {
 	static const char *const drivers[] = {"mysql", "pgsql", "sqlite", NULL};

@@ -17,15 +17,10 @@ static const double random_max = 2147483647.0; /* what random() gives at most */
 
 /* ---- request start ----------------------------------------------------------------------------------------------- */
 
-static int ini_number(const char *key)
-{
-	return (int)zend_ini_long((char *)key, (uint)strlen(key) + 1, 0);
-}
-
 static void name_application(TSRMLS_D)
 {
 	const char *configured = zend_ini_string((char *)"zqs.app_name", sizeof("zqs.app_name"), 0);
-	int automatic = ini_number("zqs.auto_app_naming");
+	int automatic = zq_ini_number("zqs.auto_app_naming");
 	const char *base = automatic == 0 ? NULL : automatic == 1 ? ZQ_SERVER_TEXT("SERVER_NAME") : configured;
 	const char *port = base ? ZQ_SERVER_TEXT("SERVER_PORT") : NULL;
 	if (port) {
@@ -65,7 +60,7 @@ static int accept_web(const char *uri TSRMLS_DC)
 static int accept_configuration(TSRMLS_D)
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	g->agent_enabled = ini_number("zqs.agent_enabled");
+	g->agent_enabled = zq_ini_number("zqs.agent_enabled");
 	if (!g->agent_enabled) {
 		ZQ_LOG(ZQ_LOG_VERBOSE, "agent disabled by ini");
 		return 0;

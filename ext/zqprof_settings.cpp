@@ -16,6 +16,11 @@ const char *zq_ini_level(const char *skey)
 	return value ? value : "info";
 }
 
+int zq_ini_number(const char *skey)
+{
+	return (int)zend_ini_long((char *)skey, (uint)strlen(skey) + 1, 0);
+}
+
 int zq_runtime_path(char *path, size_t size, const char *file_name)
 {
 	return snprintf(path, size, "%s/log/quorbit/%s", zq_ini_str("zqs.runtime_root", "/var"), file_name);

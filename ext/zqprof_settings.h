@@ -11,6 +11,8 @@ const char *zq_ini_str(const char *skey, const char *default_value);
 /* Value of a setting that names a level of a log, borrowed; "info" when it is unset. An empty one is a value: php.ini's
  * parser makes one of an unquoted OFF. */
 const char *zq_ini_level(const char *skey);
+/* Value of a number or switch; 0 when it is unknown or empty. */
+int zq_ini_number(const char *skey);
 /* Writes the path of a file that agent or daemon keep below the runtime root, cut to `size` bytes with its NUL, and
  * returns the length of all of it. */
 int zq_runtime_path(char *path, size_t size, const char *file_name);

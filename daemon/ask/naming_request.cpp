@@ -10,15 +10,10 @@ namespace quorbit {
 
 namespace {
 
-// A number in hexadecimal digits, -1 for anything else.
+// The value of two hexadecimal digits, -1 for anything else.
 int hex_byte(std::string_view digits)
 {
-	int value = 0;
-	for (char ch : digits) {
-		if (!isxdigit(static_cast<unsigned char>(ch))) return -1;
-		value = value * 16 + (ch <= '9' ? ch - '0' : zq_ascii_lower(ch) - 'a' + 10);
-	}
-	return digits.size() == 2 ? value : -1;
+	return digits.size() == 2 ? zq_hex_byte(digits.data()) : -1;
 }
 
 // Web servers write quotes, backslashes and control bytes of a client as \" \\ \n \x1b.

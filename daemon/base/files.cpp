@@ -13,11 +13,6 @@ namespace quorbit {
 
 namespace {
 
-[[noreturn]] void fail(const std::string &path)
-{
-	throw std::system_error(errno, std::generic_category(), path);
-}
-
 // The target of a link that nobody but root or us can have made; "" otherwise.
 std::string trusted_target(const std::string &path)
 {
@@ -59,7 +54,7 @@ std::string read_file(const std::string &path, bool of_root_or_us)
 	int descriptor = of_root_or_us ? open_trusted(path, O_RDONLY) : open(path.c_str(), O_RDONLY | O_CLOEXEC);
 	std::unique_ptr<FILE, int (*)(FILE *)> file(descriptor == -1 ? nullptr : fdopen(descriptor, "r"), fclose);
 	struct stat status;
-	if (!file || fstat(descriptor, &status) != 0) fail(path);
+	if (!file || fstat(descriptor, &status) != 0) throw_errno(path);
 	if (of_root_or_us && !is_trusted(status))
 		throw std::runtime_error(path + ": belongs to another account, or is not a regular file with a single name");
 	std::string text;
@@ -76,6 +71,17 @@ std::string read_file(const std::string &path, bool of_root_or_us)
 bool is_of_root_or_us(const struct stat &status)
 {
 	return status.st_uid == 0 || status.st_uid == geteuid();
+}
+
+uint64_t inode_of(const std::string &path)
+{
+	struct stat status;
+	return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+void throw_errno(const std::string &what)
+{
+	throw std::system_error(errno, std::generic_category(), what);
 }
 
 } // namespace quorbit

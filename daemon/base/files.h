@@ -1,6 +1,7 @@
-// Reading files that others may have put there.
+// Files that others may have put there.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <sys/stat.h>
 
@@ -17,5 +18,11 @@ int open_trusted(const std::string &path, int flags, mode_t mode = 0);
 
 // Whether only root and this process's user can have made the file.
 bool is_of_root_or_us(const struct stat &status);
+
+// The file's inode, 0 when there is none.
+uint64_t inode_of(const std::string &path);
+
+// Throws std::system_error with what errno says of `what`, a path or a system call.
+[[noreturn]] void throw_errno(const std::string &what);
 
 } // namespace quorbit

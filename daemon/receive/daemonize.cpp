@@ -2,6 +2,7 @@
 #include "receive/daemonize.h"
 
 #include "base/account.h"
+#include "base/files.h"
 #include "base/log.h"
 #include "base/text.h"
 #include "receive/listener.h"
@@ -26,11 +27,6 @@
 namespace quorbit {
 
 namespace {
-
-[[noreturn]] void fail(const std::string &what)
-{
-	throw std::system_error(errno, std::generic_category(), what);
-}
 
 // Leaves nothing of the process that started us: a pipe or terminal of its own would stay open as long as the daemon
 // lives.
@@ -82,7 +78,7 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &
 {
 	// A daemon that another user started without the right to store would only keep one that has it from starting.
 	const std::string store = config.store_file();
-	if (access(store.c_str(), F_OK) == 0 && access(store.c_str(), W_OK) != 0) fail(store);
+	if (access(store.c_str(), F_OK) == 0 && access(store.c_str(), W_OK) != 0) throw_errno(store);
 	block_ending_signals();
 	raise_descriptor_limit();
 	auto listener = std::make_unique<Listener>(config.socket_file);
@@ -151,9 +147,9 @@ int live_in_background(const DaemonConfig &config, Presence &presence, int repor
 int start_in_background(const DaemonConfig &config, Presence &presence)
 {
 	int ends[2];
-	if (pipe2(ends, O_CLOEXEC) != 0) fail("pipe");
+	if (pipe2(ends, O_CLOEXEC) != 0) throw_errno("pipe");
 	pid_t child = fork();
-	if (child == -1) fail("fork");
+	if (child == -1) throw_errno("fork");
 	if (child == 0) {
 		close(ends[0]);
 		setsid();

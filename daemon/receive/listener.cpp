@@ -1,6 +1,8 @@
 // Binding, renewing and removing the daemon's socket.
 #include "receive/listener.h"
 
+#include "base/files.h"
+
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -15,18 +17,13 @@ namespace quorbit {
 
 namespace {
 
-[[noreturn]] void fail(const std::string &what)
-{
-	throw std::system_error(errno, std::generic_category(), what);
-}
-
 struct sockaddr_un socket_address(const std::string &path)
 {
 	struct sockaddr_un address = {};
 	address.sun_family = AF_UNIX;
 	if (path.size() >= sizeof address.sun_path) {
 		errno = ENAMETOOLONG;
-		fail(path);
+		throw_errno(path);
 	}
 	memcpy(address.sun_path, path.data(), path.size());
 	return address;
@@ -35,7 +32,7 @@ struct sockaddr_un socket_address(const std::string &path)
 int new_socket()
 {
 	int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-	if (descriptor == -1) fail("socket");
+	if (descriptor == -1) throw_errno("socket");
 	return descriptor;
 }
 
@@ -58,7 +55,7 @@ void Listener::listen_at_path()
 	struct stat old;
 	if (lstat(path_.c_str(), &old) == 0) {
 		if (!S_ISSOCK(old.st_mode)) throw std::runtime_error(path_ + ": exists and is not a socket");
-		if (unlink(path_.c_str()) != 0) fail(path_);
+		if (unlink(path_.c_str()) != 0) throw_errno(path_);
 	}
 	int descriptor = new_socket();
 	// The mode comes from the umask, not from chmod(): the folder's group could put a link in the socket's place in
@@ -73,7 +70,7 @@ void Listener::listen_at_path()
 		int error = errno;
 		close(descriptor);
 		errno = error;
-		fail(path_);
+		throw_errno(path_);
 	}
 	if (descriptor_ != -1) close(descriptor_);
 	descriptor_ = descriptor;

@@ -1,6 +1,7 @@
 // Locking, and the pid file.
 #include "receive/presence.h"
 
+#include "base/files.h"
 #include "receive/listener.h"
 
 #include <cerrno>
@@ -17,22 +18,17 @@ namespace quorbit {
 
 namespace {
 
-[[noreturn]] void fail(const std::string &what)
-{
-	throw std::system_error(errno, std::generic_category(), what);
-}
-
 // The descriptor that holds the lock, or -1 when another process has it. The file stays: removing it would let two
 // daemons lock files of the same name. Nobody else can open it: whoever can read a file can lock it.
 int take_lock(const std::string &path)
 {
 	constexpr mode_t ours_alone = 0600;
 	int descriptor = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, ours_alone);
-	if (descriptor == -1) fail(path);
+	if (descriptor == -1) throw_errno(path);
 	struct stat status;
 	if (fstat(descriptor, &status) == 0 && status.st_uid == geteuid()) fchmod(descriptor, ours_alone);
 	if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) return descriptor;
-	if (errno != EWOULDBLOCK) fail(path);
+	if (errno != EWOULDBLOCK) throw_errno(path);
 	close(descriptor);
 	return -1;
 }
@@ -60,10 +56,10 @@ void write_pid_file(const DaemonConfig &config)
 	std::string fresh = config.fresh_pid_file(), text = std::to_string(getpid()) + "\n";
 	unlink(fresh.c_str());
 	int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640);
-	if (descriptor == -1) fail(fresh);
+	if (descriptor == -1) throw_errno(fresh);
 	bool written = write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 	close(descriptor);
-	if (!written || rename(fresh.c_str(), config.pid_file.c_str()) != 0) fail(config.pid_file);
+	if (!written || rename(fresh.c_str(), config.pid_file.c_str()) != 0) throw_errno(config.pid_file);
 }
 
 // Whether the file of that name is the one that is open.

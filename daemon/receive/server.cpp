@@ -1,6 +1,7 @@
 // The event loop: accepting, receiving, answering.
 #include "receive/server.h"
 
+#include "base/files.h"
 #include "base/text.h"
 #include "base/clock.h"
 
@@ -35,11 +36,6 @@ constexpr uint64_t listener_number = 0, signals_number = 1, first_number = 2;
 constexpr int64_t stall_seconds = 10;
 constexpr int sweep_ms = 1000;
 constexpr int keep_seconds = 5; // between looks at the socket's name
-
-[[noreturn]] void throw_errno(const char *what)
-{
-	throw std::system_error(errno, std::generic_category(), what);
-}
 
 struct ucred peer_of(int descriptor)
 {

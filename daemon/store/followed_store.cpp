@@ -1,22 +1,13 @@
 // Opening, following, and reading without being stopped.
 #include "store/followed_store.h"
 
+#include "base/files.h"
 #include "store/layout.h"
 
 #include <sys/stat.h>
 #include <utility>
 
 namespace quorbit {
-
-namespace {
-
-uint64_t inode_of(const std::string &path)
-{
-	struct stat status;
-	return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
-}
-
-} // namespace
 
 FollowedStore::FollowedStore(const std::string &path)
 	: inode_(inode_of(path)), database_(path, Database::Mode::read_only)

@@ -1,6 +1,7 @@
 // Batching, retrying and the bound of the backlog.
 #include "store/store_writer.h"
 
+#include "base/files.h"
 #include "base/clock.h"
 #include "base/log.h"
 #include "facts/share.h"
@@ -27,13 +28,6 @@ constexpr auto retry_time = 500ms;
 constexpr auto sample_time = 10s;
 constexpr auto small_time = 10s; // after the disk was full
 constexpr auto finish_time = 4s;
-
-// The file's inode, 0 when there is none.
-uint64_t inode_of(const std::string &path)
-{
-	struct stat status;
-	return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
-}
 
 } // namespace
 
