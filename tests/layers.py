@@ -22,7 +22,7 @@ def calls(objects, module_of):
     home, wanted = {}, []
     for path in objects:
         for line in subprocess.check_output(["nm", "-C", path], text=True).splitlines():
-            kind, symbol = line[17], re.split(r"[\[(]", line[19:])[0]
+            kind, symbol = line[17], line[19:]
             if kind == "U":
                 wanted.append((module_of(path), symbol))
             elif kind.isupper() and kind not in "WV":

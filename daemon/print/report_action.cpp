@@ -184,8 +184,7 @@ void print_no_trace(const Action &action, const Settings &given, Page &page)
 	if (threshold_ms == 0) threshold_ms = 2000;
 	const char *from = threshold == given.end() ? " unless php.ini has another" : "";
 	const std::string kept = "zqs.action_tracer.action_threshold, " + duration_text(threshold_ms) + from;
-	if (action.duration_ms < threshold_ms)
-		return page.entry("none", "faster than the trace threshold: " + kept);
+	if (action.duration_ms < threshold_ms) return page.entry("none", "faster than the trace threshold: " + kept);
 	page.entry("none",
 		"the action took as long as one needs (" + kept +
 			"), but the process traced nothing: zqs.action_tracer.enabled is 0, or it shed load");

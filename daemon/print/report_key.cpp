@@ -109,8 +109,7 @@ std::string key_text(const KeyReport &report, size_t width, int64_t now_wall_ms)
 	page.entry("count", std::to_string(sums.count) + (sums.errors ? ", errors " + std::to_string(sums.errors) : ""));
 	page.entry("took", figures_text(sums));
 	if (std::string layers = layers_text(sums); !layers.empty()) page.entry("spent in", layers);
-	page.entry("seen",
-		"first " + ago(facts.first_ms, now_wall_ms) + ", last " + ago(facts.last_ms, now_wall_ms));
+	page.entry("seen", "first " + ago(facts.first_ms, now_wall_ms) + ", last " + ago(facts.last_ms, now_wall_ms));
 	if (!facts.place.empty()) page.entry(report.key == SumKey::error ? "raised at" : "run at", facts.place);
 	if (!facts.finding.empty()) page.entry("finding", facts.finding);
 	if (!facts.suggestion.empty()) page.entry("try", facts.suggestion);
