@@ -150,6 +150,15 @@ private:
 	std::vector<int64_t> ids_;
 };
 
+// What reads a table of sums.
+struct PartSql {
+	const char *of_key, *of_all;
+};
+constexpr PartSql minute_sql = {"SELECT sums FROM sum_minute WHERE kind = ? AND minute = ? AND key = ?",
+	"SELECT key, minute, sums FROM sum_minute WHERE kind = ?1 AND minute >= ?2 AND minute < ?3"};
+constexpr PartSql hour_sql = {"SELECT sums FROM sum_hour WHERE kind = ? AND hour = ? AND key = ?",
+	"SELECT key, hour, sums FROM sum_hour WHERE kind = ?1 AND hour >= ?2 AND hour < ?3"};
+
 // Calls on_row with the key, the time and its length in milliseconds, and the sums of every row that the filter lets
 // through.
 template <typename OnRow>
@@ -161,10 +170,9 @@ void each_row(Database &database, const Plan &plan, KeyKind kind, const SumFilte
 			on_row(keys.knows(id) ? id : 0, at * part.unit_ms(), part.unit_ms(), select.text(column));
 	};
 	for (const Part &part : plan.parts()) {
-		const std::string table = part.hours ? "sum_hour" : "sum_minute", time = part.hours ? "hour" : "minute";
+		const PartSql &sql = part.hours ? hour_sql : minute_sql;
 		if (keys.is_small()) {
-			Statement select(
-				database, "SELECT sums FROM " + table + " WHERE kind = ? AND " + time + " = ? AND key = ?");
+			Statement select(database, sql.of_key);
 			for (int64_t at = part.from; at < part.until; at++) {
 				for (int64_t id : keys.ids()) {
 					select.bind(1, static_cast<int64_t>(kind)).bind(2, at).bind(3, id);
@@ -174,9 +182,7 @@ void each_row(Database &database, const Plan &plan, KeyKind kind, const SumFilte
 			}
 			continue;
 		}
-		Statement select(database,
-			"SELECT key, " + time + ", sums FROM " + table + " WHERE kind = ?1 AND " + time + " >= ?2 AND " + time +
-				" < ?3");
+		Statement select(database, sql.of_all);
 		select.bind(1, static_cast<int64_t>(kind)).bind(2, part.from).bind(3, part.until);
 		while (select.step()) give(select.integer(0), part, select.integer(1), select, 2);
 	}
