@@ -2,11 +2,11 @@
 #include "ask/command.h"
 
 #include "base/clock.h"
+#include "base/number.h"
 #include "print/output.h"
 #include "print/report.h"
 #include "print/report_sums.h"
 
-#include <charconv>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -25,8 +25,7 @@ std::optional<KeyId> read_key_id(std::string_view text)
 	if (colon == std::string_view::npos) return std::nullopt;
 	auto key = sum_key_of(text.substr(0, colon));
 	int64_t id = 0;
-	auto [end, failure] = std::from_chars(text.data() + colon + 1, text.data() + text.size(), id);
-	if (!key || failure != std::errc() || end != text.data() + text.size() || id < 1) return std::nullopt;
+	if (!key || !parse_number(text.substr(colon + 1), id) || id < 1) return std::nullopt;
 	return KeyId{*key, id};
 }
 

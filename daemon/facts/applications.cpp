@@ -4,11 +4,11 @@
 #include "base/config.h"
 #include "base/log.h"
 #include "base/files.h"
+#include "base/number.h"
 #include "zqp_setting_table.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -113,9 +113,7 @@ private:
 		if (own == std::end(own_settings))
 			return problem("\"" + std::string(key) + "\" belongs in a section, [*] for all applications");
 		int64_t number = 0;
-		auto [end, failure] = std::from_chars(value.data(), value.data() + value.size(), number);
-		bool whole = failure == std::errc() && end == value.data() + value.size();
-		if (!whole || number < 1 || number > own->most)
+		if (!parse_number(value, number) || number < 1 || number > own->most)
 			return problem(std::string(key) + " must be a number of " + own->unit);
 		applications.*(own->field) = number;
 	}

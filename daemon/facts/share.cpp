@@ -1,6 +1,8 @@
 // Cutting a packet to its share.
 #include "facts/share.h"
 
+#include "facts/record_kinds.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -13,37 +15,19 @@ constexpr size_t most_text_bytes = 16384; // of an error, a name or an id
 constexpr size_t most_cache_totals = 64;  // one for each product
 constexpr size_t most_details_bytes = 65536;
 
-// In the order in which they go.
-enum class Class { parameter, text, statement, call, sum };
-
-Class class_of(const Record &record)
+RecordClass class_of(const Record &record)
 {
-	switch (record.type) {
-	case record_parameter: return Class::parameter;
-	case record_detail: return record.body.starts_with("httpStatus: ") ? Class::sum : Class::text;
-	case record_service_error: return Class::text;
-	// The sums of an action of many statements are what it is kept for.
-	case record_details: return record.body.size() <= most_details_bytes ? Class::sum : Class::text;
-	case record_sql: return Class::statement;
-	case record_service:
-	case record_component: return Class::call;
-	case record_application_name:
-	case record_account_key:
-	case record_action_name:
-	case record_uri:
-	case record_cpu_ticks:
-	case record_system_cpu_ticks:
-	case record_block_ms:
-	case record_duration_ms:
-	case record_database_ms:
-	case record_cache_total:
-	case record_external_ms:
-	case record_transaction_id:
-	case record_tracer_id:
-	case record_error:
-	case record_trace: return Class::sum;
-	default: return Class::text;
-	}
+	const RecordKind *kind = record_kind(record.type);
+	// The status is what an error is told by, and the sums of an action of many statements are what it is kept for.
+	if (record.type == record_detail && record.body.starts_with("httpStatus: ")) return RecordClass::sum;
+	if (!kind || (record.type == record_details && record.body.size() > most_details_bytes)) return RecordClass::text;
+	return kind->cls;
+}
+
+bool is_listed(const Record &record)
+{
+	const RecordKind *kind = record_kind(record.type);
+	return !kind || kind->listed;
 }
 
 // One "<length>:<bytes>" item off the front; the whole of it with its length.
@@ -83,14 +67,14 @@ public:
 	// The next record of the packet. Of what a packet tells once the last one counts, as where it is read.
 	void add(const Record &record)
 	{
-		const Class its = class_of(record);
-		const bool once = its == Class::sum && record.type != record_cache_total && record.type != record_detail;
+		const RecordClass its = class_of(record);
+		const bool once = its == RecordClass::sum && !is_listed(record);
 		size_t &before = last_of_[record.type]; // its place, counted from 1
 		const bool many =
-			its != Class::sum ? listed_++ >= share_.most_records : !once && totals_++ >= most_cache_totals;
+			its != RecordClass::sum ? listed_++ >= share_.most_records : !once && totals_++ >= most_cache_totals;
 		if (many) return leave_out(record, its);
 		if (once && before > 0) {
-			leave_out(records_[before - 1], Class::text);
+			leave_out(records_[before - 1], RecordClass::text);
 			bytes_ -= bytes_of(records_[before - 1]);
 			records_[before - 1] = record;
 		} else {
@@ -110,22 +94,22 @@ public:
 			size_t most = record.type == record_error && !share_.most_bytes ? error_without_stack(record.body)
 				: record.type == record_details                             ? most_details_bytes
 																			: most_text_bytes;
-			if (record.type != record_trace && class_of(record) == Class::sum && record.body.size() > most) {
+			if (record.type != record_trace && class_of(record) == RecordClass::sum && record.body.size() > most) {
 				shorten(record, record.body.substr(0, most));
 				left_out_.texts++;
 			}
 		}
-		drop(Class::parameter);
-		drop(Class::text);
-		for (Record *record : of_class(Class::statement)) {
+		drop(RecordClass::parameter);
+		drop(RecordClass::text);
+		for (Record *record : of_class(RecordClass::statement)) {
 			std::string_view bare = bare_statement(record->body);
 			if (bytes_ <= share_.most_bytes) break;
 			if (bare.size() == record->body.size()) continue;
 			shorten(*record, bare);
 			left_out_.texts++;
 		}
-		drop(Class::statement);
-		drop(Class::call);
+		drop(RecordClass::statement);
+		drop(RecordClass::call);
 		return text();
 	}
 
@@ -135,17 +119,17 @@ private:
 		return record.type == record_trace ? 0 : header_size + record.body.size();
 	}
 
-	int64_t &count_of(Class its)
+	int64_t &count_of(RecordClass its)
 	{
 		switch (its) {
-		case Class::parameter: return left_out_.parameters;
-		case Class::statement: return left_out_.statements;
-		case Class::call: return left_out_.calls;
+		case RecordClass::parameter: return left_out_.parameters;
+		case RecordClass::statement: return left_out_.statements;
+		case RecordClass::call: return left_out_.calls;
 		default: return left_out_.texts;
 		}
 	}
 
-	void leave_out(const Record &record, Class its)
+	void leave_out(const Record &record, RecordClass its)
 	{
 		left_out_.bytes += static_cast<int64_t>(record.body.size());
 		count_of(its)++;
@@ -158,7 +142,7 @@ private:
 		return std::min({end == std::string_view::npos ? body.size() : end + 1, body.size(), most_text_bytes});
 	}
 
-	std::vector<Record *> of_class(Class wanted)
+	std::vector<Record *> of_class(RecordClass wanted)
 	{
 		std::vector<Record *> found;
 		for (Record &record : records_) {
@@ -175,12 +159,12 @@ private:
 	}
 
 	// The least worth first: the quickest of statements, the largest of everything else.
-	void drop(Class wanted)
+	void drop(RecordClass wanted)
 	{
 		if (bytes_ <= share_.most_bytes) return;
 		auto records = of_class(wanted);
 		std::stable_sort(records.begin(), records.end(), [wanted](const Record *a, const Record *b) {
-			if (wanted != Class::statement) return a->body.size() > b->body.size();
+			if (wanted != RecordClass::statement) return a->body.size() > b->body.size();
 			return duration_of(a->body) < duration_of(b->body);
 		});
 		for (Record *record : records) {
@@ -196,7 +180,7 @@ private:
 		std::string out;
 		for (const Record &record : records_) {
 			// What was not empty before is gone now; a name or an error may be.
-			if (!record.body.empty() || class_of(record) == Class::sum) {
+			if (!record.body.empty() || class_of(record) == RecordClass::sum) {
 				if (record.type != record_trace || !record.body.empty()) append_record(out, record.type, record.body);
 			}
 		}

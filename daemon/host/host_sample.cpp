@@ -1,9 +1,9 @@
 // Sampling from /proc (https://man7.org/linux/man-pages/man5/proc.5.html).
 #include "host/host_sample.h"
 
+#include "base/number.h"
 #include "host/proc_files.h"
 
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -52,8 +52,7 @@ HostSample HostSampler::take()
 	for (const auto &entry : std::filesystem::directory_iterator(proc_, none)) {
 		const std::string name = entry.path().filename().string();
 		int process = 0;
-		auto [end, failure] = std::from_chars(name.data(), name.data() + name.size(), process);
-		if (failure != std::errc() || end != name.data() + name.size()) continue;
+		if (!parse_number(name, process)) continue;
 		const std::string folder = entry.path().string();
 		const auto stat = read_proc_stat(folder);
 		if (!stat || !is_server(stat->command)) continue;

@@ -1,8 +1,9 @@
 // Reading addresses.
 #include "web/address.h"
 
+#include "base/number.h"
+
 #include <arpa/inet.h>
-#include <charconv>
 #include <stdexcept>
 #include <sys/un.h>
 
@@ -46,9 +47,7 @@ ListenAddress parse_listen(std::string_view text)
 		std::string_view host = text.substr(0, colon), port = text.substr(colon + 1);
 		const bool brackets = host.starts_with('[') && host.ends_with(']');
 		address.host = brackets ? host.substr(1, host.size() - 2) : host;
-		auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), address.port);
-		const bool number = error == std::errc() && end == port.data() + port.size();
-		if (number && address.port > 0 && address.port < 65536 &&
+		if (parse_number(port, address.port) && address.port > 0 && address.port < 65536 &&
 			is_ip_address(address.host, brackets ? AF_INET6 : AF_INET))
 			return address;
 	}

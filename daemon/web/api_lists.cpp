@@ -2,11 +2,11 @@
 #include "web/api_lists.h"
 
 #include "base/clock.h"
+#include "base/number.h"
 #include "print/report.h"
 #include "print/report_sums.h"
 
 #include <algorithm>
-#include <charconv>
 #include <nlohmann/json.hpp>
 
 namespace quorbit {
@@ -29,8 +29,7 @@ int64_t number_of(const Parameters &parameters, const std::string &name, int64_t
 	const std::string &text = text_of(parameters, name);
 	if (text.empty()) return otherwise;
 	int64_t value = 0;
-	auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-	if (error == std::errc() && end == text.data() + text.size() && value >= least && value <= most) return value;
+	if (parse_number(text, value) && value >= least && value <= most) return value;
 	throw BadParameter(name + ": expected a number from " + std::to_string(least) + " to " + std::to_string(most));
 }
 
@@ -132,8 +131,7 @@ std::string api_key(Reader &store, std::string_view path, const Parameters &para
 	if (!key) return {};
 	const std::string_view number = path.substr(slash + 1);
 	int64_t id = 0;
-	auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), id);
-	if (error != std::errc() || end != number.data() + number.size()) return {};
+	if (!parse_number(number, id)) return {};
 	auto report = key_report(store, *key, id, range_of_sums(parameters));
 	return report ? json_text(key_json(*report), false) : "";
 }
