@@ -10,7 +10,8 @@ namespace quorbit {
 
 namespace {
 
-constexpr size_t wide = 110, very_wide = 130; // terminals that have room for more columns
+// Pages that have room for more columns, so that names keep some of it.
+constexpr size_t beyond_80 = 100, wide = 110, very_wide = 130;
 
 bool is_whole(SumKey key)
 {
@@ -94,9 +95,9 @@ constexpr SumColumn sum_columns[] = {
 		[](const SumRow &row, const Context &) {
 			return std::to_string((row.sums.statements + row.sums.count / 2) / std::max(row.sums.count, int64_t{1}));
 		}},
-	{"CACHE", is_whole, 0, true, false,
+	{"CACHE", is_whole, beyond_80, true, false,
 		[](const SumRow &row, const Context &) { return share(row, row.sums.cache_us); }},
-	{"EXT", is_whole, 0, true, false,
+	{"EXT", is_whole, beyond_80, true, false,
 		[](const SumRow &row, const Context &) { return share(row, row.sums.external_us); }},
 	{"CODE", is_whole, 0, true, false, [](const SumRow &row, const Context &) { return share(row, row.sums.code_us); }},
 	{"TREND", is_any, very_wide, false, false, trend_of},
