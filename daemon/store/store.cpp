@@ -76,6 +76,9 @@ Store::Opened::Opened(const std::string &path, const std::atomic<bool> *stopping
 {
 	execute("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL");
 	execute("PRAGMA synchronous = NORMAL; PRAGMA journal_size_limit = 16777216");
+	// Distributions build SQLite so that it overwrites what is deleted: all of that went through the log, for which a
+	// full disk has no room.
+	execute("PRAGMA secure_delete = FAST");
 	bring_up_to_date(*this, stopping);
 }
 
@@ -96,6 +99,7 @@ Store::Store(const std::string &path, const std::atomic<bool> *stopping)
 	  clients_(path)
 {
 	watch_log();
+	look_at_disk(); // before anything is written: on a full disk it would have to fit into the file
 	Statement select(database_, "SELECT packet FROM profile_event");
 	while (select.step()) event_bytes_ += event_bytes(select.text(0));
 }

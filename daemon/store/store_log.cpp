@@ -52,8 +52,10 @@ void Store::watch_log()
 
 void Store::checkpoint()
 {
-	// As far as readers let it: what is left is not an error.
-	sqlite3_wal_checkpoint_v2(database_.handle(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+	// As far as readers let it: what is left is not an error. Where the log cannot grow it has to begin again at its
+	// front, for which the readers of the moment are waited for.
+	const int mode = is_confined() ? SQLITE_CHECKPOINT_RESTART : SQLITE_CHECKPOINT_PASSIVE;
+	sqlite3_wal_checkpoint_v2(database_.handle(), nullptr, mode, nullptr, nullptr);
 }
 
 void Store::checkpoint_when_due()

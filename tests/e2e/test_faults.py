@@ -192,7 +192,7 @@ def test_sigterm_in_the_middle(site, handled, reply):
 # On a disk of 24 MB of its own, which another program fills to the last block: sends packets through a daemon, prints
 # what the store came to.
 FULL_DISK = """
-import os, re, socket, subprocess, sys
+import os, re, signal, socket, subprocess, sys
 from pathlib import Path
 from support import wire
 from support.fake_daemon import wait_until
@@ -225,11 +225,13 @@ daemon = start()
 try:
     send(1500)
     wait_until((folder / "quorbit.db-reserve").exists, "the reserve")
+    daemon.send_signal(signal.SIGSTOP)               # or the filler takes the reserve as well, when it is given up meanwhile
     with open(folder / "filler", "wb", buffering=0) as filler:
         try:
             while filler.write(bytes(4096)): pass
         except OSError:
             pass
+    daemon.send_signal(signal.SIGCONT)
     for _ in range(8):
         send(1000)
     assert not (folder / "quorbit.db-reserve").exists() and store.stat().st_size < 12 << 20
