@@ -21,22 +21,22 @@ demo: all
 	@WEB="$(WEB)" demo/demo
 
 # unit tests, plain and under the sanitizers, then the end-to-end tests; random programs and input for a while
-test: all test-packages
+test: test-packages all
 	@engine/packages fuzz
 	@tests/all
 
 # the unit tests alone; T chooses: make unit T='StoreTest.*'
-unit: all test-packages
+unit: test-packages all
 	@cmake --build build -j$(JOBS) --target unit_tests
 	@tests/unit/both $(T)
 
 # the end-to-end tests, of the files T and the names that K chooses: make e2e T=test_nosql.py K=redis
-e2e: all test-packages
+e2e: test-packages all
 	@cmake --build build -j$(JOBS) --target zqprof_patient zqprof_traced
 	@/usr/bin/python3 -m pytest -q $(addprefix tests/e2e/,$(or $(T),.)) $(if $(K),-k '$(K)')
 
 # what the agent sends that the one of the commit BASE does not, for all test pages, and the other way round
-wire-compare: all test-packages
+wire-compare: test-packages all
 	@cmake --build build -j$(JOBS) --target zqprof_patient zqprof_traced
 	@tests/wire_compare.py $(BASE)
 
@@ -47,7 +47,7 @@ check: test-packages configure
 	@ctest --preset sanitize --no-tests=error
 
 # everything under sanitizers, on engines built for that: a quarter of an hour, and as much again for the engines the first time
-sanitize: all test-packages
+sanitize: test-packages all
 	@tests/sanitize/sanitize
 
 # what the agent costs (bench/report writes docs/performance.md from such a run); bench-check fails when a call costs more
@@ -77,7 +77,7 @@ engine-suite: all
 	@tests/engine/engine-suite $(if $(SUITE_MODES),--modes "$(SUITE_MODES)") $(SUITE_FOLDERS)
 
 # the long runs: graceful reloads, a million requests, forks, Xdebug and opcache; SOAK_REQUESTS and SOAK_RELOADS shorten them
-soak: all test-packages
+soak: test-packages all
 	@cmake --build build -j$(JOBS) --target zqprof_patient
 	@tests/soak/soak
 
