@@ -7,7 +7,6 @@
 #include "print/report_sums.h"
 #include "store/open_reader.h"
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -19,9 +18,6 @@ struct CompareOptions {
 	std::string release, before, after, application;
 	bool json = false;
 };
-
-constexpr int64_t minute_ms = 60000;
-constexpr int64_t most_ms = int64_t{24} * 3600000; // on each side of a release
 
 // "A..B", two moments; nothing for anything else.
 std::optional<TimeRange> read_range(const std::string &text, int64_t now_ms)
@@ -40,31 +36,6 @@ std::string check_range(const std::string &text)
 		: "expected two times such as 2h..1h or 2026-11-21T10:00..2026-11-21T12:00";
 }
 
-// From the release until the next one or now, a day at most, against the same time before it; the minute of the release
-// itself counts for neither.
-CompareQuestion around(const std::vector<ReleaseRow> &releases, const std::string &name, int64_t now_ms)
-{
-	auto found = std::find_if(
-		releases.rbegin(), releases.rend(), [&name](const ReleaseRow &release) { return release.name == name; });
-	if (found == releases.rend()) {
-		std::string known;
-		for (const ReleaseRow &release : releases) known += (known.empty() ? "" : ", ") + release.name;
-		throw std::runtime_error(
-			"no release \"" + name + "\" was marked; known: " + (known.empty() ? "none yet" : known));
-	}
-	const int64_t at_ms = found->at_ms / minute_ms * minute_ms, from_ms = at_ms + minute_ms;
-	int64_t until_ms = std::min(now_ms, from_ms + most_ms);
-	if (found != releases.rbegin()) until_ms = std::min(until_ms, std::prev(found)->at_ms / minute_ms * minute_ms);
-	if (until_ms <= from_ms)
-		throw std::runtime_error("less than a minute has passed since then: nothing can be compared yet");
-	int64_t before_ms = at_ms - (until_ms - from_ms);
-	if (auto former = std::next(found); former != releases.rend())
-		before_ms = std::max(before_ms, former->at_ms / minute_ms * minute_ms + minute_ms);
-	if (before_ms >= at_ms)
-		throw std::runtime_error("less than a minute lies between the release and the one before it");
-	return {{before_ms, at_ms}, {from_ms, until_ms}};
-}
-
 int run_compare(const DaemonConfig &config, const CompareOptions &options)
 {
 	auto store = open_reader(config);
@@ -72,7 +43,7 @@ int run_compare(const DaemonConfig &config, const CompareOptions &options)
 	const int64_t now_ms = wall_clock_ms();
 	CompareQuestion question;
 	if (!options.release.empty())
-		question = around(store->releases(options.application), options.release, now_ms);
+		question = around_release(store->releases(options.application), options.release, now_ms);
 	else if (!options.before.empty() && !options.after.empty())
 		question = {*read_range(options.before, now_ms), *read_range(options.after, now_ms)};
 	else

@@ -49,14 +49,6 @@ void add_actions(Reader &store, SumList &list)
 	}
 }
 
-void add_release(Reader &store, SumList &list)
-{
-	const auto releases = store.releases(list.question.filter.application);
-	if (releases.empty()) return;
-	list.new_since_ms = releases.back().at_ms;
-	list.release = releases.back().name;
-}
-
 int top(const DaemonConfig &config, const TopOptions &options)
 {
 	SumList list;
@@ -74,10 +66,8 @@ int top(const DaemonConfig &config, const TopOptions &options)
 	list.question.trend_points = bars || options.json ? trend_points : 0;
 	auto store = open_reader(config);
 	require_application(*store, filter.application);
-	list.answer = store->sums(list.question);
+	list = sum_list(*store, list.question);
 	if (list.question.key == SumKey::query && !options.csv) add_actions(*store, list);
-	if (list.question.key == SumKey::error) add_release(*store, list);
-	if (list.question.key == SumKey::host) list.machine = store->machine({filter.range, 2 * now_ms});
 	if (options.json) {
 		put(json_text(sums_json(list), true));
 	} else if (options.csv) {

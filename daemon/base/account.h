@@ -10,4 +10,10 @@ namespace quorbit {
 // std::system_error when it may not.
 void become_owner_of(const std::string &folder);
 
+// For a process that has to stay root, because the folder is root's own: gives up every capability for good and, where
+// the kernel has Landlock (https://docs.kernel.org/userspace-api/landlock.html), the right to write anything but what
+// is in the folder, and to start programs. To be called before there are threads. Nothing for other users. Throws
+// std::system_error when the kernel refuses.
+void confine_root_to(const std::string &folder);
+
 } // namespace quorbit

@@ -1,5 +1,7 @@
-// Asking for all that is told of one key.
+// Asking for all that is told of a list of sums, or of one key.
 #include "print/report_sums.h"
+
+#include <algorithm>
 
 namespace quorbit {
 
@@ -19,6 +21,28 @@ std::vector<SumKey> related_to(SumKey key)
 }
 
 } // namespace
+
+SumList sum_list(Reader &store, const SumQuestion &question)
+{
+	SumList list;
+	list.question = question;
+	list.answer = store.sums(question);
+	const SumFilter &filter = question.filter;
+	if (question.key == SumKey::error) list.releases = store.releases(filter.application);
+	// One part of the whole range, however long it is.
+	if (question.key == SumKey::host) list.machine = store.machine({filter.range, int64_t{1} << 53});
+	return list;
+}
+
+const ReleaseRow *new_since(const SumList &list, const KeyFacts &key)
+{
+	constexpr int64_t minute_ms = 60000; // to which it is known when a key was seen first
+	auto is_for = [&key](
+					  const ReleaseRow &row) { return row.application.empty() || row.application == key.application; };
+	auto last = std::find_if(list.releases.rbegin(), list.releases.rend(), is_for);
+	if (last == list.releases.rend() || key.first_ms < last->at_ms / minute_ms * minute_ms) return nullptr;
+	return &*last;
+}
 
 int64_t step_of(const TimeRange &range, int64_t points)
 {

@@ -35,6 +35,7 @@ struct RelatedAction {
 	Relation relation;
 	ActionRow row;
 	std::string trace; // of a caller or callee; JSON, or ""
+	std::string tracer_id = {};
 };
 
 // The tracer ids of the applications that an action's trace says it called.

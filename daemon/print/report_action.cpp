@@ -195,14 +195,14 @@ void print_related(const std::vector<RelatedAction> &related, Page &page)
 	if (related.empty()) return;
 	page.section("Transaction");
 	constexpr const char *words[] = {"called by", "called", "same"};
-	for (const auto &[relation, row, trace] : related) {
+	for (const auto &[relation, row, trace, id] : related) {
 		std::string text = "action " + std::to_string(row.id) + ", " + row.application + ", " + row.name;
 		page.entry(words[static_cast<int>(relation)], text + ", " + duration_text(row.duration_ms));
 		if (relation == Relation::same_transaction) continue;
 		if (auto parts = parts_text(row); !parts.empty()) page.entry("", parts);
 	}
 	// The other half itself, as far as there is one.
-	for (const auto &[relation, row, trace] : related) {
+	for (const auto &[relation, row, trace, id] : related) {
 		const std::string half = relation == Relation::caller ? "Caller" : "Callee";
 		print_trace(trace, {}, half + ": trace of action " + std::to_string(row.id), page);
 	}
@@ -269,10 +269,11 @@ RelatedAction relate(const StoredAction &shown, const std::vector<std::string> &
 	auto is_among = [](const std::vector<std::string> &ids, const std::string &tracer_id) {
 		return !tracer_id.empty() && std::find(ids.begin(), ids.end(), tracer_id) != ids.end();
 	};
-	if (is_among(called, other.action.tracer_id)) return {Relation::callee, other.row, other.action.trace};
+	if (is_among(called, other.action.tracer_id))
+		return {Relation::callee, other.row, other.action.trace, other.action.tracer_id};
 	bool calls = is_among(called_tracer_ids(other.action), shown.action.tracer_id);
-	if (calls) return {Relation::caller, other.row, other.action.trace};
-	return {Relation::same_transaction, other.row, {}};
+	if (calls) return {Relation::caller, other.row, other.action.trace, other.action.tracer_id};
+	return {Relation::same_transaction, other.row, {}, other.action.tracer_id};
 }
 
 std::optional<WholeAction> whole_action(Reader &store, int64_t id)

@@ -106,9 +106,9 @@ Json related_json(const std::vector<RelatedAction> &related)
 {
 	constexpr const char *words[] = {"caller", "callee", "same transaction"};
 	Json list = Json::array();
-	for (const auto &[relation, row, trace] : related) {
-		Json entry = {{"relation", words[static_cast<int>(relation)]}};
-		entry.update(action_summary(row));
+	for (const RelatedAction &other : related) {
+		Json entry = {{"relation", words[static_cast<int>(other.relation)]}, {"trace_id", other.tracer_id}};
+		entry.update(action_summary(other.row));
 		list.push_back(std::move(entry));
 	}
 	return list;

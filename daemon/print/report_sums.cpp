@@ -60,8 +60,8 @@ std::string share(const SumRow &row, int64_t part)
 
 std::string seen_first(const SumRow &row, const Context &context)
 {
-	const bool is_new = row.key.first_ms >= context.list.new_since_ms;
-	return ago(row.key.first_ms, context.now_ms) + (is_new ? ", new since " + printable(context.list.release) : "");
+	const ReleaseRow *release = new_since(context.list, row.key);
+	return ago(row.key.first_ms, context.now_ms) + (release ? ", new since " + printable(release->name) : "");
 }
 
 std::string trend_of(const SumRow &row, const Context &)

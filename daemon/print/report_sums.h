@@ -15,13 +15,20 @@ struct SumList {
 	SumAnswer answer;
 	std::map<int64_t, std::vector<SumRow>> actions; // by the number of a query: the actions that run it, the first few
 	std::vector<MachineRow> machine;                // of hosts: one row, of the whole range
-	int64_t new_since_ms = INT64_MAX;               // errors seen first from then on are new
-	std::string release;                            // that was marked then, or ""
+	std::vector<ReleaseRow> releases;               // of errors: those that they may be new since, oldest first
 };
+
+// The last release of the key's application, when the key was seen first since then; else nothing.
+const ReleaseRow *new_since(const SumList &list, const KeyFacts &key);
+
+// Asks for the sums; for errors also for the releases, for hosts for what the machine did. Not for `actions`.
+SumList sum_list(Reader &store, const SumQuestion &question);
 
 // Text in `width` columns, with a trend in bars when the terminal has them.
 std::string sums_text(const SumList &list, size_t width, bool bars, int64_t now_wall_ms);
 Json sums_json(const SumList &list);
+// The figures that every sum has in JSON.
+Json figures_json(const Sums &sums);
 // A line of titles, then one per row (https://www.rfc-editor.org/rfc/rfc4180), texts harmless for a terminal.
 std::string sums_csv(const SumList &list);
 
@@ -49,6 +56,7 @@ struct SeriesReport {
 	bool durations = false; // of each part, how many took how long
 };
 Json series_json(const SeriesReport &report);
+Json releases_json(const std::vector<ReleaseRow> &releases);
 
 std::string comparison_text(const Comparison &comparison, size_t width);
 Json comparison_json(const Comparison &comparison);

@@ -36,12 +36,16 @@ constexpr Figure figures[] = {
 	{"newest_id", [](const Sums &sums) { return sums.newest_id; }},
 };
 
+} // namespace
+
 Json figures_json(const Sums &sums)
 {
 	Json object = Json::object();
 	for (const Figure &figure : figures) object[figure.name] = figure.of(sums);
 	return object;
 }
+
+namespace {
 
 Json facts_json(const KeyFacts &facts)
 {
@@ -127,6 +131,10 @@ Json sums_json(const SumList &list)
 		auto found = list.actions.find(row["id"].get<int64_t>());
 		if (found != list.actions.end()) row["actions"] = rows_json(found->second);
 	}
+	for (size_t i = 0; i < list.answer.rows.size() && !list.releases.empty(); i++) {
+		const ReleaseRow *release = new_since(list, list.answer.rows[i].key);
+		if (release) object["rows"][i]["new_since"] = release->name;
+	}
 	if (!list.machine.empty()) object["machine"] = machine_json(list.machine);
 	return object;
 }
@@ -159,15 +167,23 @@ Json key_json(const KeyReport &report)
 	return object;
 }
 
+Json releases_json(const std::vector<ReleaseRow> &releases)
+{
+	Json list = Json::array();
+	for (const ReleaseRow &row : releases)
+		list.push_back({{"at", utc_time(row.at_ms)}, {"name", row.name}, {"application", row.application}});
+	return list;
+}
+
 Json series_json(const SeriesReport &report)
 {
 	Json object = range_json(report.range);
 	object["step_ms"] = report.step_ms;
-	Json &releases = object["releases"] = Json::array();
-	for (const ReleaseRow &row : report.releases) {
-		if (row.at_ms >= report.range.from_ms && row.at_ms < report.range.until_ms)
-			releases.push_back({{"at", utc_time(row.at_ms)}, {"name", row.name}, {"application", row.application}});
-	}
+	std::vector<ReleaseRow> releases = report.releases;
+	std::erase_if(releases, [&report](const ReleaseRow &row) {
+		return row.at_ms < report.range.from_ms || row.at_ms >= report.range.until_ms;
+	});
+	object["releases"] = releases_json(releases);
 	Json &points = object["points"] = Json::array();
 	for (const SeriesPoint &point : report.points) {
 		Json entry = {{"at", utc_time(point.at_ms)}};

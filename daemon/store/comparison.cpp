@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <stdexcept>
 
 namespace quorbit {
 
@@ -13,6 +14,8 @@ namespace {
 constexpr int64_t fewest_samples = 20;
 constexpr double most_chance = 0.01, least_change = 0.05;
 constexpr int64_t most_keys = 20000;
+constexpr int64_t minute_ms = 60000;
+constexpr int64_t most_ms = int64_t{24} * 3600000; // on each side of a release
 
 double hours_of(const TimeRange &range)
 {
@@ -131,6 +134,29 @@ private:
 };
 
 } // namespace
+
+CompareQuestion around_release(const std::vector<ReleaseRow> &releases, const std::string &name, int64_t now_ms)
+{
+	auto found = std::find_if(
+		releases.rbegin(), releases.rend(), [&name](const ReleaseRow &release) { return release.name == name; });
+	if (found == releases.rend()) {
+		std::string known;
+		for (const ReleaseRow &release : releases) known += (known.empty() ? "" : ", ") + release.name;
+		throw std::runtime_error(
+			"no release \"" + name + "\" was marked; known: " + (known.empty() ? "none yet" : known));
+	}
+	const int64_t at_ms = found->at_ms / minute_ms * minute_ms, from_ms = at_ms + minute_ms;
+	int64_t until_ms = std::min(now_ms, from_ms + most_ms);
+	if (found != releases.rbegin()) until_ms = std::min(until_ms, std::prev(found)->at_ms / minute_ms * minute_ms);
+	if (until_ms <= from_ms)
+		throw std::runtime_error("less than a minute has passed since then: nothing can be compared yet");
+	int64_t before_ms = at_ms - (until_ms - from_ms);
+	if (auto former = std::next(found); former != releases.rend())
+		before_ms = std::max(before_ms, former->at_ms / minute_ms * minute_ms + minute_ms);
+	if (before_ms >= at_ms)
+		throw std::runtime_error("less than a minute lies between the release and the one before it");
+	return {{before_ms, at_ms}, {from_ms, until_ms}};
+}
 
 Comparison compare(Reader &store, const CompareQuestion &question)
 {

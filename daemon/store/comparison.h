@@ -10,6 +10,11 @@ struct CompareQuestion {
 	std::string application = {};
 };
 
+// From the release of this name until the next one or now, a day at most, against the same time before it; the minute
+// of the release itself counts for neither. `releases` oldest first. Throws std::runtime_error with a message for the
+// operator when there is no such release, or nothing to compare yet.
+CompareQuestion around_release(const std::vector<ReleaseRow> &releases, const std::string &name, int64_t now_ms);
+
 enum class ChangeKind { appeared, vanished, slower, faster };
 
 struct Change {

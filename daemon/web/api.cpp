@@ -1,9 +1,11 @@
 // Routes, parameters, answers.
 #include "web/api.h"
 
+#include "base/number.h"
 #include "print/report.h"
 #include "store/open_reader.h"
 #include "web/api_lists.h"
+#include "web/profiles.h"
 
 #include <charconv>
 #include <nlohmann/json.hpp>
@@ -22,6 +24,9 @@ constexpr Route routes[] = {
 	{"requests", api_requests},
 	{"top", api_top},
 	{"series", api_series},
+	{"compare", api_compare},
+	{"releases", api_releases},
+	{"services", api_services},
 };
 
 // What is asked of one request: /requests/ID, /requests/ID/elements, ...
@@ -63,6 +68,16 @@ ApiAnswer answer_key(Reader &store, std::string_view path, const Parameters &par
 						: ApiAnswer{200, text};
 }
 
+ApiAnswer answer_profiles(Profiles &profiles, std::string_view path)
+{
+	if (path.empty()) return {200, profiles.list()};
+	int64_t id = 0;
+	if (!parse_number(path.substr(1), id)) return nothing_here();
+	const std::string text = profiles.one(id);
+	return text.empty() ? api_error(404, "there is no such profile: those ordered last are kept")
+						: ApiAnswer{200, text};
+}
+
 ApiAnswer answer(const DaemonConfig &config, std::string_view path, const Parameters &parameters)
 {
 	constexpr std::string_view one_key = "keys/";
@@ -94,6 +109,8 @@ ApiAnswer answer_api(const ApiSource &source, const std::string &path, const Par
 		const std::string_view question = std::string_view(path).substr(prefix.size());
 		if (question == "status")
 			found = {200, source.status(source.config)};
+		else if (question == "profiles" || question.starts_with("profiles/"))
+			found = answer_profiles(*source.profiles, question.substr(std::string_view("profiles").size()));
 		else if (has_store(source.config))
 			found = answer(source.config, question, parameters);
 		else

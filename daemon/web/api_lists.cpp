@@ -4,7 +4,9 @@
 #include "base/clock.h"
 #include "base/number.h"
 #include "print/report.h"
+#include "print/report_services.h"
 #include "print/report_sums.h"
+#include "store/comparison.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -92,19 +94,18 @@ std::string api_requests(Reader &store, const Parameters &parameters)
 
 std::string api_top(Reader &store, const Parameters &parameters)
 {
-	SumList list;
-	list.question.key = key_of(parameters);
-	list.question.filter.range = range_of_sums(parameters);
-	list.question.filter.application = text_of(parameters, "app");
-	list.question.filter.name_glob = text_of(parameters, "name");
+	SumQuestion question;
+	question.key = key_of(parameters);
+	question.filter.range = range_of_sums(parameters);
+	question.filter.application = text_of(parameters, "app");
+	question.filter.name_glob = text_of(parameters, "name");
 	const std::string &sort = text_of(parameters, "sort");
 	auto order = sum_order_of(sort.empty() ? "total" : sort);
 	if (!order) throw BadParameter("sort: expected total, count, avg, p95, p99, errors or statements");
-	list.question.order = *order;
-	list.question.most = number_of(parameters, "n", 1, 1000, 100);
-	list.question.trend_points = trend_points;
-	list.answer = store.sums(list.question);
-	return json_text(sums_json(list), false);
+	question.order = *order;
+	question.most = number_of(parameters, "n", 1, 1000, 100);
+	question.trend_points = trend_points;
+	return json_text(sums_json(sum_list(store, question)), false);
 }
 
 std::string api_series(Reader &store, const Parameters &parameters)
@@ -122,6 +123,39 @@ std::string api_series(Reader &store, const Parameters &parameters)
 	report.releases = store.releases(question.filter.application);
 	report.durations = text_of(parameters, "heat") == "1";
 	return json_text(series_json(report), false);
+}
+
+std::string api_compare(Reader &store, const Parameters &parameters)
+{
+	const int64_t now_ms = wall_clock_ms();
+	const std::string &application = text_of(parameters, "app"), &release = text_of(parameters, "release");
+	CompareQuestion question;
+	try {
+		if (!release.empty()) question = around_release(store.releases(application), release, now_ms);
+	} catch (const std::runtime_error &refusal) {
+		throw BadParameter(refusal.what());
+	}
+	if (release.empty()) {
+		question.after = range_of_sums(parameters);
+		const int64_t length_ms = question.after.until_ms - question.after.from_ms;
+		question.before.until_ms =
+			number_of(parameters, "before_until", 0, question.after.until_ms, question.after.from_ms);
+		question.before.from_ms = number_of(parameters, "before_from", 0, question.before.until_ms - 1,
+			std::max(question.before.until_ms - length_ms, int64_t{0}));
+	}
+	question.application = application;
+	return json_text(comparison_json(compare(store, question)), false);
+}
+
+std::string api_releases(Reader &store, const Parameters &parameters)
+{
+	return json_text(releases_json(store.releases(text_of(parameters, "app"))), false);
+}
+
+std::string api_services(Reader &store, const Parameters &parameters)
+{
+	return json_text(
+		service_map_json(service_map(store, range_of_sums(parameters), text_of(parameters, "app"))), false);
 }
 
 std::string api_key(Reader &store, std::string_view path, const Parameters &parameters)

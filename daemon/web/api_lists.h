@@ -1,4 +1,4 @@
-// The lists of the API: requests, sums, one key of them, sums over time.
+// The lists of the API: requests, sums, one key of them, sums over time, comparisons, who calls whom.
 #pragma once
 
 #include "store/reader.h"
@@ -20,6 +20,9 @@ struct BadParameter : std::runtime_error {
 std::string api_requests(Reader &store, const Parameters &parameters);
 std::string api_top(Reader &store, const Parameters &parameters);
 std::string api_series(Reader &store, const Parameters &parameters);
+std::string api_compare(Reader &store, const Parameters &parameters);
+std::string api_releases(Reader &store, const Parameters &parameters);
+std::string api_services(Reader &store, const Parameters &parameters);
 // `path` is "KIND/ID". "" when there is no such key.
 std::string api_key(Reader &store, std::string_view path, const Parameters &parameters);
 

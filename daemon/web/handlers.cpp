@@ -1,4 +1,4 @@
-// From a request to its answer. Everything is decided in one place, before a body is read; only logging in has a body.
+// From a request to its answer. Who may ask what is decided in one place, before a body is read.
 #include "web/handlers.h"
 
 #include "base/version.h"
@@ -63,8 +63,16 @@ public:
 			return send(response, api_error(refusal->status, refusal->message)), true;
 		if (!request.path.starts_with("/api/")) return page(request, response), true;
 		if (request.path == login_path && request.method == "POST") return false;
-		api(request, response);
-		return true;
+		return !may_go_on(request, response) || answer(request, response);
+	}
+
+	// Of somebody who may order.
+	void order(const Request &request, Response &response)
+	{
+		if (request.path != logout_path) return send(response, obey(served_.source, request.path, request.body));
+		served_.sessions.close(cookie_of(request));
+		response.set_header("Set-Cookie", cookie_name() + "=; Path=/; Max-Age=0; HttpOnly; SameSite=Strict");
+		send(response, {200, "{}\n"});
 	}
 
 	void log_in(const Request &request, Response &response)
@@ -78,7 +86,7 @@ public:
 		response.set_header("Set-Cookie",
 			cookie_name() + "=" + session.cookie + "; Path=/; HttpOnly; SameSite=Strict" +
 				(encrypted ? "; Secure" : ""));
-		send(response, {200, about(&session)});
+		send(response, {200, about(session)});
 	}
 
 private:
@@ -99,9 +107,11 @@ private:
 		send(response, api_error(429, "too many wrong tokens: try again in a minute"));
 	}
 
-	static std::string about(const Session *session)
+	std::string about(const std::optional<Session> &session) const
 	{
-		return json_text(Json{{"version", product_version}, {"token", session ? Json(session->token) : Json()}}, false);
+		const Json about = {{"version", product_version}, {"token", session ? Json(session->token) : Json()},
+			{"sample", served_.source.sample}};
+		return json_text(about, false);
 	}
 
 	void page(const Request &request, Response &response) const
@@ -125,31 +135,32 @@ private:
 			reinterpret_cast<const char *>(found->bytes.data()), found->bytes.size(), std::string(found->type));
 	}
 
-	void api(const Request &request, Response &response)
+	// Whether the request shows what it needs; else it has been answered.
+	bool may_go_on(const Request &request, Response &response) const
 	{
-		const std::string cookie = cookie_of(request), shown = request.get_header_value("Authorization");
+		const auto session = served_.sessions.find(cookie_of(request), now_ms());
+		const std::string shown = request.get_header_value("Authorization");
 		constexpr std::string_view bearer = "Bearer ";
-		auto session = served_.sessions.find(cookie, now_ms());
 		if (!session) {
 			if (!shown.starts_with(bearer))
-				return send(response, api_error(401, "log in, or show a token (docs/api.md)"));
+				return send(response, api_error(401, "log in, or show a token (docs/api.md)")), false;
 			const Entry entry = served_.sessions.check(std::string_view(shown).substr(bearer.size()), now_ms());
-			if (entry != Entry::granted) return refuse_entry(entry, response);
+			if (entry != Entry::granted) return refuse_entry(entry, response), false;
 		}
-		if (request.method == "POST") return order(request, session, cookie, response);
-		if (request.path == login_path) return send(response, {200, about(session ? &*session : nullptr)});
-		send(response, answer_api(served_.source, request.path, request.params));
+		if (request.method != "POST") return true;
+		if (session && equal_secrets(request.get_header_value("X-Quorbit-Token"), session->token)) return true;
+		return send(response, api_error(403, "an order needs the session's token")), false;
 	}
 
-	void order(
-		const Request &request, const std::optional<Session> &session, const std::string &cookie, Response &response)
+	// False for what has a body that is still to be read.
+	bool answer(const Request &request, Response &response) const
 	{
-		if (!session || !equal_secrets(request.get_header_value("X-Quorbit-Token"), session->token))
-			return send(response, api_error(403, "an order needs the session's token"));
-		if (request.path != logout_path) return send(response, api_error(404, "there is no such order"));
-		served_.sessions.close(cookie);
-		response.set_header("Set-Cookie", cookie_name() + "=; Path=/; Max-Age=0; HttpOnly; SameSite=Strict");
-		send(response, {200, "{}\n"});
+		if (request.method == "POST") return false;
+		if (request.path == login_path)
+			send(response, {200, about(served_.sessions.find(cookie_of(request), now_ms()))});
+		else
+			send(response, answer_api(served_.source, request.path, request.params));
+		return true;
 	}
 
 	const Served served_;
@@ -167,6 +178,8 @@ void add_handlers(BoundedServer &server, const Served &served)
 	});
 	server.Post(
 		login_path, [handlers](const Request &request, Response &response) { handlers->log_in(request, response); });
+	server.Post(
+		"/api/.*", [handlers](const Request &request, Response &response) { handlers->order(request, response); });
 	server.set_exception_handler([](const Request &, Response &response, const std::exception_ptr &) {
 		send(response, api_error(500, "this request failed"));
 	});

@@ -4,13 +4,16 @@
 #include "base/account.h"
 #include "base/files.h"
 #include "print/output.h"
+#include "sample/sample.h"
 #include "web/address.h"
 #include "web/bounded_server.h"
 #include "web/browser.h"
 #include "web/handlers.h"
+#include "web/profiles.h"
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -67,10 +70,11 @@ public:
 		::signal(SIGPIPE, SIG_IGN);
 	}
 
-	void wait_and_stop(BoundedServer &server) const
+	// Calls `look` every few seconds until then.
+	void wait_and_stop(BoundedServer &server, const std::function<void()> &look) const
 	{
-		int signal = 0;
-		sigwait(&signals_, &signal);
+		constexpr struct timespec pause = {3, 0};
+		while (sigtimedwait(&signals_, nullptr, &pause) < 0) look();
 		server.stop();
 	}
 
@@ -82,8 +86,8 @@ void introduce(const ListenAddress &address, const WebOptions &options, const Se
 {
 	std::string origin = address.origin();
 	if (address.unix_socket() && !options.hosts.empty()) origin = "http://" + options.hosts[0];
-	put("Quorbit's page, until Ctrl-C. This link lets one browser in:\n\n    " + origin + "/login#" +
-		sessions.link_token() + "\n\n");
+	put(std::string("Quorbit's page") + (options.sample ? " with sample data" : "") +
+		", until Ctrl-C. This link lets one browser in:\n\n    " + origin + "/login#" + sessions.link_token() + "\n\n");
 	if (options.password_file.empty())
 		put("Other browsers and programs show this token (docs/api.md):\n\n    curl -H 'Authorization: Bearer " +
 			sessions.access_token() + "' " + origin + "/api/v1/requests\n\n");
@@ -94,6 +98,15 @@ void introduce(const ListenAddress &address, const WebOptions &options, const Se
 		tell("quorbit: " + origin +
 			" can be reached from other hosts, and nothing on the way is encrypted: put a web "
 			"server with TLS in front");
+}
+
+void show_sample(Sample &sample, Profiles &profiles)
+{
+	sample.fill();
+	int64_t order = 0;
+	std::string application;
+	auto orders = sample.take_profile(order, application);
+	profiles.adopt(std::move(orders), order, application, Sample::profile_seconds);
 }
 
 } // namespace
@@ -110,12 +123,23 @@ int run_web(const DaemonConfig &config, const WebOptions &options)
 	Sessions sessions(options.password_file.empty() ? random_token() : password_of(options.password_file));
 	BoundedServer server;
 	bind(server, address);
-	become_owner_of(config.folder());
-	add_handlers(server, {{config, options.status}, sessions, allowed_hosts(address, options.hosts), address.port});
+	std::optional<Sample> sample;
+	if (options.sample) sample.emplace();
+	const DaemonConfig &source = sample ? sample->config() : config;
+	become_owner_of(source.folder());
+	confine_root_to(source.folder());
+	if (geteuid() == 0) setenv("SQLITE_TMPDIR", source.folder().c_str(), 1); // it may write nowhere else
+	Profiles profiles(source);
+	if (sample) show_sample(*sample, profiles);
+	auto status = options.status;
+	if (sample) status = [&sample](const DaemonConfig &) { return sample->status(); };
+	const ApiSource api = {source, status, &profiles, options.sample};
+	add_handlers(server, {api, sessions, allowed_hosts(address, options.hosts), address.port});
 	introduce(address, options, sessions);
+	if (sample) tell("The sample goes with this process; until then: quorbit top --since 1d --root " + sample->root());
 	OpenedBrowser browser;
 	if (options.open) browser.open(address.origin() + "/login#" + sessions.link_token());
-	std::thread ends([&] { ending.wait_and_stop(server); });
+	std::thread ends([&] { ending.wait_and_stop(server, [&profiles] { profiles.look(); }); });
 	const bool served = server.listen_after_bind();
 	pthread_kill(ends.native_handle(), SIGTERM); // when it stopped by itself
 	ends.join();

@@ -15,6 +15,7 @@ struct WebOptions {
 	std::string password_file;      // "" for a token of its own
 	std::function<std::string(const DaemonConfig &config)> status; // for the API: the state of the host as JSON
 	bool open = false;                                             // in a browser
+	bool sample = false;                                           // of a day that is made up, not of the store
 };
 
 // Serves until SIGINT or SIGTERM, as the owner of the store's folder when root starts it; returns the exit status.

@@ -59,6 +59,13 @@ def server(store):
 
 
 @pytest.fixture(scope="module")
+def sample():
+    found = web.Web("/nowhere", "--sample")
+    yield found
+    found.close()
+
+
+@pytest.fixture(scope="module")
 def page(server):
     driver = web.browser()
     driver.get(server.link)
@@ -66,6 +73,17 @@ def page(server):
     driver.get_log("browser")                              # of before the link was used
     yield driver
     driver.quit()
+
+
+@pytest.fixture
+def sampled(sample, page):
+    """The page, let into the server of the sample."""
+    page.get(sample.origin)
+    entered = page.execute_async_script("fetch('/api/v1/session', {method: 'POST', headers: {'Content-Type': 'application/json'}, "
+                                        "body: JSON.stringify({token: arguments[0]})}).then(answer => arguments[1](answer.status))", sample.token)
+    assert entered == 200
+    page.get_log("browser")                                # of before it was let in
+    return page
 
 
 def texts(driver, selector):
@@ -168,14 +186,77 @@ def test_texts_of_packets_stay_texts(server, page):
     assert not page.get_log("browser")
 
 
+def test_the_new_views_show_what_the_commands_print(sample, sampled):
+    def told(*words):
+        return json.loads(web.subprocess.run([web.QUORBIT, *words, "--json", "--root", sample.sample_root], capture_output=True, check=True).stdout)
+    asked, printed = sample.json("compare?release=2.4.0"), told("compare", "2.4.0")
+    assert {(row["change"], row["by"], row["id"], row["after"]["count"]) for row in asked["changes"]} == \
+        {(row["change"], row["by"], row["id"], row["after"]["count"]) for row in printed["changes"]} and asked["compared"] == printed["compared"]
+    opened(sampled, sample, "/compare", "tbody tr")
+    slower, = [row for row in texts(sampled, "tbody tr") if row.startswith("Slower")]
+    assert "WebAction/shop/product\n" in slower.replace("\t", "\n") and len(texts(sampled, "tbody tr")) == len(asked["changes"])
+    new = [row for row in told("errors", "--since", "1d")["rows"] if "new_since" in row]
+    assert [(row["class"], row["new_since"]) for row in new] == [("InvalidArgumentException", "2.4.0")]
+    assert texts(opened(sampled, sample, "/errors", "tbody tr"), ".new") == ["new since 2.4.0"]
+    edges = {(edge["from"], edge["to"]): edge for edge in sample.json("services?since=24h")["edges"]}
+    queries = [row for row in told("queries", "--since", "1d")["rows"] if row["application"] == "Shop"]
+    failed = sum(row["errors"] for row in told("top", "--by", "external", "--since", "1d")["rows"])
+    assert edges["Shop", "MySQL"]["count"] == sum(row["count"] for row in queries)
+    assert edges["Shop", "stock.internal"]["application"] == "Stock" and edges["Shop", "pay.example"]["errors"] == failed > 0
+    assert len(texts(opened(sampled, sample, "/services", ".map"), ".map path")) == len(edges)
+    opened(sampled, sample, "/overview", "table.narrow tbody tr")
+    assert [row.split()[0] for row in texts(sampled, "table.narrow tbody tr")[1:]] == ["jobs", "shop", "stock"]
+
+
+def test_a_called_applications_trace_stands_inside_the_call(sample, sampled):
+    checkout = sample.json("requests?name=*checkout&n=1")[0]["id"]
+    opened(sampled, sample, f"/requests/{checkout}", ".wf-row.inside")
+    assert texts(sampled, ".wf-row.inside .wf-label")[0].startswith("Stock: ")
+    rows, call = texts(sampled, ".wf-row .wf-label"), "External/http:%2F%2Fstock.internal%2Freserve.php/curl_exec"
+    assert rows[rows.index(call) + 1].startswith("Stock: ")
+
+
+def test_a_profile_is_ordered_watched_and_seen(store, server, page):
+    """This test is the process that is profiled."""
+    opened(page, server, "/profiles", "form")
+    page.find_element(By.XPATH, "//option[text()='Shop']").click()
+    page.execute_script("document.querySelector('input[name=seconds]').value = 2")
+    page.find_element(By.CSS_SELECTOR, "form button").click()
+    wait_until(lambda: "waits for a process" in texts(page, "main")[0], "the order")
+    record, lines = web.record, []
+    for at, line in [(1, "enter action Web"), (2, "enter function Cart::total"), (3, "enter function PDO::query"), (43, "leave function PDO::query"),
+                     (50, "leave function Cart::total"), (60, "leave action ok")]:
+        lines.append(record(0x09, record(0x11, "Shop") + record(0x0E, "empty key") + record(0x2C, f"{at} 7 {line}")))
+    with socket.socket(socket.AF_UNIX) as agent:
+        agent.connect(str(store.folder / ".quorbit.sock"))
+        query = record(0x0A, record(0x11, "Shop") + record(0x0E, "empty key") + record(0x0C, bytes(8)))
+        answers = b""
+        while b"zqs.profile_end_time" not in answers:      # until the daemon has seen the order
+            agent.sendall(query)
+            answers = agent.recv(1 << 16)
+        agent.sendall(b"".join(lines))
+        wait_until(lambda: "is complete" in texts(page, "main")[0], "the end of the profile", 20)
+    assert [row.split("\t")[0::3] for row in texts(page, "tbody tr")] == [["PDO::query", "40 ms"], ["action Web", "11 ms"], ["Cart::total", "8 ms"]]
+    assert page.find_elements(By.CSS_SELECTOR, ".flame canvas")
+
+
 @pytest.mark.parametrize("width, dark", [(1280, False), (1280, True), (390, False), (390, True)])
-def test_every_view_is_for_everyone(server, page, width, dark):
+def test_every_view_is_for_everyone(server, sample, sampled, width, dark):
+    page, hostile_id = sampled, 3
     web.looks(page, width, dark)
     page.execute_cdp_cmd("Page.setBypassCSP", {"enabled": True})
-    for path, selector in [("/overview", "tbody tr"), ("/actions/1", ".heat-cells a"), ("/queries", "tbody tr"), ("/errors", "tbody tr"), ("/services", ".state"),
-                           ("/status", "h2"), ("/requests", "tbody tr"), ("/requests/1", ".wf-row"), ("/requests/1?tab=functions", "tbody tr"),
-                           ("/requests/1?tab=statements", ".sql"), ("/requests/1?tab=details", "[role=tabpanel]"), ("/requests?since=15m&app=none", ".state p")]:
-        opened(page, server, path, selector)
+    products = sample.json("requests?name=*products&n=1")[0]["id"]
+    action = sample.json("top?since=24h&name=*products")["rows"][0]["id"]
+    profile = sample.json("profiles")[0]["id"]
+    views = [(sample, path, selector) for path, selector in [
+        ("/overview", "tbody tr"), (f"/actions/{action}", ".heat-cells a"), ("/queries", "tbody tr"), ("/errors", "tbody tr"), ("/services", ".map"),
+        ("/compare", "tbody tr"), ("/profiles", "tbody tr"), (f"/profiles/{profile}", ".flame canvas"), ("/status", "h2"), ("/settings", "tbody tr"),
+        ("/requests", "tbody tr"), (f"/requests/{products}", ".wf-row"), (f"/requests/{products}?tab=functions", "tbody tr"),
+        (f"/requests/{products}?tab=statements", ".sql"), ("/requests?since=15m&app=none", ".state p")]]
+    views += [(server, f"/requests/{hostile_id}?tab=details", "[role=tabpanel]"), (server, "/services?app=none", ".state")]
+    for of, path, selector in views:
+        opened(page, of, path, selector)
+        assert (texts(page, ".samplechip") == ["Sample data"]) == (of is sample), path
         assert page.execute_script("return document.documentElement.scrollWidth <= innerWidth"), path
         page.execute_script(AXE.read_text())
         found = page.execute_async_script("axe.run({runOnly: ['wcag2a', 'wcag2aa', 'wcag21aa']}).then(arguments[0])")
@@ -197,6 +278,8 @@ def test_what_a_request_must_show(server):
         (400, "GET", "/api/v1/requests?n=0", {}), (400, "GET", "/api/v1/requests?since=1w", {}),
         (405, "PUT", "/api/v1/session", {}), (405, "POST", "/requests", kind), (405, "OPTIONS", "/api/v1/requests", {}),
         (415, "POST", "/api/v1/session", {"Content_Type": "text/plain", "body": "{}"}), (403, "POST", "/api/v1/session/end", kind),
+        (403, "POST", "/api/v1/profiles", {**kind, "body": '{"application": "Shop", "seconds": 9}'}), (403, "POST", "/api/v1/releases", {**kind, "body": '{"name": "1"}'}),
+        (400, "GET", "/api/v1/compare?release=none", {}), (404, "GET", "/api/v1/profiles/99", {}),
         (413, "POST", "/api/v1/session", {**kind, "body": "x" * 5000}), (414, "GET", "/" + "x" * 9000, {}),
         (200, "GET", "/", {"Range": "bytes=" + ",".join(["0-1"] * 1900)}),
     ]

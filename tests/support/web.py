@@ -103,6 +103,13 @@ class Web:
             printed += line
         self.link = re.search(r"http\S+/login#\w+", printed)[0]
         self.token = re.search(r"Bearer (\w+)", printed)[1]
+        if "--sample" in options:
+            wait_until(lambda: b"--root" in self.told(), "where the sample is")
+            self.sample_root = self.told().decode().split("--root ")[1].strip()
+
+    def told(self):
+        """What it has said on standard error."""
+        return os.pread(self.errors.fileno(), 1 << 20, 0)
 
     def ask(self, path, method="GET", body=None, token=True, **headers):
         """Status, headers and body of one request; a header that is None is left out."""

@@ -31,7 +31,7 @@ export const logIn = token =>
   call('/api/v1/session', { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify({ token }) });
 
 // An order carries the session's token, which no other page can read.
-export async function order(path) {
+export async function order(path, what = {}) {
   const { token } = await get('session');
-  return call(`/api/v1/${path}`, { method: 'POST', headers: { 'Content-Type': 'application/json', 'X-Quorbit-Token': token }, body: '{}' });
+  return call(`/api/v1/${path}`, { method: 'POST', headers: { 'Content-Type': 'application/json', 'X-Quorbit-Token': token }, body: JSON.stringify(what) });
 }

@@ -6,10 +6,15 @@ import { get, order } from './api.js';
 import { html } from './html.js';
 import { go, useAddress } from './router.js';
 import { zone } from './format.js';
+import { beginWith } from './parts/range.js';
 import { Login } from './views/login.js';
 import { keyView } from './views/key.js';
 import { Overview } from './views/overview.js';
-import { Errors, Queries, Services } from './views/sums.js';
+import { Compare } from './views/compare.js';
+import { Profile, Profiles } from './views/profile.js';
+import { Services } from './views/services.js';
+import { Settings } from './views/settings.js';
+import { Errors, Queries } from './views/sums.js';
 import { Status } from './views/status.js';
 import { Requests } from './views/requests.js';
 import { Request } from './views/request.js';
@@ -21,14 +26,17 @@ const views = [
   { path: 'queries', title: 'Queries', view: Queries, one: keyView('query') },
   { path: 'errors', title: 'Errors', view: Errors, one: keyView('error') },
   { path: 'services', title: 'Services', view: Services, one: keyView('external') },
+  { path: 'compare', title: 'Compare', view: Compare },
+  { path: 'profiles', title: 'Profiles', view: Profiles, one: Profile },
   { path: 'status', title: 'Status', view: Status },
+  { path: 'settings', title: 'Settings', view: Settings },
   { path: 'actions', one: keyView('action') },
   { path: 'caches', one: keyView('cache') },
 ];
 
 const titleOf = view => (view?.title ? `${view.title} – Quorbit` : 'Quorbit');
 
-function Frame({ onLeave }) {
+function Frame({ sample, onLeave }) {
   const { path, parameters } = useAddress();
   const [, first, ...rest] = path.split('/');
   const view = views.find(entry => entry.path === first) ?? (first === '' || first === 'login' ? views[0] : undefined);
@@ -48,6 +56,7 @@ function Frame({ onLeave }) {
       <nav aria-label="Views">
         ${views.filter(entry => entry.title).map(entry => html`<a key=${entry.path} href=${`/${entry.path}`} aria-current=${entry === view ? 'page' : undefined}>${entry.title}</a>`)}
       </nav>
+      ${sample && html`<strong class="samplechip" title="Nobody runs this shop: quorbit web without --sample shows your own data">Sample data</strong>`}
       <span class="zone" title="Times are in this zone">${zone}</span>
       <button class="quiet" onClick=${leave}>Log out</button>
     </header>
@@ -58,7 +67,13 @@ function Frame({ onLeave }) {
 
 function App() {
   const [session, setSession] = useState('asking');
-  const ask = () => get('session').then(() => setSession('open'), error => setSession(error.status === 401 ? 'none' : error.message));
+  const [sample, setSample] = useState(false);
+  const enter = ({ sample: made }) => {
+    if (made) beginWith('24h'); // the sample is of a day
+    setSample(made);
+    setSession('open');
+  };
+  const ask = () => get('session').then(enter, error => setSession(error.status === 401 ? 'none' : error.message));
   useEffect(() => {
     ask();
   }, []);
@@ -68,7 +83,7 @@ function App() {
   if (session === 'asking') return null;
   if (session === 'none') return html`<${Login} onEntry=${ask} />`;
   if (session !== 'open') return html`<main class="login"><h1>Quorbit</h1><p class="error" role="alert">${session}</p></main>`;
-  return html`<${Frame} onLeave=${() => setSession('none')} />`;
+  return html`<${Frame} sample=${sample} onLeave=${() => setSession('none')} />`;
 }
 
 render(html`<${App} />`, document.getElementById('app'));

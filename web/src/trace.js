@@ -7,6 +7,8 @@ export function readTrace(elements) {
     const { level, start_ms, end_ms } = element;
     const node = { ...element, index, taken: Math.max(0, end_ms - start_ms), children: [], parent: undefined };
     node.label = element.name ? element.name : element.call || '(no name)';
+    node.entry = element.request !== undefined && element.request !== open[level - 1]?.request; // of a called application
+    if (node.entry) node.label = `${element.application}: ${node.label}`;
     open.length = level;
     node.parent = open[level - 1];
     node.parent?.children.push(node);
@@ -15,6 +17,25 @@ export function readTrace(elements) {
   });
   for (const node of nodes) node.own = Math.max(0, node.taken - node.children.reduce((sum, child) => sum + child.taken, 0));
   return nodes;
+}
+
+// The elements with the traces of called applications inside the calls that reached them: `halves` has for a trace id what
+// answered, { id, application, elements }. Clocks of two hosts differ, so each stands in the middle of its call, whose rest
+// is the way there and back. Halves that call others hold theirs.
+export function withCallees(elements, halves) {
+  const open = new Set();
+  const graft = (list, level, from, until, mark) => list.flatMap(element => {
+    const at = { ...element, ...mark, level: element.level + level, start_ms: Math.min(until, element.start_ms + from), end_ms: Math.min(until, element.end_ms + from) };
+    const half = element.callee && halves.get(element.callee.trace_id);
+    if (!half?.elements.length || open.has(half.id)) return [at];
+    at.shape = `${at.shape} ${half.id}`; // a call that holds a half is like no other
+    open.add(half.id);
+    const took = half.elements[0].end_ms - half.elements[0].start_ms, spare = Math.max(0, at.end_ms - at.start_ms - took);
+    const inside = graft(half.elements, at.level + 1, at.start_ms + Math.round(spare / 2), at.end_ms, { application: half.application, request: half.id });
+    open.delete(half.id);
+    return [at, ...inside];
+  });
+  return graft(elements, 0, 0, Infinity, {});
 }
 
 export const takenBy = run => run.reduce((sum, node) => sum + node.taken, 0);

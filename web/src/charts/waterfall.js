@@ -46,7 +46,7 @@ function drawRow(row, at, span, selected, critical, acts) {
     event.stopPropagation();
     acts.current[act](row);
   };
-  return html`<div role="row" id=${`row-${at}`} class=${`wf-row${selected ? ' selected' : ''}${critical ? ' critical' : ''}`} aria-level=${level + 1} aria-rowindex=${at + 1}
+  return html`<div role="row" id=${`row-${at}`} class=${`wf-row${node.request !== undefined ? ' inside' : ''}${selected ? ' selected' : ''}${critical ? ' critical' : ''}`} aria-level=${level + 1} aria-rowindex=${at + 1}
       aria-expanded=${below ? open : undefined} aria-selected=${selected} style=${{ top: `${at * ROW_PX}px` }} onClick=${() => acts.current.select(at)}>
     <div role="gridcell" class="wf-name" style=${{ paddingLeft: `${Math.min(level, MOST_INDENT) * 12}px` }} aria-label=${said} title=${`${node.label}${node.call && node.name ? ` (${node.call})` : ''}${place ? ` at ${place}` : ''}`}>
       <span class="wf-toggle" aria-hidden="true" onClick=${alone('toggle')}>${below && !unfolded ? (open ? '▾' : '▸') : ''}</span>

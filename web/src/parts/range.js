@@ -1,9 +1,17 @@
-// The choice of a range of time; it is part of the address.
+// The choice of a range of time; it is part of the address. Views of sums begin with one that is the same for all.
 import { html } from '../html.js';
 import { fullTime } from '../format.js';
 import { address, go } from '../router.js';
 
 const spans = [['15m', '15 minutes'], ['1h', '1 hour'], ['6h', '6 hours'], ['24h', '24 hours'], ['3d', '3 days'], ['30d', '30 days'], ['90d', '90 days'], ['', 'All']];
+
+let first = '1h';
+export const beginWith = span => { first = span; };
+
+// What is asked for by an address: the parameters of the API.
+export const rangeOf = ({ since, from, until }) => (from || until ? { from, until } : { since: since ?? first });
+
+export const SumRange = props => html`<${Range} ...${props} otherwise=${first} />`;
 
 export function Range({ path, parameters, otherwise = '' }) {
   const { since, from, until, ...rest } = parameters;

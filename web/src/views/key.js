@@ -5,12 +5,11 @@ import { actionName, count, duration, share, time } from '../format.js';
 import { html } from '../html.js';
 import { LayerBar, LayerLegend } from '../parts/layers.js';
 import { OverTime } from '../parts/overtime.js';
-import { Range } from '../parts/range.js';
+import { rangeOf, SumRange } from '../parts/range.js';
 import { Scroll } from '../parts/scroll.js';
 import { Sql } from '../parts/sql.js';
 import { State } from '../parts/state.js';
 import { address } from '../router.js';
-import { rangeOf } from './overview.js';
 
 const kinds = {
   action: { title: 'Actions', path: '/actions', list: '/overview', listName: 'Overview' },
@@ -52,7 +51,7 @@ export const keyView = kind => function Key({ id, parameters }) {
   const toRequests = (from, until, least, below) => address('/requests', { app: row.application, name: exactly(row.name), from, until, slower: least, faster: below });
   return html`<${State} answer=${answer.error ? answer : series.error ? series : !answer.data ? answer : series}>${row && series.data && html`
     <nav class="crumbs" aria-label="Path"><a href=${address(list, range)}>${listName}</a> › <span>${row.application}</span></nav>
-    <div class="title"><h1 class="text">${kind === 'action' ? actionName(row.name) : kind === 'query' ? `${row.verb ?? 'Statement'} ${row.table ?? ''}` : row.name}</h1><${Range} path=${`${path}/${id}`} parameters=${parameters} otherwise="1h" /></div>
+    <div class="title"><h1 class="text">${kind === 'action' ? actionName(row.name) : kind === 'query' ? `${row.verb ?? 'Statement'} ${row.table ?? ''}` : row.name}</h1><${SumRange} path=${`${path}/${id}`} parameters=${parameters} /></div>
     ${kind === 'query' && html`<${Sql} text=${row.name} />`}
     ${row.finding && html`<div class="standsout"><b>Finding</b> ${row.finding}${row.suggestion && html`<div><b>Suggestion</b> <code>${row.suggestion}</code></div>`}</div>`}
     <${Facts} row=${row} />

@@ -4,16 +4,13 @@ import { actionName, count, duration, share } from '../format.js';
 import { html } from '../html.js';
 import { LayerBar, LayerLegend } from '../parts/layers.js';
 import { OverTime } from '../parts/overtime.js';
-import { Range } from '../parts/range.js';
+import { rangeOf, SumRange } from '../parts/range.js';
 import { Scroll } from '../parts/scroll.js';
 import { Sparkline } from '../parts/sparkline.js';
 import { State } from '../parts/state.js';
 import { address } from '../router.js';
 
 const LIVE_MS = 10000;
-const RANGE = '1h';
-
-export const rangeOf = ({ since, from, until }) => (from || until ? { from, until } : { since: since ?? RANGE });
 
 function Numbers({ all }) {
   const facts = [['Requests', count(all.count)], ['Median', duration(all.p50_us)], ['p95', duration(all.p95_us)], ['p99', duration(all.p99_us)], ['Errors', `${count(all.errors)} (${share(all.errors, all.count)})`]];
@@ -27,18 +24,29 @@ function ActionRow({ row, whole, range }) {
     <td class="number wide">${duration(row.p95_us)}</td><td class="number">${row.errors ? html`<span class="bad">${count(row.errors)}</span>` : '0'}</td><td class="bar wide"><${LayerBar} entry=${row} /></td><td class="wide"><${Sparkline} trend=${row.trend} /></td></tr>`;
 }
 
+// Hosts with their pools: how much of each was at work.
+function Machines({ machines }) {
+  if (!machines?.length) return null;
+  const one = new Intl.NumberFormat(undefined, { minimumFractionDigits: 1, maximumFractionDigits: 1 });
+  const used = ({ memory_bytes: all, available_bytes: free }) => (all > 0 ? share(all - free, all) : '–');
+  return html`<h2>Hosts and pools</h2><${Scroll} label="Hosts and pools"><table class="narrow"><thead><tr><th>Host</th><th>Pool</th><th class="number">Busy on average</th><th class="number">At most</th><th class="number">Idle</th><th class="number">Load</th><th class="number">Memory used</th></tr></thead>
+    <tbody>${machines.map(machine => html`<tr key=${machine.host}><th scope="row" class="name">${machine.host}</th><td></td><td></td><td></td><td></td><td class="number">${one.format(machine.load)}</td><td class="number">${used(machine)}</td></tr>
+      ${machine.pools.map(pool => html`<tr key=${`${machine.host} ${pool.name}`}><td></td><td class="name">${pool.name}</td><td class="number">${one.format(pool.busy)}</td><td class="number">${count(pool.most_busy)}</td><td class="number">${one.format(pool.idle)}</td><td></td><td></td></tr>`)}`)}</tbody></table><//>`;
+}
+
 export function Overview({ parameters }) {
   const range = rangeOf(parameters), { app } = parameters;
   const series = useQuestion('series', { by: 'application', app, ...range }, LIVE_MS);
   const top = useQuestion('top', { by: 'action', app, n: 50, ...range }, LIVE_MS);
   const applications = useQuestion('top', { by: 'application', ...range }, LIVE_MS);
+  const hosts = useQuestion('top', { by: 'host', ...range }, LIVE_MS);
   const answer = [series, top, applications].find(({ error }) => error) ?? [series, top, applications].find(({ data }) => !data) ?? top;
   const all = top.data?.all;
   const empty = all && !all.count && html`<p>No request in this range.</p><p>Choose a longer one, or send a request to an application with the agent loaded. <code>quorbit status</code> says what to check when nothing comes.</p>`;
   return html`
     <div class="title"><h1>Overview</h1>
       ${app && html`<a class="chip" href=${address('/overview', { ...parameters, app: '' })} aria-label=${`${app}: show all applications`}>${app} ×</a>`}
-      <${Range} path="/overview" parameters=${parameters} otherwise=${RANGE} /></div>
+      <${SumRange} path="/overview" parameters=${parameters} /></div>
     <${State} answer=${answer} empty=${empty}>${series.data && all && applications.data && html`
       <${Numbers} all=${all} />
       <div class="whereto"><${LayerBar} entry=${all} /><${LayerLegend} entry=${all} /></div>
@@ -47,6 +55,7 @@ export function Overview({ parameters }) {
       <h2>Actions by time</h2>
       <${Scroll} label="Actions"><table><thead><tr><th>Action</th><th class="wide">Application</th><th class="number">Time</th><th class="number wide">Share</th><th class="number">Count</th><th class="number wide">Average</th><th class="number wide">p95</th><th class="number">Errors</th><th class="wide">Where the time went</th><th class="wide">Trend</th></tr></thead>
         <tbody>${top.data.rows.map(row => html`<${ActionRow} key=${`${row.id} ${row.application}`} row=${row} whole=${all.total_us} range=${range} />`)}</tbody></table><//>
-      ${top.data.left_out > 0 && html`<p class="dim">and ${count(top.data.left_out)} more</p>`}`}
+      ${top.data.left_out > 0 && html`<p class="dim">and ${count(top.data.left_out)} more</p>`}
+      <${Machines} machines=${hosts.data?.machine} />`}
     <//>`;
 }

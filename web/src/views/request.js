@@ -1,6 +1,6 @@
 // One request: what it was, what stands out, and where its time went, as waterfall, flame graph, functions and statements.
-import { useMemo, useState } from 'preact/hooks';
-import { apiUrl } from '../api.js';
+import { useEffect, useMemo, useState } from 'preact/hooks';
+import { apiUrl, get } from '../api.js';
 import { Flame } from '../charts/flame.js';
 import { runLabel, Waterfall } from '../charts/waterfall.js';
 import { useQuestion } from '../data.js';
@@ -14,10 +14,30 @@ import { Scroll } from '../parts/scroll.js';
 import { Sql } from '../parts/sql.js';
 import { State } from '../parts/state.js';
 import { address, go } from '../router.js';
-import { mergedFrames, readTrace, sumsByFunction } from '../trace.js';
+import { mergedFrames, readTrace, sumsByFunction, withCallees } from '../trace.js';
 
 const REPEATED = 5; // from so many on, the same statement stands out
 const TOLD_STATEMENTS = 3;
+const MOST_HALVES = 20; // of called applications that are shown inside their calls
+
+// The elements, and with them, as they arrive, those of the called applications that the store has.
+function useWithCallees(elements, related) {
+  const [whole, setWhole] = useState(elements);
+  useEffect(() => {
+    setWhole(elements);
+    const called = new Map((related ?? []).filter(({ relation, trace_id }) => relation !== 'caller' && trace_id).map(entry => [entry.trace_id, entry]));
+    if (!elements?.some(({ callee }) => callee && called.has(callee.trace_id))) return undefined;
+    const ending = new AbortController();
+    const fetchAll = async () => {
+      const halves = new Map();
+      for (const [trace, { id, application }] of [...called].slice(0, MOST_HALVES)) halves.set(trace, { id, application, elements: await get(`requests/${id}/elements`, {}, ending.signal) });
+      setWhole(withCallees(elements, halves));
+    };
+    fetchAll().catch(() => {}); // the request's own trace stands without them
+    return () => ending.abort();
+  }, [elements, related]);
+  return whole;
+}
 
 const Fact = ({ name, children }) => html`<div><dt>${name}</dt><dd>${children}</dd></div>`;
 
@@ -86,9 +106,10 @@ function Functions({ nodes }) {
 function Chosen({ run, related }) {
   if (!run) return null;
   const node = run.find(member => member.plan) ?? run[0];
-  const callee = node.callee && related.find(entry => entry.relation === 'callee' && entry.action === node.callee.action);
+  const callee = node.callee && related.find(entry => entry.relation !== 'caller' && entry.trace_id === node.callee.trace_id);
   return html`<aside class="chosen" aria-label="The selected call">
     <h2 class="text">${node.label}</h2>
+    ${node.request !== undefined && html`<p>Inside <a href=${`/requests/${node.request}`}>the called application ${node.application}</a></p>`}
     ${node.name && node.call && html`<p class="dim text">${node.call}</p>`}
     <dl class="facts"><${Fact} name="Took">${runLabel(run)}<//><${Fact} name="Own time">${milliseconds(run.reduce((sum, { own }) => sum + own, 0))}<//>
       <${Fact} name="From">${milliseconds(node.start_ms)}<//><${Fact} name="Layer"><i class=${`swatch layer-${node.layer}`}></i>${layerName(node.layer)}<//></dl>
@@ -118,7 +139,7 @@ function Tabs({ tabs, chosen, onChoose }) {
   return html`<div class="tabs" role="tablist" onKeyDown=${press}>${tabs.map(([key, name]) => html`<button key=${key} id=${`tab-${key}`} role="tab" aria-selected=${key === chosen} tabindex=${key === chosen ? 0 : -1} onClick=${() => onChoose(key)}>${name}</button>`)}</div>`;
 }
 
-function Whole({ request, nodes, groups, parameters }) {
+function Whole({ request, nodes, withHalves, groups, parameters }) {
   const [run, setRun] = useState();
   const traced = nodes.length > 0;
   const tabs = [...(traced ? [['waterfall', 'Waterfall'], ['flame', 'Flame graph'], ['functions', 'Functions']] : []), ['statements', `Statements (${count(groups.length)})`], ['details', 'Details']];
@@ -138,7 +159,7 @@ function Whole({ request, nodes, groups, parameters }) {
     <${Tabs} tabs=${tabs} chosen=${tab} onChoose=${choose} />
     <div role="tabpanel" aria-labelledby=${`tab-${tab}`}>
       ${!traced && tab === 'statements' && html`<p class="dim">This request has no trace: only actions that take zqs.action_tracer.action_threshold have one.</p>`}
-      ${tab === 'waterfall' && html`<div class="split"><${Waterfall} nodes=${nodes} onSelect=${setRun} /><${Chosen} run=${run} related=${request.related} /></div>`}
+      ${tab === 'waterfall' && html`<div class="split"><${Waterfall} key=${withHalves.length} nodes=${withHalves} onSelect=${setRun} /><${Chosen} run=${run} related=${request.related} /></div>`}
       ${tab === 'flame' && html`<${Flame} frames=${frames} label="Functions by their time below their callers." />`}
       ${tab === 'functions' && html`<${Functions} nodes=${nodes} />`}
       ${tab === 'statements' && html`<${Statements} groups=${groups} />`}
@@ -152,6 +173,8 @@ export function Request({ id, parameters }) {
   const answers = ['', '/elements', '/statements'].map(part => useQuestion(`requests/${encodeURIComponent(id)}${part}`));
   const [request, elements, groups] = answers.map(({ data }) => data);
   const nodes = useMemo(() => (elements ? readTrace(elements) : []), [elements]);
+  const whole = useWithCallees(elements, request?.related);
+  const withHalves = useMemo(() => (whole && whole !== elements ? readTrace(whole) : nodes), [whole, nodes]);
   const first = answers.find(({ error }) => error) ?? answers.find(({ data }) => !data) ?? answers[0];
-  return html`<${State} answer=${first}>${request && elements && groups && html`<${Whole} request=${request} nodes=${nodes} groups=${groups} parameters=${parameters} />`}<//>`;
+  return html`<${State} answer=${first}>${request && elements && groups && html`<${Whole} request=${request} nodes=${nodes} withHalves=${withHalves} groups=${groups} parameters=${parameters} />`}<//>`;
 }

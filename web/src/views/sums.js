@@ -1,13 +1,12 @@
-// Lists of what spans requests: queries, errors, services; each leads to the one key.
+// Lists of what spans requests: queries, errors, calls; each leads to the one key.
 import { useQuestion } from '../data.js';
 import { count, duration, share, time } from '../format.js';
 import { html } from '../html.js';
-import { Range } from '../parts/range.js';
+import { rangeOf, SumRange } from '../parts/range.js';
 import { Scroll } from '../parts/scroll.js';
 import { Sparkline } from '../parts/sparkline.js';
 import { State } from '../parts/state.js';
 import { address } from '../router.js';
-import { rangeOf } from './overview.js';
 
 const LIVE_MS = 15000;
 
@@ -22,7 +21,7 @@ const Finding = ({ row }) => html`${row.place && html`<div class="dim">at ${row.
 const lists = {
   query: { title: 'Queries', path: '/queries', name: row => html`<code>${row.name}</code>`, under: Finding, sort: 'total',
     columns: [...common, number('Share', (row, all) => share(row.total_us, all.total_us), true), trend], empty: 'No query in this range.' },
-  error: { title: 'Errors', path: '/errors', sort: 'count', name: row => html`<b>${row.class}</b> ${row.message ?? row.name}`, under: ({ row }) => row.place && html`<div class="dim">at ${row.place}</div>`,
+  error: { title: 'Errors', path: '/errors', sort: 'count', name: row => html`<b>${row.class}</b> ${row.message ?? row.name}`, under: ({ row }) => html`${row.new_since && html`<span class="new">new since ${row.new_since}</span> `}${row.place && html`<span class="dim">at ${row.place}</span>`}`,
     columns: [number('Count', row => count(row.count)), number('First seen', row => (row.first_seen ? time(row.first_seen) : '–'), true), number('Last seen', row => (row.last_seen ? time(row.last_seen) : '–'), true), trend], empty: 'No error in this range.' },
   external: { title: 'Outgoing calls', path: '/services', sort: 'total', name: row => row.name, columns: [...common, number('Errors', row => count(row.errors)), trend], empty: 'No outgoing call in this range.' },
   cache: { title: 'Caches', path: '/caches', sort: 'total', name: row => row.name, columns: [...common, trend], empty: 'No cache operation in this range.' },
@@ -30,7 +29,7 @@ const lists = {
 
 const cell = (column, content, tag) => html`<${tag} class=${`${column.number ? 'number ' : ''}${column.wide ? 'wide' : ''}`}>${content}<//>`;
 
-function List({ kind, parameters, range }) {
+export function SumsList({ kind, parameters, range }) {
   const { title, path, name, under: Under, sort, columns, empty } = lists[kind];
   const answer = useQuestion('top', { by: kind, sort, app: parameters.app, n: 200, ...range }, LIVE_MS);
   const rows = answer.data?.rows ?? [];
@@ -41,13 +40,11 @@ function List({ kind, parameters, range }) {
     ${answer.data?.left_out > 0 && html`<p class="dim">and ${count(answer.data.left_out)} more</p>`}<//>`;
 }
 
-// A view of one list or several.
-const view = (path, title, ...kinds) => function Sums({ parameters }) {
-  const range = rangeOf(parameters);
-  return html`<div class="title"><h1>${title}</h1><${Range} path=${path} parameters=${parameters} otherwise="1h" /></div>
-    ${kinds.map(kind => html`<section key=${kind}>${kinds.length > 1 && html`<h2>${lists[kind].title}</h2>`}<${List} kind=${kind} parameters=${parameters} range=${range} /></section>`)}`;
+const view = kind => function Sums({ parameters }) {
+  const { path, title } = lists[kind];
+  return html`<div class="title"><h1>${title}</h1><${SumRange} path=${path} parameters=${parameters} /></div>
+    <${SumsList} kind=${kind} parameters=${parameters} range=${rangeOf(parameters)} />`;
 };
 
-export const Queries = view('/queries', 'Queries', 'query');
-export const Errors = view('/errors', 'Errors', 'error');
-export const Services = view('/services', 'Services', 'external', 'cache');
+export const Queries = view('query');
+export const Errors = view('error');
