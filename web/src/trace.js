@@ -6,7 +6,7 @@ export function readTrace(elements) {
   const nodes = elements.map((element, index) => {
     const { level, start_ms, end_ms } = element;
     const node = { ...element, index, taken: Math.max(0, end_ms - start_ms), children: [], parent: undefined };
-    node.label = element.name ? element.name : element.call || '(no name)';
+    node.label = (element.name?.startsWith('External/') && element.url) || element.name || element.call || '(no name)';
     node.entry = element.request !== undefined && element.request !== open[level - 1]?.request; // of a called application
     if (node.entry) node.label = `${element.application}: ${node.label}`;
     open.length = level;

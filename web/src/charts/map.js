@@ -4,7 +4,7 @@ import { html } from '../html.js';
 import { count, duration } from '../format.js';
 import { address } from '../router.js';
 
-const WIDTH = 940, NODE_WIDTH = 190, NODE_HEIGHT = 40, GAP = 26, MOST_NAME = 26;
+const WIDTH = 940, NODE_WIDTH = 190, NODE_HEIGHT = 40, GAP = 26, MOST_NAME = 20;
 
 const short = text => (text.length > MOST_NAME ? `${text.slice(0, MOST_NAME - 1)}…` : text);
 
@@ -27,11 +27,16 @@ function placed({ applications, edges }) {
     if (node.kind !== 'application') node.column = last;
     columns[node.column].push(node);
   }
-  const rows = Math.max(...columns.map(({ length }) => length)), height = rows * (NODE_HEIGHT + GAP) + GAP;
+  // What the first column asks passes above the applications in between: these stand at the bottom, and so does what they ask.
+  const asker = new Map(lines.map(({ from, to }) => [to, nodes.get(from).column]));
+  columns[last].sort((a, b) => (asker.get(a.key) ?? 0) - (asker.get(b.key) ?? 0));
+  const rows = Math.max(...columns.map(({ length }, x) => length + (x > 0 && x < last ? 1 : 0))), height = rows * (NODE_HEIGHT + GAP) + GAP;
   columns.forEach((column, x) => column.forEach((node, y) => {
+    const free = height - column.length * (NODE_HEIGHT + GAP), between = x > 0 && x < last;
     node.x = x * (WIDTH - NODE_WIDTH) / last;
-    node.y = (height - column.length * (NODE_HEIGHT + GAP) + GAP) / 2 + y * (NODE_HEIGHT + GAP);
+    node.y = (between ? free - GAP / 2 : (free + GAP) / 2) + y * (NODE_HEIGHT + GAP);
   }));
+  for (const line of lines) line.alone = lines.filter(({ to }) => to === line.to).length === 1;
   return { nodes, lines, height };
 }
 
@@ -43,7 +48,7 @@ function Edge({ edge, nodes, most }) {
   const x1 = from.x + NODE_WIDTH, x2 = to.x, y1 = from.y + NODE_HEIGHT / 2, y2 = to.y + NODE_HEIGHT / 2, bend = (x2 - x1) / 2;
   const told = `${count(edge.count)} · p95 ${duration(edge.p95_us)}`;
   return html`<g><path class=${`edge edge-${edge.kind}`} d=${`M${x1} ${y1} C${x1 + bend} ${y1} ${x2 - bend} ${y2} ${x2} ${y2}`} stroke-width=${1 + 5 * Math.sqrt(edge.total_us / most)} />
-    <text class="edge-text" x=${x2 - 8} y=${y2 - 6} text-anchor="end">${told}${edge.errors > 0 && html`<tspan class="edge-bad"> · ${count(edge.errors)} failed</tspan>`}</text></g>`;
+    <text class="edge-text" x=${edge.alone ? x2 - 8 : x1 + 0.6 * (x2 - x1)} y=${(edge.alone ? y2 : y1 + 0.648 * (y2 - y1)) - 6} text-anchor=${edge.alone ? 'end' : 'middle'}>${told}${edge.errors > 0 && html`<tspan class="edge-bad"> · ${count(edge.errors)} failed</tspan>`}</text></g>`;
 }
 
 function Node({ node, range }) {

@@ -21,7 +21,10 @@ export function OverTime({ series, path, parameters, layered = true }) {
   const from = times[0] ?? Date.parse(series.from), until = Math.max(Date.parse(series.until), from + series.step_ms);
   const zoom = (left, right) => go(address(path, { ...parameters, since: '', from: left, until: Math.max(right, left + 60000) }));
   const shared = { times, marks, from, until, onZoom: zoom };
-  const per = key => points.map(point => (point ? point[key] / (series.step_ms / 60000) : 0));
+  // The minutes of each part: the last one is not over, and the first begins within the range unless hours are what is kept.
+  const begin = series.step_ms % 3600000 ? Date.parse(series.from) : 0;
+  const minutes = times.map(at => (Math.min(at + series.step_ms, Date.parse(series.until)) - Math.max(at, begin)) / 60000);
+  const per = key => points.map((point, at) => (point ? point[key] / Math.max(minutes[at], 1) : 0));
   const took = key => points.map(point => (point ? point[key] : null));
   const lines = useMemo(() => ({
     many: [{ name: 'per minute', colour: 'accent', values: per('count') }, { name: 'errors', colour: 'bad', dash: [4, 2], values: per('errors') }],

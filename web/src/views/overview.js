@@ -51,7 +51,7 @@ export function Overview({ parameters }) {
       <${Numbers} all=${all} />
       <div class="whereto"><${LayerBar} entry=${all} /><${LayerLegend} entry=${all} /></div>
       <${OverTime} series=${series.data} path="/overview" parameters=${parameters} />
-      ${!app && applications.data.rows.length > 1 && html`<p class="applications">${applications.data.rows.map(row => html`<a key=${row.id} class="chip" href=${address('/overview', { ...parameters, app: row.application || row.name })}>${row.application || row.name} <span class="dim">${share(row.total_us, all.total_us)}</span></a>`)}</p>`}
+      ${!app && applications.data.rows.length > 1 && html`<p class="applications">${applications.data.rows.map(row => html`<a key=${row.id} class="chip" href=${address('/overview', { ...parameters, app: row.application || row.name })}><span class="cut" title=${row.application || row.name}>${row.application || row.name}</span> <span class="dim">${share(row.total_us, all.total_us)}</span></a>`)}</p>`}
       <h2>Actions by time</h2>
       <${Scroll} label="Actions"><table><thead><tr><th>Action</th><th class="wide">Application</th><th class="number">Time</th><th class="number wide">Share</th><th class="number">Count</th><th class="number wide">Average</th><th class="number wide">p95</th><th class="number">Errors</th><th class="wide">Where the time went</th><th class="wide">Trend</th></tr></thead>
         <tbody>${top.data.rows.map(row => html`<${ActionRow} key=${`${row.id} ${row.application}`} row=${row} whole=${all.total_us} range=${range} />`)}</tbody></table><//>

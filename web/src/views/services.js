@@ -13,9 +13,9 @@ import { SumsList } from './sums.js';
 const LIVE_MS = 15000;
 
 function Edges({ edges }) {
-  return html`<${Scroll} label="Who calls whom"><table><thead><tr><th>Application</th><th>Calls</th><th class="wide">Layer</th><th class="number">Time</th><th class="number">Count</th><th class="number wide">Average</th><th class="number">p95</th><th class="number">Failed</th></tr></thead>
+  return html`<${Scroll} label="Who calls whom"><table><thead><tr><th>Application</th><th>Calls</th><th class="wide">Layer</th><th class="number">Time</th><th class="number wide">Count</th><th class="number wide">Average</th><th class="number">p95</th><th class="number">Failed</th></tr></thead>
     <tbody>${edges.map((edge, at) => html`<tr key=${at}><td class="name">${edge.from || '(no name)'}</td><td class="name">${edge.to}${edge.application && html` <span class="dim">(${edge.application})</span>`}</td><td class="wide"><i class=${`swatch layer-${edge.kind}`}></i>${layerName(edge.kind)}</td>
-      <td class="number">${duration(edge.total_us)}</td><td class="number">${count(edge.count)}</td><td class="number wide">${duration(edge.average_us)}</td><td class="number">${duration(edge.p95_us)}</td><td class="number">${edge.errors ? html`<span class="bad">${count(edge.errors)}</span>` : edge.kind === 'external' ? '0' : '–'}</td></tr>`)}</tbody></table><//>`;
+      <td class="number">${duration(edge.total_us)}</td><td class="number wide">${count(edge.count)}</td><td class="number wide">${duration(edge.average_us)}</td><td class="number">${duration(edge.p95_us)}</td><td class="number">${edge.errors ? html`<span class="bad">${count(edge.errors)}</span>` : edge.kind === 'external' ? '0' : '–'}</td></tr>`)}</tbody></table><//>`;
 }
 
 export function Services({ parameters }) {

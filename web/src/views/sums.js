@@ -21,7 +21,7 @@ const Finding = ({ row }) => html`${row.place && html`<div class="dim">at ${row.
 const lists = {
   query: { title: 'Queries', path: '/queries', name: row => html`<code>${row.name}</code>`, under: Finding, sort: 'total',
     columns: [...common, number('Share', (row, all) => share(row.total_us, all.total_us), true), trend], empty: 'No query in this range.' },
-  error: { title: 'Errors', path: '/errors', sort: 'count', name: row => html`<b>${row.class}</b> ${row.message ?? row.name}`, under: ({ row }) => html`${row.new_since && html`<span class="new">new since ${row.new_since}</span> `}${row.place && html`<span class="dim">at ${row.place}</span>`}`,
+  error: { title: 'Errors', path: '/errors', sort: 'count', name: row => html`<b>${row.class}</b> ${row.message ?? row.name}`, under: ({ row }) => html`<div class="dim">${row.new_since && html`<span class="new">new since ${row.new_since}</span> `}${row.place && `at ${row.place}`}</div>`,
     columns: [number('Count', row => count(row.count)), number('First seen', row => (row.first_seen ? time(row.first_seen) : '–'), true), number('Last seen', row => (row.last_seen ? time(row.last_seen) : '–'), true), trend], empty: 'No error in this range.' },
   external: { title: 'Outgoing calls', path: '/services', sort: 'total', name: row => row.name, columns: [...common, number('Errors', row => count(row.errors)), trend], empty: 'No outgoing call in this range.' },
   cache: { title: 'Caches', path: '/caches', sort: 'total', name: row => row.name, columns: [...common, trend], empty: 'No cache operation in this range.' },
