@@ -18,7 +18,7 @@ OpenedBrowser::~OpenedBrowser()
 
 void OpenedBrowser::open(const std::string &link)
 {
-	if (geteuid() == 0) return tell("quorbit: --open starts no browser as root: open the link yourself");
+	if (root_) return tell("quorbit: --open starts no browser as root: open the link yourself");
 	const char *folder = getenv("XDG_RUNTIME_DIR");
 	constexpr int suffix = 5;
 	std::string path = std::string(folder ? folder : "/tmp") + "/quorbit-XXXXXX.html";
@@ -33,7 +33,9 @@ void OpenedBrowser::open(const std::string &link)
 	pid_t child = 0;
 	if (!written || posix_spawnp(&child, program, nullptr, nullptr, arguments, environ) != 0)
 		return tell("quorbit: --open found no xdg-open: open the link yourself");
-	waitpid(child, nullptr, 0);
+	int status = 0;
+	waitpid(child, &status, 0);
+	if (status != 0) tell("quorbit: --open: xdg-open found no browser: open the link yourself");
 }
 
 } // namespace quorbit

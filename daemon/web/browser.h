@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <unistd.h>
 
 namespace quorbit {
 
@@ -14,10 +15,11 @@ public:
 	OpenedBrowser(const OpenedBrowser &) = delete;
 	OpenedBrowser &operator=(const OpenedBrowser &) = delete;
 
-	// Says so on standard error when there is no browser to start.
+	// Says so on standard error when there is no browser to start, or root made this object: a browser is not for root.
 	void open(const std::string &link);
 
 private:
+	const bool root_ = geteuid() == 0;
 	std::string file_;
 };
 

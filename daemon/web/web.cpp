@@ -122,6 +122,7 @@ int run_web(const DaemonConfig &config, const WebOptions &options)
 	const EndingSignals ending;
 	Sessions sessions(options.password_file.empty() ? random_token() : password_of(options.password_file));
 	BoundedServer server;
+	OpenedBrowser browser; // knows who began
 	bind(server, address);
 	std::optional<Sample> sample;
 	if (options.sample) sample.emplace();
@@ -137,7 +138,6 @@ int run_web(const DaemonConfig &config, const WebOptions &options)
 	add_handlers(server, {api, sessions, allowed_hosts(address, options.hosts), address.port});
 	introduce(address, options, sessions);
 	if (sample) tell("The sample goes with this process; until then: quorbit top --since 1d --root " + sample->root());
-	OpenedBrowser browser;
 	if (options.open) browser.open(address.origin() + "/login#" + sessions.link_token());
 	std::thread ends([&] { ending.wait_and_stop(server, [&profiles] { profiles.look(); }); });
 	const bool served = server.listen_after_bind();

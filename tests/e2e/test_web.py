@@ -1,6 +1,9 @@
 """The page in a real browser, and what its server lets in."""
 import json
+import os
+import pwd
 import socket
+from pathlib import Path
 
 import pytest
 from selenium.webdriver.common.by import By
@@ -322,6 +325,46 @@ def test_the_link_lets_in_once_and_guessing_has_its_pause(store):
         assert server.errors.read() == b""                                                         # no token, right or wrong
     finally:
         server.close()
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="root alone has something to give up")
+def test_root_is_given_up(server, sample):
+    def told(process, *names):
+        lines = dict(line.split(":\t", 1) for line in Path(f"/proc/{process.pid}/status").read_text().splitlines())
+        return [lines[name] for name in names]
+    assert told(server.process, "CapEff", "CapBnd", "NoNewPrivs") == ["0" * 16, "0" * 16, "1"]     # the folder is root's own
+    nobody = pwd.getpwnam("nobody").pw_uid
+    assert set(told(sample.process, "Uid")[0].split()) == {str(nobody)}
+
+
+NGINX = """
+user root; daemon off; pid {root}/nginx.pid; error_log {root}/nginx.log;
+events {{ }}
+http {{
+  access_log off; client_body_temp_path {root}/body; proxy_temp_path {root}/proxy; fastcgi_temp_path {root}/f; uwsgi_temp_path {root}/u; scgi_temp_path {root}/s;
+  server {{
+    listen 127.0.0.1:{port};
+    location / {{ proxy_pass http://unix:{root}/web.sock; proxy_set_header Host $host; proxy_set_header X-Forwarded-Proto https; }}
+  }}
+}}
+"""
+
+
+def test_a_web_server_in_front_passes_requests_to_the_socket(store, tmp_path):
+    web_server = web.Web(store.root, "--listen", f"unix:{tmp_path}/web.sock", "--host", "monitor.example", origin="http://monitor.example")
+    (tmp_path / "nginx.conf").write_text(NGINX.format(root=tmp_path, port=web_server.port))
+    nginx = web.subprocess.Popen(["nginx", "-p", tmp_path, "-c", tmp_path / "nginx.conf"], stderr=web.subprocess.DEVNULL)
+    try:
+        wait_until(lambda: not socket.socket().connect_ex(("127.0.0.1", web_server.port)), "nginx")
+        assert os.stat(tmp_path / "web.sock").st_mode & 0o777 == 0o660
+        assert [web_server.ask("/api/v1/requests", Host=host)[0] for host in ("monitor.example", "evil.test")] == [200, 421]
+        status, headers, _ = web_server.ask("/api/v1/session", "POST", json.dumps({"token": web_server.link.partition("#")[2]}), token=False,
+                                            Host="monitor.example", Origin="https://monitor.example", Content_Type="application/json")
+        assert status == 200 and headers["set-cookie"].endswith("; Secure")
+    finally:
+        nginx.terminate()
+        nginx.wait(10)
+        web_server.close()
 
 
 @pytest.mark.parametrize("options, told", [(["--listen", "0.0.0.0:0"], "--listen needs"), (["--listen", "0.0.0.0:7180"], "needs --password-file"),

@@ -88,13 +88,14 @@ class Store:
 class Web:
     """A running `quorbit web`."""
 
-    def __init__(self, root, *options):
+    def __init__(self, root, *options, origin=None):
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
             self.port = free.getsockname()[1]
-        self.origin = f"http://127.0.0.1:{self.port}"
+        self.origin = origin or f"http://127.0.0.1:{self.port}"
+        listen = [] if "--listen" in options else ["--listen", f"127.0.0.1:{self.port}"]
         self.errors = tempfile.TemporaryFile()
-        self.process = subprocess.Popen([QUORBIT, "web", "--root", root, "--listen", f"127.0.0.1:{self.port}", *options],
+        self.process = subprocess.Popen([QUORBIT, "web", "--root", root, *listen, *options],
                                         stdout=subprocess.PIPE, stderr=self.errors, text=True)
         printed = ""
         while "Bearer" not in printed:
