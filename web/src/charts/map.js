@@ -44,11 +44,14 @@ const inWords = edge => `${edge.from.replace('application ', '')} calls ${edge.t
 
 function Edge({ edge, nodes, most }) {
   const from = nodes.get(edge.from), to = nodes.get(edge.to);
-  if (from === to) return null;
+  const told = `${count(edge.count)} · p95 ${duration(edge.p95_us)}`, failed = edge.errors > 0 && html`<tspan class="edge-bad"> · ${count(edge.errors)} failed</tspan>`;
+  if (from === to) {
+    const { x, y } = from;
+    return html`<g><path class=${`edge edge-${edge.kind}`} d=${`M${x + 14} ${y} C${x + 14} ${y - 22} ${x + 44} ${y - 22} ${x + 44} ${y}`} stroke-width="2" /><text class="edge-text" x=${x + 50} y=${y - 6}>itself ${told}${failed}</text></g>`;
+  }
   const x1 = from.x + NODE_WIDTH, x2 = to.x, y1 = from.y + NODE_HEIGHT / 2, y2 = to.y + NODE_HEIGHT / 2, bend = (x2 - x1) / 2;
-  const told = `${count(edge.count)} · p95 ${duration(edge.p95_us)}`;
   return html`<g><path class=${`edge edge-${edge.kind}`} d=${`M${x1} ${y1} C${x1 + bend} ${y1} ${x2 - bend} ${y2} ${x2} ${y2}`} stroke-width=${1 + 5 * Math.sqrt(edge.total_us / most)} />
-    <text class="edge-text" x=${edge.alone ? x2 - 8 : x1 + 0.6 * (x2 - x1)} y=${(edge.alone ? y2 : y1 + 0.648 * (y2 - y1)) - 6} text-anchor=${edge.alone ? 'end' : 'middle'}>${told}${edge.errors > 0 && html`<tspan class="edge-bad"> · ${count(edge.errors)} failed</tspan>`}</text></g>`;
+    <text class="edge-text" x=${edge.alone ? x2 - 8 : x1 + 0.6 * (x2 - x1)} y=${(edge.alone ? y2 : y1 + 0.648 * (y2 - y1)) - 6} text-anchor=${edge.alone ? 'end' : 'middle'}>${told}${failed}</text></g>`;
 }
 
 function Node({ node, range }) {

@@ -91,6 +91,7 @@ function Statements({ groups }) {
     <${Sql} text=${group.count > 1 ? group.kind : group.slowest} />
     <p><${Copy} text=${() => group.slowest}>Copy the statement<//></p>
     <${Plan} plan=${group.plan} finding=${group.finding} />
+    ${group.suggestion && html`<p class="finding"><b>Suggestion</b> <code>${group.suggestion}</code></p>`}
     <${Stack} frames=${Array.isArray(group.stack) ? group.stack : []} /></article>`);
 }
 
