@@ -49,30 +49,35 @@ void app_cfg_info_dtor(void *ele)
 
 /* ---- records ----------------------------------------------------------------------------------------------------- */
 
+/* What holds until an answer says otherwise. Keys are literals, so that a NUL ends them. */
+static void set_initially(app_cfg_info *rec, const zq_setting_row &row)
+{
+	const bool from_php_ini = row.initial == ZQ_FROM_PHP_INI;
+	switch (row.kind) {
+	case ZQ_SETTING_NUMBER:
+	case ZQ_SETTING_ASKED:
+		zq_setting_field<int>(rec, row) = from_php_ini ? zq_ini_number(row.key.data()) : (int)row.initial;
+		break;
+	case ZQ_SETTING_SQL_MODE:
+		zq_setting_field<int>(rec, row) = zq_record_type_to_int(from_php_ini ? zq_ini_str(row.key.data(), "") : "");
+		break;
+	case ZQ_SETTING_FRACTION: zq_setting_field<double>(rec, row) = row.initial; break;
+	case ZQ_SETTING_SECONDS: zq_setting_field<uint64>(rec, row) = (uint64)row.initial; break;
+	case ZQ_SETTING_TEXT:
+	case ZQ_SETTING_ANY_TEXT: break;
+	}
+}
+
 static app_cfg_info *record_from_settings(void)
 {
 	app_cfg_info *rec = (app_cfg_info *)calloc(1, sizeof(*rec));
 	if (!rec) {
 		return NULL;
 	}
-	rec->agent_enabled = zq_ini_number("zqs.agent_enabled");
-	rec->auto_action_naming = 1;
-	rec->error_collector_enabled = zq_ini_number("zqs.error_collector.enabled");
-	rec->error_collector_record_db_errors = 1;
-	rec->action_tracer_enabled = zq_ini_number("zqs.action_tracer.enabled");
-	rec->action_tracer_action_threshold = zq_ini_number("zqs.action_tracer.action_threshold");
-	rec->action_tracer_stack_trace_threshold = 50;
-	rec->action_tracer_record_sql = zq_record_type_to_int(zq_ini_str("zqs.action_tracer.record_sql", ""));
+	for (const zq_setting_row &row : zq_setting_table) {
+		set_initially(rec, row);
+	}
 	rec->action_tracer_log_sql = zq_ini_number("zqs.action_tracer.log_sql");
-	rec->action_tracer_slow_sql = zq_ini_number("zqs.action_tracer.slow_sql");
-	rec->action_tracer_slow_sql_threshold = zq_ini_number("zqs.action_tracer.slow_sql_threshold");
-	rec->action_tracer_explain_enabled = zq_ini_number("zqs.action_tracer.explain_enabled");
-	rec->action_tracer_explain_threshold = zq_ini_number("zqs.action_tracer.explain_threshold");
-	rec->rum_sample_ratio = 1.0;
-	rec->resource_enabled = 1;
-	rec->resource_low = 40;
-	rec->resource_high = 80;
-	rec->resource_safe = 95;
 	return rec;
 }
 

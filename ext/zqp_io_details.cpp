@@ -4,6 +4,7 @@
 
 #include "zqp_component.h"
 #include "zqp_details.h"
+#include "zqp_details_items.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_json.h"
@@ -14,33 +15,6 @@
 #include <initializer_list>
 
 namespace {
-
-enum item {
-	ITEM_DURATION_US = 0x01,
-	ITEM_DATABASE_US = 0x02,
-	ITEM_CACHES_US = 0x03,
-	ITEM_SERVICES_US = 0x04,
-	ITEM_WAITED_US = 0x05,
-	ITEM_STATEMENTS = 0x06,
-	ITEM_CACHE_OPERATIONS = 0x07,
-	ITEM_SERVICES = 0x08,
-	ITEM_USER_US = 0x09,
-	ITEM_SYSTEM_US = 0x0A,
-	ITEM_PEAK_MEMORY = 0x0B,
-	ITEM_OUTPUT_BYTES = 0x0C,
-	ITEM_EXIT_STATUS = 0x0D,
-	ITEM_PATH = 0x10,
-	ITEM_METHOD = 0x11,
-	ITEM_HOST = 0x12,
-	ITEM_SCRIPT = 0x13,
-	ITEM_PLACE = 0x20,
-	ITEM_RUNS = 0x21,
-	ITEM_ERROR_CLASS = 0x30,
-	ITEM_ERROR_MESSAGE = 0x31,
-	ITEM_COMPONENT = 0x32,
-	ITEM_TRACE_TEXT = 0x33,
-	ITEM_CALL_MESSAGE = 0x34,
-};
 
 constexpr size_t MOST_BYTES = 256 << 10; /* of the record's body; items that do not fit are left out */
 constexpr size_t MOST_TEXT = 4096;
@@ -65,7 +39,7 @@ void append_item(writer *to, int type, const void *head, size_t head_len, const 
 }
 
 struct figure {
-	item type;
+	zq_details_item type;
 	uint64 value;
 };
 
@@ -131,7 +105,7 @@ void append_waiting(writer *to TSRMLS_DC)
 	if (stamp && gettimeofday(&now, NULL) == 0) {
 		uint64 now_us = (uint64)now.tv_sec * 1000000 + (uint64)now.tv_usec;
 		if (waited_us(stamp, now_us - (cycle_timer() - ZQG(rinit_tick)), &us)) {
-			append_figures(to, {{ITEM_WAITED_US, us}});
+			append_figures(to, {{ZQ_ITEM_WAITED_US, us}});
 		}
 	}
 }
@@ -143,34 +117,34 @@ void append_sums(writer *to, const zq_details *details, uint64 statements TSRMLS
 	store_sums stores = sum_of_stores(TSRMLS_C);
 	append_figures(to,
 		{
-			{ITEM_DURATION_US, ZQG(rdown_tick) - ZQG(rinit_tick)},
-			{ITEM_DATABASE_US, details->database_us},
-			{ITEM_STATEMENTS, statements},
-			{ITEM_CACHES_US, stores.us},
-			{ITEM_CACHE_OPERATIONS, stores.operations},
-			{ITEM_SERVICES_US, details->services_us},
-			{ITEM_SERVICES, details->services},
-			{ITEM_USER_US, user_us - details->user_us},
-			{ITEM_SYSTEM_US, system_us - details->system_us},
-			{ITEM_PEAK_MEMORY, zend_memory_peak_usage(1 TSRMLS_CC)},
-			{ITEM_OUTPUT_BYTES, details->output_bytes},
+			{ZQ_ITEM_DURATION_US, ZQG(rdown_tick) - ZQG(rinit_tick)},
+			{ZQ_ITEM_DATABASE_US, details->database_us},
+			{ZQ_ITEM_STATEMENTS, statements},
+			{ZQ_ITEM_CACHES_US, stores.us},
+			{ZQ_ITEM_CACHE_OPERATIONS, stores.operations},
+			{ZQ_ITEM_SERVICES_US, details->services_us},
+			{ZQ_ITEM_SERVICES, details->services},
+			{ZQ_ITEM_USER_US, user_us - details->user_us},
+			{ZQ_ITEM_SYSTEM_US, system_us - details->system_us},
+			{ZQ_ITEM_PEAK_MEMORY, zend_memory_peak_usage(1 TSRMLS_CC)},
+			{ZQ_ITEM_OUTPUT_BYTES, details->output_bytes},
 		});
 }
 
 void append_request(writer *to TSRMLS_DC)
 {
-	append_text(to, ITEM_SCRIPT, ZQ_SERVER_TEXT("SCRIPT_FILENAME"));
+	append_text(to, ZQ_ITEM_SCRIPT, ZQ_SERVER_TEXT("SCRIPT_FILENAME"));
 	if (g_cli) {
-		append_figures(to, {{ITEM_EXIT_STATUS, (uint64)EG(exit_status)}});
+		append_figures(to, {{ZQ_ITEM_EXIT_STATUS, (uint64)EG(exit_status)}});
 		return;
 	}
 	const char *uri = ZQ_SERVER_TEXT("REQUEST_URI");
 	if (uri) {
 		size_t len = strcspn(uri, "?");
-		append_item(to, ITEM_PATH, NULL, 0, uri, len < MOST_TEXT ? len : MOST_TEXT);
+		append_item(to, ZQ_ITEM_PATH, NULL, 0, uri, len < MOST_TEXT ? len : MOST_TEXT);
 	}
-	append_text(to, ITEM_METHOD, SG(request_info).request_method);
-	append_text(to, ITEM_HOST, ZQ_SERVER_TEXT("HTTP_HOST"));
+	append_text(to, ZQ_ITEM_METHOD, SG(request_info).request_method);
+	append_text(to, ZQ_ITEM_HOST, ZQ_SERVER_TEXT("HTTP_HOST"));
 	append_waiting(to TSRMLS_CC);
 }
 
@@ -185,7 +159,7 @@ void append_places(writer *to, const zq_details *details)
 		memcpy(head, &line, sizeof(line));
 		head[sizeof(line)] = (char)vendor_len;
 		memcpy(head + sizeof(line) + 1, vendor, vendor_len);
-		append_item(to, ITEM_PLACE, head, sizeof(line) + 1 + vendor_len, file, strnlen(file, MOST_TEXT));
+		append_item(to, ZQ_ITEM_PLACE, head, sizeof(line) + 1 + vendor_len, file, strnlen(file, MOST_TEXT));
 	}
 }
 
@@ -248,7 +222,7 @@ void append_call_messages(writer *to TSRMLS_DC)
 		const webservice_element *service = (const webservice_element *)at->data;
 		const char *message = service->stack ? service->error_msg : NULL;
 		if (message && !zq_json_keeps(message, strlen(message))) {
-			append_item(to, ITEM_CALL_MESSAGE, &number, sizeof(number), message, strnlen(message, MOST_TEXT));
+			append_item(to, ZQ_ITEM_CALL_MESSAGE, &number, sizeof(number), message, strnlen(message, MOST_TEXT));
 		}
 		number += service->stack != NULL;
 	}
@@ -258,14 +232,14 @@ void append_call_messages(writer *to TSRMLS_DC)
 void append_whole_texts(writer *to, const zq_details *details TSRMLS_DC)
 {
 	if (const error_element *error = ZQG(error)) {
-		append_cut_text(to, ITEM_ERROR_CLASS, error->cls);
-		append_cut_text(to, ITEM_ERROR_MESSAGE, error->msg);
+		append_cut_text(to, ZQ_ITEM_ERROR_CLASS, error->cls);
+		append_cut_text(to, ZQ_ITEM_ERROR_MESSAGE, error->msg);
 	}
 	for (const zq_whole_text *text = details->texts; text; text = text->next) {
 		char head[5] = {(char)text->number, (char)(text->number >> 8), (char)(text->number >> 16),
 			(char)(text->number >> 24), (char)text->field};
 		size_t head_len = text->field ? 5 : 4;
-		append_item(to, text->field ? ITEM_TRACE_TEXT : ITEM_COMPONENT, head, head_len, text->text, text->len);
+		append_item(to, text->field ? ZQ_ITEM_TRACE_TEXT : ZQ_ITEM_COMPONENT, head, head_len, text->text, text->len);
 	}
 }
 
@@ -284,7 +258,7 @@ void zq_append_details(smart_str *packet TSRMLS_DC)
 	append_sums(&to, details, found.statements + details->unlisted_statements TSRMLS_CC);
 	append_request(&to TSRMLS_CC);
 	if (found.list.len) {
-		append_item(&to, ITEM_RUNS, NULL, 0, found.list.c, found.list.len);
+		append_item(&to, ZQ_ITEM_RUNS, NULL, 0, found.list.c, found.list.len);
 	}
 	zq_buffer_free(&found.list);
 	append_places(&to, details);

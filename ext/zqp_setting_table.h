@@ -46,6 +46,9 @@ struct zq_app_config {
 	int uri_from_request; /* CGI and FPM: the path that the client asked for is the URI */
 };
 
+/* Of action_tracer_action_threshold, in ms: php.ini's default, and what 0 stands for. */
+#define ZQ_DEFAULT_ACTION_THRESHOLD "2000"
+
 /* How a setting's text becomes its field. */
 enum zq_setting_kind {
 	ZQ_SETTING_NUMBER,   /* zq_str_to_int */
@@ -60,54 +63,58 @@ enum zq_setting_kind {
 struct zq_setting_row {
 	std::string_view key;
 	zq_setting_kind kind;
-	size_t offset; /* of the field in zq_app_config */
+	size_t offset;  /* of the field in zq_app_config */
+	double initial; /* until an answer says otherwise; 0 for a text: none */
 };
 
+/* Initially what php.ini has under the same key. */
+inline constexpr double ZQ_FROM_PHP_INI = -1;
+
 template <zq_setting_kind kind, typename Field>
-consteval zq_setting_row zq_setting_of(std::string_view key, size_t offset)
+consteval zq_setting_row zq_setting_of(std::string_view key, size_t offset, double initial)
 {
 	constexpr bool is_text = kind == ZQ_SETTING_TEXT || kind == ZQ_SETTING_ANY_TEXT;
 	using Wanted = std::conditional_t<is_text, char *,
 		std::conditional_t<kind == ZQ_SETTING_FRACTION, double,
 			std::conditional_t<kind == ZQ_SETTING_SECONDS, uint64_t, int>>>;
 	static_assert(std::is_same_v<Field, Wanted>, "the field is not what a setting of this kind becomes");
-	return {key, kind, offset};
+	return {key, kind, offset, initial};
 }
-#define SETTING(key, kind, field) \
-	zq_setting_of<ZQ_SETTING_##kind, decltype(zq_app_config::field)>(key, offsetof(zq_app_config, field))
+#define SETTING(key, kind, field, initial) \
+	zq_setting_of<ZQ_SETTING_##kind, decltype(zq_app_config::field)>(key, offsetof(zq_app_config, field), initial)
 
 inline constexpr auto zq_setting_table = std::to_array<zq_setting_row>({
-	SETTING("zqs.agent_enabled", NUMBER, agent_enabled),
-	SETTING("zqs.auto_action_naming", NUMBER, auto_action_naming),
-	SETTING("zqs.urls_captured", TEXT, urls_captured),
-	SETTING("zqs.capture_params", NUMBER, capture_params),
-	SETTING("zqs.ignored_params", TEXT, ignored_params),
-	SETTING("zqs.error_collector.enabled", NUMBER, error_collector_enabled),
-	SETTING("zqs.error_collector.record_db_errors", NUMBER, error_collector_record_db_errors),
-	SETTING("zqs.error_collector.ignored_status_codes", TEXT, error_collector_ignored_status_codes),
-	SETTING("zqs.action_tracer.enabled", NUMBER, action_tracer_enabled),
-	SETTING("zqs.action_tracer.action_threshold", NUMBER, action_tracer_action_threshold),
-	SETTING("zqs.action_tracer.stack_trace_threshold", NUMBER, action_tracer_stack_trace_threshold),
-	SETTING("zqs.action_tracer.record_sql", SQL_MODE, action_tracer_record_sql),
-	SETTING("zqs.action_tracer.slow_sql", NUMBER, action_tracer_slow_sql),
-	SETTING("zqs.action_tracer.slow_sql_threshold", NUMBER, action_tracer_slow_sql_threshold),
-	SETTING("zqs.action_tracer.explain_enabled", NUMBER, action_tracer_explain_enabled),
-	SETTING("zqs.action_tracer.explain_threshold", NUMBER, action_tracer_explain_threshold),
-	SETTING("zqs.naming.rules", TEXT, naming_rules),
-	SETTING("zqs.web_action_uri_params_captured", TEXT, web_action_uri_params_captured),
-	SETTING("zqs.rum.enabled", NUMBER, rum_enabled),
-	SETTING("zqs.rum.script", ANY_TEXT, rum_script),
-	SETTING("zqs.rum.sample_ratio", FRACTION, rum_sample_ratio),
-	SETTING("zqs.vantorIdSecret", ANY_TEXT, vantor_id_secret),
-	SETTING("zqs.transaction_tracer.enabled", NUMBER, transaction_tracer_enabled),
-	SETTING("zqs.resource.enabled", NUMBER, resource_enabled),
-	SETTING("zqs.resource.low", NUMBER, resource_low),
-	SETTING("zqs.resource.high", NUMBER, resource_high),
-	SETTING("zqs.resource.safe", NUMBER, resource_safe),
-	SETTING("zqs.profile_end_time", SECONDS, profile_end_time),
-	SETTING("zqs.resource.used", NUMBER, resource_used),
-	SETTING("zqs.details", ASKED, details_wanted),
-	SETTING("zqs.uri_from_request", ASKED, uri_from_request),
+	SETTING("zqs.agent_enabled", NUMBER, agent_enabled, ZQ_FROM_PHP_INI),
+	SETTING("zqs.auto_action_naming", NUMBER, auto_action_naming, 1),
+	SETTING("zqs.urls_captured", TEXT, urls_captured, 0),
+	SETTING("zqs.capture_params", NUMBER, capture_params, 0),
+	SETTING("zqs.ignored_params", TEXT, ignored_params, 0),
+	SETTING("zqs.error_collector.enabled", NUMBER, error_collector_enabled, ZQ_FROM_PHP_INI),
+	SETTING("zqs.error_collector.record_db_errors", NUMBER, error_collector_record_db_errors, 1),
+	SETTING("zqs.error_collector.ignored_status_codes", TEXT, error_collector_ignored_status_codes, 0),
+	SETTING("zqs.action_tracer.enabled", NUMBER, action_tracer_enabled, ZQ_FROM_PHP_INI),
+	SETTING("zqs.action_tracer.action_threshold", NUMBER, action_tracer_action_threshold, ZQ_FROM_PHP_INI),
+	SETTING("zqs.action_tracer.stack_trace_threshold", NUMBER, action_tracer_stack_trace_threshold, 50),
+	SETTING("zqs.action_tracer.record_sql", SQL_MODE, action_tracer_record_sql, ZQ_FROM_PHP_INI),
+	SETTING("zqs.action_tracer.slow_sql", NUMBER, action_tracer_slow_sql, ZQ_FROM_PHP_INI),
+	SETTING("zqs.action_tracer.slow_sql_threshold", NUMBER, action_tracer_slow_sql_threshold, ZQ_FROM_PHP_INI),
+	SETTING("zqs.action_tracer.explain_enabled", NUMBER, action_tracer_explain_enabled, ZQ_FROM_PHP_INI),
+	SETTING("zqs.action_tracer.explain_threshold", NUMBER, action_tracer_explain_threshold, ZQ_FROM_PHP_INI),
+	SETTING("zqs.naming.rules", TEXT, naming_rules, 0),
+	SETTING("zqs.web_action_uri_params_captured", TEXT, web_action_uri_params_captured, 0),
+	SETTING("zqs.rum.enabled", NUMBER, rum_enabled, 0),
+	SETTING("zqs.rum.script", ANY_TEXT, rum_script, 0),
+	SETTING("zqs.rum.sample_ratio", FRACTION, rum_sample_ratio, 1.0),
+	SETTING("zqs.vantorIdSecret", ANY_TEXT, vantor_id_secret, 0),
+	SETTING("zqs.transaction_tracer.enabled", NUMBER, transaction_tracer_enabled, 0),
+	SETTING("zqs.resource.enabled", NUMBER, resource_enabled, 1),
+	SETTING("zqs.resource.low", NUMBER, resource_low, 40),
+	SETTING("zqs.resource.high", NUMBER, resource_high, 80),
+	SETTING("zqs.resource.safe", NUMBER, resource_safe, 95),
+	SETTING("zqs.profile_end_time", SECONDS, profile_end_time, 0),
+	SETTING("zqs.resource.used", NUMBER, resource_used, 0),
+	SETTING("zqs.details", ASKED, details_wanted, 0),
+	SETTING("zqs.uri_from_request", ASKED, uri_from_request, 0),
 });
 #undef SETTING
 

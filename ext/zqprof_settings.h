@@ -16,8 +16,6 @@ int zq_ini_number(const char *skey);
 /* Writes the path of a file that agent or daemon keep below the runtime root, cut to `size` bytes with its NUL, and
  * returns the length of all of it. */
 int zq_runtime_path(char *path, size_t size, const char *file_name);
-/* ms; also what a threshold of 0 stands for. */
-#define ZQ_DEFAULT_ACTION_THRESHOLD "2000"
 #define ZQ_AGENT_LOG "php-agent.log"
 #define ZQ_DAEMON_SOCKET ".quorbit.sock"
 

@@ -11,33 +11,6 @@ namespace quorbit {
 
 namespace {
 
-enum Item : uint8_t {
-	item_duration_us = 0x01,
-	item_database_us = 0x02,
-	item_cache_us = 0x03,
-	item_external_us = 0x04,
-	item_waited_us = 0x05,
-	item_statements = 0x06,
-	item_cache_operations = 0x07,
-	item_calls = 0x08,
-	item_user_us = 0x09,
-	item_system_us = 0x0A,
-	item_peak_memory = 0x0B,
-	item_output = 0x0C,
-	item_exit_status = 0x0D,
-	item_path = 0x10,
-	item_method = 0x11,
-	item_host = 0x12,
-	item_script = 0x13,
-	item_place = 0x20,
-	item_runs = 0x21,
-	item_error_class = 0x30,
-	item_error_message = 0x31,
-	item_component = 0x32,
-	item_trace_text = 0x33,
-	item_call_message = 0x34,
-};
-
 // No sum of such figures leaves 64 bits, whatever a packet says.
 constexpr int64_t most = int64_t{1} << 48;
 
@@ -90,33 +63,23 @@ void place_statements(std::string_view runs, const std::vector<Place> &places, s
 
 int64_t *figure_of(ExactFigures &figures, uint8_t item)
 {
-	switch (item) {
-	case item_duration_us: return &figures.duration_us;
-	case item_database_us: return &figures.database_us;
-	case item_cache_us: return &figures.cache_us;
-	case item_external_us: return &figures.external_us;
-	case item_waited_us: return &figures.waited_us.emplace();
-	case item_statements: return &figures.statements;
-	case item_cache_operations: return &figures.cache_operations;
-	case item_calls: return &figures.calls;
-	case item_user_us: return &figures.user_us;
-	case item_system_us: return &figures.system_us;
-	case item_peak_memory: return &figures.peak_memory;
-	case item_output: return &figures.output;
-	case item_exit_status: return &figures.exit_status.emplace();
-	default: return nullptr;
+	for (const FigureRow &row : figure_rows) {
+		if (row.item != item) continue;
+		if (auto always = std::get_if<int64_t ExactFigures::*>(&row.field)) return &(figures.**always);
+		return &(figures.*std::get<std::optional<int64_t> ExactFigures::*>(row.field)).emplace();
 	}
+	return nullptr;
 }
 
 std::string *text_of(Action &action, uint8_t item)
 {
 	switch (item) {
-	case item_path: return &action.path;
-	case item_method: return &action.method;
-	case item_host: return &action.host;
-	case item_script: return &action.script;
-	case item_error_class: return action.error ? &action.error->cls : nullptr;
-	case item_error_message: return action.error ? &action.error->message : nullptr;
+	case ZQ_ITEM_PATH: return &action.path;
+	case ZQ_ITEM_METHOD: return &action.method;
+	case ZQ_ITEM_HOST: return &action.host;
+	case ZQ_ITEM_SCRIPT: return &action.script;
+	case ZQ_ITEM_ERROR_CLASS: return action.error ? &action.error->cls : nullptr;
+	case ZQ_ITEM_ERROR_MESSAGE: return action.error ? &action.error->message : nullptr;
 	default: return nullptr;
 	}
 }
@@ -124,10 +87,10 @@ std::string *text_of(Action &action, uint8_t item)
 void take_numbered_text(uint8_t item, std::string_view body, Action &action)
 {
 	size_t number = take<uint32_t>(body);
-	if (item == item_trace_text) {
+	if (item == ZQ_ITEM_TRACE_TEXT) {
 		int field = take<uint8_t>(body);
 		action.trace_texts.push_back({number, field, text_of_bytes(body)});
-	} else if (item == item_call_message) {
+	} else if (item == ZQ_ITEM_CALL_MESSAGE) {
 		if (number < action.service_errors.size() && action.left_out.texts == 0)
 			action.service_errors[number].message = text_of_bytes(body);
 	} else if (number < action.components.size() && action.left_out.calls == 0) {
@@ -149,11 +112,11 @@ bool read_details(std::string_view body, Action &action)
 			*number = figure(item.body);
 		else if (std::string *text = text_of(action, item.type))
 			*text = text_of_bytes(item.body);
-		else if (item.type == item_place)
+		else if (item.type == ZQ_ITEM_PLACE)
 			places.push_back(read_place(item.body));
-		else if (item.type == item_runs)
+		else if (item.type == ZQ_ITEM_RUNS)
 			runs = item.body;
-		else if (item.type == item_component || item.type == item_trace_text || item.type == item_call_message)
+		else if (item.type == ZQ_ITEM_COMPONENT || item.type == ZQ_ITEM_TRACE_TEXT || item.type == ZQ_ITEM_CALL_MESSAGE)
 			take_numbered_text(item.type, item.body, action);
 	}
 	for (SqlStatement &sql : action.statements) sql.statement = text_of_bytes(sql.statement);

@@ -1,10 +1,14 @@
 // The details record of a metric packet: what its other records round off, cut or leave out.
 #pragma once
 
+#include "zqp_details_items.h"
+
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 namespace quorbit {
@@ -28,6 +32,33 @@ struct ExactFigures {
 		return rest > 0 ? rest : 0;
 	}
 };
+
+// The item that carries a figure, its field, and its name in JSON; what not every action has is optional.
+struct FigureRow {
+	zq_details_item item;
+	std::variant<int64_t ExactFigures::*, std::optional<int64_t> ExactFigures::*> field;
+	const char *name;
+};
+inline constexpr FigureRow figure_rows[] = {
+	{ZQ_ITEM_DURATION_US, &ExactFigures::duration_us, "duration_us"},
+	{ZQ_ITEM_DATABASE_US, &ExactFigures::database_us, "database_us"},
+	{ZQ_ITEM_CACHES_US, &ExactFigures::cache_us, "cache_us"},
+	{ZQ_ITEM_SERVICES_US, &ExactFigures::external_us, "external_us"},
+	{ZQ_ITEM_WAITED_US, &ExactFigures::waited_us, "waited_us"},
+	{ZQ_ITEM_STATEMENTS, &ExactFigures::statements, "statements"},
+	{ZQ_ITEM_CACHE_OPERATIONS, &ExactFigures::cache_operations, "cache_operations"},
+	{ZQ_ITEM_SERVICES, &ExactFigures::calls, "calls"},
+	{ZQ_ITEM_USER_US, &ExactFigures::user_us, "user_us"},
+	{ZQ_ITEM_SYSTEM_US, &ExactFigures::system_us, "system_us"},
+	{ZQ_ITEM_PEAK_MEMORY, &ExactFigures::peak_memory, "peak_memory_bytes"},
+	{ZQ_ITEM_OUTPUT_BYTES, &ExactFigures::output, "output_bytes"},
+	{ZQ_ITEM_EXIT_STATUS, &ExactFigures::exit_status, "exit_status"},
+};
+#define FIGURE(name, number) +1
+#define OTHER(name, number)
+static_assert(std::size(figure_rows) == 0 ZQ_DETAILS_ITEMS(FIGURE, OTHER), "a figure of the record has no row");
+#undef FIGURE
+#undef OTHER
 
 // A text of a trace node as it was; `field` is 1 for the class, 2 for the function, 3 for the statement.
 struct WholeTraceText {

@@ -1,6 +1,7 @@
 // One action in full, for people.
 #include "print/report.h"
 #include "base/clock.h"
+#include "zqp_setting_table.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -180,8 +181,8 @@ void print_no_trace(const Action &action, const Settings &given, Page &page)
 	page.section("Trace");
 	if (!action.uri) return page.entry("none", "command-line runs have no trace");
 	auto threshold = given.find("zqs.action_tracer.action_threshold");
-	int64_t threshold_ms = threshold == given.end() ? 2000 : std::max(0, atoi(threshold->second.c_str()));
-	if (threshold_ms == 0) threshold_ms = 2000;
+	int64_t threshold_ms = threshold == given.end() ? 0 : std::max(0, atoi(threshold->second.c_str()));
+	if (threshold_ms == 0) threshold_ms = atoi(ZQ_DEFAULT_ACTION_THRESHOLD);
 	const char *from = threshold == given.end() ? " unless php.ini has another" : "";
 	const std::string kept = "zqs.action_tracer.action_threshold, " + duration_text(threshold_ms) + from;
 	if (action.duration_ms < threshold_ms) return page.entry("none", "faster than the trace threshold: " + kept);

@@ -30,12 +30,16 @@ Json error_json(const std::optional<ErrorInfo> &error)
 Json figures_json(const std::optional<ExactFigures> &exact)
 {
 	if (!exact) return nullptr;
-	auto number = [](const std::optional<int64_t> &value) { return value ? Json(*value) : Json(); };
-	return {{"duration_us", exact->duration_us}, {"database_us", exact->database_us}, {"cache_us", exact->cache_us},
-		{"external_us", exact->external_us}, {"waited_us", number(exact->waited_us)}, {"statements", exact->statements},
-		{"cache_operations", exact->cache_operations}, {"calls", exact->calls}, {"user_us", exact->user_us},
-		{"system_us", exact->system_us}, {"peak_memory_bytes", exact->peak_memory}, {"output_bytes", exact->output},
-		{"exit_status", number(exact->exit_status)}};
+	Json figures;
+	for (const FigureRow &row : figure_rows) {
+		if (auto always = std::get_if<int64_t ExactFigures::*>(&row.field)) {
+			figures[row.name] = (*exact).**always;
+		} else {
+			const auto &value = (*exact).*std::get<std::optional<int64_t> ExactFigures::*>(row.field);
+			figures[row.name] = value ? Json(*value) : Json();
+		}
+	}
+	return figures;
 }
 
 Json statements_json(const Action &action)

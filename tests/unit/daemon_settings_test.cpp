@@ -3,6 +3,7 @@
 #include "base/config.h"
 #include "daemon_records.h"
 #include "store/profile_sessions.h"
+#include "zqp_details_items.h"
 #include "zqp_setting_table.h"
 
 #include <gtest/gtest.h>
@@ -82,10 +83,27 @@ TEST(Applications, TellWhatIsWrongAndUseTheRest) {
 // Both ends read one table; the page for whoever writes another daemon has its rows in the same order.
 TEST(Applications, KnowEveryKeyThatTheProtocolPageHas) {
   const std::string page = data("../../../docs/protocol.md");
+  EXPECT_EQ(page.find("\n| " + std::to_string(zq_setting_table.size() + 1) + " | `zqs."), std::string::npos) << "a key without a row";
   for (size_t i = 0; i < zq_setting_table.size(); i++) {
     const std::string key(zq_setting_table[i].key), row = "| " + std::to_string(i + 1) + " | `" + key + "` |";
-    EXPECT_NE(page.find("\n" + row), std::string::npos) << row;
+    const size_t at = page.find("\n" + row);
+    ASSERT_NE(at, std::string::npos) << row;
+    const size_t end = page.find(" |\n", at), begin = page.rfind("| ", end - 1) + 2;
+    const std::string initially = page.substr(begin, end - begin);  // "none" and "all" are 0
+    EXPECT_EQ(initially == "php.ini" ? ZQ_FROM_PHP_INI : atof(initially.c_str()), zq_setting_table[i].initial) << row << initially;
     EXPECT_TRUE(parse_applications("[*]\n" + key + "=1\n").problems.empty()) << key;
+  }
+}
+
+#define NUMBER(name, number) number,
+TEST(Details, HaveTheItemsThatTheProtocolPageHas) {
+  const std::string page = data("../../../docs/protocol.md");
+  const size_t begin = page.find("\n### Details record"), end = page.find("\n**Places**", begin);
+  const std::string table = page.substr(begin, end - begin);
+  for (const int item : {ZQ_DETAILS_ITEMS(NUMBER, NUMBER)}) {
+    char number[8];
+    snprintf(number, sizeof number, "0x%02X", item);
+    EXPECT_NE(table.find(number), std::string::npos) << number;
   }
 }
 
