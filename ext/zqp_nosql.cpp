@@ -11,65 +11,6 @@ enum {
 	MAX_ROWS = 4096     /* a worker that never ends its action may name a collection per job */
 };
 
-/* Operations of caches, then of collections. The clients' other methods configure them or ask for their state. */
-bool is_data_operation(uint64 hash)
-{
-	switch (hash) {
-	case zq_name_hash("add"):
-	case zq_name_hash("get"):
-	case zq_name_hash("set"):
-	case zq_name_hash("cas"):
-	case zq_name_hash("delete"):
-	case zq_name_hash("flush"):
-	case zq_name_hash("touch"):
-	case zq_name_hash("append"):
-	case zq_name_hash("prepend"):
-	case zq_name_hash("replace"):
-	case zq_name_hash("increment"):
-	case zq_name_hash("decrement"):
-	case zq_name_hash("getMulti"):
-	case zq_name_hash("setMulti"):
-	case zq_name_hash("deleteMulti"):
-	case zq_name_hash("getDelayed"):
-	case zq_name_hash("getAllKeys"):
-	case zq_name_hash("fetch"):
-	case zq_name_hash("fetchAll"):
-	case zq_name_hash("addByKey"):
-	case zq_name_hash("getByKey"):
-	case zq_name_hash("setByKey"):
-	case zq_name_hash("casByKey"):
-	case zq_name_hash("touchByKey"):
-	case zq_name_hash("deleteByKey"):
-	case zq_name_hash("appendByKey"):
-	case zq_name_hash("prependByKey"):
-	case zq_name_hash("replaceByKey"):
-	case zq_name_hash("incrementByKey"):
-	case zq_name_hash("decrementByKey"):
-	case zq_name_hash("getMultiByKey"):
-	case zq_name_hash("setMultiByKey"):
-	case zq_name_hash("deleteMultiByKey"):
-	case zq_name_hash("getDelayedByKey"):
-	case zq_name_hash("find"):
-	case zq_name_hash("findOne"):
-	case zq_name_hash("findAndModify"):
-	case zq_name_hash("insert"):
-	case zq_name_hash("batchInsert"):
-	case zq_name_hash("update"):
-	case zq_name_hash("save"):
-	case zq_name_hash("remove"):
-	case zq_name_hash("count"):
-	case zq_name_hash("distinct"):
-	case zq_name_hash("group"):
-	case zq_name_hash("drop"):
-	case zq_name_hash("getIndexInfo"):
-	case zq_name_hash("createIndex"):
-	case zq_name_hash("ensureIndex"):
-	case zq_name_hash("deleteIndex"):
-	case zq_name_hash("deleteIndexes"): return true;
-	}
-	return false;
-}
-
 /* Writes up to `most` bytes of an operation's name, without a NUL, and returns how many. */
 size_t put_operation(char *to, const char *name, size_t most, zq_operation_case spelling)
 {
@@ -137,7 +78,7 @@ int zq_nosql_total_ms(HashTable *table)
 
 int zq_nosql_counts(const char *name, uint64 hash)
 {
-	return name && *name != '_' && (!hash || is_data_operation(hash));
+	return name && *name != '_' && (!hash || zq_is_data_operation(hash));
 }
 
 char *get_nosql_op_name(const char *name, uint64 hash)
