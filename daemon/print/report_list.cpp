@@ -11,26 +11,7 @@ namespace quorbit {
 
 namespace {
 
-struct ListColumn {
-	const char *title;
-	bool right;
-	size_t tail_width; // 0: shares what the others leave
-};
-constexpr ListColumn list_columns[] = {
-	{"ID", true, 7},
-	{"TIME", false, 8},
-	{"APPLICATION", false, 0},
-	{"ACTION", false, 0},
-	{"TOOK", true, 7},
-	{"DB", true, 4},
-	{"SQL", true, 4},
-	{"CACHE", true, 5},
-	{"EXT", true, 4},
-	{"CODE", true, 4},
-	{"STATUS", false, 9},
-};
 constexpr size_t widest_tail = 200; // beyond it names are whole, and push what follows
-constexpr size_t application_column = 2, action_column = 3;
 
 // The year says nothing in a list of the newest.
 std::string day_of(int64_t wall_ms)
@@ -60,15 +41,48 @@ bool name_holds_path(std::string_view name, std::string_view path)
 	return true;
 }
 
-std::vector<std::string> cells_of(const ActionRow &row, const std::string &time)
+std::string share(const ActionRow &row, int64_t us)
 {
-	auto share = [&row](int64_t us) { return percent(us, row.duration_us()); };
+	return percent(us, row.duration_us());
+}
+
+std::string name_cell(const ActionRow &row, const std::string &)
+{
 	std::string name = row.name.empty() ? "(no name)" : printable(row.name);
 	if (!row.path.empty() && !name_holds_path(row.name, row.path)) name += "  " + printable(row.path);
-	return {std::to_string(row.id), time, printable(row.application), name, duration_text(row.duration_ms),
-		share(row.database_us()), row.exact ? std::to_string(row.exact->statements) : "-", share(row.cache_us()),
-		share(row.external_us()), share(row.code_us()),
-		(row.status ? std::to_string(row.status) : "-") + (row.error ? " ERROR" : "")};
+	return name;
+}
+
+struct ListColumn {
+	const char *title;
+	bool right;
+	size_t tail_width; // 0: shares what the others leave
+	std::string (*cell)(const ActionRow &row, const std::string &time);
+};
+using Row = const ActionRow &;
+using Time = const std::string &;
+constexpr ListColumn list_columns[] = {
+	{"ID", true, 7, [](Row row, Time) { return std::to_string(row.id); }},
+	{"TIME", false, 8, [](Row, Time time) { return time; }},
+	{"APPLICATION", false, 0, [](Row row, Time) { return printable(row.application); }},
+	{"ACTION", false, 0, name_cell},
+	{"TOOK", true, 7, [](Row row, Time) { return duration_text(row.duration_ms); }},
+	{"DB", true, 4, [](Row row, Time) { return share(row, row.database_us()); }},
+	{"SQL", true, 4, [](Row row, Time) { return row.exact ? std::to_string(row.exact->statements) : "-"; }},
+	{"CACHE", true, 5, [](Row row, Time) { return share(row, row.cache_us()); }},
+	{"EXT", true, 4, [](Row row, Time) { return share(row, row.external_us()); }},
+	{"CODE", true, 4, [](Row row, Time) { return share(row, row.code_us()); }},
+	{"STATUS", false, 9,
+		[](Row row, Time) { return (row.status ? std::to_string(row.status) : "-") + (row.error ? " ERROR" : ""); }},
+};
+static_assert(std::ranges::all_of(list_columns, [](const ListColumn &column) { return column.cell != nullptr; }));
+constexpr size_t application_column = 2, action_column = 3;
+
+std::vector<std::string> cells_of(const ActionRow &row, const std::string &time)
+{
+	std::vector<std::string> cells;
+	for (const ListColumn &column : list_columns) cells.push_back(column.cell(row, time));
+	return cells;
 }
 
 std::string fixed_line(const std::vector<std::string> &cells, size_t width)

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "facts/keys.h"
-#include "facts/packet.h"
+#include "store/action_row.h"
 
 #include <cstdint>
 #include <functional>
@@ -71,7 +71,7 @@ struct SumQuestion {
 	SumFilter filter = {};
 	SumOrder order = SumOrder::total;
 	int64_t most = 1000;
-	int64_t trend_points = 0; // of each row: its figures in so many equal parts of the range
+	int64_t trend_points = 0; // of each row: its figures in that many equal parts of the range
 };
 
 // The sums of all keys that the filter lets through, part by part of a range.
@@ -103,26 +103,6 @@ struct ProfileQuestion {
 };
 
 // --- answers
-
-// One line of a list of actions.
-struct ActionRow {
-	int64_t id = 0;
-	int64_t received_ms = 0; // wall clock, at the action's end
-	int64_t process = 0;
-	std::string application, name;
-	int64_t duration_ms = 0, database_ms = 0, cache_ms = 0, external_ms = 0, code_ms = 0;
-	int64_t status = 0; // 0 for a command-line run
-	bool error = false;
-	std::optional<ExactFigures> exact = std::nullopt; // of them the times of the layers and the statements
-	std::string path = {};                            // of the request, or ""
-
-	// Microseconds: exact, or the milliseconds above.
-	int64_t duration_us() const { return exact ? exact->duration_us : duration_ms * 1000; }
-	int64_t database_us() const { return exact ? exact->database_us : database_ms * 1000; }
-	int64_t cache_us() const { return exact ? exact->cache_us : cache_ms * 1000; }
-	int64_t external_us() const { return exact ? exact->external_us : external_ms * 1000; }
-	int64_t code_us() const { return exact ? exact->code_us() : code_ms * 1000; }
-};
 
 struct StoredAction {
 	ActionRow row;
@@ -235,7 +215,7 @@ public:
 
 	// By name.
 	virtual std::vector<ApplicationRow> applications() = 0;
-	// Who sent what came in that time; read at once, so it should be no more than some minutes.
+	// Which processes sent what came in that time; read at once, so it should be no more than some minutes.
 	virtual std::vector<SenderRow> senders(const TimeRange &range) = 0;
 
 	// Calls on_event for each event of a thread profile, thread by thread, in the order in which they came.

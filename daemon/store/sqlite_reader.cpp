@@ -1,19 +1,23 @@
 // Questions as SQL.
 #include "store/sqlite_reader.h"
 
+#include "store/action_columns.h"
 #include "store/followed_store.h"
 #include "store/sqlite_sums.h"
 
 #include <algorithm>
+#include <type_traits>
 
 namespace quorbit {
 
 namespace {
 
-#define ROW_COLUMNS                                                                                                   \
-	"id, received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, " \
-	"error, duration_us, database_us, cache_us, external_us, statements, path"
-constexpr int packet_column = 18; // after those
+constexpr int packet_column = 1 + static_cast<int>(std::size(action_columns)); // after those of the row
+
+std::string select_rows(const std::string &what = {})
+{
+	return "SELECT id" + action_column_names() + what;
+}
 
 #define DURATION "ifnull(duration_us, duration_ms * 1000)"
 // The filter's parameters; ?10 is the first that is free.
@@ -30,27 +34,6 @@ void bind_filter(Statement &select, const ActionFilter &filter)
 	select.bind(7, filter.path_glob).bind(8, filter.least_us).bind(9, filter.below_us);
 }
 
-ActionRow row_of(Statement &select)
-{
-	ActionRow row{select.integer(0), select.integer(1), select.integer(2), select.text(3), select.text(4)};
-	row.duration_ms = select.integer(5);
-	row.database_ms = select.integer(6);
-	row.cache_ms = select.integer(7);
-	row.external_ms = select.integer(8);
-	row.code_ms = select.integer(9);
-	row.status = select.integer(10);
-	row.error = select.integer(11) != 0;
-	if (select.is_null(12)) return row;
-	ExactFigures &exact = row.exact.emplace();
-	exact.duration_us = select.integer(12);
-	exact.database_us = select.integer(13);
-	exact.cache_us = select.integer(14);
-	exact.external_us = select.integer(15);
-	exact.statements = select.integer(16);
-	row.path = select.text(17);
-	return row;
-}
-
 // Rows of a page: read in a transaction of some milliseconds, after which the store's log can go on.
 constexpr int64_t page_rows = 2000;
 
@@ -63,20 +46,20 @@ public:
 	{
 		if (question.order == ActionOrder::slowest) return each_slowest(question, on_row);
 		const bool newest = question.order == ActionOrder::newest;
-		const std::string sql = std::string("SELECT " ROW_COLUMNS FILTERED " AND id < ?10 ORDER BY id ") +
-			(newest ? "DESC" : "ASC") + " LIMIT ?11";
+		const std::string sql =
+			select_rows(FILTERED " AND id < ?10 ORDER BY id ") + (newest ? "DESC" : "ASC") + " LIMIT ?11";
 		ActionFilter filter = question.filter;
 		int64_t before_id = INT64_MAX, left = question.most;
 		for (bool more = true; more && left > 0;) {
 			const int64_t most = std::min(left, page_rows);
-			auto rows = page(sql, [&](Statement &select) {
+			auto found = page(sql, [&](Statement &select) {
 				bind_filter(select, filter);
 				select.bind(10, before_id).bind(11, most);
 			});
-			more = static_cast<int64_t>(rows.size()) == most;
+			more = static_cast<int64_t>(found.size()) == most;
 			left -= most;
-			if (more) (newest ? before_id : filter.after_id) = rows.back().id;
-			for (const ActionRow &row : rows) on_row(row);
+			if (more) (newest ? before_id : filter.after_id) = found.back().id;
+			for (const ActionRow &row : found) on_row(row);
 		}
 	}
 
@@ -89,11 +72,11 @@ public:
 	std::optional<StoredAction> action(int64_t id) override
 	{
 		Unstopped reading;
-		Statement select(store_.current(), "SELECT " ROW_COLUMNS ", packet FROM action WHERE id = ?");
+		Statement select(store_.current(), select_rows(", packet FROM action WHERE id = ?"));
 		if (!select.bind(1, id).step()) return std::nullopt;
 		auto action = read_action(select.text(packet_column));
 		if (!action) throw SqliteError("the packet of action " + std::to_string(id) + " is damaged");
-		return StoredAction{row_of(select), std::move(*action)};
+		return StoredAction{read_row(select), std::move(*action)};
 	}
 
 	void each_related(
@@ -151,40 +134,36 @@ public:
 
 	std::vector<DroppedRow> dropped(const TimeRange &range, const std::string &application) override
 	{
-		Unstopped reading;
-		Statement select(store_.current(),
+		return rows(
 			"SELECT application, reason, sum(count) FROM dropped WHERE minute_ms > ?1 - 60000 AND minute_ms < ?2 "
-			"AND (?3 = '' OR application = ?3) GROUP BY application, reason ORDER BY sum(count) DESC");
-		select.bind(1, range.from_ms).bind(2, range.until_ms).bind(3, application);
-		std::vector<DroppedRow> rows;
-		while (select.step()) rows.push_back({select.text(0), select.text(1), select.integer(2)});
-		return rows;
+			"AND (?3 = '' OR application = ?3) GROUP BY application, reason ORDER BY sum(count) DESC",
+			[&](Statement &select) { select.bind(1, range.from_ms).bind(2, range.until_ms).bind(3, application); },
+			[](Statement &row) {
+				return DroppedRow{row.text(0), row.text(1), row.integer(2)};
+			});
 	}
 
 	std::vector<ApplicationRow> applications() override
 	{
-		Unstopped reading;
-		Statement select(store_.current(),
+		return rows(
 			"SELECT name, query_ms, query_process, sapi, php_version, given, packet_ms, packet_process, packets "
-			"FROM application ORDER BY name");
-		std::vector<ApplicationRow> rows;
-		while (select.step()) {
-			rows.push_back({select.text(0), select.integer(1), select.integer(2), select.text(3), select.text(4),
-				select.text(5), select.integer(6), select.integer(7), select.integer(8)});
-		}
-		return rows;
+			"FROM application ORDER BY name",
+			[](Statement &) {},
+			[](Statement &row) {
+				return ApplicationRow{row.text(0), row.integer(1), row.integer(2), row.text(3), row.text(4),
+					row.text(5), row.integer(6), row.integer(7), row.integer(8)};
+			});
 	}
 
 	std::vector<SenderRow> senders(const TimeRange &range) override
 	{
-		Unstopped reading;
-		Statement select(store_.current(),
+		return rows(
 			"SELECT process, application, max(received_ms), count(*) FROM action "
-			"WHERE received_ms >= ? AND received_ms < ? GROUP BY process, application");
-		select.bind(1, range.from_ms).bind(2, range.until_ms);
-		std::vector<SenderRow> rows;
-		while (select.step()) rows.push_back({select.integer(0), select.text(1), select.integer(2), select.integer(3)});
-		return rows;
+			"WHERE received_ms >= ? AND received_ms < ? GROUP BY process, application",
+			[&](Statement &select) { select.bind(1, range.from_ms).bind(2, range.until_ms); },
+			[](Statement &row) {
+				return SenderRow{row.integer(0), row.text(1), row.integer(2), row.integer(3)};
+			});
 	}
 
 	void each_profile_event(
@@ -210,12 +189,12 @@ private:
 
 	void each_slowest(const ActionQuestion &question, const std::function<void(const ActionRow &)> &on_row)
 	{
-		auto rows = page(
-			"SELECT " ROW_COLUMNS FILTERED " ORDER BY " DURATION " DESC, id DESC LIMIT ?10", [&](Statement &select) {
+		auto found =
+			page(select_rows(FILTERED " ORDER BY " DURATION " DESC, id DESC LIMIT ?10"), [&](Statement &select) {
 				bind_filter(select, question.filter);
 				select.bind(10, question.most);
 			});
-		for (const ActionRow &row : rows) on_row(row);
+		for (const ActionRow &row : found) on_row(row);
 	}
 
 	int64_t packet_bytes(int64_t id)
@@ -225,26 +204,28 @@ private:
 		return select.bind(1, id).step() ? select.integer(0) : 0;
 	}
 
-	template <typename Bind>
-	std::vector<ActionRow> page(const std::string &sql, Bind bind)
+	// The rows of a statement whose parameters `bind` binds, each as `read` makes it.
+	template <typename Bind, typename Read>
+	std::vector<std::invoke_result_t<Read, Statement &>> rows(const std::string &sql, Bind bind, Read read)
 	{
 		Unstopped reading;
 		Statement select(store_.current(), sql);
 		bind(select);
-		std::vector<ActionRow> rows;
-		while (select.step()) rows.push_back(row_of(select));
-		return rows;
+		std::vector<std::invoke_result_t<Read, Statement &>> found;
+		while (select.step()) found.push_back(read(select));
+		return found;
+	}
+
+	template <typename Bind>
+	std::vector<ActionRow> page(const std::string &sql, Bind bind)
+	{
+		return rows(sql, bind, read_row);
 	}
 
 	template <typename Bind>
 	std::vector<int64_t> ids(const std::string &sql, Bind bind)
 	{
-		Unstopped reading;
-		Statement select(store_.current(), sql);
-		bind(select);
-		std::vector<int64_t> found;
-		while (select.step()) found.push_back(select.integer(0));
-		return found;
+		return rows(sql, bind, [](Statement &row) { return row.integer(0); });
 	}
 
 	// The packets of a part of `all`; those evicted since are left out.

@@ -3,6 +3,7 @@
 
 #include "base/files.h"
 #include "facts/share.h"
+#include "store/action_columns.h"
 #include "store/layout.h"
 
 #include <cerrno>
@@ -15,10 +16,15 @@ namespace quorbit {
 
 namespace {
 
-constexpr const char *insert_action_sql = R"sql(
-INSERT INTO action (received_ms, process, application, name, duration_ms, database_ms, cache_ms, external_ms, code_ms, status, error,
-  transaction_id, tracer_id, packet, id, duration_us, database_us, cache_us, external_us, statements, path, account)
-  VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?))sql";
+// The columns of lists follow those that only the store looks at.
+constexpr int first_listed = 6;
+std::string insert_action_sql()
+{
+	std::string values = "?1, ?2, ?3, ?4, ?5";
+	for (size_t i = 0; i < std::size(action_columns); i++) values += ", ?" + std::to_string(first_listed + i);
+	return "INSERT INTO action (id, packet, account, transaction_id, tracer_id" + action_column_names() + ") VALUES (" +
+		values + ")";
+}
 
 constexpr const char *insert_event_sql =
 	"INSERT INTO profile_event (received_ms, application, thread, packet, id) VALUES (?,?,?,?,?)";
@@ -48,12 +54,6 @@ INSERT INTO machine_minute VALUES (?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?6)
   available_bytes = available_bytes + ?5, busy = busy + ?6, idle = idle + ?7, most_busy = max(most_busy, ?6))sql";
 
 constexpr const char *keep_counter_sql = "UPDATE counter SET value = ?2 WHERE name = ?1";
-
-// The columns are for finding and listing; the packet has the full texts.
-std::string_view column_text(std::string_view text)
-{
-	return text.substr(0, 1024);
-}
 
 } // namespace
 
@@ -85,7 +85,7 @@ Store::Opened::Opened(const std::string &path, const std::atomic<bool> *stopping
 Store::Store(const std::string &path, const std::atomic<bool> *stopping)
 	: database_(path, stopping),
 	  rollup_(database_),
-	  insert_action_(database_, insert_action_sql),
+	  insert_action_(database_, insert_action_sql()),
 	  insert_event_(database_, insert_event_sql),
 	  packet_seen_(database_, packet_seen_sql),
 	  query_seen_(database_, query_seen_sql),
@@ -161,27 +161,15 @@ void Store::add_action(const StoredPacket &packet)
 	const std::string &body = cut ? *cut : packet.body;
 	auto action = read_action(body);
 	if (!action) return;
-	std::string_view application = column_text(action->application);
-	insert_action_.bind(1, packet.received_ms)
-		.bind(2, packet.process)
-		.bind(3, application)
-		.bind(4, column_text(action->name));
-	insert_action_.bind(5, action->duration_ms)
-		.bind(6, action->database_ms)
-		.bind(7, action->cache_ms)
-		.bind(8, action->external_ms);
-	insert_action_.bind(9, action->code_ms()).bind(10, action->status());
-	insert_action_.bind(11, int64_t{action->error.has_value()});
-	if (!action->transaction_id.empty()) insert_action_.bind(12, column_text(action->transaction_id));
-	if (!action->tracer_id.empty()) insert_action_.bind(13, column_text(action->tracer_id));
-	if (const auto &exact = action->exact) {
-		insert_action_.bind(16, exact->duration_us).bind(17, exact->database_us).bind(18, exact->cache_us);
-		insert_action_.bind(19, exact->external_us).bind(20, exact->statements);
-		if (!action->path.empty()) insert_action_.bind(21, column_text(action->path));
-	}
-	insert_action_.bind(22, packet.account);
+	ActionRow row = row_of(*action);
+	row.received_ms = packet.received_ms;
+	row.process = packet.process;
+	bind_row(insert_action_, first_listed, row);
+	if (!action->transaction_id.empty()) insert_action_.bind(4, column_text(action->transaction_id));
+	if (!action->tracer_id.empty()) insert_action_.bind(5, column_text(action->tracer_id));
 	const int64_t id = action_ids_.next();
-	insert_action_.bind_blob(14, body).bind(15, id).run();
+	insert_action_.bind(1, id).bind_blob(2, body).bind(3, packet.account).run();
+	const std::string_view application = column_text(row.application);
 	rollup_.add(*action, id, packet.received_ms);
 	packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
 	if (!holders_ || !all_read_) return;

@@ -1,5 +1,6 @@
 // The store: what is written is found again, within its bounds.
 #include "daemon_records.h"
+#include "print/report.h"
 #include "store/profile_orders.h"
 #include "store/sqlite_reader.h"
 #include "store/store.h"
@@ -10,6 +11,8 @@
 #include <ctime>
 #include <filesystem>
 #include <functional>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
 
 using namespace quorbit;
 using namespace quorbit_test;
@@ -87,7 +90,9 @@ TEST_F(StoreTest, SumsByApplicationAndNameWithNearestRankPercentiles) {
     packets.push_back({0x0B, 1, 1, action_body("Shop", "cart", i, i > 97 ? record(0x2A, "1\n500\nc\nm\n") : "")});
   }
   auto figure = [](int item, int value) { return record(item, number(value) + number(0)); };
-  const std::string details = figure(0x01, 12345999) + figure(0x02, 2345678) + figure(0x06, 7) + record(0x10, "/cart/9");
+  std::string details = record(0x10, "/cart/9");
+  for (const FigureRow& row : figure_rows) details += figure(row.item, 1000 + row.item);  // the first ones are told again
+  details += figure(0x01, 12345999) + figure(0x02, 2345678) + figure(0x06, 7);
   packets.push_back({0x0B, 1, 2, action_body("Other", "cart", 12345, record(0x16, number(2345)) + record(0x60, details))});
   add(packets);
   auto reader = open_sqlite_reader(path_);
@@ -97,7 +102,12 @@ TEST_F(StoreTest, SumsByApplicationAndNameWithNearestRankPercentiles) {
   const Sums& other = answer.rows[0].sums;
   EXPECT_EQ((std::vector{other.total_us, other.database_us, other.statements, other.slowest_id}),
             (std::vector<int64_t>{12345999, 2345678, 7, 101}));
-  EXPECT_EQ(reader->actions({})[0].path, "/cart/9");
+  ActionRow told = row_of(*read_action(packets.back().body));
+  told.id = 101, told.received_ms = 2, told.process = 1;
+  const ActionRow kept = reader->actions({})[0];
+  EXPECT_EQ(kept.path, "/cart/9");
+  EXPECT_EQ(action_table({kept}, SIZE_MAX, 0), action_table({told}, SIZE_MAX, 0)) << "the store has a column of each";
+  EXPECT_EQ(json_text(action_summary(kept), true), json_text(action_summary(told), true));
   const Sums& shop = answer.rows[1].sums;
   EXPECT_EQ((std::vector{shop.count, shop.errors, shop.total_us}), (std::vector<int64_t>{100, 3, 5050000}));
   EXPECT_NEAR(static_cast<double>(shop.durations.percentile_us(0.95)), 95000, 95000 * Histogram::relative_error);
@@ -240,8 +250,10 @@ TEST_F(StoreTest, RemembersApplicationsWithinABound) {
   write([](Store& store) {
     for (int i = 0; i < 1100; i++) store.add(StoredQuery{"App" + std::to_string(i), 7, 1000 + i, "cli", "5.6", "a=b\n"});
     store.add(metric(5000, "App0"));
+    for (int64_t day : {0, 2, 4}) store.add_dropped("App0", "too many", 1, day * 86400000);
     store.limit_tables();
   });
+  EXPECT_EQ(open_sqlite_reader(path_)->dropped({}, "").at(0).count, 2) << "of three days";
   auto applications = open_sqlite_reader(path_)->applications();
   EXPECT_EQ(applications.size(), 1024u);
   ASSERT_EQ(applications[0].name, "App0") << "seen last, though asked first";
@@ -264,6 +276,12 @@ TEST_F(StoreTest, CarriesProfileOrdersAndTheirEvents) {
   EXPECT_EQ(client.start_of(order), (std::pair<int64_t, int64_t>(42, 777)));
   EXPECT_EQ(store.open_orders(1)[0].started_ms, 777) << "a daemon that is started anew goes on with it";
   EXPECT_EQ(open_profiles(path_).size(), 1u);
+  if (geteuid() == 0) {
+    const std::string locks = path_ + "-orders";
+    ASSERT_EQ(chown(locks.c_str(), 12345, 0), 0);
+    EXPECT_THROW(ProfileOrders(path_).order("Shop", 1), SqliteError) << "another account's file";
+    ASSERT_EQ(chown(locks.c_str(), 0, 0), 0);
+  }
 
   store.begin();
   store.add(event(800, "1 5 enter action old"));
