@@ -71,12 +71,12 @@ struct Action {
 	std::string trace; // JSON, or ""
 	std::string transaction_id, tracer_id;
 	std::vector<NameValue> details, parameters;
-	LeftOut left_out; // of what came, because it was too much to keep
+	LeftOut left_out; // when it was stored: what was more than its share
 	// Of the details record, which only a daemon that asks gets: nothing and "" without it.
 	std::optional<ExactFigures> exact = std::nullopt;
 	std::string path, method, host, script;
 	std::vector<WholeTraceText> trace_texts;
-	int64_t unread = 0;                 // records beyond the first 100,000 that make lists
+	int64_t unread = 0;                 // now, of what was stored: records beyond the first 100,000 that make lists
 	std::vector<UnknownRecord> unknown; // of an unknown type, or of a form that this version cannot read
 
 	// The response status: from the details, else from the error; 0 for a command-line run.

@@ -43,19 +43,6 @@ bool read_number(std::string_view body, int64_t &value)
 	return true;
 }
 
-// One "<length>:<bytes>" item off the front of `body`.
-bool take_item(std::string_view &body, std::string_view &item)
-{
-	size_t colon = body.find(':');
-	int64_t length = 0;
-	if (colon == std::string_view::npos || !parse_number(body.substr(0, colon), length)) return false;
-	body.remove_prefix(colon + 1);
-	if (length < 0 || static_cast<uint64_t>(length) > body.size()) return false;
-	item = body.substr(0, static_cast<size_t>(length));
-	body.remove_prefix(item.size());
-	return true;
-}
-
 bool read_sql(std::string_view body, Action &action)
 {
 	SqlStatement sql;
@@ -205,6 +192,18 @@ constexpr auto by_type = [] {
 }();
 
 } // namespace
+
+bool take_item(std::string_view &body, std::string_view &item)
+{
+	size_t colon = body.find(':');
+	int64_t length = 0;
+	if (colon == std::string_view::npos || !parse_number(body.substr(0, colon), length)) return false;
+	body.remove_prefix(colon + 1);
+	if (length < 0 || static_cast<uint64_t>(length) > body.size()) return false;
+	item = body.substr(0, static_cast<size_t>(length));
+	body.remove_prefix(item.size());
+	return true;
+}
 
 const RecordKind *record_kind(uint8_t type)
 {

@@ -1,6 +1,7 @@
 // Cutting a packet to its share.
 #include "facts/share.h"
 
+#include "base/number.h"
 #include "facts/record_kinds.h"
 
 #include <algorithm>
@@ -30,34 +31,21 @@ bool is_listed(const Record &record)
 	return !kind || kind->listed;
 }
 
-// One "<length>:<bytes>" item off the front; the whole of it with its length.
-std::string_view take_item(std::string_view &body)
-{
-	size_t length = 0, colon = body.find(':');
-	for (char c : body.substr(0, std::min(colon, size_t{9}))) {
-		if (c < '0' || c > '9') return {};
-		length = 10 * length + static_cast<size_t>(c - '0');
-	}
-	if (colon > 8 || length > body.size() - colon - 1) return {}; // no colon: npos
-	std::string_view item = body.substr(0, colon + 1 + length);
-	body.remove_prefix(item.size());
-	return item;
-}
-
 // Duration, vendor and text: what a statement is without stack and plan.
 std::string_view bare_statement(std::string_view body)
 {
-	std::string_view rest = body;
+	std::string_view rest = body, item;
 	for (int i = 0; i < 3; i++) {
-		if (take_item(rest).empty()) return body;
+		if (!take_item(rest, item)) return body;
 	}
 	return body.substr(0, body.size() - rest.size());
 }
 
-long duration_of(std::string_view statement)
+int64_t duration_of(std::string_view statement)
 {
-	std::string_view item = take_item(statement);
-	return item.empty() ? 0 : atol(std::string(item.substr(item.find(':') + 1)).c_str());
+	std::string_view item;
+	int64_t duration_ms = 0;
+	return take_item(statement, item) && parse_number(item, duration_ms) ? duration_ms : 0;
 }
 
 class Cutter {
