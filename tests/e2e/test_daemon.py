@@ -30,6 +30,7 @@ def test_many_processes_at_once_start_one_daemon(real):
     assert "PHP/NULL/work" in real.command("show", str(newest["id"]))
     assert "work.php" in real.command("top") and "Shop" in real.command("status")
     assert not any(path.stat().st_mode & 0o007 for path in real.logs.glob("quorbit.*"))
+    assert (real.logs / ".quorbit.sock").stat().st_mode & 0o777 == 0o666       # whom the folder lets in
 
 
 def test_daemon_ends_and_starts_again_with_what_it_kept(real):

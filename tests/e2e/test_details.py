@@ -31,6 +31,12 @@ def test_quick_statements_are_added_up_before_they_are_cut(site):
     assert "exit_status" not in more
 
 
+def test_every_line_of_many_has_its_place(site):
+    site.daemon.configure(ASKED)
+    more = site.cgi("$db = new PDO('sqlite::memory:');" + "\n$db->query('SELECT 1');" * 300).metric.more
+    assert [line for _, _, line in more["places"]] == list(range(2, 302)) and more["runs"] == [(1, i) for i in range(300)]
+
+
 def test_nobody_gets_details_who_does_not_ask(site):
     """The packet is the same with them but for the last record; a configuration that is new has to ask again."""
     kinds = []

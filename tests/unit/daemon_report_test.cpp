@@ -2,6 +2,7 @@
 #include "daemon_records.h"
 #include "facts/plan.h"
 #include "print/report.h"
+#include "print/report_sums.h"
 #include "base/text.h"
 #include "base/clock.h"
 
@@ -305,6 +306,25 @@ TEST(ForgedPackets, CostNoMoreThanTheirSize) {
 
   auto lines = wrap(std::string(size_t{8} << 20, 'x'), 80, SIZE_MAX);
   EXPECT_EQ(lines.size(), ((size_t{8} << 20) + 79) / 80);
+}
+
+TEST(Sums, TellSharesOfTheWholeTheMachineAndWhatIsNew) {
+  SumList list;
+  list.question.key = SumKey::host;
+  list.answer.rows.resize(2);
+  list.answer.rows[0].sums.total_us = 300000, list.answer.rows[1].sums.total_us = 100000;
+  list.answer.all.total_us = 1000000;  // with those beyond -n
+  list.machine = {{0, "web1", 1.5, int64_t{4} << 30, int64_t{1} << 30, {{"www", 2, 3, 5}}}};
+  std::string text = sums_text(list, 120, false, 0);
+  for (const char* told : {" 30% ", " 10% ", "web1: load 1.50, memory 1.0 of 4.0 GiB available\n", "www    2.0     5   3.0\n"}) {
+    EXPECT_NE(text.find(told), std::string::npos) << told << text;
+  }
+  list.question.key = SumKey::error;
+  list.releases = {{60000, "r2", ""}};
+  list.answer.rows[0].key.first_ms = 60000, list.answer.rows[1].key.first_ms = 59999;
+  text = sums_text(list, 120, false, 61000);
+  EXPECT_EQ(text.find(", new since r2"), text.rfind(", new since r2")) << text;
+  EXPECT_NE(text.find(", new since r2"), std::string::npos) << text;
 }
 
 TEST(Profile, PrintsThreadsWithDepthAndTimes) {

@@ -216,6 +216,9 @@ TEST_F(SumsTest, SayWhatWasInWhichAction) {
   EXPECT_EQ((std::vector{actions[0].sums.count, actions[0].sums.statements}), (std::vector<int64_t>{2, 4}));
   queries.filter.within = actions[1].key.id;
   EXPECT_EQ(reader->sums(queries).rows.at(0).sums.statements, 1);
+  queries.filter.within = 0;
+  add({packet(begin_ms + 120000, "a", 10, sql)});
+  EXPECT_EQ(reader->sums(queries).rows.at(0).key.last_ms - query.key.last_ms, 120000) << "seen again by the next daemon";
 }
 
 TEST_F(SumsTest, FollowTheFilterAndTheOrder) {
@@ -281,4 +284,12 @@ TEST_F(SumsTest, ReleasesAreKeptByApplication) {
   EXPECT_EQ(reader->releases("").size(), 2u);
   EXPECT_EQ(reader->releases("Api").size(), 1u);
   EXPECT_EQ(reader->releases("Shop").back().name, "1.1");
+}
+
+TEST(Releases, AreComparedFromTheOneBeforeUntilTheNext) {
+  const std::vector<ReleaseRow> releases = {{100 * minute_ms, "a", ""}, {130 * minute_ms, "b", ""}, {200 * minute_ms, "c", ""}};
+  const CompareQuestion middle = around_release(releases, "b", 1000 * minute_ms);
+  EXPECT_EQ((std::vector{middle.before.from_ms, middle.before.until_ms, middle.after.from_ms, middle.after.until_ms}),
+            (std::vector{101 * minute_ms, 130 * minute_ms, 131 * minute_ms, 200 * minute_ms}));
+  EXPECT_EQ(around_release(releases, "c", 1000 * minute_ms).after.until_ms, 1000 * minute_ms);
 }
