@@ -66,7 +66,7 @@ struct NameCount {
 struct NameCounts {
 	std::vector<NameCount> names; // the busiest first
 	int64_t requests = 0;
-	std::vector<int64_t> passed_over; // numbers of the first lines that are no request, at most 5
+	std::vector<int64_t> passed_over; // numbers of the first lines that are not requests, at most 5
 	int64_t passed_over_count = 0;
 };
 

@@ -61,7 +61,7 @@ void list_for_programs(Reader &store, const ActionQuestion &question)
 	put(*before == '[' ? "[]\n" : "\n]\n");
 }
 
-// A table, or one for every so many rows: a column's width is that of its widest cell.
+// One table, or one per thousand rows: a column is as wide as its widest cell.
 void list_for_people(Reader &store, const ActionQuestion &question)
 {
 	constexpr size_t most_together = 1000;

@@ -26,7 +26,7 @@ int64_t boot_wall_ms();
 // Seconds of "90", "90s", "15m", "2h", "7d"; nothing for anything else and for what is not positive.
 std::optional<int64_t> parse_seconds(std::string_view text);
 
-// Milliseconds since 1970 of "2026-11-21T10:00", also with seconds, with a blank for the T, or a date alone, by local
+// Milliseconds since 1970 of "2026-11-21T10:00", also with seconds, with a space for the T, or a date alone, by local
 // time; of "15m" as long before `now_wall_ms`; of "now". Nothing for anything else.
 std::optional<int64_t> parse_moment(std::string_view text, int64_t now_wall_ms);
 

@@ -35,7 +35,7 @@ public:
 
 	// Appends a compact form: pairs of gap and count, as variable-length integers. About two bytes per bucket in use.
 	void write(std::string &bytes) const;
-	// Adds what was written. False when the bytes are no such form.
+	// Adds what was written. False when the bytes are not in that form.
 	bool read(std::string_view bytes);
 
 private:

@@ -13,7 +13,7 @@ namespace quorbit {
 
 namespace {
 
-// Bytes of a name that are kept: what differs only behind them is one key.
+// Bytes of a name that are kept: names that differ only after them share a key.
 constexpr size_t most_name = 1024, most_place = 512, most_message = 300;
 // Keys of one kind in an action; what comes beyond is in "(others)".
 constexpr size_t most_in_action = 200;

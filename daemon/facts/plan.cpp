@@ -63,7 +63,7 @@ std::vector<std::string> mysql_scans(const Grid &grid)
 	std::vector<std::string> found;
 	size_t type = grid.column("type"), table = grid.column("table");
 	for (const auto &row : grid.rows) {
-		// "<derived2>" is no table but the result of another row.
+		// "<derived2>" is not a table but the result of another row.
 		if (row[type] != "ALL" || row[table].empty() || row[table][0] == '<') continue;
 		std::string rows = grid.has("rows") ? row[grid.column("rows")] : std::string();
 		found.push_back(row[table] + (rows.empty() ? "" : " (about " + rows + (rows == "1" ? " row)" : " rows)")));
@@ -114,7 +114,7 @@ std::vector<Instruction> program_of(const Grid &grid)
 	return program;
 }
 
-// Instructions after which the next one runs: their p2 is no address. Of any other it is taken for one.
+// Instructions after which the next one runs: their p2 is not an address. For any other it is taken to be one.
 bool falls_through(const std::string &opcode)
 {
 	static const std::set<std::string_view> names = {"Add", "Affinity", "AggStep", "AggStep0", "And", "BitAnd",

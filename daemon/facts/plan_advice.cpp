@@ -110,7 +110,7 @@ private:
 			const std::string &token = at(index);
 			if (is_any(token, {"GROUP", "ORDER", "LIMIT", "HAVING", "FOR"})) return;
 			if (is(token, "NOT")) understood = false;
-			// A column inside a function is no column to an index.
+			// An index is of no use to a column inside a function.
 			if (!is_name(token) || at(index + 1) == "(" ||
 				(index > 0 && at(index - 1) == "(" && is_name(at(index - 2))))
 				continue;

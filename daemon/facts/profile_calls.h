@@ -67,7 +67,7 @@ public:
 
 	void add(const ProfileStep &step);
 
-	// Parents come before what they called; the first is no call but the root of all.
+	// Parents come before what they called; the first is not a call but the root of all.
 	const std::vector<Node> &nodes() const { return nodes_; }
 	// By function; its size is that of the highest place seen.
 	const std::vector<CallSum> &functions() const { return functions_; }

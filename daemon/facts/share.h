@@ -8,7 +8,7 @@ namespace quorbit {
 // Of records that make lists no more are read, whatever a packet has: one of 16 MiB could hold millions.
 constexpr size_t most_listed_records = 100000;
 
-// A trace has a share of its own: cut anywhere it would be no JSON any more.
+// A trace has a share of its own: cut anywhere, it would no longer be JSON.
 struct PacketShare {
 	size_t most_bytes = size_t{256} << 10;
 	size_t most_trace_bytes = size_t{1} << 20;

@@ -71,7 +71,7 @@ struct Finding {
 	std::vector<int> processes;
 };
 
-// After so much time a process at work that has sent nothing is a finding.
+// A process that has been working for this long and has sent nothing is a finding.
 constexpr int64_t silent_ms = 5 * 60000;
 
 // In the order of the table of checks; empty when nothing is amiss.

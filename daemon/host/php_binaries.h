@@ -31,7 +31,7 @@ struct PhpBinary {
 // by running them with -i, so that one which another account could have put there is named and not run.
 std::vector<PhpBinary> php_binaries();
 
-// The one at this path, run whoever it belongs to. Throws std::runtime_error when it is no PHP.
+// The one at this path, whoever owns it. Throws std::runtime_error when it is not PHP.
 PhpBinary php_binary(const std::string &path);
 
 // What this PHP prints about itself (-i) as lines "name => value", with these settings beside its own. The agent in it,

@@ -19,7 +19,7 @@ void put_folded(const CallTree &tree, const std::vector<std::string> &names, con
 std::string callgrind_text(const CallTree &tree, const std::vector<std::string> &names, const std::string &application);
 
 // Speedscope's file format (https://www.speedscope.app/file-format-schema.json), an "evented" profile per thread.
-// Written while the steps come; the names are only complete behind them, where JSON lets them stand as well.
+// Written while the steps come; the names are only complete after them, where JSON lets them stand as well.
 class SpeedscopeWriter {
 public:
 	explicit SpeedscopeWriter(std::string application) : application_(std::move(application)) {}

@@ -45,7 +45,7 @@ std::string function_table(const std::vector<CallSum> &sums, const std::vector<s
 	return out;
 }
 
-// "main > Shop::rows > PDO::query", in so many columns: the beginning gives way to the end.
+// "main > Shop::rows > PDO::query", in that many columns: what does not fit is dropped from the front.
 std::string path_text(const CallTree &tree, size_t node, const std::vector<std::string> &names, size_t width)
 {
 	constexpr std::string_view arrow = " > ";

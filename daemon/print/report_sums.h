@@ -42,7 +42,7 @@ struct KeyReport {
 };
 // Asks for all of it; nothing when the key is not known any more.
 std::optional<KeyReport> key_report(Reader &store, SumKey key, int64_t id, const TimeRange &range);
-// The length of so many parts of a range, in whole minutes, of long ones in whole hours.
+// The length of one of that many parts of a range: whole minutes, or whole hours where it is long.
 int64_t step_of(const TimeRange &range, int64_t points);
 std::string key_text(const KeyReport &report, size_t width, int64_t now_wall_ms);
 Json key_json(const KeyReport &report);

@@ -27,7 +27,7 @@ constexpr size_t budget_bytes = size_t{256} << 20;
 constexpr size_t own_descriptors = 32; // of the store, the log, the settings, and to spare
 constexpr int most_events = 1024;
 constexpr int crowd = 8;                                  // as many ready at once are served in turns
-constexpr auto turns_time = std::chrono::milliseconds(1); // then whoever is ready by now is looked at
+constexpr auto turns_time = std::chrono::milliseconds(1); // then connections that became ready come first
 constexpr size_t most_application = 255;                  // bytes of a name that a connection keeps
 constexpr int most_queries = 64;                          // answered before that
 // What epoll tells beside the numbers of connections.
@@ -120,7 +120,7 @@ void Server::run(const std::function<bool()> &keep_files)
 	}
 }
 
-// Looks at whoever is ready, and waits when nobody is who could be served. False when the daemon is to end.
+// Handles the connections that are ready; waits when none can be served. False when the daemon is to end.
 bool Server::take_events()
 {
 	std::array<struct epoll_event, most_events> events;
@@ -151,7 +151,7 @@ void Server::serve_turns()
 	while (!packets_.empty() && std::chrono::steady_clock::now() < end) take_turn(packets_);
 }
 
-// A deleted socket would leave a daemon that nobody finds and that keeps every other from starting.
+// With its socket deleted, a daemon could not be found and would keep any other from starting.
 bool Server::keep_names(const std::function<bool()> &keep_files)
 {
 	int64_t now = monotonic_second();
@@ -196,7 +196,7 @@ void Server::accept_agents()
 		}
 		struct ucred peer = peer_of(descriptor);
 		Sender sender{peer.uid, last_number_ + 1};
-		// Told once when there is something new to receive, to send or to know; who is told keeps it in mind.
+		// Edge-triggered: a change is reported once, and the connection remembers it.
 		if (refuse(sender) || !watch_new(descriptor, sender.connection, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET)) {
 			close(descriptor);
 			continue;
@@ -258,7 +258,7 @@ void Server::take_turn(Turns &turns)
 	if (found->second->waiting_answer().empty()) receive(*found->second);
 }
 
-// Receives once. Who has more gets another turn, behind those who wait already.
+// Receives once. A connection with more to read gets another turn, after those already waiting.
 void Server::receive(Connection &connection)
 {
 	ssize_t count = recv(connection.descriptor, scratch_.get(), scratch_bytes, 0);
