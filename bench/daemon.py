@@ -51,11 +51,18 @@ class Daemon:
         config = self.folder / ".quorbit.cfg"
         config.write_text("".join(f"zqs.{key}={self.folder / name if '.' in name else name}\n" for key, name in names.items()))
         (self.folder / "applications.conf").write_text(f"store_mb = {STORE_MB}\n")
-        self.process = subprocess.Popen([QUORBIT, "-f", config, "--foreground"])
-        self.socket = self.folder / ".quorbit.sock"
+        self.config, self.socket = config, self.folder / ".quorbit.sock"
+        self.start()
+
+    def start(self):
+        self.process = subprocess.Popen([QUORBIT, "-f", self.config, "--foreground"])
         while not self.socket.exists():
             assert self.process.poll() is None, "the daemon ended"
             time.sleep(0.01)
+
+    def end(self):
+        self.process.terminate()
+        self.process.wait(30)
 
     def stored(self, application):
         """Packets of the application that were committed."""
@@ -94,8 +101,7 @@ def daemon():
         try:
             yield found
         finally:
-            found.process.terminate()
-            found.process.wait(30)
+            found.end()
 
 
 class Clients:
@@ -221,8 +227,7 @@ def commands_row(record):
     with daemon() as target:
         run(target, "Bench", 3000, 1, 10, 0.3)
         target.settled("Bench")
-        target.process.terminate()
-        target.process.wait(30)
+        target.end()
         with sqlite3.connect(target.folder / "quorbit.db") as store:
             store.execute(GROW, (FULL_STORE_MB * 1024 // 4,))       # a page each
         store.close()

@@ -90,8 +90,7 @@ def main():
         target = Daemon(Path(folder))
         path = target.folder / "quorbit.db"
         target.wait_stored("", 0, 1)
-        target.process.terminate()
-        target.process.wait(30)
+        target.end()
         fill(path)
         record.add("the store", "MB", [path.stat().st_size / 2**20])
         for name, words in QUESTIONS.items():
