@@ -16,7 +16,12 @@ typedef struct zq_place {
 inline constexpr unsigned ZQ_MOST_PLACES = 4096, ZQ_NO_PLACE = 0xFFFF;
 
 /* Items of the record whose texts are made while the action runs or its trace is written. */
-typedef enum { ZQ_WHOLE_CLASS = 1, ZQ_WHOLE_FUNCTION, ZQ_WHOLE_STATEMENT } zq_whole_field;
+typedef enum {
+	ZQ_WHOLE_CLASS = 1,
+	ZQ_WHOLE_FUNCTION,
+	ZQ_WHOLE_STATEMENT,
+	ZQ_WHOLE_FRAME /* of the node's stack or place, the first; those after it follow */
+} zq_whole_field;
 typedef struct zq_whole_text {
 	struct zq_whole_text *next;
 	unsigned number; /* of the component or trace node, in the packet's order, from 0 */

@@ -32,7 +32,8 @@
 	OTHER(ERROR_MESSAGE, 0x31)          \
 	OTHER(COMPONENT, 0x32)              \
 	OTHER(TRACE_TEXT, 0x33)             \
-	OTHER(CALL_MESSAGE, 0x34)
+	OTHER(CALL_MESSAGE, 0x34)           \
+	OTHER(FRAME, 0x35)
 
 enum zq_details_item : uint8_t {
 #define ITEM(name, number) ZQ_ITEM_##name = number,

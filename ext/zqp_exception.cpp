@@ -9,7 +9,7 @@
  * library's heap is held. */
 static error_element *new_element(size_t msg_size, const char *cls, const char *stack)
 {
-	size_t cls_size = strlen(cls) + 1, stack_size = stack ? strlen(stack) + 1 : 0;
+	size_t cls_size = strlen(cls) + 1, stack_size = stack ? zq_stack_size(stack) : 0;
 	sigset_t timers;
 	zq_hold_timers(&timers);
 	error_element *element = (error_element *)malloc(sizeof(*element) + msg_size + cls_size + stack_size);

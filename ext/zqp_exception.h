@@ -10,7 +10,7 @@
 typedef struct error_element {
 	char *msg;
 	char *cls;   /* error type name, exception class, "HTTP_ERROR" or "DB_ERROR" */
-	char *stack; /* JSON, may be null */
+	char *stack; /* a stack text (zqp_helper.h), may be null */
 } error_element;
 
 /* New record with copies of the texts; `stack`, request memory, is taken over and released. Null when the machine has

@@ -258,11 +258,16 @@ int zq_thread_id(void);
  */
 /* Appends one backtrace frame as the JSON string class.function(file:line), parts as present; null for no frame. */
 void zq_get_stack_object_json(smart_str *buf, zval *val TSRMLS_DC);
-/* Appends the current call stack as a JSON array, innermost first, at most 20 frames. */
+/* A stack text is a JSON array and its NUL, then, while the daemon asks for details, the frames that the array has only
+ * in part: for each a byte with its number in the array and 1, up to 255, the frame as it was, up to 4,096 bytes, and a
+ * NUL; then one more NUL. These two append one but for the last NUL, which is zq_buffer_text()'s. */
+/* The current call stack, innermost first, at most 20 frames. */
 void zq_get_code_stack(smart_str *buf TSRMLS_DC);
-/* Appends an exception's own trace as a JSON array that begins with "Exception(file:line)". */
+/* An exception's own trace; it begins with "Exception(file:line)". */
 void zq_get_exception_stack(zval *exception, smart_str *buf TSRMLS_DC);
-/* The code stack as text of its own. */
+/* Bytes of a stack text, all NULs included. */
+size_t zq_stack_size(const char *stack);
+/* The code stack as a stack text of its own. */
 char *zq_code_stack_text(TSRMLS_D);
 /* First frame from `data` outwards that runs compiled code: its line (of the faulting opline when an exception is
  * pending) and a copy of its file name into `filename` (null when unknown). Returns the line, 0 when unknown. */

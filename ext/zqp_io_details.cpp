@@ -228,6 +228,36 @@ void append_call_messages(writer *to TSRMLS_DC)
 	}
 }
 
+/* Of one more of the packet's stacks, `number` of which came before it. */
+void append_frames(writer *to, uint32_t *number, const char *stack)
+{
+	if (!stack) {
+		return;
+	}
+	for (const char *at = stack + strlen(stack) + 1; *at; at += strlen(at) + 1) {
+		char head[sizeof(*number) + 1];
+		memcpy(head, number, sizeof(*number));
+		head[sizeof(*number)] = (char)(*at - 1);
+		append_item(to, ZQ_ITEM_FRAME, head, sizeof(head), at + 1, strlen(at + 1));
+	}
+	++*number;
+}
+
+/* Frames of the stacks that the packet has beside its trace's, in its order. */
+void append_whole_frames(writer *to TSRMLS_DC)
+{
+	uint32_t number = 0;
+	const bool has_those_of_statements = ZQG(action_tracer_record_sql) != 0;
+	for (const zend_llist_element *at = ZQG(sqls) ? ZQG(sqls)->head : NULL; has_those_of_statements && at;
+		 at = at->next) {
+		append_frames(to, &number, ((const sql_element *)at->data)->stack);
+	}
+	append_frames(to, &number, ZQG(error) ? ZQG(error)->stack : NULL);
+	for (const zend_llist_element *at = ZQG(webservices) ? ZQG(webservices)->head : NULL; at; at = at->next) {
+		append_frames(to, &number, ((const webservice_element *)at->data)->stack);
+	}
+}
+
 /* What the other records have only up to its first byte that is not UTF-8. */
 void append_whole_texts(writer *to, const zq_details *details TSRMLS_DC)
 {
@@ -264,6 +294,7 @@ void zq_append_details(smart_str *packet TSRMLS_DC)
 	append_places(&to, details);
 	append_whole_texts(&to, details TSRMLS_CC);
 	append_call_messages(&to TSRMLS_CC);
+	append_whole_frames(&to TSRMLS_CC);
 	zq_fill_length(packet, start);
 	if (packet->len - 4 >= ZQ_MAX_BODY) {
 		packet->len = start; /* better a packet without it than none */

@@ -65,7 +65,7 @@ static zq_ended_call *note(const char *cls, const char *func, const char *filena
 		sizes[i] = texts[i] ? strnlen(texts[i], ZQ_MAX_STATEMENT) : 0;
 		all += sizes[i] + 1;
 	}
-	zq_ended_call *call = (zq_ended_call *)calloc(1, sizeof *call + all);
+	zq_ended_call *call = (zq_ended_call *)calloc(1, sizeof(*call) + all);
 	if (call) {
 		char *room = (char *)(call + 1);
 		char **fields[] = {&call->cls, &call->func, &call->filename, &call->statement};

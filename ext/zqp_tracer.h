@@ -8,7 +8,7 @@
 typedef struct sql_element {
 	const char *db;  /* static vendor name, never freed; null is written as an empty text */
 	char *statement; /* comments removed */
-	char *stack;     /* JSON, may be null */
+	char *stack;     /* a stack text (zqp_helper.h), may be null */
 	char *explain;   /* JSON, may be null */
 	int metric;      /* ms */
 	/* private */

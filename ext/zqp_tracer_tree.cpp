@@ -207,12 +207,16 @@ static void append_target(smart_str *msg, const tracer_element *tracer)
 	append_escaped(msg, service ? service->url : NULL);
 }
 
+static bool keeps(const char *text)
+{
+	return !text || zq_json_keeps(text, strlen(text));
+}
+
 /* Keeps a text that the node being written has only in part. */
 static void keep_cut_text(zq_details *details, int field, const char *text)
 {
-	size_t len = text ? strlen(text) : 0;
-	if (!zq_json_keeps(text, len)) {
-		zq_details_keep_text(details, details->trace_nodes, field, text, len);
+	if (!keeps(text)) {
+		zq_details_keep_text(details, details->trace_nodes, field, text, strlen(text));
 	}
 }
 
@@ -221,6 +225,15 @@ static void append_statement_text(smart_str *msg, const char *text TSRMLS_DC)
 	json_escape_string(msg, text, strlen(text), 1);
 	if (ZQG(details)) {
 		keep_cut_text(ZQG(details), ZQ_WHOLE_STATEMENT, text);
+	}
+}
+
+static void keep_whole_frames(const char *stack TSRMLS_DC)
+{
+	zq_details *details = ZQG(details);
+	for (const char *at = stack + strlen(stack) + 1; details && *at; at += strlen(at) + 1) {
+		int field = ZQ_WHOLE_FRAME + (unsigned char)*at - 1;
+		zq_details_keep_text(details, details->trace_nodes, field, at + 1, strlen(at + 1));
 	}
 }
 
@@ -238,6 +251,7 @@ static void append_statement(smart_str *msg, const sql_element *sql TSRMLS_DC)
 	if (sql->stack) {
 		zq_append_text(msg, ",\"stacktrace\":");
 		zq_append_text(msg, sql->stack);
+		keep_whole_frames(sql->stack TSRMLS_CC);
 	}
 	if (sql->explain) {
 		zq_append_text(msg, ",\"explainPlan\":");
@@ -260,6 +274,18 @@ static void append_caller(smart_str *msg, const tracer_element *tracer)
 	zq_append_text(msg, ")\"]");
 }
 
+static void keep_cut_caller(zq_details *details, const tracer_element *tracer)
+{
+	if (keeps(tracer->cls) && keeps(tracer->func) && keeps(tracer->filename)) {
+		return;
+	}
+	char *whole;
+	int len = spprintf(&whole, 0, "%s%s%s(%s:%d)", tracer->cls ? tracer->cls : "", tracer->cls ? "." : "", tracer->func,
+		tracer->filename, tracer->lineno);
+	zq_details_keep_text(details, details->trace_nodes, ZQ_WHOLE_FRAME, whole, (size_t)len);
+	efree(whole);
+}
+
 static void append_callee_data(smart_str *msg, const char *data TSRMLS_DC)
 {
 	zq_append_text(msg, "\"txId\":\"");
@@ -278,6 +304,9 @@ static void append_params(smart_str *msg, const tracer_element *tracer TSRMLS_DC
 		append_statement(msg, (const sql_element *)tracer->data TSRMLS_CC);
 	} else if (tracer->filename) {
 		append_caller(msg, tracer);
+		if (ZQG(details)) {
+			keep_cut_caller(ZQG(details), tracer);
+		}
 	}
 	if (tracer->data && tracer->data_type == ZQ_TRACER_EXTERNAL) {
 		const char *data = ((const webservice_element *)tracer->data)->transaction_data;

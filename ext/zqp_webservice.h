@@ -10,7 +10,7 @@ typedef struct webservice_element {
 	char *url;              /* full URL; only of calls slow enough for the trace, else null */
 	char *transaction_data; /* the callee's answer data, may be null */
 	char *error_msg;        /* may be null */
-	char *stack;            /* JSON, only of failed calls */
+	char *stack;            /* a stack text (zqp_helper.h), only of failed calls */
 	int metric;             /* ms */
 	int status;             /* HTTP status, 0 when unknown */
 } webservice_element;

@@ -220,10 +220,8 @@ static bool is_recorded_full(const zend_zqprof_globals *g TSRMLS_DC)
 static void count_bytes(zend_zqprof_globals *g, const sql_element *record)
 {
 	g->recorded_sql_bytes += RECORD_BYTES + strlen(record->statement);
-	const char *details[] = {record->stack, record->explain};
-	for (const char *text : details) {
-		g->recorded_sql_bytes += text ? strlen(text) : 0;
-	}
+	g->recorded_sql_bytes += record->stack ? zq_stack_size(record->stack) : 0;
+	g->recorded_sql_bytes += record->explain ? strlen(record->explain) : 0;
 }
 
 /* What only a traced action keeps, of slow statements. */

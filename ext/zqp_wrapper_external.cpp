@@ -55,9 +55,8 @@ webservice_element *describe_call(const zq_stack_data *call, const char *url, co
 
 size_t recorded_bytes(const webservice_element *element)
 {
-	size_t bytes = sizeof(*element);
-	for (const char *text :
-		{element->name, element->url, element->transaction_data, element->error_msg, element->stack}) {
+	size_t bytes = sizeof(*element) + (element->stack ? zq_stack_size(element->stack) : 0);
+	for (const char *text : {element->name, element->url, element->transaction_data, element->error_msg}) {
 		bytes += text ? strlen(text) : 0;
 	}
 	return bytes;

@@ -6,6 +6,8 @@
 #include "facts/trace.h"
 
 #include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
 
 namespace quorbit {
 
@@ -84,10 +86,34 @@ std::string *text_of(Action &action, uint8_t item)
 	}
 }
 
-void take_numbered_text(uint8_t item, std::string_view body, Action &action)
+// Frames by the number of their stack, each with its number in it.
+using WholeFrames = std::map<size_t, std::vector<std::pair<size_t, std::string>>>;
+
+// Reads each stack once, however many frames a packet has for it.
+void put_frames(const WholeFrames &frames, Action &action)
+{
+	size_t stack_number = 0;
+	auto put = [&](std::string &stack) {
+		auto found = stack.empty() ? frames.end() : frames.find(stack_number++);
+		auto list = found == frames.end() ? std::nullopt : parse_agent_json(stack);
+		if (!list || !list->is_array()) return;
+		for (const auto &[number, text] : found->second) {
+			if (number < list->size()) (*list)[number] = text;
+		}
+		stack = list->dump(-1, ' ', false, Json::error_handler_t::replace);
+	};
+	for (SqlStatement &sql : action.statements) put(sql.stack);
+	if (action.error) put(action.error->stack);
+	for (ServiceError &error : action.service_errors) put(error.stack);
+}
+
+void take_numbered_text(uint8_t item, std::string_view body, Action &action, WholeFrames &frames)
 {
 	size_t number = take<uint32_t>(body);
-	if (item == ZQ_ITEM_TRACE_TEXT) {
+	if (item == ZQ_ITEM_FRAME) {
+		size_t frame = take<uint8_t>(body);
+		frames[number].emplace_back(frame, text_of_bytes(body));
+	} else if (item == ZQ_ITEM_TRACE_TEXT) {
 		int field = take<uint8_t>(body);
 		action.trace_texts.push_back({number, field, text_of_bytes(body)});
 	} else if (item == ZQ_ITEM_CALL_MESSAGE) {
@@ -107,6 +133,7 @@ bool read_details(std::string_view body, Action &action)
 	ExactFigures &figures = action.exact.emplace();
 	std::vector<Place> places;
 	std::string_view runs;
+	WholeFrames frames;
 	for (const Record &item : *items) {
 		if (int64_t *number = figure_of(figures, item.type))
 			*number = figure(item.body);
@@ -116,12 +143,13 @@ bool read_details(std::string_view body, Action &action)
 			places.push_back(read_place(item.body));
 		else if (item.type == ZQ_ITEM_RUNS)
 			runs = item.body;
-		else if (item.type == ZQ_ITEM_COMPONENT || item.type == ZQ_ITEM_TRACE_TEXT || item.type == ZQ_ITEM_CALL_MESSAGE)
-			take_numbered_text(item.type, item.body, action);
+		else if (item.type >= ZQ_ITEM_COMPONENT && item.type <= ZQ_ITEM_FRAME)
+			take_numbered_text(item.type, item.body, action, frames);
 	}
 	for (SqlStatement &sql : action.statements) sql.statement = text_of_bytes(sql.statement);
-	// Places and names count the records of the packet as it was sent.
+	// Places, names and stacks count the records of the packet as it was sent.
 	if (action.left_out.statements == 0) place_statements(runs, places, action.statements);
+	if (action.left_out.statements == 0 && action.left_out.texts == 0) put_frames(frames, action);
 	return true;
 }
 
@@ -133,6 +161,11 @@ void apply_whole_texts(const std::vector<WholeTraceText> &texts, std::vector<Tra
 		if (whole.field == 1) node.cls = whole.text;
 		if (whole.field == 2) node.func = whole.text;
 		if (whole.field == 3) node.sql = whole.text;
+		size_t frame = whole.field < 4 ? node.stack.size() : static_cast<size_t>(whole.field) - 4;
+		if (frame < node.stack.size())
+			node.stack[frame] = whole.text;
+		else if (whole.field == 4 && !node.place.empty())
+			node.place = whole.text;
 	}
 }
 

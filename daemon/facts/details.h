@@ -60,7 +60,8 @@ static_assert(std::size(figure_rows) == 0 ZQ_DETAILS_ITEMS(FIGURE, OTHER), "a fi
 #undef FIGURE
 #undef OTHER
 
-// A text of a trace node as it was; `field` is 1 for the class, 2 for the function, 3 for the statement.
+// A text of a trace node as it was; `field` is 1 for the class, 2 for the function, 3 for the statement, 4 and more for
+// the frames of the stack; 4 for the place of a node without one.
 struct WholeTraceText {
 	size_t node = 0; // in the order in which the trace has them, from 0
 	int field = 0;

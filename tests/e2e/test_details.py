@@ -1,4 +1,5 @@
 """The details record: what the packet's other records round off, cut or leave out, for a daemon that asks."""
+import os
 import time
 
 import pytest
@@ -59,30 +60,50 @@ for ($i = 0; $i < 2; $i++) { vantor_start_webaction('job'); $s->execute(); $db->
     assert site.cli("exit(3);", twin=False).metric.more["exit_status"] == 3
 
 
-CUT = """class Kunde\xfc { static function laden\xfc($db) { usleep(30000); $db->query("SELECT 'M\xfcller'"); } }
+CUT = """class Kunde\xfc {
+    static function laden\xfc($db) {
+        $db->query("SELECT slow(), 'M\xfcller'");
+        foreach (array('none', "m\xfcller") as $name) { $c = curl_init('http://127.0.0.1/'); curl_setopt($c, CURLOPT_INTERFACE, $name); curl_exec($c); }
+        vantor_notice_error(new Exception("Kunde M\xfcller"));
+    }
+    static function geht\xfc() { usleep(2000); exit; }
+}
 $db = new PDO('sqlite::memory:');
 $db->sqliteCreateFunction('slow', function () { usleep(30000); return 1; });
-Kunde\xfc::laden\xfc($db);
-$db->query("SELECT slow(), 'M\xfcller'");
-foreach (array('none', "m\xfcller") as $name) { $c = curl_init('http://127.0.0.1/'); curl_setopt($c, CURLOPT_INTERFACE, $name); curl_exec($c); }
-throw new Exception("Kunde M\xfcller");"""
+register_shutdown_function(array("Kunde\xfc", "geht\xfc"));
+Kunde\xfc::laden\xfc($db);"""
 
 
 @pytest.mark.parametrize("mode", ["raw", "obfuscated"])
 def test_texts_in_latin_1_arrive_whole(site, mode):
-    site.daemon.configure({**ASKED, "zqs.action_tracer.action_threshold": "1", "zqs.action_tracer.record_sql": mode})
-    script = site.docroot / "index.php"
+    site.daemon.configure({**ASKED, "zqs.action_tracer.action_threshold": "1", "zqs.action_tracer.slow_sql_threshold": "1",
+                           "zqs.action_tracer.stack_trace_threshold": "1", "zqs.action_tracer.record_sql": mode})
+    script = site.docroot / os.fsdecode(b"index\xfc.php")
     script.write_bytes(b"<?php " + CUT.encode("latin-1"))
     variables = engines.web_environment(script, "/index.php")
     metric = site.both("php-cgi", [], env=variables, web=True, twin=False).metric
-    more = metric.more
+    more, file = metric.more, os.fsencode(script)
     assert b"Kunde M\xfcller" in more["error_message"] and "M\xfcller" not in metric.error["message"]
-    assert b"PHP/Kunde\xfc/laden\xfc" in more["components"].values()
+    assert {b"PHP/Kunde\xfc/laden\xfc", b"PHP/Kunde\xfc/geht\xfc"} <= set(more["components"].values())
     assert list(more["call_messages"]) == [1] and b"m\xfcller" in more["call_messages"][1], metric.call_errors
+    called = b"Kunde\xfc.laden\xfc(%s:12)" % file
+    inner = [b"PDO.query(%s:3)", b"Exception(%s:5)", b"curl_exec(%s:4)", b"curl_exec(%s:4)"]
+    assert more["frames"] == {(stack, frame): [inner[stack] % file, called][frame] for stack in range(4) for frame in range(2)}
     nodes = list(wire.nodes(metric.trace))
     whole = {(nodes[number][6], field): value for (number, field), value in more["trace_texts"].items()}
     assert whole[("laden", 1)] == b"Kunde\xfc" and whole[("laden", 2)] == b"laden\xfc"
     assert whole.get(("query", 3)) == (b"SELECT slow(), 'M\xfcller'" if mode == "raw" else None)      # masked, it is ASCII
+    assert (whole[("query", 4)], whole[("query", 5)]) == (inner[0] % file, called)
+    assert whole[("laden", 4)] == called and ("laden", 5) not in whole
+
+
+def test_texts_of_a_record_are_bounded(site):
+    site.daemon.configure({**ASKED, "zqs.action_tracer.action_threshold": "1", "zqs.action_tracer.record_sql": "raw"})
+    kept = site.cgi("""$db = new PDO('sqlite::memory:'); $db->sqliteCreateFunction('slow', function () { usleep(2000); return 1; });
+eval('function f' . ($long = str_repeat("\\xfc", 20000)) . '() { usleep(2000); }'); $call = "f$long"; $call();
+for ($i = 0; $i < 20; $i++) $db->query("SELECT slow(), '\\xfc" . str_repeat('x', 9000) . "'");""", twin=False).metric.more["trace_texts"]
+    lengths = [len(text) for text in kept.values()]
+    assert max(lengths) == 16384 and 100000 < sum(lengths) <= 131072
 
 
 @pytest.mark.parametrize("back_us, form", [(250000, "t=%.6f"), (250000, "t=%d")])
@@ -100,7 +121,9 @@ def test_each_statement_has_the_place_and_vendor_of_its_own_call(site, mariadb):
 function run($db) {{ $s = $db->prepare('SELECT 1'); return $s->execute(); }}
 $db = new PDO('sqlite::memory:'); $other = new PDO('mysql:unix_socket={mariadb.socket}', 'root');
 foreach (array($db, $other, $db) as $each) {{ ask($each); run($each); }}
-ask($db); ask($db); array_map('ask', array($other));"""
+ask($db); ask($db); array_map('ask', array($other));
+$long = str_repeat('$a = 1;', 70);      // the engine uses the memory of such code again
+foreach (array("  \\n", " \\n\\n", "\\n\\n\\n") as $lines) eval($lines . '$db->query("SELECT 1");' . $long);"""
     ran_at = [(vendor, line) for vendor, _, line in site.cgi(script, twin=False).metric.more["ran_at"]]
     called = [("SQLite", 1), ("SQLite", 2), ("MySQL", 1), ("MySQL", 2), ("SQLite", 1), ("SQLite", 2)]
-    assert ran_at == called + [("SQLite", 1), ("SQLite", 1), ("MySQL", 1)]
+    assert ran_at == called + [("SQLite", 1), ("SQLite", 1), ("MySQL", 1), ("SQLite", 2), ("SQLite", 3), ("SQLite", 4)]

@@ -29,7 +29,8 @@ DETAILS = {0x01: ("duration_us", "Q"), 0x02: ("db_us", "Q"), 0x03: ("nosql_us", 
            0x06: ("statements", "Q"), 0x07: ("operations", "Q"), 0x08: ("calls", "Q"), 0x09: ("user_us", "Q"), 0x0A: ("system_us", "Q"),
            0x0B: ("peak_memory", "Q"), 0x0C: ("output", "Q"), 0x0D: ("exit_status", "Q"), 0x10: ("path", ""), 0x11: ("method", ""),
            0x12: ("host", ""), 0x13: ("script", ""), 0x20: ("places", "place"), 0x21: ("runs", "runs"), 0x30: ("error_class", ""),
-           0x31: ("error_message", ""), 0x32: ("components", "I"), 0x33: ("trace_texts", "IB"), 0x34: ("call_messages", "I")}
+           0x31: ("error_message", ""), 0x32: ("components", "I"), 0x33: ("trace_texts", "IB"), 0x34: ("call_messages", "I"),
+           0x35: ("frames", "IB")}
 
 
 class WireError(Exception):
@@ -216,7 +217,7 @@ def check_node(node):
 
 def details_record(body):
     """The items by name; texts are bytes. "ran_at" has the place (vendor, file, line) of each statement."""
-    found = {"places": [], "runs": [], "components": {}, "trace_texts": {}, "call_messages": {}}
+    found = {"places": [], "runs": [], "components": {}, "trace_texts": {}, "call_messages": {}, "frames": {}}
     for kind, part in split(body):
         name, form = DETAILS[kind]
         if form == "":

@@ -38,6 +38,20 @@ TEST(Packet, ReadsItsRecords) {
   EXPECT_EQ(read_action(record(0x2A, "1\n500\nc\nm\n"))->status(), 500) << "of the error, as there is no detail with it";
 }
 
+TEST(Packet, PutsWholeFramesIntoTheirStacks) {
+  const std::string trace = R"x([0,9,"","",1,"","a",{},[[1,2,"","",1,"K","f",{"stacktrace":["K","f"]},[]],[2,3,"","",1,"K","g",{"partialtrace":["g(/a:1)"]},[]]]])x";
+  const std::string details = record(0x35, number(0) + "\1" "f\xfc") + record(0x35, number(1) + "\0K\xfc"s) + record(0x35, number(1) + "\7x") +
+                              record(0x33, number(1) + "\5" "f\xfc") + record(0x33, number(2) + "\4g(/a\xfc:1)");
+  auto action = read_action(action_body("Shop", "cart", 5, record(0x27, "1:10:1:x") + record(0x27, "1:10:1:y9:[\"f\",\"f\"]") +
+                                        record(0x2A, "1\n500\nc\nm\n[\"K\"]") + record(0x25, trace) + record(0x60, details)));
+  ASSERT_TRUE(action);
+  EXPECT_EQ(action->statements[1].stack, R"(["f","fü"])");
+  EXPECT_EQ(action->error->stack, R"(["Kü"])");
+  const Json elements = Json::parse(trace_elements_json(*action));
+  EXPECT_EQ(elements[1]["stack"].dump(), R"(["K","fü"])");
+  EXPECT_EQ(elements[2]["place"], "/aü:1");
+}
+
 TEST(Packet, ReadsTheLinesOfAThreadProfile) {
   auto packet = [](const std::string& line) { return record(17, "Shop") + record(14, "key") + record(44, line); };
   auto event = read_profile_event(packet("1234567 42 enter function Cart::add all"));

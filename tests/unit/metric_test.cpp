@@ -86,7 +86,7 @@ TEST_F(MetricPacket, WritesEveryKindOfRecordByteForByte)
 	}
 	zq_component_add("PHP/Shop/checkout", 200, 150 TSRMLS_CC);
 	SG(sapi_headers).http_response_code = 500;
-	ZQG(error) = error_element_alloc("a\nb", "DB_ERROR", estrdup("[\"f\"]"));
+	ZQG(error) = error_element_alloc("a\nb", "DB_ERROR", estrndup("[\"f\"]\0", 6));
 	ZQG(action_tracer_enabled) = 1;
 	ZQG(action_tracer_action_threshold) = 3000;
 	ZQG(rdown_tick) = ZQG(rinit_tick) + 3000000;
