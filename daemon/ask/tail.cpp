@@ -25,7 +25,7 @@ int tail(const DaemonConfig &config, const std::string &application, bool json)
 	require_application(*store, application);
 	const size_t width = list_width();
 	if (!json) put(tail_header(width));
-	int64_t last = store->last_id();
+	StorePosition before = store->position();
 	ActionFilter filter;
 	filter.application = application;
 	auto rows = store->actions({filter, ActionOrder::newest, 10});
@@ -36,14 +36,17 @@ int tail(const DaemonConfig &config, const std::string &application, bool json)
 		}
 		// Fails when the reader has gone.
 		if (fflush(stdout) != 0) return 1;
-		if (!rows.empty()) last = std::max(last, rows.back().id);
+		if (!rows.empty()) before.last_id = std::max(before.last_id, rows.back().id);
 		std::this_thread::sleep_for(300ms);
 		// Taken first: what other applications send meanwhile need not be looked at again.
-		int64_t newest = store->last_id();
-		if (newest < last) last = 0; // a new store, in place of one that was moved away
-		filter.after_id = last;
+		const StorePosition now = store->position();
+		if (now.identity != before.identity) before = {now.identity, 0};
+		filter.after_id = before.last_id;
 		rows = store->actions({filter, ActionOrder::oldest, 1000});
-		if (rows.empty()) last = newest;
+		if (store->position().identity != now.identity)
+			rows.clear(); // of the next store, from an id in the middle
+		else if (rows.empty())
+			before.last_id = now.last_id;
 	}
 }
 

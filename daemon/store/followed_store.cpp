@@ -9,8 +9,8 @@
 
 namespace quorbit {
 
-FollowedStore::FollowedStore(const std::string &path)
-	: inode_(inode_of(path)), database_(path, Database::Mode::read_only)
+FollowedStore::FollowedStore(const std::string &path, Database::Mode mode)
+	: mode_(mode), inode_(inode_of(path)), database_(path, mode)
 {
 	require_newest_layout(database_);
 }
@@ -21,7 +21,7 @@ Database &FollowedStore::current()
 	uint64_t inode = inode_of(path);
 	if (inode == 0 || inode == inode_) return database_;
 	try {
-		Database fresh(path, Database::Mode::read_only);
+		Database fresh(path, mode_);
 		require_newest_layout(fresh);
 		database_ = std::move(fresh);
 		inode_ = inode;

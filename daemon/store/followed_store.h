@@ -7,17 +7,18 @@
 
 namespace quorbit {
 
-// A store that is open for reading. Whoever reads it does so in short pages and calls current() before each.
+// A store that others write. Whoever reads it does so in short pages and calls current() before each.
 class FollowedStore {
 public:
 	// Throws SqliteError when the file has another version's layout or none yet.
-	explicit FollowedStore(const std::string &path);
+	FollowedStore(const std::string &path, Database::Mode mode);
 
 	// The database. When the daemon has gone on in another file, because somebody stood still on this one or moved it
 	// away, that one from now on: statements of the former one must be gone.
 	Database &current();
 
 private:
+	const Database::Mode mode_;
 	uint64_t inode_;
 	Database database_;
 };

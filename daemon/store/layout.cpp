@@ -119,6 +119,9 @@ INSERT INTO counter SELECT 'summed', value FROM counter WHERE name = 'action';
 INSERT INTO counter VALUES ('sum_key', 0), ('sum_bytes', 0);
 )sql";
 
+// A number of the store's own, by which its readers know it from the one that was there before. A double holds it.
+constexpr const char *identity = "INSERT INTO counter VALUES ('identity', random() & 0xffffffffffff)";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
@@ -126,6 +129,7 @@ constexpr Migration list[] = {
 	{4, exact_figures},
 	{5, account_of_sender},
 	{6, sums_of_keys},
+	{7, identity},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

@@ -6,47 +6,56 @@
 
 namespace quorbit {
 
-ProfileOrders::ProfileOrders(const std::string &path) : database_(path, Database::Mode::read_write)
+ProfileOrders::ProfileOrders(const std::string &path)
+	: store_(path, Database::Mode::read_write), path_(path), identity_(counter("identity"))
 {
-	require_newest_layout(database_);
+}
+
+int64_t ProfileOrders::counter(const std::string &name)
+{
+	return store_.current().integer(("SELECT value FROM counter WHERE name = '" + name + "'").c_str());
 }
 
 int64_t ProfileOrders::order(const std::string &application, int64_t seconds)
 {
-	OrderLock &lock = locks_.emplace_back(database_.path());
+	OrderLock &lock = locks_.emplace_back(path_);
+	Database &database = store_.current();
 	// Held before anybody can see the order: the daemon closes what nobody holds.
-	database_.execute("BEGIN IMMEDIATE");
-	Statement insert(database_, "INSERT INTO profile_order (application, seconds, ordered_ms) VALUES (?, ?, ?)");
+	database.execute("BEGIN IMMEDIATE");
+	Statement insert(database, "INSERT INTO profile_order (application, seconds, ordered_ms) VALUES (?, ?, ?)");
 	insert.bind(1, application).bind(2, seconds).bind(3, wall_clock_ms()).run();
-	int64_t id = database_.last_id();
+	int64_t id = database.last_id();
 	lock.hold(id);
-	database_.execute("COMMIT");
+	database.execute("COMMIT");
 	return id;
 }
 
 void ProfileOrders::cancel(int64_t id)
 {
-	Statement cancel(database_, "UPDATE profile_order SET ended_ms = ? WHERE id = ? AND ended_ms IS NULL");
+	if (ended(id)) return;
+	Statement cancel(store_.current(), "UPDATE profile_order SET ended_ms = ? WHERE id = ?");
 	cancel.bind(1, wall_clock_ms()).bind(2, id).run();
 }
 
 int64_t ProfileOrders::stop(const std::string &application)
 {
-	Statement stop(database_, "UPDATE profile_order SET ended_ms = ? WHERE application = ? AND ended_ms IS NULL");
+	Database &database = store_.current();
+	Statement stop(database, "UPDATE profile_order SET ended_ms = ? WHERE application = ? AND ended_ms IS NULL");
 	stop.bind(1, wall_clock_ms()).bind(2, application).run();
-	return sqlite3_changes(database_.handle());
+	return sqlite3_changes(database.handle());
 }
 
 bool ProfileOrders::ended(int64_t id)
 {
-	Statement select(database_, "SELECT ended_ms IS NOT NULL FROM profile_order WHERE id = ?");
+	if (counter("identity") != identity_) return true;
+	Statement select(store_.current(), "SELECT ended_ms IS NOT NULL FROM profile_order WHERE id = ?");
 	return !select.bind(1, id).step() || select.integer(0) != 0;
 }
 
 std::optional<std::pair<int64_t, int64_t>> ProfileOrders::start_of(int64_t id)
 {
 	Statement select(
-		database_, "SELECT process, started_ms FROM profile_order WHERE id = ? AND started_ms IS NOT NULL");
+		store_.current(), "SELECT process, started_ms FROM profile_order WHERE id = ? AND started_ms IS NOT NULL");
 	if (!select.bind(1, id).step()) return std::nullopt;
 	return std::pair(select.integer(0), select.integer(1));
 }

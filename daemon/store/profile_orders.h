@@ -1,8 +1,8 @@
 // Orders for thread profiles, as the command line leaves them in the store for the daemon.
 #pragma once
 
+#include "store/followed_store.h"
 #include "store/order_lock.h"
-#include "store/sqlite.h"
 
 #include <list>
 #include <optional>
@@ -32,15 +32,19 @@ public:
 	void cancel(int64_t id);
 	// Ends every order of the application, whoever gave it. Returns how many there were.
 	int64_t stop(const std::string &application);
-	// Whether somebody has ended it early.
+	// Whether somebody has ended it early, or made a new store in which it is not.
 	bool ended(int64_t id);
 	// The number of the newest event of any profile.
-	int64_t last_event() { return database_.integer("SELECT value FROM counter WHERE name = 'profile_event'"); }
+	int64_t last_event() { return counter("profile_event"); }
 	// The process that started it and when; nothing while it waits.
 	std::optional<std::pair<int64_t, int64_t>> start_of(int64_t id);
 
 private:
-	Database database_;
+	int64_t counter(const std::string &name);
+
+	FollowedStore store_;
+	const std::string path_;
+	const int64_t identity_; // of the store that has the orders
 	std::list<OrderLock> locks_;
 };
 

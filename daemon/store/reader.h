@@ -166,6 +166,13 @@ struct SenderRow {
 	int64_t packet_ms = 0, packets = 0; // of the newest; how many
 };
 
+// How far a store has come. Whoever asks again and again for what is new compares both: ids begin anew in a store that was
+// made in place of another.
+struct StorePosition {
+	int64_t identity = 0; // of the store, whatever file it is in; 0 for one that is never replaced
+	int64_t last_id = 0;  // of the newest action, 0 when there is none
+};
+
 // Packets of an application that were not stored, or not in full, and why (store/store_writer.h).
 struct DroppedRow {
 	std::string application, reason;
@@ -191,8 +198,7 @@ public:
 		each_action(question, [&rows](const ActionRow &row) { rows.push_back(row); });
 		return rows;
 	}
-	// The id of the newest action, 0 when there is none.
-	virtual int64_t last_id() = 0;
+	virtual StorePosition position() = 0;
 
 	// One action in full; nothing when there is none of that id.
 	virtual std::optional<StoredAction> action(int64_t id) = 0;

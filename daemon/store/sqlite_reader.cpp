@@ -40,7 +40,7 @@ constexpr int64_t page_rows = 2000;
 // Every list is read page by page, and no callback runs within one: whoever prints into a pager may stand still there.
 class SqliteReader : public Reader {
 public:
-	explicit SqliteReader(const std::string &path) : store_(path) {}
+	explicit SqliteReader(const std::string &path) : store_(path, Database::Mode::read_only) {}
 
 	void each_action(const ActionQuestion &question, const std::function<void(const ActionRow &)> &on_row) override
 	{
@@ -63,10 +63,13 @@ public:
 		}
 	}
 
-	int64_t last_id() override
+	StorePosition position() override
 	{
 		Unstopped reading;
-		return store_.current().integer("SELECT max(id) FROM action");
+		Statement select(store_.current(),
+			"SELECT (SELECT value FROM counter WHERE name = 'identity'), (SELECT max(id) FROM action)");
+		select.step();
+		return {select.integer(0), select.integer(1)};
 	}
 
 	std::optional<StoredAction> action(int64_t id) override

@@ -318,9 +318,12 @@ def test_a_store_is_moved_away_while_a_command_reads_it(real):
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as tail:
         try:
             assert "ACTION" in tail.stdout.readline() and all("job.php" in tail.stdout.readline() for _ in range(3))
+            tail.send_signal(signal.SIGSTOP)                           # so that the new store overtakes the numbers it has seen
             (real.logs / "quorbit.db").rename(real.logs / "broken.db")
-            real.php(name="moved.php")
-            real.reports(1, "moved.php")
-            assert "moved.php" in tail.stdout.readline() and real.shown() == []
+            for name in ["moved.php"] + ["next.php"] * 4:
+                real.php(name=name)
+            real.reports(4, "next.php")
+            tail.send_signal(signal.SIGCONT)
+            assert ["moved.php" in tail.stdout.readline() for _ in range(5)] == [True] + [False] * 4 and real.shown() == []
         finally:
             tail.kill()

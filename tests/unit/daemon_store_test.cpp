@@ -65,7 +65,7 @@ TEST_F(StoreTest, FindsActionsAgain) {
   EXPECT_TRUE(all[2].error);
   EXPECT_EQ(reader->action(all[2].id)->action.error->cls, "c");
   EXPECT_FALSE(reader->action(99));
-  EXPECT_EQ(reader->last_id(), 3);
+  EXPECT_EQ(reader->position().last_id, 3);
   const struct {
     ActionQuestion question;
     std::vector<int64_t> ids;
