@@ -127,14 +127,15 @@ void StoreWriter::add_dropped(std::string_view application, const char *reason, 
 	dropped_by_[{std::string(application), reason}] += count;
 }
 
+// In the transaction that is open: they stay in telling_ until it has been committed.
 void StoreWriter::write_dropped()
 {
-	decltype(dropped_by_) dropped;
 	{
 		std::lock_guard lock(mutex_);
-		std::swap(dropped, dropped_by_);
+		for (const auto &[key, count] : dropped_by_) telling_[key] += count;
+		dropped_by_.clear();
 	}
-	for (const auto &[key, count] : dropped) store_->add_dropped(key.first, key.second, count, wall_clock_ms());
+	for (const auto &[key, count] : telling_) store_->add_dropped(key.first, key.second, count, wall_clock_ms());
 }
 
 void StoreWriter::run()
@@ -264,6 +265,7 @@ void StoreWriter::write_transaction()
 	write_dropped();
 	store_->limit_tables();
 	store_->commit();
+	telling_.clear();
 	std::lock_guard lock(mutex_);
 	held_items_ -= static_cast<int64_t>(next - next_);
 	for (; next_ < next; next_++) held_.give_back(batch_[next_].sender, batch_[next_].bytes);

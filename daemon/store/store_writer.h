@@ -55,6 +55,7 @@ private:
 		size_t bytes;
 	};
 	using Batch = std::vector<Waiting>;
+	using Dropped = std::map<std::pair<std::string, const char *>, int64_t>; // by application and reason
 	using Clock = std::chrono::steady_clock;
 	static size_t bytes_of(const Item &item);
 	void enqueue(Item item, const Sender &sender);
@@ -91,10 +92,11 @@ private:
 	Clock::time_point first_arrival_; // of the queue
 	Shares held_;                     // queue and batch
 	int64_t held_items_ = 0;
-	int64_t dropped_ = 0;                                                // packets and queries that nobody can get back
-	std::map<std::pair<std::string, const char *>, int64_t> dropped_by_; // what the store is still to be told
+	int64_t dropped_ = 0;             // packets and queries that nobody can get back
+	Dropped dropped_by_;              // what the store is still to be told
 
 	// The thread's own.
+	Dropped telling_; // what it has been told in a transaction that is not committed
 	Batch batch_;     // taken from the queue; stays until it is written
 	size_t next_ = 0; // its first item that is not
 	std::unique_ptr<Store> store_;
