@@ -17,6 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr size_t most_held_bytes = size_t{64} << 20;
+constexpr size_t little_held_bytes = size_t{4} << 20; // of an account: its packets stay whole
 constexpr size_t most_transaction_bytes = size_t{8} << 20;
 constexpr size_t confined_transaction_bytes = size_t{1} << 20; // what is surely free inside a file that does not grow
 constexpr size_t small_transaction_bytes = size_t{256} << 10;  // on a full disk: what the write-ahead log has room for
@@ -69,7 +70,7 @@ void StoreWriter::put(StoredPacket packet, const Sender &sender)
 	bool crowded;
 	{
 		std::lock_guard lock(mutex_);
-		crowded = held_.used_bytes() > most_held_bytes / 2;
+		crowded = held_.used_bytes() > most_held_bytes / 2 && queue_.bytes_of(sender.account) > little_held_bytes;
 	}
 	if (crowded && packet.type == record_metric) {
 		if (auto head = within_share(packet.body, head_share)) {
@@ -107,7 +108,7 @@ void StoreWriter::enqueue(Item item, const Sender &sender)
 		}
 		first = queue_.empty();
 		if (first) first_arrival_ = Clock::now();
-		queue_.push_back({std::move(item), sender, bytes});
+		queue_.put({std::move(item), sender, bytes});
 		held_items_++;
 	}
 	if (first) arrived_.notify_one();
@@ -163,7 +164,7 @@ bool StoreWriter::wait_until_due()
 	auto due = first_arrival_ + batch_time;
 	if (!maintaining_) arrived_.wait_until(lock, due, large);
 	if (!large() && Clock::now() < due) return false;
-	std::swap(batch_, queue_);
+	batch_ = queue_.take(most_transaction_bytes);
 	next_ = 0;
 	return !batch_.empty();
 }
@@ -199,8 +200,7 @@ void StoreWriter::finish()
 	const auto deadline = Clock::now() + finish_time;
 	auto take_all = [this] {
 		std::lock_guard lock(mutex_);
-		for (Waiting &waiting : queue_) batch_.push_back(std::move(waiting));
-		queue_.clear();
+		for (Waiting &waiting : queue_.take(SIZE_MAX)) batch_.push_back(std::move(waiting));
 		lost_ += std::exchange(dropped_, 0);
 	};
 	take_all();

@@ -3,6 +3,7 @@
 
 #include "base/log.h"
 #include "base/shares.h"
+#include "store/backlog.h"
 #include "store/store.h"
 
 #include <atomic>
@@ -28,8 +29,9 @@ public:
 	StoreWriter(std::string path, ProfileSessions &sessions);
 	~StoreWriter(); // writes what can be written within four seconds, and logs how much could not
 
-	// Hands over a packet or query. It is committed within 200 ms. Once 32 MiB wait, an action is cut to what its sums
-	// are made of; beyond its sender's share of 64 MiB it is dropped. Both are counted.
+	// Hands over a packet or query. It is committed within 200 ms. Once 32 MiB wait, an action of an account that has
+	// 4 MiB of them is cut to what its sums are made of; beyond its sender's share of 64 MiB it is dropped. Both are
+	// counted.
 	void put(StoredPacket packet, const Sender &sender = {});
 	void put(StoredQuery query, const Sender &sender = {});
 
@@ -88,8 +90,8 @@ private:
 	mutable std::mutex mutex_;
 	std::condition_variable arrived_;
 	StoreBounds bounds_;
-	Batch queue_;
-	Clock::time_point first_arrival_; // of the queue
+	Backlog<Waiting> queue_;
+	Clock::time_point first_arrival_; // of the queue, since it was empty
 	Shares held_;                     // queue and batch
 	int64_t held_items_ = 0;
 	int64_t dropped_ = 0;             // packets and queries that nobody can get back

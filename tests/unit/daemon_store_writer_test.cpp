@@ -92,10 +92,15 @@ TEST_F(WriterTest, UnderOverloadTextsGoBeforeActionsAndWhatWentIsCounted) {
   Database other(path_, Database::Mode::read_write);
   other.execute("BEGIN IMMEDIATE");
   constexpr int put = 5000;
-  for (int i = 0; i < put; i++) writer.put(metric("Shop", 20000));  // 100 MB, of which 64 MiB may wait
+  for (int i = 0; i < put; i++) writer.put(metric("Shop", 20000), {1000, 1});  // 100 MB, of which 64 MiB may wait
+  writer.put(metric("Quiet", 20000), {33, 2});
   writer.count_dropped("Api", "told by the receiver", 3);
   other.execute("ROLLBACK");
   EXPECT_TRUE(becomes_true([&] { return stored("Shop") == put; })) << stored("Shop");
+  const auto quiet = list(*open_sqlite_reader(path_), "Quiet");
+  ASSERT_EQ(quiet.size(), 1u);
+  EXPECT_LT(quiet[0].id, 1000) << "accounts take turns";
+  EXPECT_EQ(open_sqlite_reader(path_)->action(quiet[0].id)->action.unknown.size(), 1u) << "whose account has little there loses nothing";
   auto dropped = open_sqlite_reader(path_)->dropped({}, "");
   ASSERT_EQ(dropped.size(), 2u);
   EXPECT_EQ(dropped[0].application + ": " + dropped[0].reason, std::string("Shop: ") + dropped_to_head);
