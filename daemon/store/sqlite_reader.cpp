@@ -1,6 +1,7 @@
 // Questions as SQL.
 #include "store/sqlite_reader.h"
 
+#include "facts/share.h"
 #include "store/action_columns.h"
 #include "store/followed_store.h"
 #include "store/sqlite_sums.h"
@@ -77,7 +78,10 @@ public:
 		Unstopped reading;
 		Statement select(store_.current(), select_rows(", packet FROM action WHERE id = ?"));
 		if (!select.bind(1, id).step()) return std::nullopt;
-		auto action = read_action(select.text(packet_column));
+		// Earlier versions stored packets of any size: those are read as they would be stored today.
+		const std::string packet = select.text(packet_column);
+		const auto cut = within_share(packet, PacketShare());
+		auto action = read_action(cut ? *cut : packet);
 		if (!action) throw SqliteError("the packet of action " + std::to_string(id) + " is damaged");
 		return StoredAction{read_row(select), std::move(*action)};
 	}
