@@ -16,8 +16,8 @@ struct Sums {
 	int64_t cpu_us = 0;     // processor time
 	int64_t statements = 0;
 	Histogram durations; // of each of `count`
-	// Examples: actions that had the key. 0 for none.
-	int64_t slowest_us = 0, slowest_id = 0, newest_id = 0;
+	// Examples: actions that had the key. 0 for none; the one by chance is that with the least hash.
+	int64_t slowest_us = 0, slowest_id = 0, newest_id = 0, chance_id = 0;
 
 	int64_t average_us() const { return count ? total_us / count : 0; }
 
@@ -26,6 +26,8 @@ struct Sums {
 	// The sums as bytes, and back. False when they are damaged; what was read is added to these sums.
 	std::string bytes() const;
 	bool add_bytes(std::string_view bytes);
+	// The same for all but the durations, which are what is left of `bytes`.
+	bool add_head(std::string_view &bytes);
 };
 
 } // namespace quorbit

@@ -28,6 +28,16 @@ std::string layers_text(const Sums &sums)
 	return text;
 }
 
+std::string examples_text(const Sums &sums)
+{
+	auto command = [](int64_t id) { return "quorbit show " + std::to_string(id); };
+	std::string text = "slowest: " + command(sums.slowest_id);
+	if (sums.newest_id != sums.slowest_id) text += ", newest: " + command(sums.newest_id);
+	if (sums.chance_id != sums.slowest_id && sums.chance_id != sums.newest_id)
+		text += ", by chance: " + command(sums.chance_id);
+	return text;
+}
+
 // The most lines of a trend; parts are put together until it has no more.
 constexpr size_t most_trend = 24;
 
@@ -113,11 +123,7 @@ std::string key_text(const KeyReport &report, size_t width, int64_t now_wall_ms)
 	if (!facts.place.empty()) page.entry(report.key == SumKey::error ? "raised at" : "run at", facts.place);
 	if (!facts.finding.empty()) page.entry("finding", facts.finding);
 	if (!facts.suggestion.empty()) page.entry("try", facts.suggestion);
-	if (sums.slowest_id) {
-		page.entry("examples",
-			"slowest: quorbit show " + std::to_string(sums.slowest_id) + ", newest: quorbit show " +
-				std::to_string(sums.newest_id));
-	}
+	if (sums.slowest_id) page.entry("examples", examples_text(sums));
 	print_trend(report, page);
 	for (const auto &[key, answer] : report.related) print_related(key, answer, page);
 	return page.out;

@@ -34,6 +34,7 @@ constexpr Figure figures[] = {
 	{"statements", [](const Sums &sums) { return sums.statements; }},
 	{"slowest_id", [](const Sums &sums) { return sums.slowest_id; }},
 	{"newest_id", [](const Sums &sums) { return sums.newest_id; }},
+	{"chance_id", [](const Sums &sums) { return sums.chance_id; }},
 };
 
 } // namespace

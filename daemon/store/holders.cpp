@@ -11,12 +11,13 @@ namespace {
 
 constexpr int64_t bytes_of_a_place = int64_t{256} << 10;
 constexpr int64_t least_places = 32, most_places = 4096;
-constexpr int64_t day_ms = 86400000;
+constexpr int64_t day_ms = 86400000, hour_ms = 3600000;
 
 } // namespace
 
 Holders::Holders(int64_t bound_bytes)
 	: bound_bytes_(bound_bytes),
+	  pins_(bound_bytes / 10),
 	  places_(static_cast<size_t>(std::clamp(bound_bytes / bytes_of_a_place, least_places, most_places))),
 	  reserved_(static_cast<size_t>(std::max(bound_bytes / 2, int64_t{0})))
 {
@@ -112,17 +113,28 @@ void Holders::trim(const Application &application, Name &name, Removal &removal)
 	}
 }
 
-void Holders::judge(const HeldAction &action, Removal &removal)
+void Holders::judge(const HeldAction &action, const ExampleOf &example, Removal &removal)
 {
 	auto [application, name] = find(action);
-	Kept kept{action.id, action.bytes, false};
-	if (name && (name->bytes <= part_bytes(*application) || reserves(*application, *name, kept))) {
-		name->kept.push_back(kept);
-		return;
+	if (!example.keys.empty()) {
+		pins_.keep({action.id, action.bytes, action.received_ms / hour_ms, example});
+	} else {
+		Kept kept{action.id, action.bytes, false};
+		if (name && (name->bytes <= part_bytes(*application) || reserves(*application, *name, kept))) {
+			auto younger = [](int64_t id, const Kept &other) { return id < other.id; };
+			name->kept.insert(std::upper_bound(name->kept.begin(), name->kept.end(), action.id, younger), kept);
+			return;
+		}
+		removal.ids.push_back(action.id);
+		removal.bytes += action.bytes;
 	}
-	removal.ids.push_back(action.id);
-	removal.bytes += action.bytes;
 	if (name) name->bytes -= action.bytes;
+}
+
+void Holders::judge_again(const HeldAction &action, Removal &removal)
+{
+	if (Name *name = find(action).name) name->bytes += action.bytes;
+	judge(action, {}, removal);
 }
 
 void Holders::take_surplus(Removal &removal)
@@ -166,7 +178,10 @@ void Holders::take_oldest(Removal &removal)
 			}
 		}
 	}
-	if (oldest.name) remove(*oldest.application, *oldest.name, 0, removal);
+	if (oldest.name)
+		remove(*oldest.application, *oldest.name, 0, removal);
+	else if (const int64_t id = pins_.drop_oldest())
+		removal.ids.push_back(id);
 }
 
 } // namespace quorbit

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/shares.h"
+#include "store/pins.h"
 
 #include <array>
 #include <deque>
@@ -25,6 +26,7 @@ struct HeldAction {
 //    each of these among their names: within its part a name keeps its newest actions.
 //  - A name with more than that keeps its newest action and its three slowest ones, out of half of the store, which
 //    applications and names share so that there is always room for those with little (Shares).
+//  - What the sums name as an example of a key and hour stays beside these, out of a tenth of the store (Pins).
 // Only so many names have this protection, one for each 256 KiB of the store: accounts and applications share these
 // places in the same way, so that a flood of names takes nobody's, and a place is free again when its name has not been
 // seen for a day.
@@ -50,7 +52,12 @@ public:
 	// What was kept, and is more than the part of its name by now: to be asked for first.
 	void take_surplus(Removal &removal);
 	// The action, the oldest that was not judged yet, is either kept or to be removed.
-	void judge(const HeldAction &action, Removal &removal);
+	void judge(const HeldAction &action, const ExampleOf &example, Removal &removal);
+	// Whether there are more examples than may be. Those of thin_examples() are judged once more, as what they are
+	// without: by judge_again().
+	bool has_many_examples() const { return pins_.is_over(); }
+	std::vector<int64_t> thin_examples(const std::function<int64_t(int64_t key)> &lifetime) { return pins_.thin(lifetime); }
+	void judge_again(const HeldAction &action, Removal &removal);
 	// The oldest action that was kept: for a store that is too small for its rules.
 	void take_oldest(Removal &removal);
 
@@ -88,6 +95,7 @@ private:
 	void trim_names(Application &application, bool look_for_places, Removal &removal);
 
 	const int64_t bound_bytes_;
+	Pins pins_;
 	Shares places_;   // by account and application
 	Shares reserved_; // by application and name
 	std::map<uint32_t, Account> accounts_;

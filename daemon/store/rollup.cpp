@@ -112,7 +112,7 @@ void Rollup::add(const Action &action, int64_t id, int64_t received_ms)
 	if (hour > hour_) hour_ = hour, hour_uses_ = 0;
 	int64_t action_key = 0;
 	for (KeySums &key : keys_of(action)) {
-		key.sums.slowest_id = key.sums.newest_id = id;
+		key.sums.slowest_id = key.sums.newest_id = key.sums.chance_id = id;
 		if (key.sums.slowest_us == 0) key.sums.slowest_us = key.sums.total_us;
 		const int64_t key_id = known(key, minute).id;
 		if (key.kind == KeyKind::action) action_key = key_id;
@@ -138,7 +138,7 @@ void Rollup::add_use(const KeySums &key, int64_t id, int64_t action, int64_t hou
 	use.total_us = key.sums.total_us;
 	use.durations.add(use.total_us);
 	use.slowest_us = use.total_us;
-	use.slowest_id = use.newest_id = key.sums.newest_id;
+	use.slowest_id = use.newest_id = use.chance_id = key.sums.newest_id;
 	entry(slot).sums.add(use);
 }
 

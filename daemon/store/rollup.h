@@ -6,6 +6,7 @@
 #pragma once
 
 #include "facts/keys.h"
+#include "store/pins.h"
 #include "store/sqlite.h"
 
 #include <array>
@@ -54,6 +55,12 @@ public:
 	// One step of some milliseconds towards them. False when there was nothing to do.
 	bool maintain(const SumBounds &bounds, int64_t now_wall_ms);
 	int64_t bytes() const { return bytes_; } // about what all sums take
+
+	// The actions that the written sums of an hour since 1970 name, with the keys of which they are the slowest, the
+	// newest or one by chance.
+	std::unordered_map<int64_t, ExampleOf> examples_of(int64_t hour);
+	// For how long each key has been seen, in milliseconds; those that are not known any more for none.
+	std::function<int64_t(int64_t key)> lifetimes();
 
 private:
 	using Clock = std::chrono::steady_clock;

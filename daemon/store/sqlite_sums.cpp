@@ -327,6 +327,65 @@ void fill_in_keys(Database &database, std::vector<SumRow> &rows)
 	}
 }
 
+// Examples of a row that are gone give way to others of the range that are there, where the row is the only one asked for,
+// else to none.
+class Examples {
+public:
+	Examples(Database &database, const Plan &plan, const SumQuestion &question)
+		: database_(database), plan_(plan), question_(question), find_(database, "SELECT 1 FROM action WHERE id = ?")
+	{
+	}
+
+	void mend(Sums &sums)
+	{
+		const bool slowest = is_there(sums.slowest_id), newest = is_there(sums.newest_id);
+		const bool chance = is_there(sums.chance_id);
+		if (slowest && newest && chance) return;
+		std::vector<std::pair<int64_t, int64_t>> slow; // with what they took
+		std::vector<int64_t> all;
+		if (question_.filter.id) collect(slow, all);
+		if (!slowest) sums.slowest_id = first_there(slow, [](const auto &one) { return one.second; });
+		if (!newest) sums.newest_id = first_there(all, [](int64_t id) { return id; });
+		if (!chance) sums.chance_id = sums.newest_id;
+	}
+
+private:
+	bool is_there(int64_t id)
+	{
+		const bool there = find_.bind(1, id).step();
+		find_.reset();
+		return there;
+	}
+
+	// The examples of every part of the range: the slowest first, the newest first.
+	void collect(std::vector<std::pair<int64_t, int64_t>> &slow, std::vector<int64_t> &all)
+	{
+		each(database_, plan_, kind_of(question_.key), question_.filter,
+			[&](int64_t, int64_t, int64_t, const std::string &bytes) {
+				Sums sums;
+				std::string_view rest = bytes;
+				if (!sums.add_head(rest)) return;
+				slow.emplace_back(sums.slowest_us, sums.slowest_id);
+				all.insert(all.end(), {sums.slowest_id, sums.newest_id, sums.chance_id});
+			});
+		std::sort(slow.rbegin(), slow.rend());
+		std::sort(all.rbegin(), all.rend());
+		for (int64_t id : all) slow.emplace_back(0, id);
+	}
+
+	template <typename List, typename IdOf>
+	int64_t first_there(const List &list, IdOf id_of)
+	{
+		auto found = std::find_if(list.begin(), list.end(), [&](const auto &one) { return is_there(id_of(one)); });
+		return found == list.end() ? 0 : id_of(*found);
+	}
+
+	Database &database_;
+	const Plan &plan_;
+	const SumQuestion &question_;
+	Statement find_;
+};
+
 } // namespace
 
 SumAnswer read_sums(Database &database, const SumQuestion &question)
@@ -355,6 +414,8 @@ SumAnswer read_sums(Database &database, const SumQuestion &question)
 	}
 	order_rows(answer, question.order, question.most);
 	if (!merges) fill_in_keys(database, answer.rows);
+	Examples examples(database, plan, question);
+	for (SumRow &row : answer.rows) examples.mend(row.sums);
 	return answer;
 }
 

@@ -116,6 +116,8 @@ private:
 	void look_at_disk();
 	static int64_t action_bytes(size_t packet_bytes); // about what it takes in the file
 	bool knows_holders(int64_t bound_bytes, int64_t excess_bytes, StepTimer &timer);
+	const ExampleOf &example_of(const HeldAction &action);
+	void judge_former_examples(Holders::Removal &removal);
 	bool remove_actions(int64_t bytes, int64_t most);
 	bool remove_oldest_actions(int64_t bytes, int64_t most);
 	void watch_log();
@@ -161,6 +163,11 @@ private:
 	std::optional<Holders> holders_;
 	bool all_read_ = false;
 	int64_t read_id_ = 0, judged_id_ = 0;
+	// Of the hour that is being judged: the examples, and up to which action its sums went then. And actions that were
+	// examples.
+	std::unordered_map<int64_t, ExampleOf> examples_;
+	int64_t examples_hour_ = -1, examples_summed_id_ = 0;
+	std::vector<int64_t> former_examples_;
 	bool shrinking_ = false;
 	int64_t confined_bytes_ = INT64_MAX; // what may be used of the file while it does not grow
 	bool has_reserve_ = false;

@@ -41,6 +41,7 @@ bool Store::knows_holders(int64_t bound_bytes, int64_t excess_bytes, StepTimer &
 	if (!holders_) {
 		if (excess_bytes < -bound_bytes / 8) return true;
 		holders_.emplace(bound_bytes);
+		former_examples_.clear();
 		judged_id_ = read_id_ = 0;
 		all_read_ = false;
 	}
@@ -60,12 +61,44 @@ bool Store::knows_holders(int64_t bound_bytes, int64_t excess_bytes, StepTimer &
 	return false;
 }
 
+// Of which keys the action is the example. Actions are asked for in the order of their numbers, that is by hours.
+const ExampleOf &Store::example_of(const HeldAction &action)
+{
+	static const ExampleOf none;
+	const int64_t hour = action.received_ms / 3600000;
+	if (action.id > rollup_.summed_id()) rollup_.write();
+	if (hour != examples_hour_ || action.id > examples_summed_id_) {
+		examples_ = rollup_.examples_of(hour);
+		examples_hour_ = hour;
+		examples_summed_id_ = rollup_.summed_id();
+	}
+	auto found = examples_.find(action.id);
+	return found == examples_.end() ? none : found->second;
+}
+
+// Those that stay no longer as examples may stay as what they are.
+void Store::judge_former_examples(Holders::Removal &removal)
+{
+	if (former_examples_.empty() && holders_->has_many_examples())
+		former_examples_ = holders_->thin_examples(rollup_.lifetimes());
+	Statement select(database_, "SELECT" HELD_COLUMNS "WHERE id = ?");
+	for (; !former_examples_.empty() && !removal.is_enough(); former_examples_.pop_back()) {
+		select.bind(1, former_examples_.back());
+		each_held(select, [&](const HeldAction &action) {
+			holders_->judge_again(action, removal);
+			return false;
+		});
+		select.reset();
+	}
+}
+
 // Removes actions that hold about `bytes`, at most `most`. False when there is nothing to remove.
 bool Store::remove_actions(int64_t bytes, int64_t most)
 {
 	if (!holders_ || !all_read_) return remove_oldest_actions(bytes, most);
 	Holders::Removal removal{{}, 0, bytes, static_cast<size_t>(most)};
 	holders_->take_surplus(removal);
+	judge_former_examples(removal);
 	bool judged = false;
 	if (!removal.is_enough()) {
 		Statement select(database_, "SELECT" HELD_COLUMNS "WHERE id > ? ORDER BY id LIMIT ?");
@@ -73,7 +106,7 @@ bool Store::remove_actions(int64_t bytes, int64_t most)
 		each_held(select, [&](const HeldAction &action) {
 			judged = true;
 			judged_id_ = action.id;
-			holders_->judge(action, removal);
+			holders_->judge(action, example_of(action), removal);
 			return !removal.is_enough();
 		});
 	}

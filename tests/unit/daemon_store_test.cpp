@@ -1,4 +1,5 @@
 // The store: what is written is found again, within its bounds.
+#include "base/clock.h"
 #include "daemon_records.h"
 #include "print/report.h"
 #include "store/profile_orders.h"
@@ -196,6 +197,50 @@ TEST_F(StoreTest, AFloodLeavesTheNewestAndSlowestActionsOfOthers) {
     EXPECT_GE(left, flood.left) << flood.of;
     EXPECT_LE(std::filesystem::file_size(path_), 13u << 20) << flood.of;
     EXPECT_GT(reader->actions({})[0].received_ms, 990) << flood.of;
+  }
+}
+
+// Ten hours of one name, three weeks ago, with an error of its own in an ordinary action of each; then floods.
+TEST_F(StoreTest, SumsOfWeeksAgoLeadToAnExampleWhateverCameSince) {
+  constexpr StoreBounds bounds = {10 << 20, 1 << 20};
+  constexpr int64_t hour_ms = 3600000;
+  const int64_t now_ms = wall_clock_ms(), then_ms = (now_ms - 21 * 24 * hour_ms) / hour_ms * hour_ms;
+  for (bool names : {false, true}) {
+    std::filesystem::remove(path_);
+    write([&](Store& store) {
+      for (int i = 0; i < 300; i++) {
+        const std::string error = i % 30 == 7 ? record(0x2A, "1\n500\nE" + std::string(1, static_cast<char>('a' + i / 30)) + "\nm\n") : "";
+        store.add(metric(then_ms + i * hour_ms / 30, "Shop", error + record(0x77, std::string(10000, 'x'))));
+      }
+    });
+    for (int life = 0, i = 0; life < 3; life++) {
+      Store store(path_);
+      for (int end = i + 4000; i < end;) {
+        store.begin();
+        for (int packet = 0; packet < 200; packet++, i++) {
+          const std::string name = names ? "flood" + std::to_string(i) : "flood";
+          store.add({0x0B, 42, now_ms, action_body("Shop", name, 100, record(0x77, std::string(3000, 'x'))), 1000});
+        }
+        store.commit();
+        while (store.maintain(bounds)) continue;
+      }
+    }
+    auto reader = open_sqlite_reader(path_);
+    SumQuestion question;
+    question.key = SumKey::error;
+    question.filter.range = {then_ms, then_ms + 10 * hour_ms};
+    const auto errors = reader->sums(question).rows;
+    EXPECT_EQ(errors.size(), 10u);
+    for (const SumRow& row : errors) {
+      for (int64_t id : {row.sums.slowest_id, row.sums.newest_id, row.sums.chance_id}) {
+        const auto example = reader->action(id);
+        EXPECT_TRUE(example && example->action.error->cls == row.key.error_class) << row.key.name << ", flood of names: " << names;
+      }
+    }
+    question.key = SumKey::action;
+    question.filter.id = reader->sums(question).rows.at(0).key.id;
+    EXPECT_TRUE(reader->action(reader->sums(question).rows.at(0).sums.slowest_id));
+    EXPECT_LE(std::filesystem::file_size(path_), 13u << 20);
   }
 }
 
