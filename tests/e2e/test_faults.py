@@ -192,7 +192,8 @@ def test_sigterm_in_the_middle(site, handled, reply):
 # On a disk of 24 MB of its own, which another program fills to the last block: sends packets through a daemon, prints
 # what the store came to.
 FULL_DISK = """
-import os, re, signal, socket, subprocess, sys
+import os, re, signal, socket, sqlite3, subprocess, sys
+from contextlib import closing
 from pathlib import Path
 from support import wire
 from support.fake_daemon import wait_until
@@ -207,14 +208,29 @@ def packets():
     shown = subprocess.run([quorbit, "status", "-f", folder / ".quorbit.cfg"], capture_output=True, text=True).stdout
     return int((re.findall("^  packets +([0-9]+)", shown, re.M) or ["0"])[0])
 
-def send(count):
+def dropped():
+    with closing(sqlite3.connect(store)) as read:
+        return read.execute("SELECT ifnull(sum(count), 0) FROM dropped WHERE reason = 'backlog full'").fetchone()[0]
+
+def send(count, name=b"cart"):
     global sent
     with socket.socket(socket.AF_UNIX) as client:
         client.connect(str(folder / ".quorbit.sock"))
         for _ in range(count):
-            client.sendall(wire.record(0x0B, wire.record(0x11, b"Shop") + wire.record(0x12, b"cart") + wire.record(0x77, bytes(3000))))
+            client.sendall(wire.record(0x0B, wire.record(0x11, b"Shop") + wire.record(0x12, name) + wire.record(0x77, bytes(3000))))
     sent += count
-    wait_until(lambda: packets() == sent, f"{sent} packets, there are {packets()}", 60)
+
+def store_all(count):
+    send(count)
+    wait_until(lambda: packets() + dropped() == sent, f"{sent} packets, there are {packets()}", 60)
+
+def fill(name):
+    # every block
+    with open(folder / name, "wb", buffering=0) as filler:
+        try:
+            while filler.write(bytes(4096)): pass
+        except OSError:
+            pass
 
 def start():
     daemon = subprocess.Popen([quorbit, "-f", folder / ".quorbit.cfg", "--foreground"])
@@ -223,32 +239,41 @@ def start():
 
 daemon = start()
 try:
-    send(1500)
+    store_all(1500)
     wait_until((folder / "quorbit.db-reserve").exists, "the reserve")
     daemon.send_signal(signal.SIGSTOP)               # or the filler takes the reserve as well, when it is given up meanwhile
-    with open(folder / "filler", "wb", buffering=0) as filler:
-        try:
-            while filler.write(bytes(4096)): pass
-        except OSError:
-            pass
+    fill("filler")
     daemon.send_signal(signal.SIGCONT)
     for _ in range(8):
-        send(1000)
+        store_all(1000)
     assert not (folder / "quorbit.db-reserve").exists() and store.stat().st_size < 12 << 20
     daemon.terminate()
     daemon.wait(10)
     daemon = start()
-    send(500)
+    store_all(500)
     (folder / "applications.conf").write_text("store_mb = 2\\n")
-    send(500)
+    store_all(500)
     wait_until(lambda: store.stat().st_size < 3 << 20, f"the lower bound, {store.stat().st_size}")
     (folder / "filler").unlink()
     (folder / "applications.conf").unlink()
-    send(500)
+    store_all(500)
     wait_until((folder / "quorbit.db-reserve").exists, "the reserve again")
     log = (folder / "daemon.log").read_text()
     lost = re.findall("works again; ([0-9]+) packets", log)
-    assert lost and set(lost) == {"0"} and "the store does not grow" in log and "the disk has room again" in log, log
+    assert lost and set(lost) == {"0"} and dropped() == 0 and "the store does not grow" in log and "the disk has room again" in log, log
+    for path in folder.glob("quorbit.db*"):          # where there is no store yet, there is nothing that could make room
+        path.unlink()
+    fill("filler")
+    sent = 0
+    send(6000, b"long" * 4000)                       # 64 MiB may wait
+    wait_until(lambda: (folder / "daemon.log").read_text().count("cannot be written") > 1, "the line in the log")
+    (folder / "filler").unlink()
+    send(1)
+    wait_until(store.exists, "a store")
+    wait_until(lambda: packets() + dropped() == sent, f"{sent} packets, there are {packets()} and {dropped()} were dropped", 60)
+    told = lambda: sum(map(int, re.findall("([0-9]+) packets and queries were not stored", (folder / "daemon.log").read_text())))
+    wait_until(lambda: told() == dropped() > 1000, f"what was lost in the log, {told()} of {dropped()}")
+    wait_until((folder / "quorbit.db-reserve").exists, "the reserve once more")
 finally:
     daemon.terminate()
     daemon.wait(10)
@@ -256,7 +281,8 @@ finally:
 
 
 def test_a_full_disk_makes_room_inside_the_store(site):
-    """Nothing is lost: the oldest actions make room, a restart works, a lower bound is reached, and all is as before when there is room."""
+    """Nothing is lost: the oldest actions make room, a restart works, a lower bound is reached, and all is as before when there is room.
+    What the backlog cannot hold while there is none at all is counted."""
     site.daemon.stop()
     done = subprocess.run([*NAMESPACE, "/usr/bin/python3", "-c", FULL_DISK, PROJECT / "build/bin/quorbit", site.logs], capture_output=True,
                           text=True, timeout=120)
