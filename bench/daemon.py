@@ -3,7 +3,7 @@
 
     bench/daemon.py [ROW...]
 
-Rows are the sizes below and "flood", "accounts", "empty", "idle", "commands"; all when none is named. The load comes from daemon_load.cpp,
+Rows are the sizes below and "flood", "accounts", "empty", "idle", "commands", "bounds"; all when none is named. The load comes from daemon_load.cpp,
 whose clients lose a packet when an agent would. Each row has a daemon of its own, whose store is at its bound, so that each
 packet pushes out an older one. "Without loss" is the highest rate of those tried at which every packet was stored within a third
 of a second of its sending, so that no backlog hides an overload; the generator shares the machine with the daemon. Limits are held
@@ -17,7 +17,7 @@ import subprocess
 import sys
 import tempfile
 import time
-from contextlib import contextmanager
+from contextlib import closing, contextmanager
 from pathlib import Path
 
 from measure import PROJECT, Record
@@ -29,6 +29,7 @@ GUESSES = {"859": 30_000, "3000": 10_000, "20000": 2_500, "1000000": 100}       
 MOST_LOST, MOST_QUERY_MS, MOST_MB, MOST_IDLE_MB = 1, 50, 384, 48
 COMMANDS = ("top", "top -n 100000", "show", "show --json", "show -n 100000", "status")
 MOST_COMMAND_MB, MOST_COMMAND_S, FULL_STORE_MB = 256, 2, 512
+MOST_LOG_MB = 136
 
 
 def build_load():
@@ -41,7 +42,7 @@ def build_load():
 
 
 class Daemon:
-    def __init__(self, root):
+    def __init__(self, root, store_mb=STORE_MB):
         self.root, self.folder = root, root / "log/quorbit"
         self.folder.mkdir(parents=True)
         for path in (root, self.folder):
@@ -50,9 +51,12 @@ class Daemon:
                  "ipc_listen_file": ".quorbit.sock"}
         config = self.folder / ".quorbit.cfg"
         config.write_text("".join(f"zqs.{key}={self.folder / name if '.' in name else name}\n" for key, name in names.items()))
-        (self.folder / "applications.conf").write_text(f"store_mb = {STORE_MB}\n")
+        self.bound(store_mb)
         self.config, self.socket = config, self.folder / ".quorbit.sock"
         self.start()
+
+    def bound(self, store_mb):
+        (self.folder / "applications.conf").write_text(f"store_mb = {store_mb}\n")
 
     def start(self):
         self.process = subprocess.Popen([QUORBIT, "-f", self.config, "--foreground"])
@@ -63,6 +67,16 @@ class Daemon:
     def end(self):
         self.process.terminate()
         self.process.wait(30)
+
+    def fill(self):
+        """A store of the size that it has by default; the daemon is not running then."""
+        run(self, "Bench", 3000, 1, 10, 0.3)
+        self.settled("Bench")
+        self.end()
+        with sqlite3.connect(self.folder / "quorbit.db") as store:
+            store.execute(GROW, (FULL_STORE_MB * 1024 // 4,))       # a page each
+            store.execute("UPDATE counter SET value = (SELECT max(id) FROM action) WHERE name = 'summed'")
+        store.close()
 
     def stored(self, application):
         """Packets of the application that were committed."""
@@ -95,9 +109,9 @@ class Daemon:
 
 
 @contextmanager
-def daemon():
+def daemon(store_mb=STORE_MB):
     with tempfile.TemporaryDirectory(prefix="quorbit-bench-") as root:
-        found = Daemon(Path(root))
+        found = Daemon(Path(root), store_mb)
         try:
             yield found
         finally:
@@ -225,12 +239,7 @@ def commands_row(record):
     measure = ("import resource, subprocess, sys; subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL); "
                "used = resource.getrusage(resource.RUSAGE_CHILDREN); print(used.ru_maxrss / 1024, used.ru_utime + used.ru_stime)")
     with daemon() as target:
-        run(target, "Bench", 3000, 1, 10, 0.3)
-        target.settled("Bench")
-        target.end()
-        with sqlite3.connect(target.folder / "quorbit.db") as store:
-            store.execute(GROW, (FULL_STORE_MB * 1024 // 4,))       # a page each
-        store.close()
+        target.fill()
         for words in COMMANDS:
             command = [sys.executable, "-c", measure, QUORBIT, *words.split(), "--root", target.root]
             megabytes, seconds = map(float, subprocess.check_output(command, text=True).split())
@@ -238,9 +247,61 @@ def commands_row(record):
             record.add(f"{FULL_STORE_MB} MB of actions: {words}: processor time", "s", [seconds], MOST_COMMAND_S)
 
 
+class Watch:
+    """Until its end: the largest write-ahead log, and how long the newest of the packets that come all the time took to be stored."""
+
+    def __init__(self, target):
+        self.log_mb, self.late_ms, self.target = 0, 0, target
+
+    def look(self, until, seconds):
+        """Looks for so long, or until something is so."""
+        end = time.monotonic() + seconds
+        while time.monotonic() < end and not until():
+            path = self.target.folder / "quorbit.db"
+            log = Path(f"{path}-wal")
+            self.log_mb = max(self.log_mb, log.stat().st_size / 2**20 if log.exists() else 0)
+            with closing(sqlite3.connect(f"file:{path}?mode=ro", uri=True)) as store:
+                newest, = store.execute("SELECT max(received_ms) FROM action WHERE id > (SELECT max(id) - 100 FROM action)").fetchone()
+            self.late_ms = max(self.late_ms, time.time() * 1000 - newest)
+            time.sleep(0.01)
+
+
+def bounds_row(record):
+    """A store of its default size whose bound is lowered to a fiftieth; and readers that stand still: one within a transaction, and a
+    command whose output nobody takes."""
+    def watched(what, rate, seconds, until=lambda: False):
+        clients = Clients(target, "Bench", 3000, 20, rate, seconds)
+        watch = Watch(target)
+        time.sleep(1)
+        watch.look(until, seconds - 1)
+        clients.figures()
+        clients.end()
+        record.add(f"{what}: write-ahead log at most", "MB", [watch.log_mb], MOST_LOG_MB)
+        record.add(f"{what}: until stored, at most", "ms", [watch.late_ms])
+
+    with daemon(FULL_STORE_MB) as target:
+        store, log = target.folder / "quorbit.db", target.folder / "daemon.log"
+        target.fill()
+        target.start()
+        for rate, what in ((100, "a pager"), (1500, "a pager under load")):
+            with subprocess.Popen([QUORBIT, "show", "-n", "1000000", "--json", "--root", target.root], stdout=subprocess.PIPE) as pager:
+                watched(what, rate, 10)
+                pager.kill()
+        with closing(sqlite3.connect(store, isolation_level=None)) as reader:
+            reader.execute("BEGIN")
+            reader.execute("SELECT count(*) FROM application").fetchone()
+            watched("a transaction left open", 3000, 30)
+            assert "was left behind" in log.read_text()
+        target.bound(10)
+        begin = time.monotonic()
+        watched(f"store_mb from {FULL_STORE_MB} to 10", 100, 60, lambda: store.stat().st_size < 16 << 20)
+        record.add("and the time it takes", "s", [time.monotonic() - begin])
+
+
 def main():
     rows = {**{size: lambda record, size=size: size_row(record, size) for size in GUESSES},
-            "flood": flood_row, "accounts": accounts_row, "empty": empty_row, "idle": idle_row, "commands": commands_row}
+            "flood": flood_row, "accounts": accounts_row, "empty": empty_row, "idle": idle_row, "commands": commands_row,
+            "bounds": bounds_row}
     record = Record("daemon")
     for name in sys.argv[1:] or rows:
         rows[name](record)
