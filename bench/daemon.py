@@ -27,7 +27,7 @@ STORE_MB = 64
 SECONDS, AGENTS, QUERY_MS = 3, 200, 5
 GUESSES = {"859": 30_000, "3000": 10_000, "20000": 2_500, "1000000": 100}         # by bytes: the rate that is tried first
 MOST_LOST, MOST_QUERY_MS, MOST_MB, MOST_IDLE_MB = 1, 50, 384, 48
-COMMANDS = ("top", "top -n 100000", "show", "show --json", "show -n 100000", "status")
+COMMANDS = ("top", "top -n 100000", "show", "show --json", "show -n 100000", "show -n 1000000 --json", "status")
 MOST_COMMAND_MB, MOST_COMMAND_S, FULL_STORE_MB = 256, 2, 512
 MOST_LOG_MB = 136
 

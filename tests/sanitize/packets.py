@@ -87,7 +87,8 @@ def send_all(folder):
 
 def command(root, *words):
     done = subprocess.run([QUORBIT, *words, "--root", root], capture_output=True, text=True, timeout=300)
-    assert done.returncode == 0, (words, done.stderr[-3000:])
+    expected = (0, 1) if words == ("status",) else (0,)         # this host may be amiss
+    assert done.returncode in expected and not done.stderr, (words, done.stderr[-3000:])
     return done.stdout
 
 
@@ -102,6 +103,7 @@ def main():
                 wait_until(lambda: (folder / ".quorbit.sock").exists() or daemon.poll() is not None, "the daemon", 30)
                 closed = send_all(folder)
                 shown = command(root, "show", "-n", str(SHOWN)).splitlines()[1:]
+                assert len(shown) == SHOWN, shown
                 for line in shown:
                     for words in (["--full"], ["--json"]):
                         command(root, "show", line.split()[0], *words)
