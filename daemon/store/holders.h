@@ -56,7 +56,10 @@ public:
 	// Whether there are more examples than may be. Those of thin_examples() are judged once more, as what they are
 	// without: by judge_again().
 	bool has_many_examples() const { return pins_.is_over(); }
-	std::vector<int64_t> thin_examples(const std::function<int64_t(int64_t key)> &lifetime) { return pins_.thin(lifetime); }
+	std::vector<int64_t> thin_examples(const std::function<int64_t(int64_t key)> &lifetime)
+	{
+		return pins_.thin(lifetime);
+	}
 	void judge_again(const HeldAction &action, Removal &removal);
 	// The oldest action that was kept: for a store that is too small for its rules.
 	void take_oldest(Removal &removal);

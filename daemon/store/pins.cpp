@@ -44,7 +44,9 @@ void Pins::thin_within(int64_t hours, bool slowest, std::vector<int64_t> &gone)
 	for (Pin &pin : pins_) {
 		if (bytes_ <= enough_bytes()) break;
 		if (pin.example.slowest != slowest) continue;
-		if (std::any_of(pin.example.keys.begin(), pin.example.keys.end(), [&](int64_t key) { return count(pin, key) == 1; })) continue;
+		if (std::any_of(
+				pin.example.keys.begin(), pin.example.keys.end(), [&](int64_t key) { return count(pin, key) == 1; }))
+			continue;
 		for (int64_t key : pin.example.keys) count(pin, key)--;
 		drop(pin, gone);
 	}

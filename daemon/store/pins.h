@@ -8,7 +8,8 @@
 
 namespace quorbit {
 
-// What the sums of an hour name an action for: as the slowest, the newest or one by chance of these keys (KeyFacts::id).
+// What the sums of an hour name an action for: as the slowest, the newest or one by chance of these keys
+// (KeyFacts::id).
 struct ExampleOf {
 	bool slowest = false; // of one of them
 	std::vector<int64_t> keys;
@@ -21,9 +22,9 @@ struct Pin {
 	ExampleOf example;
 };
 
-// Examples within a bound. Beyond it they are thinned out: first within an hour, then within a day, then a week, so that
-// each key keeps one of each as long as there is room; then until each key has one; at last keys go that were seen for the
-// shortest time, of these the youngest first. So a flood of keys takes nobody's example.
+// Examples within a bound. Beyond it they are thinned out: first within an hour, then within a day, then a week, so
+// that each key keeps one of each as long as there is room; then until each key has one; at last keys go that were seen
+// for the shortest time, of these the youngest first. So a flood of keys takes nobody's example.
 class Pins {
 public:
 	explicit Pins(int64_t most_bytes) : most_bytes_(most_bytes) {}

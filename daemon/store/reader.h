@@ -166,8 +166,8 @@ struct SenderRow {
 	int64_t packet_ms = 0, packets = 0; // of the newest; how many
 };
 
-// How far a store has come. Whoever asks again and again for what is new compares both: ids begin anew in a store that was
-// made in place of another.
+// How far a store has come. Whoever asks again and again for what is new compares both: ids begin anew in a store that
+// was made in place of another.
 struct StorePosition {
 	int64_t identity = 0; // of the store, whatever file it is in; 0 for one that is never replaced
 	int64_t last_id = 0;  // of the newest action, 0 when there is none

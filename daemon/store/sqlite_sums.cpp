@@ -327,8 +327,8 @@ void fill_in_keys(Database &database, std::vector<SumRow> &rows)
 	}
 }
 
-// Examples of a row that are gone give way to others of the range that are there, where the row is the only one asked for,
-// else to none.
+// Examples of a row that are gone give way to others of the range that are there, where the row is the only one asked
+// for, else to none.
 class Examples {
 public:
 	Examples(Database &database, const Plan &plan, const SumQuestion &question)

@@ -94,8 +94,8 @@ private:
 	Clock::time_point first_arrival_; // of the queue, since it was empty
 	Shares held_;                     // queue and batch
 	int64_t held_items_ = 0;
-	int64_t dropped_ = 0;             // packets and queries that nobody can get back
-	Dropped dropped_by_;              // what the store is still to be told
+	int64_t dropped_ = 0; // packets and queries that nobody can get back
+	Dropped dropped_by_;  // what the store is still to be told
 
 	// The thread's own.
 	Dropped telling_; // what it has been told in a transaction that is not committed
