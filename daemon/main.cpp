@@ -27,6 +27,8 @@ constexpr Command commands[] = {
 	{"profile", "records an application's function calls for some time, and prints them", quorbit::add_profile},
 	{"names", "a dry run: which names requests would get under an application's settings", quorbit::add_names},
 	{"setup", "the PHPs of this host; switches the agent on and off in them", quorbit::add_setup},
+	{"doctor", "looks for what keeps reports from arriving, in the order in which things fail, and tries a request",
+		quorbit::add_doctor},
 	{"manual", "what the shell and man are told", quorbit::add_manual},
 };
 

@@ -27,6 +27,7 @@ CommandRun add_profile(CLI::App &command);
 CommandRun add_web(CLI::App &command);
 CommandRun add_names(CLI::App &command);
 CommandRun add_setup(CLI::App &command);
+CommandRun add_doctor(CLI::App &command);
 CommandRun add_manual(CLI::App &command);
 
 // An example of a command, and what it shows.

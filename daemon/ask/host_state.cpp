@@ -50,7 +50,7 @@ DaemonFacts daemon_facts(const DaemonConfig &config)
 	DaemonFacts daemon;
 	daemon.socket = config.socket_file;
 	daemon.log = config.log_file;
-	daemon.answers = daemon_answers(config);
+	daemon.answers = daemon.socket.size() <= longest_socket_path && daemon_answers(config);
 	daemon.process = running_daemon(config);
 	daemon.older = daemon.answers && daemon.process && runs_replaced_binary(daemon.process);
 	daemon.refusal = access_refusal(config);

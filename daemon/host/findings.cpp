@@ -82,6 +82,16 @@ void add(Findings &findings, const char *check, std::string what, std::string re
 	findings.push_back({check, std::move(what), std::move(remedy), std::move(processes)});
 }
 
+void socket_path(const HostFacts &facts, const char *check, Findings &findings)
+{
+	const std::string &socket = facts.daemon.socket;
+	if (socket.size() <= longest_socket_path) return;
+	add(findings, check,
+		"the socket's path has " + std::to_string(socket.size()) + " bytes, and the kernel takes " +
+			std::to_string(longest_socket_path) + " at most: no agent reaches a daemon there",
+		"set zqs.runtime_root to a shorter path, in php.ini and with --root");
+}
+
 void folder_missing(const HostFacts &facts, const char *check, Findings &findings)
 {
 	if (facts.folder.there) return;
@@ -236,6 +246,7 @@ struct Check {
 };
 
 constexpr Check checks[] = {
+	{"socket_path", socket_path},
 	{"folder_missing", folder_missing},
 	{"folder_closed", folder_closed},
 	{"folder_exposed", folder_exposed},

@@ -23,6 +23,9 @@ struct FolderFacts {
 	bool start_tried = false;        // an agent has written the daemon's configuration
 };
 
+// What the kernel takes as the path of a socket, in bytes (unix(7)).
+constexpr size_t longest_socket_path = 107;
+
 struct DaemonFacts {
 	std::string socket, log;
 	bool answers = false;

@@ -19,13 +19,13 @@ void read_line(const std::string &root, const std::string &line, int depth, std:
 {
 	static const std::regex header(R"re(\s*\[([^\]]+)\]\s*)re");
 	static const std::regex setting(
-		R"re(\s*php_(?:admin_)?(?:value|flag)\[(zqs\.[\w.]+)\]\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
+		R"re(\s*(?:php_(?:admin_)?(?:value|flag)\[(zqs\.[\w.]+)\]|(request_terminate_timeout))\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
 	static const std::regex include(R"re(\s*include\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
 	std::smatch found;
 	if (std::regex_match(line, found, header))
 		section = found[1];
 	else if (std::regex_match(line, found, setting))
-		pools[section][found[1]] = found[2];
+		pools[section][found[1].matched ? found[1] : found[2]] = found[3];
 	else if (std::regex_match(line, found, include))
 		read_pools(root, found[1], depth + 1, section, pools);
 }
@@ -49,7 +49,7 @@ void read_pools(const std::string &root, const std::string &pattern, int depth, 
 
 } // namespace
 
-Pools agent_settings_of_pools(const std::string &root, const std::string &file)
+Pools settings_of_pools(const std::string &root, const std::string &file)
 {
 	Pools pools;
 	std::string section;

@@ -1,4 +1,4 @@
-// What an FPM's configuration says about the agent, pool by pool.
+// What an FPM's configuration says that concerns the agent, pool by pool.
 #pragma once
 
 #include <map>
@@ -6,9 +6,10 @@
 
 namespace quorbit {
 
-// By pool, then by setting: the lines php_value[zqs.x], php_admin_value[zqs.x] and their flags. Files that it includes
-// are read as well, as far as they can be. Paths are looked up below `root`, the folder that FPM has as "/".
-std::map<std::string, std::map<std::string, std::string>> agent_settings_of_pools(
+// By pool, then by setting: the lines php_value[zqs.x], php_admin_value[zqs.x] and their flags, and
+// request_terminate_timeout. Files that it includes are read as well, as far as they can be. Paths are looked up below
+// `root`, the folder that FPM has as "/".
+std::map<std::string, std::map<std::string, std::string>> settings_of_pools(
 	const std::string &root, const std::string &file);
 
 } // namespace quorbit

@@ -104,7 +104,8 @@ bool loads_agent(const std::string &text)
 		std::string line = text.substr(at, end - at);
 		line.erase(0, line.find_first_not_of(" \t"));
 		line.erase(std::min(line.find(';'), line.size()));
-		if (line.starts_with("extension") && line.find('=') < line.find("zqprof.so")) return true;
+		const size_t module = line.find("zqprof.so");
+		if (line.starts_with("extension") && module != std::string::npos && line.find('=') < module) return true;
 		at = end + 1;
 	}
 	return false;

@@ -21,7 +21,6 @@ struct Found {
 	PhpProcess process;
 	std::string name;   // of the program
 	std::string engine; // the file that is PHP: the program, or the library that it has mapped
-	std::string config; // of an FPM master
 	std::vector<std::string> arguments;
 };
 
@@ -100,7 +99,7 @@ void tell_pool(Found &found)
 		process.server = PhpServer::fpm;
 		process.manages = !title.starts_with(pool);
 		if (!process.manages) process.pool = title.substr(pool.size());
-		if (title.starts_with(master)) found.config = title.substr(master.size(), title.rfind(')') - master.size());
+		if (title.starts_with(master)) process.config = title.substr(master.size(), title.rfind(')') - master.size());
 	} else if (found.name.find("cgi") != std::string::npos) {
 		process.server = PhpServer::cgi;
 		process.pool = option(found.arguments, "-b").value_or("");
@@ -185,7 +184,8 @@ void mark_switched_off(std::vector<Found> &all)
 {
 	std::map<int, std::map<std::string, std::map<std::string, std::string>>> pools; // by master
 	for (const Found &found : all) {
-		if (!found.config.empty()) pools[found.process.id] = agent_settings_of_pools(found.process.root, found.config);
+		const PhpProcess &process = found.process;
+		if (!process.config.empty()) pools[process.id] = settings_of_pools(process.root, process.config);
 	}
 	for (Found &found : all) {
 		PhpProcess &process = found.process;

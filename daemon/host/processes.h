@@ -31,6 +31,7 @@ struct PhpProcess {
 	int64_t cpu_ticks = 0;     // processor time, in ticks of the kernel (sysconf(_SC_CLK_TCK))
 	std::string executable;    // as far as it may be seen
 	std::string root;          // the folder that it has as "/": a path below the /proc tree
+	std::string config;        // of an FPM master: its configuration file, as it names it
 };
 
 // All of them, by number; processes that end meanwhile are left out. `proc` is "/proc", or a tree like it.

@@ -1,6 +1,7 @@
 """quorbit setup, from the packages' files in a staging folder, on three programs of one engine that share a folder of ini files."""
 import json
 import os
+import shutil
 import subprocess
 
 import pytest
@@ -16,6 +17,7 @@ class Host:
         self.root, self.scanned = root, root / "conf.d"
         self.ini, self.off = self.scanned / "quorbit.ini", self.scanned / "quorbit.ini.off"
         self.scanned.mkdir()
+        (self.scanned / "10-other.ini").write_text("extension_dir = /nowhere\n")
         (root / "bin").mkdir()
         for package in ("quorbit", "quorbit-php"):
             install_package(package, root)
@@ -97,7 +99,7 @@ def foreign_line(host):
 
 
 def missing_folder(host):
-    host.scanned.rmdir()
+    shutil.rmtree(host.scanned)
 
 
 @pytest.mark.parametrize("hinder, said", [

@@ -132,8 +132,9 @@ def test_the_overview_leads_to_the_line_that_runs_the_query_in_three_clicks(serv
     opened(page, server, "/overview", "tbody tr")
     clicks = [("a", "WebAction/shop/products", ".heat-cells a"), (".columns a", None, ".wf-row"), (".standsout .link", None, ".statement")]
     for selector, text, then in clicks:
-        found = [link for link in page.find_elements(By.CSS_SELECTOR, selector) if text in (None, link.text)]
-        found[0].click()
+        found = lambda: [link for link in page.find_elements(By.CSS_SELECTOR, selector) if text in (None, link.text)]
+        wait_until(found, f"{selector} to click")
+        found()[0].click()
         wait_until(lambda: texts(page, then), then)
     assert "at /app/shop.php:25" in texts(page, ".statement h2")[0] and "scans the table reviews" in texts(page, ".statement")[0]
 
