@@ -157,24 +157,26 @@ void xdebug(const Checkup &checkup, const char *check, Findings &findings)
 void terminated(const Checkup &checkup, const char *check, Findings &findings)
 {
 	for (const auto &[pool, timeout] : checkup.terminate_timeouts) {
-		add(findings, check,
-			"FPM pool " + pool + " ends requests after " + timeout +
-				" with a signal (request_terminate_timeout): of those no packet comes",
+		std::string what = "FPM pool ";
+		what.append(pool).append(" ends requests after ").append(timeout);
+		add(findings, check, what + " with a signal (request_terminate_timeout): of those no packet comes",
 			"set PHP's max_execution_time lower than that, which ends the script alone");
 	}
 }
 
 void conf_wrong(const Checkup &checkup, const char *check, Findings &findings)
 {
-	const std::string file = checkup.host.folder.path + "/applications.conf";
+	auto in_file = [&checkup] { return checkup.host.folder.path + "/applications.conf"; };
 	for (const std::string &problem : checkup.conf_problems)
-		add(findings, check, file + ", " + problem + ": it has no effect", "man 5 applications.conf");
+		add(findings, check, in_file().append(", ").append(problem).append(": it has no effect"),
+			"man 5 applications.conf");
 	for (const std::string &name : checkup.unused_sections)
-		add(findings, check, file + " has settings for \"" + name + "\", and no agent goes by that name",
+		add(findings, check,
+			in_file().append(" has settings for \"").append(name).append("\", and no agent goes by that name"),
 			"quorbit status lists the names that agents have: zqs.app_name in php.ini or in the pool");
 }
 
-// The account of FPM's pools sees no file outside of these.
+// A known reason for what FPM says; "" for none.
 std::string why_not_run(const PhpCheckup &one)
 {
 	const std::string &why = one.probe.trouble;
