@@ -17,7 +17,7 @@ using namespace zq_regex;
 namespace {
 
 constexpr unsigned MAX_STEPS = 1000000; /* in looking what may follow what: some 3 ms */
-constexpr size_t MAX_WORK = 21000000;   /* words of sets that are moved for one text: some 5 ms */
+constexpr size_t MAX_WORK = 12000000;   /* words of sets that are moved for one text: some 5 ms */
 
 /* ---- what may follow what ---- */
 

@@ -90,6 +90,12 @@ def test_scripts(site, script, head, tail, start):
         assert re.fullmatch(r"\{id:'34',n:'[^']*',tid:'[0-9a-f]+',q:0,a:\d+\};", page[len(before):-len(after)])
 
 
+def test_a_name_from_the_uri_cannot_end_the_script(site):
+    configure(site)
+    page = site.cgi(f"echo '{PAGE}';", "/a</script>'\\.php", differs=["body"]).body
+    assert rb"n:'WebAction/a\u003c/script\u003e\u0027\u005c.php'," in page and page.count(b"</script>") == 1
+
+
 @pytest.mark.parametrize("size", [0, 20_000, 400_000])
 @pytest.mark.parametrize("start", ["", "ob_start();"])
 def test_a_page_that_exhausted_its_memory_goes_out_with_a_script_of_any_size(site, start, size):
