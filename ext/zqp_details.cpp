@@ -52,14 +52,15 @@ void zq_details_end(TSRMLS_D)
 /* The slot that has the place, or the free one where it belongs. */
 static uint16_t *slot_of(const zq_details *details, const zq_place *place)
 {
-	uint64 hash =
-		((uint64)(uintptr_t)place->file ^ (uint64)(uintptr_t)place->source << 20 ^ (uint64)place->line << 44) *
+	uint64 hash = ((uint64)(uintptr_t)place->file ^ (uint64)(uintptr_t)place->source << 20 ^ (uint64)place->line << 44 ^
+					  (uint64)(uintptr_t)place->caller << 12 ^ (uint64)place->caller_line << 32) *
 		0x9E3779B97F4A7C15u;
 	for (unsigned at = (unsigned)(hash >> 40);; at++) {
 		uint16_t *slot = &details->slots[at & (details->slot_count - 1)];
 		const zq_place *other = &details->places[*slot];
 		if (*slot == ZQ_NO_PLACE ||
-			(other->file == place->file && other->line == place->line && other->source == place->source)) {
+			(other->file == place->file && other->line == place->line && other->source == place->source &&
+				other->caller == place->caller && other->caller_line == place->caller_line)) {
 			return slot;
 		}
 	}
@@ -95,14 +96,26 @@ unsigned zq_details_add_place(zq_details *details, const zq_place *place, const 
 	return *slot;
 }
 
+void zq_details_locate(zq_place *place, zend_execute_data *frame TSRMLS_DC)
+{
+	while (frame && !frame->op_array) {
+		frame = frame->prev_execute_data;
+	}
+	place->line = (uint)zq_calling_place(frame, &place->file TSRMLS_CC);
+	/* what is included has nobody who calls it */
+	const zend_execute_data *caller = frame && frame->op_array->function_name ? zq_calling_frame(frame) : NULL;
+	place->caller = caller ? caller->op_array->filename : NULL;
+	place->caller_line = caller ? caller->opline->lineno : 0;
+}
+
 unsigned zq_details_place(zq_details *details, zend_execute_data *frame, const void *kind, const void *source,
 	const char *(*vendor_of)(const void *)TSRMLS_DC)
 {
-	zq_place place = {NULL, source, NULL, 0};
-	place.line = (uint)zq_calling_place(frame, &place.file TSRMLS_CC);
+	zq_place place = {NULL, source};
+	zq_details_locate(&place, frame TSRMLS_CC);
 	unsigned number = zq_details_add_place(details, &place, vendor_of);
 	bool lasts = frame->op_array && frame->op_array->function_name && frame->opline->opcode != ZEND_HANDLE_EXCEPTION;
-	details->last = {frame->opline, lasts ? kind : NULL, source, number};
+	details->last = {frame->opline, lasts ? kind : NULL, source, place.caller, place.caller_line, number};
 	return number;
 }
 

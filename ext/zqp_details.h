@@ -5,12 +5,14 @@
 
 #include "zqp_helper.h"
 
-/* Where statements ran, and whose database it was. */
+/* Where statements ran, who called that code, and whose database it was. */
 typedef struct zq_place {
 	const char *file;   /* the op array's, so that one file has one pointer until request end; null: not known */
 	const void *source; /* what the vendor is known by: its static name, or PDO's driver */
 	const char *vendor; /* lives as long as the module that has it */
 	uint line;
+	uint caller_line;
+	const char *caller; /* the file of the frame that zq_calling_frame() finds; null: there is none */
 } zq_place;
 
 inline constexpr unsigned ZQ_MOST_PLACES = 4096, ZQ_NO_PLACE = 0xFFFF;
@@ -35,7 +37,9 @@ typedef struct zq_whole_text {
 typedef struct zq_last_call {
 	const zend_op *opline;
 	const void *kind;   /* what its recorder knows its kind by; null: there is no such call */
-	const void *source; /* as in its place */
+	const void *source; /* as in its place, and the next two */
+	const char *caller;
+	uint caller_line;
 	unsigned place;
 } zq_last_call;
 
@@ -59,19 +63,47 @@ typedef struct zq_details {
 void zq_details_begin(TSRMLS_D);
 void zq_details_end(TSRMLS_D);
 
-/* True when `frame` makes the same call of that kind as the last statement's, so that its place is `last.place` unless
- * its source is another. */
+/* Whoever uses the code that `frame` runs, which must be a function's: the first frame outward, of so many, that
+ * belongs to another class, or, of a function without a class, to another file. Database layers run every statement on
+ * one line, and this is the line that somebody can change. Code that includes the callee's file calls nothing. Null:
+ * none. */
+static inline const zend_execute_data *zq_calling_frame(const zend_execute_data *frame)
+{
+	const unsigned most_frames = 16;
+	const zend_class_entry *scope = frame->op_array->scope;
+	const char *file = frame->op_array->filename;
+	const zend_execute_data *at = frame->prev_execute_data;
+	for (unsigned level = 0; at && level < most_frames; at = at->prev_execute_data, level++) {
+		const zend_op_array *code = at->op_array; /* null: PHP's own function, which calls back */
+		if (code && (scope ? code->scope != scope : code->filename != file) && EXPECTED(at->opline != NULL) &&
+			at->opline->opcode != ZEND_INCLUDE_OR_EVAL) {
+			return at;
+		}
+	}
+	return NULL;
+}
+
+/* True when `frame` makes the same call of that kind as the last statement's, on behalf of the same caller, so that its
+ * place is `last.place` unless its source is another. */
 static inline bool zq_is_last_call(const zq_details *details, const zend_execute_data *frame, const void *kind)
 {
-	return EXPECTED(details->last.kind == kind) && EXPECTED(details->last.opline == frame->opline);
+	if (UNEXPECTED(details->last.kind != kind) || UNEXPECTED(details->last.opline != frame->opline)) {
+		return false;
+	}
+	const zend_execute_data *caller = zq_calling_frame(frame);
+	return caller
+		? caller->op_array->filename == details->last.caller && caller->opline->lineno == details->last.caller_line
+		: !details->last.caller;
 }
+/* Fills in file, line and caller of the code that makes the call of `frame`. */
+void zq_details_locate(zq_place *place, zend_execute_data *frame TSRMLS_DC);
 /* Number of the place that `frame` runs, new when it is the first time; ZQ_NO_PLACE when there are too many. `source`
  * is what the vendor is known by, and vendor_of() gives its name; null: it is the name. Remembers the call as the last
  * one if it can be, when `kind` is given. */
 unsigned zq_details_place(zq_details *details, zend_execute_data *frame, const void *kind, const void *source,
 	const char *(*vendor_of)(const void *)TSRMLS_DC);
 
-/* Number of a place by its file, line and source. */
+/* Number of a place by its file, line, caller and source. */
 unsigned zq_details_add_place(zq_details *details, const zq_place *place, const char *(*vendor_of)(const void *));
 
 /* Keeps a text that was cut: `number` and `field` as above. Up to 16,384 bytes of it, and 128 KiB together. */

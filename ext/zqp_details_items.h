@@ -28,6 +28,7 @@
 	OTHER(SCRIPT, 0x13)                 \
 	OTHER(PLACE, 0x20)                  \
 	OTHER(RUNS, 0x21)                   \
+	OTHER(CALLER, 0x22)                 \
 	OTHER(ERROR_CLASS, 0x30)            \
 	OTHER(ERROR_MESSAGE, 0x31)          \
 	OTHER(COMPONENT, 0x32)              \

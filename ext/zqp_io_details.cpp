@@ -160,6 +160,10 @@ void append_places(writer *to, const zq_details *details)
 		head[sizeof(line)] = (char)vendor_len;
 		memcpy(head + sizeof(line) + 1, vendor, vendor_len);
 		append_item(to, ZQ_ITEM_PLACE, head, sizeof(line) + 1 + vendor_len, file, strnlen(file, MOST_TEXT));
+		if (place->caller) {
+			line = place->caller_line;
+			append_item(to, ZQ_ITEM_CALLER, &line, sizeof(line), place->caller, strnlen(place->caller, MOST_TEXT));
+		}
 	}
 }
 

@@ -131,8 +131,8 @@ static void end_call(zend_execute_data *frame, uint64 begin_us, uint64 end_us TS
 	if (!callee.func || (!is_traced && !is_component && !is_statement)) {
 		return;
 	}
-	zq_place place = {NULL, sql.source, NULL, 0};
-	place.line = (uint)zq_calling_place(frame, &place.file TSRMLS_CC);
+	zq_place place = {NULL, sql.source};
+	zq_details_locate(&place, frame TSRMLS_CC);
 	bool has_place = elapsed_ms >= g->action_tracer_stack_trace_threshold;
 	zq_ended_call *call =
 		note(callee.scope ? callee.scope->name : NULL, callee.func, has_place ? place.file : NULL, sql.text);

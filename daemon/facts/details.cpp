@@ -16,8 +16,8 @@ namespace {
 // No sum of such figures leaves 64 bits, whatever a packet says.
 constexpr int64_t most = int64_t{1} << 48;
 
-struct Place {
-	std::string vendor, place;
+struct VendorPlace {
+	std::string vendor, place, caller;
 };
 
 // Takes the number of that many bytes off the front of `body`, in the host's order; 0 if the body is too short.
@@ -40,17 +40,30 @@ int64_t figure(std::string_view body)
 	return value > static_cast<uint64_t>(most) ? 0 : static_cast<int64_t>(value);
 }
 
-Place read_place(std::string_view body)
+std::string file_and_number(std::string_view file, uint32_t line)
+{
+	std::string text = text_of_bytes(file);
+	return text.empty() ? text : text + ":" + std::to_string(line);
+}
+
+VendorPlace read_place(std::string_view body)
 {
 	uint32_t line = take<uint32_t>(body);
 	size_t length = take<uint8_t>(body);
 	std::string_view vendor = body.substr(0, length);
 	body.remove_prefix(vendor.size());
-	std::string file = text_of_bytes(body);
-	return {std::string(vendor), file.empty() ? file : file + ":" + std::to_string(line)};
+	return {std::string(vendor), file_and_number(body, line), {}};
 }
 
-void place_statements(std::string_view runs, const std::vector<Place> &places, std::vector<SqlStatement> &statements)
+// Of the last place that was read.
+void read_caller(std::string_view body, std::vector<VendorPlace> &places)
+{
+	uint32_t line = take<uint32_t>(body);
+	if (!places.empty()) places.back().caller = file_and_number(body, line);
+}
+
+void place_statements(
+	std::string_view runs, const std::vector<VendorPlace> &places, std::vector<SqlStatement> &statements)
 {
 	auto statement = statements.begin();
 	while (runs.size() >= 4) {
@@ -59,6 +72,7 @@ void place_statements(std::string_view runs, const std::vector<Place> &places, s
 			if (number >= places.size()) continue;
 			if (!places[number].vendor.empty()) statement->vendor = places[number].vendor;
 			statement->place = places[number].place;
+			statement->caller = places[number].caller;
 		}
 	}
 }
@@ -131,7 +145,7 @@ bool read_details(std::string_view body, Action &action)
 	auto items = read_records(body);
 	if (!items) return false;
 	ExactFigures &figures = action.exact.emplace();
-	std::vector<Place> places;
+	std::vector<VendorPlace> places;
 	std::string_view runs;
 	WholeFrames frames;
 	for (const Record &item : *items) {
@@ -141,6 +155,8 @@ bool read_details(std::string_view body, Action &action)
 			*text = text_of_bytes(item.body);
 		else if (item.type == ZQ_ITEM_PLACE)
 			places.push_back(read_place(item.body));
+		else if (item.type == ZQ_ITEM_CALLER)
+			read_caller(item.body, places);
 		else if (item.type == ZQ_ITEM_RUNS)
 			runs = item.body;
 		else if (item.type >= ZQ_ITEM_COMPONENT && item.type <= ZQ_ITEM_FRAME)

@@ -1,6 +1,8 @@
 // Deriving keys from a decoded action.
 #include "facts/keys.h"
 
+#include "facts/path_text.h"
+#include "facts/places.h"
 #include "facts/plan.h"
 #include "facts/sql_text.h"
 #include "facts/trace.h"
@@ -23,41 +25,12 @@ bool is_digit(char byte)
 	return byte >= '0' && byte <= '9';
 }
 
-bool is_hex(char byte)
-{
-	return is_digit(byte) || (byte >= 'a' && byte <= 'f') || (byte >= 'A' && byte <= 'F');
-}
-
 // At most that many bytes, without half a character at the end.
 std::string start_of(std::string_view text, size_t most)
 {
 	if (text.size() <= most) return std::string(text);
 	while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xC0) == 0x80) most--;
 	return std::string(text.substr(0, most));
-}
-
-// "/item/*" of "/item/2031": a segment that is nothing but a long hexadecimal number becomes one "*", too.
-std::string mask_path(std::string_view path)
-{
-	constexpr size_t long_number = 16;
-	std::string masked;
-	while (!path.empty()) {
-		size_t slash = path.find('/', 1);
-		std::string_view segment = path.substr(0, slash);
-		path.remove_prefix(segment.size());
-		auto is_number = [](char byte) { return is_hex(byte) || byte == '-'; };
-		if (segment.size() > long_number && std::all_of(segment.begin() + 1, segment.end(), is_number)) {
-			masked += "/*";
-			continue;
-		}
-		for (char byte : segment) {
-			if (!is_digit(byte))
-				masked += byte;
-			else if (!masked.ends_with('*'))
-				masked += '*';
-		}
-	}
-	return masked;
 }
 
 // "http://stock/item/* (curl_exec)" of "http:%2F%2Fstock%2Fitem%2F*/curl_exec".
@@ -87,6 +60,23 @@ public:
 private:
 	int64_t each_us_;
 };
+
+// What an exception that nobody caught said, and where it was thrown: "Uncaught exception 'Oops' with message 'no
+// stock' in /cart.php:4\nStack trace: ..." by PHP's words. Of any other message the message itself.
+struct Thrown {
+	std::string_view message, place;
+};
+
+Thrown thrown_by(std::string_view message)
+{
+	constexpr std::string_view with = "' with message '", in = "' in ";
+	const std::string_view first = message.substr(0, message.find("\nStack trace:"));
+	const size_t begin = first.find(with), end = first.rfind(in);
+	if (!first.starts_with("Uncaught exception '") || begin == std::string_view::npos ||
+		end == std::string_view::npos || end < begin + with.size())
+		return {message, {}};
+	return {first.substr(begin + with.size(), end - begin - with.size()), first.substr(end + in.size())};
+}
 
 class Keys {
 public:
@@ -154,6 +144,7 @@ private:
 		int64_t cut_ms = 0;
 		for (const SqlStatement &sql : action_.statements) cut_ms += sql.duration_ms;
 		const Remainder remainder(action_.database_us(), cut_ms, action_.statement_count());
+		std::map<size_t, Places> places; // by the key's number in found_
 		for (const SqlStatement &sql : action_.statements) {
 			const std::string &kind = kind_of(sql);
 			KeySums &key = at(KeyKind::query, kind);
@@ -161,10 +152,13 @@ private:
 			if (key.sums.count == 0) describe(key.facts, sql, kind);
 			add(key.sums, us);
 			key.sums.statements++;
-			const bool slowest = us > key.sums.slowest_us || key.facts.place.empty();
 			key.sums.slowest_us = std::max(key.sums.slowest_us, us);
-			if (slowest) place(key.facts, sql);
+			places[static_cast<size_t>(&key - found_.data())].add(sql, us);
 			if (!sql.plan.empty()) judge(key.facts, sql, kind);
+		}
+		for (const auto &[number, ran] : places) {
+			found_[number].facts.place = start_of(ran.most().at, most_place);
+			found_[number].facts.caller = start_of(ran.most().caller, most_place);
 		}
 	}
 
@@ -184,12 +178,6 @@ private:
 		facts.table = start_of(subject.table, 128);
 	}
 
-	static void place(KeyFacts &facts, const SqlStatement &sql)
-	{
-		std::string place = sql.place.empty() ? innermost_place(sql.stack) : sql.place;
-		if (!place.empty()) facts.place = start_of(place, most_place);
-	}
-
 	static void judge(KeyFacts &facts, const SqlStatement &sql, const std::string &kind)
 	{
 		if (!facts.finding.empty()) return;
@@ -205,8 +193,10 @@ private:
 		if (!action_.error) return;
 		KeyFacts facts;
 		facts.error_class = start_of(action_.error->cls, 200);
-		facts.message = mask_message(start_of(action_.error->message, most_message));
-		facts.place = start_of(innermost_place(action_.error->stack), most_place);
+		const Thrown thrown = thrown_by(action_.error->message);
+		facts.message = mask_message(start_of(thrown.message, most_message));
+		facts.place = innermost_place(action_.error->stack);
+		facts.place = start_of(facts.place.empty() ? thrown.place : facts.place, most_place);
 		KeySums &key = at(KeyKind::error,
 			facts.error_class + ": " + facts.message + (facts.place.empty() ? "" : " at " + facts.place));
 		facts.application = key.facts.application;

@@ -18,9 +18,10 @@ struct KeyFacts {
 	// The action's name; the path with * for digits; the statement without its values; "class: message at file:line";
 	// the outgoing call; "Redis get"; the component.
 	std::string name;
-	// Of queries, as far as known. place, finding and suggestion also change while the name stays.
+	// Of queries, as far as known. place, caller, finding and suggestion also change while the name stays.
 	std::string vendor = {}, table = {}, verb = {}; // "SELECT"
 	std::string place = {};                         // "file:line" that ran it; of errors where it was raised
+	std::string caller = {};                        // "file:line" that called that, from another class or file
 	std::string finding = {}, suggestion = {};      // of its last plan that proved something
 	int64_t finding_ms = 0;                         // when that came, to the minute
 	// Of errors.

@@ -10,9 +10,10 @@ struct SqlStatement {
 	int64_t duration_ms = 0;
 	std::string vendor;
 	std::string statement;
-	std::string stack;      // JSON list of frames, or ""
-	std::string plan;       // JSON object, or ""
-	std::string place = {}; // "file:line" that ran it, or ""
+	std::string stack;       // JSON list of frames, or ""
+	std::string plan;        // JSON object, or ""
+	std::string place = {};  // "file:line" that ran it, or ""
+	std::string caller = {}; // "file:line" that called that code, of another class or file; or ""
 };
 
 struct CacheCall {

@@ -7,10 +7,9 @@
 #include "print/page.h"
 #include "store/profile_orders.h"
 #include "store/reader.h"
+#include "facts/places.h"
 #include "facts/profile_calls.h"
 #include "facts/trace.h"
-
-#include <set>
 
 namespace quorbit {
 
@@ -72,12 +71,8 @@ struct StatementGroup {
 	std::string kind; // the statement without its values
 	int64_t count = 0, total_ms = 0;
 	SqlStatement slowest;
-	std::string stack, plan;      // of the slowest that has one
-	std::set<std::string> places; // "file:line" of each that ran it, as far as known
-	std::string first_place;      // of them the one that ran it first
-
-	// Where the slowest with a stack was run, else where it ran first; "" when neither came.
-	std::string place() const;
+	std::string stack, plan; // of the slowest that has one
+	Places places;
 };
 // Groups, those with most time first.
 std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &statements);

@@ -47,7 +47,8 @@ Json statements_json(const Action &action)
 	Json list = Json::array();
 	for (const SqlStatement &sql : action.statements) {
 		list.push_back({{"duration_ms", sql.duration_ms}, {"vendor", sql.vendor}, {"statement", sql.statement},
-			{"place", sql.place}, {"stack", embedded(sql.stack)}, {"plan", embedded(sql.plan)}});
+			{"place", sql.place}, {"caller", sql.caller}, {"stack", embedded(sql.stack)},
+			{"plan", embedded(sql.plan)}});
 	}
 	return list;
 }
@@ -123,10 +124,13 @@ Json group_json(const StatementGroup &group)
 	const Json plan = embedded(group.plan);
 	const std::string finding = plan.is_object() ? plan_finding(plan) : "";
 	const std::string suggestion = finding.empty() ? "" : plan_suggestion(plan, group.slowest.statement, group.kind);
+	Json places = Json::array();
+	for (const auto &[place, us] : group.places.times())
+		places.push_back({{"place", place.at}, {"caller", place.caller}});
 	return {{"kind", group.kind}, {"vendor", group.slowest.vendor}, {"count", group.count},
 		{"total_ms", group.total_ms}, {"slowest_ms", group.slowest.duration_ms}, {"slowest", group.slowest.statement},
-		{"place", group.place()}, {"places", group.places}, {"stack", embedded(group.stack)}, {"plan", plan},
-		{"finding", finding.empty() ? Json() : Json(finding)},
+		{"place", group.places.most().at}, {"caller", group.places.most().caller}, {"places", places},
+		{"stack", embedded(group.stack)}, {"plan", plan}, {"finding", finding.empty() ? Json() : Json(finding)},
 		{"suggestion", suggestion.empty() ? Json() : Json(suggestion)}};
 }
 

@@ -32,10 +32,10 @@ void print_group(const StatementGroup &group, Page &page)
 	if (group.count > 1 && group.total_ms == 0) times = std::to_string(group.count) + " times, each under 1 ms";
 	page.entry(slowest.vendor.empty() ? "statement" : slowest.vendor, times);
 	page.entry("", group.count > 1 ? group.kind : slowest.statement);
-	if (std::string place = group.place(); !place.empty()) {
-		size_t others = group.places.size() - 1;
-		page.entry("run at",
-			place + (others ? " and " + std::to_string(others) + (others == 1 ? " other line" : " other lines") : ""));
+	if (size_t places = group.places.size()) {
+		std::string others = places == 1 ? "" : ", and " + std::to_string(places - 1) + " other ";
+		if (places > 1) others += places == 2 ? "place" : "places";
+		page.entry("run at", group.places.most().text() + others);
 	}
 	if (group.count > 1 && slowest.statement != group.kind) page.entry("slowest", slowest.statement);
 	page.stack(group.stack);
@@ -47,7 +47,7 @@ void print_what_is_missing(const std::vector<StatementGroup> &groups, Page &page
 {
 	auto has_stack = [](const StatementGroup &group) { return !group.stack.empty(); };
 	auto has_plan = [](const StatementGroup &group) { return !group.plan.empty(); };
-	auto has_line = [](const StatementGroup &group) { return !group.place().empty(); };
+	auto has_line = [](const StatementGroup &group) { return group.places.size() > 0; };
 	const char *title = std::any_of(groups.begin(), groups.end(), has_line) ? "no plans" : "no lines";
 	if (!traced) return page.entry(title, "statements have their stacks and plans only in actions with a trace");
 	if (std::none_of(groups.begin(), groups.end(), has_stack)) {
@@ -72,12 +72,6 @@ std::vector<StatementGroup> ungrouped(const std::vector<SqlStatement> &statement
 
 } // namespace
 
-std::string StatementGroup::place() const
-{
-	std::string of_stack = innermost_place(stack);
-	return of_stack.empty() ? first_place : of_stack;
-}
-
 std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &statements)
 {
 	std::map<std::pair<std::string, std::string>, size_t> indexes;
@@ -85,7 +79,7 @@ std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &st
 	for (const SqlStatement &sql : statements) {
 		std::string kind = normalise_sql(sql.statement, sql.vendor);
 		auto [index, is_new] = indexes.try_emplace({sql.vendor, kind}, groups.size());
-		if (is_new) groups.push_back({kind, 0, 0, sql, {}, {}, {}, {}});
+		if (is_new) groups.push_back({kind, 0, 0, sql, {}, {}, {}});
 		StatementGroup &group = groups[index->second];
 		bool slowest = is_new || sql.duration_ms > group.slowest.duration_ms;
 		if (slowest) group.slowest = sql;
@@ -93,9 +87,7 @@ std::vector<StatementGroup> group_statements(const std::vector<SqlStatement> &st
 		group.total_ms += sql.duration_ms;
 		if (!sql.stack.empty() && (slowest || group.stack.empty())) group.stack = sql.stack;
 		if (!sql.plan.empty() && (slowest || group.plan.empty())) group.plan = sql.plan;
-		std::string place = sql.place.empty() ? innermost_place(sql.stack) : sql.place;
-		if (group.first_place.empty()) group.first_place = place;
-		if (!place.empty()) group.places.insert(place);
+		group.places.add(sql, sql.duration_ms * 1000);
 	}
 	std::stable_sort(groups.begin(), groups.end(),
 		[](const auto &a, const auto &b) { return std::pair(a.total_ms, a.count) > std::pair(b.total_ms, b.count); });

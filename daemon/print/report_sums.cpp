@@ -153,7 +153,7 @@ void print_query(const SumRow &row, const SumList &list, bool bars, Page &page)
 		}
 		page.entry("run", text);
 	}
-	if (!row.key.place.empty()) page.entry("run at", row.key.place);
+	if (!row.key.place.empty()) page.entry("run at", Place{row.key.place, row.key.caller}.text());
 	if (!row.key.finding.empty()) page.entry("finding", row.key.finding);
 	if (!row.key.suggestion.empty()) page.entry("try", row.key.suggestion);
 	page.out += "\n";

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/json_text.h"
+#include "facts/places.h"
 #include "store/comparison.h"
 #include "store/reader.h"
 

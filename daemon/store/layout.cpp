@@ -121,6 +121,7 @@ INSERT INTO counter VALUES ('sum_key', 0), ('sum_bytes', 0);
 
 // A number of the store's own, by which its readers know it from the one that was there before. A double holds it.
 constexpr const char *identity = "INSERT INTO counter VALUES ('identity', random() & 0xffffffffffff)";
+constexpr const char *callers_of_queries = "ALTER TABLE sum_key ADD COLUMN caller TEXT NOT NULL DEFAULT ''";
 
 constexpr Migration list[] = {
 	{1, first_layout},
@@ -130,6 +131,7 @@ constexpr Migration list[] = {
 	{5, account_of_sender},
 	{6, sums_of_keys},
 	{7, identity},
+	{8, callers_of_queries},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

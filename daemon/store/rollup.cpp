@@ -30,10 +30,10 @@ constexpr const char *write_sql[] = {
 
 constexpr const char *insert_key_sql = R"sql(
 INSERT INTO sum_key (id, kind, application, name, vendor, subject, verb, place, finding, suggestion, finding_ms, error_class, message,
-  first_ms, last_ms) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?14))sql";
+  first_ms, last_ms, caller) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?14, ?15))sql";
 
 constexpr const char *describe_key_sql = R"sql(
-UPDATE sum_key SET place = iif(?2 = '', place, ?2), finding = iif(?3 = '', finding, ?3), suggestion = iif(?3 = '', suggestion, ?4),
+UPDATE sum_key SET place = iif(?2 = '', place, ?2), caller = iif(?2 = '', caller, ?6), finding = iif(?3 = '', finding, ?3), suggestion = iif(?3 = '', suggestion, ?4),
   finding_ms = iif(?3 = '', finding_ms, ?5) WHERE id = ?1)sql";
 
 std::string known_key(KeyKind kind, const std::string &application, const std::string &name)
@@ -166,7 +166,8 @@ Rollup::Known &Rollup::make(const KeySums &key, int64_t minute)
 		.bind(4, facts.name);
 	insert_key_.bind(5, facts.vendor).bind(6, facts.table).bind(7, facts.verb).bind(8, facts.place);
 	insert_key_.bind(9, facts.finding).bind(10, facts.suggestion).bind(11, facts.finding.empty() ? 0 : at_ms);
-	insert_key_.bind(12, facts.error_class).bind(13, facts.message).bind(14, at_ms).run();
+	insert_key_.bind(12, facts.error_class).bind(13, facts.message).bind(14, at_ms);
+	insert_key_.bind(15, facts.caller).run();
 	if (known_.size() >= most_known) known_.clear();
 	return known_.insert_or_assign(known_key(key.kind, facts.application, facts.name), known).first->second;
 }
@@ -208,7 +209,7 @@ void Rollup::describe(Known &known, const KeyFacts &facts, int64_t minute)
 	if (known.described_minute >= minute || (facts.finding.empty() && facts.place.empty())) return;
 	known.described_minute = minute;
 	describe_key_.bind(1, known.id).bind(2, facts.place).bind(3, facts.finding).bind(4, facts.suggestion);
-	describe_key_.bind(5, minute * minute_ms).run();
+	describe_key_.bind(5, minute * minute_ms).bind(6, facts.caller).run();
 }
 
 int64_t &Rollup::minute_keys(KeyKind kind, int64_t minute)

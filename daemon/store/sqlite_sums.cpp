@@ -105,7 +105,7 @@ private:
 
 constexpr const char *key_columns =
 	"id, application, name, vendor, subject, verb, place, finding, suggestion, finding_ms, "
-	"error_class, message, first_ms, last_ms";
+	"error_class, message, first_ms, last_ms, caller";
 
 KeyFacts facts_of(Statement &select)
 {
@@ -121,6 +121,7 @@ KeyFacts facts_of(Statement &select)
 	facts.message = select.text(11);
 	facts.first_ms = select.integer(12);
 	facts.last_ms = select.integer(13);
+	facts.caller = select.text(14);
 	return facts;
 }
 

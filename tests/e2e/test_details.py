@@ -127,3 +127,34 @@ foreach (array("  \\n", " \\n\\n", "\\n\\n\\n") as $lines) eval($lines . '$db->q
     ran_at = [(vendor, line) for vendor, _, line in site.cgi(script, twin=False).metric.more["ran_at"]]
     called = [("SQLite", 1), ("SQLite", 2), ("MySQL", 1), ("MySQL", 2), ("SQLite", 1), ("SQLite", 2)]
     assert ran_at == called + [("SQLite", 1), ("SQLite", 1), ("MySQL", 1), ("SQLite", 2), ("SQLite", 3), ("SQLite", 4)]
+
+
+LAYER = """<?php
+class Db { function __construct($pdo) { $this->pdo = $pdo; }
+  function query($sql) { return $this->pdo->query($sql); }
+  function row($sql) { return $this->query($sql)->fetch(); } }
+function ask($sql) { global $db; return $db->pdo->query($sql); }
+function one($sql) { return ask($sql); }
+function deep($levels) { return $levels ? deep($levels - 1) : ask('SELECT 1'); }"""
+
+
+def test_each_statement_names_who_called_the_code_that_runs_it(site):
+    """The first of another class or, without classes, of another file; a database layer runs all of them on one line."""
+    site.daemon.configure(ASKED)
+    (site.docroot / "layer.php").write_text(LAYER)
+    (site.docroot / "page.php").write_text("<?php\n$db->row('SELECT 1');\n$db->pdo->query('SELECT 1');")
+    script = """require 'layer.php'; class Model {
+  static function find($db) { return $db->row('SELECT 1'); } }
+function title() { return one('SELECT 1'); }
+$db = new Db(new PDO('sqlite::memory:'));
+for ($i = 0; $i < 3; $i++) { $db->query('SELECT 1');
+  $db->row('SELECT 1'); }
+Model::find($db);
+title(); array_map('one', array('SELECT 1'));
+deep(12); deep(20);
+include 'page.php'; $db->row('SELECT 1');"""
+    more = site.cgi(script, twin=False).metric.more
+    layer, index, page = (str(site.docroot / name) for name in ("layer.php", "index.php", "page.php"))
+    assert [(file, line) for _, file, line in more["ran_at"]] == [(layer, 3)] * 7 + [(layer, 5)] * 4 + [(layer, 3), (page, 3), (layer, 3)]
+    assert more["called_from"] == [(index, 5), (index, 6)] * 3 + [(index, 2), (index, 3), (index, 8), (index, 9), None, (page, 2), None,
+                                                                   (index, 10)]

@@ -28,9 +28,9 @@ TEXTS = {APP: "app", KEY: "license", 0x12: "action", 0x21: "uri", 0x20: "transac
 DETAILS = {0x01: ("duration_us", "Q"), 0x02: ("db_us", "Q"), 0x03: ("nosql_us", "Q"), 0x04: ("calls_us", "Q"), 0x05: ("waited_us", "Q"),
            0x06: ("statements", "Q"), 0x07: ("operations", "Q"), 0x08: ("calls", "Q"), 0x09: ("user_us", "Q"), 0x0A: ("system_us", "Q"),
            0x0B: ("peak_memory", "Q"), 0x0C: ("output", "Q"), 0x0D: ("exit_status", "Q"), 0x10: ("path", ""), 0x11: ("method", ""),
-           0x12: ("host", ""), 0x13: ("script", ""), 0x20: ("places", "place"), 0x21: ("runs", "runs"), 0x30: ("error_class", ""),
-           0x31: ("error_message", ""), 0x32: ("components", "I"), 0x33: ("trace_texts", "IB"), 0x34: ("call_messages", "I"),
-           0x35: ("frames", "IB")}
+           0x12: ("host", ""), 0x13: ("script", ""), 0x20: ("places", "place"), 0x21: ("runs", "runs"), 0x22: ("callers", "caller"),
+           0x30: ("error_class", ""), 0x31: ("error_message", ""), 0x32: ("components", "I"), 0x33: ("trace_texts", "IB"),
+           0x34: ("call_messages", "I"), 0x35: ("frames", "IB")}
 
 
 class WireError(Exception):
@@ -216,8 +216,9 @@ def check_node(node):
 
 
 def details_record(body):
-    """The items by name; texts are bytes. "ran_at" has the place (vendor, file, line) of each statement."""
-    found = {"places": [], "runs": [], "components": {}, "trace_texts": {}, "call_messages": {}, "frames": {}}
+    """The items by name; texts are bytes. "ran_at" has the place (vendor, file, line) of each statement, "called_from" the file and
+    line that called it."""
+    found = {"places": [], "runs": [], "callers": {}, "components": {}, "trace_texts": {}, "call_messages": {}, "frames": {}}
     for kind, part in split(body):
         name, form = DETAILS[kind]
         if form == "":
@@ -227,6 +228,10 @@ def details_record(body):
         elif form == "place":
             line, size = struct.unpack_from("<IB", part)
             found[name].append((text(part[5:5 + size]), text(part[5 + size:]), line))
+        elif form == "caller":
+            if not found["places"] or len(found["places"]) - 1 in found[name]:
+                raise WireError("a caller of no place")
+            found[name][len(found["places"]) - 1] = (text(part[4:]), *struct.unpack_from("<I", part))
         elif form == "runs":
             found[name] = list(struct.iter_unpack("<HH", part))
         else:
@@ -235,6 +240,7 @@ def details_record(body):
             found[name][key if len(key) > 1 else key[0]] = part[size:]
     if len(body) > 256 << 10 or any(place >= len(found["places"]) and place != 0xFFFF for _, place in found["runs"]):
         raise WireError(f"details of {len(body)} bytes, {found['runs']} of {len(found['places'])} places")
+    found["called_from"] = [found["callers"].get(place) for count, place in found["runs"] for _ in range(count)]
     found["ran_at"] = [found["places"][place] if place != 0xFFFF else None for count, place in found["runs"] for _ in range(count)]
     return found
 

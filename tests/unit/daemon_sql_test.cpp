@@ -33,7 +33,7 @@ TEST(SqlGroups, AreStatementsThatDifferInValuesOnly) {
   EXPECT_EQ(groups[1].count, 3);
   EXPECT_EQ(groups[1].total_ms, 21);
   EXPECT_EQ(groups[1].slowest.statement, "SELECT a FROM t1 WHERE id = 2");
-  EXPECT_EQ(groups[1].place(), "/a b.php:12") << "the line of the slowest";
+  EXPECT_EQ(groups[1].places.most().at, "/b.php:3") << "the line that took most";
   EXPECT_EQ(groups[1].plan, "{}") << "the plan of the slowest";
   EXPECT_EQ(groups[2].slowest.vendor, "SQLite");
 }

@@ -11,6 +11,9 @@ export function duration(us) {
 
 export const milliseconds = ms => `${numbers.format(ms)} ms`;
 
+// Where a statement was run, and from where that code was called.
+export const placeText = ({ place, caller }) => (caller ? `${place}, called from ${caller}` : place);
+
 export const share = (part, whole) => (whole > 0 ? `${Math.round(100 * part / whole)}%` : '–');
 
 const clock = new Intl.DateTimeFormat(undefined, { hour: '2-digit', minute: '2-digit', second: '2-digit' });

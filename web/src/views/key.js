@@ -1,7 +1,7 @@
 // One action, query, error or call over time: its figures, what belongs to it, and examples.
 import { HeatMap } from '../charts/heatmap.js';
 import { useQuestion } from '../data.js';
-import { actionName, count, duration, share, time } from '../format.js';
+import { actionName, count, duration, placeText, share, time } from '../format.js';
 import { html } from '../html.js';
 import { LayerBar, LayerLegend } from '../parts/layers.js';
 import { OverTime } from '../parts/overtime.js';
@@ -24,7 +24,7 @@ const exactly = text => text.replace(/[*?[\]]/g, character => `[${character}]`);
 
 function Facts({ row }) {
   const facts = [['Application', row.application], ['Count', count(row.count)], ['Time', duration(row.total_us)], ['Average', duration(row.average_us)], ['Median', duration(row.p50_us)], ['p95', duration(row.p95_us)], ['p99', duration(row.p99_us)],
-    ['Errors', `${count(row.errors)} (${share(row.errors, row.count)})`], ['At', row.place], ['First seen', row.first_seen && time(row.first_seen)], ['Last seen', row.last_seen && time(row.last_seen)]];
+    ['Errors', `${count(row.errors)} (${share(row.errors, row.count)})`], ['At', row.place && placeText(row)], ['First seen', row.first_seen && time(row.first_seen)], ['Last seen', row.last_seen && time(row.last_seen)]];
   return html`<dl class="facts">${facts.filter(([, value]) => value).map(([name, value]) => html`<div key=${name}><dt>${name}</dt><dd>${value}</dd></div>`)}</dl>`;
 }
 

@@ -4,7 +4,7 @@ import { apiUrl, get } from '../api.js';
 import { Flame } from '../charts/flame.js';
 import { runLabel, Waterfall } from '../charts/waterfall.js';
 import { useQuestion } from '../data.js';
-import { actionName, count, duration, fullTime, milliseconds, share } from '../format.js';
+import { actionName, count, duration, fullTime, milliseconds, placeText, share } from '../format.js';
 import { html } from '../html.js';
 import { layerName } from '../layers.js';
 import { Copy, Download } from '../parts/copy.js';
@@ -78,7 +78,7 @@ function StandsOut({ request, groups, onStatements }) {
   return html`<section class="standsout" aria-label="What stands out"><h2>What stands out</h2>
     <ul>${told.map((group, at) => html`<li key=${at}>
       <b>${group.count > 1 ? `× ${count(group.count)}, ` : ''}${milliseconds(group.total_ms)}</b> (${share(group.total_ms * 1000, durationOf(request))} of the time)
-      ${group.place && html` at <b>${group.place}</b>`}: <button class="link" onClick=${onStatements}><code>${group.kind}</code></button>
+      ${group.place && html` at <b>${placeText(group)}</b>`}: <button class="link" onClick=${onStatements}><code>${group.kind}</code></button>
       ${group.finding && html`<div class="finding"><b>Finding</b> ${group.finding}</div>`}
       ${group.suggestion && html`<div class="finding"><b>Suggestion</b> <code>${group.suggestion}</code></div>`}</li>`)}
     </ul></section>`;
@@ -87,7 +87,7 @@ function StandsOut({ request, groups, onStatements }) {
 function Statements({ groups }) {
   if (!groups.length) return html`<p class="state">This request ran no statement that was sent.</p>`;
   return groups.map((group, at) => html`<article key=${at} class="statement">
-    <h2>${group.count > 1 ? `× ${count(group.count)}, ${milliseconds(group.total_ms)} together, slowest ${milliseconds(group.slowest_ms)}` : milliseconds(group.total_ms)} <span class="dim">${group.vendor}${group.place && ` at ${group.place}`}</span></h2>
+    <h2>${group.count > 1 ? `× ${count(group.count)}, ${milliseconds(group.total_ms)} together, slowest ${milliseconds(group.slowest_ms)}` : milliseconds(group.total_ms)} <span class="dim">${group.vendor}${group.place && ` at ${placeText(group)}`}</span></h2>
     <${Sql} text=${group.count > 1 ? group.kind : group.slowest} />
     <p><${Copy} text=${() => group.slowest}>Copy the statement<//></p>
     <${Plan} plan=${group.plan} finding=${group.finding} />

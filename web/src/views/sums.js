@@ -1,6 +1,6 @@
 // Lists of what spans requests: queries, errors, calls; each leads to the one key.
 import { useQuestion } from '../data.js';
-import { count, duration, share, time } from '../format.js';
+import { count, duration, placeText, share, time } from '../format.js';
 import { html } from '../html.js';
 import { rangeOf, SumRange } from '../parts/range.js';
 import { Scroll } from '../parts/scroll.js';
@@ -14,7 +14,7 @@ const number = (title, of, wide) => ({ title, of, wide, number: true });
 const trend = { title: 'Trend', of: row => html`<${Sparkline} trend=${row.trend} />`, wide: true };
 const common = [number('Time', row => duration(row.total_us)), number('Count', row => count(row.count)), number('Average', row => duration(row.average_us), true), number('p95', row => duration(row.p95_us), true)];
 
-const Finding = ({ row }) => html`${row.place && html`<div class="dim">at ${row.place}</div>`}
+const Finding = ({ row }) => html`${row.place && html`<div class="dim">at ${placeText(row)}</div>`}
   ${row.finding && html`<div class="finding"><b>Finding</b> ${row.finding}</div>`}${row.suggestion && html`<div class="finding"><b>Suggestion</b> <code>${row.suggestion}</code></div>`}`;
 
 // One list for each kind: what the name leads to, the columns beside it, and what to say when there is none.
