@@ -81,7 +81,7 @@ void print_related(SumKey key, const SumAnswer &answer, Page &page)
 
 const char *word_of(ChangeKind kind)
 {
-	constexpr const char *words[] = {"appeared", "vanished", "slower", "faster"};
+	constexpr const char *words[] = {"appeared", "more often", "slower", "faster", "less often", "vanished"};
 	return words[static_cast<size_t>(kind)];
 }
 
@@ -120,7 +120,9 @@ std::string key_text(const KeyReport &report, size_t width, int64_t now_wall_ms)
 	page.entry("took", figures_text(sums));
 	if (std::string layers = layers_text(sums); !layers.empty()) page.entry("spent in", layers);
 	page.entry("seen", "first " + ago(facts.first_ms, now_wall_ms) + ", last " + ago(facts.last_ms, now_wall_ms));
-	if (!facts.place.empty()) page.entry(report.key == SumKey::error ? "raised at" : "run at", facts.place);
+	if (!facts.place.empty()) {
+		page.entry(report.key == SumKey::error ? "raised at" : "run at", Place{facts.place, facts.caller}.text());
+	}
 	if (!facts.finding.empty()) page.entry("finding", facts.finding);
 	if (!facts.suggestion.empty()) page.entry("try", facts.suggestion);
 	if (sums.slowest_id) page.entry("examples", examples_text(sums));
@@ -147,11 +149,10 @@ std::string comparison_text(const Comparison &comparison, size_t width)
 						  {"P", true}, {"WHAT"}, {"APPLICATION", false, true}, {"NAME", false, true}},
 			cells, width);
 	}
-	text += "\n" + std::to_string(comparison.compared) + " keys were there before and after";
-	if (comparison.too_few) {
-		text += ", of them " + std::to_string(comparison.too_few) +
-			" with fewer than 20 samples on one side, of which nothing is said";
-	}
+	text += "\nCompared: " + std::to_string(comparison.compared) + " that were there before and after";
+	if (comparison.too_few)
+		text += ", " + std::to_string(comparison.too_few) +
+			" of them with too few samples (20 on each side) to say anything";
 	return text + ".\n";
 }
 

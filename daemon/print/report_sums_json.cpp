@@ -52,8 +52,8 @@ Json facts_json(const KeyFacts &facts)
 {
 	Json object = {{"id", facts.id}, {"application", facts.application}, {"name", facts.name}};
 	const std::pair<const char *, const std::string *> texts[] = {{"vendor", &facts.vendor}, {"table", &facts.table},
-		{"verb", &facts.verb}, {"place", &facts.place}, {"finding", &facts.finding}, {"suggestion", &facts.suggestion},
-		{"class", &facts.error_class}, {"message", &facts.message}};
+		{"verb", &facts.verb}, {"place", &facts.place}, {"caller", &facts.caller}, {"finding", &facts.finding},
+		{"suggestion", &facts.suggestion}, {"class", &facts.error_class}, {"message", &facts.message}};
 	for (const auto &[name, text] : texts) {
 		if (!text->empty()) object[name] = *text;
 	}
@@ -197,9 +197,10 @@ Json series_json(const SeriesReport &report)
 
 Json comparison_json(const Comparison &comparison)
 {
-	constexpr const char *kinds[] = {"appeared", "vanished", "slower", "faster"};
+	constexpr const char *kinds[] = {"appeared", "more_often", "slower", "faster", "less_often", "vanished"};
 	Json object = {{"before", range_json(comparison.before)}, {"after", range_json(comparison.after)},
-		{"test", "Mann-Whitney U"}, {"compared", comparison.compared}, {"too_few_samples", comparison.too_few}};
+		{"test", "Mann-Whitney U"}, {"error_test", "Przyborowski-Wilenski"}, {"compared", comparison.compared},
+		{"too_few_samples", comparison.too_few}};
 	Json &changes = object["changes"] = Json::array();
 	for (const Change &change : comparison.changes) {
 		Json entry = {{"change", kinds[static_cast<size_t>(change.kind)]}, {"by", name_of(change.key)}};

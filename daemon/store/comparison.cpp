@@ -2,6 +2,7 @@
 #include "store/comparison.h"
 
 #include "facts/rank_test.h"
+#include "facts/rate_test.h"
 
 #include <algorithm>
 #include <map>
@@ -38,7 +39,7 @@ public:
 	Comparison run()
 	{
 		for (SumKey key : {SumKey::action, SumKey::query, SumKey::error}) add(key);
-		for (Candidate &candidate : candidates_) judge(candidate);
+		for (const Candidate &candidate : candidates_) judge(candidate);
 		auto order = [](const Change &change) {
 			return std::tuple(-change.lost_us_per_hour, change.kind, -change.after.count, change.facts.id);
 		};
@@ -51,7 +52,12 @@ private:
 	struct Candidate {
 		SumKey key;
 		Pair pair;
-		RankTest test;
+		ChangeKind kind;
+		double p;
+		double change; // of the average duration or of the rate, by what it was
+	};
+	struct Actions {
+		int64_t before = 0, after = 0;
 	};
 
 	SumAnswer ask(SumKey key, const TimeRange &range)
@@ -72,6 +78,8 @@ private:
 			comparison_.after = after.range;
 			actions_before_ = before.all.count;
 			actions_after_ = after.all.count;
+			for (const SumRow &row : before.rows) actions_of_[row.key.application].before += row.sums.count;
+			for (const SumRow &row : after.rows) actions_of_[row.key.application].after += row.sums.count;
 		}
 		std::map<int64_t, Pair> pairs;
 		for (const SumRow &row : before.rows) pairs[row.key.id].facts = row.key, pairs[row.key.id].before = row.sums;
@@ -79,19 +87,23 @@ private:
 		for (auto &[id, pair] : pairs) {
 			if (pair.before.count == 0 || pair.after.count == 0)
 				came_or_went(key, pair);
-			else if (key != SumKey::error)
-				compare(key, std::move(pair));
+			else if (key == SumKey::error)
+				compare_rates(std::move(pair));
+			else
+				compare_durations(key, std::move(pair));
 		}
 	}
 
-	// Where the other range had too few actions for one to be expected, its lack says nothing.
+	// Where the other range had too few actions for one to be expected, its lack says nothing. That something is there
+	// is a fact, that it is gone a conclusion: with three expected, chance leaves all of them out in 5 % of cases
+	// (exp(-3)).
 	void came_or_went(SumKey key, const Pair &pair)
 	{
 		const bool came = pair.before.count == 0;
 		const auto there = static_cast<double>(came ? actions_after_ : actions_before_);
 		const auto elsewhere = static_cast<double>(came ? actions_before_ : actions_after_);
 		const auto count = static_cast<double>(came ? pair.after.count : pair.before.count);
-		if (there <= 0 || count * elsewhere / there < 1) return;
+		if (there <= 0 || count * elsewhere / there < (came ? 1 : 3)) return;
 		Change change{came ? ChangeKind::appeared : ChangeKind::vanished, key, pair.facts, pair.before, pair.after};
 		const double before = static_cast<double>(pair.before.total_us) / hours_of(comparison_.before);
 		const double after = static_cast<double>(pair.after.total_us) / hours_of(comparison_.after);
@@ -99,7 +111,19 @@ private:
 		comparison_.changes.push_back(std::move(change));
 	}
 
-	void compare(SumKey key, Pair pair)
+	void compare_rates(Pair pair)
+	{
+		comparison_.compared++;
+		const Actions &actions = actions_of_[pair.facts.application];
+		const double p = rate_test(pair.before.count, actions.before, pair.after.count, actions.after);
+		const double rate_before = static_cast<double>(pair.before.count) / static_cast<double>(actions.before);
+		const double change =
+			static_cast<double>(pair.after.count) / static_cast<double>(actions.after) / rate_before - 1;
+		const ChangeKind kind = change > 0 ? ChangeKind::more_often : ChangeKind::less_often;
+		candidates_.push_back({SumKey::error, std::move(pair), kind, p, change});
+	}
+
+	void compare_durations(SumKey key, Pair pair)
 	{
 		comparison_.compared++;
 		if (std::min(pair.before.count, pair.after.count) < fewest_samples) {
@@ -107,23 +131,26 @@ private:
 			return;
 		}
 		const RankTest test = rank_test(pair.before.durations, pair.after.durations, fewest_samples);
-		candidates_.push_back({key, std::move(pair), test});
+		const double change = average_us(pair.after) / average_us(pair.before) - 1;
+		const bool slower = test.longer > 0.5;
+		const double p = (change > 0) == slower ? test.p : 1;
+		candidates_.push_back({key, std::move(pair), slower ? ChangeKind::slower : ChangeKind::faster, p, change});
 	}
 
-	void judge(Candidate &candidate)
+	static double average_us(const Sums &sums)
 	{
-		const Sums &before = candidate.pair.before, &after = candidate.pair.after;
-		const RankTest &test = candidate.test;
-		if (test.p * static_cast<double>(candidates_.size()) > most_chance) return;
-		const auto average = [](const Sums &sums) {
-			return static_cast<double>(sums.total_us) / static_cast<double>(sums.count);
-		};
-		const double change = average(after) - average(before);
-		const bool slower = test.longer > 0.5;
-		if ((change > 0) != slower || std::abs(change) < least_change * average(before)) return;
-		const double per_hour = static_cast<double>(after.count) / hours_of(comparison_.after);
-		comparison_.changes.push_back({slower ? ChangeKind::slower : ChangeKind::faster, candidate.key,
-			candidate.pair.facts, before, after, change * per_hour, test.p});
+		return std::max(static_cast<double>(sums.total_us), 1.0) / static_cast<double>(sums.count);
+	}
+
+	void judge(const Candidate &candidate)
+	{
+		const auto &[key, pair, kind, p, change] = candidate;
+		if (p * static_cast<double>(candidates_.size()) > most_chance || std::abs(change) < least_change) return;
+		double lost = 0;
+		if (key != SumKey::error)
+			lost =
+				change * average_us(pair.before) * static_cast<double>(pair.after.count) / hours_of(comparison_.after);
+		comparison_.changes.push_back({kind, key, pair.facts, pair.before, pair.after, lost, p});
 	}
 
 	Reader &store_;
@@ -131,6 +158,7 @@ private:
 	Comparison comparison_;
 	std::vector<Candidate> candidates_;
 	int64_t actions_before_ = 0, actions_after_ = 0;
+	std::map<std::string, Actions> actions_of_; // by application
 };
 
 } // namespace

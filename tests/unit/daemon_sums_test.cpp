@@ -1,8 +1,10 @@
 // Sums by minute and hour: what is derived of an action, that each counts once, and what questions make of it.
 #include "daemon_records.h"
 #include "facts/keys.h"
+#include "facts/places.h"
 #include "facts/plan.h"
 #include "facts/rank_test.h"
+#include "facts/rate_test.h"
 #include "facts/sql_text.h"
 #include "store/comparison.h"
 #include "store/releases.h"
@@ -49,19 +51,24 @@ TEST(Keys, AreWhatAnActionIsSummedUpBy) {
     const std::string duration = std::to_string(ms);
     return record(0x27, std::to_string(duration.size()) + ":" + duration + "5:MySQL" + std::to_string(text.size()) + ":" + text);
   };
+  auto figure = [](int item, int value) { return record(item, number(value) + number(0)); };
   const std::string body = action_body("Shop", "cart", 100,
       record(0x16, number(9)) + sql(4, "SELECT 1 FROM `t` WHERE a=1") + sql(5, "SELECT 2 FROM `t` WHERE a='x'") +
           record(0x29, "http\nhttp:%2F%2Fapi%2Fitem%2F*/curl_exec\n\n30") + record(0x29, "Redis\n\nGET\n7") +
           record(0x2D, "External/http:%2F%2Fapi%2Fitem%2F*/curl_exec\n500\n500\nno\n\n") +
-          record(0x2A, "1\n500\nOops\nno 'x' in 42\n[\"a(/b.php:3)\"]") + record(0x2B, "5\n2\nPHP/A/b"));
+          record(0x2A, "1\n500\nOops\nUncaught exception 'Oops' with message 'no 'x' in 42' in /b.php:3\n") + record(0x2B, "5\n2\nPHP/A/b") +
+          record(0x60, figure(0x01, 100000) + figure(0x02, 9000) + figure(0x03, 7000) + figure(0x04, 30000) + figure(0x06, 2) +
+                           record(0x21, "\1\0\1\0\1\0\0\0"s) + record(0x20, number(7) + "\5MySQL/wpdb.php"s) +
+                           record(0x22, number(40) + "/theme.php") + record(0x20, number(9) + "\5MySQL/cart.php"s)));
   std::string found;
   for (const KeySums& key : keys_of(*read_action(body))) {
     found += std::to_string(static_cast<int>(key.kind)) + " " + key.facts.name + " " + std::to_string(key.sums.count) + "/" +
-             std::to_string(key.sums.errors) + " " + std::to_string(key.sums.total_us) + " " + key.facts.place + "\n";
+             std::to_string(key.sums.errors) + " " + std::to_string(key.sums.total_us) + " " +
+             Place{key.facts.place, key.facts.caller}.text() + "\n";
   }
   EXPECT_EQ(found,
             "1 cart 1/1 100000 \n"
-            "3 SELECT ? FROM `t` WHERE a=? 2/0 9000 \n"
+            "3 SELECT ? FROM `t` WHERE a=? 2/0 9000 /wpdb.php:7, called from /theme.php:40\n"
             "4 Oops: no '…' in # at /b.php:3 1/1 100000 /b.php:3\n"
             "5 http://api/item/* (curl_exec) 1/1 30000 \n"
             "6 Redis GET 1/0 7000 \n"
@@ -240,12 +247,15 @@ TEST_F(SumsTest, FollowTheFilterAndTheOrder) {
 
 TEST_F(SumsTest, ComparisonsCallNothingSlowerByChance) {
   std::vector<StoredPacket> packets;
-  auto times = [&](int64_t at_ms, const std::string& name, int count, int duration_ms) {
-    for (int i = 0; i < count; i++) packets.push_back(packet(at_ms + i, name, duration_ms + i % 7));
+  auto times = [&](int64_t at_ms, const std::string& name, int count, int duration_ms, int rare = 0, int rising = 0) {
+    for (int i = 0; i < count; i++) {
+      const std::string error = i < rare ? record(0x2A, "1\n500\nrare\nm\n") : i < rare + rising ? record(0x2A, "1\n500\nrising\nm\n") : "";
+      packets.push_back(packet(at_ms + i, name, duration_ms + i % 7, error));
+    }
   };
   for (int64_t at_ms : {begin_ms, begin_ms + hour_ms}) {
     const bool after = at_ms > begin_ms;
-    times(at_ms, "same", 100, 50);
+    times(at_ms, "same", 100, 50, after ? 8 : 3, after ? 40 : 5);
     times(at_ms, "slower", 100, after ? 80 : 50);
     times(at_ms, "faster", 100, after ? 20 : 50);
     times(at_ms, "few", 5, after ? 500 : 50);
@@ -257,9 +267,18 @@ TEST_F(SumsTest, ComparisonsCallNothingSlowerByChance) {
   const Comparison comparison = compare(*reader, {{begin_ms, begin_ms + hour_ms}, {begin_ms + hour_ms, begin_ms + 2 * hour_ms}});
   std::string found;
   for (const Change& change : comparison.changes) found += change.facts.name + std::to_string(static_cast<int>(change.kind)) + " ";
-  EXPECT_EQ(found, "slower2 appeared0 vanished1 faster3 ");
+  EXPECT_EQ(found, "slower2 appeared0 rising: m1 vanished5 faster3 ");
   EXPECT_NEAR(comparison.changes[0].lost_us_per_hour, 3000000, 1);
-  EXPECT_EQ((std::pair{comparison.compared, comparison.too_few}), (std::pair<int64_t, int64_t>{4, 1}));
+  EXPECT_EQ((std::pair{comparison.compared, comparison.too_few}), (std::pair<int64_t, int64_t>{6, 1}));
+}
+
+TEST(RateTest, AgreesWithFiguresWorkedOutByHand) {
+  // Of 25 errors 20 or more after, where each is as likely before: 68,406 of 2^25 ways, twice.
+  EXPECT_NEAR(rate_test(5, 1000, 20, 1000), 2.0 * 68406 / (1 << 25), 1e-9);
+  EXPECT_NEAR(rate_test(20, 300, 5, 300), 2.0 * 68406 / (1 << 25), 1e-9);
+  EXPECT_EQ(rate_test(10, 1000, 20, 2000), 1) << "twice the actions";
+  EXPECT_GT(rate_test(1000000, 2000000, 1001000, 2000000), 0.4) << "chance makes as much of a million";
+  EXPECT_EQ(rate_test(1, 0, 5, 10), 1);
 }
 
 TEST(RankTest, AgreesWithFiguresWorkedOutByHand) {

@@ -55,7 +55,8 @@ function Mark({ onMarked }) {
     <button>Mark</button> <span role="status">${said}</span></form></details>`;
 }
 
-const words = { slower: 'Slower', faster: 'Faster', appeared: 'New', vanished: 'Gone' };
+const words = { slower: 'Slower', faster: 'Faster', more_often: 'More often', less_often: 'Less often', appeared: 'New', vanished: 'Gone' };
+const bad = (change, by) => change === 'slower' || change === 'more_often' || by === 'error' && change === 'appeared';
 const paths = { action: '/actions', query: '/queries', error: '/errors' };
 const kinds = { action: 'Action', query: 'Query', error: 'Error' };
 
@@ -65,7 +66,7 @@ function Row({ change, range }) {
   const { by, id, name } = change;
   const told = by === 'action' ? actionName(name) : by === 'query' ? html`<code>${name}</code>` : name;
   const side = sums => html`<td class="number">${sums.count ? duration(sums.average_us) : '–'}</td><td class="number wide">${sums.count ? duration(sums.p95_us) : '–'}</td><td class="number wide">${count(sums.count)}</td>`;
-  return html`<tr><td>${change.change === 'slower' || by === 'error' && change.change === 'appeared' ? html`<span class="bad">${words[change.change]}</span>` : words[change.change]}</td>
+  return html`<tr><td>${bad(change.change, by) ? html`<span class="bad">${words[change.change]}</span>` : words[change.change]}</td>
     <td class="wide">${kinds[by]}</td><td class="name">${id ? html`<a href=${address(`${paths[by]}/${id}`, range)}>${told}</a>` : told}${change.place && by !== 'error' && html`<div class="dim">at ${change.place}</div>`}</td>
     ${side(change.before)}${side(change.after)}<td class="number wide">${perHour(change.lost_us_per_hour)}</td></tr>`;
 }
@@ -79,7 +80,7 @@ function Changes({ answer }) {
       <tr><th rowspan="2">Change</th><th class="wide" rowspan="2">Kind</th><th rowspan="2">Name</th><th class="number wide" colspan="3">Before</th><th class="number narrowonly">Before</th><th class="number wide" colspan="3">After</th><th class="number narrowonly">After</th><th class="number wide" rowspan="2">Lost each hour</th></tr>
       <tr>${[0, 1].map(side => html`<th key=${`a${side}`} class="number">Average</th><th key=${`b${side}`} class="number wide">p95</th><th key=${`c${side}`} class="number wide">Count</th>`)}</tr></thead>
     <tbody>${answer.changes.map(change => html`<${Row} key=${`${change.by} ${change.id} ${change.change}`} change=${change} range=${range} />`)}</tbody></table><//>
-    <p class="dim">Slower and faster are what the ${answer.test} test finds at 1% over all keys together, with 20 samples or more on each side. ${count(answer.compared)} were in both${answer.too_few_samples > 0 && `, ${count(answer.too_few_samples)} too few times`}.</p>`;
+    <p class="dim">Slower and faster are what the ${answer.test} test finds at 1% over all keys together, with 20 samples or more on each side; of errors it is the ${answer.error_test} test of how often they come. ${count(answer.compared)} were in both${answer.too_few_samples > 0 && `, ${count(answer.too_few_samples)} too few times`}.</p>`;
 }
 
 export function Compare({ parameters }) {
