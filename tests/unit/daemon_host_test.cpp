@@ -1,9 +1,12 @@
 // PHP's processes as a made-up /proc tells them, and what is found amiss.
 #include "daemon_records.h"
 #include "host/findings.h"
+#include "host/host_sample.h"
 #include "print/report.h"
 
 #include <gtest/gtest.h>
+
+#include <sys/syscall.h>
 
 using namespace quorbit;
 using namespace quorbit_test;
@@ -141,4 +144,50 @@ TEST(Folder, IsEnteredByItsGroupAndOwner) {
   folder.owner = 5, folder.group = 33, folder.mode = 02750;
   EXPECT_TRUE(may_enter(folder, 0, {0}) && may_enter(folder, 5, {9}) && may_enter(folder, 8, {8, 33}));
   EXPECT_FALSE(may_enter(folder, 8, {8}));
+}
+
+TEST(HostSample, ReadsWhatTheKernelWrites) {
+  const TemporaryFolder folder;
+  auto write = [&](const std::string& name, const std::string& text) {
+    fs::create_directories(fs::path(folder.path() + "/" + name).parent_path());
+    std::ofstream(folder.path() + "/" + name) << text;
+  };
+  write("loadavg", "5.56 3.25 2.10 8/153 13736\n");
+  write("meminfo", "MemTotal:       24684084 kB\nMemFree:        22587692 kB\nMemAvailable:   23218360 kB\nBuffers:            7052 kB\n");
+  const std::string accepting = std::to_string(SYS_accept4) + " 0x9 0x7ffe 0x7fff 0x80800 0x0 0x0 0x7ffe7eecedb8 0x7ff6249042ad\n";
+  const std::string reading = "0 0x3 0x7ff62478b000 0x20000 0x7ff62481bb60 0xffffffff 0x0 0x7ffe7eecedb8 0x7ff6249042ad\n", unseen;
+  const struct {
+    int id, parent;
+    const char* command;
+    std::string title, call;
+    const char *times, *later;  // user, system, and those of its children, in ticks; at the next look
+  } rows[] = {
+      {1, 0, "init", "init", reading, "9 9 0 0", "9 9 0 0"},
+      {10, 1, "php-fpm", "php-fpm: master process (/etc/fpm.conf)", reading, "1 1 0 0", "9 9 0 0"},
+      {11, 10, "php-fpm", "php-fpm: pool www                    ", accepting, "7 7 0 0", "8 8 0 0"},
+      {12, 10, "php-fpm", "php-fpm: pool www", reading, "7 7 0 0", "7 7 0 0"},
+      {13, 10, "php-fpm", "php-fpm: pool www", "running\n", "7 7 0 0", "7 7 0 0"},
+      {20, 1, "apache2", "/usr/sbin/apache2", unseen, "1 1 0 0", "9 9 0 0"},
+      {21, 20, "apache2", "/usr/sbin/apache2", unseen, "7 7 5 5", "7 8 5 5"},
+      {22, 20, "apache2", "/usr/sbin/apache2", unseen, "7 7 5 5", "7 7 6 6"},
+      {30, 1, "php5.6 (old) x", "php", reading, "1 1 0 0", "1 1 0 0"},
+      {40, 1, "mariadbd", "mariadbd", "running\n", "1 1 0 0", "9 9 0 0"},
+  };
+  HostSampler sampler(folder.path());
+  HostSample sample;
+  for (const bool later : {false, true}) {
+    for (const auto& row : rows) {
+      const std::string process = std::to_string(row.id), parent = std::to_string(row.parent);
+      write(process + "/stat", process + " (" + row.command + ") S " + parent + " 13731 25062 0 -1 4194304 100 0 0 0 " + (later ? row.later : row.times) +
+                                   " 20 0 1 0 2610242 3133440 380 18446744073709551615 94037110460416 0\n");
+      write(process + "/cmdline", row.title + '\0');
+      if (!row.call.empty()) write(process + "/syscall", row.call);
+    }
+    sample = sampler.take();
+  }
+  EXPECT_EQ(sample.load, 5.56);
+  EXPECT_EQ((std::pair{sample.memory_bytes, sample.available_bytes}), (std::pair<int64_t, int64_t>{24684084 * 1024LL, 23218360 * 1024LL}));
+  std::string pools;
+  for (const auto& [name, pool] : sample.pools) pools += name + " " + std::to_string(pool.busy) + "/" + std::to_string(pool.idle) + " ";
+  EXPECT_EQ(pools, "apache2 1/1 php5.6 (old) x 1/0 www 2/1 ");
 }
