@@ -1,5 +1,6 @@
 // quorbit: the local daemon, and the command line that reads what it stored.
 #include "ask/command.h"
+#include "ask/help.h"
 #include "base/version.h"
 #include "print/output.h"
 #include "receive/daemonize.h"
@@ -20,7 +21,7 @@ constexpr Command commands[] = {
 	{"queries", "the statements that take most time, where they run and what would help", quorbit::add_queries},
 	{"errors", "errors that are the same but for their values, since when and how often", quorbit::add_errors},
 	{"mark", "notes that a release has been rolled out", quorbit::add_mark},
-	{"compare", "what appeared, vanished, became slower or faster, since a release or between two times",
+	{"compare", "what is new, gone, slower, faster or fails more often, since a release or between two times",
 		quorbit::add_compare},
 	{"status", "whether every PHP process of the host reports, and what to do where one does not", quorbit::add_status},
 	{"web", "the page in the browser, and its API", quorbit::add_web},
@@ -47,7 +48,7 @@ struct Arguments {
 void add_commands(CLI::App &app, Arguments &arguments)
 {
 	for (const Command &command : commands) {
-		CLI::App *added = app.add_subcommand(command.name, command.summary);
+		CLI::App *added = app.add_subcommand(command.name, command.summary)->group("Commands");
 		auto run = command.add(*added);
 		added->callback([&arguments, run] { arguments.command = run; });
 	}
@@ -72,18 +73,20 @@ std::string version_text()
 
 int main(int argc, char **argv)
 {
-	CLI::App app(
-		"The local daemon of the Quorbit agent, and what it has received.\nWith -f alone: run the daemon.", "quorbit");
+	CLI::App app("What PHP applications did, and the local daemon that receives it.", "quorbit");
 	Arguments arguments;
-	app.add_option("-f", arguments.config_path, "the configuration file that the agent writes")->type_name("FILE");
-	app.add_option("--root", arguments.root, "zqs.runtime_root of the agent")
+	app.add_option("-f", arguments.config_path, "run the daemon by this configuration file, which the agent writes")
+		->type_name("FILE");
+	app.add_option("--root", arguments.root, "where the logs and the store are: zqs.runtime_root of the agent")
 		->type_name("FOLDER")
 		->capture_default_str();
-	app.add_flag("--foreground", arguments.foreground, "run the daemon without going into the background");
+	app.add_flag("--foreground", arguments.foreground, "with -f: stay in the foreground");
 	app.require_subcommand(0, 1);
 	app.fallthrough();
+	app.formatter(std::make_shared<quorbit::HelpFormatter>());
+	app.set_help_flag("-h,--help", "this help");
 	add_commands(app, arguments);
-	app.set_version_flag("--version", version_text());
+	app.set_version_flag("--version", version_text(), "the versions of the product and of its protocol");
 	try {
 		app.parse(argc, argv);
 	} catch (const CLI::ParseError &error) {

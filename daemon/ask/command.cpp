@@ -61,10 +61,11 @@ TimeRange RangeOptions::range(int64_t now_wall_ms) const
 void add_range(CLI::App &command, RangeOptions &options, const char *since)
 {
 	options.since = since;
-	auto *option = command.add_option("--since", options.since, "from then on: 15m, 2h, 7d (ago), or 2026-11-21T10:00");
+	auto *option =
+		command.add_option("--since", options.since, "from this time on: 15m, 2h or 7d ago, or 2026-11-21T10:00");
 	option->check(check_moment);
 	if (*since) option->capture_default_str();
-	command.add_option("--until", options.until, "until then")->check(check_moment)->capture_default_str();
+	command.add_option("--until", options.until, "up to this time")->check(check_moment)->capture_default_str();
 }
 
 } // namespace quorbit

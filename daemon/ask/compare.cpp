@@ -49,7 +49,10 @@ int run_compare(const DaemonConfig &config, const CompareOptions &options)
 	else
 		throw std::runtime_error("name a release that was marked, or two times (--before A..B --after C..D)");
 	question.application = options.application;
-	const Comparison comparison = compare(*store, question);
+	const Comparison comparison = [&] {
+		const Working working("comparing the sums");
+		return compare(*store, question);
+	}();
 	put(options.json ? json_text(comparison_json(comparison), true) : comparison_text(comparison, list_width()));
 	return 0;
 }

@@ -1,9 +1,9 @@
 // The manual pages, from help texts and from the settings file that is installed.
 #include "ask/manual.h"
 
+#include "ask/help.h"
 #include "base/version.h"
 
-#include <regex>
 #include <sstream>
 
 namespace quorbit {
@@ -33,25 +33,11 @@ std::string title(const std::string &page, int section, const std::string &about
 		roff(page) + " \\- " + roff(about) + "\n";
 }
 
-// What follows an option: its choices, or a word for what it takes.
-std::string value_word(const CLI::Option &option)
-{
-	const std::string type = option.get_type_name();
-	const size_t begin = type.find('{'), end = type.find('}');
-	if (option.get_type_size() == 0 || option.get_positional()) return "";
-	if (begin != std::string::npos && end != std::string::npos)
-		return " " + std::regex_replace(type.substr(begin + 1, end - begin - 1), std::regex(","), "|");
-	const bool number = type.starts_with("UINT") || type.starts_with("INT");
-	return " " + std::string(number ? "NUMBER" : type.starts_with("TEXT") ? "VALUE" : type.substr(0, type.find(':')));
-}
-
 std::string option_entry(const CLI::Option &option)
 {
 	std::string name = option.get_name(option.get_positional(), true);
 	if (const size_t comma = name.find(','); comma != std::string::npos) name.insert(comma + 1, " ");
-	std::string out = ".TP\n.B " + roff(name + value_word(option)) + "\n" + roff(option.get_description());
-	if (!option.get_default_str().empty()) out += " (default: " + roff(option.get_default_str()) + ")";
-	return out + ".\n";
+	return ".TP\n.B " + roff(name + value_word(option)) + "\n" + roff(purpose_of(option)) + ".\n";
 }
 
 std::string options_text(const CLI::App &app)

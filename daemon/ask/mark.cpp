@@ -37,7 +37,7 @@ CommandRun add_mark(CLI::App &command)
 		->check([](const std::string &text) {
 			return text.empty() || text.size() > most_release_name ? "expected a name of 1 to 100 bytes" : "";
 		});
-	command.add_option("--app", options->application, "of this application alone")->type_name("APP");
+	command.add_option("--app", options->application, "only of this application")->type_name("APP");
 	command.add_option("--at", options->at, "when it was rolled out")->check(check_moment)->capture_default_str();
 	set_examples(command, {{"quorbit mark 1.4.2 --app Shop", "a release of one application, rolled out now"}});
 	return [options](const DaemonConfig &config) { return mark(config, *options); };

@@ -185,8 +185,8 @@ CommandRun add_setup(CLI::App &command)
 	auto arguments = std::make_shared<SetupArguments>();
 	command.add_flag("--dry-run", arguments->dry_run, "say what would be done, and do nothing");
 	command.add_flag("--json", arguments->json, "for programs");
-	arguments->enable = command.add_subcommand("enable", "switch the agent on");
-	arguments->disable = command.add_subcommand("disable", "switch it off again");
+	arguments->enable = command.add_subcommand("enable", "switch the agent on")->group("Commands");
+	arguments->disable = command.add_subcommand("disable", "switch it off again")->group("Commands");
 	for (CLI::App *verb : {arguments->enable, arguments->disable})
 		verb->add_option("PHP", arguments->phps, "programs or Apache modules; without any, all that the agent fits");
 	arguments->enable

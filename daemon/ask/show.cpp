@@ -120,8 +120,8 @@ static std::string check_id(const std::string &text)
 CommandRun add_show(CLI::App &command)
 {
 	auto options = std::make_shared<ShowOptions>();
-	CLI::Option *id =
-		command.add_option("ID", options->id, "an action of the list, or what top lists: query:17, error:3, action:5");
+	CLI::Option *id = command.add_option(
+		"ID", options->id, "the number of an action, or what top and its like list: query:17, error:3, action:5");
 	id->check(check_id);
 	command.add_option("-n", options->question.most, "how many actions")
 		->check(CLI::Range(1, 1000000))
@@ -130,12 +130,13 @@ CommandRun add_show(CLI::App &command)
 	command.add_flag("--full", options->full, "of one action: every call and statement separately, nothing cut");
 	command.add_option("--app", filter.application, "only this application")->type_name("APP");
 	command.add_flag("--errors", filter.errors, "only those with an error");
-	command.add_option("--slower-than", options->slower_than, "only those that took as long: 500ms, 1.5s")
+	command.add_option("--slower-than", options->slower_than, "only those that took at least that: 500ms, 1.5s")
 		->check(check_duration);
-	command.add_option("--name", filter.name_glob, "only names like this: *, ? and [...] stand for others");
-	command.add_option("--path", filter.path_glob, "only requests of paths like this");
+	command.add_option("--name", filter.name_glob,
+		"only names that fit: * stands for any text, ? for one character, [...] for one of those");
+	command.add_option("--path", filter.path_glob, "only requests whose path fits");
 	add_range(command, options->range, "");
-	command.add_option("--sort", options->sort, "newest or duration")
+	command.add_option("--sort", options->sort, "what comes first")
 		->check(CLI::IsMember({"newest", "duration"}))
 		->capture_default_str();
 	command.add_flag("--json", options->json, "for programs");

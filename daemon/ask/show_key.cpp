@@ -39,7 +39,10 @@ bool is_key_id(const std::string &text)
 int show_key(Reader &store, const std::string &text, const TimeRange &range, bool json)
 {
 	const KeyId id = *read_key_id(text);
-	auto report = key_report(store, id.key, id.id, range);
+	auto report = [&] {
+		const Working working("reading the sums");
+		return key_report(store, id.key, id.id, range);
+	}();
 	if (!report) throw std::runtime_error("there is no " + text + " (it may not have been seen for long)");
 	put(json ? json_text(key_json(*report), true) : key_text(*report, output_width(), wall_clock_ms()));
 	return 0;

@@ -66,8 +66,11 @@ int top(const DaemonConfig &config, const TopOptions &options)
 	list.question.trend_points = bars || options.json ? trend_points : 0;
 	auto store = open_reader(config);
 	require_application(*store, filter.application);
-	list = sum_list(*store, list.question);
-	if (list.question.key == SumKey::query && !options.csv) add_actions(*store, list);
+	{
+		const Working working("reading the sums");
+		list = sum_list(*store, list.question);
+		if (list.question.key == SumKey::query && !options.csv) add_actions(*store, list);
+	}
 	if (options.json) {
 		put(json_text(sums_json(list), true));
 	} else if (options.csv) {
@@ -101,8 +104,8 @@ CommandRun add_list(CLI::App &command, const char *by, const char *sort)
 		->capture_default_str();
 	add_range(command, options->range, "1h");
 	command.add_option("--app", options->question.filter.application, "only this application")->type_name("APP");
-	command.add_option(
-		"--name", options->question.filter.name_glob, "only names like this: *, ? and [...] stand for others");
+	command.add_option("--name", options->question.filter.name_glob,
+		"only names that fit: * stands for any text, ? for one character, [...] for one of those");
 	command.add_option("-n", options->most, "how many; default: what fits the terminal, else 50")
 		->check(CLI::Range(1, 1000000));
 	auto *json = command.add_flag("--json", options->json, "for programs");

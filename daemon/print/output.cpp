@@ -4,6 +4,7 @@
 #include "base/text.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -44,6 +45,26 @@ void progress(const std::string &line)
 	fputs(cut(printable(line), columns).c_str(), stderr);
 	fflush(stderr);
 	progress_shown = true;
+}
+
+Working::Working(std::string what) : what_(std::move(what))
+{
+	if (!isatty(STDERR_FILENO)) return;
+	teller_ = std::jthread([this](const std::stop_token &ending) {
+		using namespace std::chrono_literals;
+		std::unique_lock lock(mutex_);
+		for (int seconds = 1; !ended_.wait_for(lock, ending, 1s, [] { return false; }) && !ending.stop_requested();
+			 seconds++)
+			progress("  " + what_ + ", " + std::to_string(seconds) + " s");
+	});
+}
+
+Working::~Working()
+{
+	if (!teller_.joinable()) return;
+	teller_.request_stop();
+	teller_.join();
+	progress("");
 }
 
 bool may_colour()

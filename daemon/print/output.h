@@ -1,8 +1,11 @@
 // Standard output: the answer. Standard error: what is said beside it.
 #pragma once
 
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace quorbit {
 
@@ -12,6 +15,20 @@ void tell(const std::string &line);
 
 // One line of progress, which the next one takes the place of; nothing unless standard error is a terminal. "" ends it.
 void progress(const std::string &line);
+
+// While it lives, and once that has been a second, progress() says what goes on and for how long. Nothing else may be
+// printed meanwhile.
+class Working {
+public:
+	explicit Working(std::string what);
+	~Working();
+
+private:
+	const std::string what_;
+	std::mutex mutex_;
+	std::condition_variable_any ended_;
+	std::jthread teller_;
+};
 
 // Whether standard output may be coloured: it is a terminal that can, and NO_COLOR is not set (https://no-color.org).
 bool may_colour();

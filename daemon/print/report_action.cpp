@@ -15,6 +15,14 @@ constexpr size_t most_rows = 10; // of a table
 constexpr size_t message_lines = 20;
 constexpr size_t most_pairs = 200, most_unknown = 20;
 
+// Cut as the trace's milliseconds are, not rounded: no part is longer than the whole.
+std::string cut_duration_text(int64_t us)
+{
+	constexpr int64_t tenths_until_us = 10000;
+	if (us >= tenths_until_us || us % 1000 == 0) return duration_text(us / 1000);
+	return std::to_string(us / 1000) + "." + std::to_string(us / 100 % 10) + " ms";
+}
+
 // "database 40 ms (33%), code 80 ms (67%)": the parts that took time.
 std::string parts_text(const ActionRow &row)
 {
@@ -23,7 +31,7 @@ std::string parts_text(const ActionRow &row)
 	std::string text;
 	for (const auto &[name, us] : parts) {
 		if (us)
-			text += (text.empty() ? "" : ", ") + std::string(name) + " " + duration_text((us + 500) / 1000) + " (" +
+			text += (text.empty() ? "" : ", ") + std::string(name) + " " + cut_duration_text(us) + " (" +
 				percent(us, row.duration_us()) + ")";
 	}
 	return text;
@@ -50,7 +58,8 @@ void print_head(const StoredAction &shown, Page &page)
 	if (!action.path.empty() && action.path != action.uri)
 		page.entry("path", action.method + " " + action.host + action.path);
 	page.entry("duration",
-		duration_text(action.duration_ms) + ", CPU " + duration_text(action.cpu_ticks * 1000 / sysconf(_SC_CLK_TCK)));
+		cut_duration_text(row.duration_us()) + ", CPU " +
+			duration_text(action.cpu_ticks * 1000 / sysconf(_SC_CLK_TCK)));
 	if (auto parts = parts_text(row); !parts.empty()) page.entry("spent in", parts);
 	if (auto queued = queue_entry(shown); !queued.empty()) page.entry("queued before", queued);
 	std::string trace = action.tracer_id.empty() ? std::string() : "trace " + action.tracer_id;
@@ -183,12 +192,13 @@ void print_no_trace(const Action &action, const Settings &given, Page &page)
 	auto threshold = given.find("zqs.action_tracer.action_threshold");
 	int64_t threshold_ms = threshold == given.end() ? 0 : std::max(0, atoi(threshold->second.c_str()));
 	if (threshold_ms == 0) threshold_ms = atoi(ZQ_DEFAULT_ACTION_THRESHOLD);
-	const char *from = threshold == given.end() ? " unless php.ini has another" : "";
-	const std::string kept = "zqs.action_tracer.action_threshold, " + duration_text(threshold_ms) + from;
-	if (action.duration_ms < threshold_ms) return page.entry("none", "faster than the trace threshold: " + kept);
+	const std::string from = threshold == given.end() ? ", unless php.ini has another" : "";
+	const std::string kept = duration_text(threshold_ms) + from + " (zqs.action_tracer.action_threshold)";
+	if (action.duration_ms < threshold_ms)
+		return page.entry("none", "the action was faster than the trace threshold, " + kept);
 	page.entry("none",
-		"the action took as long as one needs (" + kept +
-			"), but the process traced nothing: zqs.action_tracer.enabled is 0, or it shed load");
+		"the action reached the trace threshold, " + kept +
+			", but its process traced nothing: zqs.action_tracer.enabled is 0, or it shed load");
 }
 
 void print_related(const std::vector<RelatedAction> &related, Page &page)

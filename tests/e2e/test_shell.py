@@ -14,7 +14,7 @@ def quorbit(*words):
 
 
 def test_every_command_has_examples_and_stands_in_the_manual():
-    commands = re.findall(r"^  ([a-z]+) ", quorbit("--help").stdout.partition("Subcommands:")[2], re.M)
+    commands = re.findall(r"^  ([a-z]+) ", quorbit("--help").stdout.partition("Commands:")[2], re.M)
     manual = (BUILD / "manual/quorbit.1").read_text()
     assert {"show", "status", "profile"} <= set(commands) and "manual" not in commands
     for command in commands:
