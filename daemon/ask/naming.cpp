@@ -2,6 +2,7 @@
 #include "ask/naming.h"
 
 #include "base/text.h"
+#include "facts/path_text.h"
 #include "zqp_json_text.h"
 #include "zqp_naming_uri.h"
 
@@ -160,6 +161,26 @@ NameCounts count_names(std::istream &lines, const Namer &namer)
 		return a.requests != b.requests ? a.requests > b.requests : a.name < b.name;
 	});
 	return counts;
+}
+
+static bool is_page(std::string_view path)
+{
+	const std::string_view file = path.substr(path.rfind('/') + 1);
+	const size_t dot = file.rfind('.');
+	return dot == std::string_view::npos || file.substr(dot).starts_with(".php") ||
+		file.substr(dot).starts_with(".htm");
+}
+
+std::map<std::string, int64_t> count_missing(std::istream &lines, const std::set<std::string> &seen)
+{
+	std::map<std::string, int64_t> missing;
+	for (std::string line; std::getline(lines, line);) {
+		auto request = parse_request_line(line);
+		if (!request || !is_page(request->path)) continue;
+		std::string path = mask_path(request->path);
+		if (!seen.contains(path)) missing[std::move(path)]++;
+	}
+	return missing;
 }
 
 std::string names_text(const NameCounts &counts, size_t most, size_t width, const std::string &script)

@@ -7,6 +7,7 @@
 #include <istream>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,6 +70,10 @@ struct NameCounts {
 	std::vector<int64_t> passed_over; // numbers of the first lines that are not requests, at most 5
 	int64_t passed_over_count = 0;
 };
+
+// The paths from which no packet has come, and how many requests each; digits are "*". Files with another ending than
+// PHP's do not count, as the web server hands them out by itself. `seen` are the paths from which packets came.
+std::map<std::string, int64_t> count_missing(std::istream &lines, const std::set<std::string> &seen);
 
 // Names every request of a text; empty lines and those that begin with "#" do not count.
 NameCounts count_names(std::istream &lines, const Namer &namer);
