@@ -111,7 +111,8 @@ void zq_details_locate(zq_place *place, zend_execute_data *frame TSRMLS_DC)
 unsigned zq_details_place(zq_details *details, zend_execute_data *frame, const void *kind, const void *source,
 	const char *(*vendor_of)(const void *)TSRMLS_DC)
 {
-	zq_place place = {NULL, source};
+	zq_place place = {};
+	place.source = source;
 	zq_details_locate(&place, frame TSRMLS_CC);
 	unsigned number = zq_details_add_place(details, &place, vendor_of);
 	bool lasts = frame->op_array && frame->op_array->function_name && frame->opline->opcode != ZEND_HANDLE_EXCEPTION;

@@ -131,7 +131,8 @@ static void end_call(zend_execute_data *frame, uint64 begin_us, uint64 end_us TS
 	if (!callee.func || (!is_traced && !is_component && !is_statement)) {
 		return;
 	}
-	zq_place place = {NULL, sql.source};
+	zq_place place = {};
+	place.source = sql.source;
 	zq_details_locate(&place, frame TSRMLS_CC);
 	bool has_place = elapsed_ms >= g->action_tracer_stack_trace_threshold;
 	zq_ended_call *call =

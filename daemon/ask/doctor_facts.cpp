@@ -54,7 +54,7 @@ Store open_store(const DaemonConfig &config)
 	if (!has_store(config)) return store;
 	try {
 		store.reader = open_reader(config);
-		store.reader->last_id(); // reads it
+		store.reader->position(); // reads it
 	} catch (const std::exception &failure) {
 		store.reader.reset();
 		store.trouble = failure.what();
@@ -334,7 +334,7 @@ void probe(const DaemonConfig &config, PhpCheckup &one, const std::string &path,
 	std::error_code failed;
 	const uintmax_t size = std::filesystem::file_size(log, failed);
 	const Store store = open_store(config);
-	const int64_t last = store.reader ? store.reader->last_id() : 0;
+	const int64_t last = store.reader ? store.reader->position().last_id : 0;
 	one.probed = true;
 	one.probe = send();
 	if (one.probe.trouble.empty()) one.arrived = arrives(config, last, one.probe.process, path);

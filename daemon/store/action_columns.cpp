@@ -33,7 +33,8 @@ void bind_row(Statement &insert, int first, const ActionRow &row)
 
 ActionRow read_row(Statement &select)
 {
-	ActionRow row{select.integer(0)};
+	ActionRow row;
+	row.id = select.integer(0);
 	int at = 0;
 	for (const ActionColumn &column : action_columns) {
 		at++;
