@@ -37,7 +37,7 @@
 	OTHER(FRAME, 0x35)
 
 enum zq_details_item : uint8_t {
-#define ITEM(name, number) ZQ_ITEM_##name = number,
+#define ITEM(name, number) ZQ_ITEM_##name = (number),
 	ZQ_DETAILS_ITEMS(ITEM, ITEM)
 #undef ITEM
 };

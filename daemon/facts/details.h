@@ -54,9 +54,10 @@ inline constexpr FigureRow figure_rows[] = {
 	{ZQ_ITEM_OUTPUT_BYTES, &ExactFigures::output, "output_bytes"},
 	{ZQ_ITEM_EXIT_STATUS, &ExactFigures::exit_status, "exit_status"},
 };
-#define FIGURE(name, number) +1
+#define FIGURE(name, number) ZQ_ITEM_##name,
 #define OTHER(name, number)
-static_assert(std::size(figure_rows) == 0 ZQ_DETAILS_ITEMS(FIGURE, OTHER), "a figure of the record has no row");
+inline constexpr zq_details_item figures_of_the_record[] = {ZQ_DETAILS_ITEMS(FIGURE, OTHER)};
+static_assert(std::size(figure_rows) == std::size(figures_of_the_record), "a figure of the record has no row");
 #undef FIGURE
 #undef OTHER
 

@@ -77,7 +77,7 @@ def test_which_query_repeats_and_where(host):
     blog = host.ask("queries", "--app", "Blog", "-n", "50")[1]
     theme = next(part for part in blog.split("\n\n") if "display_name" in part)
     posts = sum(page["posts"] for page in host.blog) + 1                                # and the one that checkout.php asks for
-    assert posts > 10 and f"{posts} calls" in theme and "/wp-content/themes/plain/functions.php:6\n" in theme, theme
+    assert posts > 10 and f"{posts} calls" in theme and "/wp-content/themes/plain/functions.php:6" in theme, theme
     assert re.search(r"run at +\S+/class-wpdb\.php:\d+, called from", theme), theme
 
 

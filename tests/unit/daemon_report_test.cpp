@@ -226,9 +226,9 @@ TEST(ActionPage, SaysWhyThereIsNoTraceLineOrPlan) {
     const char* told;
   } rows[] = {
       {false, 9000, {}, "", "", "", "none           command-line runs have no trace\n"},
-      {true, 1999, {}, "", "", "", "action_threshold, 2000 ms unless php.ini has another\n"},
-      {true, 299, {{"zqs.action_tracer.action_threshold", "300"}}, "", "", "", "action_threshold, 300 ms\n"},
-      {true, 2000, {}, "", "", "", "the process traced"},
+      {true, 1999, {}, "", "", "", "faster than the trace threshold, 2000 ms, unless php.ini has another"},
+      {true, 299, {{"zqs.action_tracer.action_threshold", "300"}}, "", "", "", "faster than the trace threshold, 300 ms (zqs.action_tracer.action_threshold)\n"},
+      {true, 2000, {}, "", "", "", "its process traced"},
       {true, 1, {}, "", "", "", "no lines       statements have their stacks and plans only in actions with a trace\n"},
       {true, 9000, {}, trace, "", "", "no lines       only statements that take zqs.action_tracer.slow_sql_threshold"},
       {true, 9000, {}, trace, stack, "", "no plans       only with zqs.action_tracer.explain_enabled = 1"},
