@@ -83,7 +83,7 @@ def test_which_query_repeats_and_where(host):
 
 def test_its_plan_and_what_to_do(host):
     text = host.ask("queries", "--app", "Shop", "-n", "1")[1]
-    assert "scans the table reviews (about 2" in text and "CREATE INDEX reviews_product ON reviews (product)" in text, text
+    assert re.search(r"scans the table reviews \(about \d+ rows\)", text) and "CREATE INDEX reviews_product ON reviews (product)" in text, text
 
 
 def test_which_errors_where_and_new_since_when(host):
