@@ -265,12 +265,14 @@ def test_a_profile_shows_the_calls_of_an_application(real):
             "callgrind": "^# callgrind format\n", "speedscope": '"type":"evented","unit":"milliseconds"'}
     with ExitStack() as ended:
         command = [QUORBIT, "profile", "Shop", "1s", "--root", real.site.root, "--format"]
-        running = {form: subprocess.Popen([*command, form], stdout=subprocess.PIPE, text=True) for form in said}
-        for profile in running.values():
+        output = {form: open(real.site.root / form, "w+") for form in said}         # a pipe would fill while nobody reads it
+        running = {form: subprocess.Popen([*command, form], stdout=output[form]) for form in said}
+        for form, profile in running.items():
+            ended.enter_context(output[form])
             ended.enter_context(profile)
             ended.callback(profile.kill)
         wait_until(lambda: real.php(PROFILED) == b"" and all(p.poll() is not None for p in running.values()), "the profiles", 30)
-        printed = {form: profile.stdout.read() for form, profile in running.items()}
+        printed = {form: (real.site.root / form).read_text() for form in said}
     for form, expected in said.items():
         assert re.search(expected, printed[form]), printed[form]
     calls = real.site.root / "callgrind.out"

@@ -1,7 +1,7 @@
 // The dry run of naming: access logs hold what clients sent, and the report of their names must be harmless text that leaves no
 // request out.
 // Input: naming rules and the list of captured parameters, each in a line, then the log.
-// sources: daemon/ask/naming.cpp daemon/ask/naming_request.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp ext/zqp_naming_rules.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp
+// sources: daemon/ask/naming.cpp daemon/ask/naming_request.cpp daemon/facts/path_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp ext/zqp_naming_rules.cpp ext/zqp_helper_regex.cpp ext/zqp_helper_regex_read.cpp
 // libraries: libcjson
 #include <algorithm>
 #include <sstream>

@@ -1,7 +1,7 @@
 // What agents send to the local daemon, decoded, summed, cut to its share and reported: every packet that is taken prints as
 // harmless text and as JSON that strict parsers take, in every width and form.
 // Input: a number for the width, then the packet's body.
-// sources: daemon/facts/packet.cpp daemon/facts/record_kinds.cpp daemon/facts/details.cpp daemon/facts/wire.cpp daemon/facts/share.cpp daemon/facts/keys.cpp daemon/facts/sums.cpp daemon/facts/histogram.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/print/page.cpp daemon/facts/plan.cpp daemon/facts/plan_advice.cpp daemon/facts/sql_text.cpp daemon/facts/trace.cpp daemon/print/trace_text.cpp daemon/print/trace_shapes.cpp daemon/print/report_action.cpp daemon/print/report_sql.cpp daemon/print/report_json.cpp daemon/print/report_list.cpp daemon/print/report_profile.cpp
+// sources: daemon/facts/packet.cpp daemon/facts/record_kinds.cpp daemon/facts/details.cpp daemon/facts/wire.cpp daemon/facts/share.cpp daemon/facts/keys.cpp daemon/facts/places.cpp daemon/facts/path_text.cpp daemon/facts/sums.cpp daemon/facts/histogram.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/print/page.cpp daemon/facts/plan.cpp daemon/facts/plan_advice.cpp daemon/facts/sql_text.cpp daemon/facts/trace.cpp daemon/print/trace_text.cpp daemon/print/trace_shapes.cpp daemon/print/report_action.cpp daemon/print/report_sql.cpp daemon/print/report_json.cpp daemon/print/report_list.cpp daemon/print/report_profile.cpp
 // libraries: nlohmann_json sqlite3
 #include "facts/keys.h"
 #include "print/report.h"
