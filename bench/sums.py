@@ -62,7 +62,7 @@ def fill(path):
     now = int(time.time())
     share = 1 / list(accumulate(1 / rank for rank in range(1, NAMES + 1)))[-1]
     for kind, name in KINDS.items():
-        store.executemany("INSERT INTO sum_key VALUES (?,?,'Shop',?,'','','','','','',0,'','',?,?)",
+        store.executemany("INSERT INTO sum_key VALUES (?,?,'Shop',?,'','','','','','',0,'','',?,?,'')",
                           ((kind * 100_000 + i, kind, name % i, now * 1000, now * 1000) for i in range(NAMES)))
         for table, unit, units in (("sum_hour", 3600, 7 * 24), ("sum_minute", 60, 3 * 1440)):
             rates = [REQUESTS * unit * share / (i + 1) for i in range(NAMES)]
