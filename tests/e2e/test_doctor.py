@@ -87,7 +87,7 @@ def doctor(real):
                 os.kill(int(folder.name), signal.SIGTERM)
     if found.second:
         found.second.wait(10)
-    subprocess.run(["umount", found.logs], stderr=subprocess.DEVNULL)
+    subprocess.run(["umount", "-l", found.logs], stderr=subprocess.DEVNULL)
 
 
 def test_a_sound_host_is_told_so_with_a_request_through_each_way(doctor):
