@@ -17,7 +17,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fcntl.h>
-#include <glob.h>
 #include <grp.h>
 #include <set>
 #include <sys/socket.h>
@@ -31,15 +30,6 @@ namespace quorbit {
 namespace {
 
 constexpr auto most_wait = std::chrono::seconds(2); // for an action to arrive
-
-std::vector<std::string> matching(const std::string &pattern)
-{
-	glob_t found = {};
-	std::vector<std::string> paths;
-	if (glob(pattern.c_str(), 0, nullptr, &found) == 0) paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-	globfree(&found);
-	return paths;
-}
 
 // --- the store
 
@@ -244,7 +234,8 @@ PhpCheckup checkup_of(PhpBinary php, bool named)
 	one.title = php.path;
 	one.named = named;
 	one.loading = loading_ini_files(php);
-	if (php.is_program()) {
+	// Without a version it was not run, because other accounts can change it: nor is it here.
+	if (php.is_program() && !php.version.empty()) {
 		const std::string info = php_info(php);
 		one.complaint = complaint_in(info);
 		one.xdebug_as_extension = info.find("Xdebug MUST be loaded as a Zend extension") != std::string::npos;

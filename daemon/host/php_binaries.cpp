@@ -46,15 +46,6 @@ constexpr const char *usual_modules[] = {
 	"/usr/local/apache2/modules/libphp*.so",
 };
 
-std::vector<std::string> matching(const std::string &pattern)
-{
-	glob_t found = {};
-	std::vector<std::string> paths;
-	if (glob(pattern.c_str(), 0, nullptr, &found) == 0) paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
-	globfree(&found);
-	return paths;
-}
-
 // "php", "php5.6", "php-fpm5.6", "php5-cgi" and the like.
 bool is_php_name(const std::string &name)
 {
@@ -234,6 +225,15 @@ std::vector<PhpBinary> php_binaries()
 		}
 	}
 	return found;
+}
+
+std::vector<std::string> matching(const std::string &pattern)
+{
+	glob_t found = {};
+	std::vector<std::string> paths;
+	if (glob(pattern.c_str(), 0, nullptr, &found) == 0) paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+	globfree(&found);
+	return paths;
 }
 
 PhpBinary php_binary(const std::string &path)

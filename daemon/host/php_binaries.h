@@ -34,6 +34,9 @@ std::vector<PhpBinary> php_binaries();
 // The one at this path, whoever owns it. Throws std::runtime_error when it is not PHP.
 PhpBinary php_binary(const std::string &path);
 
+// Paths that match a shell pattern, sorted; none when nothing does or the folder cannot be read.
+std::vector<std::string> matching(const std::string &pattern);
+
 // What this PHP prints about itself (-i) as lines "name => value", with these settings beside its own. The agent in it,
 // if any, finds no daemon and starts none.
 std::string php_info(const PhpBinary &php, const std::vector<std::string> &settings = {});

@@ -109,6 +109,15 @@ def test_a_sound_host_is_told_so_with_a_request_through_each_way(doctor):
     assert doctor() == (0, {})
 
 
+def test_a_program_that_another_account_can_change_is_not_run(doctor):
+    ran = doctor.site.root / "ran"
+    doctor.program(f"touch {ran}")
+    doctor.php.chmod(0o777)
+    run = subprocess.run([QUORBIT, "doctor", "--root", doctor.root, "--proc", doctor.proc], capture_output=True, text=True, timeout=60,
+                         env={"PATH": f"{doctor.php.parent}:{os.environ['PATH']}"})
+    assert f"{doctor.php} cannot load the agent" in run.stdout and not ran.exists()
+
+
 def no_folder(doctor):
     shutil.rmtree(doctor.logs)
 
