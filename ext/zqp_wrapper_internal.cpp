@@ -1,5 +1,6 @@
 /* Dispatch around every internal call: which function or method of the engine or an extension is handled, by what, and
  * under which condition. To watch another one, add a row; nothing below the tables knows a name. */
+#include <algorithm>
 #include <span>
 
 #include "zqp_exception.h"
@@ -181,21 +182,16 @@ constexpr auto class_rows = std::to_array<zq_class_row>({
 	{"HttpRequest", http_request_methods},
 });
 
-/* A method that has a row of its own is one whose calls are wanted, and its recorder passes over all but the operations
- * that zqp_nosql.h lists. */
-consteval bool listed_methods_count()
+/* A method that has a row of its own is one whose calls are wanted, and the recorders of these lists pass over all but the
+ * operations that zqp_nosql.h lists. */
+consteval bool names_only_operations(std::span<const zq_after_row> methods)
 {
-	for (const zq_class_row &row : class_rows) {
-		for (const zq_after_row &method : row.methods) {
-			bool by_list = method.record == performance_memcached || method.record == performance_mongo_collection;
-			if (by_list && method.name.hash != zq_name_hash("*") && !zq_is_data_operation(method.name.hash)) {
-				return false;
-			}
-		}
-	}
-	return true;
+	return std::ranges::all_of(methods, [](const zq_after_row &method) {
+		return method.name.hash == zq_name_hash("*") || zq_is_data_operation(method.name.hash);
+	});
 }
-static_assert(listed_methods_count(), "a method of a cache or collection is not among the operations of zqp_nosql.h");
+static_assert(names_only_operations(memcached_methods) && names_only_operations(mongo_collection_methods),
+	"a method of a cache or collection is not among the operations of zqp_nosql.h");
 
 constexpr auto before_index = zq_index_names(before_rows);
 constexpr auto after_index = zq_index_names(after_rows);
