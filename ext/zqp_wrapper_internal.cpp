@@ -182,8 +182,8 @@ constexpr auto class_rows = std::to_array<zq_class_row>({
 	{"HttpRequest", http_request_methods},
 });
 
-/* A method that has a row of its own is one whose calls are wanted, and the recorders of these lists pass over all but the
- * operations that zqp_nosql.h lists. */
+/* A method that has a row of its own is one whose calls are wanted, and the recorders of these lists pass over all but
+ * the operations that zqp_nosql.h lists. */
 consteval bool names_only_operations(std::span<const zq_after_row> methods)
 {
 	return std::ranges::all_of(methods, [](const zq_after_row &method) {
