@@ -1,10 +1,11 @@
 #!/usr/bin/python3
 """Calls and includes go one way, by the tables of layers in docs/architecture.md: no module names one of a layer above its
 own, and no modules name each other in a circle. Calls are read from the objects of a finished build, so that what the
-compiler has inlined does not count."""
+compiler has inlined does not count. And the table of the daemon's parts names every file, and none that is not there."""
 import re
 import subprocess
 import sys
+from fnmatch import fnmatch
 from graphlib import CycleError, TopologicalSorter
 from pathlib import Path
 
@@ -58,6 +59,19 @@ def faults(pairs, layers):
         yield "a circle: " + " -> ".join(circle.args[1])
 
 
+def unnamed_parts(table):
+    """`base/{account,clock}` and `ask/manual*` stand for several files."""
+    patterns = []
+    for name in re.findall(r"`(\w+/[^`]+)`", "".join(re.findall(r"^\| (.*?) \|", table, re.M))):
+        folder, _, list_of = name.partition("/")
+        patterns += [f"{folder}/{one}" for one in list_of.strip("{}").split(",")]
+    parts = {str(path.relative_to(PROJECT / "daemon").with_suffix("")) for path in (PROJECT / "daemon").glob("*/*")}
+    yield from (f"daemon/{part} is in no row of docs/architecture.md" for part in sorted(parts)
+                if not any(fnmatch(part, pattern) for pattern in patterns))
+    yield from (f"docs/architecture.md names {pattern}, which is not there" for pattern in patterns
+                if not any(fnmatch(part, pattern) for part in parts))
+
+
 def extension_module(path):
     return re.match(r"\w+", Path(path).name)[0]
 
@@ -75,5 +89,7 @@ for name, target, module_of in (("ext", "zqprof_objects", extension_module), ("d
         sys.exit(f"{name}/ is not built")
     for pairs in (calls(objects, module_of), includes(name, module_of)):
         found += faults(pairs, layers_of(name))
+architecture = (PROJECT / "docs/architecture.md").read_text()
+found += unnamed_parts(architecture[architecture.index("## The daemon"):architecture.index("### Questions and answers")])
 print("\n".join(dict.fromkeys(found)) or "calls and includes go one way")
 sys.exit(bool(found))

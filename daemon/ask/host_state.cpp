@@ -20,7 +20,6 @@ namespace quorbit {
 
 namespace {
 
-constexpr int64_t minute_ms = 60000;
 constexpr int minutes_looked_back = 60;
 
 FolderFacts folder_facts(const DaemonConfig &config)

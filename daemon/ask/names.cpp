@@ -47,7 +47,7 @@ auto count_file(const std::string &path, const Count &count)
 // Paths from which packets came in the last `days`.
 std::set<std::string> seen_paths(Reader &store, int64_t days)
 {
-	constexpr int64_t day_ms = 86400000, most_paths = 100000;
+	constexpr int64_t most_paths = 100000;
 	SumQuestion question;
 	question.key = SumKey::path;
 	question.filter.range = {wall_clock_ms() - days * day_ms, wall_clock_ms()};

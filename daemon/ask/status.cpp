@@ -36,7 +36,7 @@ void print_for_people(const DaemonConfig &config, const HostFacts &facts, const 
 	const std::string processes = processes_text(facts, list_width());
 	put("\n" + (processes.empty() ? "There is no PHP process on this host.\n" : processes));
 	if (!applications.empty()) put("\n" + status_text(applications, facts.now_ms));
-	if (may_read) put(dropped_text(open_reader(config)->dropped({facts.now_ms - 86400000}, "")));
+	if (may_read) put(dropped_text(open_reader(config)->dropped({facts.now_ms - day_ms}, "")));
 	auto has_sent = [](const ApplicationRow &row) { return row.packets > 0; };
 	if (may_read && std::none_of(applications.begin(), applications.end(), has_sent))
 		put("\nNothing has been received yet.\n");

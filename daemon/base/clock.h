@@ -8,6 +8,9 @@
 
 namespace quorbit {
 
+// Units of the times and spans that are counted in milliseconds.
+constexpr int64_t minute_ms = 60000, hour_ms = 60 * minute_ms, day_ms = 24 * hour_ms;
+
 // Local time "2024-05-31 13:45:12" of milliseconds since 1970.
 std::string local_time(int64_t wall_ms);
 

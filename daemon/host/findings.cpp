@@ -214,7 +214,8 @@ void silent(const HostFacts &facts, const char *check, Findings &findings)
 		const int64_t since = std::max(report.packet_ms, started_ms(group));
 		if (!concerned || facts.now_ms - since < silent_ms) continue;
 		add(findings, check,
-			who({&group}) + "no packet for " + std::to_string((facts.now_ms - since) / 60000) + " min, though at work",
+			who({&group}) + "no packet for " + std::to_string((facts.now_ms - since) / minute_ms) +
+				" min, though at work",
 			"is it a single request that takes so long? else look at the end of " + facts.folder.path +
 				"/php-agent.log, and whether zqs.urls_captured or zqs.agent_enabled leave these requests out",
 			ids({&group}));

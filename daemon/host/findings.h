@@ -2,6 +2,7 @@
 // else tells of the host's state takes them from here.
 #pragma once
 
+#include "base/clock.h"
 #include "host/processes.h"
 
 #include <optional>
@@ -75,7 +76,7 @@ struct Finding {
 };
 
 // A process that has been working for this long and has sent nothing is a finding.
-constexpr int64_t silent_ms = 5 * 60000;
+constexpr int64_t silent_ms = 5 * minute_ms;
 
 // In the order of the table of checks; empty when nothing is amiss.
 std::vector<Finding> findings_of(const HostFacts &facts);

@@ -1,4 +1,5 @@
 // Asking for all that is told of a list of sums, or of one key.
+#include "base/clock.h"
 #include "print/report_sums.h"
 
 #include <algorithm>
@@ -36,7 +37,6 @@ SumList sum_list(Reader &store, const SumQuestion &question)
 
 const ReleaseRow *new_since(const SumList &list, const KeyFacts &key)
 {
-	constexpr int64_t minute_ms = 60000; // to which it is known when a key was seen first
 	auto is_for = [&key](
 					  const ReleaseRow &row) { return row.application.empty() || row.application == key.application; };
 	auto last = std::find_if(list.releases.rbegin(), list.releases.rend(), is_for);
@@ -46,7 +46,6 @@ const ReleaseRow *new_since(const SumList &list, const KeyFacts &key)
 
 int64_t step_of(const TimeRange &range, int64_t points)
 {
-	constexpr int64_t minute_ms = 60000, hour_ms = 3600000;
 	const int64_t length_ms = range.until_ms - range.from_ms;
 	if (length_ms > points * hour_ms / 2) return std::max(length_ms / points / hour_ms * hour_ms, hour_ms);
 	return std::max(length_ms / points / minute_ms * minute_ms, minute_ms);

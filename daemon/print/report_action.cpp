@@ -257,7 +257,7 @@ void print_rest(const Action &action, Page &page)
 
 std::string queue_text(const ActionRow &row, int64_t queued_ms, int64_t boot_wall_ms)
 {
-	constexpr int64_t most_ms = 600000;
+	constexpr int64_t most_ms = 10 * minute_ms;
 	int64_t begin_ms = row.received_ms - row.duration_ms;
 	bool before_boot = begin_ms >= boot_wall_ms && begin_ms - queued_ms < boot_wall_ms;
 	bool usable = queued_ms >= 0 && queued_ms <= most_ms && !before_boot;

@@ -21,7 +21,7 @@ namespace quorbit {
 
 namespace {
 
-constexpr int64_t minute_ms = 60000, day_minutes = 24 * 60;
+constexpr int64_t day_minutes = 24 * 60;
 // Minutes of the day at which something happened.
 constexpr int64_t first_release = 150, outage_from = 600, outage_until = 632, second_release = 1050;
 constexpr uint64_t seed = 20160415;
@@ -121,7 +121,7 @@ ProcessGroup pool_of(const char *name, const char *application, int first, int c
 		process.server = PhpServer::fpm;
 		process.pool = name;
 		process.agent = agent;
-		process.started_ms = now_ms - 86400000;
+		process.started_ms = now_ms - day_ms;
 		group.processes.push_back(std::move(process));
 	}
 	group.report.applications = {application};

@@ -1,6 +1,7 @@
 // The pages of the shop and of the stock service behind it.
 #include "sample/sample_shop.h"
 
+#include "base/clock.h"
 #include "sample/sample_action.h"
 
 #include <algorithm>
@@ -265,7 +266,7 @@ std::vector<SamplePacket> SampleShop::minute(const SampleMoment &moment)
 		const auto whole = static_cast<int64_t>(expected);
 		const int64_t count = whole + (random_.share() < expected - static_cast<double>(whole));
 		for (int64_t i = 0; i < count; i++) {
-			const int64_t at_ms = moment.at_ms + random_.below(60000), process = 2100 + random_.below(6);
+			const int64_t at_ms = moment.at_ms + random_.below(minute_ms), process = 2100 + random_.below(6);
 			Visit visit{random_, moment, 1000 + random_.below(8000)};
 			const bool numbered = *page.path && page.path[1] && std::string(page.path).ends_with('/');
 			SampleAction action(

@@ -1,6 +1,7 @@
 // Comparing by sums: the same for every store.
 #include "store/comparison.h"
 
+#include "base/clock.h"
 #include "facts/rank_test.h"
 #include "facts/rate_test.h"
 
@@ -15,12 +16,11 @@ namespace {
 constexpr int64_t fewest_samples = 20;
 constexpr double most_chance = 0.01, least_change = 0.05;
 constexpr int64_t most_keys = 20000;
-constexpr int64_t minute_ms = 60000;
-constexpr int64_t most_ms = int64_t{24} * 3600000; // on each side of a release
+constexpr int64_t most_ms = day_ms; // on each side of a release
 
 double hours_of(const TimeRange &range)
 {
-	return std::max(static_cast<double>(range.until_ms - range.from_ms) / 3600000.0, 1e-3);
+	return std::max(static_cast<double>(range.until_ms - range.from_ms) / static_cast<double>(hour_ms), 1e-3);
 }
 
 struct Pair {

@@ -1,6 +1,8 @@
 // Parts, places, and what is kept of what was judged.
 #include "store/holders.h"
 
+#include "base/clock.h"
+
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -11,7 +13,6 @@ namespace {
 
 constexpr int64_t bytes_of_a_place = int64_t{256} << 10;
 constexpr int64_t least_places = 32, most_places = 4096;
-constexpr int64_t day_ms = 86400000, hour_ms = 3600000;
 
 } // namespace
 

@@ -2,6 +2,7 @@
 // nothing of the database that keeps it. A store answers them by implementing Reader.
 #pragma once
 
+#include "base/clock.h"
 #include "facts/keys.h"
 #include "store/action_row.h"
 
@@ -78,13 +79,13 @@ struct SumQuestion {
 struct SeriesQuestion {
 	SumKey key = SumKey::action;
 	SumFilter filter = {};
-	int64_t step_ms = 60000; // a multiple of a minute; where only hours are left, an hour is one part
+	int64_t step_ms = minute_ms; // a multiple of a minute; where only hours are left, an hour is one part
 };
 
 // What the machine did: load, memory, processes of PHP.
 struct MachineQuestion {
 	TimeRange range;
-	int64_t step_ms = 60000;
+	int64_t step_ms = minute_ms;
 	std::string host = {};
 };
 

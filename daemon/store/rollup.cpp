@@ -1,6 +1,8 @@
 // Adding to the sums and writing them.
 #include "store/rollup.h"
 
+#include "base/clock.h"
+
 #include <algorithm>
 #include <ctime>
 
@@ -8,7 +10,7 @@ namespace quorbit {
 
 namespace {
 
-constexpr int64_t minute_ms = 60000, minutes_per_hour = 60;
+constexpr int64_t minutes_per_hour = 60;
 constexpr int64_t row_bytes = 24;      // of a row beside its sums, pages half empty included
 constexpr size_t most_entries = 30000; // in memory after writing
 constexpr size_t most_known = 20000;   // in memory

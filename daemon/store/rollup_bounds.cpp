@@ -1,4 +1,5 @@
 // What is no longer kept of the sums.
+#include "base/clock.h"
 #include "store/rollup.h"
 
 #include <algorithm>
@@ -7,7 +8,7 @@ namespace quorbit {
 
 namespace {
 
-constexpr int64_t minute_ms = 60000, minutes_per_day = 1440, hours_per_day = 24, minutes_per_hour = 60;
+constexpr int64_t minutes_per_day = 1440, hours_per_day = 24, minutes_per_hour = 60;
 constexpr int64_t row_bytes = 24;       // as in rollup.cpp
 constexpr int64_t fewest_minutes = 120; // are kept whatever they take
 constexpr int64_t swept_keys = 200;     // in one step

@@ -1,4 +1,5 @@
 // What the machine did, and releases: small tables of their own.
+#include "base/clock.h"
 #include "store/sqlite_sums.h"
 
 #include <algorithm>
@@ -6,8 +7,6 @@
 namespace quorbit {
 
 namespace {
-
-constexpr int64_t minute_ms = 60000;
 
 } // namespace
 

@@ -1,7 +1,8 @@
-// Finding the rows of a range and of keys, and adding them up.
+// Reading the rows of keys in the parts of a range.
 #include "store/sqlite_sums.h"
 
-#include "base/clock.h"
+#include "store/sum_plan.h"
+#include "store/sum_rows.h"
 
 #include <algorithm>
 #include <map>
@@ -11,16 +12,6 @@
 namespace quorbit {
 
 namespace {
-
-constexpr int64_t minute_ms = 60000, hour_ms = 3600000;
-
-// Rows of one table: `from` <= time < until, in its unit.
-struct Part {
-	bool hours;
-	int64_t from, until;
-
-	int64_t unit_ms() const { return hours ? hour_ms : minute_ms; }
-};
 
 KeyKind kind_of(SumKey key)
 {
@@ -34,74 +25,6 @@ KeyKind kind_of(SumKey key)
 	default: return KeyKind::action;
 	}
 }
-
-int64_t floor_to(int64_t value, int64_t unit)
-{
-	return value / unit * unit;
-}
-
-int64_t ceil_to(int64_t value, int64_t unit)
-{
-	return floor_to(value + unit - 1, unit);
-}
-
-// The time that there are rows of: a question may ask from the beginning to the end of time.
-struct Kept {
-	int64_t first_ms, end_ms; // of hours, and of the last minute
-	int64_t minutes_from_ms;  // from there on every hour has its minutes
-
-	explicit Kept(Database &database)
-	{
-		auto edge = [&database](const char *sql) { return database.integer(sql); };
-		first_ms = edge("SELECT min(hour) FROM sum_hour WHERE kind = 1") * hour_ms;
-		const int64_t hours_end_ms = (edge("SELECT max(hour) FROM sum_hour WHERE kind = 1") + 1) * hour_ms;
-		const int64_t minutes_end_ms = (edge("SELECT max(minute) FROM sum_minute WHERE kind = 1") + 1) * minute_ms;
-		const bool any_minutes = minutes_end_ms > hours_end_ms - hour_ms;
-		end_ms = any_minutes ? minutes_end_ms : hours_end_ms;
-		const int64_t first_minute_ms = edge("SELECT min(minute) FROM sum_minute WHERE kind = 1") * minute_ms;
-		const bool all_there = any_minutes && floor_to(first_minute_ms, hour_ms) <= first_ms;
-		minutes_from_ms = all_there ? first_ms : any_minutes ? ceil_to(first_minute_ms, hour_ms) : hours_end_ms;
-	}
-};
-
-// Of what a range is made: minutes as far as there are any, hours alone, or whole hours by hour and the rest by minute.
-enum class Grain { minutes, hours, fewest_rows };
-
-class Plan {
-public:
-	Plan(Database &database, const TimeRange &range, Grain grain)
-	{
-		const Kept kept(database);
-		int64_t from = std::max(floor_to(std::max(range.from_ms, int64_t{0}), minute_ms), kept.first_ms);
-		// Nothing lies beyond the last minute; what is asked for beyond it is part of the range all the same.
-		const int64_t asked = range.until_ms == INT64_MAX ? kept.end_ms : std::max(range.until_ms, int64_t{0});
-		int64_t until = ceil_to(std::min(asked, kept.end_ms), minute_ms);
-		if (grain == Grain::hours || from < kept.minutes_from_ms) from = floor_to(from, hour_ms);
-		if (grain == Grain::hours || until <= kept.minutes_from_ms) until = ceil_to(until, hour_ms);
-		range_ = {from, std::max({from, until, ceil_to(asked, minute_ms)})};
-		// The last hour has nothing after the last minute.
-		const int64_t hours_until = until >= kept.end_ms ? ceil_to(until, hour_ms) : floor_to(until, hour_ms);
-		int64_t hours_from = ceil_to(from, hour_ms), hours_end = hours_until;
-		if (grain == Grain::minutes) hours_end = std::min(hours_until, kept.minutes_from_ms);
-		if (hours_from >= hours_end) hours_from = hours_end = until;
-		add(false, from, hours_from);
-		add(true, hours_from, hours_end);
-		add(false, hours_end, until);
-	}
-
-	const TimeRange &range() const { return range_; }
-	const std::vector<Part> &parts() const { return parts_; }
-
-private:
-	void add(bool hours, int64_t from, int64_t until)
-	{
-		const int64_t unit = hours ? hour_ms : minute_ms;
-		if (from < until) parts_.push_back({hours, from / unit, until / unit});
-	}
-
-	TimeRange range_;
-	std::vector<Part> parts_;
-};
 
 constexpr const char *key_columns =
 	"id, application, name, vendor, subject, verb, place, finding, suggestion, finding_ms, "
@@ -163,14 +86,14 @@ constexpr PartSql hour_sql = {"SELECT sums FROM sum_hour WHERE kind = ? AND hour
 // Calls on_row with the key, the time and its length in milliseconds, and the sums of every row that the filter lets
 // through.
 template <typename OnRow>
-void each_row(Database &database, const Plan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
+void each_row(Database &database, const SumPlan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
 {
 	const KeySet keys(database, kind, filter);
-	auto give = [&](int64_t id, const Part &part, int64_t at, Statement &select, int column) {
+	auto give = [&](int64_t id, const SumPart &part, int64_t at, Statement &select, int column) {
 		if (keys.lets_through(id))
 			on_row(keys.knows(id) ? id : 0, at * part.unit_ms(), part.unit_ms(), select.text(column));
 	};
-	for (const Part &part : plan.parts()) {
+	for (const SumPart &part : plan.parts()) {
 		const PartSql &sql = part.hours ? hour_sql : minute_sql;
 		if (keys.is_small()) {
 			Statement select(database, sql.of_key);
@@ -191,7 +114,7 @@ void each_row(Database &database, const Plan &plan, KeyKind kind, const SumFilte
 
 // The same for what belongs to another key: the parts of an action, or the actions that had a part.
 template <typename OnRow>
-void each_use(Database &database, const Plan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
+void each_use(Database &database, const SumPlan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
 {
 	const KeySet keys(database, kind, filter);
 	const bool actions = kind == KeyKind::action;
@@ -210,71 +133,13 @@ void each_use(Database &database, const Plan &plan, KeyKind kind, const SumFilte
 }
 
 template <typename OnRow>
-void each(Database &database, const Plan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
+void each(Database &database, const SumPlan &plan, KeyKind kind, const SumFilter &filter, OnRow on_row)
 {
 	if (!filter.host.empty() && filter.host != this_host()) return;
 	if (filter.within)
 		each_use(database, plan, kind, filter, on_row);
 	else
 		each_row(database, plan, kind, filter, on_row);
-}
-
-double rank_of(const Sums &sums, SumOrder order)
-{
-	switch (order) {
-	case SumOrder::total: return static_cast<double>(sums.total_us);
-	case SumOrder::count: return static_cast<double>(sums.count);
-	case SumOrder::average:
-		return sums.count ? static_cast<double>(sums.total_us) / static_cast<double>(sums.count) : 0;
-	case SumOrder::p95: return static_cast<double>(sums.durations.percentile_us(0.95));
-	case SumOrder::p99: return static_cast<double>(sums.durations.percentile_us(0.99));
-	case SumOrder::errors: return static_cast<double>(sums.errors);
-	case SumOrder::statements: return static_cast<double>(sums.statements);
-	}
-	return 0;
-}
-
-// Adds rows up, by key.
-class Adder {
-public:
-	Adder(const TimeRange &range, int64_t points) : range_(range), points_(points) {}
-
-	void add(int64_t id, int64_t at_ms, std::string_view bytes)
-	{
-		SumRow &row = rows_[id];
-		if (points_ == 0) {
-			row.sums.add_bytes(bytes);
-			return;
-		}
-		const Sums &sums = row.sums;
-		const TrendPoint before{sums.count, sums.errors, sums.total_us};
-		row.sums.add_bytes(bytes);
-		row.trend.resize(static_cast<size_t>(points_));
-		const int64_t whole = std::max(range_.until_ms - range_.from_ms, int64_t{1});
-		auto at = std::clamp((at_ms - range_.from_ms) * points_ / whole, int64_t{0}, points_ - 1);
-		TrendPoint &point = row.trend[static_cast<size_t>(at)];
-		point.count += sums.count - before.count;
-		point.errors += sums.errors - before.errors;
-		point.total_us += sums.total_us - before.total_us;
-	}
-
-	std::unordered_map<int64_t, SumRow> &rows() { return rows_; }
-
-private:
-	TimeRange range_;
-	int64_t points_;
-	std::unordered_map<int64_t, SumRow> rows_;
-};
-
-void add_row(SumRow &to, SumRow &from)
-{
-	to.sums.add(from.sums);
-	to.trend.resize(std::max(to.trend.size(), from.trend.size()));
-	for (size_t i = 0; i < from.trend.size(); i++) {
-		to.trend[i].count += from.trend[i].count;
-		to.trend[i].errors += from.trend[i].errors;
-		to.trend[i].total_us += from.trend[i].total_us;
-	}
 }
 
 // Sums of actions as those of their applications, or of the host.
@@ -300,22 +165,6 @@ std::vector<SumRow> merged(Database &database, SumKey key, std::unordered_map<in
 	return found;
 }
 
-void order_rows(SumAnswer &answer, SumOrder order, int64_t most)
-{
-	std::vector<std::pair<double, size_t>> ranks;
-	for (size_t i = 0; i < answer.rows.size(); i++) ranks.emplace_back(-rank_of(answer.rows[i].sums, order), i);
-	auto less = [&](const auto &a, const auto &b) {
-		const int64_t id = answer.rows[a.second].key.id, other = answer.rows[b.second].key.id;
-		return std::tuple(a.first, id, a.second) < std::tuple(b.first, other, b.second);
-	};
-	std::sort(ranks.begin(), ranks.end(), less);
-	answer.left_out = std::max(static_cast<int64_t>(ranks.size()) - most, int64_t{0});
-	ranks.resize(ranks.size() - static_cast<size_t>(answer.left_out));
-	std::vector<SumRow> rows;
-	for (const auto &[rank, index] : ranks) rows.push_back(std::move(answer.rows[index]));
-	answer.rows = std::move(rows);
-}
-
 void fill_in_keys(Database &database, std::vector<SumRow> &rows)
 {
 	Statement select(database, std::string("SELECT ") + key_columns + " FROM sum_key WHERE id = ?");
@@ -332,7 +181,7 @@ void fill_in_keys(Database &database, std::vector<SumRow> &rows)
 // for, else to none.
 class Examples {
 public:
-	Examples(Database &database, const Plan &plan, const SumQuestion &question)
+	Examples(Database &database, const SumPlan &plan, const SumQuestion &question)
 		: database_(database), plan_(plan), question_(question), find_(database, "SELECT 1 FROM action WHERE id = ?")
 	{
 	}
@@ -382,7 +231,7 @@ private:
 	}
 
 	Database &database_;
-	const Plan &plan_;
+	const SumPlan &plan_;
 	const SumQuestion &question_;
 	Statement find_;
 };
@@ -393,14 +242,14 @@ SumAnswer read_sums(Database &database, const SumQuestion &question)
 {
 	// A trend of some hours is made of minutes, a longer one of hours.
 	constexpr int64_t most_minutes_ms = 3 * hour_ms;
-	Plan plan(database, question.filter.range, question.filter.within ? Grain::hours : Grain::fewest_rows);
+	SumPlan plan(database, question.filter.range, question.filter.within ? SumGrain::hours : SumGrain::fewest_rows);
 	int64_t points = question.trend_points;
 	const int64_t length_ms = plan.range().until_ms - plan.range().from_ms;
 	if (points && !question.filter.within && length_ms <= most_minutes_ms)
-		plan = Plan(database, question.filter.range, Grain::minutes);
+		plan = SumPlan(database, question.filter.range, SumGrain::minutes);
 	else if (points)
 		points = std::clamp(length_ms / hour_ms, int64_t{1}, points);
-	Adder adder(plan.range(), points);
+	SumAdder adder(plan.range(), points);
 	each(database, plan, kind_of(question.key), question.filter,
 		[&](int64_t id, int64_t at_ms, int64_t, const std::string &bytes) { adder.add(id, at_ms, bytes); });
 	SumAnswer answer;
@@ -424,7 +273,7 @@ std::vector<SeriesPoint> read_series(Database &database, const SeriesQuestion &q
 {
 	const int64_t step_ms = std::max(floor_to(question.step_ms, minute_ms), minute_ms);
 	const bool hours = question.filter.within || step_ms % hour_ms == 0;
-	const Plan plan(database, question.filter.range, hours ? Grain::hours : Grain::minutes);
+	const SumPlan plan(database, question.filter.range, hours ? SumGrain::hours : SumGrain::minutes);
 	std::map<int64_t, SeriesPoint> points;
 	each(database, plan, kind_of(question.key), question.filter,
 		[&](int64_t, int64_t at_ms, int64_t unit_ms, const std::string &bytes) {

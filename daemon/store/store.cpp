@@ -1,6 +1,7 @@
 // The writing half: adding, and profile orders.
 #include "store/store.h"
 
+#include "base/clock.h"
 #include "base/files.h"
 #include "facts/share.h"
 #include "store/action_columns.h"
@@ -195,7 +196,11 @@ void Store::add(const StoredQuery &query)
 
 void Store::add_dropped(const std::string &application, const char *reason, int64_t count, int64_t now_wall_ms)
 {
-	drop_.bind(1, now_wall_ms / 60000 * 60000).bind(2, column_text(application)).bind(3, reason).bind(4, count).run();
+	drop_.bind(1, now_wall_ms / minute_ms * minute_ms)
+		.bind(2, column_text(application))
+		.bind(3, reason)
+		.bind(4, count)
+		.run();
 }
 
 void Store::add(const HostSample &sample, int64_t now_wall_ms)
@@ -203,7 +208,7 @@ void Store::add(const HostSample &sample, int64_t now_wall_ms)
 	Statement add(database_, machine_sql);
 	auto run = [&](const std::string &pool, int64_t load_milli, int64_t memory, int64_t available,
 				   const PoolSample &row) {
-		add.bind(1, now_wall_ms / 60000).bind(2, pool).bind(3, load_milli).bind(4, memory).bind(5, available);
+		add.bind(1, now_wall_ms / minute_ms).bind(2, pool).bind(3, load_milli).bind(4, memory).bind(5, available);
 		add.bind(6, row.busy).bind(7, row.idle).run();
 	};
 	run("", static_cast<int64_t>(sample.load * 1000), sample.memory_bytes, sample.available_bytes, {});

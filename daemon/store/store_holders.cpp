@@ -1,4 +1,5 @@
 // Which actions make room for others: what Holders says, told of the rows of the store.
+#include "base/clock.h"
 #include "store/step_timer.h"
 #include "store/store.h"
 
@@ -65,7 +66,7 @@ bool Store::knows_holders(int64_t bound_bytes, int64_t excess_bytes, StepTimer &
 const ExampleOf &Store::example_of(const HeldAction &action)
 {
 	static const ExampleOf none;
-	const int64_t hour = action.received_ms / 3600000;
+	const int64_t hour = action.received_ms / hour_ms;
 	if (action.id > rollup_.summed_id()) rollup_.write();
 	if (hour != examples_hour_ || action.id > examples_summed_id_) {
 		examples_ = rollup_.examples_of(hour);

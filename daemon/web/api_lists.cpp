@@ -15,7 +15,6 @@ namespace quorbit {
 
 namespace {
 
-constexpr int64_t minute_ms = 60000;
 constexpr int64_t most_points = 90;
 constexpr int64_t trend_points = 24;
 

@@ -1,6 +1,8 @@
 // Who may ask: the token of the link, the access token, and the sessions that they open. Safe to use from many threads.
 #pragma once
 
+#include "base/clock.h"
+
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -27,7 +29,7 @@ struct Session {
 class Sessions {
 public:
 	static constexpr size_t wrong_ones = 5; // within this time, and nobody gets in until it is over
-	static constexpr int64_t pause_ms = 60000;
+	static constexpr int64_t pause_ms = minute_ms;
 	static constexpr size_t most_sessions = 100;                  // the one unused for longest goes first
 	static constexpr int64_t idle_ms = int64_t{12} * 3600 * 1000; // and a session unused for so long
 

@@ -203,7 +203,6 @@ TEST_F(StoreTest, AFloodLeavesTheNewestAndSlowestActionsOfOthers) {
 // Ten hours of one name, three weeks ago, with an error of its own in an ordinary action of each; then floods.
 TEST_F(StoreTest, SumsOfWeeksAgoLeadToAnExampleWhateverCameSince) {
   constexpr StoreBounds bounds = {10 << 20, 1 << 20};
-  constexpr int64_t hour_ms = 3600000;
   const int64_t now_ms = wall_clock_ms(), then_ms = (now_ms - 21 * 24 * hour_ms) / hour_ms * hour_ms;
   for (bool names : {false, true}) {
     std::filesystem::remove(path_);

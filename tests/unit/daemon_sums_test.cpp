@@ -18,7 +18,7 @@
 using namespace quorbit;
 using namespace quorbit_test;
 
-constexpr int64_t minute_ms = 60000, hour_ms = 3600000, begin_ms = 1700000000000 / hour_ms * hour_ms;
+constexpr int64_t begin_ms = 1700000000000 / hour_ms * hour_ms;
 
 TEST(Histogram, KeepsPercentilesWithinItsErrorAlsoThroughItsCompactForm) {
   Histogram halves[2], read;
