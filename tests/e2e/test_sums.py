@@ -1,9 +1,11 @@
 """Questions that span actions: what real requests add up to, by each command that asks."""
 import json
+import signal
 import subprocess
 
 import pytest
 
+from support.fake_daemon import wait_until
 from support.local_daemon import QUORBIT
 
 CODE = """$db = new PDO('sqlite::memory:'); $db->exec('CREATE TABLE t (a)');
@@ -39,6 +41,29 @@ def test_statements_errors_and_their_actions_are_summed_up(real):
     assert real.command("top", "--by", "component", "--csv").startswith("id,application,name,count")
     assert len(real.command("show", "--errors", "--name", "*job*", "--slower-than", "0ms").splitlines()) == 3
     assert len(real.command("show", "--path", "/no").splitlines()) == 1
+
+
+FLOOD = """function step() {} function page() { for ($i = 0; $i < 20; $i++) step(); }
+for ($i = 0; $i < 3000; $i++) {
+    vantor_start_webaction(strtr(base_convert($i, 10, 8), '01234567', 'abcdefgh')); page(); vantor_end_webaction();
+}"""
+
+
+def test_neither_a_profile_nor_a_flood_of_names_costs_an_action(real):
+    real.php()
+    real.reports(1)
+    command = [QUORBIT, "profile", "Shop", "60s", "--format", "raw", "--root", real.site.root]
+    with open(real.site.root / "profile", "w+") as output, subprocess.Popen(command, stdout=output) as profile:
+        wait_until(lambda: "waits" in real.command("status"), "the order")
+        wait_until(lambda: real.php() == b"" and "was started" in real.command("status"), "the profile to start")
+        real.php(FLOOD, "flood.php")
+        stored = lambda: json.loads(real.command("show", "--json", "-n", "10000"))
+        wait_until(lambda: sum("/API/" in row["action"] for row in stored()) == 3000, "the flood")
+        profile.send_signal(signal.SIGINT)
+    assert (real.site.root / "profile").read_text().count("> step") == 60000
+    ids = [row["id"] for row in stored()]
+    assert ids == list(range(len(ids), 0, -1))
+    wait_until(lambda: sum(row["count"] for row in rows(real, "top", "-n", "10000")) == len(ids), "the sums, names beyond the bound included")
 
 
 @pytest.mark.parametrize("words, status, told", [
