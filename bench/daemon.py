@@ -3,7 +3,7 @@
 
     bench/daemon.py [ROW...]
 
-Rows are the sizes below and "flood", "accounts", "empty", "idle", "commands", "bounds"; all when none is named. The load comes from daemon_load.cpp,
+Rows are the sizes below and "flood", "accounts", "empty", "idle", "commands", "bounds", "week"; all when none is named. The load comes from daemon_load.cpp,
 whose clients lose a packet when an agent would. Each row has a daemon of its own, whose store is at its bound, so that each
 packet pushes out an older one. "Without loss" is the highest rate of those tried at which every packet was stored within a third
 of a second of its sending, so that no backlog hides an overload; the generator shares the machine with the daemon. Limits are held
@@ -26,6 +26,7 @@ QUORBIT = Path(os.environ.get("QUORBIT", PROJECT / "build/bin/quorbit"))        
 STORE_MB = 64
 SECONDS, AGENTS, QUERY_MS = 3, 200, 5
 GUESSES = {"859": 30_000, "3000": 10_000, "20000": 2_500, "1000000": 100}         # by bytes: the rate that is tried first
+SMALL, LEAST_RATE, MOST_SMALL_MS, MOST_SMALL_MB = "859", 20_000, 10, 100            # with sums by minute and hour
 MOST_LOST, MOST_QUERY_MS, MOST_MB, MOST_IDLE_MB = 1, 50, 384, 48
 COMMANDS = ("top", "top -n 100000", "show", "show --json", "show -n 100000", "show -n 1000000 --json", "status")
 MOST_COMMAND_MB, MOST_COMMAND_S, FULL_STORE_MB = 256, 2, 512
@@ -172,12 +173,18 @@ def size_row(record, size):
                 break
             rate = rate * 1.15 if whole else min(rate * 0.85, max(stored_rate * 1.05, rate / 2))
         if best:
-            record.add(f"{label}: without loss", "/s", [best[0]])
+            record.add(f"{label}: without loss", "/s", [best[0]], LEAST_RATE if size == SMALL else None, at_least=True)
             record.add(f"{label}: processor time of a packet", "us", [best[1]])
-            record.add(f"{label}: query meanwhile, 99th percentile", "ms", [best[2]["p99_ms"]])
+            record.add(f"{label}: query meanwhile, 99th percentile", "ms", [best[2]["p99_ms"]], MOST_SMALL_MS if size == SMALL else None)
         else:
-            record.add(f"{label}: without loss", "/s", [0])
-        record.add(f"{label}: most memory, overload included", "MB", [target.memory_mb("VmHWM")])
+            record.add(f"{label}: without loss", "/s", [0], LEAST_RATE if size == SMALL else None, at_least=True)
+        record.add(f"{label}: most memory, overload included", "MB", [target.memory_mb("VmHWM")],
+                   MOST_SMALL_MB if size == SMALL else None)
+
+
+def week_row(record):
+    from sums import week
+    week(record)
 
 
 def beside(record, what, others, query_ms=QUERY_MS, limit_ms=None, **mine):
@@ -234,15 +241,20 @@ SELECT received_ms - 1800000 + 1800000 * i / ?1, process, application, name || (
 """
 
 
+def cost_of(root, words):
+    """Megabytes and seconds of processor time that a command takes. A small process starts it: the peak begins with the size of
+    whoever starts a program."""
+    measure = ("import resource, subprocess, sys; subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL, check=True); "
+               "used = resource.getrusage(resource.RUSAGE_CHILDREN); print(used.ru_maxrss / 1024, used.ru_utime + used.ru_stime)")
+    return map(float, subprocess.check_output([sys.executable, "-c", measure, QUORBIT, *words, "--root", root], text=True).split())
+
+
 def commands_row(record):
     """What commands take on a store of the size that it has by default."""
-    measure = ("import resource, subprocess, sys; subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL); "
-               "used = resource.getrusage(resource.RUSAGE_CHILDREN); print(used.ru_maxrss / 1024, used.ru_utime + used.ru_stime)")
     with daemon() as target:
         target.fill()
         for words in COMMANDS:
-            command = [sys.executable, "-c", measure, QUORBIT, *words.split(), "--root", target.root]
-            megabytes, seconds = map(float, subprocess.check_output(command, text=True).split())
+            megabytes, seconds = cost_of(target.root, words.split())
             record.add(f"{FULL_STORE_MB} MB of actions: {words}: memory", "MB", [megabytes], MOST_COMMAND_MB)
             record.add(f"{FULL_STORE_MB} MB of actions: {words}: processor time", "s", [seconds], MOST_COMMAND_S)
 
@@ -301,7 +313,7 @@ def bounds_row(record):
 def main():
     rows = {**{size: lambda record, size=size: size_row(record, size) for size in GUESSES},
             "flood": flood_row, "accounts": accounts_row, "empty": empty_row, "idle": idle_row, "commands": commands_row,
-            "bounds": bounds_row}
+            "bounds": bounds_row, "week": week_row}
     record = Record("daemon")
     for name in sys.argv[1:] or rows:
         rows[name](record)

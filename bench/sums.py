@@ -3,11 +3,10 @@
 
     bench/sums.py [NAMES [REQUESTS]]
 
-Makes a store of NAMES actions (1,000) and REQUESTS a second (500) over a week: hours of seven days, minutes of three, each name
+The row "week" of bench/daemon.py is the same. Makes a store of NAMES actions (1,000) and REQUESTS a second (500) over a week: hours of seven days, minutes of three, each name
 in each of them, with as many statements again; written directly in the form that daemon/facts/sums.h and histogram.h describe.
 Names are as busy as those of a real site, by Zipf's law. Then it asks, five times each, and prints the medians."""
 import random
-import resource
 import sqlite3
 import statistics
 import subprocess
@@ -18,10 +17,9 @@ from itertools import accumulate
 from math import ceil, log
 from pathlib import Path
 
-from daemon import QUORBIT, Daemon
+from daemon import QUORBIT, Daemon, cost_of
 from measure import Record
 
-NAMES, REQUESTS = (int(word) for word in (sys.argv[1:] + ["1000", "500"][len(sys.argv) - 1:]))
 GAMMA = 1.02 / 0.98
 KINDS = {1: "WebAction/shop/page%d", 3: "SELECT a, b FROM t%d WHERE c = ?"}
 VARIANTS = 8                                    # of the sums of a name in a unit of time
@@ -55,47 +53,51 @@ def sums(rng, count):
     return b"".join(map(varint, row))
 
 
-def fill(path):
+def fill(path, names, requests):
     store = sqlite3.connect(path)
     store.execute("PRAGMA synchronous = OFF")
     rng = random.Random(1)
     now = int(time.time())
-    share = 1 / list(accumulate(1 / rank for rank in range(1, NAMES + 1)))[-1]
+    share = 1 / list(accumulate(1 / rank for rank in range(1, names + 1)))[-1]
     for kind, name in KINDS.items():
         store.executemany("INSERT INTO sum_key VALUES (?,?,'Shop',?,'','','','','','',0,'','',?,?,'')",
-                          ((kind * 100_000 + i, kind, name % i, now * 1000, now * 1000) for i in range(NAMES)))
+                          ((kind * 100_000 + i, kind, name % i, now * 1000, now * 1000) for i in range(names)))
         for table, unit, units in (("sum_hour", 3600, 7 * 24), ("sum_minute", 60, 3 * 1440)):
-            rates = [REQUESTS * unit * share / (i + 1) for i in range(NAMES)]
+            rates = [requests * unit * share / (i + 1) for i in range(names)]
             variants = [[sums(rng, max(round(rate), 1)) for _ in range(VARIANTS)] for rate in rates]
             last = now // unit
             store.executemany(f"INSERT INTO {table} VALUES (?,?,?,?)",
                               ((kind, at, kind * 100_000 + i, variants[i][(at + i) % VARIANTS])
-                               for at in range(last - units + 1, last + 1) for i in range(NAMES)))
-            print(f"    {table}, kind {kind}: {units * NAMES} rows of {statistics.mean(len(v) for row in variants for v in row):.0f} bytes",
+                               for at in range(last - units + 1, last + 1) for i in range(names)))
+            print(f"    {table}, kind {kind}: {units * names} rows of {statistics.mean(len(v) for row in variants for v in row):.0f} bytes",
                   flush=True)
     store.commit()
     store.close()
 
 
 def ask(root, words):
-    """Milliseconds and the peak of memory, the start of the command included."""
+    """Milliseconds, the start of the command included."""
     begin = time.monotonic()
     subprocess.run([QUORBIT, *words, "--root", root], stdout=subprocess.DEVNULL, check=True)
     return (time.monotonic() - begin) * 1000
 
 
-def main():
-    record = Record("sums")
+def week(record, names=1000, requests=500):
     with tempfile.TemporaryDirectory(prefix="quorbit-bench-") as folder:
         target = Daemon(Path(folder))
         path = target.folder / "quorbit.db"
         target.wait_stored("", 0, 1)
         target.end()
-        fill(path)
-        record.add("the store", "MB", [path.stat().st_size / 2**20])
+        fill(path, names, requests)
+        record.add("sums of a week: the store", "MB", [path.stat().st_size / 2**20])
         for name, words in QUESTIONS.items():
-            record.add(f"quorbit {name}", "ms", [statistics.median(ask(folder, words) for _ in range(5))], MOST_MS)
-        record.add("most memory of a command", "MB", [resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss / 1024])
+            record.add(f"sums of a week: quorbit {name}", "ms", [statistics.median(ask(folder, words) for _ in range(5))], MOST_MS)
+        record.add("sums of a week: most memory of a command", "MB", [max(next(cost_of(folder, words)) for words in QUESTIONS.values())])
+
+
+def main():
+    record = Record("sums")
+    week(record, *map(int, sys.argv[1:]))
     return record.keep()
 
 
