@@ -326,13 +326,15 @@ class FastCgi(Server):
 class Fpm(FastCgi):
     """php-fpm with two children of the web server's user."""
     children = 2
+    manager = "static"
 
     def command(self):
         config = self.site.root / f"{self.name}.conf"
         owner = f"user = {WEB_USER}\ngroup = {WEB_USER}\nlisten.owner = {WEB_USER}\n" if IS_ROOT else ""
         config.write_text(f"[global]\nerror_log = {self.site.root}/{self.name}.log\ndaemonize = no\n"
-                          f"pid = {self.site.root}/{self.name}.pid\n[www]\nlisten = {self.socket}\n{owner}pm = static\n"
-                          f"pm.max_children = {self.children}\n")
+                          f"pid = {self.site.root}/{self.name}.pid\n[www]\nlisten = {self.socket}\n{owner}"
+                          f"pm = {self.manager}\npm.max_children = {self.children}\npm.start_servers = 1\n"
+                          f"pm.min_spare_servers = 1\npm.max_spare_servers = 1\n")
         return [ENGINE / "sbin/php-fpm", "-c", self.ini, "-y", config, "-F"] + (["-R"] if IS_ROOT else [])
 
 
@@ -377,10 +379,17 @@ class Apache(Http):
     mpm = "event"
     threads = 16
     processes = 1
+    stack_kib = None
 
     def command(self):
         config, modules = self.site.root / f"{self.name}.conf", Path("/usr/lib/apache2/modules")
         owner = f"User {WEB_USER}\nGroup {WEB_USER}\n" if IS_ROOT else ""
+        if self.mpm == "prefork":
+            workers = f"MinSpareServers 1\nMaxSpareServers {self.threads}"
+        else:
+            workers = (f"ServerLimit {self.processes}\nThreadsPerChild {self.threads}\nThreadLimit {self.threads}\n"
+                       f"MinSpareThreads 1\nMaxSpareThreads {self.threads}")
+            workers += f"\nThreadStackSize {self.stack_kib * 1024}" if self.stack_kib else ""
         config.write_text(f"""ServerRoot {self.site.root}
 ServerName shop.test
 PidFile {self.site.root}/{self.name}.pid
@@ -391,12 +400,8 @@ LoadModule mpm_{self.mpm}_module {modules}/mod_mpm_{self.mpm}.so
 LoadModule authz_core_module {modules}/mod_authz_core.so
 LoadModule php5_module {ENGINE}/apache/libphp5.so
 {owner}StartServers 1
-ServerLimit {self.processes}
-ThreadsPerChild {self.threads}
-ThreadLimit {self.threads}
+{workers}
 MaxRequestWorkers {self.threads}
-MinSpareThreads 1
-MaxSpareThreads {self.threads}
 PHPIniDir {self.ini.parent}
 DocumentRoot {self.site.docroot}
 <FilesMatch "\\.php$">
