@@ -3,9 +3,8 @@
 
 #include "facts/plan.h"
 #include "print/trace_shapes.h"
+#include "zqp_store_classes.h"
 
-#include <algorithm>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace quorbit {
@@ -56,10 +55,7 @@ const char *category_of(const TraceNode &node)
 {
 	if (node.sql || node.name.starts_with("Database ")) return "database";
 	if (node.name.starts_with("External/")) return "external";
-	constexpr std::string_view clients[] = {
-		"Memcache", "Memcached", "MongoCollection", "MongoCursor", "MongoDB", "Predis\\Client", "Redis"};
-	if (std::find(std::begin(clients), std::end(clients), node.cls) != std::end(clients)) return "cache";
-	return "code";
+	return zq_is_store_class(node.cls) ? "cache" : "code";
 }
 
 Json event_json(const TraceNode &node, int64_t begin_us, int64_t process)

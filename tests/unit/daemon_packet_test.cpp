@@ -1,6 +1,7 @@
 // Metric and thread-profile packets, decoded from bytes; their parts as programs get them.
 #include "daemon_records.h"
 #include "print/report.h"
+#include "zqp_store_classes.h"
 
 #include <nlohmann/json.hpp>
 #include <gtest/gtest.h>
@@ -38,6 +39,13 @@ TEST(Packet, ReadsItsRecords) {
   EXPECT_EQ(read_action(record(0x2A, "1\n500\nc\nm\n"))->status(), 500) << "of the error, as there is no detail with it";
 }
 
+TEST(Packet, TakesNoFigureOfWhichSumsCouldOverflow) {
+  const std::string most = "\0\0\0\0\0\0\1\0"s, beyond = "\1\0\0\0\0\0\1\0"s;
+  auto action = read_action(action_body("Shop", "cart", 5, record(0x60, record(0x01, most) + record(0x02, beyond))));
+  ASSERT_TRUE(action && action->exact);
+  EXPECT_EQ((std::pair{action->exact->duration_us, action->exact->database_us}), (std::pair{int64_t{1} << 48, int64_t{0}}));
+}
+
 TEST(Packet, PutsWholeFramesIntoTheirStacks) {
   const std::string trace = R"x([0,9,"","",1,"","a",{},[[1,2,"","",1,"K","f",{"stacktrace":["K","f"]},[]],[2,3,"","",1,"K","g",{"partialtrace":["g(/a:1)"]},[]]]])x";
   const std::string details = record(0x35, number(0) + "\1" "f\xfc") + record(0x35, number(1) + "\0K\xfc"s) + record(0x35, number(1) + "\7x") +
@@ -50,6 +58,21 @@ TEST(Packet, PutsWholeFramesIntoTheirStacks) {
   const Json elements = Json::parse(trace_elements_json(*action));
   EXPECT_EQ(elements[1]["stack"].dump(), R"(["K","fü"])");
   EXPECT_EQ(elements[2]["place"], "/aü:1");
+}
+
+TEST(Packet, CountsSlowCallsOfStoresAsTheirTime) {
+  const std::string trace = R"x([0,9,"","",1,"","a",{},[[1,2,"","",1,"RedisCluster","get",{},[]],[2,3,"","",1,"Cart","get",{},[]]]])x";
+  const Json elements = Json::parse(trace_elements_json(*read_action(action_body("Shop", "cart", 9, record(0x25, trace)))));
+  EXPECT_EQ(elements[1]["layer"], "cache");
+  EXPECT_EQ(elements[2]["layer"], "code");
+}
+
+// What users look up is on the page for it, whoever adds to it.
+TEST(Pages, NameEveryClassOfAStoreAndEveryKeyOfAnAction) {
+  const std::string queries = data("../../../docs/queries.md"), commands = data("../../../docs/daemon.md");
+  for (const std::string_view name : zq_store_classes) EXPECT_NE(queries.find("`" + std::string(name) + "`"), std::string::npos) << name;
+  const Json action = action_json({{}, *read_action(action_body("Shop", "cart", 9))}, {});
+  for (const auto& [key, value] : action.items()) EXPECT_NE(commands.find("`" + key + "`"), std::string::npos) << key;
 }
 
 TEST(Packet, ReadsTheLinesOfAThreadProfile) {
