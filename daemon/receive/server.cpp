@@ -71,6 +71,8 @@ std::string given_lines(const Settings &settings)
 	return lines;
 }
 
+} // namespace
+
 StoreBounds bounds_of(const Applications &applications)
 {
 	StoreBounds bounds;
@@ -79,8 +81,6 @@ StoreBounds bounds_of(const Applications &applications)
 	bounds.sums = {applications.minute_days, applications.hour_days, applications.sums_mb << 20};
 	return bounds;
 }
-
-} // namespace
 
 Server::Server(
 	std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer, ProfileSessions &sessions)

@@ -14,6 +14,9 @@
 
 namespace quorbit {
 
+// What the operator's settings allow the store.
+StoreBounds bounds_of(const Applications &applications);
+
 class Server {
 public:
 	Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer,

@@ -1,4 +1,6 @@
 // PHP's processes as a made-up /proc tells them, and what is found amiss.
+#include "base/account.h"
+#include "base/files.h"
 #include "daemon_records.h"
 #include "host/findings.h"
 #include "host/host_sample.h"
@@ -6,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 using namespace quorbit;
 using namespace quorbit_test;
@@ -144,6 +148,30 @@ TEST(Folder, IsEnteredByItsGroupAndOwner) {
   folder.owner = 5, folder.group = 33, folder.mode = 02750;
   EXPECT_TRUE(may_enter(folder, 0, {0}) && may_enter(folder, 5, {9}) && may_enter(folder, 8, {8, 33}));
   EXPECT_FALSE(may_enter(folder, 8, {8}));
+}
+
+// In a process of its own, as it gives up root; of numbers that differ, so that none stands for another.
+TEST(Account, IsTheUsersNotTheGroups) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root gives up root";
+  const TemporaryFolder folder;
+  const struct {
+    uid_t user;
+    gid_t group;
+    bool root_stays;
+  } rows[] = {{1234, 5678, false}, {1234, 0, false}, {0, 5678, true}};
+  for (const auto& row : rows) {
+    ASSERT_EQ(chown(folder.path().c_str(), row.user, row.group), 0);
+    auto becomes = [&] {
+      become_owner_of(folder.path());
+      struct stat own = {}, of_group = {}, of_root = {};
+      own.st_uid = row.user, own.st_gid = 99;
+      of_group.st_uid = row.root_stays ? 99 : row.group + 1, of_group.st_gid = row.user;
+      of_root.st_gid = 99;
+      const bool group_too = getegid() == (row.root_stays ? 0 : row.group);
+      _exit(geteuid() == row.user && group_too && is_of_root_or_us(own) && is_of_root_or_us(of_root) && !is_of_root_or_us(of_group) ? 0 : 1);
+    };
+    EXPECT_EXIT(becomes(), testing::ExitedWithCode(0), "") << row.user << ":" << row.group;
+  }
 }
 
 TEST(HostSample, ReadsWhatTheKernelWrites) {

@@ -2,6 +2,7 @@
 #include "facts/applications.h"
 #include "base/config.h"
 #include "daemon_records.h"
+#include "receive/server.h"
 #include "store/profile_sessions.h"
 #include "zqp_details_items.h"
 #include "zqp_setting_table.h"
@@ -50,6 +51,12 @@ TEST(Applications, OverlayTheDefaultSectionByTheirOwn) {
                          {"zqs.urls_captured", ""}};  // an empty value clears what the agent has
   EXPECT_EQ(settings_of(file, "Shop:80"), shop);
   EXPECT_EQ(settings_of(file, "odd]name")["zqs.capture_params"], "1");
+}
+
+TEST(Applications, BoundEachPartOfTheStoreByItsOwnSetting) {
+  const StoreBounds bounds = bounds_of(parse_applications("store_mb=1\nprofile_mb=2\nsums_mb=3\nminute_days=4\nhour_days=5\n"));
+  EXPECT_EQ((std::vector{bounds.action_bytes, bounds.event_bytes, bounds.sums.bytes}), (std::vector<int64_t>{1 << 20, 2 << 20, 3 << 20}));
+  EXPECT_EQ((std::pair{bounds.sums.minute_days, bounds.sums.hour_days}), (std::pair<int64_t, int64_t>{4, 5}));
 }
 
 TEST(Applications, TellWhatIsWrongAndUseTheRest) {
