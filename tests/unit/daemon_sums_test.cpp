@@ -46,6 +46,18 @@ TEST(Histogram, KeepsPercentilesWithinItsErrorAlsoThroughItsCompactForm) {
   EXPECT_GT(longest.percentile_us(0.5), int64_t{1} << 47);
 }
 
+TEST(Sums, AreAddedThroughTheirBytesWithEveryDigit) {
+  constexpr int64_t large = (int64_t{1} << 61) + 1;
+  Sums sums, read;
+  int64_t Sums::*const fields[] = {&Sums::count, &Sums::errors, &Sums::total_us, &Sums::database_us, &Sums::cache_us,
+                                   &Sums::external_us, &Sums::code_us, &Sums::waiting_us, &Sums::cpu_us, &Sums::statements};
+  for (size_t i = 0; i < std::size(fields); i++) sums.*fields[i] = large + static_cast<int64_t>(i);
+  sums.slowest_us = sums.newest_id = large, sums.slowest_id = large - 3, sums.chance_id = large - 5;
+  for (int twice = 0; twice < 2; twice++) ASSERT_TRUE(read.add_bytes(sums.bytes()));
+  for (size_t i = 0; i < std::size(fields); i++) EXPECT_EQ(read.*fields[i], 2 * (large + static_cast<int64_t>(i))) << i;
+  EXPECT_EQ((std::vector{read.slowest_us, read.slowest_id, read.newest_id, read.chance_id}), (std::vector{large, large - 3, large, large - 5}));
+}
+
 TEST(Keys, AreWhatAnActionIsSummedUpBy) {
   auto sql = [](int ms, const std::string& text) {
     const std::string duration = std::to_string(ms);
