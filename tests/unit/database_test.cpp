@@ -1,6 +1,7 @@
 /* Which statements may be sent once more after EXPLAIN, whose database a data source names, and which calls repeat the
  * one before. */
 #include "engine_fixture.h"
+#include "zqp_action.h"
 #include "zqp_tracer.h"
 #include "zqp_wrapper_database.h"
 
@@ -69,4 +70,36 @@ TEST_F(KeptStatements, CountARepetitionOnlyWhenNothingOfItDiffers)
 	((sql_element *)list.tail->data)->stack = estrdup("[]");
 	EXPECT_EQ(zq_keep_statement(&list, nullptr, "SELECT 3", 1, ZQ_NO_PLACE, 1)->repeats, 0u) << "a record with a stack is one of its own";
 	zend_llist_destroy(&list);
+}
+
+/* A second one like it has a record of its own when the first could not stand for both. */
+TEST_F(KeptStatements, HaveStackAndPlanFromTheirThresholdOnAndATraceBeyondIt)
+{
+	static const zq_sql_client client = {nullptr, "query", nullptr, nullptr, nullptr, 0, 0, false, false};
+	static const zq_sql_api api = {"Test", [](zq_stack_data *, char **TSRMLS_DC) { return "SELECT 1"; }, nullptr, &client, false};
+	constexpr int never = 60000;
+	const struct { int slow_ms, explain_ms; uint64 trace_us, elapsed_us; int records; bool stack; int traced; } cases[] = {
+		{never, never, 600000, 500000, 1, false, 0},
+		{500, never, 600000, 499999, 1, false, 0}, {500, never, 600000, 500000, 2, true, 0},
+		{never, 500, 600000, 499999, 1, false, 0}, {never, 500, 600000, 500000, 2, false, 0},
+		{never, never, 500000, 500000, 1, false, 0}, {never, never, 500000, 500001, 2, false, 3},
+	};
+	ZQG(action_tracer_enabled) = ZQG(action_tracer_slow_sql) = ZQG(action_tracer_explain_enabled) = 1;
+	for (const auto &c : cases) {
+		zq_empty_containers(TSRMLS_C);
+		ZQG(action_tracer_slow_sql_threshold) = c.slow_ms;
+		ZQG(action_tracer_explain_threshold) = c.explain_ms;
+		ZQG(tracer_threshold_tick) = c.trace_us;
+		char func[] = "query";
+		zq_stack_data call = {};
+		call.func = func;
+		const uint64 begin_us = ZQG(rinit_tick), end_us = begin_us + c.elapsed_us;
+		for (int twice = 0; twice < 2; twice++) {
+			zq_record_sql(&api, &call, begin_us, end_us TSRMLS_CC);
+		}
+		zq_trace_default(&call, begin_us, end_us TSRMLS_CC);
+		EXPECT_EQ(c.records, zend_llist_count(ZQG(sqls))) << c.elapsed_us;
+		EXPECT_EQ(c.stack, ((const sql_element *)ZQG(sqls)->tail->data)->stack != nullptr) << c.elapsed_us;
+		EXPECT_EQ(c.traced, zend_llist_count(ZQG(tracer))) << c.elapsed_us;
+	}
 }

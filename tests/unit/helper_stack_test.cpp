@@ -20,3 +20,25 @@ TEST_F(HelperStack, WritesAFrameFromThePartsItHas)
 	});
 }
 
+/* Between two calls a frame still has the object of the first, which the walk must not see and the script's own must. */
+TEST_F(HelperStack, LeavesEveryFrameTheObjectOfItsLastCall)
+{
+	size_t past = 0;
+	at_probe([&](zend_execute_data *) {
+		const auto objects = [&] {
+			std::vector<const zval *> found;
+			past = 0;
+			for (const zend_execute_data *at = EG(current_execute_data); at; at = at->prev_execute_data) {
+				found.push_back(at->object);
+				past += at->object && at->op_array && at->function_state.function == (const zend_function *)at->op_array;
+			}
+			return found;
+		};
+		const auto before = objects();
+		taken(zq_code_stack_text(TSRMLS_C));
+		EXPECT_EQ(objects(), before);
+	});
+	run("class A { function m() { } } function go() { $a = new A; $a->m(); return $none; }"
+	    "set_error_handler(function () { probe(); }); go();");
+	EXPECT_GT(past, 0u) << "there was one";
+}
