@@ -31,6 +31,7 @@ DETAILS = {0x01: ("duration_us", "Q"), 0x02: ("db_us", "Q"), 0x03: ("nosql_us", 
            0x12: ("host", ""), 0x13: ("script", ""), 0x20: ("places", "place"), 0x21: ("runs", "runs"), 0x22: ("callers", "caller"),
            0x30: ("error_class", ""), 0x31: ("error_message", ""), 0x32: ("components", "I"), 0x33: ("trace_texts", "IB"),
            0x34: ("call_messages", "I"), 0x35: ("frames", "IB")}
+SOME_HAVE = {"waited_us", "exit_status"}                            # of the figures; every action has the others
 
 
 class WireError(Exception):
@@ -240,6 +241,9 @@ def details_record(body):
             found[name][key if len(key) > 1 else key[0]] = part[size:]
     if len(body) > 256 << 10 or any(place >= len(found["places"]) and place != 0xFFFF for _, place in found["runs"]):
         raise WireError(f"details of {len(body)} bytes, {found['runs']} of {len(found['places'])} places")
+    missing = {name for name, form in DETAILS.values() if form == "Q"} - SOME_HAVE - found.keys()
+    if missing:
+        raise WireError(f"details without {missing}")
     found["called_from"] = [found["callers"].get(place) for count, place in found["runs"] for _ in range(count)]
     found["ran_at"] = [found["places"][place] if place != 0xFFFF else None for count, place in found["runs"] for _ in range(count)]
     return found
