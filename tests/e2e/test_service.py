@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from support.engines import PROJECT
+from support.engines import IS_ROOT, PROJECT, Fpm
 from support.fake_daemon import wait_until
 from support.local_daemon import QUORBIT
 from support.staging import install_package
@@ -54,3 +54,34 @@ def test_the_unit_is_valid_and_lets_the_daemon_do_little(root):
     for words in (["verify", "--man=no", "--recursive-errors=no"], ["security", "--offline=true", "--threshold=20"]):
         run = subprocess.run(["systemd-analyze", *words, unit], capture_output=True, text=True, timeout=60, cwd=PROJECT)
         assert run.returncode == 0, run.stdout + run.stderr
+
+
+CONTAINER = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"] + ([] if IS_ROOT else ["--user", "--map-root-user"])
+
+
+class Contained(Fpm):
+    stop_signal = signal.SIGKILL                                 # unshare passes no other on
+
+    def command(self):
+        return [*CONTAINER, *super().command()]
+
+
+def test_containers_share_nothing_but_the_folder(site):
+    """PHP in one, the daemon in another: neither sees the other's processes."""
+    site.daemon.stop()
+    site.settings["zqs.prefix"] = site.root / "nothing here"
+    names = {"daemon_log_file_name": "daemon.log", "pid_file": "quorbit.pid", "ipc_listen_file": ".quorbit.sock"}
+    config = site.logs / ".quorbit.cfg"
+    config.write_text("".join(f"zqs.{key}={site.logs / name}\n" for key, name in names.items()))
+    with subprocess.Popen([*CONTAINER, QUORBIT, "-f", config, "--foreground"]) as daemon:
+        try:
+            wait_until((site.logs / ".quorbit.sock").exists, "the daemon")
+            server = Contained(site, site.ini_file(True), True)
+            site.servers.append(server)
+            server.start()
+            assert server.request(site.script("echo 'page';"), "/index.php").body == b"page"
+            ask = lambda *words: subprocess.run([QUORBIT, *words, "--root", site.root], capture_output=True, text=True, timeout=60).stdout  # noqa: E731
+            wait_until(lambda: "index.php" in ask("show"), "the action")
+            assert "Shop" in ask("status")
+        finally:
+            daemon.kill()                                        # unshare passes no other signal on
