@@ -194,13 +194,13 @@ consteval bool names_only_operations(std::span<const zq_after_row> methods)
 static_assert(names_only_operations(memcached_methods) && names_only_operations(mongo_collection_methods),
 	"a method of a cache or collection is not among the operations of zqp_nosql.h");
 
-/* Whether the class is in zqp_store_classes.h when its calls are recorded as those of a store, and only then. */
+/* Whether the class is in zqp_store_classes.h when its methods are those of a store, and only then. */
 constexpr bool is_classed(const zq_class_row &row)
 {
-	const zq_performance_callback record = row.methods.front().record;
+	const zq_after_row *methods = row.methods.data();
 	return zq_is_store_class(row.name.text) ==
-		(record == performance_memcached || record == performance_redis || record == performance_mongo_collection ||
-			record == performance_mongo_script || record == performance_mongo_manager);
+		(methods == memcached_methods || methods == redis_methods || methods == mongo_collection_methods ||
+			methods == mongo_database_methods || methods == mongo_manager_methods);
 }
 static_assert(std::ranges::all_of(class_rows, is_classed),
 	"the class of a cache or document store is not in zqp_store_classes.h, or another's is");
