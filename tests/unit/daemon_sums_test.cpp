@@ -219,6 +219,24 @@ TEST_F(SumsTest, AreTakenFromMinutesAtTheEdgesAndFromHoursOnceMinutesAreGone) {
   EXPECT_EQ(count(), 0) << "hours go as well";
 }
 
+TEST_F(SumsTest, HaveTheAverageOfEachLookAtTheMachine) {
+  Store store(path_);
+  store.begin();
+  store.add(HostSample{1, int64_t{4} << 30, 1000, {{"www", {3, 1}}}}, begin_ms);
+  store.add(HostSample{2, int64_t{4} << 30, 2000, {{"www", {0, 4}}, {"jobs", {2, 0}}}}, begin_ms + 1000);
+  store.commit();
+  MachineQuestion question;
+  question.step_ms = hour_ms;
+  const auto rows = open_sqlite_reader(path_)->machine(question);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ((std::vector{rows[0].at_ms, rows[0].memory_bytes, rows[0].available_bytes}), (std::vector{begin_ms, int64_t{4} << 30, int64_t{1500}}));
+  EXPECT_EQ(rows[0].load, 1.5);
+  std::string pools;
+  for (const PoolRow& pool : rows[0].pools)
+    pools += pool.name + " " + std::to_string(pool.busy * 2) + " " + std::to_string(pool.idle * 2) + " " + std::to_string(pool.most_busy) + "\n";
+  EXPECT_EQ(pools, "jobs 2.000000 0.000000 2\nwww 3.000000 5.000000 3\n");
+}
+
 TEST_F(SumsTest, SayWhatWasInWhichAction) {
   const std::string sql = record(0x27, "1:45:MySQL8:SELECT 1");
   add({packet(begin_ms, "a", 10, sql + sql), packet(begin_ms, "a", 10, sql + sql), packet(begin_ms, "b", 10, sql)});
