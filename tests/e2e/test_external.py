@@ -73,7 +73,7 @@ def metric_name(peer, path, callee):
 
 @pytest.mark.parametrize("code, expected", CLIENTS)
 def test_record_identity_and_answer(call_client, code, expected):
-    result, callee, facts, sent, twin = call_client(code, expected)
+    result, callee, facts, sent, twin = call_client("usleep(5000);\n" + code, expected)
     metric, answered = result.metric, "answered" in facts
     one, = metric.calls
     assert one.name == metric_name(result.peer, "/api/b2/items/*", callee)
@@ -85,7 +85,7 @@ def test_record_identity_and_answer(call_client, code, expected):
     node = traced_call(metric)
     assert node[2] == "External/" + one.name
     assert node[3] == result.peer.url("/api/b2/items/123" + "?x=1" * (callee != "soap_transport_http"))
-    assert node[1] - node[0] >= 3 and callee in (node[5], node[6])
+    assert node[0] >= 5 and one.ms <= node[1] - node[0] + 1 and callee in (node[5], node[6])
     assert node[7].get("txId") == (metric.transaction_id if answered else None)
     assert node[7].get("txData") == (json.loads(CALLEE) if answered else None)
 
@@ -218,9 +218,10 @@ def test_http_request_class(call, doubles, code, expected):
 @pytest.mark.parametrize("settings", [TRACING, NO_IDENTITY], ids=["identity", "no identity"])
 def test_websocket(call, settings):
     identified = settings is TRACING
-    result, mine, bare = call(program("external/websocket.php"), kind=WebSocketPeer, settings=settings)
+    result, mine, bare = call("usleep(5000);" + program("external/websocket.php"), kind=WebSocketPeer, settings=settings)
     name = f"ws:%2F%2F127.0.0.1:{result.peer.port}%2Fchat%2F*/WebsocketClient"
     assert [(c.name, c.callee_id) for c in result.metric.calls] == [(name, "77|8" if identified else None), (name, None)]
+    assert all(node[0] >= 5 for node in wire.nodes(result.metric.trace) if node[2])
     assert mine[1:] == bare[1:] == [b"one", b"two"] and IDENTITY.sub(b"", mine[0]) == bare[0]
     found = re.findall(IDENTITY.pattern + rb"(?=Sec-WebSocket-Key: )", mine[0])
     assert [tx.decode() for tx in found] == [result.metric.transaction_id] * identified
@@ -231,7 +232,7 @@ SERVICE = "thrift:%2F%2F127.0.0.1%2FShop.Calc.CalcClient.add/Shop\\\\Calc\\\\Cal
 
 @pytest.mark.parametrize("settings", [TRACING, NO_IDENTITY], ids=["identity", "no identity"])
 def test_thrift(call, settings):
-    result, mine, bare = call(program("external/thrift.php"), kind=ThriftPeer, settings=settings)
+    result, mine, bare = call("usleep(5000);" + program("external/thrift.php"), kind=ThriftPeer, settings=settings)
     metric, peer = result.metric, result.peer
     assert result.body == b"int(23)\n" and mine == bare == [("add", {1: 20, 2: 3})]
     one, = metric.calls
@@ -239,7 +240,7 @@ def test_thrift(call, settings):
     expected = (65535, json.dumps({"VantorID": f"{SECRET};c=1;x={metric.transaction_id}"}, separators=(",", ":")))
     assert peer.unknown == [expected] * (settings is TRACING)
     node = traced_call(metric)
-    assert node[7]["txData"] == json.loads(peer.extra) and node[5:7] == ["Shop\\Calc\\CalcClient", "add"]
+    assert node[0] >= 5 and node[7]["txData"] == json.loads(peer.extra) and node[5:7] == ["Shop\\Calc\\CalcClient", "add"]
 
 
 def test_thrift_failure_keeps_the_exceptions_text(call):
