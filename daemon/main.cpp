@@ -1,4 +1,5 @@
 // quorbit: the local daemon, and the command line that reads what it stored.
+#include "ask/clickhouse.h"
 #include "ask/command.h"
 #include "ask/help.h"
 #include "base/version.h"
@@ -30,6 +31,7 @@ constexpr Command commands[] = {
 	{"setup", "the PHPs of this host; switches the agent on and off in them", quorbit::add_setup},
 	{"doctor", "looks for what keeps reports from arriving, in the order in which things fail, and tries a request",
 		quorbit::add_doctor},
+	{"clickhouse", "the tables of a fleet's store in ClickHouse", quorbit::add_clickhouse},
 	{"manual", "what the shell and man are told", quorbit::add_manual},
 };
 

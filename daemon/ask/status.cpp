@@ -2,6 +2,7 @@
 #include "ask/command.h"
 
 #include "ask/host_state.h"
+#include "ask/sending.h"
 #include "base/clock.h"
 #include "print/output.h"
 #include "print/report.h"
@@ -28,9 +29,9 @@ std::string daemon_text(const DaemonFacts &daemon)
 }
 
 void print_for_people(const DaemonConfig &config, const HostFacts &facts, const std::vector<Finding> &findings,
-	const std::vector<ApplicationRow> &applications)
+	const std::vector<ApplicationRow> &applications, const Sending &sending)
 {
-	put(daemon_text(facts.daemon));
+	put(daemon_text(facts.daemon) + sending.text);
 	const bool may_read = !facts.daemon.refusal && has_store(config);
 	if (may_read) put(profiles_text(open_profiles(config.store_file()), facts.now_ms));
 	const std::string processes = processes_text(facts, list_width());
@@ -41,6 +42,19 @@ void print_for_people(const DaemonConfig &config, const HostFacts &facts, const 
 	if (may_read && std::none_of(applications.begin(), applications.end(), has_sent))
 		put("\nNothing has been received yet.\n");
 	put("\n" + (findings.empty() ? "Nothing is amiss.\n" : findings_text(findings, may_colour())));
+}
+
+// Those of the host, and one of sending what is stored to the store of a fleet.
+std::vector<Finding> all_findings(const HostFacts &facts, const Sending &sending)
+{
+	auto findings = findings_of(facts);
+	if (sending.finding) findings.push_back(*sending.finding);
+	return findings;
+}
+
+Sending look_at_sending(const DaemonConfig &config, int64_t now_ms)
+{
+	return !access_refusal(config) && has_store(config) ? sending_of(config, now_ms) : Sending();
 }
 
 // All that is told of the host. `applications` are filled in as far as the store may be read.
@@ -59,11 +73,12 @@ int status(const DaemonConfig &config, const StatusOptions &options)
 	std::vector<ApplicationRow> applications;
 	const HostFacts facts = look(config, options.proc, applications);
 	if (auto refusal = access_refusal(config); refusal && !facts.daemon.answers) throw std::runtime_error(*refusal);
-	const auto findings = findings_of(facts);
+	const Sending sending = look_at_sending(config, facts.now_ms);
+	const auto findings = all_findings(facts, sending);
 	if (options.json)
 		put(json_text(host_json(facts, findings, applications), true));
 	else
-		print_for_people(config, facts, findings, applications);
+		print_for_people(config, facts, findings, applications, sending);
 	return findings.empty() ? 0 : 1;
 }
 
@@ -73,7 +88,8 @@ std::string status_json(const DaemonConfig &config)
 {
 	std::vector<ApplicationRow> applications;
 	const HostFacts facts = look(config, StatusOptions().proc, applications);
-	return json_text(host_json(facts, findings_of(facts), applications), false);
+	const auto findings = all_findings(facts, look_at_sending(config, facts.now_ms));
+	return json_text(host_json(facts, findings, applications), false);
 }
 
 CommandRun add_status(CLI::App &command)

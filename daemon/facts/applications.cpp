@@ -5,10 +5,12 @@
 #include "base/log.h"
 #include "base/files.h"
 #include "base/number.h"
+#include "base/store_url.h"
 #include "zqp_setting_table.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -31,6 +33,43 @@ std::string_view trim(std::string_view text)
 	if (begin == std::string_view::npos) return {};
 	return text.substr(begin, text.find_last_not_of(" \t\r") + 1 - begin);
 }
+
+// What is wrong with a text; "" for nothing. None repeats the text, which may have a password.
+std::string url_fault(std::string_view text)
+{
+	try {
+		if (!text.empty()) parse_store_url(text);
+		return "";
+	} catch (const std::runtime_error &failure) {
+		return failure.what();
+	}
+}
+
+std::string path_fault(std::string_view text)
+{
+	return text.empty() || text.starts_with('/') ? "" : "expected a path from the root";
+}
+
+std::string name_fault(std::string_view text)
+{
+	auto fits = [](char c) { return isalnum(static_cast<unsigned char>(c)) || strchr("._-", c); };
+	return text.size() <= 255 && std::all_of(text.begin(), text.end(), fits)
+		? ""
+		: "expected a name of letters, digits, dots, hyphens and underscores";
+}
+
+// The daemon's own settings that are texts.
+struct OwnText {
+	const char *key;
+	std::string Applications::*field;
+	std::string (*fault)(std::string_view value);
+};
+constexpr OwnText own_texts[] = {
+	{"store_url", &Applications::store_url, url_fault},
+	{"store_password_file", &Applications::store_password_file, path_fault},
+	{"host_name", &Applications::host_name, name_fault},
+	{"cluster", &Applications::cluster, name_fault},
+};
 
 class Parser {
 public:
@@ -107,7 +146,11 @@ private:
 			{"sums_mb", "megabytes", &Applications::sums_mb, 1000000},
 			{"minute_days", "days", &Applications::minute_days, 3650},
 			{"hour_days", "days", &Applications::hour_days, 3650},
+			{"store_seconds", "seconds", &Applications::store_seconds, 3600},
 		};
+		for (const OwnText &row : own_texts) {
+			if (key == row.key) return own_text(row, value);
+		}
 		auto own = std::find_if(
 			std::begin(own_settings), std::end(own_settings), [key](const Own &row) { return key == row.key; });
 		if (own == std::end(own_settings))
@@ -116,6 +159,13 @@ private:
 		if (!parse_number(value, number) || number < 1 || number > own->most)
 			return problem(std::string(key) + " must be a number of " + own->unit);
 		applications.*(own->field) = number;
+	}
+
+	void own_text(const OwnText &row, std::string_view value)
+	{
+		const std::string fault = row.fault(value);
+		if (!fault.empty()) return problem(std::string(row.key) + ": " + fault);
+		applications.*(row.field) = value;
 	}
 
 	int number_ = 0;

@@ -8,10 +8,15 @@
 namespace quorbit {
 
 struct Applications {
-	int64_t store_mb = 512;                                // size bound of the store, without events of thread profiles
-	int64_t profile_mb = 64;                               // size bound of these
-	int64_t sums_mb = 256;                                 // size bound of the sums by minute and hour
-	int64_t minute_days = 3, hour_days = 90;               // how long these are kept
+	int64_t store_mb = 512;                  // size bound of the store, without events of thread profiles
+	int64_t profile_mb = 64;                 // size bound of these
+	int64_t sums_mb = 256;                   // size bound of the sums by minute and hour
+	int64_t minute_days = 3, hour_days = 90; // how long these are kept
+	// Where all of it is sent as well, "" for nowhere (docs/fleet.md).
+	std::string store_url, store_password_file;
+	std::string host_name;                                 // under which, "" for the host's own
+	std::string cluster;                                   // of the servers there, "" for none
+	int64_t store_seconds = 10;                            // between batches
 	std::map<std::string, Settings, std::less<>> sections; // by application name; "*" is the default
 	std::vector<std::string> problems; // for the log: "line 3: ...", the first ten and how many more there are
 };

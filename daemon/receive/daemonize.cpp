@@ -87,14 +87,20 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &
 	return listener;
 }
 
-// Ends the process here when a disk holds up the thread that writes.
-void end_writing(std::unique_ptr<StoreWriter> writer, const Presence &presence)
+// Ends the process here when a disk holds up the threads that write and send.
+void end_writing(std::unique_ptr<Exporter> exporter, std::unique_ptr<StoreWriter> writer, const Presence &presence)
 {
-	constexpr std::chrono::milliseconds most(4500); // five seconds in all
-	if (writer->end(most)) return;
-	log_message(LogLevel::error,
-		"the disk holds up the end: " + std::to_string(writer->unwritten()) +
-			" packets and queries were not stored before the end");
+	constexpr std::chrono::milliseconds most(4500), most_of_exporter(300); // five seconds in all
+	const bool exporter_ended = exporter->end(most_of_exporter);
+	const bool written = writer->end(most);
+	if (exporter_ended && written) {
+		exporter.reset();
+		return;
+	}
+	if (!written)
+		log_message(LogLevel::error,
+			"the disk holds up the end: " + std::to_string(writer->unwritten()) +
+				" packets and queries were not stored before the end");
 	presence.withdraw();
 	_exit(0);
 }
@@ -107,8 +113,9 @@ int serve(
 	mallopt(M_MMAP_THRESHOLD, 256 << 10);
 	ProfileSessions sessions;
 	auto writer = std::make_unique<StoreWriter>(config.store_file(), sessions);
+	auto exporter = std::make_unique<Exporter>(config.store_file(), *writer);
 	try {
-		Server(std::move(listener), config.applications_file(), *writer, sessions).run([&] {
+		Server(std::move(listener), config.applications_file(), *writer, *exporter, sessions).run([&] {
 			if (manager) manager->tell("WATCHDOG=1");
 			return presence.keep();
 		});
@@ -117,7 +124,7 @@ int serve(
 		status = 1;
 	}
 	if (manager) manager->tell("STOPPING=1");
-	end_writing(std::move(writer), presence);
+	end_writing(std::move(exporter), std::move(writer), presence);
 	presence.withdraw();
 	log_message(LogLevel::info, "ended");
 	return status;

@@ -82,10 +82,11 @@ StoreBounds bounds_of(const Applications &applications)
 	return bounds;
 }
 
-Server::Server(
-	std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer, ProfileSessions &sessions)
+Server::Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer,
+	Exporter &exporter, ProfileSessions &sessions)
 	: listener_(std::move(listener)),
 	  writer_(writer),
+	  exporter_(exporter),
 	  sessions_(sessions),
 	  applications_(std::move(applications_file)),
 	  budget_(budget_bytes),
@@ -113,11 +114,21 @@ Server::~Server()
 
 void Server::run(const std::function<bool()> &keep_files)
 {
-	writer_.set_bounds(bounds_of(applications_.current()));
+	current_settings();
 	while (keep_names(keep_files) && take_events()) {
 		serve_turns();
 		close_stalled();
 	}
+}
+
+// The daemon's own of them are put into force.
+const Applications &Server::current_settings()
+{
+	const Applications &applications = applications_.current();
+	writer_.set_bounds(bounds_of(applications));
+	exporter_.set_settings(
+		{applications.store_url, applications.store_password_file, applications.host_name, applications.store_seconds});
+	return applications;
 }
 
 // Handles the connections that are ready; waits when none can be served. False when the daemon is to end.
@@ -157,7 +168,7 @@ bool Server::keep_names(const std::function<bool()> &keep_files)
 	int64_t now = monotonic_second();
 	if (now - kept_second_ < keep_seconds) return true;
 	kept_second_ = now;
-	writer_.set_bounds(bounds_of(applications_.current())); // nobody may ask for settings
+	current_settings(); // nobody may ask for them
 	int before = listener_->descriptor();
 	if (!listener_->keep_name()) {
 		log_message(LogLevel::error, "the socket is gone or belongs to another program: exiting");
@@ -296,8 +307,7 @@ const char *Server::on_packet(Connection &connection, uint8_t type, std::string 
 
 const char *Server::answer_query(Connection &connection, const Query &query)
 {
-	const Applications &applications = applications_.current();
-	writer_.set_bounds(bounds_of(applications));
+	const Applications &applications = current_settings();
 	Settings settings = settings_of(applications, query.application);
 	connection.application = query.application.substr(0, most_application);
 	int64_t now_ms = wall_clock_ms();

@@ -1,6 +1,7 @@
 // The receiver: one thread, one epoll set, any number of agents, each of which gets its share.
 #pragma once
 
+#include "export/exporter.h"
 #include "facts/applications.h"
 #include "receive/connection.h"
 #include "receive/listener.h"
@@ -19,7 +20,7 @@ StoreBounds bounds_of(const Applications &applications);
 
 class Server {
 public:
-	Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer,
+	Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer, Exporter &exporter,
 		ProfileSessions &sessions);
 	~Server();
 
@@ -47,6 +48,7 @@ private:
 	void close_connection(Connection &connection, const char *why);
 	void close_stalled();
 	void give_memory_back();
+	const Applications &current_settings();
 
 	std::unique_ptr<Listener> listener_;
 	int epoll_ = -1;
@@ -56,6 +58,7 @@ private:
 	int64_t received_bytes_ = 0; // since the last sweep
 	int trims_due_ = 0;
 	StoreWriter &writer_;
+	Exporter &exporter_;
 	ProfileSessions &sessions_;
 	ApplicationsFile applications_;
 	Shares budget_;      // of what is half received or not yet taken

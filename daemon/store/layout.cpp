@@ -123,6 +123,14 @@ INSERT INTO counter VALUES ('sum_key', 0), ('sum_bytes', 0);
 constexpr const char *identity = "INSERT INTO counter VALUES ('identity', random() & 0xffffffffffff)";
 constexpr const char *callers_of_queries = "ALTER TABLE sum_key ADD COLUMN caller TEXT NOT NULL DEFAULT ''";
 
+// How far it has been sent to the store of a fleet (store/export_state.h): one row.
+constexpr const char *state_of_export = R"sql(
+CREATE TABLE export (target INTEGER NOT NULL, action_id INTEGER NOT NULL, summed_id INTEGER NOT NULL, minute INTEGER NOT NULL,
+  release_id INTEGER NOT NULL, tables_ms INTEGER NOT NULL, evicted INTEGER NOT NULL, sent_ms INTEGER NOT NULL, url TEXT NOT NULL,
+  failure TEXT NOT NULL);
+INSERT INTO export VALUES (0, 0, 0, 0, 0, 0, 0, 0, '', '');
+)sql";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
@@ -132,6 +140,7 @@ constexpr Migration list[] = {
 	{6, sums_of_keys},
 	{7, identity},
 	{8, callers_of_queries},
+	{9, state_of_export},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

@@ -105,11 +105,17 @@ Store::Store(const std::string &path, const std::atomic<bool> *stopping)
 	while (select.step()) event_bytes_ += event_bytes(select.text(0));
 }
 
-Store::Ids::Ids(Database &database, const char *table) : table_(table)
+Store::Ids::Ids(Database &database, const char *table) : database_(database), table_(table)
+{
+	forget();
+}
+
+// So numbers have no gap but where actions were evicted.
+void Store::Ids::forget()
 {
 	const std::string kept = "(SELECT value FROM counter WHERE name = '" + table_ + "')";
 	const std::string there = "(SELECT ifnull(max(id), 0) FROM " + table_ + ")";
-	last_ = kept_ = database.integer(("SELECT max(" + kept + ", " + there + ")").c_str());
+	last_ = kept_ = database_.integer(("SELECT max(" + kept + ", " + there + ")").c_str());
 }
 
 void Store::Ids::keep(Statement &keep_counter)
@@ -129,6 +135,8 @@ void Store::abandon()
 {
 	if (!sqlite3_get_autocommit(database_.handle())) database_.execute("ROLLBACK");
 	rollup_.forget();
+	action_ids_.forget();
+	event_ids_.forget();
 	holders_.reset(); // they know of what was taken back
 }
 

@@ -4,6 +4,7 @@
 
 #include "facts/packet.h"
 #include "host/host_sample.h"
+#include "store/export_state.h"
 #include "store/holders.h"
 #include "store/order_lock.h"
 #include "store/profile_sessions.h"
@@ -67,6 +68,9 @@ public:
 	void add(const HostSample &sample, int64_t now_wall_ms);
 	// Adds to what was not stored of an application, in this minute and for this reason.
 	void add_dropped(const std::string &application, const char *reason, int64_t count, int64_t now_wall_ms);
+
+	// How far the store has been sent to a fleet's.
+	void keep(const ExportState &state) { keep_export_state(database_, state); }
 
 	// One step of at most about 20 ms towards the bounds, as a transaction of its own: events that have been printed
 	// go, then the oldest events and, by the rules of Holders, actions beyond their bounds, then free pages beyond a
@@ -137,8 +141,10 @@ private:
 		int64_t next() { return ++last_; }
 		int64_t last() const { return last_; }
 		void keep(Statement &keep_counter); // in the file, with the transaction that used them
+		void forget();                      // what was given out in a transaction that was taken back
 
 	private:
+		Database &database_;
 		const std::string table_;
 		int64_t last_, kept_;
 	};

@@ -139,6 +139,21 @@ void StoreWriter::write_dropped()
 	for (const auto &[key, count] : telling_) store_->add_dropped(key.first, key.second, count, wall_clock_ms());
 }
 
+void StoreWriter::write_export_state()
+{
+	std::optional<ExportState> state;
+	{
+		std::lock_guard lock(mutex_);
+		state = export_state_;
+	}
+	if (!state) return;
+	store_->begin();
+	store_->keep(*state);
+	store_->commit();
+	std::lock_guard lock(mutex_);
+	if (export_state_ == state) export_state_.reset();
+}
+
 void StoreWriter::run()
 {
 	work(false);
@@ -177,6 +192,7 @@ void StoreWriter::work(bool due)
 		if (leave_readers_behind()) return;
 		if (due) write_batch(Clock::time_point::max());
 		if (store_->has_sums_due()) store_->write_sums();
+		write_export_state();
 		sample_host();
 		maintaining_ = keep_bounds();
 	} catch (const SqliteError &failure) {
@@ -209,6 +225,7 @@ void StoreWriter::finish()
 			exchange_orders();
 			write_batch(deadline);
 			store_->write_sums();
+			write_export_state();
 		}
 	} catch (const SqliteError &failure) {
 		failed(failure);

@@ -12,6 +12,7 @@
 #include <future>
 #include <map>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <variant>
 
@@ -43,6 +44,13 @@ public:
 	// Counts packets of an application that came to nothing, or were cut, for one of the reasons above. Any thread.
 	void count_dropped(std::string_view application, const char *reason, int64_t count = 1);
 
+	// Keeps in the store how far it has been sent, within half a second. Any thread.
+	void put(const ExportState &state)
+	{
+		std::lock_guard lock(mutex_);
+		export_state_ = state;
+	}
+
 	void set_bounds(const StoreBounds &bounds)
 	{
 		std::lock_guard lock(mutex_);
@@ -71,6 +79,7 @@ private:
 	void write_transaction();
 	void written();
 	void write_dropped();
+	void write_export_state();
 	bool keep_bounds();
 	bool leave_readers_behind();
 	bool open_when_due();
@@ -94,8 +103,9 @@ private:
 	Clock::time_point first_arrival_; // of the queue, since it was empty
 	Shares held_;                     // queue and batch
 	int64_t held_items_ = 0;
-	int64_t dropped_ = 0; // packets and queries that nobody can get back
-	Dropped dropped_by_;  // what the store is still to be told
+	int64_t dropped_ = 0;                     // packets and queries that nobody can get back
+	Dropped dropped_by_;                      // what the store is still to be told
+	std::optional<ExportState> export_state_; // the same
 
 	// The thread's own.
 	Dropped telling_; // what it has been told in a transaction that is not committed
