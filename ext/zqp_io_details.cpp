@@ -12,7 +12,7 @@
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
 
-#include <initializer_list>
+#include <span>
 
 namespace {
 
@@ -43,8 +43,15 @@ struct figure {
 	uint64 value;
 };
 
+#define ONE(name, number) +1
+#define NONE(name, number)
+constexpr size_t ALL_FIGURES = ZQ_DETAILS_ITEMS(ONE, NONE);
+#undef ONE
+#undef NONE
+constexpr size_t NOT_OF_ALL_ACTIONS = 2; /* the time in front of PHP, and the exit status */
+
 /* The record begins with them, so that there is room. */
-void append_figures(writer *to, std::initializer_list<figure> figures)
+void append_figures(writer *to, std::span<const figure> figures)
 {
 	constexpr size_t size = 4 + sizeof(uint64);
 	zq_reserve(to->packet, figures.size() * size);
@@ -105,7 +112,8 @@ void append_waiting(writer *to TSRMLS_DC)
 	if (stamp && gettimeofday(&now, NULL) == 0) {
 		uint64 now_us = (uint64)now.tv_sec * 1000000 + (uint64)now.tv_usec;
 		if (waited_us(stamp, now_us - (cycle_timer() - ZQG(rinit_tick)), &us)) {
-			append_figures(to, {{ZQ_ITEM_WAITED_US, us}});
+			const figure waited[] = {{ZQ_ITEM_WAITED_US, us}};
+			append_figures(to, waited);
 		}
 	}
 }
@@ -115,27 +123,30 @@ void append_sums(writer *to, const zq_details *details, uint64 statements TSRMLS
 	uint64 user_us, system_us;
 	zq_thread_times(&user_us, &system_us);
 	store_sums stores = sum_of_stores(TSRMLS_C);
-	append_figures(to,
-		{
-			{ZQ_ITEM_DURATION_US, ZQG(rdown_tick) - ZQG(rinit_tick)},
-			{ZQ_ITEM_DATABASE_US, details->database_us},
-			{ZQ_ITEM_STATEMENTS, statements},
-			{ZQ_ITEM_CACHES_US, stores.us},
-			{ZQ_ITEM_CACHE_OPERATIONS, stores.operations},
-			{ZQ_ITEM_SERVICES_US, details->services_us},
-			{ZQ_ITEM_SERVICES, details->services},
-			{ZQ_ITEM_USER_US, user_us - details->user_us},
-			{ZQ_ITEM_SYSTEM_US, system_us - details->system_us},
-			{ZQ_ITEM_PEAK_MEMORY, zend_memory_peak_usage(1 TSRMLS_CC)},
-			{ZQ_ITEM_OUTPUT_BYTES, details->output_bytes},
-		});
+	const figure figures[] = {
+		{ZQ_ITEM_DURATION_US, ZQG(rdown_tick) - ZQG(rinit_tick)},
+		{ZQ_ITEM_DATABASE_US, details->database_us},
+		{ZQ_ITEM_STATEMENTS, statements},
+		{ZQ_ITEM_CACHES_US, stores.us},
+		{ZQ_ITEM_CACHE_OPERATIONS, stores.operations},
+		{ZQ_ITEM_SERVICES_US, details->services_us},
+		{ZQ_ITEM_SERVICES, details->services},
+		{ZQ_ITEM_USER_US, user_us - details->user_us},
+		{ZQ_ITEM_SYSTEM_US, system_us - details->system_us},
+		{ZQ_ITEM_PEAK_MEMORY, zend_memory_peak_usage(1 TSRMLS_CC)},
+		{ZQ_ITEM_OUTPUT_BYTES, details->output_bytes},
+	};
+	static_assert(
+		std::size(figures) + NOT_OF_ALL_ACTIONS == ALL_FIGURES, "a figure of zqp_details_items.h has no value");
+	append_figures(to, figures);
 }
 
 void append_request(writer *to TSRMLS_DC)
 {
 	append_text(to, ZQ_ITEM_SCRIPT, ZQ_SERVER_TEXT("SCRIPT_FILENAME"));
 	if (g_cli) {
-		append_figures(to, {{ZQ_ITEM_EXIT_STATUS, (uint64)EG(exit_status)}});
+		const figure status[] = {{ZQ_ITEM_EXIT_STATUS, (uint64)EG(exit_status)}};
+		append_figures(to, status);
 		return;
 	}
 	const char *uri = ZQ_SERVER_TEXT("REQUEST_URI");
