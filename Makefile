@@ -11,7 +11,7 @@ export PYTHONPATH := $(CURDIR)/tests
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
 .PHONY: all demo test unit e2e wire-compare check sanitize bench bench-check fuzz random engine-suite soak install \
-        uninstall packages clean configure test-packages
+        uninstall packages test-install clean configure test-packages
 
 all: configure
 	@cmake --build build -j$(JOBS)
@@ -89,6 +89,11 @@ install uninstall:
 packages: configure
 	@engine/packages package
 	@packaging/packages
+
+# the packages on a Debian 12 that has nothing else, typed as docs/install.md has it, up to their removal; needs root
+test-install: packages
+	@engine/packages test install
+	@/usr/bin/python3 -m pytest -q tests/install
 
 clean:
 	@rm -rf build

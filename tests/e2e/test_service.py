@@ -45,11 +45,14 @@ def test_a_daemon_of_php_is_named_to_the_service_manager_until_it_has_gone(real,
     assert refused.wait(20) == 1 and f"process {real.pids()[0]}, answers on" in refused.stderr.read()
 
 
-def test_the_unit_is_valid_and_lets_the_daemon_do_little(root):
+@pytest.mark.parametrize("name, command", [
+    ("quorbit", "-f /var/log/quorbit/.quorbit.cfg --foreground"),
+    ("quorbit-web", "web --listen 127.0.0.1:7180 --password-file /etc/quorbit-web.password")])
+def test_each_unit_is_valid_and_lets_its_program_do_little(root, name, command):
     install_package("quorbit", root)
-    unit = root / "quorbit.service"
-    text = (root / "lib/systemd/system/quorbit.service").read_text()
-    assert "ExecStart=/usr/bin/quorbit -f /var/log/quorbit/.quorbit.cfg --foreground\n" in text
+    unit = root / f"{name}.service"
+    text = (root / f"lib/systemd/system/{name}.service").read_text()
+    assert f"ExecStart=/usr/bin/quorbit {command}\n" in text
     unit.write_text(text.replace("ExecStart=", f"ExecStart={root}"))
     for words in (["verify", "--man=no", "--recursive-errors=no"], ["security", "--offline=true", "--threshold=20"]):
         run = subprocess.run(["systemd-analyze", *words, unit], capture_output=True, text=True, timeout=60, cwd=PROJECT)
