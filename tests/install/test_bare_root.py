@@ -1,4 +1,4 @@
-"""The packages on a Debian that has nothing else: what docs/install.md says is typed there, line by line, and each step leaves the files
+"""The packages on a Debian that has nothing else: what the README says is typed there, line by line, and each step leaves the files
 that it should and no others. Beside the packages and the system there is only a PHP 5.6, as a host has it. Needs root."""
 import json
 import os
@@ -159,9 +159,10 @@ def packages(folder, version=None):
 
 
 def typed():
-    """The commands of the documentation's first way."""
-    page = (PROJECT / "docs/install.md").read_text()
-    block = re.search(r"## Debian packages\n.*?```sh\n(.*?)```", page, re.S)[1]
+    """The commands of the README's first way, which docs/install.md repeats."""
+    block, again = (re.search(heading + r"\n.*?```(?:sh)?\n(.*?)```", (PROJECT / page).read_text(), re.S)[1]
+                    for page, heading in (("README.md", "## Into a real server"), ("docs/install.md", "## Debian packages")))
+    assert block == again
     return [line.partition("#")[0].strip() for line in block.splitlines()]
 
 
