@@ -1,7 +1,9 @@
 // From how far the daemon has come to words.
 #include "ask/sending.h"
 
+#include "base/files.h"
 #include "base/text.h"
+#include "facts/applications.h"
 #include "store/export_state.h"
 
 namespace quorbit {
@@ -14,6 +16,8 @@ constexpr int64_t late_ms = minute_ms; // what has waited for longer is a findin
 
 Sending sending_of(const DaemonConfig &config, int64_t now_ms)
 {
+	const std::string file = config.applications_file();
+	if (!inode_of(file) || parse_applications(read_file(file, true)).store_url.empty()) return {};
 	const ExportProgress progress = export_progress(config.store_file());
 	const ExportState &state = progress.state;
 	if (state.url.empty()) return {};

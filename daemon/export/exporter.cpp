@@ -17,7 +17,6 @@ using namespace std::chrono_literals;
 
 constexpr auto most_time = 60s; // of a batch
 constexpr auto first_pause = 1s, longest_pause = 30s;
-constexpr auto idle_time = 60s;
 constexpr int sums_every = 6;           // batches
 constexpr size_t most_arrived = 100000; // asked for at once
 
@@ -104,8 +103,9 @@ bool Exporter::wait_until_due()
 void Exporter::work()
 {
 	if (settings_.url.empty()) {
-		due_ = Clock::now() + idle_time;
-		return clear_state();
+		due_ = Clock::time_point::max(); // nothing of the store is open meanwhile
+		store_.reset();
+		return;
 	}
 	if (!follow_store()) session_.reset();
 	const auto next = Clock::now() + std::chrono::seconds(settings_.seconds);
@@ -120,16 +120,6 @@ void Exporter::work()
 	keep(state_);
 	pause_ = 0s;
 	due_ = next;
-}
-
-// Nothing is sent, and nobody is told of how it went when something was.
-void Exporter::clear_state()
-{
-	if (!store_ && !inode_of(path_)) return;
-	follow_store();
-	state_.url.clear();
-	state_.failure.clear();
-	keep(state_);
 }
 
 // False when another store has taken the place of the former one.

@@ -52,7 +52,6 @@ private:
 	void run();
 	bool wait_until_due();
 	void work();
-	void clear_state();
 	bool follow_store();
 	void open_session();
 	void see_what_arrived();

@@ -59,11 +59,14 @@ constexpr const char *keep_counter_sql = "UPDATE counter SET value = ?2 WHERE na
 } // namespace
 
 // Makes a missing file: what applications send is not for other accounts. A file or link that another account has put
-// there is refused. SQLite has no file open here, whose locks closing another descriptor of it would drop.
+// there is refused. Only its name is opened: closing a descriptor of the file itself would drop the locks that SQLite
+// holds on it for another connection of this process.
 static const std::string &private_file(const std::string &path)
 {
 	finish_replacing(path);
-	int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+	int file = open(path.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW);
+	if (file == -1 && errno == ENOENT)
+		file = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
 	if (file == -1) throw SqliteError(path + ": " + strerror(errno));
 	struct stat status;
 	bool ours = fstat(file, &status) == 0 && S_ISREG(status.st_mode) && is_of_root_or_us(status);
