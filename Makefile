@@ -3,6 +3,7 @@
 #   PHP_CONFIG=/path/to/php-config   build for that engine instead of one of our own
 #   ZQ_DAEMON_TIMEOUT_MS=2000        what a stalled daemon may cost per call (100), for tests on a busy machine
 #   ZQ_TRACER_FLOOR_US=0             shortest call that enters a trace, for tests that want everything traced
+#   E2E_WORKERS=3                    so many files of end-to-end tests at once in `make test`: half the time, on a busier machine
 
 MAKEFLAGS += --no-print-directory
 .NOTPARALLEL:
