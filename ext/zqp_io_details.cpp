@@ -43,10 +43,10 @@ struct figure {
 	uint64 value;
 };
 
-#define ONE(name, number) +1
+#define ITEM(name, number) ZQ_ITEM_##name,
 #define NONE(name, number)
-constexpr size_t ALL_FIGURES = ZQ_DETAILS_ITEMS(ONE, NONE);
-#undef ONE
+constexpr zq_details_item ALL_FIGURES[] = {ZQ_DETAILS_ITEMS(ITEM, NONE)};
+#undef ITEM
 #undef NONE
 constexpr size_t NOT_OF_ALL_ACTIONS = 2; /* the time in front of PHP, and the exit status */
 
@@ -136,8 +136,8 @@ void append_sums(writer *to, const zq_details *details, uint64 statements TSRMLS
 		{ZQ_ITEM_PEAK_MEMORY, zend_memory_peak_usage(1 TSRMLS_CC)},
 		{ZQ_ITEM_OUTPUT_BYTES, details->output_bytes},
 	};
-	static_assert(
-		std::size(figures) + NOT_OF_ALL_ACTIONS == ALL_FIGURES, "a figure of zqp_details_items.h has no value");
+	static_assert(std::size(figures) + NOT_OF_ALL_ACTIONS == std::size(ALL_FIGURES),
+		"a figure of zqp_details_items.h has no value");
 	append_figures(to, figures);
 }
 

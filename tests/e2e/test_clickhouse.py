@@ -81,8 +81,10 @@ def test_all_that_is_stored_arrives_and_status_tells(filled, clickhouse):
         stored = lambda: in_store(filled, f"SELECT count(*) FROM {table}")[0][0]
         sent = f"SELECT count() FROM quorbit.{table.removesuffix('_minute')} FINAL"
         wait_until(lambda: int(clickhouse.ask(sent)) == stored() > 0, f"the rows of {table}", 60)
+    told = f"Sends to http://127.0.0.1:{clickhouse.http}/quorbit, 0 s behind."
+    wait_until(lambda: told in run(filled, "status").stdout, told)
     status = run(filled, "status").stdout
-    assert f"Sends to http://127.0.0.1:{clickhouse.http}/quorbit, 0 s behind." in status and "CHECK  sending" not in status
+    assert "CHECK  sending" not in status
     assert servers.PASSWORD not in status + run(filled, "status", "--json").stdout + (filled.logs / "daemon.log").read_text()
 
 
