@@ -32,12 +32,10 @@ constexpr const char *usual_folders[] = {
 	"/usr/local/php*/sbin",
 	"/opt/*/bin",
 	"/opt/*/sbin",
-	"/opt/plesk/php/*/bin",
-	"/opt/plesk/php/*/sbin",
-	"/opt/*/php*/root/usr/bin",
-	"/opt/*/php*/root/usr/sbin",
-	"/opt/*/ea-php*/root/usr/bin",
-	"/opt/*/ea-php*/root/usr/sbin",
+	"/opt/*/php/*/bin",
+	"/opt/*/php/*/sbin",
+	"/opt/*/*php*/root/usr/bin",
+	"/opt/*/*php*/root/usr/sbin",
 };
 constexpr const char *usual_modules[] = {
 	"/usr/lib/apache2/modules/libphp*.so",

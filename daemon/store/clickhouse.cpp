@@ -13,8 +13,8 @@ namespace quorbit {
 namespace {
 
 constexpr long connect_ms = 3000;
-constexpr size_t most_message = 300; // of what a server says of a failure
-constexpr size_t most_answer = size_t{1} << 30;
+constexpr size_t most_message = 300;             // of what a server says of a failure
+constexpr size_t most_answer = size_t{16} << 20; // what is asked for here takes less than 1 MiB
 
 struct Answer {
 	std::string body;
@@ -150,7 +150,7 @@ std::string ClickHouse::send_to(size_t host, const Request &request)
 		curl_easy_setopt(curl, CURLOPT_XFERINFODATA, const_cast<std::atomic<bool> *>(stopping_));
 	}
 	const CURLcode code = curl_easy_perform(curl);
-	if (answer.too_long) throw ClickHouseError(server + ": the answer is larger than 1 GiB", true);
+	if (answer.too_long) throw ClickHouseError(server + ": the answer is larger than 16 MiB", true);
 	if (code != CURLE_OK) {
 		curl_off_t connected_us = 0;
 		curl_easy_getinfo(curl, CURLINFO_PRETRANSFER_TIME_T, &connected_us);
