@@ -21,6 +21,7 @@ QUIET = {"display_errors": "0", "log_errors": "0"}
 TRACED = {"zqs.action_tracer.action_threshold": "1"}      # here as well as in the daemon's answer, which may come too late
 LOST_PACKET, LATE_ANSWER = "send metric data fail", "recv app config"
 FLAT_KIB = 512                             # more growth than that from the middle of a run to its end is a leak
+LATE_THREADS = 3                           # so many may serve their first request, and connect, in its second half
 ANSWERS_PER_RELOAD = 20
 # How many packets a process of php/tree.php sends, by its end; one if not named here.
 PACKETS = {"is killed": 0, "becomes another": 0, "ends twice": 2}
@@ -92,7 +93,7 @@ def check_flat(marks):
                    for part in (marks[len(marks) // 4:len(marks) // 2], marks[-len(marks) // 4:]))
     descriptors = [min(mark.descriptors for mark in part) for part in (marks[:len(marks) // 2], marks[len(marks) // 2:])]
     assert end <= middle + FLAT_KIB, [str(mark) for mark in marks]
-    assert descriptors[1] <= descriptors[0], [str(mark) for mark in marks]           # the least: some have files open just now
+    assert descriptors[1] <= descriptors[0] + LATE_THREADS, [str(mark) for mark in marks]   # the least: some have files open
     return {"private KiB, middle and end": (middle, end), "least descriptors, first and second half": tuple(descriptors)}
 
 
