@@ -157,14 +157,16 @@ std::string newer(const Database &database, int64_t version)
 		std::to_string(newest_layout()) + ": install the newer one again, or move the store away";
 }
 
-void run(Database &database, const Migration &migration)
+// Those steps in one transaction: readers see all of them or none.
+void run(Database &database, std::span<const Migration> steps)
 {
 	database.execute("BEGIN IMMEDIATE");
 	try {
-		// Another daemon may have been faster while we waited for the lock.
-		if (database.integer("PRAGMA user_version") == migration.version - 1) {
-			database.execute(migration.sql);
-			database.execute(("PRAGMA user_version = " + std::to_string(migration.version)).c_str());
+		for (const Migration &step : steps) {
+			// Another daemon may have been faster while we waited for the lock.
+			if (database.integer("PRAGMA user_version") != step.version - 1) continue;
+			database.execute(step.sql);
+			database.execute(("PRAGMA user_version = " + std::to_string(step.version)).c_str());
 		}
 		database.execute("COMMIT");
 	} catch (const SqliteError &) {
@@ -193,8 +195,10 @@ int64_t bring_up_to_date(Database &database, const std::atomic<bool> *stopping)
 	if (found == newest_layout()) return found;
 	auto flag = const_cast<std::atomic<bool> *>(stopping);
 	sqlite3_progress_handler(database.handle(), flag ? instructions_per_look : 0, asked_to_stop, flag);
-	for (const Migration &migration : list) {
-		if (migration.version > found) run(database, migration);
+	// A new store has its newest layout at once: nobody finds one that seems to be an older quorbit's.
+	const size_t steps = found ? 1 : std::size(list);
+	for (std::span<const Migration> left = migrations().subspan(size_t(found)); !left.empty(); left = left.subspan(steps)) {
+		run(database, left.first(steps));
 	}
 	sqlite3_progress_handler(database.handle(), 0, nullptr, nullptr);
 	return found;

@@ -100,6 +100,14 @@ TEST_F(LayoutTest, RefusesStoresOfANewerLayoutAndHalfMadeOnes) {
   }
 }
 
+TEST_F(LayoutTest, IsMadeAsAWholeOrNotAtAll) {
+  Database(path_, Database::Mode::create).execute("CREATE TABLE export (what)");       // which the last steps make
+  EXPECT_NE(refusal().find("already exists"), std::string::npos) << refusal();
+  EXPECT_EQ(version(), 0);
+  Database store(path_, Database::Mode::read_write);
+  EXPECT_EQ(store.integer("SELECT count(*) FROM sqlite_master"), 1);
+}
+
 TEST_F(LayoutTest, TheCommandLineSaysWhatAnOldStoreNeeds) {
   keep_first_layout();
   try {
