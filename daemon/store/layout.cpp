@@ -197,7 +197,8 @@ int64_t bring_up_to_date(Database &database, const std::atomic<bool> *stopping)
 	sqlite3_progress_handler(database.handle(), flag ? instructions_per_look : 0, asked_to_stop, flag);
 	// A new store has its newest layout at once: nobody finds one that seems to be an older quorbit's.
 	const size_t steps = found ? 1 : std::size(list);
-	for (std::span<const Migration> left = migrations().subspan(size_t(found)); !left.empty(); left = left.subspan(steps)) {
+	for (std::span<const Migration> left = migrations().subspan(size_t(found)); !left.empty();
+		 left = left.subspan(steps)) {
 		run(database, left.first(steps));
 	}
 	sqlite3_progress_handler(database.handle(), 0, nullptr, nullptr);

@@ -19,9 +19,10 @@ struct Migration {
 std::span<const Migration> migrations();
 int64_t newest_layout();
 
-// Brings an open store to the newest layout, a new one in one transaction and an older one in one per migration: whatever
-// ends it leaves the store at the layout that it had reached, and the next call continues from there. `stopping`, once true, ends the one that runs
-// within milliseconds. Returns the layout that it found. Throws SqliteError, also for a store of a newer layout.
+// Brings an open store to the newest layout, a new one in one transaction and an older one in one per migration:
+// whatever ends it leaves the store at the layout that it had reached, and the next call continues from there.
+// `stopping`, once true, ends the one that runs within milliseconds. Returns the layout that it found. Throws
+// SqliteError, also for a store of a newer layout.
 int64_t bring_up_to_date(Database &database, const std::atomic<bool> *stopping = nullptr);
 
 // Throws SqliteError, with what to do about it, unless the store has the newest layout.
