@@ -15,7 +15,7 @@ from support.staging import install_package
 @pytest.fixture
 def manager(real, tmp_path):
     """A manager's socket, and what starts the daemon as one does."""
-    real.php()                                                   # writes the configuration, and starts a daemon
+    real.php(name="first.php")                                   # writes the configuration, and starts a daemon
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as told:
         told.bind(str(tmp_path / "notify"))
         told.settimeout(20)
