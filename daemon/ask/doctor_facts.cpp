@@ -11,6 +11,7 @@
 #include "host/fpm_pools.h"
 #include "host/host_sample.h"
 #include "host/proc_files.h"
+#include "store/layout.h"
 #include "store/open_reader.h"
 
 #include <algorithm>
@@ -35,7 +36,7 @@ constexpr auto most_wait = std::chrono::seconds(2); // for an action to arrive
 
 struct Store {
 	std::unique_ptr<Reader> reader;
-	std::string trouble;
+	std::string trouble, remedy;
 };
 
 Store open_store(const DaemonConfig &config)
@@ -45,9 +46,11 @@ Store open_store(const DaemonConfig &config)
 	try {
 		store.reader = open_reader(config);
 		store.reader->position(); // reads it
-	} catch (const std::exception &failure) {
+	} catch (const LayoutError &other) {
 		store.reader.reset();
-		store.trouble = failure.what();
+		if (!other.remedy.empty()) store = {nullptr, other.trouble, other.remedy};
+	} catch (const std::exception &failure) {
+		store = {nullptr, failure.what(), ""};
 	}
 	return store;
 }
@@ -392,6 +395,7 @@ Checkup doctor_facts(const DaemonConfig &config, const DoctorOptions &options)
 		checkup.future_ms = stamp_after(*store.reader, wall_clock_ms() + 5000);
 	}
 	checkup.store_trouble = store.trouble;
+	checkup.store_remedy = store.remedy;
 	checkup.host = host_state(config, store.reader.get(), known, options.proc);
 	checkup.strays = stray_ini_files(checkup.phps);
 	checkup.daemons = daemons(options.proc);

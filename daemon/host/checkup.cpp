@@ -38,7 +38,9 @@ void store_unreadable(const Checkup &checkup, const char *check, Findings &findi
 {
 	if (checkup.store_trouble.empty()) return;
 	add(findings, check, "the store cannot be read: " + checkup.store_trouble,
-		"run `quorbit doctor` as root; if the file is damaged, move it away, and the daemon begins a new one");
+		!checkup.store_remedy.empty()
+			? checkup.store_remedy
+			: "run `quorbit doctor` as root; if the file is damaged, move it away, and the daemon begins a new one");
 }
 
 void two_daemons(const Checkup &checkup, const char *check, Findings &findings)
@@ -231,6 +233,16 @@ std::pair<std::string, std::string> why_lost(const Checkup &checkup, const PhpCh
 			"/php-agent.log"};
 }
 
+// Whether findings_of has told why nothing comes of this process: its account reaches neither socket nor log.
+bool is_kept_out(const HostFacts &host, int process)
+{
+	return std::any_of(host.groups.begin(), host.groups.end(), [process](const ProcessGroup &group) {
+		return !group.report.reaches &&
+			std::any_of(group.processes.begin(), group.processes.end(),
+				[process](const PhpProcess &one) { return one.id == process; });
+	});
+}
+
 void probe_lost(const Checkup &checkup, const char *check, Findings &findings)
 {
 	const bool is_told = !checkup.host.folder.there || !checkup.host.daemon.answers || !checkup.refusals.empty() ||
@@ -239,6 +251,7 @@ void probe_lost(const Checkup &checkup, const char *check, Findings &findings)
 	for (const PhpCheckup &one : checkup.phps) {
 		const bool has_agent = one.php.path.empty() || one.php.enabled;
 		if (!one.probed || !has_agent || !one.probe.trouble.empty() || one.arrived) continue;
+		if (is_kept_out(checkup.host, one.probe.process)) continue;
 		const auto [why, remedy] = why_lost(checkup, one);
 		add(findings, check, one.title + " ran a request, and no packet of it came within 2 s: " + why, remedy);
 	}

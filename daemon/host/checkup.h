@@ -40,6 +40,7 @@ struct Checkup {
 	std::vector<DaemonProcess> daemons;
 	std::vector<AccountRefusal> refusals; // what accounts of PHP were refused, tried as them
 	std::string store_trouble;            // why the store cannot be read; "" when it can, or is not there yet
+	std::string store_remedy;             // what is known to mend that, else ""
 	int64_t future_ms = 0;                // stamp of an action that is some seconds ahead of now, 0 for none
 	int64_t free_bytes = INT64_MAX;       // of the folder's file system
 	std::vector<std::string> conf_problems;

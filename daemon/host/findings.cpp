@@ -186,10 +186,14 @@ void no_access(const HostFacts &facts, const char *check, Findings &findings)
 		const bool concerned = folder.there && has_agent(group) && !group.first().manages && group.report.same_folder;
 		if (!concerned || group.report.reaches) continue;
 		const std::string &account = group.report.account;
+		// Nobody is to join root's group for this.
+		const std::string remedy = folder.group_name == "root"
+			? "chgrp -R \"$(id -gn " + account + ")\" " + folder.path
+			: "usermod -aG " + folder.group_name + " " + account + ", then " + restart(group);
 		add(findings, check,
 			who({&group}) + "account " + account + " is not in group " + folder.group_name +
 				": it can reach neither the socket nor the log",
-			"usermod -aG " + folder.group_name + " " + account + ", then " + restart(group), ids({&group}));
+			remedy, ids({&group}));
 	}
 }
 

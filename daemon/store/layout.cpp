@@ -151,10 +151,11 @@ int asked_to_stop(void *stopping)
 	return static_cast<const std::atomic<bool> *>(stopping)->load();
 }
 
-std::string newer(const Database &database, int64_t version)
+LayoutError newer(const Database &database, int64_t version)
 {
-	return database.path() + ": layout " + std::to_string(version) + " is of a newer quorbit, this one knows " +
-		std::to_string(newest_layout()) + ": install the newer one again, or move the store away";
+	return {database.path() + ": layout " + std::to_string(version) + " is of a newer quorbit, this one knows " +
+			std::to_string(newest_layout()),
+		"install the newer one again, or move the store away"};
 }
 
 // Those steps in one transaction: readers see all of them or none.
@@ -191,7 +192,7 @@ int64_t newest_layout()
 int64_t bring_up_to_date(Database &database, const std::atomic<bool> *stopping)
 {
 	int64_t found = database.integer("PRAGMA user_version");
-	if (found > newest_layout()) throw SqliteError(newer(database, found));
+	if (found > newest_layout()) throw newer(database, found);
 	if (found == newest_layout()) return found;
 	auto flag = const_cast<std::atomic<bool> *>(stopping);
 	sqlite3_progress_handler(database.handle(), flag ? instructions_per_look : 0, asked_to_stop, flag);
@@ -208,11 +209,11 @@ int64_t bring_up_to_date(Database &database, const std::atomic<bool> *stopping)
 void require_newest_layout(Database &database)
 {
 	int64_t version = database.integer("PRAGMA user_version");
-	if (version == 0) throw SqliteError(database.path() + ": nothing has been stored yet");
-	if (version > newest_layout()) throw SqliteError(newer(database, version));
+	if (version == 0) throw LayoutError(database.path() + ": nothing has been stored yet", "");
+	if (version > newest_layout()) throw newer(database, version);
 	if (version == newest_layout()) return;
-	throw SqliteError(database.path() + ": layout " + std::to_string(version) +
-		" is of an older quorbit; a restart of the daemon brings it up to date");
+	throw LayoutError(database.path() + ": layout " + std::to_string(version) + " is of an older quorbit",
+		"restart the daemon, which brings it up to date");
 }
 
 } // namespace quorbit

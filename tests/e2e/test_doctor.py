@@ -219,6 +219,19 @@ def broken_store(doctor):
         (doctor.logs / name).unlink(missing_ok=True)
 
 
+def newer_store(doctor):
+    doctor.start_daemon()
+    doctor.real.stop()
+    with sqlite3.connect(doctor.logs / "quorbit.db") as store:
+        store.execute("PRAGMA user_version = 1000")
+
+
+def folder_of_another_group(doctor):
+    os.chown(doctor.logs, 0, 0)
+    doctor.start_daemon()
+    doctor.serve("")
+
+
 def pool_of_another_account(doctor):
     doctor.start_daemon()
     doctor.serve(f"[client]\nlisten = {doctor.site.root}/client.sock\nuser = nobody\ngroup = nogroup\npm = static\npm.max_children = 1\n")
@@ -251,11 +264,13 @@ BROKEN = [
     (other_root, 2, {"probe_lost": "its zqs.runtime_root is"}),
     (two_daemons, 1, {"two_daemons": "kill "}),
     (broken_store, 2, {"store_unreadable": "move it away"}),
+    (newer_store, 2, {"store_unreadable": ". install the newer one again"}),
+    (folder_of_another_group, 2, {"no_access": "chgrp -R"}),
     (pool_of_another_account, 1, {"no_access": "usermod -aG"}),
     (terminated_requests, 1, {"terminated": "max_execution_time"}),
     (nobody_asks_for_it, 1, {"conf_wrong": 'no agent goes by that name'}),
 ]
-NEED_ROOT = {full_disk, refused_above_the_folder, other_file_system, open_basedir, pool_of_another_account, terminated_requests}
+NEED_ROOT = {full_disk, refused_above_the_folder, other_file_system, open_basedir, folder_of_another_group, pool_of_another_account, terminated_requests}
 
 
 @pytest.mark.parametrize("break_it, status, expected",

@@ -114,6 +114,6 @@ TEST_F(LayoutTest, TheCommandLineSaysWhatAnOldStoreNeeds) {
     open_sqlite_reader(path_);
     FAIL() << "it was read";
   } catch (const SqliteError& failure) {
-    EXPECT_NE(std::string(failure.what()).find("a restart of the daemon brings it up to date"), std::string::npos);
+    EXPECT_NE(std::string(failure.what()).find("restart the daemon, which brings it up to date"), std::string::npos);
   }
 }
