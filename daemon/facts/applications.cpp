@@ -1,6 +1,7 @@
 // Parsing of applications.conf, stamps, and following the file.
 #include "facts/applications.h"
 
+#include "base/address.h"
 #include "base/config.h"
 #include "base/log.h"
 #include "base/files.h"
@@ -45,6 +46,18 @@ std::string url_fault(std::string_view text)
 	}
 }
 
+// Metrics name applications and actions: they are for this host alone.
+std::string listen_fault(std::string_view text)
+{
+	if (text.empty()) return "";
+	try {
+		const ListenAddress address = parse_listen(text);
+		if (!address.unix_socket() && address.loopback()) return "";
+	} catch (const std::runtime_error &) { // speaks of an option
+	}
+	return "expected an address of loopback and a port: 127.0.0.1:7181";
+}
+
 std::string path_fault(std::string_view text)
 {
 	return text.empty() || text.starts_with('/') ? "" : "expected a path from the root";
@@ -69,6 +82,7 @@ constexpr OwnText own_texts[] = {
 	{"store_password_file", &Applications::store_password_file, path_fault},
 	{"host_name", &Applications::host_name, name_fault},
 	{"cluster", &Applications::cluster, name_fault},
+	{"metrics_listen", &Applications::metrics_listen, listen_fault},
 };
 
 class Parser {

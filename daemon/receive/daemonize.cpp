@@ -5,6 +5,8 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "base/text.h"
+#include "export/exporter.h"
+#include "export/metrics_server.h"
 #include "receive/listener.h"
 #include "receive/presence.h"
 #include "receive/server.h"
@@ -87,14 +89,40 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &
 	return listener;
 }
 
+// What takes the stored out of the host, each in a thread of its own.
+struct Ways {
+	Ways(const DaemonConfig &config, StoreWriter &writer)
+		: exporter(config.store_file(), writer),
+		  metrics({config, [] { return true; }, [&writer] { return writer.unwritten(); }})
+	{
+	}
+
+	void apply(const Applications &settings)
+	{
+		exporter.set_settings(
+			{settings.store_url, settings.store_password_file, settings.host_name, settings.store_seconds});
+		metrics.set_listen(settings.metrics_listen);
+	}
+
+	// False when one of them has not ended after so long: a disk holds it up, and would hold up the destructor.
+	bool end(std::chrono::milliseconds most)
+	{
+		const bool exporter_ended = exporter.end(most), metrics_ended = metrics.end(most);
+		return exporter_ended && metrics_ended;
+	}
+
+	Exporter exporter;
+	MetricsServer metrics;
+};
+
 // Ends the process here when a disk holds up the threads that write and send.
-void end_writing(std::unique_ptr<Exporter> exporter, std::unique_ptr<StoreWriter> writer, const Presence &presence)
+void end_writing(std::unique_ptr<Ways> ways, std::unique_ptr<StoreWriter> writer, const Presence &presence)
 {
-	constexpr std::chrono::milliseconds most(4500), most_of_exporter(300); // five seconds in all
-	const bool exporter_ended = exporter->end(most_of_exporter);
+	constexpr std::chrono::milliseconds most(4400), most_of_way(200); // five seconds in all
+	const bool ways_ended = ways->end(most_of_way);
 	const bool written = writer->end(most);
-	if (exporter_ended && written) {
-		exporter.reset();
+	if (ways_ended && written) {
+		ways.reset();
 		return;
 	}
 	if (!written)
@@ -113,9 +141,10 @@ int serve(
 	mallopt(M_MMAP_THRESHOLD, 256 << 10);
 	ProfileSessions sessions;
 	auto writer = std::make_unique<StoreWriter>(config.store_file(), sessions);
-	auto exporter = std::make_unique<Exporter>(config.store_file(), *writer);
+	auto ways = std::make_unique<Ways>(config, *writer);
+	auto apply = [&ways](const Applications &settings) { ways->apply(settings); };
 	try {
-		Server(std::move(listener), config.applications_file(), *writer, *exporter, sessions).run([&] {
+		Server(std::move(listener), config.applications_file(), *writer, apply, sessions).run([&] {
 			if (manager) manager->tell("WATCHDOG=1");
 			return presence.keep();
 		});
@@ -124,7 +153,7 @@ int serve(
 		status = 1;
 	}
 	if (manager) manager->tell("STOPPING=1");
-	end_writing(std::move(exporter), std::move(writer), presence);
+	end_writing(std::move(ways), std::move(writer), presence);
 	presence.withdraw();
 	log_message(LogLevel::info, "ended");
 	return status;

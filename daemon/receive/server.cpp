@@ -83,10 +83,10 @@ StoreBounds bounds_of(const Applications &applications)
 }
 
 Server::Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer,
-	Exporter &exporter, ProfileSessions &sessions)
+	std::function<void(const Applications &)> apply, ProfileSessions &sessions)
 	: listener_(std::move(listener)),
 	  writer_(writer),
-	  exporter_(exporter),
+	  apply_(std::move(apply)),
 	  sessions_(sessions),
 	  applications_(std::move(applications_file)),
 	  budget_(budget_bytes),
@@ -126,8 +126,7 @@ const Applications &Server::current_settings()
 {
 	const Applications &applications = applications_.current();
 	writer_.set_bounds(bounds_of(applications));
-	exporter_.set_settings(
-		{applications.store_url, applications.store_password_file, applications.host_name, applications.store_seconds});
+	apply_(applications);
 	return applications;
 }
 

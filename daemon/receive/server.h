@@ -1,7 +1,6 @@
 // The receiver: one thread, one epoll set, any number of agents, each of which gets its share.
 #pragma once
 
-#include "export/exporter.h"
 #include "facts/applications.h"
 #include "receive/connection.h"
 #include "receive/listener.h"
@@ -20,8 +19,9 @@ StoreBounds bounds_of(const Applications &applications);
 
 class Server {
 public:
-	Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer, Exporter &exporter,
-		ProfileSessions &sessions);
+	// `apply` is given the daemon's own settings again and again, from the thread that serves agents.
+	Server(std::unique_ptr<Listener> listener, std::string applications_file, StoreWriter &writer,
+		std::function<void(const Applications &)> apply, ProfileSessions &sessions);
 	~Server();
 
 	// Works until SIGTERM or SIGINT, which the caller has blocked, or until agents can no longer find the socket.
@@ -58,7 +58,7 @@ private:
 	int64_t received_bytes_ = 0; // since the last sweep
 	int trims_due_ = 0;
 	StoreWriter &writer_;
-	Exporter &exporter_;
+	const std::function<void(const Applications &)> apply_;
 	ProfileSessions &sessions_;
 	ApplicationsFile applications_;
 	Shares budget_;      // of what is half received or not yet taken

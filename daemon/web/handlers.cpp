@@ -18,6 +18,7 @@ using httplib::Response;
 
 constexpr const char *json_type = "application/json";
 constexpr const char *login_path = "/api/v1/session";
+constexpr const char *metrics_path = "/metrics";
 constexpr const char *logout_path = "/api/v1/session/end";
 
 int64_t now_ms()
@@ -61,6 +62,7 @@ public:
 			request.get_header_value("Content-Type"), request.get_header_value_count("Host") == 1};
 		if (auto refusal = refuse(visit, served_.hosts))
 			return send(response, api_error(refusal->status, refusal->message)), true;
+		if (request.path == metrics_path) return may_go_on(request, response) && metrics(request, response), true;
 		if (!request.path.starts_with("/api/")) return page(request, response), true;
 		if (request.path == login_path && request.method == "POST") return false;
 		return !may_go_on(request, response) || answer(request, response);
@@ -133,6 +135,15 @@ private:
 		response.status = 200;
 		response.set_content(
 			reinterpret_cast<const char *>(found->bytes.data()), found->bytes.size(), std::string(found->type));
+	}
+
+	bool metrics(const Request &request, Response &response) const
+	{
+		const MetricAnswer found = answer_metrics(served_.metrics, request.get_header_value("Accept"));
+		response.status = found.status;
+		response.set_header("Cache-Control", "no-store");
+		response.set_content(found.text, found.type);
+		return true;
 	}
 
 	// Whether the request shows what it needs; else it has been answered.

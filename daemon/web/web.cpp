@@ -2,11 +2,12 @@
 #include "web/web.h"
 
 #include "base/account.h"
+#include "base/address.h"
+#include "base/bounded_server.h"
 #include "base/files.h"
 #include "print/output.h"
+#include "receive/daemonize.h"
 #include "sample/sample.h"
-#include "web/address.h"
-#include "web/bounded_server.h"
 #include "web/browser.h"
 #include "web/handlers.h"
 #include "web/profiles.h"
@@ -135,7 +136,8 @@ int run_web(const DaemonConfig &config, const WebOptions &options)
 	auto status = options.status;
 	if (sample) status = [&sample](const DaemonConfig &) { return sample->status(); };
 	const ApiSource api = {source, status, &profiles, options.sample};
-	add_handlers(server, {api, sessions, allowed_hosts(address, options.hosts), address.port});
+	Metrics metrics({source, [&source] { return daemon_answers(source); }, nullptr});
+	add_handlers(server, {api, sessions, metrics, allowed_hosts(address, options.hosts), address.port});
 	introduce(address, options, sessions);
 	if (sample) tell("The sample goes with this process; until then: quorbit top --since 1d --root " + sample->root());
 	if (options.open) browser.open(address.origin() + "/login#" + sessions.link_token());

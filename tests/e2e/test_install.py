@@ -19,7 +19,8 @@ def test_install_places_its_files_and_uninstall_takes_them_back(root):
     neighbour.touch()
     assert make("install", root).returncode == 0
     ours = {f"{EXTENSION_DIR}/zqprof.so", "/usr/bin/quorbit", "/usr/share/quorbit/quorbit.ini", "/etc/logrotate.d/quorbit",
-            "/usr/share/quorbit/applications.conf", "/usr/share/man/man1/quorbit.1.gz", "/usr/share/man/man5/applications.conf.5.gz",
+            "/usr/share/quorbit/prometheus-alerts.yml", "/usr/share/quorbit/grafana-dashboard.json", "/usr/share/quorbit/applications.conf",
+            "/usr/share/man/man1/quorbit.1.gz", "/usr/share/man/man5/applications.conf.5.gz",
             "/usr/share/bash-completion/completions/quorbit", "/usr/share/zsh/vendor-completions/_quorbit",
             "/var/log/quorbit/php-agent.log", "/var/log/quorbit/applications.conf"}
     assert installed(root) == ours | {"/usr/bin/neighbour"}

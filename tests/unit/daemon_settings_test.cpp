@@ -87,6 +87,8 @@ TEST(Applications, TellWhatIsWrongAndUseTheRest) {
       {"store_password_file=here\n", "a path from the root"},
       {"host_name=a b\n", "host_name"},
       {"store_seconds=0\n", "store_seconds"},
+      {"metrics_listen=0.0.0.0:7181\n", "loopback"},
+      {"metrics_listen=127.0.0.1\n", "loopback"},
       {"[*]\nzqs.caputre_params=1\n", "zqs.caputre_params"},
   };
   for (const auto& row : rows) {

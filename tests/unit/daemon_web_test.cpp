@@ -1,5 +1,5 @@
 // Sessions of the page, and the addresses that it may listen on.
-#include "web/address.h"
+#include "base/address.h"
 #include "web/sessions.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // Reading addresses.
-#include "web/address.h"
+#include "base/address.h"
 
 #include "base/number.h"
 

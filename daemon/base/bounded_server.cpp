@@ -1,6 +1,6 @@
 // One connection, read and written within its bounds. Requests follow one another on connections of their own: whatever
 // one of them leaves unread cannot become another.
-#include "web/bounded_server.h"
+#include "base/bounded_server.h"
 
 #include <cerrno>
 #include <chrono>
