@@ -4,10 +4,12 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include "zqp_action.h"
 #include "zqp_debug.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_lock.h"
+#include "zqp_quick.h"
 #include "zqp_rum.h"
 #include "zqp_wrapper.h"
 #include "zqprof_settings.h"
@@ -111,6 +113,9 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	}
 	if (type == MODULE_PERSISTENT) {
 		when_all_have_started(take_exit_again);
+	}
+	if (zq_tracer_threshold_us(0) > 0 && !_zend_execute_internal) { /* a build for tests has every call in its trace */
+		zq_quick_init();
 	}
 	zq_find_running_statement = zq_running_statement_of;
 	zq_log_init(TSRMLS_C);

@@ -8,6 +8,7 @@
 #include "zqp_component.h"
 #include "zqp_io.h"
 #include "zqp_open_calls.h"
+#include "zqp_quick.h"
 #include "zqp_tracer.h"
 #include "zqp_wrapper.h"
 
@@ -406,13 +407,35 @@ static zend_never_inline void intercept_internal_call(
 	}
 }
 
+static void pass_internal(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	if (zq_is_watching(zq_globals(TSRMLS_C)) && frame && frame->function_state.function->common.function_name) {
+		intercept_internal_call(frame, fci, return_value_used TSRMLS_CC);
+	} else {
+		run_internal(frame, fci, return_value_used TSRMLS_CC);
+	}
+}
+
+static zend_never_inline void pass_quick(
+	const zq_quick_slot *slot, zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	if (zq_quick_arguments(slot, frame)) {
+		execute_internal(frame, fci, return_value_used TSRMLS_CC);
+	} else {
+		pass_internal(frame, fci, return_value_used TSRMLS_CC);
+	}
+}
+
 void zq_execute_internal(zend_execute_data *execute_data_ptr, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
-	if (zq_is_watching(zq_globals(TSRMLS_C)) && execute_data_ptr &&
-		execute_data_ptr->function_state.function->common.function_name) {
-		intercept_internal_call(execute_data_ptr, fci, return_value_used TSRMLS_CC);
+	const zq_quick_slot *slot = execute_data_ptr ? zq_quick_slot_of(execute_data_ptr) : NULL;
+	if (!slot) {
+		pass_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
+	} else if (!fci && zq_quick_argument(slot, execute_data_ptr)) { /* as execute_internal would */
+		zval **result = &EX_TMP_VAR(execute_data_ptr, execute_data_ptr->opline->result.var)->var.ptr;
+		slot->handler(1, *result, result, execute_data_ptr->object, return_value_used TSRMLS_CC);
 	} else {
-		run_internal(execute_data_ptr, fci, return_value_used TSRMLS_CC);
+		pass_quick(slot, execute_data_ptr, fci, return_value_used TSRMLS_CC);
 	}
 }
 

@@ -9,6 +9,7 @@
 #include "zqp_io.h"
 #include "zqp_naming.h"
 #include "zqp_open_calls.h"
+#include "zqp_quick.h"
 #include "zqp_rum.h"
 #include "zqp_wrapper_headers.h"
 
@@ -81,6 +82,7 @@ static int start_action(const char *name TSRMLS_DC)
 	zq_details_begin(TSRMLS_C);
 	g->rum_enabled = 0;
 	g->tracer_threshold_tick = zq_tracer_threshold_us(g->action_tracer_action_threshold);
+	zq_quick_wait_for_profile(g->profile_end_time, g->rinit_tick / 1000000);
 	get_usage(zq_thread_id(), &g->rinit_cpu, NULL);
 	if (g->transaction_tracer_enabled) {
 		g->transaction_id = get_new_GUID();

@@ -11,6 +11,7 @@
 #include "zqp_naming.h"
 #include "zqp_naming_uri.h"
 #include "zqp_open_calls.h"
+#include "zqp_quick.h"
 #include "zqprof_settings.h"
 
 static const double random_max = 2147483647.0; /* what random() gives at most */
@@ -201,6 +202,7 @@ static void activate(TSRMLS_D)
 		start_web_action(TSRMLS_C);
 	}
 	g->tracer_threshold_tick = zq_tracer_threshold_us(g->action_tracer_action_threshold);
+	zq_quick_wait_for_profile(g->profile_end_time, g->rinit_tick / 1000000);
 	ZQ_LOG(ZQ_LOG_VERBOSE, "RINIT processing done");
 	if (g->profile_end_time) {
 		thread_profile("enter action", g_cli ? "Background" : "Web", NULL TSRMLS_CC);

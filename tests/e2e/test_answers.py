@@ -30,16 +30,18 @@ def packet(*parts, length=None):
 
 
 def held_up(site, blocked, *arguments, **options):
-    """The result of a request that is held up by that many time-outs of 100 ms, and by no more, in three of five tries."""
+    """The result of a request that is held up by that many time-outs of 100 ms. A busy machine only ever adds to what a request
+    takes: of up to nine tries the least counts, with the agent and without."""
     site.extension = SHIPPED if blocked else site.extension
-    found, held = [], 0
-    while held < 3:
+    results = []
+    while len(results) < 9:
         (site.logs / "php-agent.log").unlink(missing_ok=True)
-        result = site.cgi(*arguments, **options)
-        found.append(result.held_up_ms - result.bare.held_up_ms)
-        held += round(found[-1] / 100) == blocked
-        assert len(found) - held < 3, f"held up for {found} ms, not {blocked} times 100 ms"
-    return result
+        results.append(site.cgi(*arguments, **options))
+        least = min(result.held_up_ms for result in results) - min(result.bare.held_up_ms for result in results)
+        if len(results) >= 3 and round(least / 100) == blocked:
+            break
+    assert round(least / 100) == blocked, f"held up for {least} ms, not {blocked} times 100 ms"
+    return results[-1]
 
 
 def test_all_keys_take_effect(site):
