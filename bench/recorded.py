@@ -4,13 +4,14 @@ instructions counted by callgrind.
 
 A PHP loop makes calls of one kind under php-cgi with two counts of iterations, with the agent and without; the difference of
 the differences, divided by that of the counts, is the price of one call. That of a request is the same with an empty page.
-Once for a daemon that asks for nothing and once for one that asks for details.
+Once for a daemon that asks for nothing, once for one that asks for details, and once for one that has made a board as well.
 Needs a finished build; Redis and a web server, the engine's own, are started privately."""
 import subprocess
 
 from instructions import count
 from measure import PROJECT, engines
 
+from support.board import make_board
 from support.stores import Redis
 
 SQLITE = """$db = new PDO('sqlite::memory:');
@@ -66,12 +67,14 @@ def main():
         redis.prepare()
         redis.start()
         columns = []
-        for asked in ("0", "1"):
+        for asked, board in (("0", False), ("1", False), ("1", True)):
             site.daemon.configure({"zqs.details": asked})
+            if board:
+                make_board(site.logs)
             columns.append(list(measure(site, redis, site.script("", "empty.php"))))
-        print("instructions added to" + " " * 11 + "alone with details")
-        for (name, alone), (_, detailed) in zip(*columns):
-            print(f"{name:24}{alone:12.0f}{detailed:13.0f}  {(detailed / alone - 1) * 100:+.1f} %", flush=True)
+        print("instructions added to" + " " * 11 + "alone with details   with board")
+        for (name, alone), (_, detailed), (_, shown) in zip(*columns):
+            print(f"{name:24}{alone:12.0f}{detailed:13.0f}  {(detailed / alone - 1) * 100:+.1f} %{shown:11.0f} {shown - detailed:+8.0f}", flush=True)
     finally:
         redis.stop()
         site.close()

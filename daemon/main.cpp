@@ -2,6 +2,7 @@
 #include "ask/clickhouse.h"
 #include "ask/command.h"
 #include "ask/help.h"
+#include "ask/now.h"
 #include "base/version.h"
 #include "print/output.h"
 #include "receive/daemonize.h"
@@ -18,6 +19,7 @@ struct Command {
 constexpr Command commands[] = {
 	{"show", "the newest actions, or one in full", quorbit::add_show},
 	{"tail", "actions as they come", quorbit::add_tail},
+	{"now", "the requests that run at this moment, and what each waits for", quorbit::add_now},
 	{"top", "what takes most time: actions, statements, calls, errors and more", quorbit::add_top},
 	{"queries", "the statements that take most time, where they run and what would help", quorbit::add_queries},
 	{"errors", "errors that are the same but for their values, since when and how often", quorbit::add_errors},

@@ -6,7 +6,8 @@
 
 static pthread_mutex_t process_lock = PTHREAD_MUTEX_INITIALIZER;
 static int fork_handlers_registered; /* once per process: the library stays mapped across module restarts */
-static unsigned forks;               /* between the process that loaded the library and this one */
+void (*zq_when_forked)(void);
+static unsigned forks; /* between the process that loaded the library and this one */
 
 static void before_fork(void)
 {
@@ -20,6 +21,9 @@ static void after_fork_in_child(void)
 {
 	forks++; /* the child's only thread */
 	pthread_mutex_unlock(&process_lock);
+	if (zq_when_forked) {
+		zq_when_forked();
+	}
 }
 
 void zq_lock_init(void)

@@ -16,6 +16,8 @@ void zq_lock_init(void);
  * opened. No system call: forks are counted as they happen, which knows every child that runs PHP, since the engine and
  * its servers make them with fork() alone. */
 unsigned zq_process_number(void);
+/* Runs in a child right after a fork; null: nothing does. Set at module start-up. */
+extern void (*zq_when_forked)(void);
 
 /* Holds back SIGPROF and SIGALRM in this thread; `saved` receives the mask for zq_allow_timers(). */
 void zq_hold_timers(sigset_t *saved);

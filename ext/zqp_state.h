@@ -18,6 +18,7 @@
 #define ZQ_PROTOCOL_VERSION "Oct 20 2016"
 
 struct error_element;
+struct zq_board_slot;
 struct zq_details;
 
 enum { ZQ_OPEN_CALLS = 1024 }; /* nesting up to which a call that does not return is known */
@@ -32,13 +33,19 @@ struct zq_thread {
 	int hook_enabled;  /* 1 while an action is open, else 0 */
 	int in_agent_call; /* > 0 while the agent itself calls PHP code: the hooks pass everything through */
 	zq_clock clock;
-	int daemon_sock;                 /* -1: not connected */
-	unsigned daemon_process;         /* zq_process_number() that opened it: a forked child must not use its stream */
-	ino_t daemon_inode;              /* of it: the number alone may be another file's by now */
-	int has_signal_stack;            /* its own, the host's, or none to be had */
-	void *signal_stack;              /* zq_open_signal_stack()'s; null: the host's, or none */
-	const char *license;             /* points at license_copy or at a constant; phpinfo shows the last request's */
-	char *license_copy;              /* owned */
+	struct zq_board_slot *board;      /* while an action is open and shown: where; else null */
+	int daemon_sock;                  /* -1: not connected */
+	unsigned daemon_process;          /* zq_process_number() that opened it: a forked child must not use its stream */
+	ino_t daemon_inode;               /* of it: the number alone may be another file's by now */
+	int has_signal_stack;             /* its own, the host's, or none to be had */
+	void *signal_stack;               /* zq_open_signal_stack()'s; null: the host's, or none */
+	const char *license;              /* points at license_copy or at a constant; phpinfo shows the last request's */
+	char *license_copy;               /* owned */
+	struct zq_board_slot *board_slot; /* the thread's, in the mapping; null: none */
+	int64_t board_tried_s;            /* when a slot was last asked for; 0: never */
+	long curl_url_handle;             /* resource whose URL the script set last */
+	size_t curl_url_len;
+	char curl_url[200];              /* it, as the board shows it; cut */
 	unsigned component_generation;   /* counts the times `components` was emptied: guards stale element pointers */
 	unsigned contexts_apart;         /* stream contexts that the agent has made for SOAP clients of this thread */
 	zend_execute_data *script_frame; /* that ran when in_agent_call left 0 */

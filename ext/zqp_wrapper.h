@@ -2,6 +2,7 @@
 #ifndef ZQP_WRAPPER_H
 #define ZQP_WRAPPER_H
 
+#include "zqp_board_layout.h"
 #include "zqp_helper.h"
 #include "zqp_open_calls.h"
 
@@ -19,6 +20,9 @@ typedef struct zq_stack_data {
 	zval *object;       /* of the call, as before it */
 	php_stream_context *lent_context; /* holds our header while the call runs; null: none does */
 	bool lent_options;                /* that context had no options for HTTP before */
+	const void *after;     /* the dispatch's row for an internal call, when it has been looked up before the call */
+	zq_board_call *shown;  /* on the board; null: is not */
+	uint32_t shown_within; /* number of the call that was shown before, and is again afterwards */
 	const HashTable *earlier_headers; /* $http_response_header as it was before the call, or null */
 } zq_stack_data;
 

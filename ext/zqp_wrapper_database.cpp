@@ -163,23 +163,23 @@ static constexpr zq_sql_client pdo_statement = {.error = "PDOStatement::errorInf
 	.link_is_first = false,
 	.passes_parameters = false};
 
-const zq_sql_api sql_mysql_query = {"MySQL", argument<0>, error_of_link, &mysql_query, false};
-const zq_sql_api sql_mysql_db_query = {"MySQL", argument<1>, error_of_link, &mysql_db_query, false};
-const zq_sql_api sql_mysql_argument_0 = {"MySQL", argument<0>, NULL, NULL, false};
-const zq_sql_api sql_mysql_argument_1 = {"MySQL", argument<1>, NULL, NULL, false};
+const zq_sql_api sql_mysql_query = {"MySQL", argument<0>, error_of_link, &mysql_query, false, ZQ_NOT_PDO, 0};
+const zq_sql_api sql_mysql_db_query = {"MySQL", argument<1>, error_of_link, &mysql_db_query, false, ZQ_NOT_PDO, 1};
+const zq_sql_api sql_mysql_argument_0 = {"MySQL", argument<0>, NULL, NULL, false, ZQ_NOT_PDO, 0};
+const zq_sql_api sql_mysql_argument_1 = {"MySQL", argument<1>, NULL, NULL, false, ZQ_NOT_PDO, 1};
 const zq_sql_api sql_mysql_prepared = {"MySQL", prepared, NULL, NULL, false};
-const zq_sql_api sql_mysqli_method = {"MySQL", argument<0>, error_property, NULL, true};
+const zq_sql_api sql_mysqli_method = {"MySQL", argument<0>, error_property, NULL, true, ZQ_NOT_PDO, 0};
 const zq_sql_api sql_mysqli_stmt_execute = {"MySQL", prepared, error_property, NULL, true};
 const zq_sql_api sql_pg_query = {"PostgreSQL", argument_from_end<0>, error_of_link, &pg_query, false};
 const zq_sql_api sql_pg_query_params = {"PostgreSQL", argument_from_end<1>, error_of_link, &pg_query_params, false};
 const zq_sql_api sql_pg_prepared = {"PostgreSQL", prepared, NULL, NULL, false};
 const zq_sql_api sql_pg_insert = {"PostgreSQL", inserted, NULL, NULL, false};
 const zq_sql_api sql_pg_delete = {"PostgreSQL", deleted, NULL, NULL, false};
-const zq_sql_api sql_sqlite_argument_0 = {"SQLite", argument<0>, NULL, NULL, false};
-const zq_sql_api sql_sqlite_argument_1 = {"SQLite", argument<1>, NULL, NULL, false};
+const zq_sql_api sql_sqlite_argument_0 = {"SQLite", argument<0>, NULL, NULL, false, ZQ_NOT_PDO, 0};
+const zq_sql_api sql_sqlite_argument_1 = {"SQLite", argument<1>, NULL, NULL, false, ZQ_NOT_PDO, 1};
 const zq_sql_api sql_oracle_prepared = {"Oracle", prepared, NULL, NULL, false};
-const zq_sql_api sql_pdo_query = {NULL, argument<0>, error_info, &pdo_query, false, ZQ_PDO_CONNECTION};
-const zq_sql_api sql_pdo_exec = {NULL, argument<0>, NULL, NULL, false, ZQ_PDO_CONNECTION};
+const zq_sql_api sql_pdo_query = {NULL, argument<0>, error_info, &pdo_query, false, ZQ_PDO_CONNECTION, 0};
+const zq_sql_api sql_pdo_exec = {NULL, argument<0>, NULL, NULL, false, ZQ_PDO_CONNECTION, 0};
 const zq_sql_api sql_pdo_statement_execute = {NULL, query_string, error_info, &pdo_statement, false, ZQ_PDO_STATEMENT};
 
 /* ---- the steps ---- */
@@ -335,20 +335,9 @@ int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin_us, u
 
 /* ---- calls that are running ---- */
 
-template <const zq_sql_api &...apis>
-static const zq_sql_api *api_of(zq_performance_callback record)
-{
-	const zq_sql_api *found = NULL;
-	((record == performance_sql<apis> ? (void)(found = &apis) : (void)0), ...);
-	return found;
-}
-
 bool zq_sql_running(zq_performance_callback record, zq_stack_data *call, zq_running_statement *found TSRMLS_DC)
 {
-	const zq_sql_api *api = api_of<sql_mysql_query, sql_mysql_db_query, sql_mysql_argument_0, sql_mysql_argument_1,
-		sql_mysql_prepared, sql_mysqli_method, sql_mysqli_stmt_execute, sql_pg_query, sql_pg_query_params,
-		sql_pg_prepared, sql_sqlite_argument_0, sql_sqlite_argument_1, sql_oracle_prepared, sql_pdo_query, sql_pdo_exec,
-		sql_pdo_statement_execute>(record);
+	const zq_sql_api *api = zq_sql_api_of(record);
 	if (!api) {
 		return false;
 	}

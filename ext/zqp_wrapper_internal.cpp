@@ -9,10 +9,7 @@
 #include "zqp_nosql.h"
 #include "zqp_store_classes.h"
 #include "zqp_tracer.h"
-#include "zqp_wrapper_database.h"
-#include "zqp_wrapper_external.h"
-#include "zqp_wrapper_headers.h"
-#include "zqp_wrapper_nosql.h"
+#include "zqp_wrapper_board.h"
 
 namespace {
 
@@ -31,6 +28,7 @@ struct zq_after_row {
 	zq_name name; /* "*" in a class: every method that no row before it has */
 	zq_condition wanted;
 	zq_performance_callback record;
+	zq_shown_as shown = zq_shown_of(record);
 };
 
 struct zq_class_row {
@@ -287,8 +285,28 @@ int record_call(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 	if (!call->func_hash_code) {
 		return 0;
 	}
-	const zq_after_row *row = find_recorder(call);
+	const zq_after_row *row = call->after ? (const zq_after_row *)call->after : find_recorder(call);
 	return row && (!row->wanted || row->wanted(TSRMLS_C)) && row->record(call, begin_us, end_us TSRMLS_CC);
+}
+
+/* Last before the call: the board is being written until it begins. */
+void show_call(zq_stack_data *call TSRMLS_DC)
+{
+	const zq_after_row *row = find_recorder(call);
+	call->after = row;
+	if (row && row->shown.show) {
+		row->shown.show(call, &row->shown TSRMLS_CC);
+	}
+}
+
+/* The board is as it was before the call. */
+void end_showing(zq_stack_data *call, uint64 end_us TSRMLS_DC)
+{
+	if (call->shown) {
+		zq_board_ends(ZQG(board), call->shown, call->shown_within, end_us);
+	} else if (((const zq_after_row *)call->after)->shown.sets_url) {
+		zq_keep_url(call TSRMLS_CC);
+	}
 }
 
 } // namespace
@@ -309,13 +327,18 @@ void zq_before_internal_call(zq_stack_data *call TSRMLS_DC)
 	if (UNEXPECTED(ZQG(profile_end_time))) {
 		thread_profile("enter function", call->func, call->cls TSRMLS_CC);
 	}
-	if (call->cls || !call->func_hash_code) {
+	if (!call->func_hash_code) {
 		return;
 	}
-	const zq_before_row *row =
-		zq_find_row(before_rows, before_index, call->func_hash_code, call->func, call->func_length);
-	if (row && (!row->wanted || row->wanted(TSRMLS_C))) {
-		row->handle(call TSRMLS_CC);
+	if (!call->cls) {
+		const zq_before_row *row =
+			zq_find_row(before_rows, before_index, call->func_hash_code, call->func, call->func_length);
+		if (row && (!row->wanted || row->wanted(TSRMLS_C))) {
+			row->handle(call TSRMLS_CC);
+		}
+	}
+	if (ZQG(board)) {
+		show_call(call TSRMLS_CC);
 	}
 }
 
@@ -328,6 +351,9 @@ void zq_after_internal_call(zq_stack_data *call, uint64 begin_us TSRMLS_DC)
 		return; /* nobody wants to know how long it took */
 	}
 	uint64 end_us = zq_clock_us(&ZQG(clock));
+	if (call->after && ZQG(board)) {
+		end_showing(call, end_us TSRMLS_CC);
+	}
 	if (!record_call(call, begin_us, end_us TSRMLS_CC)) {
 		zq_trace_default(call, begin_us, end_us TSRMLS_CC);
 	}

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "zqp_action.h"
+#include "zqp_board.h"
 #include "zqp_debug.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
@@ -56,6 +57,7 @@ static void php_zqprof_shutdown_globals(void *globals TSRMLS_DC)
 		close(g->daemon_sock);
 		g->daemon_sock = -1;
 	}
+	zq_board_leave(g);
 	zq_close_signal_stack(g->signal_stack);
 	free(g->license_copy);
 	g->license_copy = NULL;
@@ -118,6 +120,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 		zq_quick_init();
 	}
 	zq_find_running_statement = zq_running_statement_of;
+	zq_when_forked = zq_board_forget;
 	zq_log_init(TSRMLS_C);
 	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_PROTOCOL_VERSION);
 	zq_log_share();

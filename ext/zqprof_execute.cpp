@@ -5,6 +5,7 @@
  * two readings of the clock. */
 #include "php_zqprof.h"
 
+#include "zqp_board.h"
 #include "zqp_component.h"
 #include "zqp_io.h"
 #include "zqp_open_calls.h"
@@ -115,6 +116,10 @@ static void zq_before_function_call(zq_stack_data *stack, zq_user_func_data *use
 	if (callback) {
 		wanted = callback(stack->execute_data, user_data->func_full_name TSRMLS_CC) & 1;
 	}
+	if (g->board && g->tracer_level == 1 && user_data->is_function) {
+		zq_board_outermost(g, stack->execute_data, stack->cls, (size_t)stack->cls_length, stack->func,
+			(size_t)stack->func_length TSRMLS_CC);
+	}
 	/* Every outermost user function is a component; included code never is by its level. */
 	if (wanted || (g->tracer_level == 1 && user_data->is_function)) {
 		user_data->llist_comp_ele = zq_component_open(TSRMLS_C);
@@ -136,6 +141,9 @@ static void zq_after_function_call(zq_stack_data *stack, zq_user_func_data *user
 		zq_trace_default(stack, begin_us, end_us TSRMLS_CC);
 	}
 	if (user_data->llist_comp_ele) {
+		if (g->board && g->tracer_level == 1) {
+			zq_board_outermost(g, stack->execute_data, NULL, 0, NULL, 0 TSRMLS_CC);
+		}
 		zq_component_close(user_data->llist_comp_ele, user_data->component_generation, stack->cls, stack->func,
 			(int)((end_us - begin_us) / 1000) TSRMLS_CC);
 	}
@@ -360,6 +368,9 @@ static zend_never_inline void run_watched(
 	zq_hash_names(&stack);
 	zq_before_internal_call(&stack TSRMLS_CC);
 	uint64 begin_us = zq_clock_us(&ZQG(clock));
+	if (stack.shown) {
+		zq_board_begins(ZQG(board), stack.shown, begin_us);
+	}
 	unsigned around = ZQG(open_calls); /* a SOAP client may have caught a bailout of calls inside it */
 	zq_call_begins(zq_globals(TSRMLS_C), frame, begin_us);
 	run_internal(frame, fci, return_value_used TSRMLS_CC);

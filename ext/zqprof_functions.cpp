@@ -3,6 +3,7 @@
 #include "php_zqprof.h"
 
 #include "zqp_action.h"
+#include "zqp_board.h"
 #include "zqp_debug.h"
 #include "zqp_details.h"
 #include "zqp_exception.h"
@@ -88,6 +89,7 @@ static int start_action(const char *name TSRMLS_DC)
 		g->transaction_id = get_new_GUID();
 	}
 	set_action_name(name TSRMLS_CC);
+	zq_board_open(g->action_name TSRMLS_CC);
 	g->hook_enabled = 1;
 	return 1;
 }
@@ -123,6 +125,7 @@ static PHP_FUNCTION(vantor_end_webaction)
 	zq_lift_memory_limit(TSRMLS_C); /* a packet can be larger than the room that the script has left */
 	zq_record_ended_calls(TSRMLS_C);
 	send_metric((int)((g->rdown_tick - g->rinit_tick) / 1000) TSRMLS_CC);
+	zq_board_close(g);
 	zq_empty_containers(TSRMLS_C);
 	zq_free_config_copies(TSRMLS_C);
 	zq_restore_memory_limit(TSRMLS_C);

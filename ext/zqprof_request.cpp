@@ -4,6 +4,7 @@
 #include "php_zqprof.h"
 
 #include "zqp_action.h"
+#include "zqp_board.h"
 #include "zqp_debug.h"
 #include "zqp_details.h"
 #include "zqp_exception.h"
@@ -207,6 +208,7 @@ static void activate(TSRMLS_D)
 	if (g->profile_end_time) {
 		thread_profile("enter action", g_cli ? "Background" : "Web", NULL TSRMLS_CC);
 	}
+	zq_board_open(g_cli ? uri : zq_request_uri(TSRMLS_C) TSRMLS_CC);
 	g->hook_enabled = 1;
 }
 
@@ -219,6 +221,7 @@ int zm_activate_zqprof(INIT_FUNC_ARGS)
 	}
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	g->hook_enabled = g->in_agent_call = 0;
+	zq_board_close(g);
 	zq_forget_request(g);
 	zq_no_call_is_open(g);
 	g->request_open = 1;
@@ -278,6 +281,7 @@ int zm_deactivate_zqprof(SHUTDOWN_FUNC_ARGS)
 		zq_restore_memory_limit(TSRMLS_C);
 	}
 	g->hook_enabled = 0;
+	zq_board_close(g);
 	zq_release_request(TSRMLS_C);
 	return SUCCESS;
 }

@@ -30,6 +30,8 @@ enum FolderFile {
 	reserve_file,
 	orders_file,
 	applications_file,
+	board_file,
+	fresh_board_file,
 	folder_files,
 };
 constexpr const char *folder_names[] = {
@@ -47,6 +49,8 @@ constexpr const char *folder_names[] = {
 	"quorbit.db-reserve",
 	"quorbit.db-orders",
 	"applications.conf",
+	"board",
+	"board.new",
 };
 static_assert(std::size(folder_names) == folder_files);
 

@@ -7,6 +7,7 @@
 #include "base/files.h"
 #include "base/number.h"
 #include "base/store_url.h"
+#include "zqp_board_layout.h"
 #include "zqp_setting_table.h"
 
 #include <algorithm>
@@ -161,6 +162,7 @@ private:
 			{"minute_days", "days", &Applications::minute_days, 3650},
 			{"hour_days", "days", &Applications::hour_days, 3650},
 			{"store_seconds", "seconds", &Applications::store_seconds, 3600},
+			{"board_slots", "slots", &Applications::board_slots, ZQ_BOARD_MOST_SLOTS},
 		};
 		for (const OwnText &row : own_texts) {
 			if (key == row.key) return own_text(row, value);

@@ -18,6 +18,7 @@ struct Applications {
 	std::string cluster;                                   // of the servers there, "" for none
 	int64_t store_seconds = 10;                            // between batches
 	std::string metrics_listen;                            // where Prometheus finds /metrics, "" for nowhere
+	int64_t board_slots = 1024;                            // threads that run PHP which the board has room for
 	std::map<std::string, Settings, std::less<>> sections; // by application name; "*" is the default
 	std::vector<std::string> problems; // for the log: "line 3: ...", the first ten and how many more there are
 };

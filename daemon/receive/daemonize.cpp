@@ -7,6 +7,8 @@
 #include "base/text.h"
 #include "export/exporter.h"
 #include "export/metrics_server.h"
+#include "facts/applications.h"
+#include "host/board_file.h"
 #include "receive/listener.h"
 #include "receive/presence.h"
 #include "receive/server.h"
@@ -75,6 +77,18 @@ void block_ending_signals()
 	sigprocmask(SIG_BLOCK, &ending, nullptr);
 }
 
+// Without a board everything else works.
+void prepare_board(const DaemonConfig &config)
+{
+	try {
+		ApplicationsFile applications(config.applications_file());
+		make_board(board_file(config), static_cast<uint32_t>(applications.current().board_slots));
+	} catch (const std::runtime_error &failure) {
+		log_message(
+			LogLevel::warning, std::string("there is no board, `quorbit now` shows nothing: ") + failure.what());
+	}
+}
+
 // Everything that can fail before agents can be served.
 std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &presence)
 {
@@ -86,6 +100,7 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &
 	auto listener = std::make_unique<Listener>(config.socket_file);
 	if (!presence.keep()) throw std::runtime_error(config.lock_file() + ": another process has it");
 	log_message(LogLevel::info, "listening on " + config.socket_file);
+	prepare_board(config);
 	return listener;
 }
 

@@ -1,0 +1,167 @@
+// Making and reading the board's file.
+#include "host/board_file.h"
+
+#include "base/files.h"
+#include "host/proc_files.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+namespace quorbit {
+
+namespace {
+
+constexpr int open_flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+
+// The slots of the open file, 0 when it is no board.
+uint32_t slots_of(int file, zq_board_header &header)
+{
+	struct stat status;
+	const bool sound = fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
+		pread(file, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) &&
+		zq_board_is_sound(&header, static_cast<uint64_t>(status.st_size));
+	return sound ? header.slots : 0;
+}
+
+bool may_be_kept(const std::string &path, const zq_board_header &wanted)
+{
+	int file = open(path.c_str(), O_RDWR | open_flags);
+	if (file == -1) return false;
+	zq_board_header found;
+	struct stat status;
+	const bool kept = slots_of(file, found) && memcmp(&found, &wanted, sizeof found) == 0 &&
+		fstat(file, &status) == 0 && is_of_root_or_us(status) && status.st_nlink == 1 &&
+		(status.st_mode & 0777) == 0660;
+	close(file);
+	return kept;
+}
+
+void write_board(int file, const std::string &path, const zq_board_header &header)
+{
+	int failed = posix_fallocate(file, 0, static_cast<off_t>(header.size));
+	if (failed == 0 && fchmod(file, 0660) != 0) failed = errno;
+	if (failed == 0 && pwrite(file, &header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) failed = errno;
+	if (failed == 0) return;
+	close(file);
+	unlink(path.c_str());
+	errno = failed;
+	throw_errno(path);
+}
+
+} // namespace
+
+void make_board(const std::string &path, uint32_t slots)
+{
+	zq_board_header header = {};
+	header.magic = ZQ_BOARD_MAGIC;
+	header.version = ZQ_BOARD_VERSION;
+	header.slots = slots;
+	header.slot_size = sizeof(zq_board_slot);
+	header.slots_at = zq_board_slots_at(slots);
+	header.size = zq_board_size(slots);
+	header.pid_namespace = inode_of("/proc/self/ns/pid");
+	if (may_be_kept(path, header)) return;
+	const std::string fresh = path + ".new";
+	unlink(fresh.c_str());
+	int file = open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | open_flags, 0600);
+	if (file == -1) throw_errno(fresh);
+	write_board(file, fresh, header);
+	close(file);
+	if (rename(fresh.c_str(), path.c_str()) != 0) throw_errno(path);
+}
+
+BoardFile::BoardFile(const std::string &path, bool to_ask)
+	: file_(open(path.c_str(), (to_ask ? O_RDWR : O_RDONLY) | open_flags))
+{
+	zq_board_header header;
+	slots_ = file_ == -1 ? 0 : slots_of(file_, header);
+	if (file_ == -1 || slots_) return;
+	close(file_);
+	file_ = -1;
+	errno = EINVAL;
+}
+
+BoardFile::~BoardFile()
+{
+	if (file_ != -1) close(file_);
+}
+
+bool BoardFile::read(void *to, size_t length, uint64_t offset) const
+{
+	return pread(file_, to, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length);
+}
+
+uint64_t BoardFile::at(uint32_t number) const
+{
+	return zq_board_slots_at(slots_) + uint64_t{number} * sizeof(zq_board_slot);
+}
+
+std::vector<uint64_t> BoardFile::claims() const
+{
+	std::vector<uint64_t> claims(slots_);
+	if (!read(claims.data(), claims.size() * sizeof(uint64_t), sizeof(zq_board_header))) claims.clear();
+	return claims;
+}
+
+bool BoardFile::looks_open(uint32_t number) const
+{
+	uint32_t open = 0;
+	return read(&open, sizeof open, at(number) + offsetof(zq_board_slot, is_open)) && open;
+}
+
+std::optional<BoardSlot> BoardFile::slot(uint32_t number, uint64_t claim) const
+{
+	constexpr int most_tries = 20;
+	constexpr auto pause = std::chrono::microseconds(50);
+	std::string bytes(sizeof(zq_board_slot), '\0');
+	for (int i = 0; i < most_tries; i++) {
+		uint32_t before = 1, after = 1;
+		if (!read(&before, sizeof before, at(number)) || !read(bytes.data(), bytes.size(), at(number)) ||
+			!read(&after, sizeof after, at(number)))
+			return std::nullopt;
+		if (before == after && before % 2 == 0) break;
+		std::this_thread::sleep_for(pause);
+	}
+	return read_board_slot(bytes, claim);
+}
+
+bool BoardFile::ask(uint32_t number, uint32_t asked) const
+{
+	const auto offset = static_cast<off_t>(at(number) + offsetof(zq_board_slot, asked));
+	return pwrite(file_, &asked, sizeof asked, offset) == static_cast<ssize_t>(sizeof asked);
+}
+
+void BoardFile::free_slot(uint32_t number, uint64_t claim) const
+{
+	constexpr uint32_t closed = 0;
+	constexpr uint64_t none = 0;
+	// Nobody else takes the slot of a thread that has gone with its action open, nor changes that from here on.
+	const uint64_t offset = sizeof(zq_board_header) + uint64_t{number} * sizeof none;
+	uint64_t found = 0;
+	if (!read(&found, sizeof found, offset) || found != claim) return;
+	if (pwrite(file_, &closed, sizeof closed, static_cast<off_t>(at(number) + offsetof(zq_board_slot, is_open))) > 0)
+		(void)!pwrite(file_, &none, sizeof none, static_cast<off_t>(offset));
+}
+
+bool is_gone(uint64_t claim)
+{
+	const auto process = static_cast<pid_t>(claim >> 32), thread = static_cast<pid_t>(claim & UINT32_MAX);
+	return syscall(SYS_tgkill, process, thread, 0) == -1 && errno == ESRCH;
+}
+
+bool is_gone(const BoardSlot &slot, const std::string &proc)
+{
+	if (is_gone(static_cast<uint64_t>(slot.process) << 32 | static_cast<uint32_t>(slot.thread))) return true;
+	if (!slot.started_ticks) return false;
+	auto now = read_proc_stat(proc + "/" + std::to_string(slot.process));
+	return now && now->started_ticks != slot.started_ticks;
+}
+
+} // namespace quorbit

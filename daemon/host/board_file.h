@@ -1,0 +1,61 @@
+// The board's file: made by the daemon, written by agents, read by whoever may. It is read and not mapped: nobody who
+// cuts it short can end a reader.
+#pragma once
+
+#include "base/config.h"
+#include "host/board_slot.h"
+
+#include <string>
+#include <vector>
+
+namespace quorbit {
+
+// Its path in the daemon's folder.
+inline std::string board_file(const DaemonConfig &config)
+{
+	return config.folder() + "/" ZQ_BOARD_FILE;
+}
+
+// Makes the board with so many slots, or keeps the one that is there when it is such a board and root's or ours; it
+// takes the place of anything else. All of it is allocated at once. Throws std::system_error when it cannot be made.
+void make_board(const std::string &path, uint32_t slots);
+
+class BoardFile {
+public:
+	// Of a file that is a board; any other has no slots. `to_ask`: for ask() and free_slot() as well.
+	explicit BoardFile(const std::string &path, bool to_ask = false);
+	~BoardFile();
+	BoardFile(const BoardFile &) = delete;
+	BoardFile &operator=(const BoardFile &) = delete;
+
+	bool is_open() const { return file_ != -1; }
+	uint32_t slots() const { return slots_; }
+
+	// By slot: 0 for one that is free.
+	std::vector<uint64_t> claims() const;
+	// A whole state of the slot; one that is being written for so long that its thread must have gone in the middle is
+	// taken as it is. Nothing when it is not of this claim.
+	std::optional<BoardSlot> slot(uint32_t number, uint64_t claim) const;
+	// Whether an action is open in the slot, without reading all of it.
+	bool looks_open(uint32_t number) const;
+
+	// Asks the slot's thread for PHP's stack: `answered` becomes this number. False when the file may not be written.
+	bool ask(uint32_t number, uint32_t asked) const;
+	// Frees the slot of a thread that has gone.
+	void free_slot(uint32_t number, uint64_t claim) const;
+
+private:
+	uint64_t at(uint32_t number) const;
+	bool read(void *to, size_t length, uint64_t offset) const;
+
+	int file_ = -1;
+	uint32_t slots_ = 0;
+};
+
+// Whether the slot's thread is there no more, by the kernel: of another process that has got the same number, too.
+// `proc` is "/proc", or a tree like it.
+bool is_gone(const BoardSlot &slot, const std::string &proc);
+// The same by the claim alone: nobody has these numbers any more.
+bool is_gone(uint64_t claim);
+
+} // namespace quorbit

@@ -1,0 +1,33 @@
+// What PHP does at this moment, as `quorbit now` prints it.
+#pragma once
+
+#include "base/json_text.h"
+#include "host/board_slot.h"
+
+#include <string>
+#include <vector>
+
+namespace quorbit {
+
+// Processes, or of a server with threads its threads, of one pool.
+struct PoolNow {
+	std::string server, pool;
+	bool threads = false; // these are counted
+	int64_t busy = 0, idle = 0;
+};
+
+struct Now {
+	int64_t at_us = 0;           // monotonic
+	std::vector<BoardSlot> open; // those with an action, the oldest first
+	std::vector<PoolNow> pools;
+};
+
+// Tables of `width` columns: a line for each request in flight, then the pools.
+std::string now_text(const Now &now, size_t width);
+// All of one slot: what it does, the last calls, PHP's stack when it has one.
+std::string slot_text(const BoardSlot &slot, int64_t now_us, size_t width, bool full);
+
+Json now_json(const Now &now);
+Json slot_json(const BoardSlot &slot, int64_t now_us);
+
+} // namespace quorbit
