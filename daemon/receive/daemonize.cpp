@@ -159,7 +159,9 @@ int serve(
 	auto ways = std::make_unique<Ways>(config, *writer);
 	auto apply = [&ways](const Applications &settings) { ways->apply(settings); };
 	try {
-		Server(std::move(listener), config.applications_file(), *writer, apply, sessions).run([&] {
+		Server server(std::move(listener), config.applications_file(), *writer, apply, sessions);
+		server.watch_board(board_file(config));
+		server.run([&] {
 			if (manager) manager->tell("WATCHDOG=1");
 			return presence.keep();
 		});

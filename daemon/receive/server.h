@@ -24,6 +24,9 @@ public:
 		std::function<void(const Applications &)> apply, ProfileSessions &sessions);
 	~Server();
 
+	// Reports, from now on, the requests on this board that end with their process.
+	void watch_board(std::string path) { board_ = std::move(path); }
+
 	// Works until SIGTERM or SIGINT, which the caller has blocked, or until agents can no longer find the socket.
 	// Calls keep_files() every five seconds, which makes sure of what else others know the daemon by; false from it is
 	// the end as well. Throws std::system_error when the kernel refuses epoll.
@@ -57,6 +60,7 @@ private:
 	int64_t swept_second_ = 0, kept_second_ = 0, paused_second_ = 0;
 	int64_t received_bytes_ = 0; // since the last sweep
 	int trims_due_ = 0;
+	std::string board_; // "" for none
 	StoreWriter &writer_;
 	const std::function<void(const Applications &)> apply_;
 	ProfileSessions &sessions_;

@@ -1,8 +1,11 @@
 """What every PHP process does at this moment, on the board that agents write and `quorbit now` reads."""
 import json
 import os
+import signal
 import struct
 import threading
+from contextlib import suppress
+from http.client import HTTPException
 
 import pytest
 
@@ -80,7 +83,12 @@ def held(real, peer, request):
     server = start(real, request.param)
     script = real.site.script(server.asks + WAIT % peer.url(""), "page.php")
     answers = []
-    lane = threading.Thread(target=lambda: answers.extend(at_once(AT_ONCE, lambda i: server.request(script, f"/page.php?i={i}"))))
+
+    def ask():
+        with suppress(OSError, HTTPException, AssertionError, ValueError):                 # of those that are killed
+            answers.extend(at_once(AT_ONCE, lambda i: server.request(script, f"/page.php?i={i}")))
+
+    lane = threading.Thread(target=ask)
     lane.start()
     wait_until(lambda: len(peer.requests) == AT_ONCE, "all requests to wait")
     yield server, answers
@@ -113,6 +121,17 @@ def test_every_request_in_flight_is_shown_with_what_it_waits_for_and_none_after_
     wait_until(lambda: len(answers) == AT_ONCE, "the answers")
     assert {answer.body for answer in answers} == {b"ok"}
     wait_until(lambda: not now(real)["requests"], "the requests to be gone from the board")
+
+
+@pytest.mark.parametrize("held", [Many, Threads], indirect=True)
+def test_requests_that_are_killed_are_reported_with_the_call_that_they_were_in(real, peer, held):
+    for pid in {row["process"] for row in now(real)["requests"]}:
+        os.kill(pid, signal.SIGKILL)
+    real.reports(AT_ONCE, "page.php")
+    for action in real.shown("page.php"):
+        whole = json.loads(real.command("show", str(action["id"]), "--json"))
+        assert whole["error"]["class"] == "Killed" and peer.url("/held") in whole["error"]["message"], whole
+    assert now(real)["requests"] == []
 
 
 def test_one_process_tells_its_last_calls_and_phps_own_stack(real):
