@@ -39,7 +39,7 @@ void zq_board_open(const char *path TSRMLS_DC)
 	slot->application_length = put_text(slot->application, g->app_name);
 	slot->method_length = put_text(slot->method, g_cli ? NULL : SG(request_info).request_method);
 	slot->path_length = put_text(slot->path, path, path ? strcspn(path, "?") : 0);
-	slot->function_length = 0;
+	slot->function_length = slot->signal = 0;
 	slot->is_open = 1;
 	zq_board_written(slot);
 	g->board = slot;

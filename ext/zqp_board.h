@@ -15,6 +15,8 @@
 zq_board_slot *zq_board_take_slot(TSRMLS_D);
 /* Gives back the thread's slot; from any thread. */
 void zq_board_leave(zend_zqprof_globals *g);
+/* The calling thread crashes: its slot says so. Async-signal-safe. */
+void zq_board_crashed(int signal_number);
 /* In a child that has just been forked: the slot is its parent's. */
 void zq_board_forget(void);
 
@@ -30,8 +32,15 @@ static inline bool zq_board_is_asked(const zq_board_slot *slot)
 {
 	return UNEXPECTED(slot->asked != slot->answered);
 }
+static inline void zq_board_answer_if_asked(zq_board_slot *slot, zend_execute_data *frame TSRMLS_DC)
+{
+	if (zq_board_is_asked(slot)) {
+		zq_board_answer(slot, frame TSRMLS_CC);
+	}
+}
 
-/* Marks that the slot is being written, and that it is whole again. */
+/* Marks that the slot is being written, and that it is whole again. Whatever somebody else writes there, the number is
+ * odd after the first. */
 static inline void zq_board_write(zq_board_slot *slot)
 {
 	std::atomic_ref<uint32_t> sequence(slot->sequence);
@@ -41,17 +50,13 @@ static inline void zq_board_write(zq_board_slot *slot)
 static inline void zq_board_written(zq_board_slot *slot)
 {
 	std::atomic_ref<uint32_t> sequence(slot->sequence);
-	sequence.store((sequence.load(std::memory_order_relaxed) | 1) + 1, std::memory_order_release);
+	sequence.store(sequence.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
-/* A watched call is about to be made from `frame`: the row of the ring for it, to be filled in by the caller, which
- * ends with zq_board_begins(). `*around` becomes the number of the call that it is made within. */
-static inline zq_board_call *zq_board_add(
-	zq_board_slot *slot, zq_board_kind kind, zend_execute_data *frame, uint32_t *around TSRMLS_DC)
+/* A watched call is about to be made: the row of the ring for it, to be filled in by the caller, which ends with
+ * zq_board_begins(). `*around` becomes the number of the call that it is made within. */
+static inline zq_board_call *zq_board_add(zq_board_slot *slot, zq_board_kind kind, uint32_t *around)
 {
-	if (zq_board_is_asked(slot)) {
-		zq_board_answer(slot, frame TSRMLS_CC);
-	}
 	zq_board_write(slot);
 	*around = slot->current;
 	slot->counts[kind]++;
@@ -68,13 +73,12 @@ static inline void zq_board_begins(zq_board_slot *slot, zq_board_call *call, uin
 	slot->current = slot->calls;
 	zq_board_written(slot);
 }
-/* It has returned. */
-static inline void zq_board_ends(zq_board_slot *slot, zq_board_call *call, uint32_t around, uint64 end_us)
+/* It has returned. Two numbers, whole each for itself: a reader between them sees a call that has ended and is current,
+ * which it takes for one that has ended. */
+static inline void zq_board_ends(zq_board_slot *slot, zq_board_call *call, uint32_t around, uint32_t took_us)
 {
-	zq_board_write(slot);
-	call->duration_us = (uint32_t)(end_us - call->begin_us);
-	slot->current = around;
-	zq_board_written(slot);
+	std::atomic_ref<uint32_t>(call->duration_us).store(took_us, std::memory_order_relaxed);
+	std::atomic_ref<uint32_t>(slot->current).store(around, std::memory_order_relaxed);
 }
 
 /* An outermost function of the script begins (`cls` null: a plain function), or has returned (`func` null). */

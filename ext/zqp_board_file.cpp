@@ -268,6 +268,16 @@ zq_board_slot *zq_board_take_slot(TSRMLS_D)
 	return g->board_slot && is_guarded() ? g->board_slot : NULL;
 }
 
+void zq_board_crashed(int signal_number)
+{
+	const uint64_t claim = (uint64_t)getpid() << 32 | (uint32_t)syscall(SYS_gettid);
+	for (uint32_t i = 0; g_board.at && i < slot_count(); i++) {
+		if (claim_at(i).load(std::memory_order_relaxed) == claim) {
+			slot_at(i)->signal = (uint16_t)signal_number;
+		}
+	}
+}
+
 void zq_board_forget(void)
 {
 	TSRMLS_FETCH();

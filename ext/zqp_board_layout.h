@@ -42,7 +42,8 @@ struct zq_board_slot {
 	uint32_t asked;    /* by a reader that wants PHP's stack: any number other than `answered` */
 	uint32_t answered; /* the number with which `stack` was last asked for */
 	uint16_t application_length, method_length, function_length, path_length, stack_length;
-	uint16_t reserved[21];
+	uint16_t signal; /* that the process crashes with; 0: it has not */
+	uint16_t reserved[20];
 	char application[64];
 	char method[16];
 	char function[112]; /* the outermost function of the script that runs now */
@@ -68,9 +69,9 @@ static_assert(sizeof(zq_board_header) == 64 && sizeof(zq_board_call) == 216 && s
 static_assert(offsetof(zq_board_slot, owner) == 8 && offsetof(zq_board_slot, begin_us) == 32 &&
 	offsetof(zq_board_slot, actions) == 40 && offsetof(zq_board_slot, counts) == 52 &&
 	offsetof(zq_board_slot, asked) == 68 && offsetof(zq_board_slot, application_length) == 76 &&
-	offsetof(zq_board_slot, application) == 128 && offsetof(zq_board_slot, function) == 208 &&
-	offsetof(zq_board_slot, path) == 320 && offsetof(zq_board_slot, ring) == 512 &&
-	offsetof(zq_board_slot, stack) == 7424);
+	offsetof(zq_board_slot, signal) == 86 && offsetof(zq_board_slot, application) == 128 &&
+	offsetof(zq_board_slot, function) == 208 && offsetof(zq_board_slot, path) == 320 &&
+	offsetof(zq_board_slot, ring) == 512 && offsetof(zq_board_slot, stack) == 7424);
 
 /* Where the slots begin, and how large the file is. */
 constexpr uint32_t zq_board_slots_at(uint32_t slots)

@@ -53,6 +53,8 @@ int zq_open_log(const char *path, int create);
 
 /* Installs the SIGSEGV handler that appends a backtrace to `file` (copied); only the first call in a process acts. */
 void reg_dump(const char *file);
+/* Runs before the backtrace is written, in the handler; null: nothing does. Set at module start-up. */
+extern void (*zq_when_crashed)(int signal_number);
 /* The handler: async-signal-safe calls only; hands the signal on and lets it end the process. */
 void dump_handler(int signal_number, siginfo_t *info, void *context);
 

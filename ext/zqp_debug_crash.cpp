@@ -13,6 +13,7 @@
 
 static char *g_dump_file; /* a copy of its own, never freed: a crash may come after the log was closed */
 static struct sigaction g_pre_handler;
+void (*zq_when_crashed)(int signal_number);
 static long g_dump_utc_offset; /* s; read when registering, since localtime is not safe in a handler */
 
 /* A line put together in a handler: no libc formatting there. Texts are far below its size. */
@@ -129,6 +130,9 @@ void dump_handler(int signal_number, siginfo_t *info, void *context)
 	static volatile sig_atomic_t entered;
 	if (!entered) {
 		entered = 1;
+		if (zq_when_crashed) {
+			zq_when_crashed(signal_number);
+		}
 		int fd = zq_open_log(g_dump_file, O_CREAT);
 		if (fd != -1) {
 			void *frames[100];

@@ -57,9 +57,28 @@ char *get_server_key(const char *key);
 /* Declared and dynamic properties of an object, borrowed; null for anything else, and for an object of a class that
  * makes its table up on demand. Never runs PHP code and never changes the object. */
 HashTable *zq_property_table(zval *object TSRMLS_DC);
-/* Property that the object's class declares (`name_size` counts the NUL), borrowed; null when it is unset, and for an
- * object whose class has a way of its own of reading properties. Never runs PHP code and never changes the object. */
-zval *zq_declared_property(zval *object, const char *name, uint name_size TSRMLS_DC);
+/* The one property that the engine's class declares which the object of a call is of or extends; borrowed. Null
+ * when it is unset, and for an object whose class has a way of its own of reading properties. Never runs PHP code and
+ * never changes the object. */
+static inline zval *zq_only_property(zval *object TSRMLS_DC)
+{
+	if (!object || Z_OBJ_HT_P(object)->read_property != std_object_handlers.read_property) {
+		return NULL;
+	}
+	/* zend_objects_get_address(), inlined */
+	const zend_object *self = (zend_object *)EG(objects_store).object_buckets[Z_OBJ_HANDLE_P(object)].bucket.obj.object;
+	const zend_class_entry *declares = self->ce;
+	while (declares->type != ZEND_INTERNAL_CLASS && declares->parent) {
+		declares = declares->parent;
+	}
+	/* what a class inherits comes before what it declares itself, and a declaration anew keeps its place */
+	if (!self->properties_table || declares->type != ZEND_INTERNAL_CLASS || declares->default_properties_count != 1) {
+		return NULL;
+	}
+	/* 5.6 keeps declared properties in a table of their own; once the object has a hash of all, it points into that */
+	zval **slot = self->properties ? (zval **)self->properties_table[0] : &self->properties_table[0];
+	return slot ? *slot : NULL;
+}
 
 /* ---- zqp_helper_call.cpp: PHP code called by the agent -------------------------------------------------------------
  */

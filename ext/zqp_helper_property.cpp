@@ -16,22 +16,3 @@ HashTable *zq_property_table(zval *object TSRMLS_DC)
 	}
 	return zend_std_get_properties(object TSRMLS_CC);
 }
-
-zval *zq_declared_property(zval *object, const char *name, uint name_size TSRMLS_DC)
-{
-	if (!object || Z_TYPE_P(object) != IS_OBJECT ||
-		Z_OBJ_HT_P(object)->read_property != std_object_handlers.read_property) {
-		return NULL;
-	}
-	const zend_object *self = zend_objects_get_address(object TSRMLS_CC);
-	const zend_property_info *info;
-	if (!self->properties_table ||
-		zend_hash_find(&self->ce->properties_info, name, name_size, (void **)&info) != SUCCESS ||
-		info->flags & ZEND_ACC_STATIC || info->offset < 0) {
-		return NULL;
-	}
-	/* 5.6 keeps declared properties in a table of their own; once the object has a hash of all, it points into that */
-	zval **slot =
-		self->properties ? (zval **)self->properties_table[info->offset] : &self->properties_table[info->offset];
-	return slot ? *slot : NULL;
-}

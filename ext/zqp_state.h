@@ -94,6 +94,7 @@ struct zq_action {
 	HashTable *components_hash;
 	int sum_db_metric;  /* ms */
 	char *prepared_sql; /* owned */
+	size_t prepared_len;
 	const char *pdo_db; /* static vendor name, "" or null */
 	HashTable *nosql_memcc;
 	HashTable *nosql_redis;

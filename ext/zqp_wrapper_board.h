@@ -12,18 +12,22 @@
 struct zq_shown_as {
 	/* Puts the call, which is about to be made, on the board: call->shown, unless there is nothing to show. Only while
 	 * `board` is set; zq_board_begins() has to follow. Null: never shown. */
-	void (*show)(zq_stack_data *call, const zq_shown_as *as TSRMLS_DC);
+	void (*show)(zq_stack_data *call, const zq_shown_as *as, zq_board_slot *board TSRMLS_DC);
 	zq_board_kind kind;
 	const zq_sql_api *api; /* of a statement */
 	bool sets_url;         /* of a curl handle: zq_keep_url() is to follow the call */
 };
 
-void zq_show_statement(zq_stack_data *call, const zq_shown_as *as TSRMLS_DC);
-void zq_show_function(zq_stack_data *call, const zq_shown_as *as TSRMLS_DC); /* its name, which tells the operation */
-void zq_show_curl(zq_stack_data *call, const zq_shown_as *as TSRMLS_DC);     /* the handle's URL */
-void zq_show_stream(zq_stack_data *call, const zq_shown_as *as TSRMLS_DC);   /* the first argument, if it is a URL */
-void zq_show_soap(zq_stack_data *call, const zq_shown_as *as TSRMLS_DC);     /* the second one */
-void zq_show_client(zq_stack_data *call, const zq_shown_as *as TSRMLS_DC); /* an outgoing call by its function's name */
+using zq_show = void(zq_stack_data *call, const zq_shown_as *as, zq_board_slot *board TSRMLS_DC);
+/* The beginning of a statement: an argument; that of a PDOStatement; the one prepared last. */
+zq_show zq_show_argument, zq_show_property, zq_show_prepared;
+/* After such a call: all of the statement that the board has room for. */
+void zq_show_whole_statement(zq_stack_data *call, const zq_shown_as *as TSRMLS_DC);
+zq_show zq_show_function; /* its name, which tells the operation */
+zq_show zq_show_curl;     /* the handle's URL */
+zq_show zq_show_stream;   /* the first argument, if it is a URL */
+zq_show zq_show_soap;     /* the second one */
+zq_show zq_show_client;   /* an outgoing call by its function's name */
 /* After a call that may set the URL of a curl handle: it is told when the handle is used. */
 void zq_keep_url(zq_stack_data *call TSRMLS_DC);
 
@@ -31,7 +35,12 @@ void zq_keep_url(zq_stack_data *call TSRMLS_DC);
 constexpr zq_shown_as zq_shown_of(zq_performance_callback record)
 {
 	if (const zq_sql_api *api = zq_sql_api_of(record)) {
-		return {zq_show_statement, ZQ_BOARD_SQL, api, false};
+		const bool is_prepared = api == &sql_mysql_prepared || api == &sql_mysqli_stmt_execute ||
+			api == &sql_pg_prepared || api == &sql_oracle_prepared;
+		return {is_prepared                         ? zq_show_prepared
+				: api == &sql_pdo_statement_execute ? zq_show_property
+													: zq_show_argument,
+			ZQ_BOARD_SQL, api, false};
 	}
 	const struct {
 		zq_performance_callback record;

@@ -29,10 +29,10 @@ static const char *prepared(zq_stack_data *, char **TSRMLS_DC)
 	return ZQG(prepared_sql);
 }
 
-/* Of a PDOStatement, whose class declares it. */
+/* Of a PDOStatement, whose class declares nothing else. */
 static const char *query_string(zq_stack_data *call, char **TSRMLS_DC)
 {
-	const zval *value = zq_declared_property(call->object, "queryString", sizeof("queryString") TSRMLS_CC);
+	const zval *value = zq_only_property(call->object TSRMLS_CC);
 	return value && Z_TYPE_P(value) == IS_STRING ? Z_STRVAL_P(value) : NULL;
 }
 
@@ -170,8 +170,8 @@ const zq_sql_api sql_mysql_argument_1 = {"MySQL", argument<1>, NULL, NULL, false
 const zq_sql_api sql_mysql_prepared = {"MySQL", prepared, NULL, NULL, false};
 const zq_sql_api sql_mysqli_method = {"MySQL", argument<0>, error_property, NULL, true, ZQ_NOT_PDO, 0};
 const zq_sql_api sql_mysqli_stmt_execute = {"MySQL", prepared, error_property, NULL, true};
-const zq_sql_api sql_pg_query = {"PostgreSQL", argument_from_end<0>, error_of_link, &pg_query, false};
-const zq_sql_api sql_pg_query_params = {"PostgreSQL", argument_from_end<1>, error_of_link, &pg_query_params, false};
+const zq_sql_api sql_pg_query = {"PostgreSQL", argument_from_end<0>, error_of_link, &pg_query, false, ZQ_NOT_PDO, -1};
+const zq_sql_api sql_pg_query_params = {"PostgreSQL", argument_from_end<1>, error_of_link, &pg_query_params, false, ZQ_NOT_PDO, -2};
 const zq_sql_api sql_pg_prepared = {"PostgreSQL", prepared, NULL, NULL, false};
 const zq_sql_api sql_pg_insert = {"PostgreSQL", inserted, NULL, NULL, false};
 const zq_sql_api sql_pg_delete = {"PostgreSQL", deleted, NULL, NULL, false};
@@ -356,7 +356,8 @@ bool zq_sql_running(zq_performance_callback record, zq_stack_data *call, zq_runn
 static void remember(const char *statement TSRMLS_DC)
 {
 	if (statement) {
-		zq_replace_text(&ZQG(prepared_sql), estrdup(statement));
+		ZQG(prepared_len) = strlen(statement);
+		zq_replace_text(&ZQG(prepared_sql), estrndup(statement, ZQG(prepared_len)));
 	}
 }
 

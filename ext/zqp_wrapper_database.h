@@ -34,7 +34,7 @@ typedef struct zq_sql_api {
 	const zq_sql_client *client;  /* null: neither error function nor plan */
 	bool fails_without_statement; /* a failure counts even when no statement could be read */
 	zq_pdo_object pdo = ZQ_NOT_PDO;
-	int argument = -1; /* that is the statement, from 0; -1: `statement` alone knows it */
+	int argument = 0; /* that is the statement, if one is: from 0; -1 is the last one, -2 that before it */
 } zq_sql_api;
 
 /* Records one call with its times in us: duration, statement, failure, and at their thresholds stack, plan and trace

@@ -13,6 +13,8 @@
 
 namespace {
 
+const uint64 SLOW_US = 10000; /* from which on the board gets all of a statement, when the call has ended */
+
 /* Whether a row's handler is wanted in this request, at this moment. */
 typedef int (*zq_condition)(TSRMLS_D);
 
@@ -58,6 +60,12 @@ int reads_headers(TSRMLS_D)
 	return ZQG(error_collector_enabled) || ZQG(rum_enabled);
 }
 
+/* Another program takes the process over: nobody kills the request. */
+void leave_board(zq_stack_data *TSRMLS_DC)
+{
+	zq_board_close(zq_globals(TSRMLS_C));
+}
+
 constexpr auto before_rows = std::to_array<zq_before_row>({
 	{"ob_get_contents", NULL, wrapper_ob_flush},
 	{"ob_flush", NULL, wrapper_ob_flush},
@@ -71,6 +79,7 @@ constexpr auto before_rows = std::to_array<zq_before_row>({
 	{"curl_multi_add_handle", zq_identity_is_set, wrapper_curl_multi_add_handle},
 	{"curl_exec", NULL, wrapper_curl_exec},
 	{"header", reads_headers, wrapper_header},
+	{"pcntl_exec", NULL, leave_board},
 	{"set_error_handler", collects_errors, wrapper_set_error_handler},
 });
 
@@ -290,23 +299,32 @@ int record_call(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 }
 
 /* Last before the call: the board is being written until it begins. */
-void show_call(zq_stack_data *call TSRMLS_DC)
+void show_call(zq_stack_data *call, zq_board_slot *board TSRMLS_DC)
 {
 	const zq_after_row *row = find_recorder(call);
 	call->after = row;
 	if (row && row->shown.show) {
-		row->shown.show(call, &row->shown TSRMLS_CC);
+		row->shown.show(call, &row->shown, board TSRMLS_CC);
+	}
+}
+
+zend_never_inline void show_whole_statement(zq_stack_data *call TSRMLS_DC)
+{
+	const zq_after_row *row = (const zq_after_row *)call->after;
+	if (row->shown.api) {
+		zq_board_write(ZQG(board));
+		zq_show_whole_statement(call, &row->shown TSRMLS_CC);
+		zq_board_written(ZQG(board));
 	}
 }
 
 /* The board is as it was before the call. */
-void end_showing(zq_stack_data *call, uint64 end_us TSRMLS_DC)
+inline void end_showing(zq_stack_data *call, zq_board_slot *board, uint64 took_us TSRMLS_DC)
 {
-	if (call->shown) {
-		zq_board_ends(ZQG(board), call->shown, call->shown_within, end_us);
-	} else if (((const zq_after_row *)call->after)->shown.sets_url) {
-		zq_keep_url(call TSRMLS_CC);
+	if (UNEXPECTED(took_us >= SLOW_US)) {
+		show_whole_statement(call TSRMLS_CC);
 	}
+	zq_board_ends(board, call->shown, call->shown_within, (uint32_t)took_us);
 }
 
 } // namespace
@@ -337,8 +355,8 @@ void zq_before_internal_call(zq_stack_data *call TSRMLS_DC)
 			row->handle(call TSRMLS_CC);
 		}
 	}
-	if (ZQG(board)) {
-		show_call(call TSRMLS_CC);
+	if (zq_board_slot *board = ZQG(board)) {
+		show_call(call, board TSRMLS_CC);
 	}
 }
 
@@ -351,8 +369,10 @@ void zq_after_internal_call(zq_stack_data *call, uint64 begin_us TSRMLS_DC)
 		return; /* nobody wants to know how long it took */
 	}
 	uint64 end_us = zq_clock_us(&ZQG(clock));
-	if (call->after && ZQG(board)) {
-		end_showing(call, end_us TSRMLS_CC);
+	if (call->shown && ZQG(board)) {
+		end_showing(call, ZQG(board), end_us - begin_us TSRMLS_CC);
+	} else if (call->after && ((const zq_after_row *)call->after)->shown.sets_url) {
+		zq_keep_url(call TSRMLS_CC);
 	}
 	if (!record_call(call, begin_us, end_us TSRMLS_CC)) {
 		zq_trace_default(call, begin_us, end_us TSRMLS_CC);

@@ -121,6 +121,7 @@ static int zm_startup_zqprof(INIT_FUNC_ARGS)
 	}
 	zq_find_running_statement = zq_running_statement_of;
 	zq_when_forked = zq_board_forget;
+	zq_when_crashed = zq_board_crashed;
 	zq_log_init(TSRMLS_C);
 	ZQ_LOG(ZQ_LOG_INFO, "MINIT processing start, version (%s)", ZQ_PROTOCOL_VERSION);
 	zq_log_share();

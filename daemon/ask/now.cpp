@@ -4,6 +4,8 @@
 #include "base/clock.h"
 #include "base/text.h"
 #include "host/board_file.h"
+#include "host/fpm_pools.h"
+#include "host/listen_queue.h"
 #include "host/processes.h"
 #include "print/output.h"
 #include "print/report.h"
@@ -51,12 +53,25 @@ std::unique_ptr<BoardFile> open_board(const DaemonConfig &config, bool to_ask)
 	return board;
 }
 
+// The queues of the sockets that this FPM's pools listen on.
+void add_waiting(const PhpProcess &master, std::map<std::string, int64_t> &waiting)
+{
+	for (const auto &[pool, settings] : settings_of_pools(master.root, master.config)) {
+		const auto listen = settings.find("listen");
+		if (listen == settings.end()) continue;
+		const std::string net = std::string(proc) + "/" + std::to_string(master.id) + "/net";
+		if (auto queue = connections_waiting(net, listen->second)) waiting[pool] += *queue;
+	}
+}
+
 // Of every server that is not only a manager: those with an action, and those without.
 std::vector<PoolNow> pools_of(const std::map<int, std::pair<int64_t, int64_t>> &threads)
 {
 	std::map<std::pair<std::string, std::string>, PoolNow> pools;
+	std::map<std::string, int64_t> waiting; // by pool of FPM
 	for (const PhpProcess &process : php_processes(proc)) {
 		auto slots = threads.find(process.id);
+		if (!process.config.empty()) add_waiting(process, waiting);
 		if (process.manages || (process.agent != AgentState::loaded && slots == threads.end())) continue;
 		PoolNow &pool = pools[{name_of(process.server), process.pool}];
 		pool.server = name_of(process.server);
@@ -67,7 +82,11 @@ std::vector<PoolNow> pools_of(const std::map<int, std::pair<int64_t, int64_t>> &
 		pool.idle += pool.threads ? idle : busy == 0;
 	}
 	std::vector<PoolNow> found;
-	for (auto &[key, pool] : pools) found.push_back(std::move(pool));
+	for (auto &[key, pool] : pools) {
+		const auto queue = waiting.find(pool.pool);
+		if (key.first == name_of(PhpServer::fpm) && queue != waiting.end()) pool.waiting = queue->second;
+		found.push_back(std::move(pool));
+	}
 	return found;
 }
 
@@ -167,6 +186,11 @@ Now requests_now(const DaemonConfig &config)
 	now.pools = pools_of(threads);
 	now.at_us = monotonic_us();
 	return now;
+}
+
+std::string requests_now_json(const DaemonConfig &config)
+{
+	return json_text(now_json(requests_now(config)), false);
 }
 
 CommandRun add_now(CLI::App &command)

@@ -2,8 +2,10 @@
 #include "ask/command.h"
 
 #include "ask/host_state.h"
+#include "ask/now.h"
 #include "ask/sending.h"
 #include "base/clock.h"
+#include "host/board_file.h"
 #include "print/output.h"
 #include "print/report.h"
 #include "store/open_reader.h"
@@ -44,11 +46,14 @@ void print_for_people(const DaemonConfig &config, const HostFacts &facts, const 
 	put("\n" + (findings.empty() ? "Nothing is amiss.\n" : findings_text(findings, may_colour())));
 }
 
-// Those of the host, and one of sending what is stored to the store of a fleet.
-std::vector<Finding> all_findings(const HostFacts &facts, const Sending &sending)
+// Those of the host, one of sending what is stored to the store of a fleet, and those of this moment.
+std::vector<Finding> all_findings(const DaemonConfig &config, const HostFacts &facts, const Sending &sending)
 {
 	auto findings = findings_of(facts);
 	if (sending.finding) findings.push_back(*sending.finding);
+	if (!BoardFile(board_file(config)).is_open()) return findings;
+	for (std::string &line : now_findings(requests_now(config)))
+		findings.push_back({"connections_wait", std::move(line), "quorbit now", {}});
 	return findings;
 }
 
@@ -74,7 +79,7 @@ int status(const DaemonConfig &config, const StatusOptions &options)
 	const HostFacts facts = look(config, options.proc, applications);
 	if (auto refusal = access_refusal(config); refusal && !facts.daemon.answers) throw std::runtime_error(*refusal);
 	const Sending sending = look_at_sending(config, facts.now_ms);
-	const auto findings = all_findings(facts, sending);
+	const auto findings = all_findings(config, facts, sending);
 	if (options.json)
 		put(json_text(host_json(facts, findings, applications), true));
 	else
@@ -88,7 +93,7 @@ std::string status_json(const DaemonConfig &config)
 {
 	std::vector<ApplicationRow> applications;
 	const HostFacts facts = look(config, StatusOptions().proc, applications);
-	const auto findings = all_findings(facts, look_at_sending(config, facts.now_ms));
+	const auto findings = all_findings(config, facts, look_at_sending(config, facts.now_ms));
 	return json_text(host_json(facts, findings, applications), false);
 }
 

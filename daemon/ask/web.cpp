@@ -1,6 +1,7 @@
 // quorbit web: the page in the browser.
 #include "ask/command.h"
 
+#include "ask/now.h"
 #include "web/web.h"
 
 namespace quorbit {
@@ -9,6 +10,7 @@ CommandRun add_web(CLI::App &command)
 {
 	auto options = std::make_shared<WebOptions>();
 	options->status = status_json;
+	options->now = requests_now_json;
 	command.add_option("--listen", options->listen, "ADDRESS:PORT, or unix:PATH")->capture_default_str();
 	command.add_option("--host", options->hosts, "a name under which a web server in front passes it on");
 	command.add_option("--password-file", options->password_file, "its first line takes the place of the token");

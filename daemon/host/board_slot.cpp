@@ -37,8 +37,9 @@ void read_calls(const zq_board_slot &slot, BoardSlot &out)
 	for (size_t i = 0; i < out.counts.size(); i++) out.counts[i] = slot.counts[i];
 	const uint32_t kept = std::min(slot.calls, ZQ_BOARD_CALLS);
 	for (uint32_t number = slot.calls - kept; number != slot.calls; number++) {
-		if (slot.current == number + 1) out.current = out.last.size();
-		out.last.push_back(call_of(slot.ring[number % ZQ_BOARD_CALLS]));
+		const zq_board_call &call = slot.ring[number % ZQ_BOARD_CALLS];
+		if (slot.current == number + 1 && call.duration_us == ZQ_BOARD_RUNNING) out.current = out.last.size();
+		out.last.push_back(call_of(call));
 	}
 }
 
@@ -62,6 +63,7 @@ std::optional<BoardSlot> read_board_slot(std::string_view bytes, uint64_t claim)
 	out.path = text_of(slot.path, slot.path_length);
 	out.function = text_of(slot.function, slot.function_length);
 	out.stack = text_of(slot.stack, slot.stack_length);
+	out.signal = slot.signal;
 	out.asked = slot.asked;
 	out.answered = slot.answered;
 	out.sequence = slot.sequence;

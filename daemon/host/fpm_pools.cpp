@@ -17,15 +17,17 @@ void read_pools(const std::string &root, const std::string &pattern, int depth, 
 
 void read_line(const std::string &root, const std::string &line, int depth, std::string &section, Pools &pools)
 {
+	static const std::regex pool(R"re(\$pool)re");
 	static const std::regex header(R"re(\s*\[([^\]]+)\]\s*)re");
 	static const std::regex setting(
-		R"re(\s*(?:php_(?:admin_)?(?:value|flag)\[(zqs\.[\w.]+)\]|(request_terminate_timeout))\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
+		R"re(\s*(?:php_(?:admin_)?(?:value|flag)\[(zqs\.[\w.]+)\]|(request_terminate_timeout|listen))\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
 	static const std::regex include(R"re(\s*include\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
 	std::smatch found;
 	if (std::regex_match(line, found, header))
 		section = found[1];
 	else if (std::regex_match(line, found, setting))
-		pools[section][found[1].matched ? found[1] : found[2]] = found[3];
+		pools[section][found[1].matched ? found[1] : found[2]] =
+			std::regex_replace(found[3].str(), pool, section);
 	else if (std::regex_match(line, found, include))
 		read_pools(root, found[1], depth + 1, section, pools);
 }

@@ -62,10 +62,11 @@ std::string pools_text(const std::vector<PoolNow> &pools, size_t width)
 	std::vector<std::vector<std::string>> rows;
 	for (const PoolNow &pool : pools) {
 		rows.push_back({pool.server, pool.pool.empty() ? "-" : printable(pool.pool),
-			pool.threads ? "threads" : "processes", std::to_string(pool.busy), std::to_string(pool.idle)});
+			pool.threads ? "threads" : "processes", std::to_string(pool.busy), std::to_string(pool.idle),
+			pool.waiting < 0 ? "-" : std::to_string(pool.waiting)});
 	}
 	if (rows.empty()) return "";
-	return "\n" + table({{"SERVER"}, {"POOL", false, true}, {"OF ITS"}, {"BUSY", true}, {"IDLE", true}}, rows, width);
+	return "\n" + table({{"SERVER"}, {"POOL", false, true}, {"OF ITS"}, {"BUSY", true}, {"IDLE", true}, {"WAITING", true}}, rows, width);
 }
 
 } // namespace
@@ -84,7 +85,22 @@ std::string now_text(const Now &now, size_t width)
 			count(ZQ_BOARD_HTTP), call ? fine_duration_text(since(call->begin_us, now.at_us)) : "", waits_for(slot)});
 	}
 	const std::string requests = rows.empty() ? "No request is running.\n" : table(columns, rows, width);
-	return requests + pools_text(now.pools, width);
+	std::string findings;
+	for (const std::string &line : now_findings(now)) findings += "\n" + line + "\n";
+	return requests + pools_text(now.pools, width) + findings;
+}
+
+std::vector<std::string> now_findings(const Now &now)
+{
+	std::vector<std::string> found;
+	for (const PoolNow &pool : now.pools) {
+		if (pool.waiting <= 0 || pool.idle > 0) continue;
+		const std::string whose = pool.pool.empty() ? pool.server : "pool " + printable(pool.pool);
+		found.push_back("All " + std::to_string(pool.busy) + (pool.threads ? " threads" : " processes") + " of " + whose +
+			" are busy, and " + std::to_string(pool.waiting) +
+			(pool.waiting == 1 ? " connection waits." : " connections wait."));
+	}
+	return found;
 }
 
 std::string slot_text(const BoardSlot &slot, int64_t now_us, size_t width, bool full)
@@ -135,9 +151,9 @@ Json now_json(const Now &now)
 	for (const BoardSlot &slot : now.open) requests.push_back(slot_json(slot, now.at_us));
 	for (const PoolNow &pool : now.pools) {
 		pools.push_back({{"server", pool.server}, {"pool", pool.pool}, {"threads", pool.threads}, {"busy", pool.busy},
-			{"idle", pool.idle}});
+			{"idle", pool.idle}, {"waiting", pool.waiting < 0 ? Json() : Json(pool.waiting)}});
 	}
-	return {{"requests", std::move(requests)}, {"pools", std::move(pools)}};
+	return {{"requests", std::move(requests)}, {"pools", std::move(pools)}, {"findings", now_findings(now)}};
 }
 
 } // namespace quorbit

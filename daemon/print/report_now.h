@@ -14,6 +14,7 @@ struct PoolNow {
 	std::string server, pool;
 	bool threads = false; // these are counted
 	int64_t busy = 0, idle = 0;
+	int64_t waiting = -1; // connections that nobody has accepted yet; -1: not known
 };
 
 struct Now {
@@ -26,6 +27,9 @@ struct Now {
 std::string now_text(const Now &now, size_t width);
 // All of one slot: what it does, the last calls, PHP's stack when it has one.
 std::string slot_text(const BoardSlot &slot, int64_t now_us, size_t width, bool full);
+
+// What is amiss there: a line for each pool that has work waiting and nobody left to take it.
+std::vector<std::string> now_findings(const Now &now);
 
 Json now_json(const Now &now);
 Json slot_json(const BoardSlot &slot, int64_t now_us);

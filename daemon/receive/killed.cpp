@@ -8,6 +8,7 @@
 #include "zqp_details_items.h"
 
 #include <algorithm>
+#include <cstring>
 #include <ctime>
 #include <utility>
 
@@ -40,6 +41,13 @@ std::string item(const std::string &text)
 std::string text_of(const BoardCall &call)
 {
 	return one_line(call.text) + (call.cut ? "..." : "");
+}
+
+// "with SIGSEGV ", when its agent has seen it come.
+std::string signal_of(const BoardSlot &slot)
+{
+	const char *name = slot.signal ? sigabbrev_np(slot.signal) : nullptr;
+	return name ? std::string("with SIG") + name + " " : "";
 }
 
 // What the request was in, without what differs from one to the next.
@@ -130,9 +138,10 @@ std::string packet_of_killed(const BoardSlot &slot, int64_t now_us)
 	if (web) append_record(body, record_uri, slot.path);
 	append_record(body, record_duration_ms, number(took_us / 1000));
 	for (const BoardCall &call : slot.last) append_call(body, call, now_us);
-	append_record(
-		body, record_error, std::string("1\n0\n") + killed_class + "\nThe process ended " + last_known(slot) + "\n");
-	append_record(body, record_detail, "killed: process " + std::to_string(slot.process) + " " + last_known(slot));
+	append_record(body, record_error,
+		std::string("1\n0\n") + killed_class + "\nThe process ended " + signal_of(slot) + last_known(slot) + "\n");
+	append_record(body, record_detail,
+		"killed: process " + std::to_string(slot.process) + " " + signal_of(slot) + last_known(slot));
 	append_record(body, record_details, details_of(slot, took_us, now_us));
 	return body;
 }

@@ -109,6 +109,8 @@ ApiAnswer answer_api(const ApiSource &source, const std::string &path, const Par
 		const std::string_view question = std::string_view(path).substr(prefix.size());
 		if (question == "status")
 			found = {200, source.status(source.config)};
+		else if (question == "now")
+			found = {200, source.now(source.config)};
 		else if (question == "profiles" || question.starts_with("profiles/"))
 			found = answer_profiles(*source.profiles, question.substr(std::string_view("profiles").size()));
 		else if (has_store(source.config))

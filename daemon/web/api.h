@@ -19,6 +19,7 @@ class Profiles;
 struct ApiSource {
 	DaemonConfig config;
 	std::function<std::string(const DaemonConfig &config)> status; // what `quorbit status --json` prints
+	std::function<std::string(const DaemonConfig &config)> now;    // what `quorbit now --json` prints
 	Profiles *profiles = nullptr;                                  // which outlive whoever asks
 	bool sample = false;                                           // nobody runs this: there is nothing to order
 };

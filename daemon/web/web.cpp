@@ -135,7 +135,7 @@ int run_web(const DaemonConfig &config, const WebOptions &options)
 	if (sample) show_sample(*sample, profiles);
 	auto status = options.status;
 	if (sample) status = [&sample](const DaemonConfig &) { return sample->status(); };
-	const ApiSource api = {source, status, &profiles, options.sample};
+	const ApiSource api = {source, status, options.now, &profiles, options.sample};
 	Metrics metrics({source, [&source] { return daemon_answers(source); }, nullptr});
 	add_handlers(server, {api, sessions, metrics, allowed_hosts(address, options.hosts), address.port});
 	introduce(address, options, sessions);

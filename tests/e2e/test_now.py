@@ -111,6 +111,13 @@ def test_every_request_in_flight_is_shown_with_what_it_waits_for_and_none_after_
             ("SQL", text, False) for text in statements] + [("HTTP", peer.url("/held"), True)]
         assert 0 < row["waits_for"]["duration_us"] <= row["age_us"] < 60_000_000
     assert [row["age_us"] for row in requests] == sorted((row["age_us"] for row in requests), reverse=True)
+    if not isinstance(server, Apache):
+        waiting = [server.connect() for _ in range(3)]
+        wait_until(lambda: {pool["waiting"] for pool in now(real)["pools"]} == {len(waiting)}, "the connections in the queue")
+        assert now(real)["findings"] == [f"All {AT_ONCE} processes of pool www are busy, and {len(waiting)} connections wait."]
+        assert f"All {AT_ONCE} processes of pool www are busy" in real.command("status")
+        for connection in waiting:
+            connection.close()
     leaked = b"secret" in (real.logs / "board").read_bytes()
     assert not leaked
     busy = {(pool["server"], pool["busy"]) for pool in found["pools"]}
@@ -132,6 +139,104 @@ def test_requests_that_are_killed_are_reported_with_the_call_that_they_were_in(r
         whole = json.loads(real.command("show", str(action["id"]), "--json"))
         assert whole["error"]["class"] == "Killed" and peer.url("/held") in whole["error"]["message"], whole
     assert now(real)["requests"] == []
+
+
+def swept(real):
+    """Waits until the daemon has looked at all slots of processes that are gone: it frees them."""
+    def claims():
+        return filter(None, struct.unpack("1024Q", (real.logs / "board").read_bytes()[64:64 + 8 * 1024]))
+
+    wait_until(lambda: all(os.path.exists(f"/proc/{claim >> 32}") for claim in claims()), "the daemon to look at the board")
+
+
+class Impatient(Many):
+    """Ends requests that take a second."""
+    settings = {"[www]\n": "[www]\nrequest_terminate_timeout = 1s\n"}
+
+    def command(self):
+        command, config = super().command(), self.site.root / f"{self.name}.conf"
+        for line, lines in self.settings.items():
+            config.write_text(config.read_text().replace(line, lines))
+        return command
+
+
+class Patient(Impatient):
+    """Lets children finish their requests when it is reloaded."""
+    settings = {"[global]\n": "[global]\nprocess_control_timeout = 30s\n"}
+    children = 4
+    reload_signal = signal.SIGUSR2
+
+
+class PatientThreads(Apache):
+    threads, processes = 4, 16                             # those of earlier generations finish their requests meanwhile
+    reload_signal = signal.SIGUSR1
+
+
+ENDS = {                                                   # a server, what its requests do inside a statement, and what is said of it
+    "kill -9": (Many, "posix_kill(getmypid(), 9);", ""),
+    "a segmentation fault": (Many, "function deep() { deep(); } deep();", "with SIGSEGV "),
+    "FPM's timeout": (Impatient, "sleep(60);", ""),
+}
+DIE = """
+$db = new PDO('sqlite::memory:');
+$db->sqliteCreateFunction('finish', function () { %s });
+$db->query("SELECT finish() WHERE 'secret' <> ''");"""
+
+
+@pytest.mark.parametrize("how", ENDS)
+def test_of_200_that_are_killed_each_is_reported_with_its_call(real, how):
+    kind, end, words = ENDS[how]
+    server, count = start(real, kind), 200
+    script = real.site.script(DIE % end, "doomed.php")
+
+    def ask(_):
+        for _ in range(count // AT_ONCE):
+            with suppress(OSError, AssertionError, ValueError):
+                server.request(script, "/doomed.php")
+
+    def reported():
+        found = json.loads(real.command("show", "--json", "--errors", "-n", "300") or "[]")
+        return [action for action in found if action["action"].endswith("doomed.php")]
+
+    at_once(AT_ONCE, ask)
+    wait_until(lambda: len(reported()) >= count, "the reports", 30)
+    assert len(reported()) == count
+    for action in reported()[::20]:
+        error = json.loads(real.command("show", str(action["id"]), "--json"))["error"]
+        assert error["class"] == "Killed" and error["message"].endswith(f"ended {words}in SQL SELECT finish() WHERE ?..."), error
+
+
+@pytest.mark.parametrize("kind", [Patient, PatientThreads])
+def test_requests_that_end_while_the_server_is_reloaded_are_not_killed(real, kind):
+    server, lanes, each, done = start(real, kind), 4, 100, []
+    script = real.site.script("usleep(10000); echo 'ok';", "quick.php")
+
+    def ask(_):
+        for _ in range(each):
+            with suppress(OSError, HTTPException, AssertionError, ValueError):            # Apache may refuse one
+                done.append(server.request(script, "/quick.php").body)
+
+    lane = threading.Thread(target=lambda: at_once(lanes, ask))
+    lane.start()
+    reloads = 0
+    while lane.is_alive():
+        before = len(done)
+        os.kill(server.process.pid, kind.reload_signal)
+        reloads += 1
+        wait_until(lambda: len(done) >= before + 40 or not lane.is_alive(), "answers after a reload", 30)
+    lane.join()
+    assert reloads > 3 and done.count(b"ok") == len(done) > lanes * each * 0.9
+    wait_until(lambda: not now(real)["requests"], "the requests to be gone from the board")
+    swept(real)
+    assert json.loads(real.command("show", "--json", "--errors") or "[]") == []
+
+
+def test_another_program_in_the_place_of_php_is_not_killed(real):
+    real.php()
+    wait_until(lambda: (real.logs / "board").exists(), "the board")
+    real.php("pcntl_exec('/bin/true');", "other.php")
+    swept(real)
+    assert json.loads(real.command("show", "--json", "--errors") or "[]") == []
 
 
 def test_one_process_tells_its_last_calls_and_phps_own_stack(real):

@@ -1,6 +1,7 @@
 // The board as its reader sees it: whole states, and sense whatever somebody has written there.
 #include "daemon_records.h"
 #include "host/board_file.h"
+#include "host/listen_queue.h"
 #include "print/report_now.h"
 
 #include <gtest/gtest.h>
@@ -128,6 +129,32 @@ TEST(Board, GivesASlotThatIsBeingWrittenForEverAsItIs) {
   EXPECT_EQ(read->application, "Shop");
 }
 
+TEST(Board, TakesACallThatHasJustEndedForNoneThatRuns) {
+  zq_board_slot slot = written(3);
+  slot.ring[2].duration_us = 9;
+  auto read = read_board_slot(bytes_of(slot), own_claim());
+  EXPECT_FALSE(read->current);
+  EXPECT_EQ(read->last.back().duration_us, 9);
+}
+
+TEST(ListenQueue, CountsConnectionsThatNobodyHasAccepted) {
+  TemporaryFolder folder;
+  std::ofstream(folder.path() + "/unix") << "Num       RefCount Protocol Flags    Type St Inode Path\n"
+                                            "0000000000000000: 00000002 00000000 00010000 0001 01 16 /run/a b.sock\n"
+                                            "0000000000000000: 00000002 00000000 00000000 0001 02     0 /run/a b.sock\n"
+                                            "0000000000000000: 00000003 00000000 00000000 0001 03 17 /run/a b.sock\n"
+                                            "0000000000000000: 00000002 00000000 00010000 0001 01 18 /run/idle.sock\n"
+                                            "0000000000000000: 00000003 00000000 00000000 0001 03 19\n";
+  std::ofstream(folder.path() + "/tcp") << "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when\n"
+                                           "   0: 0100007F:2328 00000000:0000 0A 00000000:0000000B 00:00000000\n"
+                                           "   1: 0100007F:2328 0100007F:9C40 01 00000000:00000700 00:00000000\n";
+  const std::pair<const char*, std::optional<int64_t>> rows[] = {
+      {"/run/a b.sock", 1}, {"/run/idle.sock", 0}, {"/run/none.sock", std::nullopt}, {"127.0.0.1:9000", 11}, {"9000", 11},
+      {"[::]:9000", 11},    {"9001", std::nullopt}, {"", std::nullopt},
+  };
+  for (const auto& [listen, waiting] : rows) EXPECT_EQ(connections_waiting(folder.path(), listen), waiting) << listen;
+}
+
 TEST(Board, PrintsWhatWaitsAndWhatRuns) {
   Now now;
   auto slot = read_board_slot(bytes_of(written(2)), own_claim());
@@ -135,11 +162,12 @@ TEST(Board, PrintsWhatWaitsAndWhatRuns) {
   slot->path = "/a\x1b[2J";
   now.at_us = 5000000;
   now.open = {*slot};
-  now.pools = {{"FPM", "www", false, 1, 3}};
+  now.pools = {{"FPM", "www", false, 1, 3, 2}, {"FPM", "shop", false, 4, 0, 1}, {"Apache", "", true, 4, 0}};
   const std::string text = now_text(now, 200);
   EXPECT_NE(text.find("Shop"), std::string::npos) << text;
   EXPECT_NE(text.find("GET /a\\x1b[2J"), std::string::npos) << text;
   EXPECT_NE(text.find("SQL c"), std::string::npos) << text;
   EXPECT_NE(text.find("www"), std::string::npos) << text;
+  EXPECT_EQ(now_findings(now), std::vector<std::string>{"All 4 processes of pool shop are busy, and 1 connection waits."});
   EXPECT_EQ(now_json(now)["requests"][0]["waits_for"]["runs"], true);
 }
