@@ -171,7 +171,8 @@ const zq_sql_api sql_mysql_prepared = {"MySQL", prepared, NULL, NULL, false};
 const zq_sql_api sql_mysqli_method = {"MySQL", argument<0>, error_property, NULL, true, ZQ_NOT_PDO, 0};
 const zq_sql_api sql_mysqli_stmt_execute = {"MySQL", prepared, error_property, NULL, true};
 const zq_sql_api sql_pg_query = {"PostgreSQL", argument_from_end<0>, error_of_link, &pg_query, false, ZQ_NOT_PDO, -1};
-const zq_sql_api sql_pg_query_params = {"PostgreSQL", argument_from_end<1>, error_of_link, &pg_query_params, false, ZQ_NOT_PDO, -2};
+const zq_sql_api sql_pg_query_params = {
+	"PostgreSQL", argument_from_end<1>, error_of_link, &pg_query_params, false, ZQ_NOT_PDO, -2};
 const zq_sql_api sql_pg_prepared = {"PostgreSQL", prepared, NULL, NULL, false};
 const zq_sql_api sql_pg_insert = {"PostgreSQL", inserted, NULL, NULL, false};
 const zq_sql_api sql_pg_delete = {"PostgreSQL", deleted, NULL, NULL, false};

@@ -308,21 +308,20 @@ void show_call(zq_stack_data *call, zq_board_slot *board TSRMLS_DC)
 	}
 }
 
-zend_never_inline void show_whole_statement(zq_stack_data *call TSRMLS_DC)
+zend_never_inline void show_whole_statement(zq_stack_data *call, zq_board_slot *board TSRMLS_DC)
 {
-	const zq_after_row *row = (const zq_after_row *)call->after;
-	if (row->shown.api) {
-		zq_board_write(ZQG(board));
-		zq_show_whole_statement(call, &row->shown TSRMLS_CC);
-		zq_board_written(ZQG(board));
+	const zq_shown_as *as = &((const zq_after_row *)call->after)->shown;
+	zq_board_write(board);
+	if (as->api) {
+		zq_show_whole_statement(call, as TSRMLS_CC);
 	}
+	zq_board_written(board);
 }
 
-/* The board is as it was before the call. */
 inline void end_showing(zq_stack_data *call, zq_board_slot *board, uint64 took_us TSRMLS_DC)
 {
 	if (UNEXPECTED(took_us >= SLOW_US)) {
-		show_whole_statement(call TSRMLS_CC);
+		show_whole_statement(call, board TSRMLS_CC);
 	}
 	zq_board_ends(board, call->shown, call->shown_within, (uint32_t)took_us);
 }

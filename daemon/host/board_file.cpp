@@ -4,12 +4,14 @@
 #include "base/files.h"
 #include "host/proc_files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
@@ -43,6 +45,15 @@ bool may_be_kept(const std::string &path, const zq_board_header &wanted)
 	return kept;
 }
 
+// So many as take a thirty-second of the disk: on a small one the room is the store's.
+uint32_t slots_for_disk(const std::string &path)
+{
+	struct statvfs disk;
+	if (statvfs(path.substr(0, path.rfind('/')).c_str(), &disk) != 0) return ZQ_BOARD_MOST_SLOTS;
+	const uint64_t most = uint64_t{disk.f_blocks} * disk.f_frsize / 32 / sizeof(zq_board_slot);
+	return static_cast<uint32_t>(std::clamp<uint64_t>(most, 1, ZQ_BOARD_MOST_SLOTS));
+}
+
 void write_board(int file, const std::string &path, const zq_board_header &header)
 {
 	int failed = posix_fallocate(file, 0, static_cast<off_t>(header.size));
@@ -59,6 +70,7 @@ void write_board(int file, const std::string &path, const zq_board_header &heade
 
 void make_board(const std::string &path, uint32_t slots)
 {
+	slots = std::min(slots, slots_for_disk(path));
 	zq_board_header header = {};
 	header.magic = ZQ_BOARD_MAGIC;
 	header.version = ZQ_BOARD_VERSION;

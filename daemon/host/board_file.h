@@ -16,8 +16,9 @@ inline std::string board_file(const DaemonConfig &config)
 	return config.folder() + "/" ZQ_BOARD_FILE;
 }
 
-// Makes the board with so many slots, or keeps the one that is there when it is such a board and root's or ours; it
-// takes the place of anything else. All of it is allocated at once. Throws std::system_error when it cannot be made.
+// Makes the board with so many slots, or fewer on a small disk, of which it takes a thirty-second at most; or keeps the
+// one that is there when it is such a board and root's or ours; it takes the place of anything else. All of it is
+// allocated at once. Throws std::system_error when it cannot be made.
 void make_board(const std::string &path, uint32_t slots);
 
 class BoardFile {

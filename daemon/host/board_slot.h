@@ -33,7 +33,7 @@ struct BoardSlot {
 	std::vector<BoardCall> last;   // the last of them, oldest first
 	std::optional<size_t> current; // which of these runs
 	std::string stack;             // PHP's own, when it was asked for: a line for each frame, the innermost first
-	int signal = 0;    // that the process has crashed with; 0: it has not
+	int signal = 0;                // that the process has crashed with; 0: it has not
 	uint32_t asked = 0, answered = 0, sequence = 0;
 };
 

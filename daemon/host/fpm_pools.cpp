@@ -26,8 +26,7 @@ void read_line(const std::string &root, const std::string &line, int depth, std:
 	if (std::regex_match(line, found, header))
 		section = found[1];
 	else if (std::regex_match(line, found, setting))
-		pools[section][found[1].matched ? found[1] : found[2]] =
-			std::regex_replace(found[3].str(), pool, section);
+		pools[section][found[1].matched ? found[1] : found[2]] = std::regex_replace(found[3].str(), pool, section);
 	else if (std::regex_match(line, found, include))
 		read_pools(root, found[1], depth + 1, section, pools);
 }

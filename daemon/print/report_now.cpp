@@ -66,7 +66,9 @@ std::string pools_text(const std::vector<PoolNow> &pools, size_t width)
 			pool.waiting < 0 ? "-" : std::to_string(pool.waiting)});
 	}
 	if (rows.empty()) return "";
-	return "\n" + table({{"SERVER"}, {"POOL", false, true}, {"OF ITS"}, {"BUSY", true}, {"IDLE", true}, {"WAITING", true}}, rows, width);
+	return "\n" +
+		table({{"SERVER"}, {"POOL", false, true}, {"OF ITS"}, {"BUSY", true}, {"IDLE", true}, {"WAITING", true}}, rows,
+			width);
 }
 
 } // namespace
@@ -96,8 +98,8 @@ std::vector<std::string> now_findings(const Now &now)
 	for (const PoolNow &pool : now.pools) {
 		if (pool.waiting <= 0 || pool.idle > 0) continue;
 		const std::string whose = pool.pool.empty() ? pool.server : "pool " + printable(pool.pool);
-		found.push_back("All " + std::to_string(pool.busy) + (pool.threads ? " threads" : " processes") + " of " + whose +
-			" are busy, and " + std::to_string(pool.waiting) +
+		found.push_back("All " + std::to_string(pool.busy) + (pool.threads ? " threads" : " processes") + " of " +
+			whose + " are busy, and " + std::to_string(pool.waiting) +
 			(pool.waiting == 1 ? " connection waits." : " connections wait."));
 	}
 	return found;

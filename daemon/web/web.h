@@ -14,7 +14,7 @@ struct WebOptions {
 	std::vector<std::string> hosts; // names under which it may be asked, beside its own address
 	std::string password_file;      // "" for a token of its own
 	std::function<std::string(const DaemonConfig &config)> status; // for the API: the state of the host as JSON
-	std::function<std::string(const DaemonConfig &config)> now; // and the requests in flight
+	std::function<std::string(const DaemonConfig &config)> now;    // and the requests in flight
 	bool open = false;                                             // in a browser
 	bool sample = false;                                           // of a day that is made up, not of the store
 };
