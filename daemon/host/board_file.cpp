@@ -128,20 +128,34 @@ bool BoardFile::looks_open(uint32_t number) const
 	return read(&open, sizeof open, at(number) + offsetof(zq_board_slot, is_open)) && open;
 }
 
+// Whether what was read is a whole state.
+bool BoardFile::read_whole(uint32_t number, std::string &bytes) const
+{
+	uint32_t before = 1, after = 1;
+	bytes.resize(sizeof(zq_board_slot));
+	return read(&before, sizeof before, at(number)) && read(bytes.data(), bytes.size(), at(number)) &&
+		read(&after, sizeof after, at(number)) && before == after && before % 2 == 0;
+}
+
 std::optional<BoardSlot> BoardFile::slot(uint32_t number, uint64_t claim) const
 {
 	constexpr int most_tries = 20;
 	constexpr auto pause = std::chrono::microseconds(50);
-	std::string bytes(sizeof(zq_board_slot), '\0');
-	for (int i = 0; i < most_tries; i++) {
-		uint32_t before = 1, after = 1;
-		if (!read(&before, sizeof before, at(number)) || !read(bytes.data(), bytes.size(), at(number)) ||
-			!read(&after, sizeof after, at(number)))
-			return std::nullopt;
-		if (before == after && before % 2 == 0) break;
-		std::this_thread::sleep_for(pause);
-	}
+	std::string bytes;
+	for (int i = 0; i < most_tries && !read_whole(number, bytes); i++) std::this_thread::sleep_for(pause);
 	return read_board_slot(bytes, claim);
+}
+
+std::optional<BoardSlot> BoardFile::slot_if_whole(uint32_t number, uint64_t claim) const
+{
+	std::string bytes;
+	return read_whole(number, bytes) ? read_board_slot(bytes, claim) : std::nullopt;
+}
+
+std::optional<BoardSlot> BoardFile::slot_as_left(uint32_t number, uint64_t claim) const
+{
+	std::string bytes(sizeof(zq_board_slot), '\0');
+	return read(bytes.data(), bytes.size(), at(number)) ? read_board_slot(bytes, claim) : std::nullopt;
 }
 
 bool BoardFile::ask(uint32_t number, uint32_t asked) const

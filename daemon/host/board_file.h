@@ -34,9 +34,13 @@ public:
 
 	// By slot: 0 for one that is free.
 	std::vector<uint64_t> claims() const;
-	// A whole state of the slot; one that is being written for so long that its thread must have gone in the middle is
-	// taken as it is. Nothing when it is not of this claim.
+	// A whole state of the slot, waited for up to a millisecond; of one that is being written for longer, the state
+	// that it is in. Nothing when it is not of this claim.
 	std::optional<BoardSlot> slot(uint32_t number, uint64_t claim) const;
+	// Without waiting: nothing as well when the slot is being written.
+	std::optional<BoardSlot> slot_if_whole(uint32_t number, uint64_t claim) const;
+	// As a thread that has gone has left it, be that in the middle of writing.
+	std::optional<BoardSlot> slot_as_left(uint32_t number, uint64_t claim) const;
 	// Whether an action is open in the slot, without reading all of it.
 	bool looks_open(uint32_t number) const;
 
@@ -48,6 +52,7 @@ public:
 private:
 	uint64_t at(uint32_t number) const;
 	bool read(void *to, size_t length, uint64_t offset) const;
+	bool read_whole(uint32_t number, std::string &bytes) const;
 
 	int file_ = -1;
 	uint32_t slots_ = 0;

@@ -2,7 +2,6 @@
 #include "receive/killed.h"
 
 #include "base/clock.h"
-#include "base/log.h"
 #include "facts/wire.h"
 #include "host/board_file.h"
 #include "zqp_details_items.h"
@@ -116,14 +115,13 @@ int64_t monotonic_us()
 	return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
-// A state of the slot from after its thread's end; nothing while that lives.
-std::optional<BoardSlot> last_state(const BoardFile &board, uint32_t number, uint64_t claim)
+// Whether the thread of a slot with an action has gone. That its process has the number of an earlier one is seen when
+// `thorough`, which costs a file of /proc.
+bool has_gone(const BoardFile &board, uint32_t number, uint64_t claim, bool thorough)
 {
-	auto slot = board.slot(number, claim);
-	if (slot ? !is_gone(*slot, proc) : !is_gone(claim)) return std::nullopt;
-	// It may have ended its action in the meantime.
-	slot = board.slot(number, claim);
-	return slot ? slot : BoardSlot();
+	if (is_gone(claim)) return true;
+	auto slot = thorough && board.looks_open(number) ? board.slot_if_whole(number, claim) : std::nullopt;
+	return slot && is_gone(*slot, proc);
 }
 
 } // namespace
@@ -146,22 +144,27 @@ std::string packet_of_killed(const BoardSlot &slot, int64_t now_us)
 	return body;
 }
 
-void report_killed(const std::string &board_path, StoreWriter &writer)
+void KilledWatch::look()
 {
-	const BoardFile board(board_path, true);
+	constexpr int64_t thorough_every = 10;
+	const bool thorough = looks_++ % thorough_every == 0;
+	const BoardFile board(board_, true);
 	const std::vector<uint64_t> claims = board.claims();
 	for (uint32_t i = 0; i < claims.size(); i++) {
-		if (!claims[i] || (!board.looks_open(i) && !is_gone(claims[i]))) continue;
-		auto slot = last_state(board, i, claims[i]);
-		if (!slot) continue;
-		if (slot->open) {
-			const std::string process = std::to_string(slot->process);
-			log_message(LogLevel::info, "process " + process + " has ended with a request open: " + last_known(*slot));
-			writer.put(
-				StoredPacket{record_metric, slot->process, wall_clock_ms(), packet_of_killed(*slot, monotonic_us())});
-		}
+		if (!claims[i] || !has_gone(board, i, claims[i], thorough)) continue;
+		auto slot = board.slot_as_left(i, claims[i]);
+		if (slot && slot->open) report(*slot);
 		board.free_slot(i, claims[i]);
 	}
+}
+
+void KilledWatch::report(const BoardSlot &slot)
+{
+	constexpr uint32_t any_writer = UINT32_MAX; // of the board; no account has this number
+	log_.message(LogLevel::info,
+		"process " + std::to_string(slot.process) + " has ended with a request open: " + last_known(slot));
+	writer_.put(
+		StoredPacket{record_metric, slot.process, wall_clock_ms(), packet_of_killed(slot, monotonic_us()), any_writer});
 }
 
 } // namespace quorbit

@@ -1,7 +1,6 @@
 // The event loop: accepting, receiving, answering.
 #include "receive/server.h"
 
-#include "receive/killed.h"
 #include "base/files.h"
 #include "base/text.h"
 #include "base/clock.h"
@@ -363,7 +362,7 @@ void Server::close_stalled()
 	int64_t now = monotonic_second();
 	if (now == swept_second_) return;
 	swept_second_ = now;
-	if (!board_.empty()) report_killed(board_, writer_);
+	if (killed_) killed_->look();
 	if (!accepting_)
 		resume_accepting();
 	else if (short_of_descriptors_ && now - paused_second_ > 1) {

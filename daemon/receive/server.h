@@ -3,6 +3,7 @@
 
 #include "facts/applications.h"
 #include "receive/connection.h"
+#include "receive/killed.h"
 #include "receive/listener.h"
 #include "base/log.h"
 #include "receive/turns.h"
@@ -10,6 +11,7 @@
 #include "store/store_writer.h"
 
 #include <functional>
+#include <optional>
 #include <unordered_map>
 
 namespace quorbit {
@@ -25,7 +27,7 @@ public:
 	~Server();
 
 	// Reports, from now on, the requests on this board that end with their process.
-	void watch_board(std::string path) { board_ = std::move(path); }
+	void watch_board(std::string path) { killed_.emplace(std::move(path), writer_); }
 
 	// Works until SIGTERM or SIGINT, which the caller has blocked, or until agents can no longer find the socket.
 	// Calls keep_files() every five seconds, which makes sure of what else others know the daemon by; false from it is
@@ -60,9 +62,9 @@ private:
 	int64_t swept_second_ = 0, kept_second_ = 0, paused_second_ = 0;
 	int64_t received_bytes_ = 0; // since the last sweep
 	int trims_due_ = 0;
-	std::string board_; // "" for none
 	StoreWriter &writer_;
 	const std::function<void(const Applications &)> apply_;
+	std::optional<KilledWatch> killed_;
 	ProfileSessions &sessions_;
 	ApplicationsFile applications_;
 	Shares budget_;      // of what is half received or not yet taken
