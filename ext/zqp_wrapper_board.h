@@ -31,43 +31,87 @@ zq_show zq_show_client;   /* an outgoing call by its function's name */
 /* After a call that may set the URL of a curl handle: it is told when the handle is used. */
 void zq_keep_url(zq_stack_data *call TSRMLS_DC);
 
-/* By the recorder; a row of the dispatch has it at compile time. */
-constexpr zq_shown_as zq_shown_of(zq_performance_callback record)
-{
-	if (const zq_sql_api *api = zq_sql_api_of(record)) {
-		const bool is_prepared = api == &sql_mysql_prepared || api == &sql_mysqli_stmt_execute ||
-			api == &sql_pg_prepared || api == &sql_oracle_prepared;
-		return {is_prepared                         ? zq_show_prepared
-				: api == &sql_pdo_statement_execute ? zq_show_property
-													: zq_show_argument,
-			ZQ_BOARD_SQL, api, false};
-	}
-	const struct {
-		zq_performance_callback record;
-		zq_shown_as as;
-	} rows[] = {
-		{performance_sql<sql_pg_insert>, {zq_show_function, ZQ_BOARD_SQL, NULL, false}},
-		{performance_sql<sql_pg_delete>, {zq_show_function, ZQ_BOARD_SQL, NULL, false}},
-		{performance_memcached, {zq_show_function, ZQ_BOARD_CACHE, NULL, false}},
-		{performance_redis, {zq_show_function, ZQ_BOARD_CACHE, NULL, false}},
-		{performance_mongo_collection, {zq_show_function, ZQ_BOARD_CACHE, NULL, false}},
-		{performance_mongo_script, {zq_show_function, ZQ_BOARD_CACHE, NULL, false}},
-		{performance_mongo_manager, {zq_show_function, ZQ_BOARD_CACHE, NULL, false}},
-		{performance_curl_exec, {zq_show_curl, ZQ_BOARD_HTTP, NULL, false}},
-		{performance_curl_multi_exec, {zq_show_client, ZQ_BOARD_HTTP, NULL, false}},
-		{performance_file_get_contents, {zq_show_stream, ZQ_BOARD_HTTP, NULL, false}},
-		{performance_fopen, {zq_show_stream, ZQ_BOARD_HTTP, NULL, false}},
-		{performance_soapclient, {zq_show_soap, ZQ_BOARD_HTTP, NULL, false}},
-		{performance_httprequest_send, {zq_show_client, ZQ_BOARD_HTTP, NULL, false}},
-		{performance_curl_init, {NULL, ZQ_BOARD_NOTHING, NULL, true}},
-		{performance_curl_setopt, {NULL, ZQ_BOARD_NOTHING, NULL, true}},
-	};
-	for (const auto &row : rows) {
-		if (row.record == record) {
-			return row.as;
-		}
-	}
-	return {NULL, ZQ_BOARD_NOTHING, NULL, false};
-}
+/* By the recorder. Not a table of addresses: under the sanitizers two functions' addresses are no constants to compare.
+ */
+template <zq_performance_callback record>
+inline constexpr zq_shown_as zq_shown = {NULL, ZQ_BOARD_NOTHING, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_mysql_query>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_mysql_query, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_mysql_db_query>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_mysql_db_query, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_mysql_argument_0>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_mysql_argument_0, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_mysql_argument_1>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_mysql_argument_1, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_mysqli_method>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_mysqli_method, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_pg_query>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_pg_query, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_pg_query_params>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_pg_query_params, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_sqlite_argument_0>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_sqlite_argument_0, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_sqlite_argument_1>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_sqlite_argument_1, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_pdo_query>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_pdo_query, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_pdo_exec>> = {
+	zq_show_argument, ZQ_BOARD_SQL, &sql_pdo_exec, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_mysql_prepared>> = {
+	zq_show_prepared, ZQ_BOARD_SQL, &sql_mysql_prepared, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_mysqli_stmt_execute>> = {
+	zq_show_prepared, ZQ_BOARD_SQL, &sql_mysqli_stmt_execute, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_pg_prepared>> = {
+	zq_show_prepared, ZQ_BOARD_SQL, &sql_pg_prepared, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_oracle_prepared>> = {
+	zq_show_prepared, ZQ_BOARD_SQL, &sql_oracle_prepared, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_pdo_statement_execute>> = {
+	zq_show_property, ZQ_BOARD_SQL, &sql_pdo_statement_execute, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_pg_insert>> = {zq_show_function, ZQ_BOARD_SQL, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_sql<sql_pg_delete>> = {zq_show_function, ZQ_BOARD_SQL, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_memcached> = {zq_show_function, ZQ_BOARD_CACHE, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_redis> = {zq_show_function, ZQ_BOARD_CACHE, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_mongo_collection> = {zq_show_function, ZQ_BOARD_CACHE, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_mongo_script> = {zq_show_function, ZQ_BOARD_CACHE, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_mongo_manager> = {zq_show_function, ZQ_BOARD_CACHE, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_curl_exec> = {zq_show_curl, ZQ_BOARD_HTTP, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_curl_multi_exec> = {zq_show_client, ZQ_BOARD_HTTP, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_file_get_contents> = {zq_show_stream, ZQ_BOARD_HTTP, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_fopen> = {zq_show_stream, ZQ_BOARD_HTTP, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_soapclient> = {zq_show_soap, ZQ_BOARD_HTTP, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_httprequest_send> = {zq_show_client, ZQ_BOARD_HTTP, NULL, false};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_curl_init> = {NULL, ZQ_BOARD_NOTHING, NULL, true};
+template <>
+inline constexpr zq_shown_as zq_shown<performance_curl_setopt> = {NULL, ZQ_BOARD_NOTHING, NULL, true};
 
 #endif

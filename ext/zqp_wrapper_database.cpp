@@ -336,9 +336,20 @@ int zq_record_sql(const zq_sql_api *api, zq_stack_data *call, uint64 begin_us, u
 
 /* ---- calls that are running ---- */
 
+template <const zq_sql_api &...apis>
+static const zq_sql_api *api_of(zq_performance_callback record)
+{
+	const zq_sql_api *found = NULL;
+	((record == performance_sql<apis> ? (void)(found = &apis) : (void)0), ...);
+	return found;
+}
+
 bool zq_sql_running(zq_performance_callback record, zq_stack_data *call, zq_running_statement *found TSRMLS_DC)
 {
-	const zq_sql_api *api = zq_sql_api_of(record);
+	const zq_sql_api *api = api_of<sql_mysql_query, sql_mysql_db_query, sql_mysql_argument_0, sql_mysql_argument_1,
+		sql_mysql_prepared, sql_mysqli_method, sql_mysqli_stmt_execute, sql_pg_query, sql_pg_query_params,
+		sql_pg_prepared, sql_sqlite_argument_0, sql_sqlite_argument_1, sql_oracle_prepared, sql_pdo_query, sql_pdo_exec,
+		sql_pdo_statement_execute>(record);
 	if (!api) {
 		return false;
 	}

@@ -73,22 +73,6 @@ int performance_prepare_last_argument(zq_stack_data *call, uint64 begin_us, uint
 int performance_mysqli_prepare_method(
 	zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC); /* reports failures too */
 
-template <const zq_sql_api &...apis>
-constexpr const zq_sql_api *zq_sql_api_among(zq_performance_callback record)
-{
-	const zq_sql_api *found = NULL;
-	((record == performance_sql<apis> ? (void)(found = &apis) : (void)0), ...);
-	return found;
-}
-/* The kind of call that a recorder records; null for those that are none of a database's, or make their statement. */
-constexpr const zq_sql_api *zq_sql_api_of(zq_performance_callback record)
-{
-	return zq_sql_api_among<sql_mysql_query, sql_mysql_db_query, sql_mysql_argument_0, sql_mysql_argument_1,
-		sql_mysql_prepared, sql_mysqli_method, sql_mysqli_stmt_execute, sql_pg_query, sql_pg_query_params,
-		sql_pg_prepared, sql_sqlite_argument_0, sql_sqlite_argument_1, sql_oracle_prepared, sql_pdo_query, sql_pdo_exec,
-		sql_pdo_statement_execute>(record);
-}
-
 /* The connection of a procedural call; null when the call did not name one. Borrowed. */
 static inline zval *zq_sql_link(const zq_sql_client *client, zq_stack_data *call)
 {

@@ -25,12 +25,18 @@ struct zq_before_row {
 	void (*handle)(zq_stack_data *call TSRMLS_DC);
 };
 
+struct zq_recorder {
+	zq_performance_callback record;
+	zq_shown_as shown;
+};
+template <zq_performance_callback record>
+constexpr zq_recorder with = {record, zq_shown<record>};
+
 /* Runs after a plain function, or a method of a class below. */
 struct zq_after_row {
 	zq_name name; /* "*" in a class: every method that no row before it has */
 	zq_condition wanted;
-	zq_performance_callback record;
-	zq_shown_as shown = zq_shown_of(record);
+	zq_recorder recorder;
 };
 
 struct zq_class_row {
@@ -84,90 +90,91 @@ constexpr auto before_rows = std::to_array<zq_before_row>({
 });
 
 constexpr auto after_rows = std::to_array<zq_after_row>({
-	{"mysql_query", NULL, performance_mysql_query},
-	{"mysql_db_query", NULL, performance_mysql_db_query},
-	{"mysql_unbuffered_query", NULL, performance_sql<sql_mysql_argument_0>},
-	{"mysqli_query", NULL, performance_sql<sql_mysql_argument_1>},
-	{"mysqli_real_query", NULL, performance_sql<sql_mysql_argument_1>},
-	{"mysqli_multi_query", NULL, performance_sql<sql_mysql_argument_1>},
-	{"mysqli_prepare", NULL, performance_prepare_argument_1},
-	{"mysqli_stmt_prepare", NULL, performance_prepare_argument_1},
-	{"mysqli_stmt_execute", NULL, performance_sql<sql_mysql_prepared>},
-	{"sqlite_query", NULL, performance_sql<sql_sqlite_argument_1>},
-	{"sqlite_exec", NULL, performance_sql<sql_sqlite_argument_1>},
-	{"sqlite_unbuffered_query", NULL, performance_sql<sql_sqlite_argument_1>},
-	{"oci_parse", NULL, performance_prepare_argument_1},
-	{"oci_execute", NULL, performance_sql<sql_oracle_prepared>},
-	{"pg_query", NULL, performance_pg_query},
-	{"pg_query_params", NULL, performance_pg_query_params},
-	{"pg_prepare", NULL, performance_prepare_last_argument},
-	{"pg_execute", NULL, performance_sql<sql_pg_prepared>},
-	{"pg_insert", NULL, performance_sql<sql_pg_insert>},
-	{"pg_delete", NULL, performance_sql<sql_pg_delete>},
-	{"fopen", NULL, performance_fopen},
-	{"file_get_contents", NULL, performance_file_get_contents},
-	{"curl_init", may_carry_identity, performance_curl_init},
-	{"curl_reset", may_carry_identity, performance_curl_reset},
-	{"curl_setopt", may_carry_identity, performance_curl_setopt},
-	{"curl_exec", is_on_its_own, performance_curl_exec},
-	{"curl_multi_exec", is_on_its_own, performance_curl_multi_exec},
-	{"fwrite", handshake_is_due, performance_fwrite},
-	{"fread", handshake_is_due, performance_fread},
+	{"mysql_query", NULL, with<performance_mysql_query>},
+	{"mysql_db_query", NULL, with<performance_mysql_db_query>},
+	{"mysql_unbuffered_query", NULL, with<performance_sql<sql_mysql_argument_0>>},
+	{"mysqli_query", NULL, with<performance_sql<sql_mysql_argument_1>>},
+	{"mysqli_real_query", NULL, with<performance_sql<sql_mysql_argument_1>>},
+	{"mysqli_multi_query", NULL, with<performance_sql<sql_mysql_argument_1>>},
+	{"mysqli_prepare", NULL, with<performance_prepare_argument_1>},
+	{"mysqli_stmt_prepare", NULL, with<performance_prepare_argument_1>},
+	{"mysqli_stmt_execute", NULL, with<performance_sql<sql_mysql_prepared>>},
+	{"sqlite_query", NULL, with<performance_sql<sql_sqlite_argument_1>>},
+	{"sqlite_exec", NULL, with<performance_sql<sql_sqlite_argument_1>>},
+	{"sqlite_unbuffered_query", NULL, with<performance_sql<sql_sqlite_argument_1>>},
+	{"oci_parse", NULL, with<performance_prepare_argument_1>},
+	{"oci_execute", NULL, with<performance_sql<sql_oracle_prepared>>},
+	{"pg_query", NULL, with<performance_pg_query>},
+	{"pg_query_params", NULL, with<performance_pg_query_params>},
+	{"pg_prepare", NULL, with<performance_prepare_last_argument>},
+	{"pg_execute", NULL, with<performance_sql<sql_pg_prepared>>},
+	{"pg_insert", NULL, with<performance_sql<sql_pg_insert>>},
+	{"pg_delete", NULL, with<performance_sql<sql_pg_delete>>},
+	{"fopen", NULL, with<performance_fopen>},
+	{"file_get_contents", NULL, with<performance_file_get_contents>},
+	{"curl_init", may_carry_identity, with<performance_curl_init>},
+	{"curl_reset", may_carry_identity, with<performance_curl_reset>},
+	{"curl_setopt", may_carry_identity, with<performance_curl_setopt>},
+	{"curl_exec", is_on_its_own, with<performance_curl_exec>},
+	{"curl_multi_exec", is_on_its_own, with<performance_curl_multi_exec>},
+	{"fwrite", handshake_is_due, with<performance_fwrite>},
+	{"fread", handshake_is_due, with<performance_fread>},
 });
 
 constexpr zq_after_row pdo_methods[] = {
-	{"__construct", NULL, performance_pdo_construct},
-	{"query", NULL, performance_pdo_query},
-	{"exec", NULL, performance_sql<sql_pdo_exec>},
+	{"__construct", NULL, with<performance_pdo_construct>},
+	{"query", NULL, with<performance_pdo_query>},
+	{"exec", NULL, with<performance_sql<sql_pdo_exec>>},
 };
 constexpr zq_after_row pdo_statement_methods[] = {
-	{"execute", NULL, performance_sql<sql_pdo_statement_execute>},
+	{"execute", NULL, with<performance_sql<sql_pdo_statement_execute>>},
 };
 constexpr zq_after_row mysqli_methods[] = {
-	{"prepare", NULL, performance_mysqli_prepare_method},
-	{"query", NULL, performance_sql<sql_mysqli_method>},
-	{"real_query", NULL, performance_sql<sql_mysqli_method>},
-	{"multi_query", NULL, performance_sql<sql_mysqli_method>},
+	{"prepare", NULL, with<performance_mysqli_prepare_method>},
+	{"query", NULL, with<performance_sql<sql_mysqli_method>>},
+	{"real_query", NULL, with<performance_sql<sql_mysqli_method>>},
+	{"multi_query", NULL, with<performance_sql<sql_mysqli_method>>},
 };
 constexpr zq_after_row mysqli_stmt_methods[] = {
-	{"prepare", NULL, performance_mysqli_prepare_method},
-	{"execute", NULL, performance_sql<sql_mysqli_stmt_execute>},
+	{"prepare", NULL, with<performance_mysqli_prepare_method>},
+	{"execute", NULL, with<performance_sql<sql_mysqli_stmt_execute>>},
 };
 constexpr zq_after_row sqlite3_methods[] = {
-	{"query", NULL, performance_sql<sql_sqlite_argument_0>},
-	{"querySingle", NULL, performance_sql<sql_sqlite_argument_0>},
-	{"exec", NULL, performance_sql<sql_sqlite_argument_0>},
+	{"query", NULL, with<performance_sql<sql_sqlite_argument_0>>},
+	{"querySingle", NULL, with<performance_sql<sql_sqlite_argument_0>>},
+	{"exec", NULL, with<performance_sql<sql_sqlite_argument_0>>},
 };
 constexpr zq_after_row sqlite_database_methods[] = {
-	{"queryExec", NULL, performance_sql<sql_sqlite_argument_0>},
-	{"unbufferedQuery", NULL, performance_sql<sql_sqlite_argument_0>},
-	{"query", NULL, performance_sql<sql_sqlite_argument_0>},
+	{"queryExec", NULL, with<performance_sql<sql_sqlite_argument_0>>},
+	{"unbufferedQuery", NULL, with<performance_sql<sql_sqlite_argument_0>>},
+	{"query", NULL, with<performance_sql<sql_sqlite_argument_0>>},
 };
 
 constexpr zq_after_row memcached_methods[] = {
-	{"*", NULL, performance_memcached},
+	{"*", NULL, with<performance_memcached>},
 };
 constexpr zq_after_row redis_methods[] = {
-	{"*", NULL, performance_redis},
+	{"*", NULL, with<performance_redis>},
 };
 constexpr zq_after_row mongo_collection_methods[] = {
-	{"*", NULL, performance_mongo_collection},
+	{"*", NULL, with<performance_mongo_collection>},
 };
 constexpr zq_after_row mongo_database_methods[] = {
-	{"execute", NULL, performance_mongo_script},
+	{"execute", NULL, with<performance_mongo_script>},
 };
 constexpr zq_after_row mongo_manager_methods[] = {
-	{"executeCommand", NULL, performance_mongo_manager},
-	{"executeQuery", NULL, performance_mongo_manager},
-	{"executeBulkWrite", NULL, performance_mongo_manager},
+	{"executeCommand", NULL, with<performance_mongo_manager>},
+	{"executeQuery", NULL, with<performance_mongo_manager>},
+	{"executeBulkWrite", NULL, with<performance_mongo_manager>},
 };
 
 constexpr zq_after_row soap_client_methods[] = {
-	{"SoapClient", zq_identity_is_set, performance_soapclient_construct}, /* its constructor has the old style's name */
-	{"__doRequest", NULL, performance_soapclient},
+	{"SoapClient", zq_identity_is_set,
+		with<performance_soapclient_construct>}, /* its constructor has the old style's name */
+	{"__doRequest", NULL, with<performance_soapclient>},
 };
 constexpr zq_after_row http_request_methods[] = {
-	{"send", is_on_its_own, performance_httprequest_send},
+	{"send", is_on_its_own, with<performance_httprequest_send>},
 };
 
 /* Recognised by the class that declares the method. */
@@ -295,7 +302,7 @@ int record_call(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 		return 0;
 	}
 	const zq_after_row *row = call->after ? (const zq_after_row *)call->after : find_recorder(call);
-	return row && (!row->wanted || row->wanted(TSRMLS_C)) && row->record(call, begin_us, end_us TSRMLS_CC);
+	return row && (!row->wanted || row->wanted(TSRMLS_C)) && row->recorder.record(call, begin_us, end_us TSRMLS_CC);
 }
 
 /* Last before the call: the board is being written until it begins. */
@@ -303,14 +310,14 @@ void show_call(zq_stack_data *call, zq_board_slot *board TSRMLS_DC)
 {
 	const zq_after_row *row = find_recorder(call);
 	call->after = row;
-	if (row && row->shown.show) {
-		row->shown.show(call, &row->shown, board TSRMLS_CC);
+	if (row && row->recorder.shown.show) {
+		row->recorder.shown.show(call, &row->recorder.shown, board TSRMLS_CC);
 	}
 }
 
 zend_never_inline void show_whole_statement(zq_stack_data *call, zq_board_slot *board TSRMLS_DC)
 {
-	const zq_shown_as *as = &((const zq_after_row *)call->after)->shown;
+	const zq_shown_as *as = &((const zq_after_row *)call->after)->recorder.shown;
 	zq_board_write(board);
 	if (as->api) {
 		zq_show_whole_statement(call, as TSRMLS_CC);
@@ -370,7 +377,7 @@ void zq_after_internal_call(zq_stack_data *call, uint64 begin_us TSRMLS_DC)
 	uint64 end_us = zq_clock_us(&ZQG(clock));
 	if (call->shown && ZQG(board)) {
 		end_showing(call, ZQG(board), end_us - begin_us TSRMLS_CC);
-	} else if (call->after && ((const zq_after_row *)call->after)->shown.sets_url) {
+	} else if (call->after && ((const zq_after_row *)call->after)->recorder.shown.sets_url) {
 		zq_keep_url(call TSRMLS_CC);
 	}
 	if (!record_call(call, begin_us, end_us TSRMLS_CC)) {
@@ -389,7 +396,7 @@ bool zq_running_statement_of(zend_execute_data *frame, zq_running_statement *fou
 	call.cls_length = callee.scope ? (int)callee.scope->name_length : 0;
 	zq_hash_names(&call);
 	const zq_after_row *row = find_recorder(&call);
-	return row && zq_sql_running(row->record, &call, found TSRMLS_CC);
+	return row && zq_sql_running(row->recorder.record, &call, found TSRMLS_CC);
 }
 
 void zq_trace_default(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
