@@ -19,6 +19,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 namespace quorbit {
 
@@ -53,29 +54,35 @@ std::unique_ptr<BoardFile> open_board(const DaemonConfig &config, bool to_ask)
 	return board;
 }
 
+// By master of FPM and pool.
+using Waiting = std::map<std::pair<int, std::string>, int64_t>;
+
 // The queues of the sockets that this FPM's pools listen on.
-void add_waiting(const PhpProcess &master, std::map<std::string, int64_t> &waiting)
+void add_waiting(const PhpProcess &master, Waiting &waiting)
 {
 	for (const auto &[pool, settings] : settings_of_pools(master.root, master.config)) {
 		const auto listen = settings.find("listen");
 		if (listen == settings.end()) continue;
 		const std::string net = std::string(proc) + "/" + std::to_string(master.id) + "/net";
-		if (auto queue = connections_waiting(net, listen->second)) waiting[pool] += *queue;
+		if (auto queue = connections_waiting(net, listen->second)) waiting[{master.id, pool}] = *queue;
 	}
 }
 
 // Of every server that is not only a manager: those with an action, and those without.
 std::vector<PoolNow> pools_of(const std::map<int, std::pair<int64_t, int64_t>> &threads)
 {
-	std::map<std::pair<std::string, std::string>, PoolNow> pools;
-	std::map<std::string, int64_t> waiting; // by pool of FPM
+	std::map<std::tuple<std::string, std::string, int>, PoolNow> pools;
+	Waiting waiting;
 	for (const PhpProcess &process : php_processes(proc)) {
 		auto slots = threads.find(process.id);
 		if (!process.config.empty()) add_waiting(process, waiting);
 		if (process.manages || (process.agent != AgentState::loaded && slots == threads.end())) continue;
-		PoolNow &pool = pools[{name_of(process.server), process.pool}];
+		const bool has_manager = process.server == PhpServer::fpm || process.server == PhpServer::apache;
+		const int manager = has_manager ? process.parent : 0;
+		PoolNow &pool = pools[{name_of(process.server), process.pool, manager}];
 		pool.server = name_of(process.server);
 		pool.pool = process.pool;
+		pool.manager = manager;
 		pool.threads = process.server == PhpServer::apache;
 		const auto [busy, idle] = slots == threads.end() ? std::pair<int64_t, int64_t>() : slots->second;
 		pool.busy += pool.threads ? busy : busy > 0;
@@ -83,8 +90,8 @@ std::vector<PoolNow> pools_of(const std::map<int, std::pair<int64_t, int64_t>> &
 	}
 	std::vector<PoolNow> found;
 	for (auto &[key, pool] : pools) {
-		const auto queue = waiting.find(pool.pool);
-		if (key.first == name_of(PhpServer::fpm) && queue != waiting.end()) pool.waiting = queue->second;
+		const auto queue = waiting.find({pool.manager, pool.pool});
+		if (queue != waiting.end()) pool.waiting = queue->second;
 		found.push_back(std::move(pool));
 	}
 	return found;

@@ -152,7 +152,8 @@ Json now_json(const Now &now)
 	Json requests = Json::array(), pools = Json::array();
 	for (const BoardSlot &slot : now.open) requests.push_back(slot_json(slot, now.at_us));
 	for (const PoolNow &pool : now.pools) {
-		pools.push_back({{"server", pool.server}, {"pool", pool.pool}, {"threads", pool.threads}, {"busy", pool.busy},
+		pools.push_back({{"server", pool.server}, {"pool", pool.pool},
+			{"manager", pool.manager ? Json(pool.manager) : Json()}, {"threads", pool.threads}, {"busy", pool.busy},
 			{"idle", pool.idle}, {"waiting", pool.waiting < 0 ? Json() : Json(pool.waiting)}});
 	}
 	return {{"requests", std::move(requests)}, {"pools", std::move(pools)}, {"findings", now_findings(now)}};

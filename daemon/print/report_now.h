@@ -12,6 +12,7 @@ namespace quorbit {
 // Processes, or of a server with threads its threads, of one pool.
 struct PoolNow {
 	std::string server, pool;
+	int manager = 0;      // the parent of them all: two servers may have a pool of the same name; 0: none
 	bool threads = false; // these are counted
 	int64_t busy = 0, idle = 0;
 	int64_t waiting = -1; // connections that nobody has accepted yet; -1: not known

@@ -26,7 +26,7 @@ void check_slot(const uint8_t* data, size_t size) {
   raw.owner = claim;
   auto slot = read_board_slot({bytes, sizeof raw}, claim);
   REQUIRE(slot && slot->last.size() <= ZQ_BOARD_CALLS && (!slot->current || *slot->current < slot->last.size()));
-  Now now{1000000, {*slot}, {{"FPM", "www", false, 1, 1}}};
+  Now now{1000000, {*slot}, {{"FPM", "www", 1, false, 1, 1}}};
   for (const std::string& text : {now_text(now, 80), slot_text(*slot, now.at_us, 80, false)}) {
     REQUIRE(valid_utf8(text) == text);
     for (char byte : text) REQUIRE(byte == '\n' || (static_cast<unsigned char>(byte) >= ' ' && byte != 0x7F));

@@ -162,7 +162,7 @@ TEST(Board, PrintsWhatWaitsAndWhatRuns) {
   slot->path = "/a\x1b[2J";
   now.at_us = 5000000;
   now.open = {*slot};
-  now.pools = {{"FPM", "www", false, 1, 3, 2}, {"FPM", "shop", false, 4, 0, 1}, {"Apache", "", true, 4, 0}};
+  now.pools = {{"FPM", "www", 7, false, 1, 3, 2}, {"FPM", "shop", 7, false, 4, 0, 1}, {"Apache", "", 8, true, 4, 0}};
   const std::string text = now_text(now, 200);
   EXPECT_NE(text.find("Shop"), std::string::npos) << text;
   EXPECT_NE(text.find("GET /a\\x1b[2J"), std::string::npos) << text;
