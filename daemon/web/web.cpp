@@ -8,6 +8,7 @@
 #include "print/output.h"
 #include "receive/daemonize.h"
 #include "sample/sample.h"
+#include "sample/sample_now.h"
 #include "web/browser.h"
 #include "web/handlers.h"
 #include "web/profiles.h"
@@ -134,8 +135,12 @@ int run_web(const DaemonConfig &config, const WebOptions &options)
 	Profiles profiles(source);
 	if (sample) show_sample(*sample, profiles);
 	auto status = options.status;
-	if (sample) status = [&sample](const DaemonConfig &) { return sample->status(); };
-	const ApiSource api = {source, status, options.now, &profiles, options.sample};
+	auto now = options.now;
+	if (sample) {
+		status = [&sample](const DaemonConfig &) { return sample->status(); };
+		now = [](const DaemonConfig &) { return sample_now(); };
+	}
+	const ApiSource api = {source, status, now, &profiles, options.sample};
 	Metrics metrics({source, [&source] { return daemon_answers(source); }, nullptr});
 	add_handlers(server, {api, sessions, metrics, allowed_hosts(address, options.hosts), address.port});
 	introduce(address, options, sessions);

@@ -253,7 +253,8 @@ def test_every_view_is_for_everyone(server, sample, sampled, width, dark):
     action = sample.json("top?since=24h&name=*products")["rows"][0]["id"]
     profile = sample.json("profiles")[0]["id"]
     views = [(sample, path, selector) for path, selector in [
-        ("/overview", "tbody tr"), (f"/actions/{action}", ".heat-cells a"), ("/queries", "tbody tr"), ("/errors", "tbody tr"), ("/services", ".map"),
+        ("/overview", "tbody tr"), ("/now", "tbody tr"), ("/now/2101", "tbody tr"), (f"/actions/{action}", ".heat-cells a"),
+        ("/queries", "tbody tr"), ("/errors", "tbody tr"), ("/services", ".map"),
         ("/compare", "tbody tr"), ("/profiles", "tbody tr"), (f"/profiles/{profile}", ".flame canvas"), ("/status", "h2"), ("/settings", "tbody tr"),
         ("/requests", "tbody tr"), (f"/requests/{products}", ".wf-row"), (f"/requests/{products}?tab=functions", "tbody tr"),
         (f"/requests/{products}?tab=statements", ".sql"), ("/requests?since=15m&app=none", ".state p")]]

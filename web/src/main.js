@@ -10,6 +10,7 @@ import { beginWith } from './parts/range.js';
 import { Login } from './views/login.js';
 import { keyView } from './views/key.js';
 import { Overview } from './views/overview.js';
+import { Now, NowOne } from './views/now.js';
 import { Compare } from './views/compare.js';
 import { Profile, Profiles } from './views/profile.js';
 import { Services } from './views/services.js';
@@ -22,6 +23,7 @@ import { Request } from './views/request.js';
 // Views by the first part of the path; those with a title stand in the navigation. The rest of the path is `id`.
 const views = [
   { path: 'overview', title: 'Overview', view: Overview },
+  { path: 'now', title: 'Now', view: Now, one: NowOne },
   { path: 'requests', title: 'Requests', view: Requests, one: Request },
   { path: 'queries', title: 'Queries', view: Queries, one: keyView('query') },
   { path: 'errors', title: 'Errors', view: Errors, one: keyView('error') },
