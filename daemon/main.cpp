@@ -7,6 +7,7 @@
 #include "print/output.h"
 #include "receive/daemonize.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -68,6 +69,18 @@ int refuse(const CLI::App &app, const CLI::ParseError &error)
 	return 2;
 }
 
+// The arguments in CLI11's order, the last one first. Many try `quorbit help` and `quorbit help COMMAND`.
+std::vector<std::string> words_of(int argc, char **argv)
+{
+	std::vector<std::string> words(argv + 1, argv + argc);
+	if (!words.empty() && words[0] == "help") {
+		words.erase(words.begin());
+		words.emplace_back("--help");
+	}
+	std::reverse(words.begin(), words.end());
+	return words;
+}
+
 std::string version_text()
 {
 	return std::string("quorbit ") + quorbit::product_version + " (protocol " + quorbit::protocol_version + ")";
@@ -92,7 +105,7 @@ int main(int argc, char **argv)
 	add_commands(app, arguments);
 	app.set_version_flag("--version", version_text(), "the versions of the product and of its protocol");
 	try {
-		app.parse(argc, argv);
+		app.parse(words_of(argc, argv));
 	} catch (const CLI::ParseError &error) {
 		return error.get_exit_code() == 0 ? app.exit(error) : refuse(app, error);
 	}

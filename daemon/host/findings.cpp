@@ -95,8 +95,10 @@ void socket_path(const HostFacts &facts, const char *check, Findings &findings)
 void folder_missing(const HostFacts &facts, const char *check, Findings &findings)
 {
 	if (facts.folder.there) return;
+	const bool is_packages = facts.folder.path == "/var/log/quorbit";
 	add(findings, check, "the folder " + facts.folder.path + " does not exist: nothing is reported, and no log says so",
-		"run `make install`, or create it with mode 2750 and the web server's group");
+		std::string(is_packages ? "systemd-tmpfiles --create quorbit.conf; without the packages " : "") +
+			"run `make install`, or create it with mode 2750 and the web server's group");
 }
 
 void folder_closed(const HostFacts &facts, const char *check, Findings &findings)

@@ -18,7 +18,9 @@ def test_every_command_has_examples_and_stands_in_the_manual():
     manual = (BUILD / "manual/quorbit.1").read_text()
     assert {"show", "status", "profile"} <= set(commands) and "manual" not in commands
     for command in commands:
-        assert f"Examples:\n  quorbit {command}" in quorbit(command, "--help").stdout or command == "names", command
+        told = quorbit(command, "--help").stdout
+        assert f"Examples:\n  quorbit {command}" in told or command == "names", command
+        assert quorbit("help", command).stdout == told
         assert f".SS quorbit {command}" in manual
 
 
