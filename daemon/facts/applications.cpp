@@ -72,6 +72,37 @@ std::string name_fault(std::string_view text)
 		: "expected a name of letters, digits, dots, hyphens and underscores";
 }
 
+std::string otlp_url_fault(std::string_view text)
+{
+	const bool known = text.starts_with("http://") || text.starts_with("https://");
+	return text.empty() || (known && text.find_first_of(" ?#@") == std::string_view::npos)
+		? ""
+		: "expected http://host:4318 or https://..., without an account";
+}
+
+std::string otlp_headers_fault(std::string_view text)
+{
+	const bool fits = text.empty() || (text.find('=') != std::string_view::npos && !text.starts_with('='));
+	return fits ? "" : "expected name=value, with commas between several";
+}
+
+std::string otlp_format_fault(std::string_view text)
+{
+	return text == "protobuf" || text == "json" ? "" : "expected protobuf or json";
+}
+
+std::string otlp_send_fault(std::string_view text)
+{
+	int64_t number = 0;
+	const bool one_in = text.starts_with("1/") && parse_number(text.substr(2), number) && number > 0;
+	return text == "all" || text == "traced" || one_in ? "" : "expected all, traced or 1/100";
+}
+
+std::string yes_or_no_fault(std::string_view text)
+{
+	return text == "yes" || text == "no" ? "" : "expected yes or no";
+}
+
 // The daemon's own settings that are texts.
 struct OwnText {
 	const char *key;
@@ -83,6 +114,11 @@ constexpr OwnText own_texts[] = {
 	{"store_password_file", &Applications::store_password_file, path_fault},
 	{"host_name", &Applications::host_name, name_fault},
 	{"cluster", &Applications::cluster, name_fault},
+	{"otlp_url", &Applications::otlp_url, otlp_url_fault},
+	{"otlp_headers", &Applications::otlp_headers, otlp_headers_fault},
+	{"otlp_format", &Applications::otlp_format, otlp_format_fault},
+	{"otlp_send", &Applications::otlp_send, otlp_send_fault},
+	{"otlp_functions", &Applications::otlp_functions, yes_or_no_fault},
 	{"metrics_listen", &Applications::metrics_listen, listen_fault},
 };
 

@@ -17,6 +17,8 @@ struct Applications {
 	std::string host_name;                                 // under which, "" for the host's own
 	std::string cluster;                                   // of the servers there, "" for none
 	int64_t store_seconds = 10;                            // between batches
+	// Where spans and metrics go (docs/otlp.md), "" for nowhere.
+	std::string otlp_url, otlp_headers, otlp_format = "protobuf", otlp_send = "all", otlp_functions = "yes";
 	std::string metrics_listen;                            // where Prometheus finds /metrics, "" for nowhere
 	int64_t board_slots = 1024;                            // threads that run PHP which the board has room for
 	std::map<std::string, Settings, std::less<>> sections; // by application name; "*" is the default

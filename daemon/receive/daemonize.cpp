@@ -7,6 +7,7 @@
 #include "base/text.h"
 #include "export/exporter.h"
 #include "export/metrics_server.h"
+#include "export/otlp_exporter.h"
 #include "facts/applications.h"
 #include "host/board_file.h"
 #include "receive/listener.h"
@@ -108,6 +109,7 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &
 struct Ways {
 	Ways(const DaemonConfig &config, StoreWriter &writer)
 		: exporter(config.store_file(), writer),
+		  otlp(config, writer),
 		  metrics({config, [] { return true; }, [&writer] { return writer.unwritten(); }})
 	{
 	}
@@ -116,24 +118,27 @@ struct Ways {
 	{
 		exporter.set_settings(
 			{settings.store_url, settings.store_password_file, settings.host_name, settings.store_seconds});
+		otlp.set_settings({settings.otlp_url, settings.otlp_headers, settings.otlp_format, settings.otlp_send,
+			settings.otlp_functions, settings.host_name});
 		metrics.set_listen(settings.metrics_listen);
 	}
 
 	// False when one of them has not ended after so long: a disk holds it up, and would hold up the destructor.
 	bool end(std::chrono::milliseconds most)
 	{
-		const bool exporter_ended = exporter.end(most), metrics_ended = metrics.end(most);
-		return exporter_ended && metrics_ended;
+		const bool exporter_ended = exporter.end(most), otlp_ended = otlp.end(most), metrics_ended = metrics.end(most);
+		return exporter_ended && otlp_ended && metrics_ended;
 	}
 
 	Exporter exporter;
+	OtlpExporter otlp;
 	MetricsServer metrics;
 };
 
 // Ends the process here when a disk holds up the threads that write and send.
 void end_writing(std::unique_ptr<Ways> ways, std::unique_ptr<StoreWriter> writer, const Presence &presence)
 {
-	constexpr std::chrono::milliseconds most(4400), most_of_way(200); // five seconds in all
+	constexpr std::chrono::milliseconds most(4100), most_of_way(300); // five seconds in all
 	const bool ways_ended = ways->end(most_of_way);
 	const bool written = writer->end(most);
 	if (ways_ended && written) {

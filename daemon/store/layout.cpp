@@ -131,6 +131,13 @@ CREATE TABLE export (target INTEGER NOT NULL, action_id INTEGER NOT NULL, summed
 INSERT INTO export VALUES (0, 0, 0, 0, 0, 0, 0, 0, '', '');
 )sql";
 
+// How far spans have been sent (store/otlp_state.h): one row.
+constexpr const char *state_of_otlp = R"sql(
+CREATE TABLE otlp (url TEXT NOT NULL, action_id INTEGER NOT NULL, refused INTEGER NOT NULL, evicted INTEGER NOT NULL,
+  sent_ms INTEGER NOT NULL, failure TEXT NOT NULL);
+INSERT INTO otlp VALUES ('', 0, 0, 0, 0, '');
+)sql";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
@@ -141,6 +148,7 @@ constexpr Migration list[] = {
 	{7, identity},
 	{8, callers_of_queries},
 	{9, state_of_export},
+	{10, state_of_otlp},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

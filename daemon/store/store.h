@@ -7,6 +7,7 @@
 #include "store/export_state.h"
 #include "store/holders.h"
 #include "store/order_lock.h"
+#include "store/otlp_state.h"
 #include "store/profile_sessions.h"
 #include "store/rollup.h"
 #include "store/sqlite.h"
@@ -71,6 +72,7 @@ public:
 
 	// How far the store has been sent to a fleet's.
 	void keep(const ExportState &state) { keep_export_state(database_, state); }
+	void keep(const OtlpState &state) { keep_otlp_state(database_, state); }
 
 	// One step of at most about 20 ms towards the bounds, as a transaction of its own: events that have been printed
 	// go, then the oldest events and, by the rules of Holders, actions beyond their bounds, then free pages beyond a

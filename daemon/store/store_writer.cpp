@@ -139,19 +139,26 @@ void StoreWriter::write_dropped()
 	for (const auto &[key, count] : telling_) store_->add_dropped(key.first, key.second, count, wall_clock_ms());
 }
 
-void StoreWriter::write_export_state()
+template <typename State>
+void StoreWriter::write_state(std::optional<State> &waiting)
 {
-	std::optional<ExportState> state;
+	std::optional<State> state;
 	{
 		std::lock_guard lock(mutex_);
-		state = export_state_;
+		state = waiting;
 	}
 	if (!state) return;
 	store_->begin();
 	store_->keep(*state);
 	store_->commit();
 	std::lock_guard lock(mutex_);
-	if (export_state_ == state) export_state_.reset();
+	if (waiting == state) waiting.reset();
+}
+
+void StoreWriter::write_export_states()
+{
+	write_state(export_state_);
+	write_state(otlp_state_);
 }
 
 void StoreWriter::run()
@@ -192,7 +199,7 @@ void StoreWriter::work(bool due)
 		if (leave_readers_behind()) return;
 		if (due) write_batch(Clock::time_point::max());
 		if (store_->has_sums_due()) store_->write_sums();
-		write_export_state();
+		write_export_states();
 		sample_host();
 		maintaining_ = keep_bounds();
 	} catch (const SqliteError &failure) {
@@ -225,7 +232,7 @@ void StoreWriter::finish()
 			exchange_orders();
 			write_batch(deadline);
 			store_->write_sums();
-			write_export_state();
+			write_export_states();
 		}
 	} catch (const SqliteError &failure) {
 		failed(failure);

@@ -50,6 +50,11 @@ public:
 		std::lock_guard lock(mutex_);
 		export_state_ = state;
 	}
+	void put(const OtlpState &state)
+	{
+		std::lock_guard lock(mutex_);
+		otlp_state_ = state;
+	}
 
 	void set_bounds(const StoreBounds &bounds)
 	{
@@ -79,7 +84,9 @@ private:
 	void write_transaction();
 	void written();
 	void write_dropped();
-	void write_export_state();
+	void write_export_states();
+	template <typename State>
+	void write_state(std::optional<State> &waiting);
 	bool keep_bounds();
 	bool leave_readers_behind();
 	bool open_when_due();
@@ -106,6 +113,7 @@ private:
 	int64_t dropped_ = 0;                     // packets and queries that nobody can get back
 	Dropped dropped_by_;                      // what the store is still to be told
 	std::optional<ExportState> export_state_; // the same
+	std::optional<OtlpState> otlp_state_;
 
 	// The thread's own.
 	Dropped telling_; // what it has been told in a transaction that is not committed

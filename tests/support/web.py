@@ -70,10 +70,13 @@ class Store:
         return json.loads(subprocess.run([QUORBIT, *words, "--root", self.root], capture_output=True, check=True, timeout=30).stdout or "[]")
 
     def fill(self, *packets):
+        self.send(*packets)
+        wait_until(lambda: self.stored() == len(packets), "the packets in the store")
+
+    def send(self, *packets):
         with socket.socket(socket.AF_UNIX) as client:
             client.connect(str(self.folder / ".quorbit.sock"))
             client.sendall(b"".join(packets))
-        wait_until(lambda: self.stored() == len(packets), "the packets in the store")
 
     def stored(self):
         done = subprocess.run([QUORBIT, "show", "--json", "-n", "1000", "--root", self.root], capture_output=True, timeout=30)

@@ -1,0 +1,263 @@
+// Plain structs as messages, in the one format or the other.
+#include "export/otlp_body.h"
+
+#include "base/json_text.h"
+#include "base/version.h"
+
+#include <map>
+#include <nlohmann/json.hpp>
+
+#if QUORBIT_OTLP_MESSAGES
+#include <opentelemetry/proto/collector/metrics/v1/metrics_service.pb.h>
+#include <opentelemetry/proto/collector/trace/v1/trace_service.pb.h>
+#endif
+
+namespace quorbit {
+
+namespace {
+
+constexpr const char *schema = "https://opentelemetry.io/schemas/1.26.0";
+
+std::string hex(std::string_view bytes)
+{
+	constexpr const char *digits = "0123456789abcdef";
+	std::string out;
+	for (unsigned char c : bytes) out.append(1, digits[c >> 4]).append(1, digits[c & 15]);
+	return out;
+}
+
+std::vector<SpanAttribute> attributes_of(const OtlpResource &resource)
+{
+	std::vector<SpanAttribute> found = {{"service.name", resource.application}, {"host.name", resource.host}};
+	if (resource.process) found.push_back({"process.pid", "", resource.process});
+	found.push_back({"telemetry.sdk.name", "quorbit"});
+	found.push_back({"telemetry.sdk.language", "php"});
+	found.push_back({"telemetry.sdk.version", product_version});
+	return found;
+}
+
+struct DurationPoint {
+	const std::string &action;
+	const RequestCounts &counts;
+};
+
+using DurationsByApplication = std::map<std::string, std::vector<DurationPoint>>;
+
+DurationsByApplication by_application(const RequestTotals &totals)
+{
+	DurationsByApplication found;
+	for (const auto &[labels, counts] : totals.actions()) {
+		if (labels.action.starts_with("BackgroundAction/")) continue; // no HTTP
+		found[labels.application].push_back({labels.action, counts});
+	}
+	return found;
+}
+
+// --- JSON: ids in hexadecimal, 64-bit integers as texts, enumerations as numbers
+
+Json attributes_json(const std::vector<SpanAttribute> &attributes)
+{
+	Json list = Json::array();
+	for (const SpanAttribute &attribute : attributes) {
+		Json value = attribute.number ? Json{{"intValue", std::to_string(*attribute.number)}}
+									  : Json{{"stringValue", attribute.text}};
+		list.push_back({{"key", attribute.key}, {"value", std::move(value)}});
+	}
+	return list;
+}
+
+Json span_json(const Span &span)
+{
+	Json object = {{"traceId", hex(span.trace_id)}, {"spanId", hex(span.id)}};
+	if (!span.parent.empty()) object["parentSpanId"] = hex(span.parent);
+	object["name"] = span.name;
+	object["kind"] = static_cast<int>(span.kind);
+	object["startTimeUnixNano"] = std::to_string(span.start_ns);
+	object["endTimeUnixNano"] = std::to_string(span.end_ns);
+	object["attributes"] = attributes_json(span.attributes);
+	for (const SpanEvent &event : span.events)
+		object["events"].push_back({{"timeUnixNano", std::to_string(event.at_ns)}, {"name", event.name},
+			{"attributes", attributes_json(event.attributes)}});
+	if (span.failed) object["status"] = {{"code", 2}};
+	return object;
+}
+
+Json scope_json()
+{
+	return {{"name", "quorbit"}, {"version", product_version}};
+}
+
+std::string trace_json(const std::vector<ResourceSpans> &all)
+{
+	Json list = Json::array();
+	for (const ResourceSpans &part : all) {
+		Json spans = Json::array();
+		for (const Span &span : part.spans) spans.push_back(span_json(span));
+		Json scope = {{"scope", scope_json()}, {"spans", std::move(spans)}};
+		list.push_back({{"resource", {{"attributes", attributes_json(attributes_of(part.resource))}}},
+			{"scopeSpans", Json::array({std::move(scope)})}, {"schemaUrl", schema}});
+	}
+	return Json{{"resourceSpans", std::move(list)}}.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+Json point_json(const DurationPoint &point, int64_t start_ms, int64_t now_ms)
+{
+	Json bounds = Json::array(), counts = Json::array();
+	for (int64_t us : duration_bounds_us) bounds.push_back(static_cast<double>(us) / 1e6);
+	for (int64_t count : point.counts.durations) counts.push_back(std::to_string(count));
+	return {{"attributes", attributes_json({{"quorbit.action", point.action}})},
+		{"startTimeUnixNano", std::to_string(start_ms * 1000000)}, {"timeUnixNano", std::to_string(now_ms * 1000000)},
+		{"count", std::to_string(point.counts.count)}, {"sum", static_cast<double>(point.counts.total_us) / 1e6},
+		{"bucketCounts", std::move(counts)}, {"explicitBounds", std::move(bounds)}};
+}
+
+constexpr const char *duration_metric = "http.server.request.duration";
+constexpr int cumulative = 2;
+
+std::string metric_json(const DurationsByApplication &all, const std::string &host, int64_t start_ms, int64_t now_ms)
+{
+	Json list = Json::array();
+	for (const auto &[application, durations] : all) {
+		Json points = Json::array();
+		for (const DurationPoint &point : durations) points.push_back(point_json(point, start_ms, now_ms));
+		Json metric = {{"name", duration_metric}, {"unit", "s"},
+			{"histogram", {{"dataPoints", std::move(points)}, {"aggregationTemporality", cumulative}}}};
+		Json scope = {{"scope", scope_json()}, {"metrics", Json::array({std::move(metric)})}};
+		list.push_back({{"resource", {{"attributes", attributes_json(attributes_of({application, host, 0}))}}},
+			{"scopeMetrics", Json::array({std::move(scope)})}, {"schemaUrl", schema}});
+	}
+	return Json{{"resourceMetrics", std::move(list)}}.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+#if QUORBIT_OTLP_MESSAGES
+// --- protobuf
+
+namespace proto = opentelemetry::proto;
+
+template <typename Message>
+void add_attributes(Message &message, const std::vector<SpanAttribute> &attributes)
+{
+	for (const SpanAttribute &attribute : attributes) {
+		auto *added = message.add_attributes();
+		added->set_key(attribute.key);
+		if (attribute.number)
+			added->mutable_value()->set_int_value(*attribute.number);
+		else
+			added->mutable_value()->set_string_value(attribute.text);
+	}
+}
+
+template <typename Scope>
+Scope *with_scope(Scope *scope)
+{
+	scope->mutable_scope()->set_name("quorbit");
+	scope->mutable_scope()->set_version(product_version);
+	return scope;
+}
+
+void fill(proto::trace::v1::Span &message, const Span &span)
+{
+	message.set_trace_id(span.trace_id);
+	message.set_span_id(span.id);
+	message.set_parent_span_id(span.parent);
+	message.set_name(span.name);
+	message.set_kind(static_cast<proto::trace::v1::Span_SpanKind>(span.kind));
+	message.set_start_time_unix_nano(static_cast<uint64_t>(span.start_ns));
+	message.set_end_time_unix_nano(static_cast<uint64_t>(span.end_ns));
+	add_attributes(message, span.attributes);
+	for (const SpanEvent &event : span.events) {
+		auto *added = message.add_events();
+		added->set_time_unix_nano(static_cast<uint64_t>(event.at_ns));
+		added->set_name(event.name);
+		add_attributes(*added, event.attributes);
+	}
+	if (span.failed) message.mutable_status()->set_code(proto::trace::v1::Status_StatusCode_STATUS_CODE_ERROR);
+}
+
+std::string trace_protobuf(const std::vector<ResourceSpans> &all)
+{
+	proto::collector::trace::v1::ExportTraceServiceRequest request;
+	for (const ResourceSpans &part : all) {
+		auto *resource = request.add_resource_spans();
+		add_attributes(*resource->mutable_resource(), attributes_of(part.resource));
+		resource->set_schema_url(schema);
+		auto *scope = with_scope(resource->add_scope_spans());
+		for (const Span &span : part.spans) fill(*scope->add_spans(), span);
+	}
+	return request.SerializeAsString();
+}
+
+void fill(proto::metrics::v1::HistogramDataPoint &message, const DurationPoint &point, int64_t start_ms, int64_t now_ms)
+{
+	add_attributes(message, {{"quorbit.action", point.action}});
+	message.set_start_time_unix_nano(static_cast<uint64_t>(start_ms) * 1000000);
+	message.set_time_unix_nano(static_cast<uint64_t>(now_ms) * 1000000);
+	message.set_count(static_cast<uint64_t>(point.counts.count));
+	message.set_sum(static_cast<double>(point.counts.total_us) / 1e6);
+	for (int64_t count : point.counts.durations) message.add_bucket_counts(static_cast<uint64_t>(count));
+	for (int64_t us : duration_bounds_us) message.add_explicit_bounds(static_cast<double>(us) / 1e6);
+}
+
+std::string metric_protobuf(
+	const DurationsByApplication &all, const std::string &host, int64_t start_ms, int64_t now_ms)
+{
+	proto::collector::metrics::v1::ExportMetricsServiceRequest request;
+	for (const auto &[application, durations] : all) {
+		auto *resource = request.add_resource_metrics();
+		add_attributes(*resource->mutable_resource(), attributes_of({application, host, 0}));
+		resource->set_schema_url(schema);
+		auto *metric = with_scope(resource->add_scope_metrics())->add_metrics();
+		metric->set_name(duration_metric);
+		metric->set_unit("s");
+		auto *histogram = metric->mutable_histogram();
+		histogram->set_aggregation_temporality(static_cast<proto::metrics::v1::AggregationTemporality>(cumulative));
+		for (const DurationPoint &point : durations) fill(*histogram->add_data_points(), point, start_ms, now_ms);
+	}
+	return request.SerializeAsString();
+}
+#endif
+
+} // namespace
+
+const char *content_type_of(OtlpFormat format)
+{
+	return format == OtlpFormat::json ? "application/json" : "application/x-protobuf";
+}
+
+#if QUORBIT_OTLP_MESSAGES
+bool has_otlp_protobuf()
+{
+	return true;
+}
+
+std::string trace_body(const std::vector<ResourceSpans> &all, OtlpFormat format)
+{
+	return format == OtlpFormat::json ? trace_json(all) : trace_protobuf(all);
+}
+
+std::string metric_body(
+	const RequestTotals &totals, const std::string &host, int64_t start_ms, int64_t now_ms, OtlpFormat format)
+{
+	const DurationsByApplication all = by_application(totals);
+	return format == OtlpFormat::json ? metric_json(all, host, start_ms, now_ms)
+									  : metric_protobuf(all, host, start_ms, now_ms);
+}
+#else
+bool has_otlp_protobuf()
+{
+	return false;
+}
+
+std::string trace_body(const std::vector<ResourceSpans> &all, OtlpFormat)
+{
+	return trace_json(all);
+}
+
+std::string metric_body(
+	const RequestTotals &totals, const std::string &host, int64_t start_ms, int64_t now_ms, OtlpFormat)
+{
+	return metric_json(by_application(totals), host, start_ms, now_ms);
+}
+#endif
+
+} // namespace quorbit

@@ -1,0 +1,74 @@
+// The thread that sends spans of what is stored, and metrics, to a receiver of OTLP. As with the store of a fleet
+// (export/exporter.h) the store is its queue, and nothing that agents wait for waits for it.
+#pragma once
+
+#include "base/config.h"
+#include "export/otlp_client.h"
+#include "store/store_writer.h"
+
+#include <condition_variable>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace quorbit {
+
+// As the operator gives it (docs/otlp.md).
+struct OtlpSettings {
+	std::string url; // "" for nowhere
+	std::string headers, format, send, functions, host_name;
+
+	bool operator==(const OtlpSettings &) const = default;
+};
+
+class OtlpExporter {
+public:
+	// Starts the thread, which waits for settings. `writer` must outlive this object.
+	OtlpExporter(DaemonConfig config, StoreWriter &writer);
+	~OtlpExporter();
+
+	// Any thread.
+	void set_settings(const OtlpSettings &settings);
+	// Ends the thread. False when it has not ended after so long: a disk holds it up, and would hold up the destructor.
+	bool end(std::chrono::milliseconds most);
+
+private:
+	using Clock = std::chrono::steady_clock;
+
+	void stop();
+	void run();
+	bool wait_until_due();
+	void work();
+	void follow_store(Reader &reader);
+	bool send_actions(Reader &reader);
+	void send_metrics(Reader &reader);
+	bool is_wanted(const Action &action, const std::string &trace_id) const;
+	void failed(const std::string &why, std::chrono::seconds pause);
+	void keep();
+
+	const DaemonConfig config_;
+	StoreWriter &writer_;
+	std::atomic<bool> stopping_ = false;
+
+	std::mutex mutex_;
+	std::condition_variable woken_;
+	OtlpSettings given_;
+
+	// The thread's own.
+	OtlpSettings settings_;
+	std::unique_ptr<OtlpClient> client_;
+	std::string host_;
+	int64_t identity_ = 0; // of the store
+	bool began_without_store_ = false;
+	OtlpState state_, kept_;
+	RequestTotals totals_;
+	int64_t started_ms_ = 0; // of the totals
+	Clock::time_point due_ = Clock::time_point::max(), metrics_due_{};
+	std::chrono::seconds pause_{}; // after a failure
+	std::promise<void> end_;
+	const std::future<void> ended_ = end_.get_future();
+	std::thread thread_;
+};
+
+} // namespace quorbit

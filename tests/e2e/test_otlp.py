@@ -1,0 +1,144 @@
+"""Spans and metrics, as a receiver with OpenTelemetry's own definitions reads them; and receivers that refuse, fail and say nothing."""
+import base64
+import json
+import subprocess
+import threading
+import time
+
+import pytest
+
+from support import web
+from support.clickhouse import free_ports
+from support.databases import die_with_parent
+from support.engines import PROJECT
+from support.fake_daemon import wait_until
+from support.wire import record
+
+READER = PROJECT / "build/otlp/reader"
+
+
+@pytest.fixture(scope="session")
+def definitions():
+    if not (READER / "node_modules/@opentelemetry/otlp-transformer").exists():
+        READER.mkdir(parents=True, exist_ok=True)
+        subprocess.run(["npm", "install", "--prefix", READER, "--ignore-scripts", "--no-audit", "--no-fund", "--loglevel=error",
+                        "@opentelemetry/otlp-transformer@0.57.2"], check=True, timeout=300)
+    return READER
+
+
+class Receiver:
+    def __init__(self, root, *statuses, port=None):
+        self.port = port or free_ports(1)[0]
+        self.process = subprocess.Popen(["node", PROJECT / "tests/support/otlp_receiver.mjs", root, str(self.port), *map(str, statuses)],
+                                        stdout=subprocess.PIPE, text=True, preexec_fn=die_with_parent)
+        assert self.process.stdout.readline() == "{}\n"
+        self.received = []
+        threading.Thread(target=self.read, daemon=True).start()
+
+    def read(self):
+        for line in self.process.stdout:
+            self.received.append({**json.loads(line), "at": time.monotonic()})
+
+    def bodies(self, path="/v1/traces", status=200):
+        return [one for one in list(self.received) if (one["path"], one["status"]) == (path, status)]
+
+    def spans(self):
+        """Those that were taken, with the attributes of their resource."""
+        return [(attributes(part["resource"]), span) for one in self.bodies() for part in one["message"]["resourceSpans"]
+                for scope in part["scopeSpans"] for span in scope["spans"]]
+
+    def close(self):
+        self.process.terminate()
+        self.process.wait(10)
+
+
+def attributes(holder):
+    return {one["key"]: one["value"].get("stringValue", one["value"].get("intValue")) for one in holder["attributes"]}
+
+
+def hexadecimal(text, format):
+    return text if format == "json" else base64.b64decode(text).hex()
+
+
+@pytest.fixture
+def store():
+    found = web.Store()
+    yield found
+    found.close()
+
+
+def configure(store, receiver, *lines):
+    (store.folder / "applications.conf").write_text("\n".join(
+        [f"otlp_url = http://127.0.0.1:{receiver.port}", "host_name = web-1", *lines, ""]))
+    wait_until(lambda: "settings of" in (store.folder / "daemon.log").read_text(), "the settings")
+
+
+def traced(app, name, tracer, call=None, transaction=b"17"):
+    """An action with a trace: a statement in a function, and a call of the action of another tracer id."""
+    statement = web.node(10, 30, "Database MySQL/users/SELECT", "PDO::query", sql="SELECT name FROM users WHERE id = 17 AND mail = 'a@b'")
+    calls = [web.node(5, 40, "", "Shop::rows", [statement])]
+    if call:
+        calls.append(web.node(50, 90, "External/stock/curl", "curl_exec", url="http://stock.example:8080/items?key=secret",
+                              txId="17", txData={"id": "2", "action": "stock", "trId": call, "tr": 1, "time": {"duration": 30}}))
+    packet = web.packet(app, name, 100, trace=web.node(0, 100, "", "PHP::execute", calls), error=(500, b"LogicException", b"wrong", b'["f(/a.php:3)"]'))
+    return record(0x0B, packet[4:].replace(record(0x26, "t1"), record(0x20, transaction) + record(0x26, tracer)))
+
+
+@pytest.mark.parametrize("format", ["protobuf", "json"])
+def test_two_applications_share_a_trace_in_the_words_of_the_conventions(store, definitions, format):
+    receiver = Receiver(definitions)
+    try:
+        configure(store, receiver, f"otlp_format = {format}", "otlp_headers = x-key=a%2Cb")
+        time_before = time.time_ns()
+        store.fill(traced(b"Shop", b"WebAction/buy", "caller", call="callee"), traced(b"Stock", b"WebAction/items", "callee"),
+                   web.packet(b"Shop", b"WebAction/fast", 3))
+        wait_until(lambda: len(receiver.spans()) >= 8 and receiver.bodies("/v1/metrics"), "the spans and metrics", 60)
+        headers = receiver.bodies()[0]["headers"]
+        assert headers["x-key"] == "a,b" and headers["content-type"] == f"application/{'json' if format == 'json' else 'x-protobuf'}"
+        spans = {(resource["service.name"], span["name"]): (resource, span) for resource, span in receiver.spans()}
+        assert len(spans) == 8
+        resource, buy = spans["Shop", "WebAction/buy"]
+        assert resource["host.name"] == "web-1" and resource["telemetry.sdk.language"] == "php"
+        _, items = spans["Stock", "WebAction/items"]
+        _, call = spans["Shop", "External/stock/curl"]
+        _, statement = spans["Shop", "SELECT users"]
+        _, function = spans["Shop", "Shop::rows"]
+        assert buy["traceId"] == items["traceId"] == call["traceId"] and len(hexadecimal(buy["traceId"], format)) == 32
+        assert spans["Shop", "WebAction/fast"][1]["traceId"] != buy["traceId"]
+        assert not buy.get("parentSpanId") and call["parentSpanId"] == buy["spanId"]
+        assert items["parentSpanId"] == call["spanId"] and statement["parentSpanId"] == function["spanId"]
+        kind = lambda span: {1: "SPAN_KIND_INTERNAL", 2: "SPAN_KIND_SERVER", 3: "SPAN_KIND_CLIENT"}.get(span["kind"], span["kind"])
+        assert [kind(span).split("_")[-1] for span in (buy, call, statement, function)] == ["SERVER", "CLIENT", "CLIENT", "INTERNAL"]
+        assert attributes(statement) == {"db.system.name": "mysql", "db.query.text": "SELECT name FROM users WHERE id = ? AND mail = ?",
+                                         "db.operation.name": "SELECT", "db.collection.name": "users"}
+        assert attributes(call) == {"url.full": "http://stock.example:8080/items", "server.address": "stock.example", "server.port": "8080"}
+        event, = buy["events"]
+        assert attributes(event) == {"exception.type": "LogicException", "exception.message": "wrong", "exception.stacktrace": "f(/a.php:3)\n"}
+        assert attributes(buy)["error.type"] == "LogicException" and buy["status"]["code"] in (2, "STATUS_CODE_ERROR")
+        assert int(buy["endTimeUnixNano"]) - int(buy["startTimeUnixNano"]) == 100_000_000
+        assert int(statement["startTimeUnixNano"]) - int(buy["startTimeUnixNano"]) == 10_000_000
+        assert -1e6 < int(buy["endTimeUnixNano"]) - time_before < 60e9
+        points = {(attributes(part["resource"])["service.name"], attributes(point)["quorbit.action"]): point
+                  for part in receiver.bodies("/v1/metrics")[0]["message"]["resourceMetrics"]
+                  for point in part["scopeMetrics"][0]["metrics"][0]["histogram"]["dataPoints"]}
+        assert points["Shop", "WebAction/buy"]["bucketCounts"] == ["0"] * 5 + ["1"] + ["0"] * 9
+    finally:
+        receiver.close()
+
+
+def test_what_may_be_sent_again_is_and_what_is_refused_is_not(store, definitions):
+    receiver = Receiver(definitions, 503, 0, 1, 400)
+    try:
+        configure(store, receiver, "otlp_functions = no", "otlp_send = traced")
+        store.fill(traced(b"Shop", b"WebAction/a", "one"), web.packet(b"Shop", b"WebAction/fast", 3))
+        wait_until(lambda: any(one["status"] == 400 for one in receiver.received), "the refusal", 90)
+        tried = [one for one in receiver.received if one["path"] == "/v1/traces"]
+        assert [one["status"] for one in tried] == [503, 0, 1, 400]
+        assert tried[1]["at"] - tried[0]["at"] >= 1.9                                # as Retry-After asks
+        assert all(one["message"] == tried[0]["message"] for one in tried)
+        store.send(traced(b"Shop", b"WebAction/b", "two"))
+        wait_until(receiver.spans, "the next", 60)
+        assert {span["name"] for _, span in receiver.spans()} == {"WebAction/b", "SELECT users"}
+        assert "refuses 1 actions for good" in (store.folder / "daemon.log").read_text()
+    finally:
+        receiver.close()
