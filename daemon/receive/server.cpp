@@ -24,7 +24,8 @@ namespace {
 
 constexpr size_t scratch_bytes = size_t{128} << 10; // what one turn may receive
 constexpr size_t budget_bytes = size_t{256} << 20;
-constexpr size_t own_descriptors = 32; // of the store, the log, the settings, and to spare
+// Of the store, the log, the settings, of those who read metrics and where data is sent, and to spare.
+constexpr rlim_t own_descriptors = 128;
 constexpr int most_events = 1024;
 constexpr int crowd = 8;                                  // as many ready at once are served in turns
 constexpr auto turns_time = std::chrono::milliseconds(1); // then connections that became ready come first
@@ -50,7 +51,7 @@ size_t most_connections()
 {
 	struct rlimit limit;
 	getrlimit(RLIMIT_NOFILE, &limit);
-	return std::max(limit.rlim_cur, rlim_t{2 * own_descriptors}) - own_descriptors;
+	return limit.rlim_cur - std::min(limit.rlim_cur / 2, own_descriptors);
 }
 
 bool begins_with_query(int descriptor)
