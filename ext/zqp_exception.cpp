@@ -4,6 +4,7 @@
 
 #include "zqp_lock.h"
 #include "zqp_open_calls.h"
+#include "zqp_radar.h"
 
 /* A record with room for a message of `msg_size` bytes, which is empty yet. The time limit must not strike while the C
  * library's heap is held. */
@@ -193,6 +194,9 @@ void zq_error_cb(int type, const char *error_filename, const uint error_lineno, 
 	}
 	if (g_module_up && (engine_ends_request(type TSRMLS_CC) || compiler_ends_request(type TSRMLS_CC))) {
 		zq_end_open_calls(1 TSRMLS_CC);
+	}
+	if (g_module_up) {
+		zq_radar_error(type, error_filename, error_lineno, format, args TSRMLS_CC);
 	}
 	int bailed_out = 0;
 	if (engine_error_is_wanted(type TSRMLS_CC)) {

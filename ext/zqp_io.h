@@ -36,7 +36,8 @@ enum zq_record {
 	ZQ_RE_COMPONENT = 0x2B,
 	ZQ_RE_PROFILE_LINE = 0x2C,
 	ZQ_RE_SERVICE_ERROR = 0x2D,
-	ZQ_RE_DETAILS = 0x60
+	ZQ_RE_DETAILS = 0x60,
+	ZQ_RE_RADAR = 0x61
 };
 #define ZQ_MAX_BODY 0x1000000 /* a length has 24 bits: bodies must be shorter */
 
@@ -137,6 +138,8 @@ const char *zq_tracer_id(TSRMLS_D);
 /* ---- zqp_io_details.cpp ---- */
 /* Appends the details record when the daemon asks for it; nothing when it would make the packet too long to send. */
 void zq_append_details(smart_str *packet TSRMLS_DC);
+/* The record of the radar, when there is something to tell; what it has is forgotten. */
+void zq_append_radar(smart_str *packet TSRMLS_DC);
 
 /* ---- zqp_io_profile.cpp: the thread profile ---- */
 /* Sends one enter or leave event while a thread profile runs; `cls` may be null. Never connects. */

@@ -339,6 +339,7 @@ void append_packet(smart_str *p, int duration_ms TSRMLS_DC)
 	append_trace(p, duration_ms TSRMLS_CC);
 	append_web_request(p TSRMLS_CC);
 	zq_append_details(p TSRMLS_CC);
+	zq_append_radar(p TSRMLS_CC);
 	zq_fill_packet_header(p, ZQ_PK_METRIC);
 }
 

@@ -44,6 +44,7 @@ struct zq_app_config {
 	int resource_safe;
 	int details_wanted;   /* the packet ends with the details record */
 	int uri_from_request; /* CGI and FPM: the path that the client asked for is the URI */
+	int radar_wanted;     /* what later versions of PHP will not run is noted */
 };
 
 /* Of action_tracer_action_threshold, in ms: php.ini's default, and what 0 stands for. */
@@ -115,6 +116,7 @@ inline constexpr auto zq_setting_table = std::to_array<zq_setting_row>({
 	SETTING("zqs.resource.used", NUMBER, resource_used, 0),
 	SETTING("zqs.details", ASKED, details_wanted, 0),
 	SETTING("zqs.uri_from_request", ASKED, uri_from_request, 0),
+	SETTING("zqs.radar", ASKED, radar_wanted, 0),
 });
 #undef SETTING
 

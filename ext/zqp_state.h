@@ -20,6 +20,7 @@
 struct error_element;
 struct zq_board_slot;
 struct zq_details;
+struct zq_radar;
 
 enum { ZQ_OPEN_CALLS = 1024 }; /* nesting up to which a call that does not return is known */
 
@@ -50,6 +51,7 @@ struct zq_thread {
 	unsigned contexts_apart;         /* stream contexts that the agent has made for SOAP clients of this thread */
 	zend_execute_data *script_frame; /* that ran when in_agent_call left 0 */
 	zend_execute_data *compiling_in; /* frame whose file is being compiled; null: none */
+	struct zq_radar *radar;          /* owned; null until the daemon asks for it */
 	/* The calls that are running (zqp_open_calls), outermost first; the count also knows those for which there is no
 	 * row. */
 	unsigned open_calls;

@@ -11,6 +11,7 @@
 #include "zqp_io.h"
 #include "zqp_lock.h"
 #include "zqp_quick.h"
+#include "zqp_radar.h"
 #include "zqp_rum.h"
 #include "zqp_wrapper.h"
 #include "zqprof_settings.h"
@@ -59,6 +60,7 @@ static void php_zqprof_shutdown_globals(void *globals TSRMLS_DC)
 	}
 	zq_board_leave(g);
 	zq_close_signal_stack(g->signal_stack);
+	zq_radar_free(g);
 	free(g->license_copy);
 	g->license_copy = NULL;
 	g->license = NULL;

@@ -10,6 +10,7 @@
 #include "zqp_io.h"
 #include "zqp_open_calls.h"
 #include "zqp_quick.h"
+#include "zqp_radar.h"
 #include "zqp_tracer.h"
 #include "zqp_wrapper.h"
 
@@ -394,9 +395,12 @@ static zend_never_inline void intercept_internal_call(
 {
 	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
 	zend_function *function = frame->function_state.function;
-	if (UNEXPECTED(function->common.fn_flags & ZEND_ACC_CALL_VIA_HANDLER)) {
-		run_trampoline(frame, fci, return_value_used TSRMLS_CC);
-		return;
+	if (UNEXPECTED(function->common.fn_flags & (ZEND_ACC_CALL_VIA_HANDLER | ZQ_ACC_ON_RADAR))) {
+		if (function->common.fn_flags & ZEND_ACC_CALL_VIA_HANDLER) {
+			run_trampoline(frame, fci, return_value_used TSRMLS_CC);
+			return;
+		}
+		zq_radar_called(frame TSRMLS_CC);
 	}
 	zend_class_entry *scope = zq_class_of_call(function, frame->object TSRMLS_CC);
 	const char *cls = scope ? scope->name : NULL;
@@ -502,9 +506,11 @@ zend_op_array *zq_compile_file(zend_file_handle *file_handle, int type TSRMLS_DC
 	uint64 begin_us = zq_clock_us(&g->clock);
 	zend_execute_data *around = g->compiling_in;
 	g->compiling_in = EG(current_execute_data);
+	zq_radar_tables before = zq_radar_tables_now(TSRMLS_C);
 	zend_op_array *compiled = compile_unseen(file_handle, type TSRMLS_CC);
 	g->compiling_in = around;
 	uint64 end_us = zq_clock_us(&g->clock);
+	zq_radar_scan(compiled, before TSRMLS_CC);
 	if (!g->hook_enabled) { /* the script ended its action while an error handler ran */
 		efree(filename);
 		return compiled;

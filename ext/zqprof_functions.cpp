@@ -6,6 +6,7 @@
 #include "zqp_board.h"
 #include "zqp_debug.h"
 #include "zqp_details.h"
+#include "zqp_radar.h"
 #include "zqp_exception.h"
 #include "zqp_io.h"
 #include "zqp_naming.h"
@@ -81,6 +82,7 @@ static int start_action(const char *name TSRMLS_DC)
 	zq_release_action(TSRMLS_C); /* nothing of the one before may show in this one */
 	zq_create_containers(TSRMLS_C);
 	zq_details_begin(TSRMLS_C);
+	zq_radar_begin(TSRMLS_C);
 	g->rum_enabled = 0;
 	g->tracer_threshold_tick = zq_tracer_threshold_us(g->action_tracer_action_threshold);
 	zq_quick_wait_for_profile(g->profile_end_time, g->rinit_tick / 1000000);
@@ -124,6 +126,7 @@ static PHP_FUNCTION(vantor_end_webaction)
 	g->rdown_tick = cycle_timer();
 	zq_lift_memory_limit(TSRMLS_C); /* a packet can be larger than the room that the script has left */
 	zq_record_ended_calls(TSRMLS_C);
+	zq_radar_end_action(TSRMLS_C);
 	send_metric((int)((g->rdown_tick - g->rinit_tick) / 1000) TSRMLS_CC);
 	zq_board_close(g);
 	zq_empty_containers(TSRMLS_C);

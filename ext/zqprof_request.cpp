@@ -13,6 +13,7 @@
 #include "zqp_naming_uri.h"
 #include "zqp_open_calls.h"
 #include "zqp_quick.h"
+#include "zqp_radar.h"
 #include "zqprof_settings.h"
 
 static const double random_max = 2147483647.0; /* what random() gives at most */
@@ -197,6 +198,7 @@ static void activate(TSRMLS_D)
 	}
 	zq_create_containers(TSRMLS_C);
 	zq_details_begin(TSRMLS_C);
+	zq_radar_begin(TSRMLS_C);
 	if (g_cli) {
 		g->action_tracer_enabled = g->transaction_tracer_enabled = g->rum_enabled = 0;
 	} else {
@@ -259,6 +261,7 @@ static void end_action(TSRMLS_D)
 	ZQ_LOG(ZQ_LOG_VERBOSE, "RSHUTDOWN processing start...");
 	zq_http_error(SG(sapi_headers).http_response_code, SG(sapi_headers).http_status_line TSRMLS_CC);
 	zq_record_ended_calls(TSRMLS_C);
+	zq_radar_end(TSRMLS_C);
 	send_metric((int)((g->rdown_tick - g->rinit_tick) / 1000) TSRMLS_CC);
 	ZQ_LOG(ZQ_LOG_VERBOSE, "RSHUTDOWN processing done");
 }

@@ -1,9 +1,10 @@
 // What agents send to the local daemon, decoded, summed, cut to its share and reported: every packet that is taken prints as
 // harmless text and as JSON that strict parsers take, in every width and form.
 // Input: a number for the width, then the packet's body.
-// sources: daemon/facts/packet.cpp daemon/facts/record_kinds.cpp daemon/facts/details.cpp daemon/facts/wire.cpp daemon/facts/share.cpp daemon/facts/keys.cpp daemon/facts/places.cpp daemon/facts/path_text.cpp daemon/facts/sums.cpp daemon/facts/histogram.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/print/page.cpp daemon/facts/plan.cpp daemon/facts/plan_advice.cpp daemon/facts/sql_text.cpp daemon/facts/trace.cpp daemon/print/trace_text.cpp daemon/print/trace_shapes.cpp daemon/print/report_action.cpp daemon/print/report_sql.cpp daemon/print/report_json.cpp daemon/print/report_list.cpp daemon/print/report_profile.cpp
+// sources: daemon/facts/packet.cpp daemon/facts/record_kinds.cpp daemon/facts/details.cpp daemon/facts/radar.cpp daemon/facts/wire.cpp daemon/facts/share.cpp daemon/facts/keys.cpp daemon/facts/places.cpp daemon/facts/path_text.cpp daemon/facts/sums.cpp daemon/facts/histogram.cpp daemon/base/json_text.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/print/page.cpp daemon/facts/plan.cpp daemon/facts/plan_advice.cpp daemon/facts/sql_text.cpp daemon/facts/trace.cpp daemon/print/trace_text.cpp daemon/print/trace_shapes.cpp daemon/print/report_action.cpp daemon/print/report_sql.cpp daemon/print/report_json.cpp daemon/print/report_list.cpp daemon/print/report_profile.cpp
 // libraries: nlohmann_json sqlite3
 #include "facts/keys.h"
+#include "facts/radar.h"
 #include "print/report.h"
 #include "require.h"
 #include "base/text.h"
@@ -53,6 +54,14 @@ void check_query(const Query& query) {
   REQUIRE(records == (query.stamp == 7 ? 1 : 1 + settings.size()));
 }
 
+void check_radar(std::string packet) {
+  const auto found = read_radar(take_radar(packet));
+  for (const RadarSite& site : found.value_or(RadarFindings()).sites) {
+    REQUIRE(zq_radar_rule_of(site.sign, site.name) && !site.file.empty());
+    REQUIRE(valid_utf8(site.file + site.function) == site.file + site.function);
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -60,6 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Commands never print in fewer columns.
   size_t width = 60 + data[0];
   std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);
+  check_radar(body);
   if (auto action = read_action(body)) {
     check_action(*action, width);
     for (const KeySums& key : keys_of(*action)) REQUIRE(key.sums.count >= 0 && key.facts.name.size() <= 1024);

@@ -14,12 +14,12 @@ QUERY, METRIC, PROFILE = 0x0A, 0x0B, 0x09
 STAMP, SETTING, KEY, APP_ID, APP, ENVIRONMENT = 0x0C, 0x0D, 0x0E, 0x10, 0x11, 0x1C
 
 # Keys of our own: a daemon that does not ask for anything new leaves them out (tests/wire_compare.py).
-LEFT_OUT = {"zqs.details", "zqs.uri_from_request"} if os.environ.get("QUORBIT_PACKETS") else set()
+LEFT_OUT = {"zqs.details", "zqs.uri_from_request", "zqs.radar"} if os.environ.get("QUORBIT_PACKETS") else set()
 
 # What may follow what in a metric packet; 0x29 is told apart by its first line.
 METRIC_ORDER = re.compile(
     "11 0e (12 )?(21 )?1a 1b 14 15 16 (27 )*(Memcached )*(17 )?(MongoDB )*(17 )?(Redis )*(17 )?(http )*(18 )?"
-    "(2b )*(2a )?(2d )*(25 (20 )?26 )?(24 )*(23 )*(60 )?")
+    "(2b )*(2a )?(2d )*(25 (20 )?26 )?(24 )*(23 )*(60 )?(61 )?")
 NUMBERS = {0x1A: "cpu_ticks", 0x1B: "system_ticks", 0x14: "block_ms", 0x15: "duration_ms", 0x16: "db_ms", 0x18: "calls_ms"}
 TEXTS = {APP: "app", KEY: "license", 0x12: "action", 0x21: "uri", 0x20: "transaction_id", 0x26: "tracer_id"}
 
@@ -112,7 +112,7 @@ class Metric(SimpleNamespace):
     """One finished action; what the packet does not have is None or empty."""
 
     def __init__(self):
-        super().__init__(kinds=[], **dict.fromkeys([*NUMBERS.values(), *TEXTS.values(), "error", "trace", "more"]), sql=[], calls=[],
+        super().__init__(kinds=[], **dict.fromkeys([*NUMBERS.values(), *TEXTS.values(), "error", "trace", "more", "radar"]), sql=[], calls=[],
                          nosql=[],            # (product, collection, operation, ms)
                          nosql_sums={}, components={},    # name: (ms, own ms)
                          call_errors=[], details={}, params=[])
@@ -249,6 +249,26 @@ def details_record(body):
     return found
 
 
+def radar_record(body):
+    """Sites (file, line, sign, name, function, evidence) and functions (file, line, name, called)."""
+    found, file = SimpleNamespace(sites=[], functions=[]), None
+    for kind, part in split(body):
+        if kind == 0x01:
+            file = text(part)
+        elif file is None:
+            raise WireError("a site before its file")
+        elif kind == 0x02:
+            line, sign, evidence, size = struct.unpack_from("<IBBB", part)
+            found.sites.append((file, line, sign, text(part[7:7 + size]), text(part[7 + size:]), evidence))
+        elif kind == 0x03:
+            found.functions.append((file, *struct.unpack_from("<I", part), text(part[5:]), part[4]))
+        else:
+            raise WireError(f"unknown item {kind:#x} of the radar")
+    if not 0 < len(body) <= 256 << 10:
+        raise WireError(f"radar of {len(body)} bytes")
+    return found
+
+
 def decode_metric(body):
     metric, order = Metric(), []
     for kind, part in split(body):
@@ -269,6 +289,8 @@ def decode_metric(body):
             component_record(metric, part)
         elif kind == 0x60:
             metric.more = details_record(part)
+        elif kind == 0x61:
+            metric.radar = radar_record(part)
         elif kind == 0x2A:
             metric.error = error_record(part)
         elif kind == 0x2D:

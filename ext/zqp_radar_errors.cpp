@@ -1,0 +1,68 @@
+/* Errors of PHP 5.6 that end a script in later versions, or do something else there. A script's own error handler takes
+ * the place of the engine's callback: what it is given is not seen here. */
+#include "zqp_radar.h"
+
+namespace {
+
+struct message_start {
+	std::string_view start; /* of the engine's format, or of the text of an extension's message */
+	std::string_view name;  /* of the rule */
+};
+constexpr message_start messages[] = {
+	{"Non-static method %s::%s() should not be called statically", "static call of an instance method"},
+	{"Use of undefined constant %s - assumed '%s'", "undefined constant"},
+	{"Missing argument %u for ", "missing argument"},
+	{"Division by zero", "division by zero"},
+	{"Creating default object from empty value", "property of nothing"},
+	{"%s%s%s() expects parameter %d to be %s, %s given", "wrong type of argument"},
+	{"%s%s%s() expects %s %d parameter%s, %d given", "wrong number of arguments"},
+	{"Declaration of %s::%s() should be compatible with %s", "incompatible declaration"},
+	{"The /e modifier is deprecated", "modifier e"},
+};
+static_assert(
+	[] {
+		for (const message_start &message : messages) {
+			bool found = false;
+			for (const zq_radar_rule &rule : zq_radar_rules) {
+				found = found || (rule.sign == ZQ_SIGN_MESSAGE && rule.names == message.name);
+			}
+			if (!found) {
+				return false;
+			}
+		}
+		return true;
+	}(),
+	"a message has no rule");
+
+} // namespace
+
+/* Extensions give the whole message as one text: "function(): message". */
+static std::string_view text_of_message(const char *format, va_list args)
+{
+	if (strcmp(format, "%s") != 0) {
+		return format;
+	}
+	va_list copy;
+	va_copy(copy, args);
+	const char *text = va_arg(copy, const char *);
+	va_end(copy);
+	const char *colon = text ? strstr(text, ": ") : NULL;
+	return colon ? colon + 2 : "";
+}
+
+void zq_radar_error(int type, const char *file, uint line, const char *format, va_list args TSRMLS_DC)
+{
+	const int those = E_WARNING | E_NOTICE | E_STRICT | E_DEPRECATED;
+	if (!(type & those) || !ZQG(radar_wanted) || !ZQG(radar) || !zq_is_watching(zq_globals(TSRMLS_C)) || !file) {
+		return;
+	}
+	std::string_view text = text_of_message(format, args);
+	for (const message_start &message : messages) {
+		if (!text.empty() && text[0] == message.start[0] && text.starts_with(message.start)) {
+			zq_radar_place place = {file, line, NULL};
+			zq_radar_note(
+				ZQ_SIGN_MESSAGE, message.name, (uintptr_t)message.name.data(), &place, ZQ_RADAR_RAN TSRMLS_CC);
+			return;
+		}
+	}
+}
