@@ -3,6 +3,7 @@
 #include "ask/command.h"
 #include "ask/help.h"
 #include "ask/now.h"
+#include "ask/radar.h"
 #include "base/version.h"
 #include "print/output.h"
 #include "receive/daemonize.h"
@@ -27,6 +28,8 @@ constexpr Command commands[] = {
 	{"mark", "notes that a release has been rolled out", quorbit::add_mark},
 	{"compare", "what is new, gone, slower, faster or fails more often, since a release or between two times",
 		quorbit::add_compare},
+	{"radar", "what later versions of PHP will not run, where it is, and which functions nobody calls",
+		quorbit::add_radar},
 	{"status", "whether every PHP process of the host reports, and what to do where one does not", quorbit::add_status},
 	{"web", "the page in the browser, and its API", quorbit::add_web},
 	{"profile", "records an application's function calls for some time, and prints them", quorbit::add_profile},

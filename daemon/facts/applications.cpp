@@ -245,7 +245,7 @@ Applications parse_applications(std::string_view text)
 
 Settings settings_of(const Applications &applications, std::string_view application)
 {
-	Settings settings = {{"zqs.details", "1"}};
+	Settings settings = {{"zqs.details", "1"}, {"zqs.radar", "1"}};
 	for (std::string_view section : {std::string_view("*"), application}) {
 		auto found = applications.sections.find(section);
 		if (found == applications.sections.end()) continue;

@@ -1,5 +1,6 @@
 // Sums for programs: JSON and CSV.
 #include "base/clock.h"
+#include "print/csv.h"
 #include "print/report.h"
 #include "print/report_sums.h"
 
@@ -93,13 +94,6 @@ Json machine_json(const std::vector<MachineRow> &machine)
 			{"available_bytes", row.available_bytes}, {"pools", pools}});
 	}
 	return list;
-}
-
-std::string csv_cell(const std::string &text)
-{
-	std::string cell = "\"";
-	for (char byte : printable(text)) cell += byte == '"' ? std::string("\"\"") : std::string(1, byte);
-	return cell + "\"";
 }
 
 Json range_json(const TimeRange &range)

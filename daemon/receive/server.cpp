@@ -65,7 +65,7 @@ std::string given_lines(const Settings &settings)
 {
 	std::string lines;
 	for (const auto &[key, value] : settings) {
-		if (key == "zqs.details" && value == "1") continue; // asked for by itself
+		if ((key == "zqs.details" || key == "zqs.radar") && value == "1") continue; // asked for by itself
 		bool secret = key == "zqs.vantorIdSecret" && !value.empty();
 		lines += key + "=" + (secret ? "(set)" : cut(printable(value), 200)) + "\n";
 	}

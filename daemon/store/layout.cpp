@@ -138,6 +138,15 @@ CREATE TABLE otlp (url TEXT NOT NULL, action_id INTEGER NOT NULL, refused INTEGE
 INSERT INTO otlp VALUES ('', 0, 0, 0, 0, '');
 )sql";
 
+// What stands in the way of later versions of PHP, and which functions are called.
+constexpr const char *radar = R"sql(
+CREATE TABLE radar_site (application TEXT, file TEXT, line INTEGER, sign INTEGER, name TEXT, function TEXT NOT NULL,
+  path TEXT NOT NULL, first_ms INTEGER NOT NULL, last_ms INTEGER NOT NULL, requests INTEGER NOT NULL, ran_ms INTEGER,
+  ran_requests INTEGER NOT NULL, PRIMARY KEY (application, file, line, sign, name)) WITHOUT ROWID;
+CREATE TABLE radar_function (application TEXT, file TEXT, line INTEGER, name TEXT NOT NULL, first_ms INTEGER NOT NULL,
+  last_ms INTEGER NOT NULL, called_ms INTEGER, PRIMARY KEY (application, file, line)) WITHOUT ROWID;
+)sql";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
@@ -149,6 +158,7 @@ constexpr Migration list[] = {
 	{8, callers_of_queries},
 	{9, state_of_export},
 	{10, state_of_otlp},
+	{11, radar},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

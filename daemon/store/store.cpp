@@ -89,6 +89,7 @@ Store::Opened::Opened(const std::string &path, const std::atomic<bool> *stopping
 Store::Store(const std::string &path, const std::atomic<bool> *stopping)
 	: database_(path, stopping),
 	  rollup_(database_),
+	  radar_(database_),
 	  insert_action_(database_, insert_action_sql()),
 	  insert_event_(database_, insert_event_sql),
 	  packet_seen_(database_, packet_seen_sql),
@@ -138,6 +139,7 @@ void Store::abandon()
 {
 	if (!sqlite3_get_autocommit(database_.handle())) database_.execute("ROLLBACK");
 	rollup_.forget();
+	radar_.forget();
 	action_ids_.forget();
 	event_ids_.forget();
 	holders_.reset(); // they know of what was taken back
@@ -169,8 +171,10 @@ void Store::add(const StoredPacket &packet)
 
 void Store::add_action(const StoredPacket &packet)
 {
-	const auto cut = within_share(packet.body, PacketShare());
-	const std::string &body = cut ? *cut : packet.body;
+	std::string all = packet.body;
+	const std::string radar = take_radar(all);
+	const auto cut = within_share(all, PacketShare());
+	const std::string &body = cut ? *cut : all;
 	auto action = read_action(body);
 	if (!action) return;
 	ActionRow row = row_of(*action);
@@ -182,6 +186,8 @@ void Store::add_action(const StoredPacket &packet)
 	const int64_t id = action_ids_.next();
 	insert_action_.bind(1, id).bind_blob(2, body).bind(3, packet.account).run();
 	const std::string_view application = column_text(row.application);
+	const auto findings = read_radar(radar);
+	if (findings) radar_.add(row.application, row.path, *findings, packet.received_ms);
 	rollup_.add(*action, id, packet.received_ms);
 	packet_seen_.bind(1, application).bind(2, packet.received_ms).bind(3, packet.process).run();
 	if (!holders_ || !all_read_) return;

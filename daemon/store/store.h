@@ -9,6 +9,7 @@
 #include "store/order_lock.h"
 #include "store/otlp_state.h"
 #include "store/profile_sessions.h"
+#include "store/radar_table.h"
 #include "store/rollup.h"
 #include "store/sqlite.h"
 
@@ -152,6 +153,7 @@ private:
 	};
 	Opened database_;
 	Rollup rollup_;
+	RadarTable radar_;
 	Statement insert_action_, insert_event_, packet_seen_, query_seen_, keep_applications_, used_pages_, keep_counter_,
 		drop_;
 	Ids action_ids_, event_ids_;

@@ -96,6 +96,7 @@ bool Store::maintain(const StoreBounds &bounds, bool small)
 
 void Store::limit_tables()
 {
+	radar_.limit(wall_clock_ms());
 	keep_applications_.run();
 	database_.execute("DELETE FROM dropped WHERE minute_ms < (SELECT max(minute_ms) FROM dropped) - 3 * 86400000");
 	database_.execute(

@@ -44,9 +44,11 @@ TEST(Applications, OverlayTheDefaultSectionByTheirOwn) {
   EXPECT_EQ(file.store_mb, 64);
   EXPECT_EQ(file.profile_mb, 8);
   EXPECT_EQ(settings_of(file, "unheard of"),
-            (Settings{{"zqs.agent_enabled", "true"}, {"zqs.details", "1"}, {"zqs.action_tracer.action_threshold", "500"}}));
+            (Settings{{"zqs.agent_enabled", "true"}, {"zqs.details", "1"}, {"zqs.radar", "1"},
+                      {"zqs.action_tracer.action_threshold", "500"}}));
   const Settings shop = {{"zqs.agent_enabled", "true"},
                          {"zqs.details", "1"},
+                         {"zqs.radar", "1"},
                          {"zqs.action_tracer.action_threshold", "100"},
                          {"zqs.naming.rules", "[\n{\"name\": \"a = b\"} # no comment"},
                          {"zqs.urls_captured", ""}};  // an empty value clears what the agent has

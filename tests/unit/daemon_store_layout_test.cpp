@@ -42,7 +42,8 @@ TEST_F(LayoutTest, ReleasedMigrationsStayAsTheyAre) {
   constexpr std::pair<int64_t, uint64_t> released[] = {{1, 16690887696907949603u}, {2, 1914765526298414914u}, {3, 15797793378539041825u},
                                                       {4, 5459219404094624497u}, {5, 13133638539266864803u},
                                                       {6, 4577359810073871993u}, {7, 6848316027112991769u}, {8, 11319043962564992394u},
-                                                      {9, 14162968259634256615u}, {10, 4778312524946999394u}};
+                                                      {9, 14162968259634256615u}, {10, 4778312524946999394u},
+                                                      {11, 4717025803131416054u}};
   ASSERT_EQ(migrations().size(), std::size(released));
   for (size_t i = 0; i < std::size(released); i++) {
     const Migration& migration = migrations()[i];
