@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <tuple>
 
 namespace quorbit {
 
@@ -28,7 +29,8 @@ void Sums::add(const Sums &other)
 {
 	for (auto figure : figures) this->*figure += other.*figure;
 	durations.add(other.durations);
-	if (other.slowest_id && other.slowest_us >= slowest_us)
+	// Of two that took as long the newer one, in whatever order they are added.
+	if (other.slowest_id && std::tie(other.slowest_us, other.slowest_id) > std::tie(slowest_us, slowest_id))
 		slowest_us = other.slowest_us, slowest_id = other.slowest_id;
 	newest_id = std::max(newest_id, other.newest_id);
 	if (other.chance_id && (!chance_id || lot_of(other.chance_id) < lot_of(chance_id))) chance_id = other.chance_id;

@@ -22,15 +22,14 @@ struct Kept {
 	int64_t first_ms, end_ms; // of hours, and of the last minute
 	int64_t minutes_from_ms;  // from there on every hour has its minutes
 
-	explicit Kept(Database &database)
+	explicit Kept(const KeptSums &sums)
 	{
-		auto edge = [&database](const char *sql) { return database.integer(sql); };
-		first_ms = edge("SELECT min(hour) FROM sum_hour WHERE kind = 1") * hour_ms;
-		const int64_t hours_end_ms = (edge("SELECT max(hour) FROM sum_hour WHERE kind = 1") + 1) * hour_ms;
-		const int64_t minutes_end_ms = (edge("SELECT max(minute) FROM sum_minute WHERE kind = 1") + 1) * minute_ms;
+		first_ms = sums.first_hour * hour_ms;
+		const int64_t hours_end_ms = (sums.last_hour + 1) * hour_ms;
+		const int64_t minutes_end_ms = (sums.last_minute + 1) * minute_ms;
 		const bool any_minutes = minutes_end_ms > hours_end_ms - hour_ms;
 		end_ms = any_minutes ? minutes_end_ms : hours_end_ms;
-		const int64_t first_minute_ms = edge("SELECT min(minute) FROM sum_minute WHERE kind = 1") * minute_ms;
+		const int64_t first_minute_ms = sums.first_minute * minute_ms;
 		const bool all_there = any_minutes && floor_to(first_minute_ms, hour_ms) <= first_ms;
 		minutes_from_ms = all_there ? first_ms : any_minutes ? ceil_to(first_minute_ms, hour_ms) : hours_end_ms;
 	}
@@ -38,9 +37,9 @@ struct Kept {
 
 } // namespace
 
-SumPlan::SumPlan(Database &database, const TimeRange &range, SumGrain grain)
+SumPlan::SumPlan(const KeptSums &sums, const TimeRange &range, SumGrain grain)
 {
-	const Kept kept(database);
+	const Kept kept(sums);
 	int64_t from = std::max(floor_to(std::max(range.from_ms, int64_t{0}), minute_ms), kept.first_ms);
 	// Nothing lies beyond the last minute; what is asked for beyond it is part of the range all the same.
 	const int64_t asked = range.until_ms == INT64_MAX ? kept.end_ms : std::max(range.until_ms, int64_t{0});

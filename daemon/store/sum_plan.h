@@ -3,7 +3,6 @@
 
 #include "base/clock.h"
 #include "store/reader.h"
-#include "store/sqlite.h"
 
 #include <cstdint>
 #include <vector>
@@ -22,13 +21,17 @@ struct SumPart {
 	int64_t unit_ms() const { return hours ? hour_ms : minute_ms; }
 };
 
+// The first and last hour and minute since 1970 of which there are rows; 0 of none.
+struct KeptSums {
+	int64_t first_hour = 0, last_hour = 0, first_minute = 0, last_minute = 0;
+};
+
 // Of what a range is made: minutes as far as there are any, hours alone, or whole hours by hour and the rest by minute.
 enum class SumGrain { minutes, hours, fewest_rows };
 
 class SumPlan {
 public:
-	// Throws SqliteError.
-	SumPlan(Database &database, const TimeRange &range, SumGrain grain);
+	SumPlan(const KeptSums &kept, const TimeRange &range, SumGrain grain);
 
 	// The range, widened to whole minutes, and where only hours are left to whole hours.
 	const TimeRange &range() const { return range_; }

@@ -2,6 +2,7 @@
 #include "store/sum_rows.h"
 
 #include <algorithm>
+#include <numeric>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -57,20 +58,27 @@ void add_row(SumRow &to, const SumRow &from)
 	}
 }
 
-void order_rows(SumAnswer &answer, SumOrder order, int64_t most)
+void order_rows(SumAnswer &answer, SumOrder order, int64_t most, const NameRows &name)
 {
 	std::vector<std::pair<double, size_t>> ranks;
 	for (size_t i = 0; i < answer.rows.size(); i++) ranks.emplace_back(-rank_of(answer.rows[i].sums, order), i);
-	auto less = [&](const auto &a, const auto &b) {
-		const int64_t id = answer.rows[a.second].key.id, other = answer.rows[b.second].key.id;
-		return std::tuple(a.first, id, a.second) < std::tuple(b.first, other, b.second);
-	};
-	std::sort(ranks.begin(), ranks.end(), less);
-	answer.left_out = std::max(static_cast<int64_t>(ranks.size()) - most, int64_t{0});
-	ranks.resize(ranks.size() - static_cast<size_t>(answer.left_out));
+	std::sort(ranks.begin(), ranks.end());
+	const size_t stay = std::min(ranks.size(), static_cast<size_t>(std::max(most, int64_t{0})));
+	answer.left_out = static_cast<int64_t>(ranks.size() - stay);
+	size_t named = stay;
+	while (stay > 0 && named < ranks.size() && ranks[named].first == ranks[stay - 1].first) named++;
 	std::vector<SumRow> rows;
-	for (const auto &[rank, index] : ranks) rows.push_back(std::move(answer.rows[index]));
-	answer.rows = std::move(rows);
+	for (size_t i = 0; i < named; i++) rows.push_back(std::move(answer.rows[ranks[i].second]));
+	if (name) name(rows);
+	std::vector<size_t> sorted(named);
+	std::iota(sorted.begin(), sorted.end(), size_t{0});
+	std::sort(sorted.begin(), sorted.end(), [&](size_t a, size_t b) {
+		const KeyFacts &key = rows[a].key, &other = rows[b].key;
+		return std::tie(ranks[a].first, key.application, key.name, key.id) <
+			std::tie(ranks[b].first, other.application, other.name, other.id);
+	});
+	answer.rows.clear();
+	for (size_t i = 0; i < stay; i++) answer.rows.push_back(std::move(rows[sorted[i]]));
 }
 
 } // namespace quorbit

@@ -4,6 +4,7 @@
 #include "store/reader.h"
 
 #include <cstdint>
+#include <functional>
 #include <string_view>
 #include <unordered_map>
 
@@ -30,7 +31,12 @@ private:
 // Adds sums and trend; `to` keeps its key.
 void add_row(SumRow &to, const SumRow &from);
 
-// The largest first, those that are equal by their keys' numbers; counts what lies beyond the first `most` as left out.
-void order_rows(SumAnswer &answer, SumOrder order, int64_t most);
+// Fills in the keys of rows that have no more of it than its number.
+using NameRows = std::function<void(std::vector<SumRow> &rows)>;
+
+// The largest first, those that are equal by application and name: numbers differ from store to store. Counts what lies
+// beyond the first `most` as left out. `name`, where there is one, gets the rows that stay and those equal to the last
+// of them.
+void order_rows(SumAnswer &answer, SumOrder order, int64_t most, const NameRows &name = {});
 
 } // namespace quorbit
