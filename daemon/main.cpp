@@ -10,46 +10,66 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <stdexcept>
 
 namespace {
 
 struct Command {
 	const char *name, *summary;
 	quorbit::CommandRun (*add)(CLI::App &command);
+	bool of_fleet = false; // it can ask a fleet's store as well
 };
 
 constexpr Command commands[] = {
-	{"show", "the newest actions, or one in full", quorbit::add_show},
+	{"show", "the newest actions, or one in full", quorbit::add_show, true},
 	{"tail", "actions as they come", quorbit::add_tail},
 	{"now", "the requests that run at this moment, and what each waits for", quorbit::add_now},
-	{"top", "what takes most time: actions, statements, calls, errors and more", quorbit::add_top},
-	{"queries", "the statements that take most time, where they run and what would help", quorbit::add_queries},
-	{"errors", "errors that are the same but for their values, since when and how often", quorbit::add_errors},
+	{"top", "what takes most time: actions, statements, calls, errors and more", quorbit::add_top, true},
+	{"queries", "the statements that take most time, where they run and what would help", quorbit::add_queries, true},
+	{"errors", "errors that are the same but for their values, since when and how often", quorbit::add_errors, true},
 	{"mark", "notes that a release has been rolled out", quorbit::add_mark},
 	{"compare", "what is new, gone, slower, faster or fails more often, since a release or between two times",
-		quorbit::add_compare},
+		quorbit::add_compare, true},
 	{"radar", "what later versions of PHP will not run, where it is, and which functions nobody calls",
 		quorbit::add_radar},
 	{"status", "whether every PHP process of the host reports, and what to do where one does not", quorbit::add_status},
-	{"web", "the page in the browser, and its API", quorbit::add_web},
+	{"web", "the page in the browser, and its API", quorbit::add_web, true},
 	{"profile", "records an application's function calls for some time, and prints them", quorbit::add_profile},
-	{"names", "a dry run: which names requests would get under an application's settings", quorbit::add_names},
+	{"names", "a dry run: which names requests would get under an application's settings", quorbit::add_names, true},
 	{"setup", "the PHPs of this host; switches the agent on and off in them", quorbit::add_setup},
 	{"doctor", "looks for what keeps reports from arriving, in the order in which things fail, and tries a request",
 		quorbit::add_doctor},
-	{"clickhouse", "the tables of a fleet's store in ClickHouse", quorbit::add_clickhouse},
+	{"clickhouse", "the tables of a fleet's store in ClickHouse", quorbit::add_clickhouse, true},
 	{"manual", "what the shell and man are told", quorbit::add_manual},
 };
 
 struct Arguments {
 	std::string config_path;
 	std::string root = "/var";
+	std::string store_url;
 	bool foreground = false;
-	quorbit::CommandRun command; // none: run the daemon
+	const Command *chosen = nullptr; // none: run the daemon
+	quorbit::CommandRun command;
 
 	quorbit::DaemonConfig config() const
 	{
-		return config_path.empty() ? quorbit::default_daemon_config(root) : quorbit::read_daemon_config(config_path);
+		auto config =
+			config_path.empty() ? quorbit::default_daemon_config(root) : quorbit::read_daemon_config(config_path);
+		config.store_url = store_url;
+		if (!store_url.empty() && !chosen->of_fleet) throw std::runtime_error(refusal());
+		return config;
+	}
+
+private:
+	// Why this command has no use for --store.
+	std::string refusal() const
+	{
+		std::string names;
+		for (const Command &command : commands) {
+			if (command.of_fleet) names.append(names.empty() ? "" : ", ").append(command.name);
+		}
+		return std::string("`quorbit ") + chosen->name + "` is about this host alone: leave --store out (it is for " +
+			names + ")";
 	}
 };
 
@@ -58,7 +78,10 @@ void add_commands(CLI::App &app, Arguments &arguments)
 	for (const Command &command : commands) {
 		CLI::App *added = app.add_subcommand(command.name, command.summary)->group("Commands");
 		auto run = command.add(*added);
-		added->callback([&arguments, run] { arguments.command = run; });
+		added->callback([&arguments, &command, run] {
+			arguments.chosen = &command;
+			arguments.command = run;
+		});
 	}
 }
 
@@ -100,6 +123,10 @@ int main(int argc, char **argv)
 	app.add_option("--root", arguments.root, "where the logs and the store are: zqs.runtime_root of the agent")
 		->type_name("FOLDER")
 		->capture_default_str();
+	app.add_option("--store", arguments.store_url,
+		   "ask the store of a fleet: its address (http://host:8123/quorbit), or \"fleet\" for the one that "
+		   "applications.conf names")
+		->type_name("URL");
 	app.add_flag("--foreground", arguments.foreground, "with -f: stay in the foreground");
 	app.require_subcommand(0, 1);
 	app.fallthrough();
@@ -115,6 +142,7 @@ int main(int argc, char **argv)
 
 	try {
 		if (arguments.command) return arguments.command(arguments.config());
+		if (!arguments.store_url.empty()) throw std::runtime_error("--store is for commands");
 		if (!arguments.config_path.empty()) return quorbit::run_daemon(arguments.config_path, arguments.foreground);
 		printf("%s", app.help().c_str());
 		return 2;

@@ -27,6 +27,22 @@ void require_application(Reader &store, const std::string &name)
 		"there is no application \"" + name + "\"; known: " + (names.empty() ? "none yet" : names));
 }
 
+void add_host(CLI::App &command, std::string &host)
+{
+	command.add_option("--host", host, "only this host's, of a fleet's store")->type_name("HOST");
+}
+
+void require_host(Reader &store, const std::string &name)
+{
+	if (name.empty()) return;
+	std::string names;
+	for (const std::string &known : store.hosts()) {
+		if (known == name) return;
+		names += (names.empty() ? "" : ", ") + known;
+	}
+	throw std::runtime_error("the store has nothing of a host \"" + name + "\"; it has: " + names);
+}
+
 void set_examples(CLI::App &command, std::initializer_list<Example> examples)
 {
 	std::string text = "Examples:";

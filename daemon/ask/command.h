@@ -44,6 +44,10 @@ std::string status_json(const DaemonConfig &config);
 // name; "" stands for all.
 void require_application(Reader &store, const std::string &name);
 
+// --host, and what refuses names of which the store has nothing, with those that are known; "" stands for all.
+void add_host(CLI::App &command, std::string &host);
+void require_host(Reader &store, const std::string &name);
+
 // For options that are times: "" for seconds or a number with its unit, else what is wrong.
 std::string check_seconds(const std::string &text);
 
@@ -63,6 +67,6 @@ void add_range(CLI::App &command, RangeOptions &options, const char *since);
 
 // quorbit show KIND:ID, a key of the sums: "query:17".
 bool is_key_id(const std::string &text);
-int show_key(Reader &store, const std::string &id, const TimeRange &range, bool json);
+int show_key(Reader &store, const std::string &id, const TimeRange &range, const std::string &host, bool json);
 
 } // namespace quorbit

@@ -15,7 +15,7 @@ namespace quorbit {
 namespace {
 
 struct CompareOptions {
-	std::string release, before, after, application;
+	std::string release, before, after, application, host;
 	bool json = false;
 };
 
@@ -40,6 +40,7 @@ int run_compare(const DaemonConfig &config, const CompareOptions &options)
 {
 	auto store = open_reader(config);
 	require_application(*store, options.application);
+	require_host(*store, options.host);
 	const int64_t now_ms = wall_clock_ms();
 	CompareQuestion question;
 	if (!options.release.empty())
@@ -49,6 +50,7 @@ int run_compare(const DaemonConfig &config, const CompareOptions &options)
 	else
 		throw std::runtime_error("name a release that was marked, or two times (--before A..B --after C..D)");
 	question.application = options.application;
+	question.host = options.host;
 	const Comparison comparison = [&] {
 		const Working working("comparing the sums");
 		return compare(*store, question);
@@ -66,6 +68,7 @@ CommandRun add_compare(CLI::App &command)
 	command.add_option("--before", options->before, "two times, as in 2h..1h")->check(check_range)->excludes(release);
 	command.add_option("--after", options->after, "two times, as in 1h..now")->check(check_range)->excludes(release);
 	command.add_option("--app", options->application, "only this application")->type_name("APP");
+	add_host(command, options->host);
 	command.add_flag("--json", options->json, "for programs");
 	set_examples(command,
 		{{"quorbit compare 1.4.2", "since that release, against the same time before it"},

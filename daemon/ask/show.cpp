@@ -92,13 +92,15 @@ ActionQuestion question_of(const ShowOptions &options, int64_t now_ms)
 int show(const DaemonConfig &config, const ShowOptions &options)
 {
 	auto store = open_reader(config);
+	const ActionFilter &filter = options.question.filter;
+	require_host(*store, filter.host);
 	if (is_key_id(options.id)) {
 		RangeOptions range = options.range;
 		if (range.since.empty()) range.since = "24h";
-		return show_key(*store, options.id, range.range(wall_clock_ms()), options.json);
+		return show_key(*store, options.id, range.range(wall_clock_ms()), filter.host, options.json);
 	}
 	if (!options.id.empty()) return show_action(*store, options);
-	require_application(*store, options.question.filter.application);
+	require_application(*store, filter.application);
 	const ActionQuestion question = question_of(options, wall_clock_ms());
 	if (options.json)
 		list_for_programs(*store, question);
@@ -129,6 +131,7 @@ CommandRun add_show(CLI::App &command)
 	ActionFilter &filter = options->question.filter;
 	command.add_flag("--full", options->full, "of one action: every call and statement separately, nothing cut");
 	command.add_option("--app", filter.application, "only this application")->type_name("APP");
+	add_host(command, filter.host);
 	command.add_flag("--errors", filter.errors, "only those with an error");
 	command.add_option("--slower-than", options->slower_than, "only those that took at least that: 500ms, 1.5s")
 		->check(check_duration);

@@ -36,12 +36,12 @@ bool is_key_id(const std::string &text)
 	return read_key_id(text).has_value();
 }
 
-int show_key(Reader &store, const std::string &text, const TimeRange &range, bool json)
+int show_key(Reader &store, const std::string &text, const TimeRange &range, const std::string &host, bool json)
 {
 	const KeyId id = *read_key_id(text);
 	auto report = [&] {
 		const Working working("reading the sums");
-		return key_report(store, id.key, id.id, range);
+		return key_report(store, id.key, id.id, range, host);
 	}();
 	if (!report) throw std::runtime_error("there is no " + text + " (it may not have been seen for long)");
 	put(json ? json_text(key_json(*report), true) : key_text(*report, output_width(), wall_clock_ms()));

@@ -43,6 +43,7 @@ void add_actions(Reader &store, SumList &list)
 		SumQuestion question;
 		question.filter.range = list.question.filter.range;
 		question.filter.within = row.key.id;
+		question.filter.host = list.question.filter.host;
 		question.order = SumOrder::statements;
 		question.most = most_actions;
 		list.actions[row.key.id] = store.sums(question).rows;
@@ -66,6 +67,7 @@ int top(const DaemonConfig &config, const TopOptions &options)
 	list.question.trend_points = bars || options.json ? trend_points : 0;
 	auto store = open_reader(config);
 	require_application(*store, filter.application);
+	require_host(*store, filter.host);
 	{
 		const Working working("reading the sums");
 		list = sum_list(*store, list.question);
@@ -104,6 +106,7 @@ CommandRun add_list(CLI::App &command, const char *by, const char *sort)
 		->capture_default_str();
 	add_range(command, options->range, "1h");
 	command.add_option("--app", options->question.filter.application, "only this application")->type_name("APP");
+	add_host(command, options->question.filter.host);
 	command.add_option("--name", options->question.filter.name_glob,
 		"only names that fit: * stands for any text, ? for one character, [...] for one of those");
 	command.add_option("-n", options->most, "how many; default: what fits the terminal, else 50")

@@ -12,6 +12,7 @@ struct DaemonConfig {
 	std::string log_file; // "" for no log
 	std::string pid_file;
 	std::string socket_file;
+	std::string store_url = {}; // of the fleet's store that a command is to read; "" for the daemon's own
 
 	// The folder of the pid file, without a slash at its end.
 	std::string folder() const;

@@ -31,7 +31,7 @@ SumList sum_list(Reader &store, const SumQuestion &question)
 	const SumFilter &filter = question.filter;
 	if (question.key == SumKey::error) list.releases = store.releases(filter.application);
 	// One part of the whole range, however long it is.
-	if (question.key == SumKey::host) list.machine = store.machine({filter.range, int64_t{1} << 53});
+	if (question.key == SumKey::host) list.machine = store.machine({filter.range, int64_t{1} << 53, filter.host});
 	return list;
 }
 
@@ -51,7 +51,8 @@ int64_t step_of(const TimeRange &range, int64_t points)
 	return std::max(length_ms / points / minute_ms * minute_ms, minute_ms);
 }
 
-std::optional<KeyReport> key_report(Reader &store, SumKey key, int64_t id, const TimeRange &range)
+std::optional<KeyReport> key_report(
+	Reader &store, SumKey key, int64_t id, const TimeRange &range, const std::string &host)
 {
 	auto facts = store.key(key, id);
 	if (!facts) return std::nullopt;
@@ -60,6 +61,7 @@ std::optional<KeyReport> key_report(Reader &store, SumKey key, int64_t id, const
 	question.key = key;
 	question.filter.range = range;
 	question.filter.id = id;
+	question.filter.host = host;
 	const SumAnswer answer = store.sums(question);
 	KeyReport report{key, answer.rows.empty() ? SumRow{*facts, {}} : answer.rows[0], answer.range, {}, {}};
 	report.series = store.series({key, question.filter, step_of(answer.range, points)});
@@ -68,6 +70,7 @@ std::optional<KeyReport> key_report(Reader &store, SumKey key, int64_t id, const
 		related.key = other;
 		related.filter.range = range;
 		related.filter.within = id;
+		related.filter.host = host;
 		report.related.emplace_back(other, store.sums(related));
 	}
 	return report;

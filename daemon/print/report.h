@@ -16,7 +16,7 @@ namespace quorbit {
 // --- lists (report_list.cpp)
 
 // A table, one line per action, in `width` columns: long names are cut in the middle. The date is left out when all are
-// of today.
+// of today; a fleet's have a column of hosts.
 std::string action_table(const std::vector<ActionRow> &rows, size_t width, int64_t now_wall_ms);
 // Lines of fixed columns, so that later ones fit below earlier ones: the names share what is left of `width`. An action
 // that is not of today has its date in place of the time.

@@ -52,6 +52,7 @@ void print_head(const StoredAction &shown, Page &page)
 	page.out +=
 		"Action " + std::to_string(row.id) + "  " + (row.name.empty() ? "(no name)" : printable(action.name)) + "\n";
 	page.entry("application", action.application);
+	if (!row.host.empty()) page.entry("on host", row.host);
 	std::string status = row.status ? ", status " + std::to_string(row.status) : std::string();
 	page.entry("time", local_time(row.received_ms) + ", process " + std::to_string(row.process) + status);
 	if (action.uri) page.entry("URI", *action.uri);
@@ -208,6 +209,7 @@ void print_related(const std::vector<RelatedAction> &related, Page &page)
 	constexpr const char *words[] = {"called by", "called", "same"};
 	for (const auto &[relation, row, trace, id] : related) {
 		std::string text = "action " + std::to_string(row.id) + ", " + row.application + ", " + row.name;
+		if (!row.host.empty()) text += ", on " + row.host;
 		page.entry(words[static_cast<int>(relation)], text + ", " + duration_text(row.duration_ms));
 		if (relation == Relation::same_transaction) continue;
 		if (auto parts = parts_text(row); !parts.empty()) page.entry("", parts);

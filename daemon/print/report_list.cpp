@@ -112,9 +112,13 @@ std::string action_table(const std::vector<ActionRow> &rows, size_t width, int64
 	columns[application_column].shrinks = columns[action_column].shrinks = true;
 	auto is_old = [now_wall_ms](const ActionRow &row) { return !same_day(row.received_ms, now_wall_ms); };
 	bool with_day = std::any_of(rows.begin(), rows.end(), is_old);
+	const bool of_fleet = std::ranges::any_of(rows, [](const ActionRow &row) { return !row.host.empty(); });
+	if (of_fleet) columns.insert(columns.begin() + application_column, {"HOST", false, true});
 	std::vector<std::vector<std::string>> cells;
 	for (const ActionRow &row : rows) {
-		cells.push_back(cells_of(row, (with_day ? day_of(row.received_ms) + " " : "") + time_of_day(row.received_ms)));
+		auto &line = cells.emplace_back(
+			cells_of(row, (with_day ? day_of(row.received_ms) + " " : "") + time_of_day(row.received_ms)));
+		if (of_fleet) line.insert(line.begin() + application_column, printable(row.host));
 	}
 	return table(columns, cells, width);
 }
@@ -154,6 +158,7 @@ Json action_summary(const ActionRow &row)
 		{"has_error", row.error},
 		{"process", row.process},
 	};
+	if (!row.host.empty()) summary["host_name"] = row.host; // "host" is what the request asked for
 	return summary;
 }
 

@@ -55,10 +55,7 @@ std::string answering(Reader &store, int64_t request, const std::string &host)
 
 class Mapper {
 public:
-	Mapper(Reader &store, const TimeRange &range, const std::string &application) : store_(store), range_(range)
-	{
-		application_ = application;
-	}
+	Mapper(Reader &store, const SumFilter &filter) : store_(store), filter_(filter) {}
 
 	ServiceMap run()
 	{
@@ -82,8 +79,7 @@ private:
 	{
 		SumQuestion question;
 		question.key = key;
-		question.filter.range = range_;
-		question.filter.application = application_;
+		question.filter = filter_;
 		question.most = most_keys;
 		return store_.sums(question);
 	}
@@ -109,17 +105,16 @@ private:
 	}
 
 	Reader &store_;
-	const TimeRange range_;
-	std::string application_;
+	const SumFilter filter_;
 	std::map<std::tuple<std::string, std::string, std::string>, ServiceEdge> edges_;
 	int examples_ = 0;
 };
 
 } // namespace
 
-ServiceMap service_map(Reader &store, const TimeRange &range, const std::string &application)
+ServiceMap service_map(Reader &store, const SumFilter &filter)
 {
-	return Mapper(store, range, application).run();
+	return Mapper(store, filter).run();
 }
 
 Json service_map_json(const ServiceMap &map)

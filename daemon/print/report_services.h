@@ -26,8 +26,8 @@ struct ServiceMap {
 };
 
 // Adds up statements by vendor, cache operations by product and outgoing calls by host. Which application answers is
-// read from examples of calls that have a trace. `application` "" for all.
-ServiceMap service_map(Reader &store, const TimeRange &range, const std::string &application);
+// read from examples of calls that have a trace. Of the filter the range, the application and the host count.
+ServiceMap service_map(Reader &store, const SumFilter &filter);
 Json service_map_json(const ServiceMap &map);
 
 } // namespace quorbit

@@ -42,7 +42,8 @@ struct KeyReport {
 	std::vector<std::pair<SumKey, SumAnswer>> related; // actions of a query; queries, calls, errors of an action
 };
 // Asks for all of it; nothing when the key is not known any more.
-std::optional<KeyReport> key_report(Reader &store, SumKey key, int64_t id, const TimeRange &range);
+std::optional<KeyReport> key_report(
+	Reader &store, SumKey key, int64_t id, const TimeRange &range, const std::string &host = "");
 // The length of one of that many parts of a range: whole minutes, or whole hours where it is long.
 int64_t step_of(const TimeRange &range, int64_t points);
 std::string key_text(const KeyReport &report, size_t width, int64_t now_wall_ms);

@@ -18,6 +18,7 @@ struct ActionRow {
 	bool error = false;
 	std::optional<ExactFigures> exact = std::nullopt; // in a list, of them those that have a column below
 	std::string path = {};                            // of the request, or ""
+	std::string host = {};                            // in a fleet's store; "" in the daemon's own
 
 	// Microseconds: exact, or the milliseconds above.
 	int64_t duration_us() const { return exact ? exact->duration_us : duration_ms * 1000; }

@@ -41,7 +41,8 @@ public:
 		for (SumKey key : {SumKey::action, SumKey::query, SumKey::error}) add(key);
 		for (const Candidate &candidate : candidates_) judge(candidate);
 		auto order = [](const Change &change) {
-			return std::tuple(-change.lost_us_per_hour, change.kind, -change.after.count, change.facts.id);
+			return std::tuple(-change.lost_us_per_hour, change.kind, -change.after.count,
+				std::tie(change.facts.application, change.facts.name));
 		};
 		std::sort(comparison_.changes.begin(), comparison_.changes.end(),
 			[order](const Change &a, const Change &b) { return order(a) < order(b); });
@@ -66,6 +67,7 @@ private:
 		question.key = key;
 		question.filter.range = range;
 		question.filter.application = question_.application;
+		question.filter.host = question_.host;
 		question.most = most_keys;
 		return store_.sums(question);
 	}

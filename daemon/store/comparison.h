@@ -7,7 +7,7 @@ namespace quorbit {
 
 struct CompareQuestion {
 	TimeRange before, after;
-	std::string application = {};
+	std::string application = {}, host = {};
 };
 
 // From the release of this name until the next one or now, a day at most, against the same time before it; the minute

@@ -11,7 +11,11 @@ struct FleetAddress {
 	std::string cluster;
 };
 
-// As applications.conf says. Throws std::runtime_error with a message for the operator when it names none.
+// What a command's --store has in place of an address, for the one in applications.conf.
+constexpr const char *configured_fleet = "fleet";
+
+// What a command's --store says, else what applications.conf says. Throws std::runtime_error with a message for the
+// operator when neither names any.
 FleetAddress fleet_of(const DaemonConfig &config);
 
 } // namespace quorbit

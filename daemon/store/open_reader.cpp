@@ -1,6 +1,8 @@
 // Finding the store.
 #include "store/open_reader.h"
 
+#include "store/clickhouse_reader.h"
+#include "store/fleet_address.h"
 #include "store/sqlite_reader.h"
 
 #include <grp.h>
@@ -29,12 +31,14 @@ std::string group_name(gid_t id)
 
 bool has_store(const DaemonConfig &config)
 {
+	if (!config.store_url.empty()) return true;
 	struct stat status;
 	return stat(config.store_file().c_str(), &status) == 0 && status.st_size > 0;
 }
 
 std::optional<std::string> access_refusal(const DaemonConfig &config)
 {
+	if (!config.store_url.empty()) return std::nullopt;
 	const std::string folder = config.folder(), store = config.store_file();
 	struct stat status;
 	if (stat(folder.c_str(), &status) != 0) return std::nullopt;
@@ -50,6 +54,7 @@ std::optional<std::string> access_refusal(const DaemonConfig &config)
 
 std::unique_ptr<Reader> open_reader(const DaemonConfig &config)
 {
+	if (!config.store_url.empty()) return open_clickhouse_reader(fleet_of(config).url);
 	if (auto refusal = access_refusal(config)) throw std::runtime_error(*refusal);
 	if (!has_store(config)) {
 		throw std::runtime_error("there is no store at " + config.store_file() + " yet; see `quorbit status`");

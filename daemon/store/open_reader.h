@@ -8,7 +8,7 @@
 
 namespace quorbit {
 
-// Whether anything has been stored yet.
+// Whether anything has been stored yet; a fleet's store that is asked for always is.
 bool has_store(const DaemonConfig &config);
 
 // Why this account may not look into the folder or the store, and who may; nothing when it may, or when there is none.

@@ -22,7 +22,8 @@ struct TimeRange {
 	int64_t until_ms = INT64_MAX;
 };
 
-// Which actions. What is left at its default lets all through. Globs have *, ? and [...], and mind case.
+// Which actions. What is left at its default lets all through. Globs have *, ? and [...], and mind case. `host` is the
+// name of one, here and in the other questions; a store of one host has nothing of any other.
 struct ActionFilter {
 	TimeRange range = {}; // in which they were received
 	std::string application = {};
@@ -30,6 +31,7 @@ struct ActionFilter {
 	std::string name_glob = {}, path_glob = {};
 	bool errors = false;                        // only those that have one
 	int64_t least_us = 0, below_us = INT64_MAX; // least_us <= duration < below_us
+	std::string host = {};
 };
 
 enum class ActionOrder { newest, oldest, slowest };
@@ -222,6 +224,8 @@ public:
 
 	// By name.
 	virtual std::vector<ApplicationRow> applications() = 0;
+	// The names of those whose data it has.
+	virtual std::vector<std::string> hosts() = 0;
 	// Which processes sent what came in that time; read at once, so it should be no more than some minutes.
 	virtual std::vector<SenderRow> senders(const TimeRange &range) = 0;
 

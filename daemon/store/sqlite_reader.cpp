@@ -45,6 +45,7 @@ public:
 
 	void each_action(const ActionQuestion &question, const std::function<void(const ActionRow &)> &on_row) override
 	{
+		if (!question.filter.host.empty() && question.filter.host != this_host()) return;
 		if (question.order == ActionOrder::slowest) return each_slowest(question, on_row);
 		const bool newest = question.order == ActionOrder::newest;
 		const std::string sql =
@@ -161,6 +162,8 @@ public:
 					row.text(5), row.integer(6), row.integer(7), row.integer(8)};
 			});
 	}
+
+	std::vector<std::string> hosts() override { return {this_host()}; }
 
 	std::vector<SenderRow> senders(const TimeRange &range) override
 	{

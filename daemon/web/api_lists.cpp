@@ -62,6 +62,7 @@ ActionFilter filter_of(const Parameters &parameters)
 	ActionFilter filter;
 	filter.range = range_of(parameters);
 	filter.application = text_of(parameters, "app");
+	filter.host = text_of(parameters, "host");
 	filter.after_id = number_of(parameters, "after", 0, INT64_MAX, 0);
 	filter.name_glob = text_of(parameters, "name");
 	filter.path_glob = text_of(parameters, "path");
@@ -97,6 +98,7 @@ std::string api_top(Reader &store, const Parameters &parameters)
 	question.key = key_of(parameters);
 	question.filter.range = range_of_sums(parameters);
 	question.filter.application = text_of(parameters, "app");
+	question.filter.host = text_of(parameters, "host");
 	question.filter.name_glob = text_of(parameters, "name");
 	const std::string &sort = text_of(parameters, "sort");
 	auto order = sum_order_of(sort.empty() ? "total" : sort);
@@ -113,6 +115,7 @@ std::string api_series(Reader &store, const Parameters &parameters)
 	question.key = key_of(parameters);
 	question.filter.range = range_of_sums(parameters);
 	question.filter.application = text_of(parameters, "app");
+	question.filter.host = text_of(parameters, "host");
 	question.filter.id = number_of(parameters, "id", 0, INT64_MAX, 0);
 	question.step_ms = step_of(question.filter.range, most_points);
 	SeriesReport report;
@@ -143,6 +146,7 @@ std::string api_compare(Reader &store, const Parameters &parameters)
 			std::max(question.before.until_ms - length_ms, int64_t{0}));
 	}
 	question.application = application;
+	question.host = text_of(parameters, "host");
 	return json_text(comparison_json(compare(store, question)), false);
 }
 
@@ -153,8 +157,11 @@ std::string api_releases(Reader &store, const Parameters &parameters)
 
 std::string api_services(Reader &store, const Parameters &parameters)
 {
-	return json_text(
-		service_map_json(service_map(store, range_of_sums(parameters), text_of(parameters, "app"))), false);
+	SumFilter filter;
+	filter.range = range_of_sums(parameters);
+	filter.application = text_of(parameters, "app");
+	filter.host = text_of(parameters, "host");
+	return json_text(service_map_json(service_map(store, filter)), false);
 }
 
 std::string api_key(Reader &store, std::string_view path, const Parameters &parameters)
@@ -165,7 +172,7 @@ std::string api_key(Reader &store, std::string_view path, const Parameters &para
 	const std::string_view number = path.substr(slash + 1);
 	int64_t id = 0;
 	if (!parse_number(number, id)) return {};
-	auto report = key_report(store, *key, id, range_of_sums(parameters));
+	auto report = key_report(store, *key, id, range_of_sums(parameters), text_of(parameters, "host"));
 	return report ? json_text(key_json(*report), false) : "";
 }
 

@@ -73,6 +73,8 @@ ApiAnswer mark(const ApiSource &source, const Json &body)
 ApiAnswer obey(const ApiSource &source, const std::string &path, const std::string &body)
 {
 	if (source.sample) return api_error(409, "these are sample data: nothing runs that could be profiled or released");
+	if (!source.config.store_url.empty())
+		return api_error(409, "this page reads a fleet's store: profiles and releases are ordered on their hosts");
 	const Json read = Json::parse(body, nullptr, false);
 	if (!read.is_object()) return api_error(400, "the body has to be a JSON object");
 	try {

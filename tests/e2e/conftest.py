@@ -6,6 +6,7 @@ from support import engines
 from support.browser import front  # noqa: F401
 from support.clickhouse import clickhouse, two_shards  # noqa: F401
 from support.databases import doubles, mariadb, postgres, shim, shim_library  # noqa: F401
+from support.fleet import sample_store  # noqa: F401
 from support.local_daemon import real  # noqa: F401
 from support.skips import pytest_make_collect_report, pytest_runtest_makereport  # noqa: F401
 from support.staging import root  # noqa: F401

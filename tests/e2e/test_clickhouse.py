@@ -1,9 +1,8 @@
 """A fleet's store: what the daemon keeps arrives in a real ClickHouse, once, whatever happens to the server on the way."""
 import json
+import os
 import re
-import signal
 import sqlite3
-import subprocess
 import time
 from contextlib import closing
 
@@ -11,32 +10,7 @@ import pytest
 
 from support import clickhouse as servers
 from support.fake_daemon import wait_until
-from support.local_daemon import QUORBIT
-
-
-def configure(real, url, *lines):
-    text = "\n".join([f"store_url = {url}", "store_seconds = 1", "host_name = web-1", *lines])
-    (real.logs / "applications.conf").write_text(text + "\n")
-
-
-def run(real, *words):
-    return subprocess.run([QUORBIT, *words, "--root", real.site.root], capture_output=True, text=True, timeout=90)
-
-
-@pytest.fixture(scope="module")
-def sample_store(tmp_path_factory):
-    """The store of a day of two applications."""
-    path = tmp_path_factory.mktemp("sample") / "quorbit.db"
-    with subprocess.Popen([QUORBIT, "web", "--sample", "--listen", f"unix:{path.parent}/socket"], stderr=subprocess.PIPE,
-                          stdout=subprocess.DEVNULL, text=True) as web:
-        try:
-            root = next(line.split()[-1] for line in web.stderr if "--root" in line)
-            with closing(sqlite3.connect(f"file:{root}/log/quorbit/quorbit.db?mode=ro", uri=True)) as found, \
-                    closing(sqlite3.connect(path)) as copy:
-                found.backup(copy)
-        finally:
-            web.terminate()
-    return path
+from support.fleet import all_arrives, arrived, configure, run, sums_arrive
 
 
 @pytest.fixture
@@ -48,39 +22,10 @@ def filled(real, sample_store, clickhouse):
     return real
 
 
-def in_store(real, sql):
-    with closing(sqlite3.connect(f"file:{real.logs}/quorbit.db?mode=ro", uri=True)) as store:
-        return store.execute(sql).fetchall()
-
-
-def actions_of(real):
-    return in_store(real, "SELECT count(*), count(DISTINCT id), sum(length(packet)), sum(duration_us), sum(received_ms) FROM action")[0]
-
-
-ARRIVED = "SELECT count(), uniqExact(id), sum(length(packet)), ifNull(sum(duration_us), 0), sum(received_ms) FROM quorbit.action"
-
-
-def arrived(server):
-    return tuple(int(value) for value in server.ask(ARRIVED).split("\t"))
-
-
-def all_arrives(real, server, timeout=60):
-    wait_until(lambda: arrived(server)[1] >= actions_of(real)[1], "the actions to arrive", timeout)
-    assert arrived(server) == actions_of(real)
-
-
 def test_all_that_is_stored_arrives_and_status_tells(filled, clickhouse):
     filled.php()
     all_arrives(filled, clickhouse)
-    # Sums follow with every sixth batch: those of a table are the last that were sent of each row.
-    for table, time_column in ("sum_minute", "minute"), ("sum_hour", "hour"):
-        stored = lambda: in_store(filled, f"SELECT count(*) FROM {table}")[0][0]
-        sent = f"SELECT uniqExact(kind, {time_column}, key) FROM quorbit.{table}"
-        wait_until(lambda: int(clickhouse.ask(sent)) == stored(), f"the rows of {table}", 60)
-    for table in "use_hour", "sum_key", "machine_minute", "release", "application":
-        stored = lambda: in_store(filled, f"SELECT count(*) FROM {table}")[0][0]
-        sent = f"SELECT count() FROM quorbit.{table.removesuffix('_minute')} FINAL"
-        wait_until(lambda: int(clickhouse.ask(sent)) == stored() > 0, f"the rows of {table}", 60)
+    sums_arrive(filled, clickhouse)
     told = f"Sends to http://127.0.0.1:{clickhouse.http}/quorbit, 0 s behind."
     wait_until(lambda: told in run(filled, "status").stdout, told)
     status = run(filled, "status").stdout
@@ -98,6 +43,34 @@ def test_a_server_that_is_killed_again_and_again_gets_every_action_once(filled, 
         assert time.monotonic() - began < 10
         wait_until(lambda: "sending to" in run(filled, "status").stdout, "the finding", 60)
         clickhouse.start()
+    all_arrives(filled, clickhouse, 120)
+
+
+ACTIONS = """$took = array(); $end = microtime(true) + %f;
+while (($begin = microtime(true)) < $end) {
+    vantor_start_webaction('cart'); $db = new PDO('sqlite::memory:'); $db->query('SELECT 1'); vantor_end_webaction();
+    $took[] = microtime(true) - $begin; usleep(2000);
+}
+sort($took); $most = count($took) - 1;
+echo json_encode(array($most + 1, 1e3 * $took[(int)($most / 2)], 1e3 * $took[(int)($most * 0.99)]));"""
+DOWN_S = int(os.environ.get("QUORBIT_DOWN_S", 20))
+
+
+def test_what_php_waits_for_takes_no_longer_while_the_server_is_down(filled, clickhouse):
+    """QUORBIT_DOWN_S says for how long it is; both figures are printed."""
+    filled.php()
+    all_arrives(filled, clickhouse)
+    loads = lambda seconds: json.loads(filled.php(ACTIONS % min(seconds, 10)))
+    up = loads(10)
+    clickhouse.kill()
+    began, down = time.monotonic(), []
+    while not down or time.monotonic() - began < DOWN_S:
+        down.append(loads(DOWN_S))
+    clickhouse.start()
+    middle, slow = (max(load[i] for load in down) for i in (1, 2))
+    print(f"up: {up[0]} actions, median {up[1]:.2f} ms, p99 {up[2]:.2f} ms; down for {DOWN_S} s: "
+          f"{sum(load[0] for load in down)} actions, median at most {middle:.2f} ms, p99 at most {slow:.2f} ms")
+    assert middle < 2 * up[1] + 1 and slow < 5 * up[2] + 20
     all_arrives(filled, clickhouse, 120)
 
 
