@@ -121,8 +121,8 @@ public:
 			for (const ActionRow &row : rows) on_row(row);
 			if (!more) return;
 			const std::string ms = std::to_string(rows.back().received_ms);
-			rest = " AND (received_ms" + beyond + ms + " OR (received_ms = " + ms + " AND id" + beyond +
-				std::to_string(rows.back().id) + "))";
+			rest = " AND (received_ms, id)";
+			rest.append(beyond).append("(").append(ms).append(", ").append(std::to_string(rows.back().id)).append(")");
 		}
 	}
 

@@ -30,14 +30,15 @@ class Fleet:
             (real.logs / "quorbit.db").write_bytes(sample.read_bytes())
             configure(real, server.url(), *cluster, host=host)
         assert run(self.reals[0], "clickhouse", "setup").returncode == 0
+        first, last = in_store(self.reals[0], "SELECT min(received_ms), max(received_ms) FROM action")[0]
         for host, real in zip(self.hosts, self.reals):
             real.php()
             all_arrives(real, server, host=host)
             sums_arrive(real, server, host)
-        first, last = in_store(self.reals[0], "SELECT min(received_ms), max(received_ms) FROM action")[0]
-        self.moments = {name: datetime.fromtimestamp(at // 60000 * 60).isoformat(timespec="minutes") for name, at in
-                        {"begin": first - 60000, "noon": first / 2 + last / 2, "late": last - 7200000, "end": last + 60000}.items()}
-        counted = lambda *more: self.json("top", *self.range("begin", "end"), *more)["all"]["count"]
+        # What the daemons note of the machine while they run comes after "end".
+        moments = {"begin": first - 60000, "noon": first / 2 + last / 2, "late": last - 7200000, "end": last - 120000, "now": last + 3600000}
+        self.moments = {name: datetime.fromtimestamp(at // 60000 * 60).isoformat(timespec="minutes") for name, at in moments.items()}
+        counted = lambda *more: self.json("top", *self.range("begin", "now"), *more)["all"]["count"]
         for host, real in zip(self.hosts, self.reals):
             wait_until(lambda: counted(*self.of(host)) == actions_of(real)[0], "the sums of the last minute", 60)
             real.stop()
@@ -90,9 +91,10 @@ def plain(value):
 
 KINDS = "action", "path", "query", "error", "external", "cache", "component", "application", "host"
 ORDERS = "count", "avg", "p95", "p99", "errors", "statements"
-DAY, AFTERNOON, LATE = ("begin", "end"), ("noon", "end"), ("late", "end")
+DAY, AFTERNOON, LATE, ALL = ("begin", "end"), ("noon", "end"), ("late", "end"), ("begin", "now")
 QUESTIONS = [
-    *[(range, "top", "--by", kind) for kind in KINDS for range in (DAY, LATE)],
+    *[(range, "top", "--by", kind) for kind in KINDS if kind != "component" for range in (DAY, LATE)],
+    (ALL, "top", "--by", "component"),                              # which the day has none of
     *[(AFTERNOON, "top", "--by", kind, "--sort", order, "-n", "4") for kind, order in zip((*KINDS[:6], "action"), (*ORDERS, "errors"))],
     (DAY, "top", "--app", "Shop", "--name", "*[c-p]*"), (LATE, "queries", "--app", "Stock"), (DAY, "queries", "--sort", "statements"),
     (DAY, "errors"), (LATE, "errors", "--name", "*o*"),
@@ -109,7 +111,7 @@ def test_a_list_is_the_one_that_the_host_itself_gives(fleet, question):
 
 
 def test_one_of_each_is_told_in_full_as_the_host_itself_tells_it(fleet):
-    day = fleet.range(*DAY)
+    day = fleet.range(*ALL)
     for kind in KINDS[:7]:
         rows = [fleet.json("top", "--by", kind, "-n", "1", *day, *of)["rows"][0] for of in ([], fleet.of(HERE))]
         local, there = (fleet.json("show", f"{kind}:{row['id']}", *day, *of) for row, of in zip(rows, ([], fleet.of(HERE))))
@@ -124,7 +126,7 @@ def test_one_of_each_is_told_in_full_as_the_host_itself_tells_it(fleet):
 
 
 def test_hosts_are_told_apart_and_together(fleet):
-    day = fleet.range(*DAY)
+    day = fleet.range(*ALL)
     counts = {host: actions_of(real)[0] for host, real in zip(fleet.hosts, fleet.reals)}
     by_host = fleet.json("top", "--by", "host", *day, *fleet.of())
     assert {row["name"]: row["count"] for row in by_host["rows"]} == counts
@@ -171,3 +173,22 @@ def test_shards_share_the_hosts(fleet):
 def test_what_a_fleet_cannot_answer_is_said(fleet, words, told):
     done = run(fleet.reals[0], *words, *fleet.of())
     assert (done.returncode, done.stdout) == (1, "") and told in done.stderr, done
+
+
+TABLES = "action", "sum_minute", "sum_hour", "use_hour", "sum_key", "machine", "release", "application"
+
+
+def test_what_was_sent_twice_is_told_once(fleet):
+    for shard in fleet.server.shards:
+        for table in TABLES:
+            name = f"quorbit.{table}" + "_shard" * (fleet.shards > 1)
+            shard.ask(f"SYSTEM STOP MERGES {name}")
+            shard.ask(f"INSERT INTO {name} SELECT * FROM {name}")
+    rows, actions = arrived(fleet.server)[:2]
+    assert rows > actions
+    for words in ["top", "--by", "query"], ["top", "--by", "host"], ["errors"], ["show", "-n", "3000"], ["show", "--sort", "duration"]:
+        words += fleet.range(*LATE)
+        assert plain(fleet.json(*words, *fleet.of(HERE))) == plain(fleet.json(*words)), words
+    for row in fleet.json("show", "--sort", "duration", "-n", "20", *fleet.range(*DAY), *fleet.of()):
+        others = [other["id"] for other in fleet.json("show", str(row["id"]), *fleet.of())["related"]]
+        assert len(others) == len(set(others))

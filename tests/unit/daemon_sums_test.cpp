@@ -259,11 +259,12 @@ TEST_F(SumsTest, SayWhatWasInWhichAction) {
 }
 
 TEST_F(SumsTest, FollowTheFilterAndTheOrder) {
-  add({packet(begin_ms, "cart", 10), packet(begin_ms, "cart", 10), packet(begin_ms, "carts", 50, record(0x2A, "1\n500\nE\nm\n")), packet(begin_ms, "x", 15)});
+  add({packet(begin_ms, "x", 15), packet(begin_ms, "cart", 10), packet(begin_ms, "cart", 10), packet(begin_ms, "carts", 50, record(0x2A, "1\n500\nE\nm\n"))});
   auto reader = open_sqlite_reader(path_);
-  auto names = [&](SumOrder order, const std::string& glob) {
+  auto names = [&](SumOrder order, const std::string& glob, int64_t most = 10) {
     SumQuestion question;
     question.order = order;
+    question.most = most;
     question.filter.name_glob = glob;
     std::string text;
     for (const SumRow& row : reader->sums(question).rows) text += row.key.name + " ";
@@ -273,6 +274,8 @@ TEST_F(SumsTest, FollowTheFilterAndTheOrder) {
   EXPECT_EQ(names(SumOrder::count, "c*"), "cart carts ");
   EXPECT_EQ(names(SumOrder::average, ""), "carts x cart ");
   EXPECT_EQ(names(SumOrder::errors, "cart?"), "carts ");
+  EXPECT_EQ(names(SumOrder::errors, ""), "carts cart x ") << "what is equal comes by name";
+  EXPECT_EQ(names(SumOrder::errors, "", 2), "carts cart ");
 }
 
 TEST_F(SumsTest, ComparisonsCallNothingSlowerByChance) {
