@@ -102,27 +102,26 @@ public:
 
 	void each_action(const ActionQuestion &question, const std::function<void(const ActionRow &)> &on_row) override
 	{
-		if (question.order == ActionOrder::slowest) {
-			for (const ActionRow &row : list(question.filter, "", DURATION " DESC, id DESC", question.most))
-				on_row(row);
-			return;
-		}
-		const bool newest = question.order == ActionOrder::newest;
-		const std::string order = newest ? "received_ms DESC, id DESC" : "received_ms, id",
-						  beyond = newest ? " < " : " > ";
+		const bool slowest = question.order == ActionOrder::slowest, oldest = question.order == ActionOrder::oldest;
+		const std::string by = slowest ? DURATION : "received_ms", order = by + (oldest ? ", id" : " DESC, id DESC");
 		std::string rest; // what is beyond the last page
-		int64_t left = question.most;
+		int64_t left = question.most, last_id = 0;
 		for (bool more = true; more && left > 0;) {
 			const int64_t most = std::min(left, page_rows);
-			const auto rows = newest && rest.empty() ? newest_rows(question.filter, order, most)
-													 : list(question.filter, rest, order, most);
+			const auto rows = !slowest && !oldest && rest.empty() ? newest_rows(question.filter, order, most)
+																  : list(question.filter, rest, order, most);
 			more = static_cast<int64_t>(rows.size()) == most;
-			left -= most;
-			for (const ActionRow &row : rows) on_row(row);
+			for (const ActionRow &row : rows) {
+				if (row.id == last_id) continue; // sent twice
+				last_id = row.id;
+				left--;
+				on_row(row);
+			}
 			if (!more) return;
-			const std::string ms = std::to_string(rows.back().received_ms);
-			rest = " AND (received_ms, id)";
-			rest.append(beyond).append("(").append(ms).append(", ").append(std::to_string(rows.back().id)).append(")");
+			const int64_t last = slowest ? rows.back().duration_us() : rows.back().received_ms;
+			rest = " AND (" + by + ", id)";
+			rest.append(oldest ? " > (" : " < (").append(std::to_string(last)).append(", ");
+			rest.append(std::to_string(last_id)).append(")");
 		}
 	}
 
@@ -292,11 +291,12 @@ private:
 		return "source = " + std::to_string(source_of(id)) + " AND id = " + std::to_string(id);
 	}
 
+	// The same row may follow itself.
 	std::vector<ActionRow> list(
 		const ActionFilter &filter, const std::string &more, const std::string &order, int64_t most)
 	{
 		const std::string answer = server_.ask("SELECT " + row_columns() + " FROM action" + conditions_of(filter) +
-			more + " ORDER BY " + order + " LIMIT 1 BY id LIMIT " + std::to_string(most) + " FORMAT RowBinary");
+			more + " ORDER BY " + order + " LIMIT " + std::to_string(most) + " FORMAT RowBinary");
 		std::vector<ActionRow> rows;
 		for (RowReader from(answer); !from.is_at_end();) rows.push_back(read_row(from));
 		return rows;

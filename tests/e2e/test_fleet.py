@@ -18,12 +18,14 @@ HERE = socket.gethostname()
 
 
 class Fleet:
-    def __init__(self, server, shards, sample):
+    def __init__(self, server, shards):
         self.server, self.shards, self.reals = server, shards, []
         # Hosts are spread by this hash: another than ours lands on the other shard.
         shard = lambda host: server.ask(f"SELECT cityHash64('{host}') % 2")
         self.hosts = HERE, next(host for host in map("web-{}".format, range(50)) if shard(host) != shard(HERE))
-        cluster = ["cluster = fleet"] if shards > 1 else []
+
+    def fill(self, sample):
+        server, cluster = self.server, ["cluster = fleet"] if self.shards > 1 else []
         for host in self.hosts:
             real = Real(Site())
             self.reals.append(real)
@@ -66,9 +68,12 @@ class Fleet:
 @pytest.fixture(scope="module", params=[1, 2], ids=["one server", "two shards"])
 def fleet(request, sample_store):
     with contextmanager(running)(request.param) as server:
-        found = Fleet(server, request.param, sample_store)
-        yield found
-        found.close()
+        found = Fleet(server, request.param)
+        try:
+            found.fill(sample_store)
+            yield found
+        finally:
+            found.close()
 
 
 def plain(value):
@@ -98,7 +103,7 @@ QUESTIONS = [
     *[(AFTERNOON, "top", "--by", kind, "--sort", order, "-n", "4") for kind, order in zip((*KINDS[:6], "action"), (*ORDERS, "errors"))],
     (DAY, "top", "--app", "Shop", "--name", "*[c-p]*"), (LATE, "queries", "--app", "Stock"), (DAY, "queries", "--sort", "statements"),
     (DAY, "errors"), (LATE, "errors", "--name", "*o*"),
-    (LATE, "show", "-n", "3000"), (DAY, "show", "--sort", "duration"), (DAY, "show", "--errors"), (DAY, "show", "--path", "/*[a-m]?t*"),
+    (DAY, "show", "-n", "5000"), (DAY, "show", "--sort", "duration"), (DAY, "show", "--errors"), (DAY, "show", "--path", "/*[a-m]?t*"),
     (AFTERNOON, "show", "--slower-than", "200ms", "--app", "Shop"), (DAY, "show", "--name", "*art*")]
 
 
