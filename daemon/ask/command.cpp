@@ -40,7 +40,8 @@ void require_host(Reader &store, const std::string &name)
 		if (known == name) return;
 		names += (names.empty() ? "" : ", ") + known;
 	}
-	throw std::runtime_error("the store has nothing of a host \"" + name + "\"; it has: " + (names.empty() ? "nothing yet" : names));
+	throw std::runtime_error(
+		"the store has nothing of a host \"" + name + "\"; it has: " + (names.empty() ? "nothing yet" : names));
 }
 
 void set_examples(CLI::App &command, std::initializer_list<Example> examples)

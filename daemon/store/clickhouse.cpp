@@ -13,18 +13,18 @@ namespace quorbit {
 namespace {
 
 constexpr long connect_ms = 3000;
-constexpr size_t most_message = 300;             // of what a server says of a failure
-constexpr size_t most_answer = size_t{16} << 20; // what is asked for here takes less than 1 MiB
+constexpr size_t most_message = 300; // of what a server says of a failure
 
 struct Answer {
-	std::string body;
+	const size_t most;
+	std::string body = {};
 	bool too_long = false;
 };
 
 size_t take(char *bytes, size_t, size_t length, void *into)
 {
 	auto &answer = *static_cast<Answer *>(into);
-	if (answer.body.size() + length > most_answer) {
+	if (answer.body.size() + length > answer.most) {
 		answer.too_long = true;
 		return 0;
 	}
@@ -106,8 +106,9 @@ struct ClickHouse::Request {
 	bool compressed = false;
 };
 
-ClickHouse::ClickHouse(StoreUrl url, std::chrono::seconds most_time, const std::atomic<bool> *stopping)
-	: url_(std::move(url)), most_time_(most_time), stopping_(stopping)
+ClickHouse::ClickHouse(
+	StoreUrl url, std::chrono::seconds most_time, const std::atomic<bool> *stopping, size_t most_answer)
+	: url_(std::move(url)), most_time_(most_time), stopping_(stopping), most_answer_(most_answer)
 {
 	static std::once_flag once;
 	std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -132,7 +133,7 @@ std::string ClickHouse::send_to(size_t host, const Request &request)
 	if (!url_.user.empty()) headers.add("X-ClickHouse-User: " + url_.user);
 	if (!url_.password.empty()) headers.add("X-ClickHouse-Key: " + url_.password);
 	if (request.compressed) headers.add("Content-Encoding: gzip");
-	Answer answer;
+	Answer answer{most_answer_};
 	curl_easy_setopt(curl, CURLOPT_URL, address.c_str());
 	curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
 	curl_easy_setopt(curl, CURLOPT_NOPROXY, "*"); // the daemon has the environment of whatever PHP started it
@@ -150,7 +151,9 @@ std::string ClickHouse::send_to(size_t host, const Request &request)
 		curl_easy_setopt(curl, CURLOPT_XFERINFODATA, const_cast<std::atomic<bool> *>(stopping_));
 	}
 	const CURLcode code = curl_easy_perform(curl);
-	if (answer.too_long) throw ClickHouseError(server + ": the answer is larger than 16 MiB", true);
+	if (answer.too_long)
+		throw ClickHouseError(
+			server + ": the answer is larger than " + std::to_string(most_answer_ >> 20) + " MiB", true);
 	if (code != CURLE_OK) {
 		curl_off_t connected_us = 0;
 		curl_easy_getinfo(curl, CURLINFO_PRETRANSFER_TIME_T, &connected_us);

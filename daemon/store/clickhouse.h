@@ -44,8 +44,10 @@ private:
 class ClickHouse {
 public:
 	// `stopping` ends a call that is under way, once it is true; it must outlive this object. `most_time` is what a
-	// call may take; connecting to one of the hosts 3 s.
-	explicit ClickHouse(StoreUrl url, std::chrono::seconds most_time, const std::atomic<bool> *stopping = nullptr);
+	// call may take; connecting to one of the hosts 3 s. `most_answer` bounds an answer, in bytes: all but readers ask
+	// for less than 1 MiB.
+	ClickHouse(StoreUrl url, std::chrono::seconds most_time, const std::atomic<bool> *stopping = nullptr,
+		size_t most_answer = size_t{16} << 20);
 	~ClickHouse();
 	ClickHouse(const ClickHouse &) = delete;
 	ClickHouse &operator=(const ClickHouse &) = delete;
@@ -69,6 +71,7 @@ private:
 	const StoreUrl url_;
 	const std::chrono::seconds most_time_;
 	const std::atomic<bool> *stopping_;
+	const size_t most_answer_;
 	size_t host_ = 0; // the one that answered last
 	void *curl_;      // kept for its connection
 };

@@ -17,6 +17,7 @@ namespace quorbit {
 namespace {
 
 constexpr std::chrono::seconds most_time(60);
+constexpr size_t most_answer = size_t{1} << 30; // sums of many hosts and days, in one answer
 constexpr int64_t page_rows = 2000;
 
 #define DURATION "ifNull(duration_us, duration_ms * 1000)"
@@ -98,7 +99,10 @@ ActionRow read_row(RowReader &from)
 
 class ClickHouseReader : public Reader {
 public:
-	explicit ClickHouseReader(const StoreUrl &url) : server_(url, most_time), identity_(fleet_identity(server_)) {}
+	explicit ClickHouseReader(const StoreUrl &url)
+		: server_(url, most_time, nullptr, most_answer), identity_(fleet_identity(server_))
+	{
+	}
 
 	void each_action(const ActionQuestion &question, const std::function<void(const ActionRow &)> &on_row) override
 	{
