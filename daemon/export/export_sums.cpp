@@ -151,8 +151,7 @@ private:
 		Statement select(store_.current(),
 			"SELECT kind, application, name, vendor, subject, verb, place, finding, suggestion, finding_ms, "
 			"error_class, message, first_ms, last_ms, caller FROM sum_key WHERE id = ?");
-		if (!select.bind(1, id).step()) // a number that no key has
-			return known->second = fleet_key_id(0, std::to_string(source_.number), std::to_string(id));
+		if (!select.bind(1, id).step()) return known->second = forgotten_key_id(source_.number, id);
 		known->second = fleet_key_id(select.integer(0), select.text(1), select.text(2));
 		RowWriter out = row();
 		out.number(static_cast<uint8_t>(select.integer(0)));

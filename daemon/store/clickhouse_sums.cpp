@@ -8,12 +8,14 @@
 
 #include <algorithm>
 #include <set>
+#include <tuple>
 
 namespace quorbit {
 
 namespace {
 
-constexpr size_t most_listed = 5000; // numbers in a statement, which may have 256 KiB
+constexpr size_t most_listed = 5000;   // numbers in a statement, which may have 256 KiB
+constexpr int64_t most_rows = 500'000; // in an answer, of some 100 bytes each; a minute or hour is never divided
 
 // Calls `ask` with parts of the numbers, as "1,2,3".
 template <typename Ask>
@@ -54,12 +56,14 @@ std::string host_condition(const std::string &host)
 	return host.empty() ? "" : " AND host = " + quoted(host);
 }
 
-// The keys that a filter lets through. 0 is one that is not known any more.
+// The keys that a filter lets through.
 class ClickHouseSums::KeySet {
 public:
 	KeySet(ClickHouse &server, KeyKind kind, const SumFilter &filter)
-		: all_(filter.application.empty() && filter.name_glob.empty() && filter.id == 0)
+		: all_(filter.application.empty() && filter.name_glob.empty())
 	{
+		if (all_ && filter.id) ids_.insert(filter.id);
+		if (all_) return;
 		const std::string answer = server.ask(
 			"SELECT DISTINCT toInt64(id), name FROM sum_key WHERE kind = " + std::to_string(static_cast<int>(kind)) +
 			(filter.application.empty() ? "" : " AND application = " + quoted(filter.application)) +
@@ -73,12 +77,11 @@ public:
 		}
 	}
 
-	bool knows(int64_t id) const { return ids_.contains(id); }
-	bool lets_through(int64_t id) const { return all_ || knows(id); }
+	bool lets_through(int64_t id) const { return (all_ && ids_.empty()) || ids_.contains(id); }
 	// What the server need not send: " AND key IN (...)" of a column, where that is short.
 	std::string condition(const char *column) const
 	{
-		if (all_ || ids_.size() > most_listed) return "";
+		if ((all_ && ids_.empty()) || ids_.size() > most_listed) return "";
 		std::string list = "0";
 		for (int64_t id : ids_) list += "," + std::to_string(id);
 		return std::string(" AND ") + column + " IN (" + list + ")";
@@ -121,16 +124,68 @@ const std::string &ClickHouseSums::host_of(int64_t source)
 	return hosts_[source];
 }
 
-// Rows of key, time, store and sums.
-void ClickHouseSums::each_in(
-	const std::string &sql, int64_t unit_ms, const KeySet &keys, const std::function<void(const FoundSums &)> &on_row)
+// Rows of a table that belong to an answer: those of times from <= time < until that `where` lets through.
+struct ClickHouseSums::Rows {
+	const char *table, *key, *time; // the columns' names
+	int64_t from, until, unit_ms;
+	std::string where; // each condition after " AND "
+
+	std::string condition(int64_t first, int64_t end) const
+	{
+		return std::string(" FROM ") + table + " WHERE " + time + " >= " + std::to_string(first) + " AND " + time +
+			" < " + std::to_string(end) + where + days_condition({first * unit_ms, end * unit_ms - 1});
+	}
+};
+
+// As much of the time at once as has not too many rows.
+void ClickHouseSums::each_in(const Rows &rows, const KeySet &keys, const std::function<void(const FoundSums &)> &on_row)
 {
-	const std::string answer = server_.ask(sql);
+	const std::string time = rows.time;
+	const std::string answer = server_.ask("SELECT toInt64(" + time + "), toInt64(count())" +
+		rows.condition(rows.from, rows.until) + " GROUP BY " + time + " ORDER BY " + time + " FORMAT RowBinary");
+	int64_t from = rows.from, count = 0;
 	for (RowReader row(answer); !row.is_at_end();) {
-		const auto id = row.number<int64_t>(), time = row.number<int64_t>(), source = row.number<int64_t>();
+		const auto at = row.number<int64_t>(), more = row.number<int64_t>();
+		if (count > 0 && count + more > most_rows) {
+			each_between(rows, from, at, keys, on_row);
+			from = at;
+			count = 0;
+		}
+		count += more;
+	}
+	if (count > 0) each_between(rows, from, rows.until, keys, on_row);
+}
+
+// Of each row the last that was sent, found here: the server takes ten times as long to group them.
+void ClickHouseSums::each_between(const Rows &rows, int64_t from, int64_t until, const KeySet &keys,
+	const std::function<void(const FoundSums &)> &on_row)
+{
+	struct Row {
+		int64_t key;
+		uint32_t time, source;
+		uint64_t version;
+		std::string_view sums;
+	};
+	const std::string key = rows.key, time = rows.time;
+	const std::string answer = server_.ask(
+		"SELECT " + key + ", " + time + ", source, version, sums" + rows.condition(from, until) + " FORMAT RowBinary");
+	std::vector<Row> found;
+	for (RowReader row(answer); !row.is_at_end();) {
+		const auto id = static_cast<int64_t>(row.number<uint64_t>());
+		const auto at = row.number<uint32_t>(), source = row.number<uint32_t>();
+		const auto version = row.number<uint64_t>();
 		const std::string_view sums = row.text();
-		if (!keys.lets_through(id)) continue;
-		on_row({keys.knows(id) ? id : 0, time * unit_ms, unit_ms, sums, host_of(source)});
+		if (keys.lets_through(id)) found.push_back({id, at, source, version, sums});
+	}
+	auto place = [](const Row &row) { return std::tie(row.key, row.time, row.source); };
+	std::sort(found.begin(), found.end(), [place](const Row &a, const Row &b) {
+		return std::tuple_cat(place(a), std::tie(a.version)) < std::tuple_cat(place(b), std::tie(b.version));
+	});
+	for (size_t i = 0; i < found.size(); i++) {
+		const Row &row = found[i];
+		if (i + 1 < found.size() && place(row) == place(found[i + 1])) continue;
+		on_row({is_forgotten(row.key) ? 0 : row.key, row.time * rows.unit_ms, rows.unit_ms, row.sums,
+			host_of(row.source)});
 	}
 }
 
@@ -139,24 +194,21 @@ void ClickHouseSums::each(
 {
 	const KeySet keys(server_, kind, filter);
 	const std::string of_kind = " AND kind = " + std::to_string(static_cast<int>(kind));
-	auto sql = [&](const std::string &table, const std::string &key, const std::string &time, int64_t from,
-				   int64_t until, int64_t unit_ms, const std::string &which) {
-		return "SELECT toInt64(" + key + "), toInt64(" + time + "), toInt64(source), argMax(sums, version) FROM " +
-			table + " WHERE " + time + " >= " + std::to_string(from) + " AND " + time + " < " + std::to_string(until) +
-			which + days_condition({from * unit_ms, until * unit_ms}) + host_condition(filter.host) +
-			keys.condition(key.c_str()) + " GROUP BY " + key + ", " + time + ", source FORMAT RowBinary";
-	};
+	const std::string of_host = host_condition(filter.host);
 	if (filter.within) {
 		const std::string within = std::to_string(filter.within);
 		const bool actions = kind == KeyKind::action;
+		const char *key = actions ? "action" : "part";
 		const std::string which = actions ? " AND part = " + within : " AND action = " + within + of_kind;
-		return each_in(sql("use_hour", actions ? "action" : "part", "hour", plan.range().from_ms / hour_ms,
-						   ceil_to(plan.range().until_ms, hour_ms) / hour_ms, hour_ms, which),
-			hour_ms, keys, on_row);
+		return each_in(
+			{"use_hour", key, "hour", plan.range().from_ms / hour_ms, ceil_to(plan.range().until_ms, hour_ms) / hour_ms,
+				hour_ms, which + of_host + keys.condition(key)},
+			keys, on_row);
 	}
+	const std::string where = of_kind + of_host + keys.condition("key");
 	for (const SumPart &part : plan.parts()) {
 		const char *table = part.hours ? "sum_hour" : "sum_minute", *time = part.hours ? "hour" : "minute";
-		each_in(sql(table, "key", time, part.from, part.until, part.unit_ms(), of_kind), part.unit_ms(), keys, on_row);
+		each_in({table, "key", time, part.from, part.until, part.unit_ms(), where}, keys, on_row);
 	}
 }
 

@@ -20,7 +20,9 @@ public:
 
 private:
 	class KeySet;
-	void each_in(const std::string &sql, int64_t unit_ms, const KeySet &keys,
+	struct Rows;
+	void each_in(const Rows &rows, const KeySet &keys, const std::function<void(const FoundSums &)> &on_row);
+	void each_between(const Rows &rows, int64_t from, int64_t until, const KeySet &keys,
 		const std::function<void(const FoundSums &)> &on_row);
 	const std::string &host_of(int64_t source);
 

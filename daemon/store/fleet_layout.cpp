@@ -101,6 +101,11 @@ int64_t fleet_key_id(int64_t kind, std::string_view application, std::string_vie
 	return static_cast<int64_t>(hash & ((uint64_t{1} << 53) - 1)) | 1; // 0 is none
 }
 
+int64_t forgotten_key_id(int64_t source, int64_t id)
+{
+	return fleet_key_id(0, std::to_string(source), std::to_string(id)) - 1;
+}
+
 uint16_t day_of(int64_t wall_ms)
 {
 	return static_cast<uint16_t>(std::clamp(wall_ms / day_ms, int64_t{0}, int64_t{UINT16_MAX}));

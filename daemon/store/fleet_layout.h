@@ -27,6 +27,12 @@ constexpr int64_t source_of(int64_t fleet_id)
 	return fleet_id >> action_id_bits;
 }
 int64_t fleet_key_id(int64_t kind, std::string_view application, std::string_view name);
+// That of a key which its store does not know any more: even, where all others are odd.
+int64_t forgotten_key_id(int64_t source, int64_t id);
+constexpr bool is_forgotten(int64_t key_id)
+{
+	return key_id % 2 == 0;
+}
 
 // Days since 1970, as a Date is kept.
 uint16_t day_of(int64_t wall_ms);
