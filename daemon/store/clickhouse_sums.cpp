@@ -45,9 +45,11 @@ std::string keys_sql(const std::string &ids)
 
 std::string days_condition(const TimeRange &range)
 {
+	constexpr int64_t far_ms = 4'102'444'800'000; // 2100-01-01; a Date ends a few years later
+	auto day = [](int64_t wall_ms) { return "'" + utc_time(wall_ms).substr(0, 10) + "'"; };
 	std::string sql;
-	if (range.from_ms > 0) sql += " AND day >= '" + utc_time(range.from_ms).substr(0, 10) + "'";
-	if (range.until_ms != INT64_MAX) sql += " AND day <= '" + utc_time(range.until_ms).substr(0, 10) + "'";
+	if (range.from_ms > 0) sql += " AND day >= " + day(std::min(range.from_ms, far_ms));
+	if (range.until_ms < far_ms) sql += " AND day <= " + day(std::max(range.until_ms, int64_t{0}));
 	return sql;
 }
 
