@@ -27,6 +27,7 @@ constexpr Route routes[] = {
 	{"compare", api_compare},
 	{"releases", api_releases},
 	{"services", api_services},
+	{"hosts", api_hosts},
 };
 
 // What is asked of one request: /requests/ID, /requests/ID/elements, ...

@@ -164,6 +164,11 @@ std::string api_services(Reader &store, const Parameters &parameters)
 	return json_text(service_map_json(service_map(store, filter)), false);
 }
 
+std::string api_hosts(Reader &store, const Parameters &)
+{
+	return json_text(Json(store.hosts()), false);
+}
+
 std::string api_key(Reader &store, std::string_view path, const Parameters &parameters)
 {
 	const size_t slash = path.find('/');

@@ -23,6 +23,7 @@ std::string api_series(Reader &store, const Parameters &parameters);
 std::string api_compare(Reader &store, const Parameters &parameters);
 std::string api_releases(Reader &store, const Parameters &parameters);
 std::string api_services(Reader &store, const Parameters &parameters);
+std::string api_hosts(Reader &store, const Parameters &parameters);
 // `path` is "KIND/ID". "" when there is no such key.
 std::string api_key(Reader &store, std::string_view path, const Parameters &parameters);
 

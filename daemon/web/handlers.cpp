@@ -112,7 +112,7 @@ private:
 	std::string about(const std::optional<Session> &session) const
 	{
 		const Json about = {{"version", product_version}, {"token", session ? Json(session->token) : Json()},
-			{"sample", served_.source.sample}};
+			{"sample", served_.source.sample}, {"fleet", !served_.source.config.store_url.empty()}};
 		return json_text(about, false);
 	}
 

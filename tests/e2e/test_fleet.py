@@ -6,13 +6,14 @@ from contextlib import contextmanager
 from datetime import datetime
 
 import pytest
+from selenium.webdriver.support.ui import Select
 
 from support.clickhouse import running
 from support.engines import Site
 from support.fake_daemon import wait_until
 from support.fleet import actions_of, all_arrives, arrived, configure, in_store, run, sums_arrive
 from support.local_daemon import Real
-from support.web import Web
+from support.web import Web, browser
 
 HERE = socket.gethostname()
 
@@ -163,6 +164,26 @@ def test_the_page_reads_it(fleet):
     finally:
         for page in pages:
             page.close()
+
+
+def test_the_page_is_of_all_hosts_or_of_the_one_that_is_chosen(fleet):
+    page, driver = Web(fleet.reals[0].site.root, "--store", fleet.server.url()), browser()
+    texts = lambda selector: driver.execute_script("return [...document.querySelectorAll(arguments[0])].map(found => found.innerText)", selector)
+    hosts = lambda: set(texts("main tbody td:nth-child(3)"))
+    try:
+        driver.get(page.link)
+        wait_until(lambda: texts("header option") == ["All hosts", *sorted(fleet.hosts)], "the hosts")
+        assert "Status" not in texts("nav a")                        # of one host alone
+        driver.get(page.origin + "/requests?n=2")
+        wait_until(lambda: hosts() == set(fleet.hosts), "requests of both")
+        Select(driver.find_element("css selector", "header select")).select_by_visible_text(HERE)
+        wait_until(lambda: hosts() == {HERE}, "requests of one")
+        driver.find_element("link text", "Queries").click()
+        wait_until(lambda: texts("h1") == ["Queries"], "the next view")
+        assert f"host={HERE}" in driver.current_url
+    finally:
+        driver.quit()
+        page.close()
 
 
 def test_shards_share_the_hosts(fleet):

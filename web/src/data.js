@@ -1,11 +1,13 @@
 // Asking the API from a view.
 import { useEffect, useState } from 'preact/hooks';
 import { get } from './api.js';
+import { chosenHost } from './router.js';
 
-// { data, error, loading }: the answer to a question, asked again when it changes, and every `every_ms` while the page is
-// seen. The former answer stays until the next one is there.
-export function useQuestion(path, parameters, every_ms = 0) {
+// { data, error, loading }: the answer to a question about the chosen host, asked again when it changes, and every `every_ms`
+// while the page is seen. The former answer stays until the next one is there.
+export function useQuestion(path, asked, every_ms = 0) {
   const [state, setState] = useState({ loading: true });
+  const parameters = { host: chosenHost(), ...asked };
   const question = path && JSON.stringify([path, parameters]);
   useEffect(() => {
     if (!question) return undefined;

@@ -4,8 +4,9 @@ import { render } from 'preact';
 import { useEffect, useState } from 'preact/hooks';
 import { get, order } from './api.js';
 import { html } from './html.js';
-import { go, useAddress } from './router.js';
+import { address, go, useAddress } from './router.js';
 import { zone } from './format.js';
+import { HostChoice } from './parts/host.js';
 import { beginWith } from './parts/range.js';
 import { Login } from './views/login.js';
 import { keyView } from './views/key.js';
@@ -20,7 +21,8 @@ import { Status } from './views/status.js';
 import { Requests } from './views/requests.js';
 import { Request } from './views/request.js';
 
-// Views by the first part of the path; those with a title stand in the navigation. The rest of the path is `id`.
+// Views by the first part of the path; those with a title stand in the navigation, but for what one host alone can tell where
+// the page reads the store of a fleet. The rest of the path is `id`.
 const views = [
   { path: 'overview', title: 'Overview', view: Overview },
   { path: 'now', title: 'Now', view: Now, one: NowOne },
@@ -29,16 +31,16 @@ const views = [
   { path: 'errors', title: 'Errors', view: Errors, one: keyView('error') },
   { path: 'services', title: 'Services', view: Services, one: keyView('external') },
   { path: 'compare', title: 'Compare', view: Compare },
-  { path: 'profiles', title: 'Profiles', view: Profiles, one: Profile },
-  { path: 'status', title: 'Status', view: Status },
-  { path: 'settings', title: 'Settings', view: Settings },
+  { path: 'profiles', title: 'Profiles', view: Profiles, one: Profile, ofOneHost: true },
+  { path: 'status', title: 'Status', view: Status, ofOneHost: true },
+  { path: 'settings', title: 'Settings', view: Settings, ofOneHost: true },
   { path: 'actions', one: keyView('action') },
   { path: 'caches', one: keyView('cache') },
 ];
 
 const titleOf = view => (view?.title ? `${view.title} – Quorbit` : 'Quorbit');
 
-function Frame({ sample, onLeave }) {
+function Frame({ about: { sample, fleet }, onLeave }) {
   const { path, parameters } = useAddress();
   const [, first, ...rest] = path.split('/');
   const view = views.find(entry => entry.path === first) ?? (first === '' || first === 'login' ? views[0] : undefined);
@@ -54,25 +56,26 @@ function Frame({ sample, onLeave }) {
   return html`
     <a class="skip" href="#main">Skip to content</a>
     <header>
-      <a class="brand" href="/">Quorbit</a>
+      <a class="brand" href=${address('/')}>Quorbit</a>
       <nav aria-label="Views">
-        ${views.filter(entry => entry.title).map(entry => html`<a key=${entry.path} href=${`/${entry.path}`} aria-current=${entry === view ? 'page' : undefined}>${entry.title}</a>`)}
+        ${views.filter(entry => entry.title && !(fleet && entry.ofOneHost)).map(entry => html`<a key=${entry.path} href=${address(`/${entry.path}`)} aria-current=${entry === view ? 'page' : undefined}>${entry.title}</a>`)}
       </nav>
       ${sample && html`<strong class="samplechip" title="Nobody runs this shop: quorbit web without --sample shows your own data">Sample data</strong>`}
+      ${fleet && html`<${HostChoice} path=${path} parameters=${parameters} />`}
       <span class="zone" title="Times are in this zone">${zone}</span>
       <button class="quiet" onClick=${leave}>Log out</button>
     </header>
     <main id="main" tabindex="-1">
-      ${View ? html`<${View} key=${path} id=${id} parameters=${parameters} />` : html`<h1>There is no such page</h1><p><a href="/">To the first one</a></p>`}
+      ${View ? html`<${View} key=${path} id=${id} parameters=${parameters} fleet=${fleet} />` : html`<h1>There is no such page</h1><p><a href="/">To the first one</a></p>`}
     </main>`;
 }
 
 function App() {
   const [session, setSession] = useState('asking');
-  const [sample, setSample] = useState(false);
-  const enter = ({ sample: made }) => {
-    if (made) beginWith('24h'); // the sample is of a day
-    setSample(made);
+  const [about, setAbout] = useState({});
+  const enter = told => {
+    if (told.sample) beginWith('24h'); // the sample is of a day
+    setAbout(told);
     setSession('open');
   };
   const ask = () => get('session').then(enter, error => setSession(error.status === 401 ? 'none' : error.message));
@@ -85,7 +88,7 @@ function App() {
   if (session === 'asking') return null;
   if (session === 'none') return html`<${Login} onEntry=${ask} />`;
   if (session !== 'open') return html`<main class="login"><h1>Quorbit</h1><p class="error" role="alert">${session}</p></main>`;
-  return html`<${Frame} sample=${sample} onLeave=${() => setSession('none')} />`;
+  return html`<${Frame} about=${about} onLeave=${() => setSession('none')} />`;
 }
 
 render(html`<${App} />`, document.getElementById('app'));

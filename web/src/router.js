@@ -5,10 +5,13 @@ const listeners = new Set();
 const tell = () => listeners.forEach(listener => listener());
 addEventListener('popstate', tell);
 
+// The host of a fleet that was chosen: it stays so from view to view.
+export const chosenHost = () => new URLSearchParams(location.search).get('host') ?? '';
+
 // The address of a path with these parameters; empty ones are left out.
 export function address(path, parameters = {}) {
   const query = new URLSearchParams();
-  for (const [name, value] of Object.entries(parameters)) if (value !== undefined && value !== null && value !== '') query.set(name, value);
+  for (const [name, value] of Object.entries({ host: chosenHost(), ...parameters })) if (value !== undefined && value !== null && value !== '') query.set(name, value);
   return path + (query.size ? `?${query}` : '');
 }
 

@@ -83,7 +83,7 @@ function Changes({ answer }) {
     <p class="dim">Slower and faster are what the ${answer.test} test finds at 1% over all keys together, with 20 samples or more on each side; of errors it is the ${answer.error_test} test of how often they come. ${count(answer.compared)} were in both${answer.too_few_samples > 0 && `, ${count(answer.too_few_samples)} too few times`}.</p>`;
 }
 
-export function Compare({ parameters }) {
+export function Compare({ parameters, fleet }) {
   const [marked, setMarked] = useState(0);
   const releases = useQuestion('releases', { app: parameters.app, marked });
   const newest = releases.data?.at(-1)?.name;
@@ -99,6 +99,6 @@ export function Compare({ parameters }) {
     ${refused ? html`<p class="state">${answer.error.message}</p>` : html`<${State} answer=${releases.error ? releases : answer}>${answer.data && html`
       <dl class="facts"><div><dt>Before</dt><dd>${fullTime(answer.data.before.from)} to ${fullTime(answer.data.before.until)}</dd></div><div><dt>After</dt><dd>${fullTime(answer.data.after.from)} to ${fullTime(answer.data.after.until)}</dd></div></dl>
       <${Ranges} answer=${answer.data} parameters=${parameters} />
-      <${Mark} onMarked=${() => setMarked(marked + 1)} />
+      ${!fleet && html`<${Mark} onMarked=${() => setMarked(marked + 1)} />`}
       <${Changes} answer=${answer.data} />`}<//>`}`;
 }

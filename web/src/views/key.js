@@ -38,7 +38,7 @@ function RelatedRows({ kind, rows, range }) {
 function Examples({ row, range }) {
   const asked = { app: row.application, name: exactly(row.name), n: 10, ...range };
   const slowest = useQuestion('requests', { ...asked, sort: 'duration' }), newest = useQuestion('requests', asked);
-  const list = (title, answer) => answer.data?.length > 0 && html`<section><h2>${title}</h2><table><tbody>${answer.data.map(request => html`<tr key=${request.id}><td><a href=${`/requests/${request.id}`}>${time(request.time)}</a></td><td class="number">${duration(request.duration_ms * 1000)}</td>
+  const list = (title, answer) => answer.data?.length > 0 && html`<section><h2>${title}</h2><table><tbody>${answer.data.map(request => html`<tr key=${request.id}><td><a href=${address(`/requests/${request.id}`)}>${time(request.time)}</a></td><td class="number">${duration(request.duration_ms * 1000)}</td>
     <td class="bar"><${LayerBar} entry=${request} /></td><td>${request.has_error && html`<span class="bad">Error</span>`}</td></tr>`)}</tbody></table></section>`;
   return html`<div class="columns">${list('Slowest requests', slowest)}${list('Newest requests', newest)}</div>`;
 }
@@ -56,7 +56,7 @@ export const keyView = kind => function Key({ id, parameters }) {
     ${row.finding && html`<div class="standsout"><b>Finding</b> ${row.finding}${row.suggestion && html`<div><b>Suggestion</b> <code>${row.suggestion}</code></div>`}</div>`}
     <${Facts} row=${row} />
     ${kind === 'action' && html`<div class="whereto"><${LayerBar} entry=${row} /><${LayerLegend} entry=${row} /></div>`}
-    ${row.slowest_id > 0 && html`<p>Examples: <a href=${`/requests/${row.slowest_id}`}>the slowest request</a>${row.newest_id > 0 && html`, <a href=${`/requests/${row.newest_id}`}>the newest</a>`}</p>`}
+    ${row.slowest_id > 0 && html`<p>Examples: <a href=${address(`/requests/${row.slowest_id}`)}>the slowest request</a>${row.newest_id > 0 && html`, <a href=${address(`/requests/${row.newest_id}`)}>the newest</a>`}</p>`}
     <${OverTime} series=${series.data} path=${`${path}/${id}`} parameters=${parameters} layered=${kind === 'action'} />
     ${kind === 'action' && html`<${HeatMap} points=${series.data.points.map(point => ({ ...point, at: Date.parse(point.at) }))} from=${Date.parse(series.data.from)} until=${Date.parse(series.data.until)} step=${series.data.step_ms} href=${toRequests} />`}
     ${Object.entries(row.related ?? {}).map(([name, rows]) => html`<${RelatedRows} key=${name} kind=${name} rows=${rows} range=${range} />`)}

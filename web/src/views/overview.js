@@ -24,6 +24,14 @@ function ActionRow({ row, whole, range }) {
     <td class="number wide">${duration(row.p95_us)}</td><td class="number">${row.errors ? html`<span class="bad">${count(row.errors)}</span>` : '0'}</td><td class="bar wide"><${LayerBar} entry=${row} /></td><td class="wide"><${Sparkline} trend=${row.trend} /></td></tr>`;
 }
 
+// The hosts of a fleet, the busiest first; each leads to what ran on it.
+function Hosts({ rows, whole, parameters }) {
+  if (rows.length < 2) return null;
+  return html`<h2>Hosts</h2><${Scroll} label="Hosts"><table><thead><tr><th>Host</th><th class="number">Time</th><th class="number wide">Share</th><th class="number">Count</th><th class="number wide">Average</th><th class="number wide">p95</th><th class="number">Errors</th><th class="wide">Where the time went</th></tr></thead>
+    <tbody>${rows.map(row => html`<tr key=${row.name}><td class="name"><a href=${address('/overview', { ...parameters, host: row.name })}>${row.name}</a></td><td class="number">${duration(row.total_us)}</td><td class="number wide">${share(row.total_us, whole)}</td><td class="number">${count(row.count)}</td>
+      <td class="number wide">${duration(row.average_us)}</td><td class="number wide">${duration(row.p95_us)}</td><td class="number">${row.errors ? html`<span class="bad">${count(row.errors)}</span>` : '0'}</td><td class="bar wide"><${LayerBar} entry=${row} /></td></tr>`)}</tbody></table><//>`;
+}
+
 // Hosts with their pools: how much of each was at work.
 function Machines({ machines }) {
   if (!machines?.length) return null;
@@ -39,7 +47,7 @@ export function Overview({ parameters }) {
   const series = useQuestion('series', { by: 'application', app, ...range }, LIVE_MS);
   const top = useQuestion('top', { by: 'action', app, n: 50, ...range }, LIVE_MS);
   const applications = useQuestion('top', { by: 'application', ...range }, LIVE_MS);
-  const hosts = useQuestion('top', { by: 'host', ...range }, LIVE_MS);
+  const hosts = useQuestion('top', { by: 'host', app, ...range }, LIVE_MS);
   const answer = [series, top, applications].find(({ error }) => error) ?? [series, top, applications].find(({ data }) => !data) ?? top;
   const all = top.data?.all;
   const empty = all && !all.count && html`<p>No request in this range.</p><p>Choose a longer one, or send a request to an application with the agent loaded. <code>quorbit status</code> says what to check when nothing comes.</p>`;
@@ -56,6 +64,7 @@ export function Overview({ parameters }) {
       <${Scroll} label="Actions"><table><thead><tr><th>Action</th><th class="wide">Application</th><th class="number">Time</th><th class="number wide">Share</th><th class="number">Count</th><th class="number wide">Average</th><th class="number wide">p95</th><th class="number">Errors</th><th class="wide">Where the time went</th><th class="wide">Trend</th></tr></thead>
         <tbody>${top.data.rows.map(row => html`<${ActionRow} key=${`${row.id} ${row.application}`} row=${row} whole=${all.total_us} range=${range} />`)}</tbody></table><//>
       ${top.data.left_out > 0 && html`<p class="dim">and ${count(top.data.left_out)} more</p>`}
+      ${hosts.data && html`<${Hosts} rows=${hosts.data.rows} whole=${all.total_us} parameters=${parameters} />`}
       <${Machines} machines=${hosts.data?.machine} />`}
     <//>`;
 }

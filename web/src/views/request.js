@@ -54,6 +54,7 @@ function Facts({ request }) {
   return html`<dl class="facts">
     <${Fact} name="Took"><b>${duration(durationOf(request))}</b><//>
     <${Fact} name="Application"><a href=${address('/requests', { app: request.application })}>${request.application || '(no name)'}</a><//>
+    ${request.host_name && html`<${Fact} name="Host"><a href=${address('/requests', { host: request.host_name })}>${request.host_name}</a><//>`}
     <${Fact} name="At">${fullTime(request.time)}<//>
     <${Fact} name="Status">${request.status ?? '–'}${request.has_error && html` <span class="bad">Error</span>`}<//>
     ${request.uri && html`<${Fact} name="URI">${request.method} ${request.uri}<//>`}
@@ -110,14 +111,14 @@ function Chosen({ run, related }) {
   const callee = node.callee && related.find(entry => entry.relation !== 'caller' && entry.trace_id === node.callee.trace_id);
   return html`<aside class="chosen" aria-label="The selected call">
     <h2 class="text">${node.label}</h2>
-    ${node.request !== undefined && html`<p>Inside <a href=${`/requests/${node.request}`}>the called application ${node.application}</a></p>`}
+    ${node.request !== undefined && html`<p>Inside <a href=${address(`/requests/${node.request}`)}>the called application ${node.application}</a></p>`}
     ${node.name && node.call && html`<p class="dim text">${node.call}</p>`}
     <dl class="facts"><${Fact} name="Took">${runLabel(run)}<//><${Fact} name="Own time">${milliseconds(run.reduce((sum, { own }) => sum + own, 0))}<//>
       <${Fact} name="From">${milliseconds(node.start_ms)}<//><${Fact} name="Layer"><i class=${`swatch layer-${node.layer}`}></i>${layerName(node.layer)}<//></dl>
     ${node.place && html`<p>at <b class="text">${node.place}</b></p>`}
     ${node.sql && html`<${Sql} text=${run.length > 1 ? node.kind : node.sql} /><p><${Copy} text=${() => node.sql}>Copy the statement<//></p>`}
     ${node.url && html`<p class="text">${node.url}</p>`}
-    ${node.callee && html`<p>Called ${callee ? html`<a href=${`/requests/${callee.id}`}>${actionName(node.callee.action)}</a>` : actionName(node.callee.action)}, which took ${milliseconds(node.callee.duration_ms)}</p>`}
+    ${node.callee && html`<p>Called ${callee ? html`<a href=${address(`/requests/${callee.id}`)}>${actionName(node.callee.action)}</a>` : actionName(node.callee.action)}, which took ${milliseconds(node.callee.duration_ms)}</p>`}
     <${Plan} plan=${node.plan} finding=${node.finding} />
     <${Stack} frames=${node.stack} />
   </aside>`;
@@ -125,8 +126,8 @@ function Chosen({ run, related }) {
 
 function Related({ related }) {
   if (!related.length) return null;
-  return html`<section><h2>Same transaction</h2><${Scroll} label="Actions of the same transaction"><table><tbody>${related.map(entry => html`<tr key=${entry.id}><td>${entry.relation}</td><td><a href=${`/requests/${entry.id}`}>${actionName(entry.action)}</a></td>
-    <td>${entry.application}</td><td class="number">${duration(entry.duration_ms * 1000)}</td><td class="bar"><${LayerBar} entry=${entry} /></td></tr>`)}</tbody></table><//></section>`;
+  return html`<section><h2>Same transaction</h2><${Scroll} label="Actions of the same transaction"><table><tbody>${related.map(entry => html`<tr key=${entry.id}><td>${entry.relation}</td><td><a href=${address(`/requests/${entry.id}`)}>${actionName(entry.action)}</a></td>
+    ${entry.host_name && html`<td class="name">${entry.host_name}</td>`}<td>${entry.application}</td><td class="number">${duration(entry.duration_ms * 1000)}</td><td class="bar"><${LayerBar} entry=${entry} /></td></tr>`)}</tbody></table><//></section>`;
 }
 
 function Tabs({ tabs, chosen, onChoose }) {
@@ -148,7 +149,7 @@ function Whole({ request, nodes, withHalves, groups, parameters }) {
   const choose = next => go(address(location.pathname, { tab: next === tabs[0][0] ? '' : next }), { replace: true });
   const frames = useMemo(() => mergedFrames(nodes), [nodes]);
   return html`
-    <nav class="crumbs" aria-label="Path"><a href="/requests">Requests</a> › <a href=${address('/requests', { app: request.application })}>${request.application || '(no name)'}</a> › <span>${request.id}</span></nav>
+    <nav class="crumbs" aria-label="Path"><a href=${address('/requests')}>Requests</a> › <a href=${address('/requests', { app: request.application })}>${request.application || '(no name)'}</a> › <span>${request.id}</span></nav>
     <div class="title"><h1 class="text">${actionName(request.action)}</h1>
       <span class="actions"><${Copy} text=${() => location.href}>Copy link<//>
         <${Download} href=${apiUrl(`requests/${request.id}`)} name=${`request-${request.id}.json`}>JSON<//>

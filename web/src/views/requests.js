@@ -12,13 +12,14 @@ const LIVE_MS = 5000;
 
 const durationOf = row => row.database_us + row.cache_us + row.external_us + row.code_us || row.duration_ms * 1000;
 
-function Row({ row, longest }) {
+function Row({ row, longest, fleet }) {
   const us = durationOf(row);
   return html`<tr>
-    <td class="number wide"><a href=${`/requests/${row.id}`}>${row.id}</a></td>
+    <td class="number wide"><a href=${address(`/requests/${row.id}`)}>${row.id}</a></td>
     <td>${time(row.time)}</td>
+    ${fleet && html`<td class="name"><a href=${address('/requests', { host: row.host_name })}>${row.host_name}</a></td>`}
     <td class="wide"><a href=${address('/requests', { app: row.application })}>${row.application || '(no name)'}</a></td>
-    <td class="name"><a href=${`/requests/${row.id}`}>${actionName(row.action)}</a>${row.path && html` <span class="dim">${row.path}</span>`}</td>
+    <td class="name"><a href=${address(`/requests/${row.id}`)}>${actionName(row.action)}</a>${row.path && html` <span class="dim">${row.path}</span>`}</td>
     <td class="number">${duration(us)}</td>
     <td class="bar wide"><span class="length" style=${{ width: `${Math.max(2, 100 * us / longest)}%` }}><${LayerBar} entry=${row} /></span></td>
     <td class="number wide">${row.statement_count === null ? '–' : count(row.statement_count)}</td>
@@ -33,7 +34,7 @@ const narrowings = [
   ['faster', value => `below ${duration(Number(value))}`], ['errors', () => 'with errors'], ['sort', () => 'slowest first'],
 ];
 
-export function Requests({ parameters }) {
+export function Requests({ parameters, fleet }) {
   const { n = '100', ...asked } = parameters;
   const { app } = parameters;
   const answer = useQuestion('requests', { ...asked, n }, LIVE_MS);
@@ -49,8 +50,8 @@ export function Requests({ parameters }) {
     <${State} answer=${answer} empty=${rows.length === 0 && html`<p>No request in this range.</p>
       <p>Choose a longer one, or send a request to an application with the agent loaded. <code>quorbit status</code> says what to check when nothing comes.</p>`}>
       <${Scroll} label="List of requests"><table>
-        <thead><tr><th class="number wide">Id</th><th>Time</th><th class="wide">Application</th><th>Action</th><th class="number">Took</th><th class="wide">Where the time went</th><th class="number wide">SQL</th><th class="number wide">Status</th><th><span class="hidden">Error</span></th></tr></thead>
-        <tbody>${rows.map(row => html`<${Row} key=${row.id} row=${row} longest=${longest} />`)}</tbody>
+        <thead><tr><th class="number wide">Id</th><th>Time</th>${fleet && html`<th>Host</th>`}<th class="wide">Application</th><th>Action</th><th class="number">Took</th><th class="wide">Where the time went</th><th class="number wide">SQL</th><th class="number wide">Status</th><th><span class="hidden">Error</span></th></tr></thead>
+        <tbody>${rows.map(row => html`<${Row} key=${row.id} row=${row} longest=${longest} fleet=${fleet} />`)}</tbody>
       </table><//>
       ${rows.length >= Number(n) && html`<p><a href=${address('/requests', { ...parameters, n: Math.min(1000, n * 5) })}>Show more</a></p>`}
     <//>`;
