@@ -44,6 +44,7 @@ class Fleet:
         counted = lambda *more: self.json("top", *self.range("begin", "now"), *more)["all"]["count"]
         for host, real in zip(self.hosts, self.reals):
             wait_until(lambda: counted(*self.of(host)) == actions_of(real)[0], "the sums of the last minute", 60)
+            sums_arrive(real, server, host)                         # tables are sent one after the other
             real.stop()
 
     def range(self, since, until):
@@ -92,6 +93,8 @@ def plain(value):
         found["id"] %= 2 ** 36
     else:
         found.pop("id", None)
+    if str(found.get("name")).startswith("PHP/NULL"):                # of the last script, which the other host may run a minute later
+        found.pop("last_seen", None)
     return found
 
 
