@@ -25,7 +25,7 @@ import { Request } from './views/request.js';
 // the page reads the store of a fleet. The rest of the path is `id`.
 const views = [
   { path: 'overview', title: 'Overview', view: Overview },
-  { path: 'now', title: 'Now', view: Now, one: NowOne },
+  { path: 'now', title: 'Now', view: Now, one: NowOne, ofOneHost: true },
   { path: 'requests', title: 'Requests', view: Requests, one: Request },
   { path: 'queries', title: 'Queries', view: Queries, one: keyView('query') },
   { path: 'errors', title: 'Errors', view: Errors, one: keyView('error') },
