@@ -47,10 +47,8 @@ def sums_arrive(real, server, host="web-1"):
         wait_until(lambda: int(server.ask(sent)) == stored() > 0, f"the rows of {table}", 60)
 
 
-@pytest.fixture(scope="module")
-def sample_store(tmp_path_factory):
-    """The store of a day of two applications."""
-    path = tmp_path_factory.mktemp("sample") / "quorbit.db"
+def copy_sample_store(path):
+    """The store of a day of two applications, at that path."""
     with subprocess.Popen([QUORBIT, "web", "--sample", "--listen", f"unix:{path.parent}/socket"], stderr=subprocess.PIPE,
                           stdout=subprocess.DEVNULL, text=True) as web:
         try:
@@ -61,3 +59,8 @@ def sample_store(tmp_path_factory):
         finally:
             web.terminate()
     return path
+
+
+@pytest.fixture(scope="module")
+def sample_store(tmp_path_factory):
+    return copy_sample_store(tmp_path_factory.mktemp("sample") / "quorbit.db")
