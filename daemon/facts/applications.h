@@ -14,9 +14,9 @@ struct Applications {
 	int64_t minute_days = 3, hour_days = 90; // how long these are kept
 	// Where all of it is sent as well, "" for nowhere (docs/fleet.md).
 	std::string store_url, store_password_file;
-	std::string host_name;                                 // under which, "" for the host's own
-	std::string cluster;                                   // of the servers there, "" for none
-	int64_t store_seconds = 10;                            // between batches
+	std::string host_name;      // under which, "" for the host's own
+	std::string cluster;        // of the servers there, "" for none
+	int64_t store_seconds = 10; // between batches
 	// Where spans and metrics go (docs/otlp.md), "" for nowhere.
 	std::string otlp_url, otlp_headers, otlp_format = "protobuf", otlp_send = "all", otlp_functions = "yes";
 	std::string metrics_listen;                            // where Prometheus finds /metrics, "" for nowhere
