@@ -51,7 +51,7 @@ size_t most_connections()
 {
 	struct rlimit limit;
 	getrlimit(RLIMIT_NOFILE, &limit);
-	return limit.rlim_cur - std::min(limit.rlim_cur / 2, own_descriptors);
+	return std::max(limit.rlim_cur, 2 * own_descriptors) - own_descriptors;
 }
 
 bool begins_with_query(int descriptor)

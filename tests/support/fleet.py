@@ -34,8 +34,7 @@ def arrived(server, host=None):
 
 
 def all_arrives(real, server, timeout=60, host=None):
-    wait_until(lambda: arrived(server, host)[1] >= actions_of(real)[1], "the actions to arrive", timeout)
-    assert arrived(server, host) == actions_of(real)
+    wait_until(lambda: arrived(server, host) == actions_of(real), "each action to arrive, and none twice", timeout)
 
 
 def sums_arrive(real, server, host="web-1"):
