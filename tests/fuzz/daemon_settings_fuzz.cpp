@@ -1,5 +1,5 @@
 // The files that the local daemon reads: its configuration, and the operator's settings with what agents are answered from them.
-// sources: daemon/base/config.cpp daemon/base/store_url.cpp daemon/base/files.cpp daemon/facts/applications.cpp daemon/base/log.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/facts/wire.cpp
+// sources: daemon/base/config.cpp daemon/base/address.cpp daemon/base/store_url.cpp daemon/base/files.cpp daemon/facts/applications.cpp daemon/base/log.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/facts/wire.cpp
 #include <stdexcept>
 
 #include "facts/applications.h"
