@@ -33,7 +33,7 @@ struct HeaderList {
 	void add(const std::string &line) { list = curl_slist_append(list, line.c_str()); }
 };
 
-// As the specification lists them: https://opentelemetry.io/docs/specs/otlp/#retryable-response-codes
+// The retryable codes of OTLP over HTTP: https://opentelemetry.io/docs/specs/otlp/#retryable-response-codes
 bool may_be_tried(long status)
 {
 	return status == 429 || status == 502 || status == 503 || status == 504;

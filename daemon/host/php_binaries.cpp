@@ -34,8 +34,8 @@ constexpr const char *usual_folders[] = {
 	"/opt/*/sbin",
 	"/opt/*/php/*/bin",
 	"/opt/*/php/*/sbin",
-	"/opt/*/*php*/root/usr/bin",
-	"/opt/*/*php*/root/usr/sbin",
+	"/opt/*/*php*/*/usr/bin",
+	"/opt/*/*php*/*/usr/sbin",
 };
 constexpr const char *usual_modules[] = {
 	"/usr/lib/apache2/modules/libphp*.so",
