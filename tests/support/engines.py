@@ -71,8 +71,8 @@ class Timed(subprocess.Popen):
     held_up_ms = 0
 
     def __init__(self, *arguments, **options):
+        self.started = time.monotonic()          # before there is a process that could wait for a processor
         super().__init__(*arguments, **options)
-        self.started = time.monotonic()
 
     def wait(self, timeout=None):
         if self.returncode is None:
