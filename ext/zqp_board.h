@@ -8,10 +8,11 @@
 #include "zqp_board_layout.h"
 #include "zqp_helper.h"
 
-/* ---- zqp_board_file.cpp: the mapping ---- */
+/* ---- zqp_board_slot.cpp: whose place is where ---- */
 
 /* The slot of the calling thread, taken at its first call; null: no board, or none that is sound, or it is full. A
- * board that is absent or full is looked for again after a minute; what is amiss is logged once per process. */
+ * board that is absent is looked for again after a second, a full one after ten; one that the daemon has closed, or
+ * that is not sound any more, is left for the next. What is amiss is logged once per process. */
 zq_board_slot *zq_board_take_slot(TSRMLS_D);
 /* Gives back the thread's slot; from any thread. */
 void zq_board_leave(zend_zqprof_globals *g);

@@ -1,5 +1,6 @@
-/* The board's mapping: found and checked once per process, a slot for each thread. The file is one that others may
- * write and cut short; a page that is gone becomes one of our own, so that nobody can end this process by it. */
+/* The board's mapping: found and checked, shared by the threads of the process, left for a new one. The file is one
+ * that others may write and cut short; a page that is gone becomes one of our own, so that nobody can end this process
+ * by it. */
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -8,46 +9,69 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <charconv>
 
-#include "zqp_board.h"
+#include "zqp_board_file.h"
 #include "zqp_debug.h"
 #include "zqp_lock.h"
 #include "zqprof_settings.h"
 
-static const int64_t RETRY_S = 60;
+static const int64_t LOOK_S = 1; /* between looks for a board */
 
-/* Behind the process lock until `at` is set, and never changed again. */
+zq_board_mapping zq_board_mappings[ZQ_BOARD_MAPPINGS];
+static zq_board_mapping *g_board; /* the present one; null: there is none */
+
+/* Of the process whose zq_process_number() is one less; read while a thread has a slot, written before that. */
 static struct {
-	char *at;
-	size_t size;
-	uint64 started_ticks; /* of the process that has the number `process` */
-	unsigned process;
-} g_board;
-static volatile sig_atomic_t g_board_is_lost; /* it has been cut short */
+	uint64 started_ticks;
+	unsigned number;
+} g_process;
+static int g_has_guard; /* the handler of SIGBUS has been set, once */
 static struct sigaction g_earlier_handler;
-static int64_t g_tried_s; /* when the board was last looked for, or for a free slot; 0: never */
-static int g_told;        /* that something is amiss */
+static int64_t g_looked_s; /* when the board was last looked for; 0: it is due */
 
-__attribute__((format(printf, 1, 2))) static void tell_once(const char *format, ...)
-{
+/* The first fault that this process meets; logged by zq_board_tell(), since nothing is logged under the lock. */
+enum { FAULT_NONE, FAULT_BEING_NOTED, FAULT_NOTED, FAULT_TOLD };
+static struct {
+	int state;
 	char text[512];
+} g_fault;
+
+__attribute__((format(printf, 1, 2))) void zq_board_note(const char *format, ...)
+{
+	int none = FAULT_NONE;
 	va_list args;
-	if (__atomic_exchange_n(&g_told, 1, __ATOMIC_ACQ_REL)) {
+	if (!__atomic_compare_exchange_n(
+			&g_fault.state, &none, FAULT_BEING_NOTED, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
 		return;
 	}
 	va_start(args, format);
-	vsnprintf(text, sizeof(text), format, args);
+	vsnprintf(g_fault.text, sizeof(g_fault.text), format, args);
 	va_end(args);
-	ZQ_LOG(ZQ_LOG_WARNING, "%s", text);
+	__atomic_store_n(&g_fault.state, FAULT_NOTED, __ATOMIC_RELEASE);
+}
+
+void zq_board_tell(void)
+{
+	int noted = FAULT_NOTED;
+	if (__atomic_compare_exchange_n(&g_fault.state, &noted, FAULT_TOLD, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+		ZQ_LOG(ZQ_LOG_WARNING, "%s", g_fault.text);
+	}
 }
 
 /* ---- a file that is cut short ---- */
 
-static bool is_in_board(const siginfo_t *info)
+static zq_board_mapping *mapping_of(const siginfo_t *info)
 {
 	const char *address = (const char *)info->si_addr;
-	return info->si_code == BUS_ADRERR && address >= g_board.at && address < g_board.at + g_board.size;
+	for (zq_board_mapping &board : zq_board_mappings) {
+		if (info->si_code == BUS_ADRERR && board.at && address >= board.at && address < board.at + board.size) {
+			return &board;
+		}
+	}
+	return NULL;
 }
 
 static void hand_on(int signal_number, siginfo_t *info, void *context)
@@ -66,29 +90,31 @@ static void hand_on(int signal_number, siginfo_t *info, void *context)
 static void on_bus_error(int signal_number, siginfo_t *info, void *context)
 {
 	int saved_errno = errno;
-	if (is_in_board(info) &&
-		mmap(g_board.at, g_board.size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE,
+	zq_board_mapping *board = mapping_of(info);
+	if (board &&
+		mmap(board->at, board->size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE,
 			-1, 0) != MAP_FAILED) {
-		g_board_is_lost = 1;
+		board->is_lost = 1;
 	} else {
 		hand_on(signal_number, info, context);
 	}
 	errno = saved_errno;
 }
 
-static bool guard_board(void)
+bool zq_board_is_safe(void)
+{
+	struct sigaction now;
+	return !g_has_guard ||
+		(sigaction(SIGBUS, NULL, &now) == 0 && (now.sa_flags & SA_SIGINFO) && now.sa_sigaction == on_bus_error);
+}
+
+/* Once per process: a host that then puts its own in our place wants that. */
+static void guard_boards(void)
 {
 	struct sigaction ours = {};
 	ours.sa_sigaction = on_bus_error;
 	ours.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
-	return sigaction(SIGBUS, &ours, &g_earlier_handler) == 0;
-}
-
-/* A host that has put its own handler in the place of ours must not meet faults of our making. */
-static bool is_guarded(void)
-{
-	struct sigaction now;
-	return sigaction(SIGBUS, NULL, &now) == 0 && (now.sa_flags & SA_SIGINFO) && now.sa_sigaction == on_bus_error;
+	g_has_guard = sigaction(SIGBUS, &ours, &g_earlier_handler) == 0;
 }
 
 /* ---- finding it ---- */
@@ -100,7 +126,7 @@ static uint64 inode_of(const char *path)
 }
 
 /* What is wrong with the open file; null: nothing. `folder` is its folder's path. */
-static const char *fault_of(int fd, const char *folder, zq_board_header *header)
+static const char *fault_of(int fd, const char *folder, zq_board_header *header, ino_t *inode)
 {
 	struct stat status, around;
 	if (fstat(fd, &status) == -1 || stat(folder, &around) == -1 || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
@@ -109,6 +135,7 @@ static const char *fault_of(int fd, const char *folder, zq_board_header *header)
 	if (status.st_uid != 0 && status.st_uid != around.st_uid) {
 		return "belongs to another account than its folder";
 	}
+	*inode = status.st_ino;
 	if (pread(fd, header, sizeof(*header), 0) != (ssize_t)sizeof(*header) ||
 		!zq_board_is_sound(header, (uint64)status.st_size)) {
 		return "is not of this version";
@@ -137,166 +164,132 @@ static uint64 process_start(void)
 	return ticks;
 }
 
-/* Under the process lock. */
-static void map_board(void)
+/* The open file of a board that is sound, -1 when there is none. */
+static int open_board(zq_board_header *header, ino_t *inode)
 {
-	char path[255];
-	zq_board_header header;
+	char path[255], folder[255];
 	if (zq_runtime_path(path, sizeof(path), ZQ_BOARD_FILE) >= (int)sizeof(path)) {
-		return;
+		return -1;
 	}
 	int fd = open(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
 	if (fd == -1) {
 		if (errno != ENOENT) {
-			tell_once("the board %s cannot be opened: %s", path, strerror(errno));
+			zq_board_note("the board %s cannot be opened: %s", path, strerror(errno));
 		}
-		return;
+		return -1;
 	}
-	char folder[255];
 	zq_runtime_path(folder, sizeof(folder), ".");
-	const char *fault = fault_of(fd, folder, &header);
-	void *at = fault ? MAP_FAILED : mmap(NULL, header.size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-	close(fd);
+	const char *fault = fault_of(fd, folder, header, inode);
 	if (fault) {
-		tell_once("the board %s %s", path, fault);
-		return;
+		zq_board_note("the board %s %s", path, fault);
+		close(fd);
+		return -1;
 	}
+	return fd;
+}
+
+/* Null when there is no board, or all places are taken by earlier ones. Under the process lock, as what follows. */
+static zq_board_mapping *map_board(void)
+{
+	zq_board_header header;
+	zq_board_mapping *place = std::find_if(std::begin(zq_board_mappings), std::end(zq_board_mappings),
+		[](const zq_board_mapping &board) { return !board.at; });
+	int fd = place != std::end(zq_board_mappings) ? open_board(&header, &place->inode) : -1;
+	if (fd == -1) {
+		return NULL;
+	}
+	void *at = mmap(NULL, header.size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+	close(fd);
 	if (at == MAP_FAILED) {
-		return;
+		return NULL;
 	}
-	g_board.size = header.size;
-	g_board.at = (char *)at;
-	if (!guard_board()) {
-		munmap(at, header.size);
-		g_board.at = NULL;
+	if (!g_has_guard) {
+		guard_boards();
+	}
+	place->size = header.size;
+	place->users = 0;
+	place->is_lost = 0;
+	place->checked_s = 0;
+	place->at = (char *)at;
+	return place;
+}
+
+static void unmap_unless_used(zq_board_mapping *board)
+{
+	if (board != g_board && board->users == 0) {
+		void *at = board->at;
+		board->at = NULL;
+		munmap(at, board->size);
 	}
 }
 
-/* ---- slots ---- */
-
-static uint32_t slot_count(void)
+static bool is_in_place(const zq_board_mapping *board)
 {
-	/* from the size, which we have checked, and not from the header, which anybody may have changed since */
-	return (uint32_t)((g_board.size - sizeof(zq_board_header)) / (sizeof(zq_board_slot) + sizeof(uint64_t)));
+	char path[255];
+	return zq_runtime_path(path, sizeof(path), ZQ_BOARD_FILE) < (int)sizeof(path) && inode_of(path) == board->inode;
 }
 
-static zq_board_slot *slot_at(uint32_t number)
+bool zq_board_is_good(zq_board_mapping *board, int64_t now_s)
 {
-	return (zq_board_slot *)(g_board.at + zq_board_slots_at(slot_count())) + number;
-}
-
-static std::atomic_ref<uint64_t> claim_at(uint32_t number)
-{
-	return std::atomic_ref<uint64_t>(((uint64_t *)(g_board.at + sizeof(zq_board_header)))[number]);
-}
-
-static bool is_gone(uint64_t claim)
-{
-	return syscall(SYS_tgkill, (pid_t)(claim >> 32), (pid_t)claim, 0) == -1 && errno == ESRCH;
-}
-
-/* Of a thread that has gone with its action open, the daemon makes a report first: such a slot is its to free. */
-static bool take(uint32_t number, uint64_t claim, bool from_the_dead)
-{
-	uint64_t found = claim_at(number).load(std::memory_order_acquire);
-	if (from_the_dead ? slot_at(number)->is_open || !is_gone(found) : found != 0) {
-		return false;
+	const zq_board_header *header = (const zq_board_header *)board->at;
+	if (std::atomic_ref<int64_t>(board->checked_s).exchange(now_s) != now_s && !is_in_place(board)) {
+		board->is_lost = 1;
 	}
-	return claim_at(number).compare_exchange_strong(found, claim, std::memory_order_acq_rel);
-}
-
-static zq_board_slot *take_any(uint64_t claim)
-{
-	for (int from_the_dead = 0; from_the_dead < 2; from_the_dead++) {
-		for (uint32_t i = 0; i < slot_count(); i++) {
-			uint32_t number = (uint32_t)(claim + i) % slot_count();
-			if (take(number, claim, from_the_dead)) {
-				return slot_at(number);
-			}
-		}
+	if (zq_board_is_sound(header, board->size) && !board->is_lost) {
+		return true;
 	}
-	tell_once("the board is full: requests of some threads are not on it");
-	return NULL;
+	if (header->magic != ZQ_BOARD_MAGIC || header->version != ZQ_BOARD_CLOSED) {
+		zq_board_note("the board has been removed, cut short or overwritten: it is not used until there is a new one");
+	}
+	return false;
 }
 
-static void start_slot(zq_board_slot *slot, uint64_t claim)
-{
-	zq_board_write(slot);
-	slot->is_open = slot->actions = slot->current = slot->calls = slot->stack_length = 0;
-	slot->answered = slot->asked;
-	slot->owner = claim;
-	slot->started_ticks = g_board.started_ticks;
-	zq_board_written(slot);
-}
-
-/* Maps the board if that has not been done; true when it may be used. */
-static bool is_board_there(int64_t now_s)
+zq_board_mapping *zq_board_use(int64_t now_s)
 {
 	sigset_t saved;
 	zq_lock(&saved);
-	if (!g_board.at && !g_board_is_lost && (!g_tried_s || now_s - g_tried_s >= RETRY_S)) {
-		g_tried_s = now_s;
-		map_board();
+	if (g_board && !zq_board_is_good(g_board, now_s)) {
+		zq_board_mapping *former = g_board;
+		g_board = NULL;
+		g_looked_s = 0;
+		unmap_unless_used(former);
 	}
-	if (g_board.at && g_board.process != zq_process_number() + 1) {
-		g_board.process = zq_process_number() + 1;
-		g_board.started_ticks = process_start();
+	if (!g_board && (!g_looked_s || now_s - g_looked_s >= LOOK_S)) {
+		g_looked_s = now_s;
+		g_board = map_board();
 	}
-	bool is_there = g_board.at != NULL;
+	if (g_board) {
+		g_board->users++;
+	}
+	if (g_process.number != zq_process_number() + 1) {
+		g_process.number = zq_process_number() + 1;
+		g_process.started_ticks = process_start();
+	}
+	zq_board_mapping *board = g_board;
 	zq_unlock(&saved);
-	return is_there;
+	return board;
 }
 
-zq_board_slot *zq_board_take_slot(TSRMLS_D)
+void zq_board_stop_using(zq_board_mapping *board)
 {
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	int64_t now_s = (int64_t)(g->rinit_tick / 1000000);
-	if (!g->board_slot && (!g->board_tried_s || now_s - g->board_tried_s >= RETRY_S)) {
-		g->board_tried_s = now_s;
-		if (is_board_there(now_s)) {
-			uint64_t claim = (uint64_t)getpid() << 32 | (uint32_t)zq_thread_id();
-			g->board_slot = take_any(claim);
-			if (g->board_slot) {
-				start_slot(g->board_slot, claim);
-			}
-		}
-	}
-	if (g->board_slot && g_board_is_lost) {
-		tell_once("the board has been cut short: it is not used any more");
-		return NULL;
-	}
-	return g->board_slot && is_guarded() ? g->board_slot : NULL;
+	sigset_t saved;
+	zq_lock(&saved);
+	board->users--;
+	unmap_unless_used(board);
+	zq_unlock(&saved);
 }
 
-void zq_board_crashed(int signal_number)
+void zq_board_use_none(void)
 {
-	const uint64_t claim = (uint64_t)getpid() << 32 | (uint32_t)syscall(SYS_gettid);
-	for (uint32_t i = 0; g_board.at && i < slot_count(); i++) {
-		if (claim_at(i).load(std::memory_order_relaxed) == claim) {
-			slot_at(i)->signal = (uint16_t)signal_number;
+	for (zq_board_mapping &board : zq_board_mappings) {
+		board.users = 0;
+		if (board.at) {
+			unmap_unless_used(&board);
 		}
 	}
 }
 
-void zq_board_forget(void)
+uint64 zq_board_process_start(void)
 {
-	TSRMLS_FETCH();
-	if (g_module_up) { /* else there are no globals */
-		zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-		g->board = g->board_slot = NULL;
-		g->board_tried_s = 0;
-	}
-}
-
-void zq_board_leave(zend_zqprof_globals *g)
-{
-	zq_board_slot *slot = g->board_slot;
-	g->board = g->board_slot = NULL;
-	if (!slot || g_board_is_lost) {
-		return;
-	}
-	uint64_t claim = slot->owner;
-	uint32_t number = (uint32_t)(slot - slot_at(0));
-	slot->is_open = 0;
-	claim_at(number).compare_exchange_strong(claim, 0, std::memory_order_acq_rel);
+	return g_process.started_ticks;
 }

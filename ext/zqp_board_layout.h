@@ -9,6 +9,7 @@
 
 inline constexpr uint64_t ZQ_BOARD_MAGIC = 0x6472616f625f7a71; /* "qz_board", as bytes of a little-endian host */
 inline constexpr uint32_t ZQ_BOARD_VERSION = 1;
+inline constexpr uint32_t ZQ_BOARD_CLOSED = 0; /* as a version: there is a new board, or will be */
 inline constexpr uint32_t ZQ_BOARD_CALLS = 32; /* a slot keeps so many of the last watched calls */
 inline constexpr uint32_t ZQ_BOARD_MOST_SLOTS = 8192;
 inline constexpr uint32_t ZQ_BOARD_RUNNING = UINT32_MAX; /* as a duration: the call has not returned */

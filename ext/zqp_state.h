@@ -18,6 +18,7 @@
 #define ZQ_PROTOCOL_VERSION "Oct 20 2016"
 
 struct error_element;
+struct zq_board_mapping;
 struct zq_board_slot;
 struct zq_details;
 struct zq_radar;
@@ -43,8 +44,10 @@ struct zq_thread {
 	const char *license;              /* points at license_copy or at a constant; phpinfo shows the last request's */
 	char *license_copy;               /* owned */
 	struct zq_board_slot *board_slot; /* the thread's, in the mapping; null: none */
-	int64_t board_tried_s;            /* when a slot was last asked for; 0: never */
-	long curl_url_handle;             /* resource whose URL the script set last */
+	struct zq_board_mapping *board_mapping; /* that has it */
+	uint64_t board_claim;                   /* under which */
+	int64_t board_full_s;                   /* when no slot was free; 0: never */
+	long curl_url_handle;                   /* resource whose URL the script set last */
 	size_t curl_url_len;
 	char curl_url[200];              /* it, as the board shows it; cut */
 	unsigned component_generation;   /* counts the times `components` was emptied: guards stale element pointers */

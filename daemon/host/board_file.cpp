@@ -32,15 +32,30 @@ uint32_t slots_of(int file, zq_board_header &header)
 	return sound ? header.slots : 0;
 }
 
+// Whether the open file is the board that this header begins, for all to write who may.
+bool is_as_made(int file, const zq_board_header &wanted)
+{
+	zq_board_header found;
+	struct stat status;
+	return slots_of(file, found) && memcmp(&found, &wanted, sizeof found) == 0 && fstat(file, &status) == 0 &&
+		is_of_root_or_us(status) && status.st_nlink == 1 && (status.st_mode & 0777) == 0660;
+}
+
+// Agents that have it mapped look for the next.
+void close_board(int file, zq_board_header header)
+{
+	header.version = ZQ_BOARD_CLOSED;
+	(void)!pwrite(file, &header, sizeof header, 0);
+}
+
+// Whether the board that is there will do; one of another size is closed.
 bool may_be_kept(const std::string &path, const zq_board_header &wanted)
 {
 	int file = open(path.c_str(), O_RDWR | open_flags);
 	if (file == -1) return false;
+	const bool kept = is_as_made(file, wanted);
 	zq_board_header found;
-	struct stat status;
-	const bool kept = slots_of(file, found) && memcmp(&found, &wanted, sizeof found) == 0 &&
-		fstat(file, &status) == 0 && is_of_root_or_us(status) && status.st_nlink == 1 &&
-		(status.st_mode & 0777) == 0660;
+	if (!kept && slots_of(file, found)) close_board(file, found);
 	close(file);
 	return kept;
 }
@@ -89,6 +104,31 @@ void make_board(const std::string &path, uint32_t slots)
 	if (rename(fresh.c_str(), path.c_str()) != 0) throw_errno(path);
 }
 
+bool BoardKeeper::is_in_place() const
+{
+	struct stat ours, there;
+	return file_ != -1 && fstat(file_, &ours) == 0 && lstat(path_.c_str(), &there) == 0 &&
+		ours.st_ino == there.st_ino && ours.st_dev == there.st_dev && is_as_made(file_, header_);
+}
+
+void BoardKeeper::forget()
+{
+	if (file_ == -1) return;
+	close(file_);
+	file_ = -1;
+}
+
+bool BoardKeeper::keep()
+{
+	if (is_in_place()) return false;
+	if (file_ != -1) close_board(file_, header_);
+	forget();
+	make_board(path_, slots_);
+	file_ = open(path_.c_str(), O_RDWR | open_flags);
+	if (file_ == -1 || !slots_of(file_, header_)) throw_errno(path_);
+	return true;
+}
+
 BoardFile::BoardFile(const std::string &path, bool to_ask)
 	: file_(open(path.c_str(), (to_ask ? O_RDWR : O_RDONLY) | open_flags))
 {
@@ -120,6 +160,12 @@ std::vector<uint64_t> BoardFile::claims() const
 	std::vector<uint64_t> claims(slots_);
 	if (!read(claims.data(), claims.size() * sizeof(uint64_t), sizeof(zq_board_header))) claims.clear();
 	return claims;
+}
+
+uint64_t BoardFile::owner(uint32_t number) const
+{
+	uint64_t owner = 0;
+	return read(&owner, sizeof owner, at(number) + offsetof(zq_board_slot, owner)) ? owner : 0;
 }
 
 bool BoardFile::looks_open(uint32_t number) const
@@ -179,7 +225,8 @@ void BoardFile::free_slot(uint32_t number, uint64_t claim) const
 bool is_gone(uint64_t claim)
 {
 	const auto process = static_cast<pid_t>(claim >> 32), thread = static_cast<pid_t>(claim & UINT32_MAX);
-	return syscall(SYS_tgkill, process, thread, 0) == -1 && errno == ESRCH;
+	// numbers that no thread can have are in a claim that somebody has overwritten
+	return syscall(SYS_tgkill, process, thread, 0) == -1 && (errno == ESRCH || errno == EINVAL);
 }
 
 bool is_gone(const BoardSlot &slot, const std::string &proc)

@@ -6,6 +6,7 @@
 #include "host/board_slot.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quorbit {
@@ -20,6 +21,29 @@ inline std::string board_file(const DaemonConfig &config)
 // one that is there when it is such a board and root's or ours; it takes the place of anything else. All of it is
 // allocated at once. Throws std::system_error when it cannot be made.
 void make_board(const std::string &path, uint32_t slots);
+
+// The daemon's board, which is there again whatever somebody does to its file. One thread at a time.
+class BoardKeeper {
+public:
+	BoardKeeper(std::string path, uint32_t slots) : path_(std::move(path)), slots_(slots) {}
+	~BoardKeeper() { forget(); }
+	BoardKeeper(const BoardKeeper &) = delete;
+	BoardKeeper &operator=(const BoardKeeper &) = delete;
+
+	const std::string &path() const { return path_; }
+	// Makes the board when the one that was made before is not there as it was, and tells the agents that write on that
+	// to look for the new one. True when it had to, as the first time. Throws as make_board().
+	bool keep();
+
+private:
+	bool is_in_place() const;
+	void forget();
+
+	std::string path_;
+	uint32_t slots_;
+	int file_ = -1;
+	zq_board_header header_ = {};
+};
 
 class BoardFile {
 public:
@@ -41,12 +65,14 @@ public:
 	std::optional<BoardSlot> slot_if_whole(uint32_t number, uint64_t claim) const;
 	// As a thread that has gone has left it, be that in the middle of writing.
 	std::optional<BoardSlot> slot_as_left(uint32_t number, uint64_t claim) const;
+	// The claim that the slot itself has: its thread writes it there as soon as it has taken the slot.
+	uint64_t owner(uint32_t number) const;
 	// Whether an action is open in the slot, without reading all of it.
 	bool looks_open(uint32_t number) const;
 
 	// Asks the slot's thread for PHP's stack: `answered` becomes this number. False when the file may not be written.
 	bool ask(uint32_t number, uint32_t asked) const;
-	// Frees the slot of a thread that has gone.
+	// Frees the slot of a thread that has gone, or of none.
 	void free_slot(uint32_t number, uint64_t claim) const;
 
 private:

@@ -78,18 +78,6 @@ void block_ending_signals()
 	sigprocmask(SIG_BLOCK, &ending, nullptr);
 }
 
-// Without a board everything else works.
-void prepare_board(const DaemonConfig &config)
-{
-	try {
-		ApplicationsFile applications(config.applications_file());
-		make_board(board_file(config), static_cast<uint32_t>(applications.current().board_slots));
-	} catch (const std::runtime_error &failure) {
-		log_message(
-			LogLevel::warning, std::string("there is no board, `quorbit now` shows nothing: ") + failure.what());
-	}
-}
-
 // Everything that can fail before agents can be served.
 std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &presence)
 {
@@ -101,7 +89,6 @@ std::unique_ptr<Listener> start_listening(const DaemonConfig &config, Presence &
 	auto listener = std::make_unique<Listener>(config.socket_file);
 	if (!presence.keep()) throw std::runtime_error(config.lock_file() + ": another process has it");
 	log_message(LogLevel::info, "listening on " + config.socket_file);
-	prepare_board(config);
 	return listener;
 }
 

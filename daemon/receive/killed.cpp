@@ -3,12 +3,12 @@
 
 #include "base/clock.h"
 #include "facts/wire.h"
-#include "host/board_file.h"
 #include "zqp_details_items.h"
 
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <stdexcept>
 #include <utility>
 
 namespace quorbit {
@@ -147,15 +147,47 @@ std::string packet_of_killed(const BoardSlot &slot, int64_t now_us)
 void KilledWatch::look()
 {
 	constexpr int64_t thorough_every = 10;
+	keep_board();
 	const bool thorough = looks_++ % thorough_every == 0;
-	const BoardFile board(board_, true);
+	const BoardFile board(board_.path(), true);
 	const std::vector<uint64_t> claims = board.claims();
+	free_strangers(board, claims);
 	for (uint32_t i = 0; i < claims.size(); i++) {
 		if (!claims[i] || !has_gone(board, i, claims[i], thorough)) continue;
 		auto slot = board.slot_as_left(i, claims[i]);
 		if (slot && slot->open) report(*slot);
 		board.free_slot(i, claims[i]);
 	}
+}
+
+void KilledWatch::keep_board()
+{
+	try {
+		if (!board_.keep()) return;
+		if (looks_ > 0 && !has_failed_)
+			log_.message(LogLevel::warning, board_.path() + " was removed or spoilt: it has been made anew");
+		has_failed_ = false;
+	} catch (const std::runtime_error &failure) {
+		const std::string consequence = "there is no board, `quorbit now` shows nothing: ";
+		if (!has_failed_) log_message(LogLevel::warning, consequence + failure.what());
+		has_failed_ = true;
+	}
+}
+
+// On a full board, claims that no thread has written beside its slot are somebody else's work, unless they have only
+// just been made.
+void KilledWatch::free_strangers(const BoardFile &board, const std::vector<uint64_t> &claims)
+{
+	std::map<uint32_t, uint64_t> strangers;
+	const bool is_full = std::find(claims.begin(), claims.end(), 0) == claims.end();
+	for (uint32_t i = 0; is_full && i < claims.size(); i++) {
+		if (board.owner(i) != claims[i]) strangers[i] = claims[i];
+	}
+	for (const auto &[number, claim] : strangers) {
+		const auto before = strangers_.find(number);
+		if (before != strangers_.end() && before->second == claim) board.free_slot(number, claim);
+	}
+	strangers_ = std::move(strangers);
 }
 
 void KilledWatch::report(const BoardSlot &slot)

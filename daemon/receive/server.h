@@ -26,8 +26,13 @@ public:
 		std::function<void(const Applications &)> apply, ProfileSessions &sessions);
 	~Server();
 
-	// Reports, from now on, the requests on this board that end with their process.
-	void watch_board(std::string path) { killed_.emplace(std::move(path), writer_); }
+	// Makes this board, keeps it, and reports the requests on it that end with their process. Without one, everything
+	// else works.
+	void watch_board(const std::string &path)
+	{
+		killed_.emplace(path, static_cast<uint32_t>(applications_.current().board_slots), writer_);
+		killed_->look();
+	}
 
 	// Works until SIGTERM or SIGINT, which the caller has blocked, or until agents can no longer find the socket.
 	// Calls keep_files() every five seconds, which makes sure of what else others know the daemon by; false from it is

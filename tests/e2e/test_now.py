@@ -9,7 +9,7 @@ from http.client import HTTPException
 
 import pytest
 
-from support.engines import IS_ROOT, Apache, Fpm, at_once
+from support.engines import Apache, Fpm, at_once
 from support.fake_daemon import wait_until
 from support.peers import Peer, http_answer, read_http
 
@@ -27,10 +27,6 @@ BUSY = """
 function step($db) { return $db->query('SELECT 1'); }
 function work($db, $flag) { while (!file_exists($flag)) { step($db); clearstatcache(); } }
 work(new PDO('sqlite::memory:'), '%s');"""
-
-
-class One(Fpm):
-    children = 1
 
 
 class Many(Fpm):
@@ -267,47 +263,3 @@ def test_one_process_tells_its_last_calls_and_phps_own_stack(real):
         flag.touch()
         lane.join()
     assert now(real)["requests"] == []
-
-
-def spoil_with_random(path):
-    with path.open("r+b") as board:
-        board.write(os.urandom(path.stat().st_size))
-
-
-def take_every_slot(path):
-    with path.open("r+b") as board:
-        board.seek(64)
-        board.write(struct.pack("Q", os.getpid() << 32 | os.getpid()) * 1024)
-
-
-SPOILED = {                                                # how, what the log says ("": nothing), and whether before the process starts
-    "absent": (lambda path: path.unlink(), "", True),
-    "not to be written": (lambda path: path.chmod(0o440), "cannot be opened: Permission denied", True),
-    "of another size": (lambda path: os.truncate(path, 4096), "is not of this version", True),
-    "random": (spoil_with_random, "is not of this version", True),
-    "full": (take_every_slot, "is full", True),
-    "cut short while mapped": (lambda path: os.truncate(path, 0), "has been cut short", False),
-    "random while mapped": (spoil_with_random, "", False),
-}
-
-
-@pytest.mark.skipif(not IS_ROOT, reason="root may write what its children may not")
-@pytest.mark.parametrize("how", SPOILED)
-def test_requests_go_on_whatever_the_board_is_and_the_log_says_so_once(real, how):
-    spoil, words, before = SPOILED[how]
-    site, board = real.site, real.logs / "board"
-    real.php()
-    wait_until(board.exists, "the board")
-    if before:
-        spoil(board)
-    pair = site.serve(One)
-    script = site.script(ASK + " foreach (range(1, 50) as $i) { ask($db, $i); } echo $i;", "page.php")
-    for i in range(3):
-        for _ in range(4):
-            pair.agent.request(script, "/page.php").check_twin(pair.bare.request(script, "/page.php"), ())
-        if not before and i == 0:
-            spoil(board)
-    real.reports(12, "page.php")
-    told = [line for line in site.log().splitlines() if "the board" in line]
-    assert len(told) == (1 if words else 0)
-    assert all(words in line for line in told), told
