@@ -161,7 +161,8 @@ void terminated(const Checkup &checkup, const char *check, Findings &findings)
 	for (const auto &[pool, timeout] : checkup.terminate_timeouts) {
 		std::string what = "FPM pool ";
 		what.append(pool).append(" ends requests after ").append(timeout);
-		add(findings, check, what + " with a signal (request_terminate_timeout): of those no packet comes",
+		add(findings, check,
+			what + " with a signal (request_terminate_timeout): they show as killed, with what was last known of them",
 			"set PHP's max_execution_time lower than that, which ends the script alone");
 	}
 }

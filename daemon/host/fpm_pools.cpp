@@ -20,7 +20,7 @@ void read_line(const std::string &root, const std::string &line, int depth, std:
 	static const std::regex pool(R"re(\$pool)re");
 	static const std::regex header(R"re(\s*\[([^\]]+)\]\s*)re");
 	static const std::regex setting(
-		R"re(\s*(?:php_(?:admin_)?(?:value|flag)\[(zqs\.[\w.]+)\]|(request_terminate_timeout|listen))\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
+		R"re(\s*(?:php_(?:admin_)?(?:value|flag)\[(zqs\.[\w.]+)\]|(request_terminate_timeout|listen|error_log))\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
 	static const std::regex include(R"re(\s*include\s*=\s*"?([^";]*?)"?\s*(?:;.*)?)re");
 	std::smatch found;
 	if (std::regex_match(line, found, header))

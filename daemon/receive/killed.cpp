@@ -1,14 +1,15 @@
-// Finding threads that have gone, and writing the packets of their requests.
+// Finding threads that have gone, and who says why.
 #include "receive/killed.h"
 
 #include "base/clock.h"
 #include "facts/wire.h"
-#include "zqp_details_items.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cmath>
+#include <csignal>
 #include <ctime>
 #include <stdexcept>
+#include <unistd.h>
 #include <utility>
 
 namespace quorbit {
@@ -16,103 +17,17 @@ namespace quorbit {
 namespace {
 
 constexpr const char *proc = "/proc";
-constexpr const char *killed_class = "Killed";
 
-std::string number(int64_t value)
-{
-	const auto cut = static_cast<int32_t>(std::clamp<int64_t>(value, 0, INT32_MAX));
-	return {reinterpret_cast<const char *>(&cut), sizeof cut};
-}
-
-// As lines of records have it.
-std::string one_line(std::string text)
-{
-	std::replace_if(
-		text.begin(), text.end(), [](char byte) { return byte == '\n' || byte == '\r' || byte == '\0'; }, ' ');
-	return text;
-}
-
-std::string item(const std::string &text)
-{
-	return std::to_string(text.size()) + ":" + text;
-}
-
-std::string text_of(const BoardCall &call)
-{
-	return one_line(call.text) + (call.cut ? "..." : "");
-}
-
-// "with SIGSEGV ", when its agent has seen it come.
-std::string signal_of(const BoardSlot &slot)
-{
-	const char *name = slot.signal ? sigabbrev_np(slot.signal) : nullptr;
-	return name ? std::string("with SIG") + name + " " : "";
-}
-
-// What the request was in, without what differs from one to the next.
-std::string last_known(const BoardSlot &slot)
-{
-	if (slot.current) {
-		const BoardCall &call = slot.last[*slot.current];
-		return std::string("in ") + name_of(call.kind) + " " + text_of(call);
-	}
-	return slot.function.empty() ? "in PHP" : "in PHP, " + one_line(slot.function);
-}
-
-int64_t duration_us(const BoardCall &call, int64_t now_us)
-{
-	return call.duration_us >= 0 ? call.duration_us : std::max<int64_t>(now_us - call.begin_us, 0);
-}
-
-// "http:%2F%2Fhost%2Fpath", as agents name outgoing calls.
-std::string name_of_url(const std::string &url)
-{
-	std::string out;
-	for (char byte : url) out += byte == '/' ? std::string("%2F") : std::string(1, byte);
-	return out;
-}
-
-void append_call(std::string &out, const BoardCall &call, int64_t now_us)
-{
-	const std::string ms = std::to_string(duration_us(call, now_us) / 1000);
-	const std::string text = text_of(call);
-	if (call.kind == ZQ_BOARD_SQL) append_record(out, record_sql, item(ms) + item("") + item(text));
-	if (call.kind == ZQ_BOARD_CACHE) append_record(out, record_service, "Cache\n\n" + text + "\n" + ms);
-	if (call.kind == ZQ_BOARD_HTTP) append_record(out, record_service, "http\n" + name_of_url(text) + "\n\n" + ms);
-}
-
-void append_figure(std::string &out, zq_details_item type, int64_t value)
-{
-	append_record(out, type, {reinterpret_cast<const char *>(&value), sizeof value});
-}
-
-// What the last calls add up to; those before them are counted, but nobody knows how long they took.
-std::string details_of(const BoardSlot &slot, int64_t took_us, int64_t now_us)
-{
-	int64_t sums[ZQ_BOARD_KINDS] = {};
-	for (const BoardCall &call : slot.last) sums[call.kind] += duration_us(call, now_us);
-	std::string out;
-	append_figure(out, ZQ_ITEM_DURATION_US, took_us);
-	append_figure(out, ZQ_ITEM_DATABASE_US, std::min(sums[ZQ_BOARD_SQL], took_us));
-	append_figure(out, ZQ_ITEM_CACHES_US, std::min(sums[ZQ_BOARD_CACHE], took_us));
-	append_figure(out, ZQ_ITEM_SERVICES_US, std::min(sums[ZQ_BOARD_HTTP], took_us));
-	append_figure(out, ZQ_ITEM_STATEMENTS, slot.counts[ZQ_BOARD_SQL]);
-	append_figure(out, ZQ_ITEM_CACHE_OPERATIONS, slot.counts[ZQ_BOARD_CACHE]);
-	append_figure(out, ZQ_ITEM_SERVICES, slot.counts[ZQ_BOARD_HTTP]);
-	if (!slot.method.empty()) {
-		append_record(out, ZQ_ITEM_PATH, slot.path);
-		append_record(out, ZQ_ITEM_METHOD, slot.method);
-	} else {
-		append_record(out, ZQ_ITEM_SCRIPT, slot.path);
-	}
-	return out;
-}
-
-int64_t monotonic_us()
+int64_t clock_us(clockid_t clock)
 {
 	struct timespec now;
-	clock_gettime(CLOCK_MONOTONIC, &now);
+	clock_gettime(clock, &now);
 	return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+int process_of(uint64_t claim)
+{
+	return static_cast<int>(claim >> 32);
 }
 
 // Whether the thread of a slot with an action has gone. That its process has the number of an earlier one is seen when
@@ -124,25 +39,19 @@ bool has_gone(const BoardFile &board, uint32_t number, uint64_t claim, bool thor
 	return slot && is_gone(*slot, proc);
 }
 
-} // namespace
-
-std::string packet_of_killed(const BoardSlot &slot, int64_t now_us)
+// Whether a log tells of the process that had this slot, and not of an earlier one with its number: by the time that
+// FPM says it lasted, by the moment that Apache gives.
+bool is_end_of(const LoggedEnd &end, const BoardSlot &slot)
 {
-	const bool web = !slot.method.empty();
-	const int64_t took_us = std::max<int64_t>(now_us - slot.begin_us, 0);
-	std::string body;
-	append_record(body, record_application_name, one_line(slot.application));
-	append_record(body, record_action_name, (web ? "WebAction/URI" : "BackgroundAction/Script/") + one_line(slot.path));
-	if (web) append_record(body, record_uri, slot.path);
-	append_record(body, record_duration_ms, number(took_us / 1000));
-	for (const BoardCall &call : slot.last) append_call(body, call, now_us);
-	append_record(body, record_error,
-		std::string("1\n0\n") + killed_class + "\nThe process ended " + signal_of(slot) + last_known(slot) + "\n");
-	append_record(body, record_detail,
-		"killed: process " + std::to_string(slot.process) + " " + signal_of(slot) + last_known(slot));
-	append_record(body, record_details, details_of(slot, took_us, now_us));
-	return body;
+	constexpr double most_s = 30; // from the end of a process until it is looked for, and more
+	if (end.process != slot.process) return false;
+	if (end.at_ms) return std::fabs(static_cast<double>(wall_clock_ms() - end.at_ms)) < most_s * 1000;
+	const double started_s = static_cast<double>(slot.started_ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
+	const double since_s = static_cast<double>(clock_us(CLOCK_BOOTTIME)) / 1e6 - started_s;
+	return slot.started_ticks > 0 && end.lasted_s <= since_s + 1 && end.lasted_s > since_s - most_s;
 }
+
+} // namespace
 
 void KilledWatch::look()
 {
@@ -152,12 +61,21 @@ void KilledWatch::look()
 	const BoardFile board(board_.path(), true);
 	const std::vector<uint64_t> claims = board.claims();
 	free_strangers(board, claims);
+	std::set<int> processes;
+	for (uint64_t claim : claims) {
+		if (claim) processes.insert(process_of(claim));
+	}
+	oom_kills_.look(processes);
+	std::vector<Gone> gone;
 	for (uint32_t i = 0; i < claims.size(); i++) {
 		if (!claims[i] || !has_gone(board, i, claims[i], thorough)) continue;
 		auto slot = board.slot_as_left(i, claims[i]);
-		if (slot && slot->open) report(*slot);
-		board.free_slot(i, claims[i]);
+		if (slot && slot->open)
+			gone.push_back({i, claims[i], std::move(*slot)});
+		else
+			board.free_slot(i, claims[i]);
 	}
+	report(board, gone);
 }
 
 void KilledWatch::keep_board()
@@ -190,13 +108,60 @@ void KilledWatch::free_strangers(const BoardFile &board, const std::vector<uint6
 	strangers_ = std::move(strangers);
 }
 
-void KilledWatch::report(const BoardSlot &slot)
+// By process. The kernel kills with SIGKILL, which is all that others know of it.
+std::map<int, KillCause> KilledWatch::causes_of(const std::vector<Gone> &gone)
+{
+	std::map<int, KillCause> causes;
+	for (const Gone &one : gone) {
+		KillCause &cause = causes[one.slot.process];
+		if (one.slot.signal) cause = {KillReason::sibling, one.slot.signal};
+	}
+	auto is_unknown = [](const auto &of) { return of.second.reason == KillReason::unknown; };
+	if (std::any_of(causes.begin(), causes.end(), is_unknown)) {
+		const std::vector<LoggedEnd> ends = logs_.ends();
+		for (const Gone &one : gone) {
+			KillCause &cause = causes[one.slot.process];
+			for (const LoggedEnd &end : ends) {
+				if (cause.reason == KillReason::sibling || !is_end_of(end, one.slot)) continue;
+				cause = {end.timed_out ? KillReason::timeout : KillReason::signal, end.signal};
+			}
+		}
+	}
+	std::set<int> perhaps;
+	for (const auto &[process, cause] : causes) {
+		if (cause.reason == KillReason::unknown || cause.signal == SIGKILL) perhaps.insert(process);
+	}
+	for (int process : oom_kills_.killed_among(perhaps)) causes[process] = {KillReason::memory, SIGKILL};
+	return causes;
+}
+
+void KilledWatch::report(const BoardFile &board, const std::vector<Gone> &gone)
+{
+	std::map<int, KillCause> causes = causes_of(gone);
+	std::map<uint64_t, int64_t> waiting;
+	for (const Gone &one : gone) {
+		const auto before = waiting_.find(one.claim);
+		const bool is_new = before == waiting_.end();
+		const int64_t ended_us = is_new ? clock_us(CLOCK_MONOTONIC) : before->second;
+		const KillCause cause =
+			one.slot.signal ? KillCause{KillReason::signal, one.slot.signal} : causes[one.slot.process];
+		if (is_new && cause.reason == KillReason::unknown) {
+			waiting[one.claim] = ended_us; // a server may be about to say it
+			continue;
+		}
+		put(one.slot, cause, ended_us);
+		board.free_slot(one.number, one.claim);
+	}
+	waiting_ = std::move(waiting);
+}
+
+void KilledWatch::put(const BoardSlot &slot, const KillCause &cause, int64_t ended_us)
 {
 	constexpr uint32_t any_writer = UINT32_MAX; // of the board; no account has this number
 	log_.message(LogLevel::info,
-		"process " + std::to_string(slot.process) + " has ended with a request open: " + last_known(slot));
-	writer_.put(
-		StoredPacket{record_metric, slot.process, wall_clock_ms(), packet_of_killed(slot, monotonic_us()), any_writer});
+		"process " + std::to_string(slot.process) + " has ended " + end_of(slot, cause) + ", with that request open");
+	writer_.put(StoredPacket{
+		record_metric, slot.process, wall_clock_ms(), packet_of_killed(slot, cause, ended_us), any_writer});
 }
 
 } // namespace quorbit

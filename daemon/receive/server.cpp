@@ -137,7 +137,8 @@ bool Server::take_events()
 	std::array<struct epoll_event, most_events> events;
 	bool waiting = !queries_.empty() || !packets_.empty();
 	// With nobody connected there is nothing that could stall.
-	int timeout_ms = waiting ? 0 : connections_.empty() && accepting_ ? keep_seconds * 1000 : sweep_ms;
+	const bool nothing_due = connections_.empty() && accepting_ && !(killed_ && killed_->is_waiting());
+	int timeout_ms = waiting ? 0 : nothing_due ? keep_seconds * 1000 : sweep_ms;
 	int count = epoll_wait(epoll_, events.data(), most_events, timeout_ms);
 	if (count == -1 && errno != EINTR) throw_errno("epoll_wait");
 	bool crowded = waiting || count > crowd;

@@ -2,10 +2,11 @@
 // and prints as harmless text and as JSON that strict parsers take. And texts on their way there: of a statement nothing from the
 // first quote on is left, and nothing is written beyond its room.
 // Input: bytes over a slot that is in order, from its end backwards when the first is odd; the same bytes as a statement.
-// sources: daemon/host/board_slot.cpp daemon/print/report_now.cpp daemon/print/page.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/base/json_text.cpp daemon/facts/trace.cpp ext/zqp_board_text.cpp
+// sources: daemon/host/board_slot.cpp daemon/print/report_now.cpp daemon/print/page.cpp daemon/base/text.cpp daemon/base/cells.cpp daemon/base/clock.cpp daemon/base/json_text.cpp daemon/facts/trace.cpp daemon/facts/wire.cpp daemon/receive/killed_packet.cpp ext/zqp_board_text.cpp
 // libraries: nlohmann_json
 #include "host/board_slot.h"
 #include "print/report_now.h"
+#include "receive/killed_packet.h"
 #include "base/text.h"
 #include "require.h"
 #include "zqp_board_text.h"
@@ -32,6 +33,8 @@ void check_slot(const uint8_t* data, size_t size) {
     for (char byte : text) REQUIRE(byte == '\n' || (static_cast<unsigned char>(byte) >= ' ' && byte != 0x7F));
   }
   REQUIRE(Json::accept(now_json(now).dump()));
+  const KillCause cause{KillReason::signal, slot->signal};
+  REQUIRE(end_of(*slot, cause).find('\n') == std::string::npos && packet_of_killed(*slot, cause, now.at_us).size() < 1 << 16);
 }
 
 // Nothing is left of what may be a value, not even behind what is said to be text.

@@ -38,7 +38,7 @@ echo outer('%s');"""
 
 
 class Many(Fpm):
-    children = AT_ONCE
+    children = lanes = AT_ONCE
     asks = QUERIES                                         # Apache's engine has no database
 
 

@@ -6,6 +6,7 @@
 #include "facts/rank_test.h"
 #include "facts/rate_test.h"
 #include "facts/sql_text.h"
+#include "receive/killed_packet.h"
 #include "store/comparison.h"
 #include "store/releases.h"
 #include "store/sqlite_reader.h"
@@ -303,6 +304,25 @@ TEST_F(SumsTest, ComparisonsCallNothingSlowerByChance) {
   EXPECT_EQ(found, "slower2 appeared0 rising: m1 vanished5 faster3 ");
   EXPECT_NEAR(comparison.changes[0].lost_us_per_hour, 3000000, 1);
   EXPECT_EQ((std::pair{comparison.compared, comparison.too_few}), (std::pair<int64_t, int64_t>{6, 1}));
+}
+
+TEST_F(SumsTest, RequestsThatWereKilledCountAsErrorsAndShowInComparisons) {
+  BoardSlot slot;
+  slot.application = "Shop", slot.method = "GET", slot.path = "/cart/item", slot.function = "pay";
+  std::vector<StoredPacket> packets;
+  for (int i = 0; i < 200; i++) packets.push_back(packet(begin_ms + (i % 2) * hour_ms + i, "WebAction/URI/cart%2Fitem", 50 + i % 7));
+  for (int i = 0; i < 30; i++)
+    packets.push_back({0x0B, 42, begin_ms + hour_ms + i, packet_of_killed(slot, {KillReason::timeout, 15}, 60000)});
+  add(packets);
+  auto reader = open_sqlite_reader(path_);
+  const auto rows = reader->sums({}).rows;
+  ASSERT_EQ(rows.size(), 1u) << "under the name that the others have";
+  EXPECT_EQ((std::pair{rows[0].sums.count, rows[0].sums.errors}), (std::pair<int64_t, int64_t>{230, 30}));
+  const auto changes = compare(*reader, {{begin_ms, begin_ms + hour_ms}, {begin_ms + hour_ms, begin_ms + 2 * hour_ms}}).changes;
+  ASSERT_EQ(changes.size(), 1u);
+  EXPECT_EQ(changes[0].kind, ChangeKind::appeared);
+  EXPECT_EQ(changes[0].facts.name, "Killed: The process ended by FPM's request_terminate_timeout in PHP, pay");
+  EXPECT_EQ(changes[0].after.count, 30);
 }
 
 TEST(RateTest, AgreesWithFiguresWorkedOutByHand) {
