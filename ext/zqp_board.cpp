@@ -39,6 +39,7 @@ void zq_board_open(const char *path TSRMLS_DC)
 	slot->application_length = put_text(slot->application, g->app_name);
 	slot->method_length = put_text(slot->method, g_cli ? NULL : SG(request_info).request_method);
 	slot->path_length = put_text(slot->path, path, path ? strcspn(path, "?") : 0);
+	slot->action_length = put_text(slot->action, g->action_name);
 	slot->function_length = slot->signal = 0;
 	slot->is_open = 1;
 	zq_board_written(slot);
@@ -55,6 +56,13 @@ void zq_board_close(zend_zqprof_globals *g)
 		slot->function_length = 0;
 		zq_board_written(slot);
 	}
+}
+
+void zq_board_rename(zq_board_slot *slot, const char *name)
+{
+	zq_board_write(slot);
+	slot->action_length = put_text(slot->action, name);
+	zq_board_written(slot);
 }
 
 /* ---- PHP's stack, for a reader that asks ---- */

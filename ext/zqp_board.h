@@ -26,6 +26,8 @@ void zq_board_forget(void);
 /* The action begins or ends: `board` is set for the time between. An end without a beginning is nothing. */
 void zq_board_open(const char *path TSRMLS_DC);
 void zq_board_close(zend_zqprof_globals *g);
+/* It has another name. */
+void zq_board_rename(zq_board_slot *slot, const char *name);
 
 /* A reader wants PHP's stack: writes the one of `frame`. */
 void zq_board_answer(zq_board_slot *slot, zend_execute_data *frame TSRMLS_DC);

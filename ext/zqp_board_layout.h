@@ -8,7 +8,7 @@
 #include <cstdint>
 
 inline constexpr uint64_t ZQ_BOARD_MAGIC = 0x6472616f625f7a71; /* "qz_board", as bytes of a little-endian host */
-inline constexpr uint32_t ZQ_BOARD_VERSION = 1;
+inline constexpr uint32_t ZQ_BOARD_VERSION = 2;
 inline constexpr uint32_t ZQ_BOARD_CLOSED = 0; /* as a version: there is a new board, or will be */
 inline constexpr uint32_t ZQ_BOARD_CALLS = 32; /* a slot keeps so many of the last watched calls */
 inline constexpr uint32_t ZQ_BOARD_MOST_SLOTS = 8192;
@@ -44,13 +44,15 @@ struct zq_board_slot {
 	uint32_t answered; /* the number with which `stack` was last asked for */
 	uint16_t application_length, method_length, function_length, path_length, stack_length;
 	uint16_t signal; /* that the process crashes with; 0: it has not */
-	uint16_t reserved[20];
+	uint16_t action_length;
+	uint16_t reserved[19];
 	char application[64];
 	char method[16];
 	char function[112]; /* the outermost function of the script that runs now */
 	char path[192];     /* of a command-line run: the script */
 	zq_board_call ring[ZQ_BOARD_CALLS];
-	char stack[2816]; /* "function file:line", one a line, the innermost first */
+	char action[192]; /* its name, by now; names may be longer */
+	char stack[2624]; /* "function file:line", one a line, the innermost first */
 };
 
 /* The file begins with this, and with the claims: one for each slot, 0 for a slot that is free, else process << 32 |
@@ -72,7 +74,8 @@ static_assert(offsetof(zq_board_slot, owner) == 8 && offsetof(zq_board_slot, beg
 	offsetof(zq_board_slot, asked) == 68 && offsetof(zq_board_slot, application_length) == 76 &&
 	offsetof(zq_board_slot, signal) == 86 && offsetof(zq_board_slot, application) == 128 &&
 	offsetof(zq_board_slot, function) == 208 && offsetof(zq_board_slot, path) == 320 &&
-	offsetof(zq_board_slot, ring) == 512 && offsetof(zq_board_slot, stack) == 7424);
+	offsetof(zq_board_slot, ring) == 512 && offsetof(zq_board_slot, action) == 7424 &&
+	offsetof(zq_board_slot, stack) == 7616);
 
 /* Where the slots begin, and how large the file is. */
 constexpr uint32_t zq_board_slots_at(uint32_t slots)

@@ -1,5 +1,6 @@
 /* The first name of a request, and the cleaning of paths that every name goes through. */
 #include "zqp_naming.h"
+#include "zqp_board.h"
 #include "zqp_debug.h"
 #include "zqp_json.h"
 #include "zqp_lock.h"
@@ -135,6 +136,9 @@ void zq_set_action_name(char *name, int level TSRMLS_DC)
 	name[strnlen(name, ZQ_NAME_SIZE)] = '\0';
 	zq_replace_text(&ZQG(action_name), name);
 	ZQG(action_name_level) = level;
+	if (ZQG(board)) {
+		zq_board_rename(ZQG(board), name);
+	}
 }
 
 /* The script that the server runs; null when it does not tell. */

@@ -61,6 +61,7 @@ std::optional<BoardSlot> read_board_slot(std::string_view bytes, uint64_t claim)
 	out.application = text_of(slot.application, slot.application_length);
 	out.method = text_of(slot.method, slot.method_length);
 	out.path = text_of(slot.path, slot.path_length);
+	out.action = text_of(slot.action, slot.action_length);
 	out.function = text_of(slot.function, slot.function_length);
 	out.stack = text_of(slot.stack, slot.stack_length);
 	out.signal = slot.signal;

@@ -27,6 +27,7 @@ struct BoardSlot {
 	int64_t begin_ms = 0;      // of the action, wall clock
 	int64_t begin_us = 0;      // the same by the monotonic clock
 	std::string application, method, path;
+	std::string action;                           // its name by now, up to 192 bytes of it
 	std::string function;                         // the outermost of the script's that runs; "": none
 	std::array<int64_t, ZQ_BOARD_KINDS> counts{}; // watched calls so far, by kind
 	int64_t calls = 0;

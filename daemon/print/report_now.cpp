@@ -142,9 +142,10 @@ Json slot_json(const BoardSlot &slot, int64_t now_us)
 	const BoardCall *call = running(slot);
 	return {{"process", slot.process}, {"thread", slot.thread}, {"application", text_of_bytes(slot.application)},
 		{"method", text_of_bytes(slot.method)}, {"path", text_of_bytes(slot.path)},
-		{"started", utc_time(slot.begin_ms)}, {"age_us", since(slot.begin_us, now_us)},
-		{"function", text_of_bytes(slot.function)}, {"waits_for", call ? call_json(*call, now_us) : Json()},
-		{"counts", counts_json(slot)}, {"last", std::move(last)}, {"stack", text_of_bytes(slot.stack)}};
+		{"action", text_of_bytes(slot.action)}, {"started", utc_time(slot.begin_ms)},
+		{"age_us", since(slot.begin_us, now_us)}, {"function", text_of_bytes(slot.function)},
+		{"waits_for", call ? call_json(*call, now_us) : Json()}, {"counts", counts_json(slot)},
+		{"last", std::move(last)}, {"stack", text_of_bytes(slot.stack)}};
 }
 
 Json now_json(const Now &now)

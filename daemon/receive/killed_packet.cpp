@@ -3,7 +3,6 @@
 
 #include "facts/wire.h"
 #include "zqp_details_items.h"
-#include "zqp_naming_uri.h"
 
 #include <algorithm>
 #include <cstring>
@@ -68,24 +67,6 @@ int64_t duration_us(const BoardCall &call, int64_t now_us)
 	return call.duration_us >= 0 ? call.duration_us : std::max<int64_t>(now_us - call.begin_us, 0);
 }
 
-struct NameBuffer {
-	std::string text;
-};
-void zq_append(NameBuffer *buffer, const char *text, size_t len)
-{
-	buffer->text.append(text, len);
-}
-
-// As agents name actions by their paths, so that the request counts among those that ended.
-std::string action_name(const BoardSlot &slot)
-{
-	const std::string path = one_line(slot.path);
-	if (slot.method.empty()) return "BackgroundAction/Script/" + path;
-	NameBuffer name;
-	zq_append_clean_path(&name, path);
-	return "WebAction/URI/" + name.text;
-}
-
 // "http:%2F%2Fhost%2Fpath", as agents name outgoing calls.
 std::string name_of_url(const std::string &url)
 {
@@ -142,7 +123,7 @@ std::string packet_of_killed(const BoardSlot &slot, const KillCause &cause, int6
 	const int64_t took_us = std::max<int64_t>(ended_us - slot.begin_us, 0);
 	std::string body;
 	append_record(body, record_application_name, one_line(slot.application));
-	append_record(body, record_action_name, action_name(slot));
+	append_record(body, record_action_name, one_line(slot.action));
 	if (!slot.method.empty()) append_record(body, record_uri, slot.path);
 	append_record(body, record_duration_ms, number(took_us / 1000));
 	for (const BoardCall &call : slot.last) append_call(body, call, ended_us);

@@ -70,6 +70,7 @@ TEST(Board, KeepsLengthsAndNumbersWithinTheirFields) {
   ASSERT_TRUE(read);
   EXPECT_EQ(read->application.size(), sizeof slot.application);
   EXPECT_EQ(read->stack.size(), sizeof slot.stack);
+  EXPECT_EQ(read->action.size(), sizeof slot.action);
   EXPECT_EQ(read->last.size(), 32u);
   EXPECT_FALSE(Json::parse(slot_json(*read, 0).dump()).empty());
   EXPECT_FALSE(read_board_slot(bytes_of(slot), own_claim() + 1)) << "another thread's";

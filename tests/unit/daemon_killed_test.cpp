@@ -98,24 +98,21 @@ TEST(OomKills, AreCountedByCgroupsWhereTheLogIsNotToBeRead) {
   }
 }
 
-TEST(KilledPacket, NamesTheActionAsAgentsDoAndTheCause) {
-  const struct {
-    const char *method, *path, *action;
-    KillCause cause;
-    const char* message;
-  } rows[] = {
-      {"GET", "/blog/2024/index.php", "WebAction/URI/blog%2F*%2Findex.php", {}, "The process ended in PHP, pay"},
-      {"GET", "/", "WebAction/URI/index", {KillReason::signal, SIGKILL}, "The process ended with SIGKILL in PHP, pay"},
-      {"", "job.php", "BackgroundAction/Script/job.php", {KillReason::sibling, SIGSEGV}, "The process ended with SIGSEGV of another thread in PHP, pay"},
-      {"GET", "/a", "WebAction/URI/a", {KillReason::timeout, SIGTERM}, "The process ended by FPM's request_terminate_timeout in PHP, pay"},
-      {"GET", "/a", "WebAction/URI/a", {KillReason::memory, SIGKILL}, "The process ended by the kernel's OOM killer in PHP, pay"},
+TEST(KilledPacket, SaysHowTheProcessEnded) {
+  const std::pair<KillCause, const char*> rows[] = {
+      {{}, "The process ended in PHP, pay"},
+      {{KillReason::signal, SIGKILL}, "The process ended with SIGKILL in PHP, pay"},
+      {{KillReason::signal, 200}, "The process ended with signal 200 in PHP, pay"},
+      {{KillReason::sibling, SIGSEGV}, "The process ended with SIGSEGV of another thread in PHP, pay"},
+      {{KillReason::timeout, SIGTERM}, "The process ended by FPM's request_terminate_timeout in PHP, pay"},
+      {{KillReason::memory, SIGKILL}, "The process ended by the kernel's OOM killer in PHP, pay"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [cause, message] : rows) {
     BoardSlot slot;
-    slot.application = "Shop", slot.method = row.method, slot.path = row.path, slot.function = "pay";
-    const auto action = read_action(packet_of_killed(slot, row.cause, 5000000));
+    slot.action = "WebAction/shop\npay", slot.function = "pay";
+    const auto action = read_action(packet_of_killed(slot, cause, 5000000));
     ASSERT_TRUE(action && action->error);
-    EXPECT_EQ(action->name, row.action);
-    EXPECT_EQ(action->error->message, row.message);
+    EXPECT_EQ(action->name, "WebAction/shop pay");
+    EXPECT_EQ(action->error->message, message);
   }
 }

@@ -308,9 +308,9 @@ TEST_F(SumsTest, ComparisonsCallNothingSlowerByChance) {
 
 TEST_F(SumsTest, RequestsThatWereKilledCountAsErrorsAndShowInComparisons) {
   BoardSlot slot;
-  slot.application = "Shop", slot.method = "GET", slot.path = "/cart/item", slot.function = "pay";
+  slot.application = "Shop", slot.action = "WebAction/cart", slot.method = "GET", slot.function = "pay";
   std::vector<StoredPacket> packets;
-  for (int i = 0; i < 200; i++) packets.push_back(packet(begin_ms + (i % 2) * hour_ms + i, "WebAction/URI/cart%2Fitem", 50 + i % 7));
+  for (int i = 0; i < 200; i++) packets.push_back(packet(begin_ms + (i % 2) * hour_ms + i, "WebAction/cart", 50 + i % 7));
   for (int i = 0; i < 30; i++)
     packets.push_back({0x0B, 42, begin_ms + hour_ms + i, packet_of_killed(slot, {KillReason::timeout, 15}, 60000)});
   add(packets);

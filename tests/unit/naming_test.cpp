@@ -1,5 +1,6 @@
 #include "engine_fixture.h"
 
+#include "zqp_board.h"
 #include "zqp_naming.h"
 
 class Naming : public EngineTest {};
@@ -38,4 +39,16 @@ TEST_F(Naming, AppendsCapturedParameters)
 		escaped += "\\\"";
 	}
 	EXPECT_EQ(suffix_of("/a", "/a,long"), "?long=" + escaped + "x"); /* what the visitor sent counts, not how it is written */
+}
+
+TEST_F(Naming, ShowsANewNameOnTheBoard)
+{
+	zq_board_slot slot = {};
+	ZQG(board) = &slot;
+	for (const std::string &name : {std::string("WebAction/shop/pay"), std::string(300, 'x')}) {
+		zq_set_action_name(estrdup(name.c_str()), ZQ_NAME_CONTROLLER TSRMLS_CC);
+		EXPECT_EQ(std::string(slot.action, slot.action_length), name.substr(0, sizeof(slot.action)));
+		EXPECT_EQ(slot.sequence % 2, 0u) << "it is whole";
+	}
+	ZQG(board) = NULL;
 }
