@@ -11,7 +11,7 @@ JOBS ?= $(shell nproc)
 export PYTHONPATH := $(CURDIR)/tests
 export PHP_CONFIG PREFIX DESTDIR RUNTIME_ROOT EXTENSION_DIR SYSCONFDIR WEB_GROUP
 
-.PHONY: all demo test unit e2e outage wire-compare check sanitize bench bench-check fuzz random engine-suite soak install \
+.PHONY: all demo test unit e2e outage in-flight wire-compare check sanitize bench bench-check fuzz random engine-suite soak install \
         uninstall packages test-install clean configure test-packages
 
 all: configure
@@ -41,6 +41,11 @@ e2e: test-packages all
 outage: test-packages all
 	@cmake --build build -j$(JOBS) --target zqprof_patient
 	@QUORBIT_DOWN_S=120 /usr/bin/python3 -m pytest -q -s tests/e2e/test_clickhouse.py -k 'killed or down'
+
+# ten thousand requests on FPM and on Apache, 200 at a time, each of which `quorbit now` has to show
+in-flight: test-packages all
+	@cmake --build build -j$(JOBS) --target zqprof_patient
+	@QUORBIT_IN_FLIGHT=10000 /usr/bin/python3 -m pytest -q -s tests/e2e/test_now.py -k in_flight_each_is_shown_in_time
 
 # what the agent sends that the one of the commit BASE does not, for all test pages, and the other way round
 wire-compare: test-packages all

@@ -1,10 +1,12 @@
 """What every PHP process does at this moment, on the board that agents write and `quorbit now` reads."""
+import os
 import threading
+import time
 
 import pytest
 
 from support.board import AT_ONCE, Many, Threads, held, now, peer, start  # noqa: F401
-from support.engines import Apache, Fpm
+from support.engines import Apache, Fpm, at_once
 from support.fake_daemon import wait_until
 
 BUSY = """
@@ -70,3 +72,56 @@ def test_one_process_tells_its_last_calls_and_phps_own_stack(real):
         flag.touch()
         lane.join()
     assert now(real)["requests"] == []
+
+
+class Crowd(Fpm):
+    children = 200
+
+
+class CrowdOfThreads(Apache):
+    threads = 200 + 32
+
+
+REQUESTS = int(os.environ.get("QUORBIT_IN_FLIGHT", 1000))  # for each server; make in-flight takes 10,000
+DELAY_S = 0.2                                              # of a request's start, within which it has to be shown
+LASTING = "$begin = microtime(true); usleep(1000000); printf('%.6f', $begin);"
+
+
+def looks_beside(real, lane):
+    """By turns, as long as the lane runs: when a look began and ended, and the paths that it showed."""
+    looks = []
+    while lane.is_alive():
+        begin = time.time()
+        shown = [row["path"] for row in now(real)["requests"]]
+        looks.append((begin, time.time(), shown))
+    return looks
+
+
+@pytest.mark.parametrize("kind", [Crowd, CrowdOfThreads])
+def test_of_200_requests_in_flight_each_is_shown_in_time_none_twice_and_none_after_its_end(real, kind):
+    server, at_a_time = start(real, kind), Crowd.children
+    script = real.site.script(LASTING, "page.php")
+    spans = {}                                             # by path: when PHP began with it, and when its answer had come
+
+    def ask(lane):
+        for i in range(REQUESTS // at_a_time):
+            path = f"/page.php/{lane}-{i}"
+            body = server.request(script, path).body
+            spans[path] = float(body), time.time()
+
+    lane = threading.Thread(target=lambda: at_once(at_a_time, ask))
+    lane.start()
+    looks = looks_beside(real, lane)
+    lane.join()
+    assert len(spans) == REQUESTS // at_a_time * at_a_time
+    covered, longest = set(), 0
+    for begin, end, shown in looks:
+        assert len(set(shown)) == len(shown), "none is there twice"
+        over = [path for path in shown if spans[path][1] < begin]
+        due = {path for path, (began, answered) in spans.items() if began <= begin - DELAY_S and answered >= end}
+        assert not over and due <= set(shown), (over, due - set(shown))
+        covered |= due
+        longest = max(longest, len(shown))
+    print(f"{kind.__name__}: {len(spans)} requests, at most {longest} in flight, {len(looks)} looks of "
+          f"{sum(end - begin for begin, end, _ in looks) / len(looks) * 1000:.0f} ms; {len(covered)} were due in one")
+    assert longest > 0.9 * at_a_time and len(covered) > 0.9 * len(spans)
