@@ -8,6 +8,7 @@
 
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 
 namespace quorbit {
 
@@ -86,8 +87,8 @@ std::string functions_part(const RadarAnswer &answer, const RadarQuestion &quest
 			ago(function.first_ms, question.now_ms), ago(function.last_ms, question.now_ms),
 			function.called_ms ? ago(function.called_ms, question.now_ms) : "never", printable(function.application)});
 	return "\nCompiled, but not called for " + std::to_string(question.unused_days) +
-		" days: " + std::to_string(cells.size()) + " functions, which need no migration\n" +
-		table(columns, cells, width);
+		" days: " + std::to_string(cells.size() + static_cast<size_t>(answer.functions_left_out)) +
+		" functions, which need no migration\n" + table(columns, cells, width);
 }
 
 std::string rule_id(const RadarRow &row)
@@ -120,12 +121,18 @@ std::string radar_text(const RadarAnswer &answer, const RadarQuestion &question,
 		text =
 			"Nothing found yet that stands in the way of another version of PHP. An agent reports what its processes "
 			"compile and run.\n";
+	if (answer.sites_left_out) text += "and " + std::to_string(answer.sites_left_out) + " more places\n";
 	return text + functions_part(answer, question, width);
 }
 
 Json radar_json(const RadarAnswer &answer)
 {
-	Json object = {{"sites", Json::array()}, {"unused_functions", Json::array()}};
+	std::set<int> versions;
+	for (const zq_radar_rule &rule : zq_radar_rules) versions.insert(rule.version);
+	Json object = {{"sites", Json::array()}, {"sites_left_out", answer.sites_left_out},
+		{"unused_functions", Json::array()}, {"unused_functions_left_out", answer.functions_left_out},
+		{"applications", answer.applications}, {"versions", Json::array()}};
+	for (int version : versions) object["versions"].push_back(version_text(version));
 	for (const RadarRow &row : answer.sites)
 		object["sites"].push_back({{"application", row.application}, {"version", version_text(row.rule->version)},
 			{"effect", effects[row.rule->effect]}, {"use", use_text(row.site)}, {"file", row.site.file},

@@ -6,6 +6,7 @@
 #include "base/files.h"
 #include "host/findings.h"
 #include "print/report.h"
+#include "sample/sample_radar.h"
 #include "sample/sample_shop.h"
 #include "store/open_reader.h"
 #include "store/releases.h"
@@ -177,6 +178,7 @@ void Sample::fill()
 	store.write_sums();
 	mark_release(config_.store_file(), {begin_ms + first_release * minute_ms, "2.3.9", "Shop"});
 	mark_release(config_.store_file(), {begin_ms + second_release * minute_ms, "2.4.0", "Shop"});
+	add_sample_radar(config_.store_file(), now_ms);
 	add_profile(store);
 }
 

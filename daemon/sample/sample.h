@@ -11,8 +11,8 @@ namespace quorbit {
 
 // A folder of its own below the system's for temporary files, with the store of a day that ends now: two applications,
 // three pools of processes, two releases of which the second made a page slower, statements that are repeated or read
-// whole tables, an outage of a called service, and a thread profile. Everything but its clock is the same each time.
-// The folder goes with this object.
+// whole tables, an outage of a called service, what stands in the way of PHP 7, and a thread profile. Everything but
+// its clock is the same each time. The folder goes with this object.
 class Sample {
 public:
 	static constexpr int64_t profile_seconds = 30;

@@ -18,9 +18,12 @@ constexpr const char *sites_sql =
 	"WHERE ?1 = '' OR application = ?1";
 // What is compiled now and then, and has been for that long, and was called never or long ago.
 constexpr const char *functions_sql =
-	"SELECT application, file, line, name, first_ms, last_ms, ifnull(called_ms, 0) FROM radar_function WHERE "
+	"SELECT application, file, line, name, first_ms, last_ms, ifnull(called_ms, 0), count(*) OVER () FROM "
+	"radar_function WHERE "
 	"(?1 = '' OR application = ?1) AND first_ms <= ?2 AND last_ms > ?2 AND ifnull(called_ms, 0) <= ?2 "
 	"ORDER BY application, file, line LIMIT ?3";
+constexpr const char *applications_sql =
+	"SELECT application FROM radar_site UNION SELECT application FROM radar_function ORDER BY 1";
 
 RadarRow read_site(Statement &select)
 {
@@ -43,14 +46,8 @@ RadarRow read_site(Statement &select)
 	return row;
 }
 
-} // namespace
-
-RadarAnswer find_on_radar(const std::string &store_path, const RadarQuestion &question)
+void find_sites(Database &database, const RadarQuestion &question, RadarAnswer &answer)
 {
-	FollowedStore store(store_path, Database::Mode::read_only);
-	Unstopped reading;
-	Database &database = store.current();
-	RadarAnswer answer;
 	Statement sites(database, sites_sql);
 	sites.bind(1, question.application);
 	while (sites.step()) {
@@ -60,14 +57,38 @@ RadarAnswer find_on_radar(const std::string &store_path, const RadarQuestion &qu
 	std::stable_sort(answer.sites.begin(), answer.sites.end(), [](const RadarRow &a, const RadarRow &b) {
 		return std::tuple(a.rule->version, !a.site.ran) < std::tuple(b.rule->version, !b.site.ran);
 	});
-	if (answer.sites.size() > static_cast<size_t>(question.most))
-		answer.sites.resize(static_cast<size_t>(question.most));
+	const auto most = static_cast<size_t>(question.most);
+	if (answer.sites.size() <= most) return;
+	answer.sites_left_out = static_cast<int64_t>(answer.sites.size() - most);
+	answer.sites.resize(most);
+}
+
+void find_functions(Database &database, const RadarQuestion &question, RadarAnswer &answer)
+{
+	int64_t all = 0;
 	Statement functions(database, functions_sql);
 	functions.bind(1, question.application).bind(2, question.now_ms - question.unused_days * day_ms);
 	functions.bind(3, question.most);
-	while (functions.step())
+	while (functions.step()) {
 		answer.functions.push_back({functions.text(0), functions.text(1), functions.integer(2), functions.text(3),
 			functions.integer(4), functions.integer(5), functions.integer(6)});
+		all = functions.integer(7);
+	}
+	answer.functions_left_out = all - static_cast<int64_t>(answer.functions.size());
+}
+
+} // namespace
+
+RadarAnswer find_on_radar(const std::string &store_path, const RadarQuestion &question)
+{
+	FollowedStore store(store_path, Database::Mode::read_only);
+	Unstopped reading;
+	Database &database = store.current();
+	RadarAnswer answer;
+	find_sites(database, question, answer);
+	find_functions(database, question, answer);
+	Statement applications(database, applications_sql);
+	while (applications.step()) answer.applications.push_back(applications.text(0));
 	return answer;
 }
 

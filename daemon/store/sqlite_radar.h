@@ -11,7 +11,7 @@ struct RadarQuestion {
 	int to_version = 9900; // 803 for 8.3: only what is removed, changed or deprecated up to it
 	int64_t now_ms = 0;
 	int64_t unused_days = 30; // functions that were compiled, but not called for so long
-	int64_t most = 10000;     // of each list
+	int64_t most = 10000;     // of each list, 0 < most
 };
 
 struct RadarRow {
@@ -34,8 +34,10 @@ struct UnusedFunction {
 };
 
 struct RadarAnswer {
-	std::vector<RadarRow> sites;           // by version, those that run first, then by place
-	std::vector<UnusedFunction> functions; // by place
+	std::vector<RadarRow> sites;                        // by version, those that run first, then by place
+	std::vector<UnusedFunction> functions;              // by place
+	int64_t sites_left_out = 0, functions_left_out = 0; // beyond the number asked for
+	std::vector<std::string> applications;              // all that the radar knows, whichever was asked for; by name
 };
 
 // What the store of that file has. It is kept for this host alone: no store of a fleet has it. Throws SqliteError.

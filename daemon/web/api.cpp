@@ -79,10 +79,18 @@ ApiAnswer answer_profiles(Profiles &profiles, std::string_view path)
 						: ApiAnswer{200, text};
 }
 
+// Hosts keep their radar to themselves.
+std::string store_of_host(const DaemonConfig &config)
+{
+	if (config.store_url.empty()) return config.store_file();
+	throw std::runtime_error("a fleet's store does not have the radar: ask `quorbit radar` on the host");
+}
+
 ApiAnswer answer(const DaemonConfig &config, std::string_view path, const Parameters &parameters)
 {
 	constexpr std::string_view one_key = "keys/";
 	constexpr std::string_view one_request = "requests/";
+	if (path == "radar") return api_radar(store_of_host(config), parameters);
 	for (const Route &route : routes) {
 		if (path == route.path) return {200, route.answer(*open_reader(config), parameters)};
 	}

@@ -11,7 +11,8 @@ namespace quorbit {
 
 struct ApiAnswer {
 	int status = 200;
-	std::string body; // JSON in ASCII
+	std::string body; // JSON in ASCII, unless it has another type
+	const char *type = "application/json";
 };
 
 class Profiles;

@@ -4,6 +4,7 @@
 #include "base/clock.h"
 #include "base/number.h"
 #include "print/report.h"
+#include "print/report_radar.h"
 #include "print/report_services.h"
 #include "print/report_sums.h"
 #include "store/comparison.h"
@@ -167,6 +168,24 @@ std::string api_services(Reader &store, const Parameters &parameters)
 std::string api_hosts(Reader &store, const Parameters &)
 {
 	return json_text(Json(store.hosts()), false);
+}
+
+ApiAnswer api_radar(const std::string &store_path, const Parameters &parameters)
+{
+	RadarQuestion question;
+	const std::string &to = text_of(parameters, "to"), &format = text_of(parameters, "format");
+	const auto version = read_version(to);
+	if (!to.empty() && !version) throw BadParameter("to: expected a version such as 8.3");
+	if (!format.empty() && format != "csv" && format != "sarif") throw BadParameter("format: expected csv or sarif");
+	if (version) question.to_version = *version;
+	question.application = text_of(parameters, "app");
+	question.unused_days = number_of(parameters, "days", 1, radar_days, question.unused_days);
+	question.most = number_of(parameters, "limit", 1, question.most, question.most);
+	question.now_ms = wall_clock_ms();
+	const RadarAnswer answer = find_on_radar(store_path, question);
+	if (format == "csv") return {200, radar_csv(answer), "text/csv; charset=utf-8"};
+	if (format == "sarif") return {200, json_text(radar_sarif(answer), false), "application/sarif+json"};
+	return {200, json_text(radar_json(answer), false)};
 }
 
 std::string api_key(Reader &store, std::string_view path, const Parameters &parameters)

@@ -16,7 +16,6 @@ namespace {
 using httplib::Request;
 using httplib::Response;
 
-constexpr const char *json_type = "application/json";
 constexpr const char *login_path = "/api/v1/session";
 constexpr const char *metrics_path = "/metrics";
 constexpr const char *logout_path = "/api/v1/session/end";
@@ -47,7 +46,7 @@ void send(Response &response, const ApiAnswer &answer)
 {
 	response.status = answer.status;
 	response.set_header("Cache-Control", "no-store");
-	response.set_content(answer.body, json_type);
+	response.set_content(answer.body, answer.type);
 }
 
 class Handlers {

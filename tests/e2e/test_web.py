@@ -208,8 +208,30 @@ def test_the_new_views_show_what_the_commands_print(sample, sampled):
     assert edges["Shop", "MySQL"]["count"] == sum(row["count"] for row in queries)
     assert edges["Shop", "stock.internal"]["application"] == "Stock" and edges["Shop", "pay.example"]["errors"] == failed > 0
     assert len(texts(opened(sampled, sample, "/services", ".map"), ".map path")) == len(edges)
+    assert sample.json("radar?app=Shop&to=7.4&days=7") == told("radar", "--app", "Shop", "--to", "7.4", "--unused", "7")
     opened(sampled, sample, "/overview", "table.narrow tbody tr")
     assert [row.split()[0] for row in texts(sampled, "table.narrow tbody tr")[1:]] == ["jobs", "shop", "stock"]
+
+
+def test_the_radar_shows_what_must_change_before_a_version(sample, sampled):
+    def headings():
+        return sampled.execute_script("return [...document.querySelectorAll('h2')].map(heading => heading.firstChild.data.trim())")
+    opened(sampled, sample, "/radar", "tbody tr")
+    everything = sample.json("radar")
+    versions = ["7.0", "7.2", "8.0", "8.1", "8.2", "8.4"]
+    assert headings() == [f"To change before PHP {version}" for version in versions] + ["Compiled, but not called for 30 days"]
+    assert len(texts(sampled, "tbody tr")) == len(everything["sites"]) + len(everything["unused_functions"])
+    for name, word in ("to", "7"), ("app", "Sh"):          # by the keyboard
+        sampled.find_element(By.NAME, name).send_keys(word)
+    wait_until(lambda: sampled.current_url.endswith("/radar?to=7.0&app=Shop") and len(texts(sampled, "tbody tr")) == 5, "the chosen ones")
+    assert headings() == ["To change before PHP 7.0", "Compiled, but not called for 30 days"]
+    assert [row.split("\n")[0] for row in texts(sampled, "tbody td:first-child")] == \
+        ["/srv/shop/src/Search.php:33", "/srv/shop/src/Search.php:35", "/srv/shop/src/Template.php:88", "Report::toExcel", "Report::toWord"]
+    split, = [row for row in texts(sampled, "tbody tr") if "split()" in row]
+    assert "removed" in split and "explode()" in split and "320 ×" in split and "/checkout" in split
+    exports = [link.get_attribute("href").partition("/api/v1/")[2] for link in sampled.find_elements(By.CSS_SELECTOR, ".actions a")]
+    csv, sarif = (sample.ask("/api/v1/" + path)[2] for path in exports)
+    assert csv.count(b"\r\n") == 1 + 3 and len(json.loads(sarif)["runs"][0]["results"]) == 3
 
 
 def test_a_called_applications_trace_stands_inside_the_call(sample, sampled):
@@ -255,10 +277,10 @@ def test_every_view_is_for_everyone(server, sample, sampled, width, dark):
     views = [(sample, path, selector) for path, selector in [
         ("/overview", "tbody tr"), ("/now", "tbody tr"), ("/now/2101", "tbody tr"), (f"/actions/{action}", ".heat-cells a"),
         ("/queries", "tbody tr"), ("/errors", "tbody tr"), ("/services", ".map"),
-        ("/compare", "tbody tr"), ("/profiles", "tbody tr"), (f"/profiles/{profile}", ".flame canvas"), ("/status", "h2"), ("/settings", "tbody tr"),
+        ("/compare", "tbody tr"), ("/radar", "tbody tr"), ("/profiles", "tbody tr"), (f"/profiles/{profile}", ".flame canvas"), ("/status", "h2"), ("/settings", "tbody tr"),
         ("/requests", "tbody tr"), (f"/requests/{products}", ".wf-row"), (f"/requests/{products}?tab=functions", "tbody tr"),
         (f"/requests/{products}?tab=statements", ".sql"), ("/requests?since=15m&app=none", ".state p")]]
-    views += [(server, f"/requests/{hostile_id}?tab=details", "[role=tabpanel]"), (server, "/services?app=none", ".state")]
+    views += [(server, f"/requests/{hostile_id}?tab=details", "[role=tabpanel]"), (server, "/services?app=none", ".state"), (server, "/radar?to=8.3", ".state p")]
     for of, path, selector in views:
         opened(page, of, path, selector)
         assert (texts(page, ".samplechip") == ["Sample data"]) == (of is sample), path
@@ -281,6 +303,7 @@ def test_what_a_request_must_show(server):
         (403, "GET", "/api/v1/requests", {"Origin": "http://127.0.0.1:1"}), (403, "GET", "/api/v1/requests", {"Sec_Fetch_Site": "same-site"}),
         (200, "GET", "/api/v1/requests", {"Origin": f"http://{own}"}), (404, "GET", "/api/v1/nothing", {}), (404, "GET", "/api/v2/requests", {}), (404, "GET", "/api/v1/requests/9999", {}),
         (400, "GET", "/api/v1/requests?n=0", {}), (400, "GET", "/api/v1/requests?since=1w", {}),
+        (200, "GET", "/api/v1/radar?to=8.3&format=csv", {}), (400, "GET", "/api/v1/radar?to=x", {}), (400, "GET", "/api/v1/radar?format=x", {}), (400, "GET", "/api/v1/radar?days=0", {}),
         (405, "PUT", "/api/v1/session", {}), (405, "POST", "/requests", kind), (405, "OPTIONS", "/api/v1/requests", {}),
         (415, "POST", "/api/v1/session", {"Content_Type": "text/plain", "body": "{}"}), (403, "POST", "/api/v1/session/end", kind),
         (403, "POST", "/api/v1/profiles", {**kind, "body": '{"application": "Shop", "seconds": 9}'}), (403, "POST", "/api/v1/releases", {**kind, "body": '{"name": "1"}'}),

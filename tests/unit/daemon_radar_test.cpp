@@ -76,6 +76,8 @@ TEST_F(RadarStoreTest, SaysWhatMustChangeBeforeWhichVersion) {
   EXPECT_EQ(all.sites[1].site.name, "eregi") << "what runs comes first";
   EXPECT_TRUE(all.sites[2].is_in_use && !all.sites[1].is_in_use);
   EXPECT_EQ(ask({.application = "Shop", .to_version = 704, .now_ms = now_ms_}).sites.size(), 2u);
+  const RadarAnswer one = ask({.application = "Shop", .now_ms = now_ms_, .most = 1});
+  EXPECT_EQ(std::tuple(one.sites.size(), one.sites_left_out, one.applications.size()), std::tuple(1u, 2, 2u));
   EXPECT_EQ(radar_csv(all).substr(radar_csv(all).find('\n') + 1, 44), "\"7.0\",\"removed\",\"split()\",\"/s/db.php\",\"9\",\"\"");
   const Json run = radar_sarif(all)["runs"][0];
   EXPECT_EQ(run["results"].size(), 4u);

@@ -14,6 +14,7 @@ import { Overview } from './views/overview.js';
 import { Now, NowOne } from './views/now.js';
 import { Compare } from './views/compare.js';
 import { Profile, Profiles } from './views/profile.js';
+import { Radar } from './views/radar.js';
 import { Services } from './views/services.js';
 import { Settings } from './views/settings.js';
 import { Errors, Queries } from './views/sums.js';
@@ -32,6 +33,7 @@ const views = [
   { path: 'services', title: 'Services', view: Services, one: keyView('external') },
   { path: 'compare', title: 'Compare', view: Compare },
   { path: 'profiles', title: 'Profiles', view: Profiles, one: Profile, ofOneHost: true },
+  { path: 'radar', title: 'Radar', view: Radar, ofOneHost: true },
   { path: 'status', title: 'Status', view: Status, ofOneHost: true },
   { path: 'settings', title: 'Settings', view: Settings, ofOneHost: true },
   { path: 'actions', one: keyView('action') },
