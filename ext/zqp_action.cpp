@@ -8,6 +8,7 @@
 #include "zqp_nosql.h"
 #include "zqp_open_calls.h"
 #include "zqp_process_memory.h"
+#include "zqp_trace_context.h"
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
 #include "zqp_wrapper.h"
@@ -29,7 +30,6 @@ static HashTable *zq_action::*const tables[] = {
 	&zq_action::nosql_memcc,
 	&zq_action::nosql_redis,
 	&zq_action::nosql_mongo,
-	&zq_action::own_curl_callbacks,
 };
 static char *zq_action::*const texts[] = {
 	&zq_action::action_name,
@@ -129,6 +129,7 @@ void zq_release_action(TSRMLS_D)
 	for (auto text : texts) {
 		zq_replace_text(&(g->*text), NULL);
 	}
+	zq_trace_context_end(TSRMLS_C);
 	zq_details_end(TSRMLS_C);
 	forget_action(g);
 }
@@ -149,6 +150,7 @@ void zq_release_request(TSRMLS_D)
 	zq_release_action(TSRMLS_C);
 	free_table(g->wrapper_function_hash);
 	free_table(g->performance_function_hash);
+	free_table(g->curl_handles);
 	zq_replace_text(&g->request_path, NULL);
 	zq_replace_text(&g->app_name, NULL);
 	zq_free_config_copies(TSRMLS_C);

@@ -56,7 +56,8 @@ typedef struct zq_details {
 	unsigned place_count, slot_count;
 	zq_whole_text *texts; /* the last first */
 	size_t text_bytes;
-	unsigned trace_nodes; /* written so far */
+	unsigned trace_nodes;             /* written so far */
+	struct zq_trace_context *context; /* owned; null: nobody asks for it */
 } zq_details;
 
 /* Starts or ends keeping details: as the configuration of the action that begins asks, and with the action. */

@@ -34,7 +34,9 @@
 	OTHER(COMPONENT, 0x32)              \
 	OTHER(TRACE_TEXT, 0x33)             \
 	OTHER(CALL_MESSAGE, 0x34)           \
-	OTHER(FRAME, 0x35)
+	OTHER(FRAME, 0x35)                  \
+	OTHER(TRACE_CONTEXT, 0x40)          \
+	OTHER(CALL_SPAN, 0x41)
 
 enum zq_details_item : uint8_t {
 #define ITEM(name, number) ZQ_ITEM_##name = (number),

@@ -9,6 +9,7 @@
 #include "zqp_io.h"
 #include "zqp_json.h"
 #include "zqp_nosql.h"
+#include "zqp_trace_context.h"
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
 
@@ -288,6 +289,38 @@ void append_whole_texts(writer *to, const zq_details *details TSRMLS_DC)
 	}
 }
 
+/* Without a transaction, and without a caller that lends its trace, there is nothing to say. */
+void append_trace_context(writer *to, zq_trace_context *context TSRMLS_DC)
+{
+	const unsigned char *trace_id = zq_trace_id(context TSRMLS_CC);
+	if (!trace_id) {
+		return;
+	}
+	unsigned char ids[ZQ_TRACE_ID_SIZE + 2 * ZQ_SPAN_ID_SIZE];
+	memcpy(ids, trace_id, ZQ_TRACE_ID_SIZE);
+	memcpy(ids + ZQ_TRACE_ID_SIZE, context->own.span_id, ZQ_SPAN_ID_SIZE);
+	memcpy(ids + ZQ_TRACE_ID_SIZE + ZQ_SPAN_ID_SIZE, context->parent, ZQ_SPAN_ID_SIZE);
+	append_item(to, ZQ_ITEM_TRACE_CONTEXT, ids, sizeof(ids), "", 0);
+}
+
+/* As it goes into the packet. */
+struct call_span {
+	uint64 span;
+	uint32_t number, node;
+	uint64 since_start_us, took_us;
+};
+static_assert(sizeof(call_span) == 32);
+
+void append_call_spans(writer *to, const zq_trace_context *context TSRMLS_DC)
+{
+	for (unsigned i = 0; i < context->call_count; i++) {
+		const zq_call_span *call = &context->calls[i];
+		uint64 since_start = call->begin_us > ZQG(rinit_tick) ? call->begin_us - ZQG(rinit_tick) : 0;
+		const call_span item = {call->span, call->number, call->node, since_start, call->took_us};
+		append_item(to, ZQ_ITEM_CALL_SPAN, &item, sizeof(item), "", 0);
+	}
+}
+
 } // namespace
 
 void zq_append_details(smart_str *packet TSRMLS_DC)
@@ -302,6 +335,9 @@ void zq_append_details(smart_str *packet TSRMLS_DC)
 	runs found = runs_of(ZQG(sqls));
 	append_sums(&to, details, found.statements + details->unlisted_statements TSRMLS_CC);
 	append_request(&to TSRMLS_CC);
+	if (details->context) {
+		append_trace_context(&to, details->context TSRMLS_CC);
+	}
 	if (found.list.len) {
 		append_item(&to, ZQ_ITEM_RUNS, NULL, 0, found.list.c, found.list.len);
 	}
@@ -310,6 +346,9 @@ void zq_append_details(smart_str *packet TSRMLS_DC)
 	append_whole_texts(&to, details TSRMLS_CC);
 	append_call_messages(&to TSRMLS_CC);
 	append_whole_frames(&to TSRMLS_CC);
+	if (details->context) {
+		append_call_spans(&to, details->context TSRMLS_CC);
+	}
 	zq_fill_length(packet, start);
 	if (packet->len - 4 >= ZQ_MAX_BODY) {
 		packet->len = start; /* better a packet without it than none */

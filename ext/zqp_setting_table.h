@@ -42,9 +42,11 @@ struct zq_app_config {
 	int resource_low;
 	int resource_high;
 	int resource_safe;
-	int details_wanted;   /* the packet ends with the details record */
-	int uri_from_request; /* CGI and FPM: the path that the client asked for is the URI */
-	int radar_wanted;     /* what later versions of PHP will not run is noted */
+	int details_wanted;     /* the packet ends with the details record */
+	int uri_from_request;   /* CGI and FPM: the path that the client asked for is the URI */
+	int radar_wanted;       /* what later versions of PHP will not run is noted */
+	int traceparent_wanted; /* outgoing calls carry the W3C's trace context, and an incoming one counts; with details */
+	char *traceparent_deny; /* hosts that get none, separated by ",", with "*" for any characters */
 };
 
 /* Of action_tracer_action_threshold, in ms: php.ini's default, and what 0 stands for. */
@@ -117,6 +119,8 @@ inline constexpr auto zq_setting_table = std::to_array<zq_setting_row>({
 	SETTING("zqs.details", ASKED, details_wanted, 0),
 	SETTING("zqs.uri_from_request", ASKED, uri_from_request, 0),
 	SETTING("zqs.radar", ASKED, radar_wanted, 0),
+	SETTING("zqs.traceparent", ASKED, traceparent_wanted, 0),
+	SETTING("zqs.traceparent_deny", TEXT, traceparent_deny, 0),
 });
 #undef SETTING
 

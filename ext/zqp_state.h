@@ -80,6 +80,7 @@ struct zq_request : zq_app_config {
 	zq_page_place rum_page; /* after what has been written of the page */
 	int rum_header_lines;   /* line ends that are still the headers', when the writer gets them next */
 	int headers_sent;
+	HashTable *curl_handles; /* of zq_curl_handle (zqp_wrapper_curl), by resource id; may be null */
 	int transaction_parent; /* a monitored application of the same account is the caller */
 };
 
@@ -120,8 +121,6 @@ struct zq_action {
 	size_t recorded_webservice_bytes;
 	int unlisted_webservice_ms; /* of outgoing calls beyond that bound */
 	int recorded_limit_logged;
-	HashTable *own_curl_callbacks; /* curl handles that have ours and nothing of the script's, by resource id; may be
-									  null */
 };
 
 /* One instance per thread, zero-filled when the thread appears. */

@@ -10,6 +10,7 @@ extern "C" {
 }
 #include "zqp_json.h"
 #include "zqp_lock.h"
+#include "zqp_trace_context.h"
 #include "zqp_webservice.h"
 
 /* ---- text of others that goes into the JSON as it is ---- */
@@ -324,6 +325,9 @@ static void keep_cut_names(zq_details *details, const tracer_element *tracer)
 {
 	keep_cut_text(details, ZQ_WHOLE_CLASS, tracer->cls);
 	keep_cut_text(details, ZQ_WHOLE_FUNCTION, tracer->func);
+	if (details->context && tracer->data_type == ZQ_TRACER_EXTERNAL) {
+		zq_note_call_node(details->context, tracer->data, details->trace_nodes);
+	}
 	details->trace_nodes++;
 }
 

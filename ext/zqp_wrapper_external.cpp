@@ -5,6 +5,7 @@
 #include <initializer_list>
 
 #include "zqp_component.h"
+#include "zqp_trace_context.h"
 #include "zqp_tracer.h"
 #include "zqp_webservice.h"
 #include "zqp_wrapper_headers.h"
@@ -62,10 +63,13 @@ size_t recorded_bytes(const webservice_element *element)
 	return bytes;
 }
 
-void append_call(webservice_element *element TSRMLS_DC)
+void append_call(webservice_element *element, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	ZQG(recorded_webservice_bytes) += recorded_bytes(element);
 	zq_list_append(ZQG(webservices), element);
+	if (zq_trace_context *context = zq_trace_context_of(TSRMLS_C)) {
+		zq_note_call_span(context, begin_us, end_us TSRMLS_CC);
+	}
 }
 
 bool is_list_full(TSRMLS_D)
@@ -116,7 +120,7 @@ int record_transfer(zq_stack_data *call, zval *handle, const char *url, uint64 b
 
 int record_stream_call(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
-	zq_take_back_header(call TSRMLS_CC);
+	uint64 span = zq_take_back_header(call TSRMLS_CC);
 	if (ZQG(webservice_should_ignored)) {
 		return 0;
 	}
@@ -126,6 +130,7 @@ int record_stream_call(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRML
 		return 0;
 	}
 	const char *answer = ZQG(transaction_tracer_enabled) ? zq_stream_answer(call TSRMLS_CC) : NULL;
+	zq_call_carried(span TSRMLS_CC);
 	return EXTERNAL_SERVICE(call, url, answer, 0, NULL, begin_us, end_us TSRMLS_CC);
 }
 
@@ -154,6 +159,7 @@ int EXTERNAL_SERVICE(zq_stack_data *call, const char *url, const char *transacti
 	const char *error_msg, uint64 begin_us, uint64 end_us TSRMLS_DC)
 {
 	if (!ZQG(webservices) || !url || !strstr(url, "://")) {
+		zq_call_carried(0 TSRMLS_CC);
 		return 0;
 	}
 	int metric_ms = elapsed_ms(begin_us, end_us);
@@ -163,24 +169,25 @@ int EXTERNAL_SERVICE(zq_stack_data *call, const char *url, const char *transacti
 	}
 	if (is_list_full(TSRMLS_C)) {
 		ZQG(unlisted_webservice_ms) += metric_ms;
+		zq_call_carried(0 TSRMLS_CC);
 		return 1;
 	}
 	webservice_element *element = describe_call(call, url, transaction_data, status, error_msg TSRMLS_CC);
 	element->metric = metric_ms;
 	if (!ZQG(action_tracer_enabled)) {
-		append_call(element TSRMLS_CC);
+		append_call(element, begin_us, end_us TSRMLS_CC);
 		return 1;
 	}
 	if (element->transaction_data && strstr(element->transaction_data, "\"tr\"")) {
 		ZQG(child_has_tracer) = 1; /* the callee has kept a trace of its own: without ours it would hang in the air */
 	}
 	if (end_us - begin_us <= ZQG(tracer_threshold_tick) || begin_us < ZQG(rinit_tick)) {
-		append_call(element TSRMLS_CC);
+		append_call(element, begin_us, end_us TSRMLS_CC);
 		return 1;
 	}
 	element->url = estrdup(url);
 	zq_str_replace_ln(element->url);
-	append_call(element TSRMLS_CC);
+	append_call(element, begin_us, end_us TSRMLS_CC);
 	zq_trace_call(call->cls, call->func, call->execute_data, begin_us, end_us, ZQ_TRACER_EXTERNAL, element TSRMLS_CC);
 	return 1;
 }
@@ -196,6 +203,7 @@ int performance_curl_exec(zq_stack_data *call, uint64 begin_us, uint64 end_us TS
 	zval url;
 	int recorded = 0;
 	if (ask_curl("curl_getinfo", handle, &what, &url TSRMLS_CC) == SUCCESS && Z_TYPE(url) == IS_STRING) {
+		zq_call_carried(zq_curl_span(handle TSRMLS_CC) TSRMLS_CC);
 		recorded = record_transfer(call, handle, Z_STRVAL(url), begin_us, end_us TSRMLS_CC);
 	}
 	zq_release_result(&url TSRMLS_CC);
@@ -232,6 +240,7 @@ int performance_soapclient(zq_stack_data *call, uint64 begin_us, uint64 end_us T
 	zq_component_spent_outside(elapsed_ms(begin_us, end_us) TSRMLS_CC);
 	const char *location = get_argument_char(call->execute_data, 1);
 	char *answer = soap_answer(call TSRMLS_CC);
+	zq_call_carried(zq_end_soap_request(call->object TSRMLS_CC) TSRMLS_CC);
 	int recorded = EXTERNAL_SERVICE(call, location, answer, 0, NULL, begin_us, end_us TSRMLS_CC);
 	if (answer) {
 		efree(answer);

@@ -8,6 +8,7 @@
 #include "zqp_name_table.h"
 #include "zqp_nosql.h"
 #include "zqp_store_classes.h"
+#include "zqp_trace_context.h"
 #include "zqp_tracer.h"
 #include "zqp_wrapper_board.h"
 
@@ -53,6 +54,10 @@ int may_carry_identity(TSRMLS_D)
 {
 	return is_on_its_own(TSRMLS_C) && zq_identity_is_set(TSRMLS_C);
 }
+int carries_trace_context(TSRMLS_D)
+{
+	return zq_trace_context_of(TSRMLS_C) != NULL;
+}
 int handshake_is_due(TSRMLS_D)
 {
 	return ZQG(ws_enabled) && zq_identity_is_set(TSRMLS_C);
@@ -83,11 +88,22 @@ constexpr auto before_rows = std::to_array<zq_before_row>({
 	{"curl_setopt", zq_identity_is_set, wrapper_curl_setopt},
 	{"curl_setopt_array", zq_identity_is_set, wrapper_curl_setopt_array},
 	{"curl_multi_add_handle", zq_identity_is_set, wrapper_curl_multi_add_handle},
+	{"curl_copy_handle", zq_identity_is_set, wrapper_curl_copy_handle},
 	{"curl_exec", NULL, wrapper_curl_exec},
 	{"header", reads_headers, wrapper_header},
 	{"pcntl_exec", NULL, leave_board},
 	{"set_error_handler", collects_errors, wrapper_set_error_handler},
 });
+
+/* Runs before a method, once its class has been found below. */
+struct zq_before_method_row {
+	zq_name cls, name;
+	zq_condition wanted;
+	void (*handle)(zq_stack_data *call TSRMLS_DC);
+};
+constexpr zq_before_method_row before_method_rows[] = {
+	{"SoapClient", "__doRequest", carries_trace_context, wrapper_soap_request},
+};
 
 constexpr auto after_rows = std::to_array<zq_after_row>({
 	{"mysql_query", NULL, with<performance_mysql_query>},
@@ -115,6 +131,7 @@ constexpr auto after_rows = std::to_array<zq_after_row>({
 	{"curl_init", may_carry_identity, with<performance_curl_init>},
 	{"curl_reset", may_carry_identity, with<performance_curl_reset>},
 	{"curl_setopt", may_carry_identity, with<performance_curl_setopt>},
+	{"curl_copy_handle", zq_identity_is_set, with<performance_curl_copy_handle>},
 	{"curl_exec", is_on_its_own, with<performance_curl_exec>},
 	{"curl_multi_exec", is_on_its_own, with<performance_curl_multi_exec>},
 	{"fwrite", handshake_is_due, with<performance_fwrite>},
@@ -305,6 +322,17 @@ int record_call(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC)
 	return row && (!row->wanted || row->wanted(TSRMLS_C)) && row->recorder.record(call, begin_us, end_us TSRMLS_CC);
 }
 
+void handle_method(zq_stack_data *call TSRMLS_DC)
+{
+	for (const zq_before_method_row &row : before_method_rows) {
+		if (UNEXPECTED(row.name.hash == call->func_hash_code) &&
+			row.name.is(call->func_hash_code, call->func, call->func_length) &&
+			row.cls.is(call->cls_hash_code, call->cls, call->cls_length) && row.wanted(TSRMLS_C)) {
+			row.handle(call TSRMLS_CC);
+		}
+	}
+}
+
 /* Last before the call: the board is being written until it begins. */
 void show_call(zq_stack_data *call, zq_board_slot *board TSRMLS_DC)
 {
@@ -354,7 +382,9 @@ void zq_before_internal_call(zq_stack_data *call TSRMLS_DC)
 	if (!call->func_hash_code) {
 		return;
 	}
-	if (!call->cls) {
+	if (call->cls) {
+		handle_method(call TSRMLS_CC);
+	} else {
 		const zq_before_row *row =
 			zq_find_row(before_rows, before_index, call->func_hash_code, call->func, call->func_length);
 		if (row && (!row->wanted || row->wanted(TSRMLS_C))) {

@@ -2,6 +2,7 @@
  * record, under the name that the application knows. */
 #include "zqp_component.h"
 #include "zqp_debug.h"
+#include "zqp_trace_context.h"
 #include "zqp_wrapper_external.h"
 #include "zqp_wrapper_headers.h"
 
@@ -24,21 +25,64 @@ zval *property_of(zval *object, const char *name, size_t size TSRMLS_DC)
 	return FIND_HASH_ZVALUE(zq_property_table(object TSRMLS_CC), name, (uint)size);
 }
 
-void set_identity_header(zval *transport TSRMLS_DC)
+/* Adopts the text. */
+void set_header(zval *transport, const char *header, smart_str *text TSRMLS_DC)
 {
-	smart_str identity = {};
 	zval *name, *value, result;
-	zq_append_identity(&identity TSRMLS_CC);
 	MAKE_STD_ZVAL(name);
-	ZVAL_STRING(name, "X-Vantor-Id", 1);
+	ZVAL_STRING(name, header, 1);
 	MAKE_STD_ZVAL(value);
-	int len = (int)identity.len;
-	ZVAL_STRINGL(value, zq_buffer_text(&identity), len, 0);
+	int len = (int)text->len;
+	ZVAL_STRINGL(value, zq_buffer_text(text), len, 0);
 	zval *params[] = {name, value};
 	zq_call_named(transport, "setHeader", &result, 2, params TSRMLS_CC);
 	zq_release_result(&result TSRMLS_CC);
 	zval_ptr_dtor(&value);
 	zval_ptr_dtor(&name);
+}
+
+bool is_span(const zval *header, uint64 span)
+{
+	zq_traceparent parent;
+	return zq_read_traceparent({Z_STRVAL_P(header), (size_t)Z_STRLEN_P(header)}, &parent) &&
+		memcmp(parent.span_id, &span, sizeof(span)) == 0;
+}
+
+/* Whether a transport's URL and its own headers let it carry the trace context; one with that span is ours. */
+bool takes_traceparent(zval *transport, uint64 last_span TSRMLS_DC)
+{
+	const zval *url = property_of(transport, "url", sizeof("url") TSRMLS_CC);
+	const zval *headers = property_of(transport, "outgoing_headers", sizeof("outgoing_headers") TSRMLS_CC);
+	if (!url || Z_TYPE_P(url) != IS_STRING || !zq_url_takes_traceparent(Z_STRVAL_P(url) TSRMLS_CC)) {
+		return false;
+	}
+	const HashTable *table = headers && Z_TYPE_P(headers) == IS_ARRAY ? Z_ARRVAL_P(headers) : NULL;
+	for (const Bucket *at = table ? table->pListHead : NULL; at; at = at->pListNext) {
+		const zval *value = *(zval **)at->pData;
+		if (at->nKeyLength && Z_TYPE_P(value) == IS_STRING && !is_span(value, last_span) &&
+			zq_header_forbids_traceparent(at->arKey, Z_STRVAL_P(value))) {
+			return false;
+		}
+	}
+	return true;
+}
+
+void set_identity(zval *transport TSRMLS_DC)
+{
+	smart_str identity = {};
+	zq_append_identity(&identity TSRMLS_CC);
+	set_header(transport, "X-Vantor-Id", &identity TSRMLS_CC);
+	zq_trace_context *context = zq_trace_context_of(TSRMLS_C);
+	if (!context) {
+		return;
+	}
+	bool takes = takes_traceparent(transport, context->nusoap_span TSRMLS_CC) && zq_trace_id(context TSRMLS_CC);
+	context->nusoap_span = takes ? zq_new_span(context) : 0;
+	if (takes) {
+		smart_str value = {};
+		zq_append_traceparent(&value, context, context->nusoap_span TSRMLS_CC);
+		set_header(transport, "traceparent", &value TSRMLS_CC);
+	}
 }
 
 } // namespace
@@ -59,7 +103,7 @@ int wrapper_nusoap_send(zend_execute_data *execute_data, char *TSRMLS_DC)
 	ZQG(webservice_should_ignored) = 1;
 	zq_watch_after("soap_transport_http::send", sizeof("soap_transport_http::send"), performance_nusoap_send TSRMLS_CC);
 	if (execute_data->object && zq_identity_is_set(TSRMLS_C)) {
-		set_identity_header(execute_data->object TSRMLS_CC);
+		set_identity(execute_data->object TSRMLS_CC);
 	}
 	return 0;
 }
@@ -75,6 +119,9 @@ int performance_nusoap_send(zq_stack_data *call, uint64 begin_us, uint64 end_us 
 	char *without_query = estrndup(Z_STRVAL_P(url), (uint)strcspn(Z_STRVAL_P(url), "?"));
 	zval *headers = property_of(call->object, "incoming_headers", sizeof("incoming_headers") TSRMLS_CC);
 	const char *answer = get_hash_value_by_name(headers, "X-Vantor-Tx-Data", sizeof("X-Vantor-Tx-Data"));
+	if (const zq_trace_context *context = zq_trace_context_of(TSRMLS_C)) {
+		zq_call_carried(context->nusoap_span TSRMLS_CC);
+	}
 	int recorded = record_url(call, without_query, answer, begin_us, end_us TSRMLS_CC);
 	efree(without_query);
 	return recorded;

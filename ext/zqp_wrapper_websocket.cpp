@@ -58,7 +58,7 @@ const char *find_key_header(const zval *handshake)
 /* The line that goes in front of the key header, with its line end. */
 void append_identity_line(smart_str *text TSRMLS_DC)
 {
-	zval *header = zq_identity_header(TSRMLS_C);
+	zval *header = zq_identity_header(0 TSRMLS_CC);
 	zq_append(text, Z_STRVAL_P(header), (size_t)Z_STRLEN_P(header));
 	zq_append_text(text, "\r\n");
 	zval_ptr_dtor(&header);

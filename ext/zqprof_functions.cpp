@@ -13,6 +13,7 @@
 #include "zqp_open_calls.h"
 #include "zqp_quick.h"
 #include "zqp_rum.h"
+#include "zqp_trace_context.h"
 #include "zqp_wrapper_headers.h"
 
 /* Shutdown function: the last chance for the answer to a calling application and for the browser script. */
@@ -82,6 +83,7 @@ static int start_action(const char *name TSRMLS_DC)
 	zq_release_action(TSRMLS_C); /* nothing of the one before may show in this one */
 	zq_create_containers(TSRMLS_C);
 	zq_details_begin(TSRMLS_C);
+	zq_trace_context_begin(NULL TSRMLS_CC);
 	zq_radar_begin(TSRMLS_C);
 	g->rum_enabled = 0;
 	g->tracer_threshold_tick = zq_tracer_threshold_us(g->action_tracer_action_threshold);

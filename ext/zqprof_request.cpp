@@ -14,6 +14,7 @@
 #include "zqp_open_calls.h"
 #include "zqp_quick.h"
 #include "zqp_radar.h"
+#include "zqp_trace_context.h"
 #include "zqprof_settings.h"
 
 static const double random_max = 2147483647.0; /* what random() gives at most */
@@ -153,6 +154,7 @@ static void start_web_action(TSRMLS_D)
 		}
 	}
 	read_caller(ZQ_SERVER_TEXT("HTTP_X_VANTOR_ID") TSRMLS_CC);
+	zq_trace_context_begin(g->traceparent_wanted ? ZQ_SERVER_TEXT("HTTP_TRACEPARENT") : NULL TSRMLS_CC);
 	if ((g->transaction_tracer_enabled || g->transaction_parent) && !g->transaction_id) {
 		g->transaction_id = get_new_GUID();
 	}

@@ -24,16 +24,16 @@ constexpr int64_t settle_ms = 10000; // so long the caller of an action is waite
 constexpr int64_t most_actions = 200;
 constexpr size_t most_spans = 20000; // of a body, about
 
-// Whether a call of another action in the store led to this one.
-bool has_caller(Reader &reader, const StoredAction &stored)
+// The span of the call of another action in the store that led to this one; "" for none.
+std::string caller_of(Reader &reader, const StoredAction &stored)
 {
 	const Action &own = stored.action;
-	bool found = false;
-	if (own.transaction_id.empty() || own.tracer_id.empty()) return false;
+	std::string found;
+	if (own.transaction_id.empty() || own.tracer_id.empty() ||
+		(own.trace_context && !own.trace_context->parent.empty()))
+		return found;
 	reader.each_related({stored.row.id, own.transaction_id, {}}, [&](const StoredAction &other) {
-		if (found || other.action.trace.empty()) return;
-		for (const TraceNode &node : read_trace(other.action.trace).value_or(std::vector<TraceNode>()))
-			found = found || (node.callee && node.callee->tracer_id == own.tracer_id);
+		if (found.empty()) found = caller_span(other.action, own.tracer_id);
 	});
 	return found;
 }
@@ -171,7 +171,7 @@ bool OtlpExporter::send_actions(Reader &reader)
 		sent.action_id = row.id;
 		const auto stored = reader.action(row.id);
 		if (!stored) continue;
-		SpanOptions options{settings_.functions != "no", identity_, has_caller(reader, *stored)};
+		SpanOptions options{settings_.functions != "no", identity_, caller_of(reader, *stored)};
 		std::vector<Span> of_it = spans_of(*stored, options);
 		if (!is_wanted(stored->action, of_it[0].trace_id)) continue;
 		waiting += of_it.size();

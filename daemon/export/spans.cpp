@@ -5,6 +5,7 @@
 #include "base/text.h"
 #include "facts/sql_text.h"
 #include "facts/trace.h"
+#include "zqp_traceparent.h"
 
 #include <algorithm>
 
@@ -12,26 +13,33 @@ namespace quorbit {
 
 namespace {
 
-// Bytes of an id: they have to be the same on every host, and nothing else.
 std::string id_bytes(std::string_view kind, const std::string &text, size_t size)
 {
-	std::string bytes;
-	for (uint64_t seed = 14695981039346656037u; bytes.size() < size; seed = ~seed) {
-		uint64_t hash = seed; // FNV-1a
-		for (std::string_view part : {kind, std::string_view("\0", 1), std::string_view(text)})
-			for (unsigned char c : part) hash = (hash ^ c) * 1099511628211u;
-		hash = (hash ^ (hash >> 30)) * 0xbf58476d1ce4e5b9u; // spreads it, as splitmix64 does
-		hash = (hash ^ (hash >> 27)) * 0x94d049bb133111ebu;
-		hash ^= hash >> 31;
-		for (int i = 0; i < 8; i++) bytes += static_cast<char>(hash >> (8 * i));
-	}
-	if (bytes.find_first_not_of('\0') == std::string::npos) bytes[0] = 1; // zeros alone are no id
+	std::string bytes(size, '\0');
+	zq_derive_id(reinterpret_cast<unsigned char *>(bytes.data()), size, kind, text);
+	return bytes;
+}
+
+std::string transaction_trace_id(const std::string &transaction_id)
+{
+	std::string bytes(ZQ_TRACE_ID_SIZE, '\0');
+	zq_trace_id_of(reinterpret_cast<unsigned char *>(bytes.data()), transaction_id);
 	return bytes;
 }
 
 std::string call_id(const std::string &callee_tracer_id)
 {
 	return id_bytes("call", callee_tracer_id, 8);
+}
+
+// By what its callee was told, else by the callee's trace; "" when the node is no call of a monitored application and
+// no callee was told.
+std::string told_id(const Action &action, const TraceNode &node, size_t at)
+{
+	for (const CallSpan &span : action.call_spans) {
+		if (!node.url.empty() && span.node == at) return span.id;
+	}
+	return node.callee && !node.callee->tracer_id.empty() ? call_id(node.callee->tracer_id) : "";
 }
 
 // What database products are called there; others go by "other_sql".
@@ -80,15 +88,29 @@ void add_url(std::vector<SpanAttribute> &attributes, std::string_view url)
 	add_server(attributes, account == std::string_view::npos ? host : host.substr(account + 1));
 }
 
+// Of "http:%2F%2Fhost:81%2Fitem%2F*/curl_exec", which is all that is left of the URL of a call without a trace.
+void add_server_of(std::vector<SpanAttribute> &attributes, std::string_view name)
+{
+	constexpr std::string_view begin = ":%2F%2F", slash = "%2F";
+	const size_t at = name.find(begin);
+	if (at == std::string_view::npos) return;
+	std::string_view host = name.substr(at + begin.size());
+	host = host.substr(0, std::min(host.find(slash), host.find('/')));
+	const size_t account = host.rfind('@');
+	add_server(attributes, account == std::string_view::npos ? host : host.substr(account + 1));
+}
+
 class ActionSpans {
 public:
 	ActionSpans(const StoredAction &stored, const SpanOptions &options)
 		: action_(stored.action), row_(stored.row), options_(options)
 	{
 		const std::string own = std::to_string(options.store) + "/" + std::to_string(stored.row.id);
-		trace_id_ = action_.transaction_id.empty() ? id_bytes("action", own, 16)
-												   : id_bytes("transaction", action_.transaction_id, 16);
-		id_ = id_bytes("span", action_.tracer_id.empty() ? own : action_.tracer_id, 8);
+		const auto &context = action_.trace_context;
+		trace_id_ = context                  ? context->trace_id
+			: action_.transaction_id.empty() ? id_bytes("action", own, 16)
+											 : transaction_trace_id(action_.transaction_id);
+		id_ = context ? context->span : id_bytes("span", action_.tracer_id.empty() ? own : action_.tracer_id, 8);
 		start_ns_ = (row_.received_ms * 1000 - action_.duration_us()) * 1000;
 	}
 
@@ -98,6 +120,10 @@ public:
 		if (auto nodes = action_.trace.empty() ? std::nullopt : read_trace(action_.trace)) {
 			apply_whole_texts(action_.trace_texts, *nodes);
 			add_nodes(*nodes);
+			node_count_ = nodes->size();
+		}
+		for (const CallSpan &call : action_.call_spans) {
+			if (call.node >= node_count_ && spans_.size() < options_.most) spans_.push_back(quick_call(call));
 		}
 		return std::move(spans_);
 	}
@@ -108,7 +134,8 @@ private:
 		Span span;
 		span.trace_id = trace_id_;
 		span.id = id_;
-		if (options_.has_caller && !action_.tracer_id.empty()) span.parent = call_id(action_.tracer_id);
+		const bool knows_parent = action_.trace_context && !action_.trace_context->parent.empty();
+		span.parent = knows_parent ? action_.trace_context->parent : options_.caller;
 		span.name = text_of_bytes(action_.name);
 		span.kind = action_.uri ? SpanKind::server : SpanKind::internal;
 		span.start_ns = start_ns_;
@@ -159,8 +186,8 @@ private:
 	{
 		Span span;
 		span.trace_id = trace_id_;
-		const bool knows_callee = node.callee && !node.callee->tracer_id.empty();
-		span.id = knows_callee ? call_id(node.callee->tracer_id) : id_bytes("node", id_ + std::to_string(at), 8);
+		span.id = told_id(action_, node, at);
+		if (span.id.empty()) span.id = id_bytes("node", id_ + std::to_string(at), 8);
 		span.parent = parent;
 		span.start_ns = start_ns_ + node.start_ms * 1000000;
 		span.end_ns = start_ns_ + std::max(node.end_ms, node.start_ms) * 1000000;
@@ -171,6 +198,22 @@ private:
 		else
 			span.name = text_of_bytes(node.cls.empty() ? node.func : node.cls + "::" + node.func);
 		if (span.kind == SpanKind::internal) add(span.attributes, "code.function.name", span.name);
+		return span;
+	}
+
+	// A call that no trace has, of which the callee was told: its own spans hang below this one.
+	Span quick_call(const CallSpan &call) const
+	{
+		Span span;
+		span.trace_id = trace_id_;
+		span.id = call.id;
+		span.parent = id_;
+		span.kind = SpanKind::client;
+		span.start_ns = start_ns_ + call.start_us * 1000;
+		span.end_ns = span.start_ns + call.duration_us * 1000;
+		const bool is_listed = call.call < action_.services.size();
+		span.name = is_listed ? text_of_bytes("External/" + action_.services[call.call].name) : "External";
+		if (is_listed) add_server_of(span.attributes, action_.services[call.call].name);
 		return span;
 	}
 
@@ -205,9 +248,20 @@ private:
 	std::string trace_id_, id_;
 	int64_t start_ns_ = 0;
 	std::vector<Span> spans_;
+	size_t node_count_ = 0; // of the trace
 };
 
 } // namespace
+
+std::string caller_span(const Action &caller, const std::string &tracer_id)
+{
+	if (caller.trace.empty()) return "";
+	const std::vector<TraceNode> nodes = read_trace(caller.trace).value_or(std::vector<TraceNode>());
+	for (size_t at = 0; at < nodes.size(); at++) {
+		if (nodes[at].callee && nodes[at].callee->tracer_id == tracer_id) return told_id(caller, nodes[at], at);
+	}
+	return "";
+}
 
 std::vector<Span> spans_of(const StoredAction &stored, const SpanOptions &options)
 {

@@ -40,9 +40,13 @@ struct Span {
 struct SpanOptions {
 	bool functions = true;   // spans of calls that are neither statements nor go out
 	int64_t store = 0;       // identity of the store, which tells actions without a transaction apart
-	bool has_caller = false; // whether the call that led to this action has a span
+	std::string caller = {}; // id of the span that led to this action, as far as the store knows; "" for none
 	size_t most = 10000;     // of an action
 };
+
+// The id of the span of the call that led to the action with this tracer id, as its caller's spans have it; "" for
+// none.
+std::string caller_span(const Action &caller, const std::string &tracer_id);
 
 // The action's own span first. The ids follow from the action's: sent twice they are the same. An application that
 // calls another one and this other one agree on the trace's, and on that of the call.

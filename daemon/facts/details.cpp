@@ -138,6 +138,33 @@ void take_numbered_text(uint8_t item, std::string_view body, Action &action, Who
 	}
 }
 
+void read_trace_context(std::string_view body, Action &action)
+{
+	constexpr size_t trace_id_size = 16, span_size = 8;
+	if (body.size() < trace_id_size + 2 * span_size) return;
+	TraceContext &context = action.trace_context.emplace();
+	context.trace_id = body.substr(0, trace_id_size);
+	context.span = body.substr(trace_id_size, span_size);
+	context.parent = body.substr(trace_id_size + span_size, span_size);
+	if (context.parent == std::string(span_size, '\0')) context.parent.clear();
+}
+
+void read_call_span(std::string_view body, Action &action)
+{
+	constexpr uint32_t no_node = 0xFFFFFFFF;
+	constexpr size_t span_size = 8;
+	if (body.size() < 32) return;
+	CallSpan span;
+	span.id = body.substr(0, span_size);
+	body.remove_prefix(span_size);
+	const uint32_t call = take<uint32_t>(body), node = take<uint32_t>(body);
+	if (action.left_out.calls == 0) span.call = call;
+	if (node != no_node) span.node = node;
+	span.start_us = figure(body.substr(0, sizeof(uint64_t)));
+	span.duration_us = figure(body.substr(sizeof(uint64_t)));
+	action.call_spans.push_back(std::move(span));
+}
+
 } // namespace
 
 bool read_details(std::string_view body, Action &action)
@@ -159,6 +186,10 @@ bool read_details(std::string_view body, Action &action)
 			read_caller(item.body, places);
 		else if (item.type == ZQ_ITEM_RUNS)
 			runs = item.body;
+		else if (item.type == ZQ_ITEM_TRACE_CONTEXT)
+			read_trace_context(item.body, action);
+		else if (item.type == ZQ_ITEM_CALL_SPAN)
+			read_call_span(item.body, action);
 		else if (item.type >= ZQ_ITEM_COMPONENT && item.type <= ZQ_ITEM_FRAME)
 			take_numbered_text(item.type, item.body, action, frames);
 	}

@@ -69,6 +69,21 @@ struct WholeTraceText {
 	std::string text;
 };
 
+// The action's place in a trace that services of other makers share, in W3C's ids.
+struct TraceContext {
+	std::string trace_id;     // 16 bytes
+	std::string span, parent; // 8 bytes: the action's own, and its caller's; the caller's "" when nobody's is known
+};
+
+// An outgoing call whose callee was told that it is this span.
+struct CallSpan {
+	static constexpr size_t none = SIZE_MAX;
+	std::string id;                        // 8 bytes
+	size_t call = none;                    // of the action's outgoing calls
+	size_t node = none;                    // of its trace, counted as WholeTraceText::node
+	int64_t start_us = 0, duration_us = 0; // since the action began
+};
+
 // Takes the record's body over into an action whose other records have been read. False, with nothing taken, when it
 // overruns. Unknown items are skipped. Texts that are not UTF-8 are taken for Latin-1.
 bool read_details(std::string_view body, Action &action);

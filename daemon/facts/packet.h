@@ -77,6 +77,8 @@ struct Action {
 	std::optional<ExactFigures> exact = std::nullopt;
 	std::string path, method, host, script;
 	std::vector<WholeTraceText> trace_texts;
+	std::optional<TraceContext> trace_context = std::nullopt;
+	std::vector<CallSpan> call_spans = {};
 	int64_t unread = 0;                 // now, of what was stored: records beyond the first 100,000 that make lists
 	std::vector<UnknownRecord> unknown; // of an unknown type, or of a form that this version cannot read
 

@@ -116,6 +116,16 @@ def test_failed_transfer_is_reported_with_its_stack(call, code, expected):
         assert error["name"] == metric.calls[0].name and error["query"] in ("", "?x=1")
 
 
+@pytest.mark.parametrize("asked", [{}, {"zqs.details": "1", "zqs.traceparent": "1"}], ids=["identity", "trace context"])
+@pytest.mark.parametrize("code, own", cases("external/copies.php"))
+def test_headers_of_a_copied_handle_are_not_freed_under_the_other(call, code, own, asked):
+    _, sent, twin = call(code, settings={**TRACING, **asked})
+    assert len(sent) == len(twin) == 2
+    clean = lambda request: re.sub(rb"traceparent: \S+\r\n", b"", IDENTITY.sub(b"", request))
+    assert [clean(request) for request in sent] == twin
+    assert sum(request.count(b"A: 1\r\n") for request in sent) == (own is not None)
+
+
 def test_failed_transfer_without_a_text_is_a_failure(call):
     error, = call("curl_exec(curl_init('http://127.0.0.1:1/'));", ini={"disable_functions": "curl_error"})[0].metric.call_errors
     assert (error["code"], error["status"], error["message"]) == (1000, "", "")

@@ -14,7 +14,7 @@ QUERY, METRIC, PROFILE = 0x0A, 0x0B, 0x09
 STAMP, SETTING, KEY, APP_ID, APP, ENVIRONMENT = 0x0C, 0x0D, 0x0E, 0x10, 0x11, 0x1C
 
 # Keys of our own: a daemon that does not ask for anything new leaves them out (tests/wire_compare.py).
-LEFT_OUT = {"zqs.details", "zqs.uri_from_request", "zqs.radar"} if os.environ.get("QUORBIT_PACKETS") else set()
+LEFT_OUT = {"zqs.details", "zqs.uri_from_request", "zqs.radar", "zqs.traceparent", "zqs.traceparent_deny"} if os.environ.get("QUORBIT_PACKETS") else set()
 
 # What may follow what in a metric packet; 0x29 is told apart by its first line.
 METRIC_ORDER = re.compile(
@@ -30,7 +30,7 @@ DETAILS = {0x01: ("duration_us", "Q"), 0x02: ("db_us", "Q"), 0x03: ("nosql_us", 
            0x0B: ("peak_memory", "Q"), 0x0C: ("output", "Q"), 0x0D: ("exit_status", "Q"), 0x10: ("path", ""), 0x11: ("method", ""),
            0x12: ("host", ""), 0x13: ("script", ""), 0x20: ("places", "place"), 0x21: ("runs", "runs"), 0x22: ("callers", "caller"),
            0x30: ("error_class", ""), 0x31: ("error_message", ""), 0x32: ("components", "I"), 0x33: ("trace_texts", "IB"),
-           0x34: ("call_messages", "I"), 0x35: ("frames", "IB")}
+           0x34: ("call_messages", "I"), 0x35: ("frames", "IB"), 0x40: ("trace_context", "context"), 0x41: ("call_spans", "span")}
 SOME_HAVE = {"waited_us", "exit_status"}                            # of the figures; every action has the others
 
 
@@ -105,6 +105,7 @@ def lines(body, least, most):
 Query = namedtuple("Query", "app license stamp enabled environment raw")
 Event = namedtuple("Event", "app license ms tid event name")
 Sql = namedtuple("Sql", "ms db statement stack plan", defaults=(None, None))
+CallSpan = namedtuple("CallSpan", "span call node start_us took_us")
 Call = namedtuple("Call", "name ms callee_id callee_action", defaults=(None, None))
 
 
@@ -219,7 +220,8 @@ def check_node(node):
 def details_record(body):
     """The items by name; texts are bytes. "ran_at" has the place (vendor, file, line) of each statement, "called_from" the file and
     line that called it."""
-    found = {"places": [], "runs": [], "callers": {}, "components": {}, "trace_texts": {}, "call_messages": {}, "frames": {}}
+    found = {"places": [], "runs": [], "callers": {}, "components": {}, "trace_texts": {}, "call_messages": {}, "frames": {},
+             "trace_context": None, "call_spans": []}
     for kind, part in split(body):
         name, form = DETAILS[kind]
         if form == "":
@@ -233,6 +235,11 @@ def details_record(body):
             if not found["places"] or len(found["places"]) - 1 in found[name]:
                 raise WireError("a caller of no place")
             found[name][len(found["places"]) - 1] = (text(part[4:]), *struct.unpack_from("<I", part))
+        elif form == "context":
+            found[name] = tuple(part.hex() for part in struct.unpack("<16s8s8s", part))
+        elif form == "span":
+            span, *figures = struct.unpack("<8sIIQQ", part)
+            found[name].append(CallSpan(span.hex(), *figures))
         elif form == "runs":
             found[name] = list(struct.iter_unpack("<HH", part))
         else:
