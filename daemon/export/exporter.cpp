@@ -34,40 +34,9 @@ Exporter::Session::Session(StoreUrl url, const std::string &host, const std::ato
 {
 }
 
-Exporter::Exporter(std::string store_path, StoreWriter &writer) : path_(std::move(store_path)), writer_(writer)
+Exporter::Exporter(std::string store_path, StoreWriter &writer)
+	: path_(std::move(store_path)), writer_(writer), thread_([this] { run(); })
 {
-	thread_ = std::thread([this] { run(); });
-}
-
-Exporter::~Exporter()
-{
-	stop();
-	thread_.join();
-}
-
-void Exporter::stop()
-{
-	{
-		std::lock_guard lock(mutex_);
-		stopping_ = true;
-	}
-	woken_.notify_one();
-}
-
-bool Exporter::end(std::chrono::milliseconds most)
-{
-	stop();
-	return ended_.wait_for(most) == std::future_status::ready;
-}
-
-void Exporter::set_settings(const ExportSettings &settings)
-{
-	{
-		std::lock_guard lock(mutex_);
-		if (given_ == settings) return;
-		given_ = settings;
-	}
-	woken_.notify_one();
 }
 
 void Exporter::run()
@@ -84,20 +53,18 @@ void Exporter::run()
 			failed(failure.what());
 		}
 	}
-	end_.set_value();
 }
 
 // False when the thread is to end.
 bool Exporter::wait_until_due()
 {
-	std::unique_lock lock(mutex_);
-	woken_.wait_until(lock, due_, [this] { return stopping_ || given_ != settings_; });
-	if (given_ != settings_) {
-		settings_ = given_;
+	const ExportSettings before = settings_;
+	const bool goes_on = thread_.wait_until(due_, settings_);
+	if (settings_ != before) {
 		session_.reset();
 		pause_ = 0s;
 	}
-	return !stopping_;
+	return goes_on;
 }
 
 void Exporter::work()
@@ -139,7 +106,7 @@ void Exporter::open_session()
 	state_.url = url.shown();
 	read_password(url, settings_.password_file);
 	const std::string host = settings_.host_name.empty() ? this_host() : settings_.host_name;
-	session_.emplace(std::move(url), host, &stopping_);
+	session_.emplace(std::move(url), host, &thread_.stopping());
 	try {
 		const int64_t target = fleet_identity(session_->server);
 		if (target != state_.target) {
@@ -179,7 +146,7 @@ void Exporter::see_what_arrived()
 
 void Exporter::send_actions()
 {
-	for (bool more = true; more && !stopping_;) {
+	for (bool more = true; more && !thread_.stopping();) {
 		Session &session = *session_;
 		if (state_.action_id >= session.arrived_until) see_what_arrived();
 		Inserts inserts(session.server, "quorbit-" + std::to_string(session.source.number));
@@ -209,7 +176,7 @@ void Exporter::send_sums()
 void Exporter::failed(const std::string &why)
 {
 	session_.reset();
-	if (stopping_) return;
+	if (thread_.stopping()) return;
 	if (state_.failure.empty()) log_message(LogLevel::warning, "nothing can be sent: " + why);
 	state_.failure = why;
 	if (store_) keep(state_);

@@ -6,13 +6,10 @@
 
 #include "base/log.h"
 #include "export/export_rows.h"
+#include "export/sending_thread.h"
 #include "store/store_writer.h"
 
-#include <condition_variable>
-#include <future>
-#include <mutex>
 #include <optional>
-#include <thread>
 
 namespace quorbit {
 
@@ -30,15 +27,14 @@ class Exporter {
 public:
 	// Starts the thread, which waits for settings. `writer`, which keeps how far it has come, must outlive this object.
 	Exporter(std::string store_path, StoreWriter &writer);
-	~Exporter();
 
 	// Any thread.
-	void set_settings(const ExportSettings &settings);
+	void set_settings(const ExportSettings &settings) { thread_.set_settings(settings); }
 	// Ends the thread. False when it has not ended after so long: a disk holds it up, and would hold up the destructor.
-	bool end(std::chrono::milliseconds most);
+	bool end(std::chrono::milliseconds most) { return thread_.end(most); }
 
 private:
-	using Clock = std::chrono::steady_clock;
+	using Clock = SendingThread<ExportSettings>::Clock;
 	// From the connection to the server until something fails.
 	struct Session {
 		Session(StoreUrl url, const std::string &host, const std::atomic<bool> *stopping);
@@ -48,7 +44,6 @@ private:
 		int64_t arrived_until = 0;
 	};
 
-	void stop();
 	void run();
 	bool wait_until_due();
 	void work();
@@ -62,11 +57,6 @@ private:
 
 	const std::string path_;
 	StoreWriter &writer_;
-	std::atomic<bool> stopping_ = false;
-
-	std::mutex mutex_;
-	std::condition_variable woken_;
-	ExportSettings given_;
 
 	// The thread's own.
 	ExportSettings settings_;
@@ -76,9 +66,7 @@ private:
 	std::optional<Session> session_;
 	Clock::time_point due_{}, sums_due_{};
 	std::chrono::seconds pause_{}; // after a failure
-	std::promise<void> end_;
-	const std::future<void> ended_ = end_.get_future();
-	std::thread thread_;
+	SendingThread<ExportSettings> thread_;
 };
 
 } // namespace quorbit

@@ -1,11 +1,15 @@
 // The families, in the order in which they are written.
 #include "export/metrics.h"
 
+#include "base/files.h"
 #include "base/text.h"
 #include "base/version.h"
+#include "facts/applications.h"
 #include "store/export_state.h"
 #include "store/open_reader.h"
+#include "store/otlp_state.h"
 
+#include <algorithm>
 #include <sys/stat.h>
 
 namespace quorbit {
@@ -143,19 +147,57 @@ void Metrics::write_health(MetricText &text) const
 	text.sample({}, bytes_of(store) + bytes_of(store + "-wal"));
 }
 
+// Those that applications.conf names now: what was sent elsewhere once waits for nobody.
+std::vector<Metrics::Target> Metrics::targets() const
+{
+	std::vector<Target> found;
+	const std::string file = source_.config.applications_file();
+	if (!has_store(source_.config) || !inode_of(file)) return found;
+	const Applications settings = parse_applications(read_file(file, true));
+	if (!settings.store_url.empty()) {
+		const ExportProgress progress = export_progress(source_.config.store_file());
+		const ExportState &state = progress.state;
+		if (!state.url.empty())
+			found.push_back({"clickhouse", progress.waits_since_ms, !state.failure.empty(), state.evicted});
+	}
+	if (!settings.otlp_url.empty()) {
+		const OtlpProgress progress = otlp_progress(source_.config.store_file());
+		const OtlpState &state = progress.state;
+		const std::optional<int64_t> sent = source_.otlp_sent ? std::optional(source_.otlp_sent()) : std::nullopt;
+		if (!state.url.empty())
+			found.push_back(
+				{"otlp", progress.waits_since_ms, !state.failure.empty(), state.evicted, state.refused, sent});
+	}
+	return found;
+}
+
 void Metrics::write_export(MetricText &text) const
 {
-	if (!has_store(source_.config)) return;
-	const ExportProgress progress = export_progress(source_.config.store_file());
-	if (progress.state.url.empty()) return;
-	const MetricLabels target = {{"target", "clickhouse"}};
-	const int64_t since_ms = progress.waits_since_ms;
+	const std::vector<Target> all = targets();
+	if (all.empty()) return;
+	const auto labels_of = [](const Target &target) { return MetricLabels{{"target", target.name}}; };
 	text.family("quorbit_export_behind_seconds", MetricType::gauge, "For how long what is to be sent elsewhere waits.");
-	text.seconds(target, since_ms ? std::max(updated_ms_ - since_ms, int64_t{0}) * 1000 : 0);
+	for (const Target &target : all) {
+		const int64_t since_ms = target.waits_since_ms;
+		text.seconds(labels_of(target), since_ms ? std::max(updated_ms_ - since_ms, int64_t{0}) * 1000 : 0);
+	}
 	text.family("quorbit_export_failing", MetricType::gauge, "Whether the last attempt to send it failed.");
-	text.sample(target, progress.state.failure.empty() ? 0 : 1);
+	for (const Target &target : all) text.sample(labels_of(target), target.failing ? 1 : 0);
 	text.family("quorbit_export_evicted_actions", MetricType::counter, "Actions that made room for others unsent.");
-	text.sample(target, progress.state.evicted);
+	for (const Target &target : all) text.sample(labels_of(target), target.evicted);
+	const struct {
+		const char *name, *help;
+		std::optional<int64_t> Target::*field;
+	} rows[] = {{"quorbit_export_refused_actions", "Actions that the receiver refused for good.", &Target::refused},
+		{"quorbit_export_sent_actions", "Actions that the receiver has taken.", &Target::sent}};
+	for (const auto &row : rows) {
+		if (std::none_of(all.begin(), all.end(), [&](const Target &target) { return (target.*row.field).has_value(); }))
+			continue;
+		text.family(row.name, MetricType::counter, row.help);
+		for (const Target &target : all) {
+			if (target.*row.field) text.sample(labels_of(target), *(target.*row.field));
+		}
+	}
 }
 
 MetricAnswer answer_metrics(Metrics &metrics, std::string_view accept)

@@ -14,7 +14,8 @@ namespace quorbit {
 struct MetricSource {
 	DaemonConfig config;
 	std::function<bool()> daemon_answers;
-	std::function<int64_t()> unwritten; // packets that wait for the disk; none outside of the daemon
+	std::function<int64_t()> unwritten;      // packets that wait for the disk; none outside of the daemon, as the next
+	std::function<int64_t()> otlp_sent = {}; // actions whose spans have been taken since the daemon began
 };
 
 class Metrics {
@@ -26,6 +27,15 @@ public:
 	std::string text(MetricFormat format);
 
 private:
+	// Where the store is sent to.
+	struct Target {
+		const char *name;
+		int64_t waits_since_ms = 0;
+		bool failing = false;
+		int64_t evicted = 0;
+		std::optional<int64_t> refused = {}, sent = {}; // where they are known
+	};
+	std::vector<Target> targets() const;
 	void update();
 	void write_requests(MetricText &text) const;
 	void write_actions(MetricText &text) const;

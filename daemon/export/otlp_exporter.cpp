@@ -40,40 +40,9 @@ std::string caller_of(Reader &reader, const StoredAction &stored)
 
 } // namespace
 
-OtlpExporter::OtlpExporter(DaemonConfig config, StoreWriter &writer) : config_(std::move(config)), writer_(writer)
+OtlpExporter::OtlpExporter(DaemonConfig config, StoreWriter &writer)
+	: config_(std::move(config)), writer_(writer), thread_([this] { run(); })
 {
-	thread_ = std::thread([this] { run(); });
-}
-
-OtlpExporter::~OtlpExporter()
-{
-	stop();
-	thread_.join();
-}
-
-void OtlpExporter::stop()
-{
-	{
-		std::lock_guard lock(mutex_);
-		stopping_ = true;
-	}
-	woken_.notify_one();
-}
-
-bool OtlpExporter::end(std::chrono::milliseconds most)
-{
-	stop();
-	return ended_.wait_for(most) == std::future_status::ready;
-}
-
-void OtlpExporter::set_settings(const OtlpSettings &settings)
-{
-	{
-		std::lock_guard lock(mutex_);
-		if (given_ == settings) return;
-		given_ = settings;
-	}
-	woken_.notify_one();
 }
 
 void OtlpExporter::run()
@@ -92,24 +61,18 @@ void OtlpExporter::run()
 			failed(failure.what(), 0s);
 		}
 	}
-	end_.set_value();
 }
 
 // False when the thread is to end.
 bool OtlpExporter::wait_until_due()
 {
-	std::unique_lock lock(mutex_);
-	const auto has_news = [this] { return stopping_ || given_ != settings_; };
-	if (due_ == Clock::time_point::max())
-		woken_.wait(lock, has_news);
-	else
-		woken_.wait_until(lock, due_, has_news);
-	if (given_ != settings_) {
-		settings_ = given_;
+	const OtlpSettings before = settings_;
+	const bool goes_on = thread_.wait_until(due_, settings_);
+	if (settings_ != before) {
 		client_.reset();
 		pause_ = 0s;
 	}
-	return !stopping_;
+	return goes_on;
 }
 
 void OtlpExporter::work()
@@ -130,11 +93,11 @@ void OtlpExporter::work()
 		std::string url = settings_.url;
 		while (url.ends_with('/')) url.pop_back();
 		client_ = std::make_unique<OtlpClient>(
-			url, otlp_headers(settings_.headers), has_otlp_protobuf() ? format : OtlpFormat::json, &stopping_);
+			url, otlp_headers(settings_.headers), has_otlp_protobuf() ? format : OtlpFormat::json, &thread_.stopping());
 		host_ = settings_.host_name.empty() ? this_host() : settings_.host_name;
 	}
 	follow_store(*reader);
-	while (!stopping_ && send_actions(*reader)) keep();
+	while (!thread_.stopping() && send_actions(*reader)) keep();
 	if (Clock::now() >= metrics_due_) send_metrics(*reader);
 }
 
@@ -185,6 +148,7 @@ bool OtlpExporter::send_actions(Reader &reader)
 		const OtlpFormat format = settings_.format == "json" ? OtlpFormat::json : OtlpFormat::protobuf;
 		if (!body.empty()) client_->send("/v1/traces", trace_body(body, format));
 		if (!body.empty()) sent.sent_ms = wall_clock_ms();
+		actions_sent_ += actions;
 	} catch (const OtlpError &failure) {
 		if (failure.may_be_tried) throw;
 		sent.refused += actions;
@@ -226,7 +190,7 @@ void OtlpExporter::send_metrics(Reader &reader)
 
 void OtlpExporter::failed(const std::string &why, std::chrono::seconds pause)
 {
-	if (stopping_) return;
+	if (thread_.stopping()) return;
 	if (state_.failure.empty()) log_message(LogLevel::warning, "no spans can be sent to " + settings_.url + ": " + why);
 	state_.failure = why;
 	keep();

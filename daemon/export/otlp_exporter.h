@@ -4,13 +4,10 @@
 
 #include "base/config.h"
 #include "export/otlp_client.h"
+#include "export/sending_thread.h"
 #include "store/store_writer.h"
 
-#include <condition_variable>
-#include <future>
 #include <memory>
-#include <mutex>
-#include <thread>
 
 namespace quorbit {
 
@@ -26,17 +23,17 @@ class OtlpExporter {
 public:
 	// Starts the thread, which waits for settings. `writer` must outlive this object.
 	OtlpExporter(DaemonConfig config, StoreWriter &writer);
-	~OtlpExporter();
 
 	// Any thread.
-	void set_settings(const OtlpSettings &settings);
+	void set_settings(const OtlpSettings &settings) { thread_.set_settings(settings); }
 	// Ends the thread. False when it has not ended after so long: a disk holds it up, and would hold up the destructor.
-	bool end(std::chrono::milliseconds most);
+	bool end(std::chrono::milliseconds most) { return thread_.end(most); }
+	// How many actions the receiver has taken since this object was made. Any thread.
+	int64_t sent() const { return actions_sent_; }
 
 private:
-	using Clock = std::chrono::steady_clock;
+	using Clock = SendingThread<OtlpSettings>::Clock;
 
-	void stop();
 	void run();
 	bool wait_until_due();
 	void work();
@@ -49,11 +46,7 @@ private:
 
 	const DaemonConfig config_;
 	StoreWriter &writer_;
-	std::atomic<bool> stopping_ = false;
-
-	std::mutex mutex_;
-	std::condition_variable woken_;
-	OtlpSettings given_;
+	std::atomic<int64_t> actions_sent_ = 0;
 
 	// The thread's own.
 	OtlpSettings settings_;
@@ -66,9 +59,7 @@ private:
 	int64_t started_ms_ = 0; // of the totals
 	Clock::time_point due_ = Clock::time_point::max(), metrics_due_{};
 	std::chrono::seconds pause_{}; // after a failure
-	std::promise<void> end_;
-	const std::future<void> ended_ = end_.get_future();
-	std::thread thread_;
+	SendingThread<OtlpSettings> thread_;
 };
 
 } // namespace quorbit

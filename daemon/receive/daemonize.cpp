@@ -97,7 +97,8 @@ struct Ways {
 	Ways(const DaemonConfig &config, StoreWriter &writer)
 		: exporter(config.store_file(), writer),
 		  otlp(config, writer),
-		  metrics({config, [] { return true; }, [&writer] { return writer.unwritten(); }})
+		  metrics(
+			  {config, [] { return true; }, [&writer] { return writer.unwritten(); }, [this] { return otlp.sent(); }})
 	{
 	}
 

@@ -33,13 +33,18 @@ void keep_export_state(Database &database, const ExportState &state)
 	update.bind(parameter, state.url).bind(parameter + 1, state.failure).run();
 }
 
+int64_t oldest_after(Database &database, int64_t action_id)
+{
+	Statement oldest(database, "SELECT received_ms FROM action WHERE id > ? ORDER BY id LIMIT 1");
+	return oldest.bind(1, action_id).step() ? oldest.integer(0) : 0;
+}
+
 ExportProgress export_progress(const std::string &store_path)
 {
 	FollowedStore store(store_path, Database::Mode::read_only);
 	Unstopped reading;
 	ExportProgress progress{read_export_state(store.current())};
-	Statement oldest(store.current(), "SELECT received_ms FROM action WHERE id > ? ORDER BY id LIMIT 1");
-	if (oldest.bind(1, progress.state.action_id).step()) progress.waits_since_ms = oldest.integer(0);
+	progress.waits_since_ms = oldest_after(store.current(), progress.state.action_id);
 	return progress;
 }
 

@@ -28,6 +28,9 @@ ExportState read_export_state(Database &database);
 // Within a transaction of the caller's.
 void keep_export_state(Database &database, const ExportState &state);
 
+// When the oldest action after that one was received; 0 when there is none.
+int64_t oldest_after(Database &database, int64_t action_id);
+
 // What is told of it: the state, and since when the oldest action that is there waits; 0 when none does.
 struct ExportProgress {
 	ExportState state;

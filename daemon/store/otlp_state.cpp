@@ -1,6 +1,9 @@
 // One row of a table.
 #include "store/otlp_state.h"
 
+#include "store/export_state.h"
+#include "store/followed_store.h"
+
 namespace quorbit {
 
 OtlpState read_otlp_state(Database &database)
@@ -25,6 +28,15 @@ void keep_otlp_state(Database &database, const OtlpState &state)
 	for (int64_t value : {state.action_id, state.refused, state.evicted, state.sent_ms})
 		update.bind(parameter++, value);
 	update.bind(parameter, state.failure).run();
+}
+
+OtlpProgress otlp_progress(const std::string &store_path)
+{
+	FollowedStore store(store_path, Database::Mode::read_only);
+	Unstopped reading;
+	OtlpProgress progress{read_otlp_state(store.current())};
+	progress.waits_since_ms = oldest_after(store.current(), progress.state.action_id);
+	return progress;
 }
 
 } // namespace quorbit

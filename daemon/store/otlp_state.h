@@ -24,4 +24,12 @@ OtlpState read_otlp_state(Database &database);
 // Within a transaction of the caller's.
 void keep_otlp_state(Database &database, const OtlpState &state);
 
+// What is told of it: the state, and since when the oldest action that is there waits; 0 when none does.
+struct OtlpProgress {
+	OtlpState state;
+	int64_t waits_since_ms = 0;
+};
+// Of the store in that file. Throws SqliteError.
+OtlpProgress otlp_progress(const std::string &store_path);
+
 } // namespace quorbit

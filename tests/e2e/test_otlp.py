@@ -1,64 +1,17 @@
 """Spans and metrics, as a receiver with OpenTelemetry's own definitions reads them; and receivers that refuse, fail and say nothing."""
-import base64
-import json
+import re
 import subprocess
-import threading
 import time
+import urllib.request
+from pathlib import Path
 
 import pytest
 
 from support import web
 from support.clickhouse import free_ports
-from support.databases import die_with_parent
-from support.engines import PROJECT
 from support.fake_daemon import wait_until
+from support.otlp import Receiver, attributes, hexadecimal
 from support.wire import record
-
-READER = PROJECT / "build/otlp/reader"
-
-
-@pytest.fixture(scope="session")
-def definitions():
-    if not (READER / "node_modules/@opentelemetry/otlp-transformer").exists():
-        READER.mkdir(parents=True, exist_ok=True)
-        subprocess.run(["npm", "install", "--prefix", READER, "--ignore-scripts", "--no-audit", "--no-fund", "--loglevel=error",
-                        "@opentelemetry/otlp-transformer@0.57.2"], check=True, timeout=300)
-    return READER
-
-
-class Receiver:
-    def __init__(self, root, *statuses, port=None):
-        self.port = port or free_ports(1)[0]
-        self.process = subprocess.Popen(["node", PROJECT / "tests/support/otlp_receiver.mjs", root, str(self.port), *map(str, statuses)],
-                                        stdout=subprocess.PIPE, text=True, preexec_fn=die_with_parent)
-        assert self.process.stdout.readline() == "{}\n"
-        self.received = []
-        threading.Thread(target=self.read, daemon=True).start()
-
-    def read(self):
-        for line in self.process.stdout:
-            self.received.append({**json.loads(line), "at": time.monotonic()})
-
-    def bodies(self, path="/v1/traces", status=200):
-        return [one for one in list(self.received) if (one["path"], one["status"]) == (path, status)]
-
-    def spans(self):
-        """Those that were taken, with the attributes of their resource."""
-        return [(attributes(part["resource"]), span) for one in self.bodies() for part in one["message"]["resourceSpans"]
-                for scope in part["scopeSpans"] for span in scope["spans"]]
-
-    def close(self):
-        self.process.terminate()
-        self.process.wait(10)
-
-
-def attributes(holder):
-    return {one["key"]: one["value"].get("stringValue", one["value"].get("intValue")) for one in holder["attributes"]}
-
-
-def hexadecimal(text, format):
-    return text if format == "json" else base64.b64decode(text).hex()
-
 
 @pytest.fixture
 def store():
@@ -142,3 +95,49 @@ def test_what_may_be_sent_again_is_and_what_is_refused_is_not(store, definitions
         assert "refuses 1 actions for good" in (store.folder / "daemon.log").read_text()
     finally:
         receiver.close()
+
+
+def resident_peak(process):
+    """Bytes, of the daemon and its parent."""
+    children = Path(f"/proc/{process.pid}/task/{process.pid}/children").read_text().split()
+    statuses = [Path(f"/proc/{pid}/status").read_text() for pid in [process.pid, *map(int, children)]]
+    return sum(int(re.search(r"VmHWM:\s+(\d+)", status)[1]) * 1024 for status in statuses)
+
+
+def test_a_receiver_that_answers_badly_holds_up_nothing_and_gets_all_once(store, definitions):
+    """429 with Retry-After, garbage, and one that takes the connection and never answers; meanwhile others are served."""
+    receiver = Receiver(definitions, 429, 1, 2)
+    metrics_port, = free_ports(1)
+    try:
+        configure(store, receiver, f"metrics_listen = 127.0.0.1:{metrics_port}")
+        first = [traced(b"Shop", b"WebAction/first", "f%d" % i, transaction=b"first%d" % i) for i in range(300)]
+        store.fill(*first)
+        before = resident_peak(store.process)
+        tried = lambda: [one for one in receiver.received if one["path"] == "/v1/traces"]
+        wait_until(lambda: len(tried()) == 3, "the receiver to hang", 90)
+        assert tried()[1]["at"] - tried()[0]["at"] >= 1.9
+        began = time.monotonic()
+        store.send(*[web.packet(b"Shop", b"WebAction/later", 5) for _ in range(600)])
+        wait_until(lambda: store.stored() == 900, "what comes meanwhile")
+        figures = scraped(metrics_port)
+        assert time.monotonic() - began < 9 and len(tried()) == 3, "while it hangs"
+        assert (figures["failing"], figures["sent_actions_total"], figures["refused_actions_total"]) == (1, 0, 0)
+        assert figures["behind_seconds"] > 1
+        names = lambda: [span["name"] for _, span in receiver.spans()]
+        wait_until(lambda: names().count("WebAction/later") >= 600, "everything to arrive", 120)
+        known = {"sent_actions_total": 900, "failing": 0, "evicted_actions_total": 0, "behind_seconds": 0}
+        wait_until(lambda: known.items() <= scraped(metrics_port).items(), "the daemon to know")
+        ids = [span["spanId"] for _, span in receiver.spans()]
+        assert len(ids) == len(set(ids)) == names().count("SELECT users") * 3 + 600 == 1500
+        assert resident_peak(store.process) - before < 48 << 20
+        text = urllib.request.urlopen(f"http://127.0.0.1:{metrics_port}/metrics", timeout=30).read()
+        done = subprocess.run(["promtool", "check", "metrics"], input=text, capture_output=True, timeout=60)
+        assert (done.returncode, done.stdout, done.stderr) == (0, b"", b"")
+    finally:
+        receiver.close()
+
+
+def scraped(port):
+    """The figures of sending spans, by the last words of their names."""
+    text = urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=30).read().decode()
+    return {name: float(value) for name, value in re.findall(r'^quorbit_export_(\w+)\{target="otlp"\} (\S+)', text, re.M)}

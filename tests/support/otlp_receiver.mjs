@@ -1,6 +1,6 @@
 // Receives OTLP and prints each body, decoded by the compiled definitions of an OpenTelemetry package, as a line of JSON. Answers with
 // the statuses that it is given, one after another, and then with 200: otlp_receiver.mjs ROOT PORT STATUS...
-// A status of 0 closes the connection, 1 answers with garbage.
+// A status of 0 closes the connection, 1 answers with garbage, 2 never does.
 import http from "node:http";
 import { createRequire } from "node:module";
 import zlib from "node:zlib";
@@ -19,6 +19,7 @@ http.createServer((request, response) => {
         const status = request.url === "/v1/traces" ? Number(statuses.shift() ?? 200) : 200;
         console.log(JSON.stringify({ path: request.url, headers: request.headers, status, message }));
         if (status === 0) return request.socket.destroy();
+        if (status === 2) return;
         if (status === 1) return request.socket.end("garbage\r\n\r\n");
         response.writeHead(status, status === 429 || status === 503 ? { "Retry-After": "2" } : {}).end();
     });
