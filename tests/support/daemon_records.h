@@ -36,6 +36,16 @@ inline std::string action_body(const std::string& application, const std::string
          record(0x1B, number(900)) + record(0x14, number(7)) + record(0x15, number(duration_ms)) + more;
 }
 
+// Puts the packets into the store of that file, with their sums.
+template <typename Store, typename Packets>
+void add_to_store(const std::string& path, const Packets& packets) {
+  Store store(path);
+  store.begin();
+  for (const auto& packet : packets) store.add(packet);
+  store.commit();
+  store.write_sums();
+}
+
 // A whole file; "" when there is none.
 inline std::string contents(const std::filesystem::path& path) {
   std::ifstream file(path);

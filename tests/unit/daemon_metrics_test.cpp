@@ -17,13 +17,7 @@ class RequestTotalsTest : public testing::Test {
   static StoredPacket packet(int64_t at_ms, const std::string& application, const std::string& name, int duration_ms) {
     return {0x0B, 42, at_ms, action_body(application, name, duration_ms)};
   }
-  void add(const std::vector<StoredPacket>& packets) {
-    Store store(path_);
-    store.begin();
-    for (const StoredPacket& packet : packets) store.add(packet);
-    store.commit();
-    store.write_sums();
-  }
+  void add(const std::vector<StoredPacket>& packets) { add_to_store<Store>(path_, packets); }
   void add(int64_t at_ms, const std::string& application, const std::string& name, int duration_ms, size_t count = 1) {
     add(std::vector(count, packet(at_ms, application, name, duration_ms)));
   }

@@ -144,13 +144,7 @@ class SumsTest : public testing::Test {
   static StoredPacket packet(int64_t at_ms, const std::string& name, int duration_ms, const std::string& more = "") {
     return {0x0B, 42, at_ms, action_body("Shop", name, duration_ms, more)};
   }
-  void add(const std::vector<StoredPacket>& packets) {
-    Store store(path_);
-    store.begin();
-    for (const StoredPacket& packet : packets) store.add(packet);
-    store.commit();
-    store.write_sums();
-  }
+  void add(const std::vector<StoredPacket>& packets) { add_to_store<Store>(path_, packets); }
   int64_t count(const TimeRange& range = {}, SumKey key = SumKey::action) {
     SumQuestion question;
     question.key = key;
