@@ -82,9 +82,9 @@ class CrowdOfThreads(Apache):
     threads = 200 + 32
 
 
-REQUESTS = int(os.environ.get("QUORBIT_IN_FLIGHT", 1000))  # for each server; make in-flight takes 10,000
+REQUESTS = int(os.environ.get("QUORBIT_IN_FLIGHT", 600))  # for each server; make in-flight takes 10,000
 DELAY_S = 0.2                                              # of a request's start, within which it has to be shown
-LASTING = "$begin = microtime(true); usleep(1000000); printf('%.6f', $begin);"
+LASTING = "$begin = microtime(true); usleep(3000000); printf('%.6f', $begin);"     # longer than a look takes on a busy machine
 
 
 def looks_beside(real, lane):
