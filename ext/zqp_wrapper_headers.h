@@ -36,8 +36,6 @@ void wrapper_curl_multi_add_handle(zq_stack_data *call TSRMLS_DC);
 void wrapper_curl_copy_handle(zq_stack_data *call TSRMLS_DC);
 /* After it: notes that the two share what PHP frees for them. 0. */
 int performance_curl_copy_handle(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
-/* The span whose trace context the handle carries; 0: it carries none. */
-uint64 zq_curl_span(const zval *handle TSRMLS_DC);
 /* Forgets what a callee has answered: it belongs to one transfer. */
 void zq_drop_curl_answer(TSRMLS_D);
 /* Before curl_exec: that, for data that came with an answer to another call; and the transfer's trace context. */
@@ -47,6 +45,23 @@ int performance_curl_setopt(zq_stack_data *call, uint64 begin_us, uint64 end_us 
 /* After curl_init and curl_reset: gives the fresh handle the identity and our header callback. 0. */
 int performance_curl_init(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
 int performance_curl_reset(zq_stack_data *call, uint64 begin_us, uint64 end_us TSRMLS_DC);
+
+/* ---- zqp_wrapper_curl_context.cpp; without trace context all but the first do nothing ---- */
+/* curl_setopt(handle, option, value), unseen by the script; gives `value` away. */
+void zq_set_curl_option(zval *handle, long option, zval *value TSRMLS_DC);
+/* The handle has this list of headers from now on, our identity in it. */
+void zq_keep_curl_list(const zval *handle, const zval *headers TSRMLS_DC);
+/* The list goes back to what it is without trace context, and stays so. */
+void zq_leave_curl_list(zval *handle TSRMLS_DC);
+/* The script wanted to replace the list that was left, and has not. */
+void zq_curl_list_is_as_before(const zval *handle TSRMLS_DC);
+void zq_forget_curl_list(const zval *handle TSRMLS_DC);
+/* The script gives the handle another URL, which may take what the last one did not. */
+void zq_curl_url_is_new(const zval *handle TSRMLS_DC);
+/* Before a transfer that is recorded on its own, or else belongs to the action's own span. */
+void zq_send_traceparent(zval *handle, bool is_recorded TSRMLS_DC);
+/* The span whose trace context the handle carries; 0: it carries none. */
+uint64 zq_curl_span(const zval *handle TSRMLS_DC);
 
 /* ---- zqp_wrapper_stream.cpp: stream contexts ---- */
 /* True when the text names something that is read over HTTP. */
