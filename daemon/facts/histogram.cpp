@@ -1,6 +1,8 @@
 // Adding up durations, and their compact form.
 #include "facts/histogram.h"
 
+#include "base/number.h"
+
 #include <algorithm>
 #include <cmath>
 #include <numeric>
@@ -35,7 +37,7 @@ int64_t &Histogram::at(int bucket)
 
 void Histogram::add(int64_t us, int64_t count)
 {
-	at(bucket_of(us)) += count;
+	add_bounded(at(bucket_of(us)), count, most_count);
 }
 
 void Histogram::add(const Histogram &other)
@@ -44,7 +46,7 @@ void Histogram::add(const Histogram &other)
 	at(other.first_);
 	at(other.first_ + static_cast<int>(other.counts_.size()) - 1);
 	int64_t *mine = &counts_[static_cast<size_t>(other.first_ - first_)];
-	for (int64_t count : other.counts_) *mine++ += count;
+	for (int64_t count : other.counts_) add_bounded(*mine++, count, most_count);
 }
 
 int64_t Histogram::count() const
@@ -81,7 +83,7 @@ bool Histogram::read(std::string_view bytes)
 		if (!take_varint(bytes, gap) || !take_varint(bytes, count)) return false;
 		if (gap >= buckets || bucket + gap >= buckets) return false;
 		bucket += gap;
-		at(static_cast<int>(bucket++)) += count;
+		add_bounded(at(static_cast<int>(bucket++)), count, most_count);
 	}
 	return true;
 }

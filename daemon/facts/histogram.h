@@ -18,6 +18,7 @@ public:
 	static constexpr double relative_error = 0.02;
 	static constexpr double gamma = (1 + relative_error) / (1 - relative_error);
 	static constexpr int buckets = 834;
+	static constexpr int64_t most_count = int64_t{1} << 50; // in a bucket, so that all of them can be added up
 
 	void add(int64_t us, int64_t count = 1);
 	void add(const Histogram &other);

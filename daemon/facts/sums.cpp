@@ -1,6 +1,8 @@
 // Adding, and the form in which sums are kept.
 #include "facts/sums.h"
 
+#include "base/number.h"
+
 #include <algorithm>
 #include <iterator>
 #include <tuple>
@@ -27,7 +29,7 @@ uint64_t lot_of(int64_t id)
 
 void Sums::add(const Sums &other)
 {
-	for (auto figure : figures) this->*figure += other.*figure;
+	for (auto figure : figures) add_bounded(this->*figure, other.*figure);
 	durations.add(other.durations);
 	// Of two that took as long the newer one, in whatever order they are added.
 	if (other.slowest_id && std::tie(other.slowest_us, other.slowest_id) > std::tie(slowest_us, slowest_id))
@@ -64,7 +66,9 @@ bool Sums::add_head(std::string_view &bytes)
 	}
 	if (!take_varint(bytes, read.slowest_us) || !take_varint(bytes, read.slowest_id)) return false;
 	if (!take_varint(bytes, read.newest_id)) return false;
+	if (std::max(read.slowest_id, read.newest_id) > most_sum) return false;
 	read.newest_id += read.slowest_id;
+	if (read.newest_id > most_sum || from_newest > read.newest_id) return false; // no action has such a number
 	if (from_newest) read.chance_id = read.newest_id + 1 - from_newest;
 	add(read);
 	return true;

@@ -19,6 +19,7 @@ namespace {
 constexpr std::chrono::seconds most_time(60);
 constexpr size_t most_answer = size_t{1} << 30; // sums of many hosts and days, in one answer
 constexpr int64_t page_rows = 2000;
+constexpr int64_t most_figure = int64_t{1} << 50; // of an action; milliseconds become microseconds
 
 #define DURATION "ifNull(duration_us, duration_ms * 1000)"
 
@@ -84,14 +85,14 @@ ActionRow read_row(RowReader &from)
 	row.host = from.text();
 	for (const ActionColumn &column : action_columns) {
 		if (auto number = std::get_if<int64_t ActionRow::*>(&column.field)) {
-			row.**number = from.number<int64_t>();
+			row.**number = std::clamp(from.number<int64_t>(), -most_figure, most_figure);
 		} else if (auto flag = std::get_if<bool ActionRow::*>(&column.field)) {
 			row.**flag = from.number<uint8_t>() != 0;
 		} else if (auto text = std::get_if<std::string ActionRow::*>(&column.field)) {
 			row.**text = from.text();
 		} else if (auto figure = from.nullable()) {
 			if (!row.exact) row.exact.emplace();
-			(*row.exact).*std::get<int64_t ExactFigures::*>(column.field) = *figure;
+			(*row.exact).*std::get<int64_t ExactFigures::*>(column.field) = std::clamp(*figure, -most_figure, most_figure);
 		}
 	}
 	return row;
@@ -114,13 +115,15 @@ public:
 			const int64_t most = std::min(left, page_rows);
 			const auto rows = !slowest && !oldest && rest.empty() ? newest_rows(question.filter, order, most)
 																  : list(question.filter, rest, order, most);
-			more = static_cast<int64_t>(rows.size()) == most;
+			const int64_t before = left;
 			for (const ActionRow &row : rows) {
 				if (row.id == last_id) continue; // sent twice
 				last_id = row.id;
 				left--;
 				on_row(row);
 			}
+			// Each full page has something that the one before had not.
+			more = static_cast<int64_t>(rows.size()) == most && left < before;
 			if (!more) return;
 			const int64_t last = slowest ? rows.back().duration_us() : rows.back().received_ms;
 			rest = " AND (" + by + ", id)";
@@ -163,8 +166,8 @@ public:
 				const auto id = row.number<int64_t>(), bytes = row.number<int64_t>();
 				if (static_cast<int64_t>(seen.size()) > question.most) return;
 				if (std::find(seen.begin(), seen.end(), id) != seen.end()) continue;
+				if (bytes < 0 || bytes > bytes_left) return;
 				bytes_left -= bytes;
-				if (bytes_left < 0) return;
 				auto related = action(id);
 				if (!related) continue; // dropped since
 				seen.push_back(id);
@@ -326,7 +329,7 @@ private:
 		const std::string answer =
 			server_.ask("SELECT received_ms FROM action WHERE " + one(id) + " LIMIT 1 FORMAT RowBinary");
 		if (answer.empty()) return "";
-		const auto at_ms = RowReader(answer).number<int64_t>();
+		const int64_t at_ms = std::clamp(RowReader(answer).number<int64_t>(), day_ms, int64_t{1} << 60);
 		return days_condition({at_ms - day_ms, at_ms + day_ms});
 	}
 

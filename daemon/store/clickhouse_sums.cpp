@@ -15,6 +15,7 @@ namespace quorbit {
 namespace {
 
 constexpr size_t most_listed = 5000;   // numbers in a statement, which may have 256 KiB
+constexpr int64_t last_time = UINT32_MAX; // in minutes and hours, as the columns have it
 constexpr int64_t most_rows = 500'000; // in an answer, of some 100 bytes each; a minute or hour is never divided
 
 // Calls `ask` with parts of the numbers, as "1,2,3".
@@ -106,8 +107,7 @@ KeptSums ClickHouseSums::kept()
 			 std::tuple(&minutes, &kept.first_minute, &kept.last_minute)}) {
 		if (answer->empty()) continue;
 		RowReader row(*answer);
-		*first = row.number<int64_t>();
-		*last = row.number<int64_t>();
+		for (int64_t *edge : {first, last}) *edge = std::clamp(row.number<int64_t>(), int64_t{0}, last_time);
 	}
 	return kept;
 }
@@ -147,7 +147,9 @@ void ClickHouseSums::each_in(const Rows &rows, const KeySet &keys, const std::fu
 		rows.condition(rows.from, rows.until) + " GROUP BY " + time + " ORDER BY " + time + " FORMAT RowBinary");
 	int64_t from = rows.from, count = 0;
 	for (RowReader row(answer); !row.is_at_end();) {
-		const auto at = row.number<int64_t>(), more = row.number<int64_t>();
+		const auto at = row.number<int64_t>();
+		const int64_t more = std::clamp(row.number<int64_t>(), int64_t{0}, most_rows);
+		if (at < from || at >= rows.until) continue; // which was not asked for
 		if (count > 0 && count + more > most_rows) {
 			each_between(rows, from, at, keys, on_row);
 			from = at;

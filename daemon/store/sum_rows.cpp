@@ -1,6 +1,8 @@
 // Adding up and ordering rows of sums.
 #include "store/sum_rows.h"
 
+#include "base/number.h"
+
 #include <algorithm>
 #include <numeric>
 #include <tuple>
@@ -52,9 +54,9 @@ void add_row(SumRow &to, const SumRow &from)
 	to.sums.add(from.sums);
 	to.trend.resize(std::max(to.trend.size(), from.trend.size()));
 	for (size_t i = 0; i < from.trend.size(); i++) {
-		to.trend[i].count += from.trend[i].count;
-		to.trend[i].errors += from.trend[i].errors;
-		to.trend[i].total_us += from.trend[i].total_us;
+		add_bounded(to.trend[i].count, from.trend[i].count);
+		add_bounded(to.trend[i].errors, from.trend[i].errors);
+		add_bounded(to.trend[i].total_us, from.trend[i].total_us);
 	}
 }
 

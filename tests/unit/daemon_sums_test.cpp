@@ -1,4 +1,5 @@
 // Sums by minute and hour: what is derived of an action, that each counts once, and what questions make of it.
+#include "base/number.h"
 #include "daemon_records.h"
 #include "facts/keys.h"
 #include "facts/places.h"
@@ -48,7 +49,7 @@ TEST(Histogram, KeepsPercentilesWithinItsErrorAlsoThroughItsCompactForm) {
 }
 
 TEST(Sums, AreAddedThroughTheirBytesWithEveryDigit) {
-  constexpr int64_t large = (int64_t{1} << 61) + 1;
+  constexpr int64_t large = (int64_t{1} << 60) + 1;
   Sums sums, read;
   int64_t Sums::*const fields[] = {&Sums::count, &Sums::errors, &Sums::total_us, &Sums::database_us, &Sums::cache_us,
                                    &Sums::external_us, &Sums::code_us, &Sums::waiting_us, &Sums::cpu_us, &Sums::statements};
@@ -57,6 +58,8 @@ TEST(Sums, AreAddedThroughTheirBytesWithEveryDigit) {
   for (int twice = 0; twice < 2; twice++) ASSERT_TRUE(read.add_bytes(sums.bytes()));
   for (size_t i = 0; i < std::size(fields); i++) EXPECT_EQ(read.*fields[i], 2 * (large + static_cast<int64_t>(i))) << i;
   EXPECT_EQ((std::vector{read.slowest_us, read.slowest_id, read.newest_id, read.chance_id}), (std::vector{large, large - 3, large, large - 5}));
+  for (int more = 0; more < 9; more++) read.add(Sums(read));
+  EXPECT_EQ(read.count, most_sum) << "which is where damaged sums end";
 }
 
 TEST(Keys, AreWhatAnActionIsSummedUpBy) {
