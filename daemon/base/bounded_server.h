@@ -17,7 +17,8 @@ public:
 
 	BoundedServer();
 
-private:
+protected:
+	// Answers what comes over a connection, and closes it.
 	bool process_and_close_socket(int socket) override;
 };
 
