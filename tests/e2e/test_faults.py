@@ -295,8 +295,12 @@ def test_a_full_disk_makes_room_inside_the_store(site):
 
 
 def test_every_fault_of_the_table_has_its_test():
-    """docs/reliability.md names tests of this folder."""
+    """And every door of docs/security.md, which names fuzz targets as well."""
     table = (PROJECT / "docs/reliability.md").read_text().partition("## Faults")[2].partition("\n## ")[0]
+    doors = (PROJECT / "docs/security.md").read_text().partition("## The doors")[2].partition("\n## ")[0]
     sources = "".join(path.read_text() for path in (PROJECT / "tests/e2e").glob("test_*.py"))
-    named = re.findall(r"`(test_\w+)`", table)
-    assert len(named) > 20 and [name for name in named if f"def {name}(" not in sources] == []
+    named = re.findall(r"`(test_\w+)`", table + doors)
+    assert len(named) > 30 and [name for name in named if f"def {name}(" not in sources] == []
+    targets = {path.name.removesuffix("_fuzz.cpp") for path in (PROJECT / "tests/fuzz").glob("*_fuzz.cpp")}
+    fuzzed = {name for listed in re.findall(r"fuzz ((?:`\w+`(?:, )?)+)", doors) for name in re.findall(r"\w+", listed)}
+    assert fuzzed <= targets and targets - fuzzed <= {"sql_names"}
