@@ -38,7 +38,7 @@ def test_both_ways_from_source_lead_to_an_action_and_uninstalling_back(bare):
         here(line.replace("apt ", "apt-get -y --no-install-recommends "))
     here(build)
     before = ours(bare)
-    placed = {path for path in re.findall(r"^(/\S+?)/?$", here(install), re.M) if not path.startswith("/root/")}
+    placed = {path for path in re.findall(r"^(/\S+?)/?$", here(install), re.M) if not path.startswith(str(PROJECT))}
     folders = {str(folder) for path in placed for folder in Path(path).parents}
     assert placed <= ours(bare) - before <= placed | folders
     bare.type("quorbit setup enable --app Shop")
