@@ -27,19 +27,36 @@ PARAMETERS = {"SCRIPT_FILENAME": "$document_root$fastcgi_script_name", "SCRIPT_N
               "SERVER_NAME": "$host", "SERVER_PORT": "$server_port", "REMOTE_ADDR": "$remote_addr", "HTTP_X_QUEUE_START": "t=$msec"}
 
 
-def wordpress():
-    """Debian's package, unpacked; it asks for PHP 5.6.20, and runs with less."""
-    folder = PROJECT / "build/wordpress"
+def unpacked(package):
+    """The folder of one of Debian's packages, unpacked and not installed."""
+    folder = PROJECT / "build/debian" / package
     if not (folder / "usr").exists():
         with tempfile.TemporaryDirectory() as place:
-            fetch = ["apt-get", "-qq", "-o", "APT::Sandbox::User=root", "download", "wordpress"]
+            fetch = ["apt-get", "-qq", "-o", "APT::Sandbox::User=root", "download", package]
             if subprocess.run(fetch, cwd=place).returncode:
                 subprocess.run(["apt-get", "-qq", "update"], check=True)
                 subprocess.run(fetch, cwd=place, check=True)
             shutil.rmtree(folder, ignore_errors=True)
-            package, = Path(place).glob("*.deb")
-            subprocess.run(["dpkg-deb", "-x", package, folder], check=True)
-    return folder / "usr/share/wordpress"
+            file, = Path(place).glob("*.deb")
+            folder.parent.mkdir(parents=True, exist_ok=True)
+            subprocess.run(["dpkg-deb", "-x", file, folder], check=True)
+    return folder
+
+
+def place_blog(docroot):
+    """Debian's WordPress as docroot/blog; it asks for PHP 5.6.20, and runs with less."""
+    shutil.copytree(SCRIPTS / "questions/blog", docroot / "blog")
+    unused = shutil.ignore_patterns("*.js", "*.css", "*.svg", "*.png", "*.gif", "*.woff2", "ID3", "wp-config.php", ".htaccess")
+    shutil.copytree(unpacked("wordpress") / "usr/share/wordpress", docroot / "blog", dirs_exist_ok=True, ignore=unused)
+    version = docroot / "blog/wp-includes/version.php"
+    version.write_text(version.read_text().replace("'5.6.20'", "'5.6.0'"))
+
+
+def install(docroot, mariadb, script, host):
+    """Fills the application's tables; it is to be reached under this host."""
+    (docroot / "database.php").write_text(f"<?php return '{mariadb.socket}';")
+    subprocess.run([ENGINE / "bin/php", "-n", "-d", "date.timezone=UTC", "-d", "sendmail_path=/bin/true", docroot / script, host], check=True,
+                   stdout=subprocess.PIPE, timeout=60, preexec_fn=die_with_parent)
 
 
 class Pools(Fpm):
@@ -80,21 +97,16 @@ class Host:
         (site.logs / "applications.conf").write_text(SETTINGS)
         (site.logs / "php-agent.log").touch()
         (site.logs / "php-agent.log").chmod(0o666)
-        for part in ("shop", "old", "blog"):
+        for part in ("shop", "old"):
             shutil.copytree(SCRIPTS / "questions" / part, site.docroot / part)
-        unused = shutil.ignore_patterns("*.js", "*.css", "*.svg", "*.png", "*.gif", "*.woff2", "ID3", "wp-config.php", ".htaccess")
-        shutil.copytree(wordpress(), site.docroot / "blog", dirs_exist_ok=True, ignore=unused)
-        version = site.docroot / "blog/wp-includes/version.php"
-        version.write_text(version.read_text().replace("'5.6.20'", "'5.6.0'"))
+        place_blog(site.docroot)
         ini = site.ini_file(True, {"error_log": site.root / "php.log"})
         self.fpm, self.nginx = Pools(site, ini, True), Nginx(site, ini, True)
         site.servers += [self.fpm, self.nginx]
-        (site.docroot / "database.php").write_text(f"<?php return '{mariadb.socket}';")
         self.fpm.start()
         self.nginx.start()
         for step in ("shop/install.php", "blog/install.php"):
-            subprocess.run([ENGINE / "bin/php", "-n", "-d", "date.timezone=UTC", "-d", "sendmail_path=/bin/true", site.docroot / step, str(self.nginx.port)], check=True,
-                           stdout=subprocess.PIPE, timeout=60, preexec_fn=die_with_parent)
+            install(site.docroot, mariadb, step, f"127.0.0.1:{self.nginx.port}")
 
     def get(self, path):
         """The answer: what the page has measured of itself, in ms, by name."""

@@ -1,5 +1,5 @@
 <?php
-$_SERVER['HTTP_HOST'] = "127.0.0.1:{$argv[1]}";
+$_SERVER['HTTP_HOST'] = $argv[1];
 define('WP_INSTALLING', true);
 require __DIR__ . '/wp-load.php';
 require ABSPATH . 'wp-admin/includes/upgrade.php';
