@@ -70,11 +70,11 @@ def test_of_what_is_sent_on_a_connection_at_most_one_request_is_answered(server)
     get, post = b"GET /app.css HTTP/1.1\r\n" + own, b"POST /api/v1/session HTTP/1.1\r\nContent-Type: application/json\r\n" + own
     cases = [
         (b"", b""), (b"\x16\x03\x01\0", b""), (b"GET / HTTP/1.1\r\n" + b"X: %s\r\n" % (b"a" * 4000) * 20, b"400"),
-        (get + b"Host: b\r\n\r\n", b"421"), (get, b""),
+        (get + b"Host: b\r\n\r\n", b"421"), (get, b"400"),
         (get + b"\r\n" + get + b"\r\n", b"200"), (get + b"Content-Length: 9\r\n\r\n" + get + b"\r\n", b"200"),
-        (post + b"Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" + get + b"\r\n", b"400"),
+        (post + b"Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" + get + b"\r\n", b"401"),
         (post + b"Transfer-Encoding: chunked\r\n\r\nFFFFFFFFFFFFFFFF\r\n{}", b"400"),
-        (post + b"Content-Length: 9\r\n\r\n{}", b"400"), (post + b"Content-Length: -1\r\n\r\n{}", b"400"),
+        (post + b"Content-Length: 9\r\n\r\n{}", b"400"), (post + b"Content-Length: -1\r\n\r\n{}", b"413"),
     ]
     for sent, status in cases:
         with socket.create_connection(("127.0.0.1", server.port), timeout=15) as client:
@@ -89,7 +89,8 @@ def test_clients_that_say_little_are_not_waited_for_and_many_take_no_room(server
     before, begin = descriptors(), time.monotonic()
     with ExitStack() as stack:
         slow = stack.enter_context(socket.create_connection(("127.0.0.1", server.port), timeout=0.5))
-        slow.sendall(b"POST /api/v1/session HTTP/1.1\r\nContent-Length: 4000\r\n\r\n")
+        slow.sendall(b"POST /api/v1/session HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nContent-Type: application/json\r\n"
+                     b"Content-Length: 4000\r\n\r\n" % server.port)
         for _ in range(1000):
             stack.enter_context(socket.create_connection(("127.0.0.1", server.port), timeout=15)).sendall(b"GET /")
         wait_until(lambda: descriptors() <= before + 72, "those beyond the bound to be closed")
