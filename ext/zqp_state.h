@@ -81,7 +81,7 @@ struct zq_request : zq_app_config {
 	int rum_header_lines;   /* line ends that are still the headers', when the writer gets them next */
 	int headers_sent;
 	HashTable *curl_handles; /* of zq_curl_handle (zqp_wrapper_curl), by resource id; may be null */
-	int transaction_parent; /* a monitored application of the same account is the caller */
+	int transaction_parent;  /* a monitored application of the same account is the caller */
 };
 
 /* One action: what a request reports, or one of several in a command-line run. */

@@ -92,7 +92,8 @@ ActionRow read_row(RowReader &from)
 			row.**text = from.text();
 		} else if (auto figure = from.nullable()) {
 			if (!row.exact) row.exact.emplace();
-			(*row.exact).*std::get<int64_t ExactFigures::*>(column.field) = std::clamp(*figure, -most_figure, most_figure);
+			(*row.exact).*std::get<int64_t ExactFigures::*>(column.field) =
+				std::clamp(*figure, -most_figure, most_figure);
 		}
 	}
 	return row;

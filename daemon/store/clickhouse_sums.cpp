@@ -14,9 +14,9 @@ namespace quorbit {
 
 namespace {
 
-constexpr size_t most_listed = 5000;   // numbers in a statement, which may have 256 KiB
+constexpr size_t most_listed = 5000;      // numbers in a statement, which may have 256 KiB
 constexpr int64_t last_time = UINT32_MAX; // in minutes and hours, as the columns have it
-constexpr int64_t most_rows = 500'000; // in an answer, of some 100 bytes each; a minute or hour is never divided
+constexpr int64_t most_rows = 500'000;    // in an answer, of some 100 bytes each; a minute or hour is never divided
 
 // Calls `ask` with parts of the numbers, as "1,2,3".
 template <typename Ask>
