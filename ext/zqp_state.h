@@ -80,8 +80,9 @@ struct zq_request : zq_app_config {
 	zq_page_place rum_page; /* after what has been written of the page */
 	int rum_header_lines;   /* line ends that are still the headers', when the writer gets them next */
 	int headers_sent;
-	HashTable *curl_handles; /* of zq_curl_handle (zqp_wrapper_curl), by resource id; may be null */
-	int transaction_parent;  /* a monitored application of the same account is the caller */
+	HashTable *curl_handles;    /* of zq_curl_handle (zqp_wrapper_curl), by resource id; may be null */
+	unsigned curl_handles_room; /* so many, and those that are gone are looked for */
+	int transaction_parent;     /* a monitored application of the same account is the caller */
 };
 
 /* One action: what a request reports, or one of several in a command-line run. */
