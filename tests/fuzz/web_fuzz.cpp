@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -60,7 +61,8 @@ std::span<const PageFile> quorbit::page_files() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Sessions sessions(access_token);
   Session session;
-  REQUIRE(sessions.open(access_token, 0, session) == Entry::granted);
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  REQUIRE(sessions.open(access_token, std::chrono::duration_cast<std::chrono::milliseconds>(now).count(), session) == Entry::granted);
   cookie = session.cookie;
   order = session.token;
   alignas(Metrics) static char metrics[sizeof(Metrics)];
