@@ -72,13 +72,16 @@ class PatientThreads(Apache):
 
 
 class InLittleMemory(Many):
-    """In a cgroup of its own that has little memory. One request at a time, or the kernel also kills those that only begin."""
+    """In a cgroup of its own that has little memory. One request at a time, or the kernel also kills those that only begin; on a
+    machine that does other work it does so all the same: QUORBIT_OOM=1 make e2e T=test_killed.py, where nothing else runs."""
     memory_bytes = 64 << 20
     children = 2
     lanes = 1
     group = None
 
     def start(self):
+        if not os.environ.get("QUORBIT_OOM"):
+            pytest.skip("QUORBIT_OOM=1 runs it, on a machine that does nothing else")
         for folder, limit in (("/sys/fs/cgroup/memory", "memory.limit_in_bytes"), ("/sys/fs/cgroup", "memory.max")):
             group = Path(folder) / f"quorbit-{os.getpid()}"
             with suppress(OSError):
