@@ -18,9 +18,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto every = 5s, metrics_every = 60s;
+constexpr auto metrics_every = 60s;
 constexpr auto first_pause = 1s, longest_pause = 60s;
-constexpr int64_t settle_ms = 10000; // so long the caller of an action is waited for
+constexpr int64_t settle = 2; // so many times the pause between batches the caller of an action is waited for
 constexpr int64_t most_actions = 200;
 constexpr size_t most_spans = 20000; // of a body, about
 
@@ -53,7 +53,7 @@ void OtlpExporter::run()
 			if (!std::exchange(state_.failure, "").empty())
 				log_message(LogLevel::info, "sending spans to " + settings_.url + " works again");
 			pause_ = 0s;
-			due_ = settings_.url.empty() ? Clock::time_point::max() : Clock::now() + every;
+			due_ = settings_.url.empty() ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(settings_.seconds);
 			keep();
 		} catch (const OtlpError &failure) {
 			failed(failure.what(), failure.pause);
@@ -120,7 +120,7 @@ bool OtlpExporter::send_actions(Reader &reader)
 {
 	ActionQuestion question;
 	question.filter.after_id = state_.action_id;
-	question.filter.range.until_ms = wall_clock_ms() - settle_ms;
+	question.filter.range.until_ms = wall_clock_ms() - settle * 1000 * settings_.seconds;
 	question.order = ActionOrder::oldest;
 	question.most = most_actions;
 	const std::vector<ActionRow> rows = reader.actions(question);

@@ -15,6 +15,7 @@ namespace quorbit {
 struct OtlpSettings {
 	std::string url; // "" for nowhere
 	std::string headers, format, send, functions, host_name;
+	int64_t seconds = 0; // between batches
 
 	bool operator==(const OtlpSettings &) const = default;
 };

@@ -198,6 +198,7 @@ private:
 			{"minute_days", "days", &Applications::minute_days, 3650},
 			{"hour_days", "days", &Applications::hour_days, 3650},
 			{"store_seconds", "seconds", &Applications::store_seconds, 3600},
+			{"otlp_seconds", "seconds", &Applications::otlp_seconds, 3600},
 			{"board_slots", "slots", &Applications::board_slots, ZQ_BOARD_MOST_SLOTS},
 		};
 		for (const OwnText &row : own_texts) {

@@ -17,6 +17,7 @@ struct Applications {
 	std::string host_name;      // under which, "" for the host's own
 	std::string cluster;        // of the servers there, "" for none
 	int64_t store_seconds = 10; // between batches
+	int64_t otlp_seconds = 5;
 	// Where spans and metrics go (docs/otlp.md), "" for nowhere.
 	std::string otlp_url, otlp_headers, otlp_format = "protobuf", otlp_send = "all", otlp_functions = "yes";
 	std::string metrics_listen;                            // where Prometheus finds /metrics, "" for nowhere

@@ -107,7 +107,7 @@ struct Ways {
 		exporter.set_settings(
 			{settings.store_url, settings.store_password_file, settings.host_name, settings.store_seconds});
 		otlp.set_settings({settings.otlp_url, settings.otlp_headers, settings.otlp_format, settings.otlp_send,
-			settings.otlp_functions, settings.host_name});
+			settings.otlp_functions, settings.host_name, settings.otlp_seconds});
 		metrics.set_listen(settings.metrics_listen);
 	}
 

@@ -4,7 +4,7 @@ import pytest
 
 from support import engines
 from support.browser import front  # noqa: F401
-from support.clickhouse import clickhouse, two_shards  # noqa: F401
+from support.clickhouse import clickhouse, clickhouse_server  # noqa: F401
 from support.databases import doubles, mariadb, postgres, shim, shim_library  # noqa: F401
 from support.fleet import sample_store  # noqa: F401
 from support.local_daemon import real  # noqa: F401

@@ -53,7 +53,7 @@ while (($begin = microtime(true)) < $end) {
 }
 sort($took); $most = count($took) - 1;
 echo json_encode(array($most + 1, 1e3 * $took[(int)($most / 2)], 1e3 * $took[(int)($most * 0.99)]));"""
-DOWN_S = int(os.environ.get("QUORBIT_DOWN_S", 20))
+DOWN_S = int(os.environ.get("QUORBIT_DOWN_S", 8))
 
 
 def test_what_php_waits_for_takes_no_longer_while_the_server_is_down(filled, clickhouse):
@@ -61,7 +61,7 @@ def test_what_php_waits_for_takes_no_longer_while_the_server_is_down(filled, cli
     filled.php()
     all_arrives(filled, clickhouse)
     loads = lambda seconds: json.loads(filled.php(ACTIONS % min(seconds, 10)))
-    up = loads(10)
+    up = loads(5)
     clickhouse.kill()
     began, down = time.monotonic(), []
     while not down or time.monotonic() - began < DOWN_S:

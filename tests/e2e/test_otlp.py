@@ -22,7 +22,7 @@ def store():
 
 def configure(store, receiver, *lines):
     (store.folder / "applications.conf").write_text("\n".join(
-        [f"otlp_url = http://127.0.0.1:{receiver.port}", "host_name = web-1", *lines, ""]))
+        [f"otlp_url = http://127.0.0.1:{receiver.port}", "otlp_seconds = 1", "host_name = web-1", *lines, ""]))
     wait_until(lambda: "settings of" in (store.folder / "daemon.log").read_text(), "the settings")
 
 

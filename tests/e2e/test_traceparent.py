@@ -158,7 +158,7 @@ def test_spans_of_others_and_ours_are_one_tree(real, definitions, threshold):
     """A foreign caller's span is the parent of ours, and ours of a foreign callee and of a monitored one."""
     site, receiver, callee = real.site, Receiver(definitions), Peer(delay_ms=3)
     settings = {**PLAIN, **ASKED, "zqs.action_tracer.action_threshold": threshold}
-    (real.logs / "applications.conf").write_text(f"otlp_url = http://127.0.0.1:{receiver.port}\n[*]\n" + "".join(
+    (real.logs / "applications.conf").write_text(f"otlp_url = http://127.0.0.1:{receiver.port}\notlp_seconds = 1\n[*]\n" + "".join(
         f"{key} = {value}\n" for key, value in settings.items()))
     try:
         real.php()                                    # starts the daemon

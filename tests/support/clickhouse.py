@@ -50,6 +50,8 @@ class ClickHouse(DatabaseServer):
     def prepare(self):
         (self.root / "users.xml").write_text(USERS)
 
+    stop_signal = signal.SIGKILL                                 # it would take 15 s; its folder goes with it
+
     def command(self):
         return ["/usr/sbin/clickhouse-server", f"--config-file={self.root}/config.xml"]
 
@@ -97,11 +99,15 @@ def running(count):
             server.stop()
 
 
-@pytest.fixture
-def clickhouse():
+@pytest.fixture(scope="module")
+def clickhouse_server():
     yield from running(1)
 
 
 @pytest.fixture
-def two_shards():
-    yield from running(2)
+def clickhouse(clickhouse_server):
+    """One that runs and has no tables of a fleet yet."""
+    if clickhouse_server.process.poll() is not None:
+        clickhouse_server.start()
+    clickhouse_server.ask("DROP DATABASE IF EXISTS quorbit")
+    return clickhouse_server
