@@ -53,7 +53,8 @@ void OtlpExporter::run()
 			if (!std::exchange(state_.failure, "").empty())
 				log_message(LogLevel::info, "sending spans to " + settings_.url + " works again");
 			pause_ = 0s;
-			due_ = settings_.url.empty() ? Clock::time_point::max() : Clock::now() + std::chrono::seconds(settings_.seconds);
+			due_ = settings_.url.empty() ? Clock::time_point::max()
+										 : Clock::now() + std::chrono::seconds(settings_.seconds);
 			keep();
 		} catch (const OtlpError &failure) {
 			failed(failure.what(), failure.pause);
