@@ -177,6 +177,8 @@ def test_the_page_is_of_all_hosts_or_of_the_one_that_is_chosen(fleet):
         driver.get(page.link)
         wait_until(lambda: texts("header option") == ["All hosts", *sorted(fleet.hosts)], "the hosts")
         assert "Status" not in texts("nav a")                        # of one host alone
+        driver.get(page.origin + "/status")
+        wait_until(lambda: texts("h1") == ["A host itself has this page"], "what the address leads to")
         driver.get(page.origin + "/requests?n=2")
         wait_until(lambda: hosts() == set(fleet.hosts), "requests of both")
         Select(driver.find_element("css selector", "header select")).select_by_visible_text(HERE)

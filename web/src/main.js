@@ -40,6 +40,11 @@ const views = [
   { path: 'caches', one: keyView('cache') },
 ];
 
+// An address of one host's page, opened where the page is that of a fleet.
+function OfOneHost() {
+  return html`<h1>A host itself has this page</h1><p>The store of a fleet does not hold it: run <code>quorbit web</code> there, without <code>--store</code>.</p>`;
+}
+
 const titleOf = view => (view?.title ? `${view.title} – Quorbit` : 'Quorbit');
 
 function Frame({ about: { sample, fleet }, onLeave }) {
@@ -47,7 +52,7 @@ function Frame({ about: { sample, fleet }, onLeave }) {
   const [, first, ...rest] = path.split('/');
   const view = views.find(entry => entry.path === first) ?? (first === '' || first === 'login' ? views[0] : undefined);
   const id = rest.length ? decodeURIComponent(rest.join('/')) : '';
-  const View = id ? view?.one : view?.view;
+  const ofHost = id ? view?.one : view?.view, View = fleet && view?.ofOneHost ? OfOneHost : ofHost;
   useEffect(() => {
     document.title = titleOf(view);
   }, [path]);
