@@ -19,49 +19,34 @@ constexpr uint64 NOTED_FOR_US = 3600ull * 1000000;
 
 constexpr size_t MOST_NAME = 255, MOST_FILE = 4096;
 constexpr size_t KEPT_FREE = 32 << 10; /* what one file may need */
-constexpr unsigned MOST_SEEN = 64;     /* a power of two */
-
-/* A call that this request has made already. */
-struct seen_call {
-	const zend_op *opline;
-	const zend_function *callee;
-	uint line;
-};
+constexpr size_t MOST_TEXT = 1 << 20;  /* of files, read in one request: some ms */
 
 } // namespace
 
-/* Of one thread; malloc's. */
-struct zq_radar {
-	size_t len;
-	uint64 file;         /* hash of the file that the items at the end belong to; 0: none */
-	uint64 called_us;    /* when it was last noted which functions were called */
-	bool has_marked;     /* this thread's functions bear their flag */
-	const char *at_file; /* the file that was hashed last, and its hash */
-	uint64 at_hash;
-	seen_call seen[MOST_SEEN];
-	char items[ZQ_RADAR_MOST_BYTES];
-};
-
 /* ---- what was noted ---- */
 
-uint64 zq_radar_mix(uint64 a, uint64 b)
+/* By words of 8 bytes, of which the last overlaps the one before. */
+uint64 zq_radar_hash(std::string_view text)
 {
-	uint64 mixed = (a ^ (b + 0x9E3779B97F4A7C15u + (a << 6) + (a >> 2))) * 0xBF58476D1CE4E5B9u;
-	return mixed ^ mixed >> 29;
+	uint64 hash = text.size(), word = 0;
+	const char *end = text.data() + text.size() - sizeof(word);
+	if (text.size() < sizeof(word)) {
+		memcpy(&word, text.data(), text.size());
+		return zq_radar_mix(hash, word);
+	}
+	for (const char *at = text.data(); at < end; at += sizeof(word)) {
+		memcpy(&word, at, sizeof(word));
+		hash = (hash ^ word) * 0xBF58476D1CE4E5B9u;
+		hash ^= hash >> 32;
+	}
+	memcpy(&word, end, sizeof(word));
+	return zq_radar_mix(hash, word);
 }
 
-uint64 zq_radar_hash(std::string_view name)
+/* Where most of what was noted is found: the first place to look at. */
+static inline bool is_noted(uint64 what)
 {
-	const char *text = name.data();
-	size_t len = name.size();
-	uint64 hash = len, word;
-	for (; len >= sizeof(word); text += sizeof(word), len -= sizeof(word)) {
-		memcpy(&word, text, sizeof(word));
-		hash = zq_radar_mix(hash, word);
-	}
-	word = 0;
-	memcpy(&word, text, len);
-	return zq_radar_mix(hash, word);
+	return EXPECTED(noted[what % MOST_NOTED].load(std::memory_order_relaxed) == what);
 }
 
 bool zq_radar_is_new(uint64 what)
@@ -96,14 +81,10 @@ static void forget_old(uint64 now)
 	}
 }
 
-uint64 zq_radar_hash_file(const char *file TSRMLS_DC)
+uint64 zq_radar_hash_another(zq_radar_file *kept, const char *file)
 {
-	zq_radar *radar = ZQG(radar);
-	if (radar->at_file != file) {
-		radar->at_file = file;
-		radar->at_hash = zq_radar_hash(file);
-	}
-	return radar->at_hash;
+	*kept = {file, zq_radar_hash(file)};
+	return kept->hash;
 }
 
 /* ---- what is to be sent ---- */
@@ -163,14 +144,17 @@ static size_t name_function(const zend_op_array *code, char (&name)[MOST_NAME + 
 	return (size_t)len < MOST_NAME ? (size_t)len : MOST_NAME;
 }
 
+static inline uint64 id_of_site(uint64 file, zq_radar_sign sign, uint64 name_id, uint line, int evidence)
+{
+	return zq_radar_mix(file ^ name_id, (uint64)line << 32 | (uint64)sign << 8 | (uint64)evidence);
+}
+
 void zq_radar_note(
 	zq_radar_sign sign, std::string_view name, uint64 name_id, const zq_radar_place *at, int evidence TSRMLS_DC)
 {
 	zq_radar *radar = ZQG(radar);
-	uint64 file = zq_radar_hash_file(at->file TSRMLS_CC);
-	uint64 what = (uint64)at->line << 32 | (uint64)sign << 8 | (uint64)evidence;
-	what = zq_radar_mix(zq_radar_mix(file, what), name_id);
-	if (!zq_radar_is_new(what) || !append_file(radar, file, at->file)) {
+	uint64 file = zq_radar_hash_file(radar, at->file);
+	if (!zq_radar_is_new(id_of_site(file, sign, name_id, at->line, evidence)) || !append_file(radar, file, at->file)) {
 		return;
 	}
 	char function[MOST_NAME + 1], head[sizeof(uint32_t) + 3];
@@ -184,14 +168,18 @@ void zq_radar_note(
 		name_function(at->code, function));
 }
 
-/* Known by the lines that it takes, whatever a trait's user calls it. */
+/* A function is known by the lines that it takes, whatever a trait's user calls it. */
+static inline uint64 id_of_function(uint64 file, const zend_op_array *code, int was_called)
+{
+	uint64 lines = (uint64)code->line_start << 32 | code->line_end;
+	return zq_radar_mix(file ^ (0xF0 + (uint64)was_called), lines);
+}
+
 void zq_radar_note_function(const zend_op_array *code, int was_called TSRMLS_DC)
 {
 	zq_radar *radar = ZQG(radar);
-	uint64 file = zq_radar_hash_file(code->filename TSRMLS_CC);
-	uint64 lines = (uint64)code->line_start << 32 | code->line_end;
-	if (!zq_radar_is_new(zq_radar_mix(zq_radar_mix(file, lines), 0xF0 + (uint64)was_called)) ||
-		!append_file(radar, file, code->filename)) {
+	uint64 file = zq_radar_hash_file(radar, code->filename);
+	if (!zq_radar_is_new(id_of_function(file, code, was_called)) || !append_file(radar, file, code->filename)) {
 		return;
 	}
 	char name[MOST_NAME + 1], head[sizeof(uint32_t) + 1];
@@ -221,33 +209,32 @@ static void mark_functions(TSRMLS_D)
 	}
 }
 
-/* The calls that a request has made are passed over by the place of their opcode, which is the script's while it runs.
- */
-static bool is_seen(zq_radar *radar, const zend_execute_data *at, const zend_function *callee)
-{
-	seen_call *seen = &radar->seen[(uintptr_t)at->opline / sizeof(zend_op) % MOST_SEEN];
-	if (seen->opline == at->opline && seen->callee == callee && seen->line == at->opline->lineno) {
-		return true;
-	}
-	*seen = {at->opline, callee, at->opline->lineno};
-	return false;
-}
-
 void zq_radar_called(zend_execute_data *frame TSRMLS_DC)
 {
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zq_radar *radar = g->radar;
 	const zend_function *callee = frame->function_state.function;
-	const zend_execute_data *at = frame;
-	while (at && !at->op_array) {
-		at = at->prev_execute_data;
+	while (frame && !frame->op_array) {
+		frame = frame->prev_execute_data;
 	}
-	if (!ZQG(radar_wanted) || !ZQG(radar) || !at || !at->opline || is_seen(ZQG(radar), at, callee)) {
+	if (!g->radar_wanted || !frame || !frame->opline || !frame->op_array->filename) {
 		return;
 	}
-	if (at->op_array->filename) {
-		zq_radar_place place = {at->op_array->filename, at->opline->lineno, at->op_array};
-		const char *name = callee->common.function_name;
+	const uint line = frame->opline->lineno;
+	const char *name = callee->common.function_name;
+	radar->calls[((uintptr_t)frame->opline >> 4) % ZQ_RADAR_MOST_CALLS] = {
+		frame->opline, callee, radar->request | line};
+	uint64 file = zq_radar_hash_file(radar, frame->op_array->filename);
+	if (!is_noted(id_of_site(file, ZQ_SIGN_CALL, (uintptr_t)name, line, ZQ_RADAR_RAN))) {
+		zq_radar_place place = {frame->op_array->filename, line, frame->op_array};
 		zq_radar_note(ZQ_SIGN_CALL, name, (uintptr_t)name, &place, ZQ_RADAR_RAN TSRMLS_CC);
 	}
+}
+
+bool zq_radar_has_raised(const char *file, uint line, const char *format TSRMLS_DC)
+{
+	uint64 what = zq_radar_mix(zq_radar_hash_file(ZQG(radar), file) ^ (uintptr_t)format, line);
+	return is_noted(what) || !zq_radar_is_new(what);
 }
 
 /* ---- settings ---- */
@@ -262,6 +249,8 @@ static bool is_off(const char *value)
 	}
 	return false;
 }
+
+constexpr uint64 SETTINGS = 0x5E771465u; /* stands for them among what was noted */
 
 /* Settings of php.ini and the files beside it. Once an hour. */
 static void note_settings(TSRMLS_D)
@@ -298,29 +287,36 @@ void zq_radar_begin(TSRMLS_D)
 	if (!g->radar_wanted || (!g->radar && !(g->radar = allocate()))) {
 		return;
 	}
+	zq_radar *radar = g->radar;
 	forget_old(g->rinit_tick);
-	memset(g->radar->seen, 0, sizeof(g->radar->seen));
-	g->radar->at_file = NULL;
-	if (!g->radar->has_marked) {
+	radar->request += uint64{1} << 32;
+	memset(radar->files, 0, sizeof(radar->files));
+	radar->reads_again = radar->has_unread;
+	radar->has_unread = false;
+	radar->text_left = MOST_TEXT;
+	if (!radar->has_marked) {
 		mark_functions(TSRMLS_C);
-		g->radar->has_marked = true;
+		radar->has_marked = true;
 	}
-	if (zq_radar_is_new(zq_radar_hash("settings"))) {
+	if (!is_noted(SETTINGS) && zq_radar_is_new(SETTINGS)) {
 		note_settings(TSRMLS_C);
 	}
 }
 
 /* A function that has run has its cache of names. */
-static inline void note_if_called(const zend_function *function TSRMLS_DC)
+static inline void note_if_called(zq_radar *radar, const zend_function *function TSRMLS_DC)
 {
-	if (function->type == ZEND_USER_FUNCTION && function->op_array.run_time_cache && function->op_array.filename) {
-		zq_radar_note_function(&function->op_array, 1 TSRMLS_CC);
+	const zend_op_array *code = &function->op_array;
+	if (function->type == ZEND_USER_FUNCTION && code->run_time_cache && code->filename &&
+		!is_noted(id_of_function(zq_radar_hash_file(radar, code->filename), code, 1))) {
+		zq_radar_note_function(code, 1 TSRMLS_CC);
 	}
 }
 
 void zq_radar_end(TSRMLS_D)
 {
-	if (!ZQG(radar_wanted) || !ZQG(radar)) {
+	zq_radar *radar = ZQG(radar);
+	if (!ZQG(radar_wanted) || !radar) {
 		return;
 	}
 	/* the script's own are the last of each table */
@@ -329,7 +325,7 @@ void zq_radar_end(TSRMLS_D)
 		if (function->type != ZEND_USER_FUNCTION) {
 			break;
 		}
-		note_if_called(function TSRMLS_CC);
+		note_if_called(radar, function TSRMLS_CC);
 	}
 	for (const Bucket *at = EG(class_table)->pListTail; at; at = at->pListLast) {
 		const zend_class_entry *ce = *(zend_class_entry **)at->pData;
@@ -337,7 +333,7 @@ void zq_radar_end(TSRMLS_D)
 			break;
 		}
 		for (const Bucket *method = ce->function_table.pListHead; method; method = method->pListNext) {
-			note_if_called((const zend_function *)method->pData TSRMLS_CC);
+			note_if_called(radar, (const zend_function *)method->pData TSRMLS_CC);
 		}
 	}
 }

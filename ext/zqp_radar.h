@@ -25,6 +25,34 @@ struct zq_radar_place {
 	const zend_op_array *code; /* in which function; null: not known */
 };
 
+/* A call that a request has made already. */
+struct zq_radar_call {
+	const zend_op *opline;
+	const zend_function *callee;
+	uint64 line; /* below the number of the request */
+};
+/* A file's name, known by its address in the request, and its hash. */
+struct zq_radar_file {
+	const char *name;
+	uint64 hash;
+};
+inline constexpr unsigned ZQ_RADAR_MOST_CALLS = 64, ZQ_RADAR_MOST_FILES = 4; /* powers of two */
+
+/* Of one thread; malloc's. */
+struct zq_radar {
+	size_t len;
+	uint64 file;      /* hash of the file that the items at the end belong to; 0: none */
+	uint64 called_us; /* when it was last noted which functions were called */
+	bool has_marked;  /* this thread's functions bear their flag */
+	bool has_unread;  /* the text of a file had to wait */
+	bool reads_again; /* of an earlier request's: they are looked for */
+	size_t text_left; /* bytes that this request may still read */
+	zq_radar_file files[ZQ_RADAR_MOST_FILES];
+	uint64 request; /* its number, above 32 bits of 0 */
+	zq_radar_call calls[ZQ_RADAR_MOST_CALLS];
+	char items[ZQ_RADAR_MOST_BYTES];
+};
+
 /* Starts a request: as the configuration of the action that begins asks. */
 void zq_radar_begin(TSRMLS_D);
 /* Notes which functions of the request were called: at its end; when an action of a command-line run ends, but not more
@@ -42,8 +70,18 @@ void zq_radar_sent(TSRMLS_D);
 /* True when no thread of the process has noted it in this hour, and there was room to remember it. */
 bool zq_radar_is_new(uint64 what);
 /* A number that differs when one of these does. */
-uint64 zq_radar_mix(uint64 a, uint64 b);
-uint64 zq_radar_hash_file(const char *file TSRMLS_DC);
+static inline uint64 zq_radar_mix(uint64 a, uint64 b)
+{
+	uint64 mixed = (a ^ (b + 0x9E3779B97F4A7C15u + (a << 6) + (a >> 2))) * 0xBF58476D1CE4E5B9u;
+	return mixed ^ mixed >> 29;
+}
+/* Hash of the file's name; that of some is kept until request end. */
+uint64 zq_radar_hash_another(zq_radar_file *kept, const char *file);
+static inline uint64 zq_radar_hash_file(zq_radar *radar, const char *file)
+{
+	zq_radar_file *kept = &radar->files[((uintptr_t)file >> 4) % ZQ_RADAR_MOST_FILES];
+	return EXPECTED(kept->name == file) ? kept->hash : zq_radar_hash_another(kept, file);
+}
 /* False when what is noted next may find no room, so that it had better be noted by a later request. */
 bool zq_radar_has_room(TSRMLS_D);
 uint64 zq_radar_hash(std::string_view text);
@@ -54,8 +92,21 @@ void zq_radar_note(
 /* Notes a function of the script, once each as compiled and as called. */
 void zq_radar_note_function(const zend_op_array *code, int was_called TSRMLS_DC);
 
-/* A call of a function with ZQ_ACC_ON_RADAR in its flags. */
+/* A call of a function with ZQ_ACC_ON_RADAR in its flags, unless this is 1: the request has made that call before. It
+ * is known by the place of its opcode, which is the script's while that runs; code that is freed and made anew within a
+ * request would have to have the same call there, on the same line. */
+static inline int zq_radar_has_made(const zend_execute_data *frame TSRMLS_DC)
+{
+	const zq_radar *radar = ZQG(radar);
+	const zend_op *opline = frame->opline; /* null in a call that the engine makes on its own */
+	const zq_radar_call *call = &radar->calls[((uintptr_t)opline >> 4) % ZQ_RADAR_MOST_CALLS];
+	return opline && call->opline == opline && call->callee == frame->function_state.function &&
+		call->line == (radar->request | opline->lineno);
+}
 void zq_radar_called(zend_execute_data *frame TSRMLS_DC);
+/* True when an error of that format was raised on that line before, by this process and within the hour. */
+bool zq_radar_has_raised(const char *file, uint line, const char *format TSRMLS_DC);
+
 /* ---- zqp_radar_errors.cpp ---- */
 /* PHP 5.6 raises an error: is it one that is another in later versions? `args` is left as it is. */
 void zq_radar_error(int type, const char *file, uint line, const char *format, va_list args TSRMLS_DC);
@@ -73,5 +124,21 @@ static inline zq_radar_tables zq_radar_tables_now(TSRMLS_D)
 {
 	return {CG(function_table)->nNumOfElements, CG(class_table)->nNumOfElements};
 }
+/* Calls each(bucket) for those of a table that have come since it had so many, the last first. */
+template <typename Each>
+static inline void zq_radar_each_new(const HashTable *table, uint before, Each each)
+{
+	const Bucket *at = table->pListTail;
+	for (uint left = table->nNumOfElements > before ? table->nNumOfElements - before : 0; left && at; left--) {
+		each(at);
+		at = at->pListLast;
+	}
+}
+
+/* ---- zqp_radar_source.cpp ---- */
+
+/* Notes what only the text of the file shows, of which the tables have had the functions and classes since `before`.
+ * Gives how many bytes were read. */
+size_t zq_radar_read_source(const char *file, zq_radar_tables before TSRMLS_DC);
 
 #endif

@@ -22,17 +22,22 @@ constexpr message_start messages[] = {
 static_assert(
 	[] {
 		for (const message_start &message : messages) {
-			bool found = false;
-			for (const zq_radar_rule &rule : zq_radar_rules) {
-				found = found || (rule.sign == ZQ_SIGN_MESSAGE && rule.names == message.name);
-			}
-			if (!found) {
+			if (!zq_radar_has_phrase(ZQ_SIGN_MESSAGE, message.name)) {
 				return false;
 			}
 		}
 		return true;
 	}(),
 	"a message has no rule");
+
+/* A bit for each byte that one of them begins with. */
+constexpr auto first_letters = [] {
+	std::array<uint64_t, 4> letters{};
+	for (const message_start &message : messages) {
+		letters[(unsigned char)message.start[0] >> 6] |= uint64_t{1} << (message.start[0] & 63);
+	}
+	return letters;
+}();
 
 } // namespace
 
@@ -56,9 +61,17 @@ void zq_radar_error(int type, const char *file, uint line, const char *format, v
 	if (!(type & those) || !ZQG(radar_wanted) || !ZQG(radar) || !zq_is_watching(zq_globals(TSRMLS_C)) || !file) {
 		return;
 	}
+	/* Extensions give their texts as "%s"; any other format is one message, of which this place is known. */
+	bool is_the_text = strcmp(format, "%s") == 0;
+	if (!is_the_text && zq_radar_has_raised(file, line, format TSRMLS_CC)) {
+		return;
+	}
 	std::string_view text = text_of_message(format, args);
+	if (text.empty() || !(first_letters[(unsigned char)text[0] >> 6] >> (text[0] & 63) & 1)) {
+		return;
+	}
 	for (const message_start &message : messages) {
-		if (!text.empty() && text[0] == message.start[0] && text.starts_with(message.start)) {
+		if (text.starts_with(message.start)) {
 			zq_radar_place place = {file, line, NULL};
 			zq_radar_note(
 				ZQ_SIGN_MESSAGE, message.name, (uintptr_t)message.name.data(), &place, ZQ_RADAR_RAN TSRMLS_CC);

@@ -79,6 +79,17 @@ inline const zq_radar_rule *zq_radar_rule_of(uint8_t sign, std::string_view name
 	return nullptr;
 }
 
+/* Whether there is a row for that phrase: for assertions, since sanitizers refuse addresses in them. */
+constexpr bool zq_radar_has_phrase(zq_radar_sign sign, std::string_view phrase)
+{
+	for (const zq_radar_rule &rule : zq_radar_rules) {
+		if (rule.sign == sign && rule.names == phrase) {
+			return true;
+		}
+	}
+	return false;
+}
+
 consteval bool zq_radar_names_differ()
 {
 	for (size_t i = 1; i < zq_radar_names.size(); i++) {

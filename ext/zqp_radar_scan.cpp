@@ -327,37 +327,47 @@ void scan_class(const zend_class_entry *ce TSRMLS_DC)
 	}
 }
 
-/* So many of a table, the last ones. */
-template <typename Each>
-void each_new(const HashTable *table, uint before, Each each)
-{
-	const Bucket *at = table->pListTail;
-	for (uint left = table->nNumOfElements > before ? table->nNumOfElements - before : 0; left && at; left--) {
-		each(at);
-		at = at->pListLast;
-	}
-}
-
 } // namespace
 
-void zq_radar_scan(const zend_op_array *code, zq_radar_tables before TSRMLS_DC)
+static void scan_all(const zend_op_array *code, zq_radar_tables before TSRMLS_DC)
 {
-	if (!ZQG(radar_wanted) || !ZQG(radar) || !code || !code->filename || !zq_radar_has_room(TSRMLS_C)) {
-		return;
-	}
-	zq_radar_tables now = zq_radar_tables_now(TSRMLS_C);
-	uint64 added = (uint64)(now.functions - before.functions) << 32 | (now.classes - before.classes);
-	uint64 file = zq_radar_hash_file(code->filename TSRMLS_CC);
-	if (!zq_radar_is_new(zq_radar_mix(zq_radar_mix(file, added), code->last))) {
-		return;
-	}
 	scan_code(code TSRMLS_CC);
-	each_new(CG(function_table), before.functions, [&](const Bucket *at) {
+	zq_radar_each_new(CG(function_table), before.functions, [&](const Bucket *at) {
 		const zend_function *function = (const zend_function *)at->pData;
 		if (function->type == ZEND_USER_FUNCTION) {
 			scan_function(at, &function->op_array TSRMLS_CC);
 		}
 	});
-	each_new(CG(class_table), before.classes,
+	zq_radar_each_new(CG(class_table), before.classes,
 		[&](const Bucket *at) { scan_class(*(zend_class_entry **)at->pData TSRMLS_CC); });
+}
+
+/* Unless the request has read as much as it may; a later one of the thread then takes the file. */
+static zend_never_inline void read_source(
+	zq_radar *radar, uint64 file, const zend_op_array *code, zq_radar_tables before TSRMLS_DC)
+{
+	if (!radar->text_left) {
+		radar->has_unread = true;
+	} else if (zq_radar_is_new(zq_radar_mix(file, 0x7E87))) {
+		size_t size = zq_radar_read_source(code->filename, before TSRMLS_CC);
+		radar->text_left -= size < radar->text_left ? size : radar->text_left;
+	}
+}
+
+void zq_radar_scan(const zend_op_array *code, zq_radar_tables before TSRMLS_DC)
+{
+	zq_radar *radar = ZQG(radar);
+	if (!ZQG(radar_wanted) || !radar || !code || !code->filename || !zq_radar_has_room(TSRMLS_C)) {
+		return;
+	}
+	zq_radar_tables now = zq_radar_tables_now(TSRMLS_C);
+	uint64 added = (uint64)(now.functions - before.functions) << 32 | (now.classes - before.classes);
+	uint64 file = zq_radar_hash_file(radar, code->filename);
+	bool is_new = zq_radar_is_new(zq_radar_mix(file ^ code->last, added));
+	if (is_new) {
+		scan_all(code, before TSRMLS_CC);
+	}
+	if (is_new || UNEXPECTED(radar->reads_again)) {
+		read_source(radar, file, code, before TSRMLS_CC);
+	}
 }

@@ -11,19 +11,19 @@ from support.fake_daemon import wait_until
 
 ASKED = {"zqs.radar": "1"}
 OPCACHE = {"load": ["zend_extension=opcache.so", AGENT], "opcache.enable_cli": "1", "opcache.revalidate_freq": "0"}
-SHOP = "require 'shop.php';"
+SHOP, BLOG = "require 'shop.php';", "require 'blog.php';"
 
 
 @pytest.fixture
 def shop(site):
-    for file in (SCRIPTS / "radar").iterdir():
+    for file in [*(SCRIPTS / "radar").iterdir(), *(SCRIPTS / "radar_blog").iterdir()]:
         shutil.copy(file, site.docroot)
     return site
 
 
-def listed(site):
-    """(file, line, "name" or "+name") of the marks in the sources."""
-    return {(path.name, number, mark) for path in site.docroot.glob("*.php") for number, line in enumerate(path.read_text().splitlines(), 1)
+def listed(of):
+    """(file, line, "name" or "+name") of the marks in the sources of a folder."""
+    return {(path.name, number, mark) for path in (SCRIPTS / of).iterdir() for number, line in enumerate(path.read_text().splitlines(), 1)
             for mark in line.partition("//=")[2].split()}
 
 
@@ -37,11 +37,19 @@ def test_an_old_shop_is_found_whole_once_per_process(shop, ini):
     shop.daemon.configure(ASKED)
     pair = shop.serve(engines.FastCgi, ini)
     first, second = pair.get(SHOP).metric, pair.get(SHOP).metric
-    assert reported([first]) == listed(shop) and second.radar is None
+    assert reported([first]) == listed("radar") and second.radar is None
     called = {name: state for _, _, name, state in first.radar.functions}       # of two of a name, that it was called comes last
     assert {name for name, state in called.items() if not state} == {
         "Basket::never", "Basket::ofNobody", "String::text", "Old\\Cart::Cart", "Old\\Cart::serialize", "Old\\Cart::unserialize",
         "Old\\each", "Old\\count_all", "Old\\Resource::get", "cart_never"}
+
+
+@pytest.mark.parametrize("ini", [{}, OPCACHE], ids=["plain", "opcache"])
+def test_an_old_blog_is_found_as_the_migration_guides_are_read(shop, ini):
+    shop.daemon.configure(ASKED)
+    pair = shop.serve(engines.FastCgi, ini)
+    first, second = pair.get(BLOG).metric, pair.get(BLOG).metric
+    assert reported([first]) == listed("radar_blog") and second.radar is None
 
 
 def test_nothing_is_noted_for_a_daemon_that_does_not_ask(shop):
