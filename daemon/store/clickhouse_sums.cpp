@@ -18,6 +18,8 @@ constexpr size_t most_listed = 5000;      // numbers in a statement, which may h
 constexpr int64_t last_time = UINT32_MAX; // in minutes and hours, as the columns have it
 constexpr int64_t most_rows = 500'000;    // in an answer, of some 100 bytes each; a minute or hour is never divided
 
+constexpr int64_t most_minutes = 1'000'000; // rows for a chart: so many take half a second or more
+
 // Calls `ask` with parts of the numbers, as "1,2,3".
 template <typename Ask>
 void in_parts(const std::vector<int64_t> &ids, Ask ask)
@@ -197,23 +199,40 @@ void ClickHouseSums::each(
 	const SumPlan &plan, KeyKind kind, const SumFilter &filter, const std::function<void(const FoundSums &)> &on_row)
 {
 	const KeySet keys(server_, kind, filter);
-	const std::string of_kind = " AND kind = " + std::to_string(static_cast<int>(kind));
-	const std::string of_host = host_condition(filter.host);
 	if (filter.within) {
 		const std::string within = std::to_string(filter.within);
 		const bool actions = kind == KeyKind::action;
 		const char *key = actions ? "action" : "part";
-		const std::string which = actions ? " AND part = " + within : " AND action = " + within + of_kind;
+		const std::string which = actions
+			? " AND part = " + within
+			: " AND action = " + within + " AND kind = " + std::to_string(static_cast<int>(kind));
 		return each_in(
 			{"use_hour", key, "hour", plan.range().from_ms / hour_ms, ceil_to(plan.range().until_ms, hour_ms) / hour_ms,
-				hour_ms, which + of_host + keys.condition(key)},
+				hour_ms, which + host_condition(filter.host) + keys.condition(key)},
 			keys, on_row);
 	}
-	const std::string where = of_kind + of_host + keys.condition("key");
+	for (const SumPart &part : plan.parts()) each_in(rows_of(part, kind, filter, keys), keys, on_row);
+}
+
+ClickHouseSums::Rows ClickHouseSums::rows_of(
+	const SumPart &part, KeyKind kind, const SumFilter &filter, const KeySet &keys)
+{
+	return {part.hours ? "sum_hour" : "sum_minute", "key", part.hours ? "hour" : "minute", part.from, part.until,
+		part.unit_ms(),
+		" AND kind = " + std::to_string(static_cast<int>(kind)) + host_condition(filter.host) + keys.condition("key")};
+}
+
+bool ClickHouseSums::has_too_many_minutes(const SumPlan &plan, KeyKind kind, const SumFilter &filter)
+{
+	const KeySet keys(server_, kind, filter);
+	int64_t count = 0;
 	for (const SumPart &part : plan.parts()) {
-		const char *table = part.hours ? "sum_hour" : "sum_minute", *time = part.hours ? "hour" : "minute";
-		each_in({table, "key", time, part.from, part.until, part.unit_ms(), where}, keys, on_row);
+		if (part.hours) continue;
+		const std::string answer = server_.ask("SELECT toInt64(count())" +
+			rows_of(part, kind, filter, keys).condition(part.from, part.until) + " FORMAT RowBinary");
+		if (!answer.empty()) count += std::clamp(RowReader(answer).number<int64_t>(), int64_t{0}, most_minutes);
 	}
+	return count >= most_minutes;
 }
 
 std::unordered_map<int64_t, KeyFacts> ClickHouseSums::keys(const std::vector<int64_t> &ids)

@@ -15,12 +15,14 @@ public:
 	KeptSums kept() override;
 	void each(const SumPlan &plan, KeyKind kind, const SumFilter &filter,
 		const std::function<void(const FoundSums &)> &on_row) override;
+	bool has_too_many_minutes(const SumPlan &plan, KeyKind kind, const SumFilter &filter) override;
 	std::unordered_map<int64_t, KeyFacts> keys(const std::vector<int64_t> &ids) override;
 	std::unordered_set<int64_t> actions_there(const std::vector<int64_t> &ids) override;
 
 private:
 	class KeySet;
 	struct Rows;
+	static Rows rows_of(const SumPart &part, KeyKind kind, const SumFilter &filter, const KeySet &keys);
 	void each_in(const Rows &rows, const KeySet &keys, const std::function<void(const FoundSums &)> &on_row);
 	void each_between(const Rows &rows, int64_t from, int64_t until, const KeySet &keys,
 		const std::function<void(const FoundSums &)> &on_row);

@@ -161,9 +161,14 @@ SumAnswer answer_sums(SumSource &source, const SumQuestion &question)
 
 std::vector<SeriesPoint> answer_series(SumSource &source, const SeriesQuestion &question)
 {
+	constexpr int64_t fewest_hours = 6; // fewer points say too little
 	const int64_t step_ms = std::max(floor_to(question.step_ms, minute_ms), minute_ms);
 	const bool hours = question.filter.within || step_ms % hour_ms == 0;
-	const SumPlan plan(source.kept(), question.filter.range, hours ? SumGrain::hours : SumGrain::minutes);
+	const KeptSums kept = source.kept();
+	SumPlan plan(kept, question.filter.range, hours ? SumGrain::hours : SumGrain::minutes);
+	const bool is_long = plan.range().until_ms - plan.range().from_ms >= fewest_hours * hour_ms;
+	if (!hours && is_long && source.has_too_many_minutes(plan, kind_of(question.key), question.filter))
+		plan = SumPlan(kept, question.filter.range, SumGrain::hours);
 	std::map<int64_t, SeriesPoint> points;
 	source.each(plan, kind_of(question.key), question.filter, [&](const FoundSums &row) {
 		const int64_t step = std::max(step_ms, row.unit_ms);

@@ -32,6 +32,8 @@ public:
 	// SumFilter::within, those of the two keys together.
 	virtual void each(const SumPlan &plan, KeyKind kind, const SumFilter &filter,
 		const std::function<void(const FoundSums &)> &on_row) = 0;
+	// Whether the plan's minutes are more rows than anybody wants to wait for: those of many hosts are added up here.
+	virtual bool has_too_many_minutes(const SumPlan &, KeyKind, const SumFilter &) { return false; }
 	// Those of the keys that are known.
 	virtual std::unordered_map<int64_t, KeyFacts> keys(const std::vector<int64_t> &ids) = 0;
 	// Those of the actions that are there.

@@ -123,6 +123,8 @@ std::string api_series(Reader &store, const Parameters &parameters)
 	report.range = question.filter.range;
 	report.step_ms = question.step_ms;
 	report.points = store.series(question);
+	if (!report.points.empty()) // where hours are all that there is, or that can be waited for
+		report.step_ms = std::ranges::min(report.points, {}, &SeriesPoint::step_ms).step_ms;
 	report.releases = store.releases(question.filter.application);
 	report.durations = text_of(parameters, "heat") == "1";
 	return json_text(series_json(report), false);

@@ -12,6 +12,7 @@
 #include "store/releases.h"
 #include "store/sqlite_reader.h"
 #include "store/store.h"
+#include "store/sum_source.h"
 
 #include <gtest/gtest.h>
 
@@ -215,6 +216,27 @@ TEST_F(SumsTest, AreTakenFromMinutesAtTheEdgesAndFromHoursOnceMinutesAreGone) {
   Store later(path_);
   while (later.maintain(bounds)) continue;
   EXPECT_EQ(count(), 0) << "hours go as well";
+}
+
+// Two days of a fleet with more rows of minutes than it wants to add up.
+struct Crowded : SumSource {
+  std::vector<bool> asked; // for hours, of each part
+
+  KeptSums kept() override { return {480'000, 480'047, 480'000 * 60, 480'048 * 60 - 1}; }
+  void each(const SumPlan& plan, KeyKind, const SumFilter&, const std::function<void(const FoundSums&)>&) override {
+    for (const SumPart& part : plan.parts()) asked.push_back(part.hours);
+  }
+  bool has_too_many_minutes(const SumPlan&, KeyKind, const SumFilter&) override { return true; }
+  std::unordered_map<int64_t, KeyFacts> keys(const std::vector<int64_t>&) override { return {}; }
+  std::unordered_set<int64_t> actions_there(const std::vector<int64_t>&) override { return {}; }
+};
+
+TEST(SumSeries, IsMadeOfHoursWhereMinutesWouldTakeTooLongUnlessThatWouldBeFewPoints) {
+  for (const auto& [length, hours] : {std::pair{24, true}, {6, true}, {5, false}}) {
+    Crowded source;
+    answer_series(source, {.filter = {.range = {480'010 * hour_ms, (480'010 + length) * hour_ms}}, .step_ms = 5 * minute_ms});
+    EXPECT_EQ(source.asked, std::vector{hours}) << length;
+  }
 }
 
 TEST_F(SumsTest, HaveTheAverageOfEachLookAtTheMachine) {
