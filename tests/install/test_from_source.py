@@ -5,7 +5,7 @@ import re
 import shutil
 from pathlib import Path
 
-from support.bare_root import DAEMONS_OWN, typed
+from support.bare_root import DAEMONS_OWN, SYSTEMS, typed
 from support.engines import PROJECT
 from support.fake_daemon import wait_until
 
@@ -38,7 +38,8 @@ def test_both_ways_from_source_lead_to_an_action_and_uninstalling_back(bare):
         here(line.replace("apt ", "apt-get -y --no-install-recommends "))
     here(build)
     before = ours(bare)
-    placed = {path for path in re.findall(r"^(/\S+?)/?$", here(install), re.M) if not path.startswith(str(PROJECT))}
+    named = re.findall(r"^(/\S+?)/?$", here(install), re.M)
+    placed = {path for path in named if not path.startswith((str(PROJECT), *SYSTEMS))}
     folders = {str(folder) for path in placed for folder in Path(path).parents}
     assert placed <= ours(bare) - before <= placed | folders
     bare.type("quorbit setup enable --app Shop")

@@ -34,7 +34,7 @@ WantedBy=multi-user.target
 UNSHARE = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
 DAEMONS_OWN = {f"/var/log/quorbit/{name}" for name in (
     ".quorbit.sock", "quorbit.pid", "quorbit.pid.lock", "daemon.log", "quorbit.db", "quorbit.db-wal", "quorbit.db-shm",
-    "quorbit.db-orders", "quorbit.db-reserve")}
+    "quorbit.db-orders", "quorbit.db-reserve", "board")}
 SYSTEMS = ("/var/lib/", "/var/cache/", "/var/log/dpkg", "/var/log/apt", "/var/log/alternatives", "/run/", "/tmp/",
            "/root/", "/etc/passwd", "/etc/group", "/etc/shadow", "/etc/gshadow", "/etc/ld.so.cache", "/etc/subuid",
            "/etc/subgid", "/usr/lib/x86_64-linux-gnu")
