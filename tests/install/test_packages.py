@@ -1,5 +1,5 @@
-"""The same sources make the same packages, whatever the folder of the checkout, the umask, the time zone and the language:
-a package can be checked against the sources that it is said to be made of."""
+"""The packages themselves: the same sources make the same bytes, whatever the folder of the checkout, the umask, the time zone and
+the language, so that a package can be checked against the sources that it is said to be made of; and what Debian asks of one."""
 import hashlib
 import os
 import shutil
@@ -30,3 +30,9 @@ def test_a_build_elsewhere_makes_the_same_bytes(tmp_path):
                           capture_output=True, text=True)
     assert done.returncode == 0, done.stdout + done.stderr
     assert sums(other) == sums(PROJECT) and len(sums(other)) == 5
+
+
+def test_debians_own_check_finds_no_error():
+    packages = sorted((PROJECT / "build/package/packages").glob("*.deb"))
+    done = subprocess.run(["lintian", "--allow-root", "--fail-on", "error", *packages], capture_output=True, text=True)
+    assert len(packages) == 2 and done.returncode == 0, done.stdout
