@@ -17,6 +17,8 @@ inline constexpr size_t ZQ_RADAR_MOST_BYTES = 256 << 10; /* of the record's body
 /* In the flags of an internal function of this thread's function table, in a bit that the engine has no use for: a rule
  * names the function. The hook tests it in one with ZEND_ACC_CALL_VIA_HANDLER. */
 inline constexpr zend_uint ZQ_ACC_ON_RADAR = 0x80000000u;
+/* Beside it: no row handles calls of the function, as the hook has found out. */
+inline constexpr zend_uint ZQ_ACC_NO_ROW = 0x40000000u;
 
 /* Where something was found. */
 struct zq_radar_place {
@@ -112,6 +114,13 @@ bool zq_radar_has_raised(const char *file, uint line, const char *format TSRMLS_
 void zq_radar_error(int type, const char *file, uint line, const char *format, va_list args TSRMLS_DC);
 
 /* ---- zqp_radar_scan.cpp ---- */
+
+/* Notes what was seen in compiled code, if there is a rule for that sign and name. */
+void zq_radar_note_compiled(zq_radar_sign sign, std::string_view name, const zq_radar_place *at TSRMLS_DC);
+/* Looks at the code of a function, or at that of a file outside of its functions. */
+void zq_radar_scan_code(const zend_op_array *code TSRMLS_DC);
+
+/* ---- zqp_radar_file.cpp ---- */
 
 /* Functions and classes of a thread before a file is compiled. */
 struct zq_radar_tables {

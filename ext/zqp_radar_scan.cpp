@@ -1,5 +1,5 @@
-/* What only a compiler sees of the radar: compiled code is read, once per file, whether it was just compiled or comes
- * from opcache's memory, where nobody may write. */
+/* What only a compiler sees of the radar, in the code of one function or file; it may come from opcache's memory, where
+ * nobody may write. */
 #include "zqp_radar.h"
 
 namespace {
@@ -14,8 +14,9 @@ struct code_scan {
 	const zend_op *calls[MOST_OPEN_CALLS]; /* which those are, when the compiler did not know the function yet */
 	unsigned call_count;
 	bool has_optional; /* a parameter with a default has been */
-	bool has_changed_parameter;
+	uint64 changed;    /* a bit for each of the first 64 parameters that was assigned to */
 };
+constexpr unsigned MOST_CHANGED = 64;
 
 /* The arguments of one call: the last sends. */
 struct arguments {
@@ -76,17 +77,15 @@ bool fits(zq_radar_sign sign, arguments given)
 	}
 }
 
-void note(zq_radar_sign sign, std::string_view name, const zq_radar_place *at TSRMLS_DC)
+void note_line(const code_scan *scan, uint line, zq_radar_sign sign, std::string_view name TSRMLS_DC)
 {
-	if (zq_radar_rule_of(sign, name)) {
-		zq_radar_note(sign, name, zq_radar_hash(name), at, ZQ_RADAR_COMPILED TSRMLS_CC);
-	}
+	zq_radar_place place = {scan->code->filename, line, scan->code};
+	zq_radar_note_compiled(sign, name, &place TSRMLS_CC);
 }
 
 void note_sign(const code_scan *scan, const zend_op *op, zq_radar_sign sign, std::string_view name TSRMLS_DC)
 {
-	zq_radar_place place = {scan->code->filename, op->lineno, scan->code};
-	note(sign, name, &place TSRMLS_CC);
+	note_line(scan, op->lineno, sign, name TSRMLS_CC);
 }
 
 /* The script has a function of its own with that name, in lower case. */
@@ -95,6 +94,16 @@ bool is_the_scripts(std::string_view name TSRMLS_DC)
 	zend_function *function;
 	return zend_hash_find(EG(function_table), name.data(), (uint)name.size() + 1, (void **)&function) == SUCCESS &&
 		function->type == ZEND_USER_FUNCTION;
+}
+
+/* Whether func_get_args(), or func_get_arg() of a parameter, gives what was assigned to it. */
+bool gives_changed(const code_scan *scan, std::string_view name, arguments given)
+{
+	const zval *number = literal(given, 0);
+	if (name == "func_get_arg" && is_type(number, IS_LONG)) {
+		return (unsigned long)Z_LVAL_P(number) < MOST_CHANGED && scan->changed >> Z_LVAL_P(number) & 1;
+	}
+	return scan->changed && (name == "func_get_args" || name == "func_get_arg");
 }
 
 /* A call that is complete. */
@@ -110,7 +119,7 @@ void end_call(code_scan *scan, const zend_op *op, std::string_view name TSRMLS_D
 	if (name == "ini_set" || name == "ini_alter") {
 		note_sign(scan, op, ZQ_SIGN_SETTING, text_of(literal(given, 0)) TSRMLS_CC);
 	}
-	if (scan->has_changed_parameter && (name == "func_get_args" || name == "func_get_arg")) {
+	if (gives_changed(scan, name, given)) {
 		note_sign(scan, op, ZQ_SIGN_SYNTAX, "func_get_args after a change" TSRMLS_CC);
 	}
 	const zq_radar_name *end = zq_radar_names.data() + zq_radar_names.size();
@@ -154,6 +163,21 @@ void end_call_by_name(code_scan *scan, const zend_op *op TSRMLS_DC)
 	end_call(scan, op, name_of(call) TSRMLS_CC);
 }
 
+bool is_parameter(const zend_op *op)
+{
+	return op->opcode == ZEND_RECV || op->opcode == ZEND_RECV_INIT;
+}
+
+/* PHP 5.6 gives the last parameter the line of the parenthesis behind it. Two lines or more below what stands before
+ * the parameter that is taken to have a line of its own, as coding standards ask, and the parameter the one above. */
+uint line_of_parameter(const code_scan *scan, const zend_op *op)
+{
+	bool is_first = op == scan->code->opcodes || !is_parameter(op - 1);
+	uint above = is_first ? scan->code->line_start : op[-1].lineno;
+	bool is_last = op->op1.num == scan->code->num_args;
+	return is_last && op->lineno >= above + 2 ? op->lineno - 1 : op->lineno;
+}
+
 void see_parameter(code_scan *scan, const zend_op *op TSRMLS_DC)
 {
 	unsigned number = op->op1.num;
@@ -161,20 +185,21 @@ void see_parameter(code_scan *scan, const zend_op *op TSRMLS_DC)
 		return;
 	}
 	const zend_arg_info *parameter = &scan->code->arg_info[number - 1];
+	uint line = line_of_parameter(scan, op);
 	bool has_type = parameter->class_name || parameter->type_hint;
 	if (op->opcode == ZEND_RECV_INIT) {
 		if (has_type && parameter->allow_null) {
-			note_sign(scan, op, ZQ_SIGN_SYNTAX, "implicitly nullable parameter" TSRMLS_CC);
+			note_line(scan, line, ZQ_SIGN_SYNTAX, "implicitly nullable parameter" TSRMLS_CC);
 		} else {
 			scan->has_optional = true;
 		}
 	} else if (scan->has_optional) {
-		note_sign(scan, op, ZQ_SIGN_SYNTAX, "required after optional parameter" TSRMLS_CC);
+		note_line(scan, line, ZQ_SIGN_SYNTAX, "required after optional parameter" TSRMLS_CC);
 	}
 	for (unsigned other = 0; other + 1 < number; other++) {
 		if (scan->code->arg_info[other].name_len == parameter->name_len &&
 			memcmp(scan->code->arg_info[other].name, parameter->name, parameter->name_len) == 0) {
-			note_sign(scan, op, ZQ_SIGN_SYNTAX, "duplicate parameter" TSRMLS_CC);
+			note_line(scan, line, ZQ_SIGN_SYNTAX, "duplicate parameter" TSRMLS_CC);
 		}
 	}
 }
@@ -185,12 +210,24 @@ bool is_assignment(zend_uchar opcode)
 		opcode == ZEND_ASSIGN_REF || (opcode >= ZEND_PRE_INC && opcode <= ZEND_POST_DEC);
 }
 
+/* Code that gives the variable a value itself does not wait for PHP to set it. */
+bool is_assigned(const zend_op_array *code, zend_uint number)
+{
+	for (const zend_op *op = code->opcodes; op < code->opcodes + code->last; op++) {
+		if (op->opcode == ZEND_ASSIGN && op->op1_type == IS_CV && op->op1.var == number) {
+			return true;
+		}
+	}
+	return false;
+}
+
 /* Variables of functions have numbers; the first opcode that has one is where it is first used. */
 void see_variables(const code_scan *scan TSRMLS_DC)
 {
 	const zend_op_array *code = scan->code;
 	for (int number = 0; number < code->last_var; number++) {
-		bool is_wanted = zq_radar_rule_of(ZQ_SIGN_VARIABLE, code->vars[number].name) != nullptr;
+		bool is_wanted =
+			zq_radar_rule_of(ZQ_SIGN_VARIABLE, code->vars[number].name) && !is_assigned(code, (zend_uint)number);
 		for (zend_uint i = 0; is_wanted && i < code->last; i++) {
 			const zend_op *op = &code->opcodes[i];
 			if ((op->op1_type == IS_CV && op->op1.var == (zend_uint)number) ||
@@ -199,6 +236,13 @@ void see_variables(const code_scan *scan TSRMLS_DC)
 			}
 		}
 	}
+}
+
+/* An index of $GLOBALS, which the opcode before has fetched. */
+bool is_of_globals(const code_scan *scan, const zend_op *op)
+{
+	return op > scan->code->opcodes && op[-1].op1_type == IS_CONST && op[-1].op2_type == IS_UNUSED &&
+		op[-1].result.var == op->op1.var && text_of(op[-1].op1.zv) == "GLOBALS";
 }
 
 void see_operation(code_scan *scan, const zend_op *op TSRMLS_DC)
@@ -247,19 +291,29 @@ void see_operation(code_scan *scan, const zend_op *op TSRMLS_DC)
 		break;
 	case ZEND_FETCH_DIM_R:
 	case ZEND_FETCH_DIM_IS:
-	case ZEND_ISSET_ISEMPTY_DIM_OBJ: /* of $GLOBALS */
-		if (op->op2_type == IS_CONST) {
+	case ZEND_ISSET_ISEMPTY_DIM_OBJ:
+		if (op->op2_type == IS_CONST && is_of_globals(scan, op)) {
 			note_sign(scan, op, ZQ_SIGN_VARIABLE, text_of(op->op2.zv) TSRMLS_CC);
 		}
 		break;
 	default: break;
 	}
-	if (is_assignment(op->opcode) && op->op1_type == IS_CV && op->op1.var < scan->code->num_args) {
-		scan->has_changed_parameter = true;
+	if (is_assignment(op->opcode) && op->op1_type == IS_CV && op->op1.var < scan->code->num_args &&
+		op->op1.var < MOST_CHANGED) {
+		scan->changed |= uint64{1} << op->op1.var;
 	}
 }
 
-void scan_code(const zend_op_array *code TSRMLS_DC)
+} // namespace
+
+void zq_radar_note_compiled(zq_radar_sign sign, std::string_view name, const zq_radar_place *at TSRMLS_DC)
+{
+	if (zq_radar_rule_of(sign, name)) {
+		zq_radar_note(sign, name, zq_radar_hash(name), at, ZQ_RADAR_COMPILED TSRMLS_CC);
+	}
+}
+
+void zq_radar_scan_code(const zend_op_array *code TSRMLS_DC)
 {
 	if (!code->filename || (code->fn_flags & ZEND_ACC_ABSTRACT)) {
 		return;
@@ -267,107 +321,10 @@ void scan_code(const zend_op_array *code TSRMLS_DC)
 	code_scan scan; /* its lists are filled before they are read */
 	scan.code = code;
 	scan.send_count = scan.call_count = 0;
-	scan.has_optional = scan.has_changed_parameter = false;
+	scan.has_optional = false;
+	scan.changed = 0;
 	for (zend_uint i = 0; i < code->last; i++) {
 		see_operation(&scan, &code->opcodes[i] TSRMLS_CC);
 	}
 	see_variables(&scan TSRMLS_CC);
-}
-
-/* Closures are called as copies, and what has no cache of names leaves no trace of its calls. */
-bool shows_its_calls(const zend_op_array *code)
-{
-	return code->last_cache_slot > 0 && !(code->fn_flags & (ZEND_ACC_CLOSURE | ZEND_ACC_ABSTRACT)) &&
-		code->function_name;
-}
-
-/* `key`: a name that begins with NUL is a function's that is declared when its line runs. */
-void scan_function(const Bucket *key, const zend_op_array *code TSRMLS_DC)
-{
-	scan_code(code TSRMLS_CC);
-	if (shows_its_calls(code)) {
-		zq_radar_note_function(code, 0 TSRMLS_CC);
-	}
-	if (!code->scope && *key->arKey && code->function_name && code->filename) {
-		zq_radar_place place = {code->filename, code->line_start, code};
-		note(ZQ_SIGN_FUNCTION_NAME, code->function_name, &place TSRMLS_CC);
-	}
-}
-
-/* A method named like its class is its constructor, outside of namespaces. */
-void scan_constructor(const zend_class_entry *ce TSRMLS_DC)
-{
-	const zend_function *constructor = ce->constructor;
-	if (!constructor || constructor->type != ZEND_USER_FUNCTION || constructor->common.scope != ce ||
-		strcasecmp(constructor->common.function_name, ce->name) != 0) {
-		return;
-	}
-	zq_radar_place place = {constructor->op_array.filename, constructor->op_array.line_start, &constructor->op_array};
-	note(ZQ_SIGN_SYNTAX, "constructor named like its class", &place TSRMLS_CC);
-}
-
-void scan_class(const zend_class_entry *ce TSRMLS_DC)
-{
-	if (ce->type != ZEND_USER_CLASS || !ce->info.user.filename) {
-		return;
-	}
-	std::string_view name(ce->name, ce->name_length);
-	size_t backslash = name.rfind('\\');
-	zq_radar_place place = {ce->info.user.filename, ce->info.user.line_start, NULL};
-	if (backslash == std::string_view::npos) {
-		note(ZQ_SIGN_CLASS_NAME, name, &place TSRMLS_CC);
-	}
-	note(ZQ_SIGN_RESERVED_NAME, name.substr(backslash + 1), &place TSRMLS_CC);
-	scan_constructor(ce TSRMLS_CC);
-	for (const Bucket *at = ce->function_table.pListHead; at; at = at->pListNext) {
-		const zend_function *method = (const zend_function *)at->pData;
-		if (method->type == ZEND_USER_FUNCTION && method->common.scope == ce) {
-			scan_function(at, &method->op_array TSRMLS_CC);
-		}
-	}
-}
-
-} // namespace
-
-static void scan_all(const zend_op_array *code, zq_radar_tables before TSRMLS_DC)
-{
-	scan_code(code TSRMLS_CC);
-	zq_radar_each_new(CG(function_table), before.functions, [&](const Bucket *at) {
-		const zend_function *function = (const zend_function *)at->pData;
-		if (function->type == ZEND_USER_FUNCTION) {
-			scan_function(at, &function->op_array TSRMLS_CC);
-		}
-	});
-	zq_radar_each_new(CG(class_table), before.classes,
-		[&](const Bucket *at) { scan_class(*(zend_class_entry **)at->pData TSRMLS_CC); });
-}
-
-/* Unless the request has read as much as it may; a later one of the thread then takes the file. */
-static zend_never_inline void read_source(
-	zq_radar *radar, uint64 file, const zend_op_array *code, zq_radar_tables before TSRMLS_DC)
-{
-	if (!radar->text_left) {
-		radar->has_unread = true;
-	} else if (zq_radar_is_new(zq_radar_mix(file, 0x7E87))) {
-		size_t size = zq_radar_read_source(code->filename, before TSRMLS_CC);
-		radar->text_left -= size < radar->text_left ? size : radar->text_left;
-	}
-}
-
-void zq_radar_scan(const zend_op_array *code, zq_radar_tables before TSRMLS_DC)
-{
-	zq_radar *radar = ZQG(radar);
-	if (!ZQG(radar_wanted) || !radar || !code || !code->filename || !zq_radar_has_room(TSRMLS_C)) {
-		return;
-	}
-	zq_radar_tables now = zq_radar_tables_now(TSRMLS_C);
-	uint64 added = (uint64)(now.functions - before.functions) << 32 | (now.classes - before.classes);
-	uint64 file = zq_radar_hash_file(radar, code->filename);
-	bool is_new = zq_radar_is_new(zq_radar_mix(file ^ code->last, added));
-	if (is_new) {
-		scan_all(code, before TSRMLS_CC);
-	}
-	if (is_new || UNEXPECTED(radar->reads_again)) {
-		read_source(radar, file, code, before TSRMLS_CC);
-	}
 }

@@ -56,7 +56,7 @@ void note_construct(void *context, std::string_view name, unsigned line)
 	const source *of = (const source *)context;
 	TSRMLS_FETCH();
 	zq_radar_place place = {of->file, line, function_at(of, line TSRMLS_CC)};
-	zq_radar_note(ZQ_SIGN_SYNTAX, name, zq_radar_hash(name), &place, ZQ_RADAR_COMPILED TSRMLS_CC);
+	zq_radar_note_compiled(ZQ_SIGN_SYNTAX, name, &place TSRMLS_CC);
 }
 
 /* The whole file, which the caller frees; null when it is no plain file, or too large. */

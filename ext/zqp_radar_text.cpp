@@ -195,6 +195,59 @@ void read_operator(zq_reader *in)
 	zq_skip(in, in->before == ZQ_CODE_OTHER ? 1 : 2);
 }
 
+/* ---- #[ ---- */
+
+/* Whether an attribute may stand before it. */
+bool is_declaration(std::string_view text, bool is_in_parentheses)
+{
+	if (is_in_parentheses) { /* a parameter: its type, & or $ */
+		return !text.empty() && (zq_begins_name(text[0]) || text[0] == '\\' || text[0] == '&' || text[0] == '$');
+	}
+	for (std::string_view word : {"abstract", "final", "class", "interface", "trait", "function", "const", "public",
+			 "protected", "private", "static", "var"}) {
+		if (text.size() > word.size() && zq_is_space(text[word.size()]) &&
+			zq_radar_compare(text.substr(0, word.size()), word) == 0) {
+			return true;
+		}
+	}
+	return false;
+}
+
+/* What follows the white space and comments that text begins with. */
+std::string_view behind_comments(std::string_view text)
+{
+	for (;;) {
+		size_t at = text.find_first_not_of(" \t\r\n");
+		text.remove_prefix(at == std::string_view::npos ? text.size() : at);
+		bool is_line = text.starts_with('#') || text.starts_with("//");
+		if (!is_line && !text.starts_with("/*")) {
+			return text;
+		}
+		size_t end = is_line ? text.find_first_of("\r\n") : text.find("*/", 2);
+		text.remove_prefix(end == std::string_view::npos ? text.size() : end + (is_line ? 1 : 2));
+	}
+}
+
+constexpr size_t MOST_ATTRIBUTES = 4096; /* bytes behind one up to its declaration */
+
+/* A name in brackets that take the line, in front of a declaration: an attribute in code that is made for PHP 8 as
+ * well, which PHP 5.6 passes over. */
+bool is_attribute(const zq_reader *in)
+{
+	const std::string_view rest = in->text.substr(in->at, MOST_ATTRIBUTES);
+	const std::string_view line = rest.substr(0, rest.find_first_of("\r\n"));
+	size_t last = line.find_last_not_of(" \t");
+	bool is_name = line.size() > 2 && (zq_begins_name(line[2]) || line[2] == '\\');
+	if (!is_name || line[last] != ']') {
+		return false;
+	}
+	bool is_in_parentheses = in->depth && in->nests[in->depth - 1].kind == ZQ_ROUND;
+	const std::string_view next = behind_comments(rest.substr(line.size()));
+	return is_declaration(next, is_in_parentheses) || (next.empty() && rest.size() == MOST_ATTRIBUTES);
+}
+
+/* ---- tokens ---- */
+
 /* One token, a comment or white space. */
 void read_token(zq_reader *in)
 {
@@ -202,7 +255,7 @@ void read_token(zq_reader *in)
 	if (zq_is_space(c)) {
 		zq_skip(in, 1);
 	} else if (c == '#' || zq_goes_on(in, "//")) {
-		if (zq_goes_on(in, "#[")) {
+		if (zq_goes_on(in, "#[") && !is_attribute(in)) {
 			note(in, ATTRIBUTE);
 		}
 		zq_read_line_comment(in);

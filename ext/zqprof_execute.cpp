@@ -390,25 +390,9 @@ static zend_never_inline void trace_unwatched(zend_execute_data *frame, uint64 b
 	zq_trace_default(&stack, begin_us, zq_clock_us(&ZQG(clock)) TSRMLS_CC);
 }
 
-static zend_never_inline void intercept_internal_call(
-	zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+static zend_always_inline void run_unwatched(
+	zend_zqprof_globals *g, zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
-	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
-	zend_function *function = frame->function_state.function;
-	if (UNEXPECTED(function->common.fn_flags & (ZEND_ACC_CALL_VIA_HANDLER | ZQ_ACC_ON_RADAR))) {
-		if (function->common.fn_flags & ZEND_ACC_CALL_VIA_HANDLER) {
-			run_trampoline(frame, fci, return_value_used TSRMLS_CC);
-			return;
-		}
-		zq_radar_called(frame TSRMLS_CC);
-	}
-	zend_class_entry *scope = zq_class_of_call(function, frame->object TSRMLS_CC);
-	const char *cls = scope ? scope->name : NULL;
-	const char *func = function->common.function_name;
-	if (UNEXPECTED(g->profile_end_time) || zq_internal_may_be_watched(cls, scope ? (int)scope->name_length : 0, func)) {
-		run_watched(frame, scope, fci, return_value_used TSRMLS_CC);
-		return;
-	}
 	if (!g->action_tracer_enabled) { /* nobody wants to know how long it took */
 		run_internal(frame, fci, return_value_used TSRMLS_CC);
 		return;
@@ -422,12 +406,61 @@ static zend_never_inline void intercept_internal_call(
 	}
 }
 
+/* The first call at that place in the request. */
+static zend_never_inline void show_radar(zend_execute_data *frame, zend_function *function TSRMLS_DC)
+{
+	zq_radar_called(frame TSRMLS_CC);
+	if (!(function->common.fn_flags & ZQ_ACC_NO_ROW) &&
+		!zq_internal_may_be_watched(NULL, 0, function->common.function_name)) {
+		function->common.fn_flags |= ZQ_ACC_NO_ROW;
+	}
+}
+
+/* A call of a plain function that the radar wants to see once. What that costs the later ones is won back: whether a
+ * row may want the function is known. */
+static zend_never_inline void run_on_radar(
+	zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zend_function *function = frame->function_state.function;
+	if (UNEXPECTED(!zq_radar_has_made(frame TSRMLS_CC))) {
+		show_radar(frame, function TSRMLS_CC);
+	}
+	if (UNEXPECTED(g->profile_end_time) || !(function->common.fn_flags & ZQ_ACC_NO_ROW)) {
+		run_watched(frame, NULL, fci, return_value_used TSRMLS_CC);
+	} else {
+		run_unwatched(g, frame, fci, return_value_used TSRMLS_CC);
+	}
+}
+
+static zend_never_inline void intercept_internal_call(
+	zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
+{
+	zend_zqprof_globals *g = zq_globals(TSRMLS_C);
+	zend_function *function = frame->function_state.function;
+	zend_class_entry *scope = zq_class_of_call(function, frame->object TSRMLS_CC);
+	const char *cls = scope ? scope->name : NULL;
+	const char *func = function->common.function_name;
+	if (UNEXPECTED(g->profile_end_time) || zq_internal_may_be_watched(cls, scope ? (int)scope->name_length : 0, func)) {
+		run_watched(frame, scope, fci, return_value_used TSRMLS_CC);
+	} else {
+		run_unwatched(g, frame, fci, return_value_used TSRMLS_CC);
+	}
+}
+
 static void pass_internal(zend_execute_data *frame, zend_fcall_info *fci, int return_value_used TSRMLS_DC)
 {
-	if (zq_is_watching(zq_globals(TSRMLS_C)) && frame && frame->function_state.function->common.function_name) {
-		intercept_internal_call(frame, fci, return_value_used TSRMLS_CC);
-	} else {
+	if (!zq_is_watching(zq_globals(TSRMLS_C)) || !frame || !frame->function_state.function->common.function_name) {
 		run_internal(frame, fci, return_value_used TSRMLS_CC);
+		return;
+	}
+	const zend_function *function = frame->function_state.function;
+	if (EXPECTED(!(function->common.fn_flags & (ZEND_ACC_CALL_VIA_HANDLER | ZQ_ACC_ON_RADAR)))) {
+		intercept_internal_call(frame, fci, return_value_used TSRMLS_CC);
+	} else if (function->common.fn_flags & ZEND_ACC_CALL_VIA_HANDLER) {
+		run_trampoline(frame, fci, return_value_used TSRMLS_CC);
+	} else {
+		run_on_radar(frame, fci, return_value_used TSRMLS_CC);
 	}
 }
 

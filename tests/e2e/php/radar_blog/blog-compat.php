@@ -40,5 +40,26 @@ function blog_remote_get( $url, Blog_Rewrite $rewrite = null ) { //= implicitly_
 	$handle = curl_init( $url );
 	curl_close( $handle ); //= curl_close
 }
+#[AllowDynamicProperties]
 class Object { var $id; } //= Object
+if ( ! class_exists( 'Error', false ) ) {
+	class Error extends Exception { }
+}
+class Attribute { } //= Attribute
+function blog_rewrite_tag( $name, $args = array() ) {
+	if ( ! is_array( $args ) ) {
+		$args = array( 'front' => $args );
+	}
+	if ( 3 == func_num_args() ) {
+		$args['mask'] = func_get_arg( 2 );
+	}
+	return isset( $name['php_errormsg'] ) ? func_get_arg( 1 ) : $args; //= func_get_args_after_a_change
+}
+function blog_log(
+	$text,
+	Blog_Text $with = null, //= implicitly_nullable_parameter
+	Blog_Rewrite $by = null //= implicitly_nullable_parameter
+) {
+	return $GLOBALS['HTTP_RAW_POST_DATA'] . $text; //= HTTP_RAW_POST_DATA
+}
 blog_fix_server_vars();

@@ -7,8 +7,8 @@ define('BLOG_DEBUG', false, true); //= define
 require BLOG_PATH . 'blog-compat.php';
 require BLOG_PATH . 'blog-db.php';
 require BLOG_PATH . 'blog-text.php';
-if ( ! isset( $HTTP_RAW_POST_DATA ) ) { //= HTTP_RAW_POST_DATA
-	$HTTP_RAW_POST_DATA = file_get_contents( 'php://input' ); //= HTTP_RAW_POST_DATA
+if ( ! isset( $HTTP_RAW_POST_DATA ) ) {
+	$HTTP_RAW_POST_DATA = file_get_contents( 'php://input' );
 }
 $blog_rewrite =& new Blog_Rewrite(); //= new_by_reference
 $blog_db = new Blog_Db('localhost', 'blog');
