@@ -182,13 +182,13 @@ private:
 	void add_machine()
 	{
 		add_small("machine",
-			"SELECT minute, pool, samples, load_milli, memory_bytes, available_bytes, busy, idle, most_busy "
-			"FROM machine_minute WHERE minute >= ?",
+			"SELECT minute, pool, samples, load_milli, memory_bytes, available_bytes, busy, idle, most_busy, waiting, "
+			"most_waiting FROM machine_minute WHERE minute >= ?",
 			state_.tables_ms / minute_ms, [this](Statement &select) {
 				RowWriter out = row(select.integer(0) * minute_ms);
 				out.number(static_cast<uint32_t>(select.integer(0)));
 				out.text(select.text(1));
-				for (int column = 2; column <= 8; column++) out.number(select.integer(column));
+				for (int column = 2; column <= 10; column++) out.number(select.integer(column));
 				return out;
 			});
 	}

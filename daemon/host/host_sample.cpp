@@ -2,6 +2,8 @@
 #include "host/host_sample.h"
 
 #include "base/number.h"
+#include "host/fpm_pools.h"
+#include "host/listen_queue.h"
 #include "host/proc_files.h"
 
 #include <cstdio>
@@ -24,12 +26,12 @@ bool is_server(std::string_view command)
 	return command.starts_with("php") || command.starts_with("apache2") || command.starts_with("httpd");
 }
 
+constexpr std::string_view master = "php-fpm: master process (";
+
 // "www" of the title "php-fpm: pool www"; "" of what only manages; else the program.
-std::string pool_of(const std::string &folder, const ProcStat &stat, const std::string &proc)
+std::string pool_of(const std::string &title, const ProcStat &stat, const std::string &proc)
 {
-	const auto words = read_proc_arguments(folder);
-	const std::string title = words.empty() ? "" : words[0];
-	if (title.starts_with("php-fpm: master")) return {};
+	if (title.starts_with(master)) return {};
 	constexpr std::string_view pool = "php-fpm: pool ";
 	if (title.starts_with(pool)) return title.substr(pool.size(), title.find_last_not_of(' ') + 1 - pool.size());
 	if (stat.command.starts_with("php")) return stat.command;
@@ -56,13 +58,36 @@ HostSample HostSampler::take()
 		const std::string folder = entry.path().string();
 		const auto stat = read_proc_stat(folder);
 		if (!stat || !is_server(stat->command)) continue;
-		const std::string pool = pool_of(folder, *stat, proc_);
+		const auto words = read_proc_arguments(folder);
+		const std::string title = words.empty() ? "" : words[0];
+		if (title.starts_with(master)) add_waiting(process, title, sample);
+		const std::string pool = pool_of(title, *stat, proc_);
 		if (pool.empty()) continue;
 		PoolSample &counts = sample.pools[pool];
 		(is_busy(folder, process, stat->cpu_ticks) ? counts.busy : counts.idle)++;
 	}
+	std::erase_if(masters_, [this](const auto &of) { return !read_proc_stat(proc_ + "/" + std::to_string(of.first)); });
 	ticks_.swap(seen_);
 	return sample;
+}
+
+void HostSampler::add_waiting(int process, const std::string &title, HostSample &sample)
+{
+	constexpr int most_looks = 6;
+	const std::string folder = proc_ + "/" + std::to_string(process);
+	Listening &listening = masters_[process];
+	if (listening.looks == 0 || listening.looks == most_looks) {
+		const std::string config = title.substr(master.size(), title.rfind(')') - master.size());
+		listening = {};
+		for (const auto &[pool, settings] : settings_of_pools(folder + "/root", config)) {
+			const auto listen = settings.find("listen");
+			if (listen != settings.end()) listening.pools[pool] = listen->second;
+		}
+	}
+	listening.looks++;
+	for (const auto &[pool, listen] : listening.pools) {
+		if (auto waiting = connections_waiting(folder + "/net", listen)) sample.pools[pool].waiting += *waiting;
+	}
 }
 
 bool HostSampler::is_busy(const std::string &folder, int process, int64_t cpu_ticks)

@@ -9,7 +9,8 @@
 namespace quorbit {
 
 struct PoolSample {
-	int64_t busy = 0, idle = 0;
+	int64_t busy = 0, idle = 0; // processes
+	int64_t waiting = 0;        // connections that no process of FPM has accepted yet, as far as that can be seen
 };
 
 struct HostSample {
@@ -29,10 +30,17 @@ public:
 	HostSample take();
 
 private:
+	// Where the pools of an FPM listen; read anew after a minute, when it may have been reloaded.
+	struct Listening {
+		int looks = 0;
+		std::map<std::string, std::string> pools;
+	};
+	void add_waiting(int process, const std::string &title, HostSample &sample);
 	bool is_busy(const std::string &folder, int process, int64_t cpu_ticks);
 
 	const std::string proc_;
 	std::map<int, int64_t> ticks_, seen_; // by process: at the last look, at this one
+	std::map<int, Listening> masters_;    // of FPM, by process
 };
 
 } // namespace quorbit

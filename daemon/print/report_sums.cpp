@@ -173,9 +173,11 @@ std::string machine_text(const std::vector<MachineRow> &machine)
 			char busy[32], idle[32];
 			snprintf(busy, sizeof busy, "%.1f", pool.busy);
 			snprintf(idle, sizeof idle, "%.1f", pool.idle);
-			cells.push_back({printable(pool.name), busy, std::to_string(pool.most_busy), idle});
+			cells.push_back(
+				{printable(pool.name), busy, std::to_string(pool.most_busy), idle, std::to_string(pool.most_waiting)});
 		}
-		if (!cells.empty()) text += table({{"POOL"}, {"BUSY", true}, {"MOST", true}, {"IDLE", true}}, cells);
+		if (!cells.empty())
+			text += table({{"POOL"}, {"BUSY", true}, {"MOST", true}, {"IDLE", true}, {"MOST WAITING", true}}, cells);
 	}
 	return text;
 }

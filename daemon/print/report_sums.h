@@ -55,7 +55,8 @@ struct SeriesReport {
 	int64_t step_ms = 0;
 	std::vector<SeriesPoint> points;
 	std::vector<ReleaseRow> releases;
-	bool durations = false; // of each part, how many took how long
+	bool durations = false;          // of each part, how many took how long
+	std::vector<MachineRow> machine; // what hosts did in each part, where that is asked for
 };
 Json series_json(const SeriesReport &report);
 Json releases_json(const std::vector<ReleaseRow> &releases);

@@ -87,8 +87,8 @@ Json machine_json(const std::vector<MachineRow> &machine)
 	for (const MachineRow &row : machine) {
 		Json pools = Json::array();
 		for (const PoolRow &pool : row.pools) {
-			pools.push_back(
-				{{"name", pool.name}, {"busy", pool.busy}, {"most_busy", pool.most_busy}, {"idle", pool.idle}});
+			pools.push_back({{"name", pool.name}, {"busy", pool.busy}, {"most_busy", pool.most_busy},
+				{"idle", pool.idle}, {"waiting", pool.waiting}, {"most_waiting", pool.most_waiting}});
 		}
 		list.push_back({{"host", row.host}, {"load", row.load}, {"memory_bytes", row.memory_bytes},
 			{"available_bytes", row.available_bytes}, {"pools", pools}});
@@ -179,6 +179,8 @@ Json series_json(const SeriesReport &report)
 		return row.at_ms < report.range.from_ms || row.at_ms >= report.range.until_ms;
 	});
 	object["releases"] = releases_json(releases);
+	if (!report.machine.empty()) object["machine"] = machine_json(report.machine);
+	for (size_t i = 0; i < report.machine.size(); i++) object["machine"][i]["at"] = utc_time(report.machine[i].at_ms);
 	Json &points = object["points"] = Json::array();
 	for (const SeriesPoint &point : report.points) {
 		Json entry = {{"at", utc_time(point.at_ms)}};

@@ -40,7 +40,7 @@ HostSample machine_at(const SampleMoment &moment, SampleRandom &random)
 	sample.memory_bytes = int64_t{16} << 30;
 	sample.available_bytes = static_cast<int64_t>((9.5 - 3 * moment.rush - random.share() * 0.2) * (1 << 30));
 	const auto busy = static_cast<int64_t>(1 + 7 * moment.rush + random.share() * 2) + (moment.outage ? 9 : 0);
-	sample.pools["shop"] = {busy, std::max<int64_t>(20 - busy, 0)};
+	sample.pools["shop"] = {busy, std::max<int64_t>(20 - busy, 0), moment.outage ? 6 : 0};
 	sample.pools["stock"] = {static_cast<int64_t>(random.share() + moment.rush), 3};
 	sample.pools["jobs"] = {random.share() < 0.3, 1};
 	return sample;

@@ -201,10 +201,12 @@ public:
 		const std::string answer = server_.ask("SELECT its_host, toInt64(intDiv(minute * 60000, " + step + ") * " +
 			step +
 			") AS at, pool, toInt64(sum(last)), "
-			"sum(a), sum(b), sum(c), sum(d), sum(e), max(f) FROM (SELECT minute, source, any(host) AS its_host, pool, "
+			"sum(a), sum(b), sum(c), sum(d), sum(e), max(f), sum(g), max(h) FROM (SELECT minute, source, any(host) AS "
+			"its_host, pool, "
 			"max(samples) AS last, argMax(load_milli, samples) AS a, argMax(memory_bytes, samples) AS b, "
 			"argMax(available_bytes, samples) AS c, argMax(busy, samples) AS d, argMax(idle, samples) AS e, "
-			"argMax(most_busy, samples) AS f FROM machine WHERE minute >= " +
+			"argMax(most_busy, samples) AS f, argMax(waiting, samples) AS g, argMax(most_waiting, samples) AS h "
+			"FROM machine WHERE minute >= " +
 			std::to_string(from) + " AND minute < " + std::to_string(until) + days_condition(question.range) +
 			host_condition(question.host) +
 			" GROUP BY minute, source, pool) GROUP BY its_host, at, pool ORDER BY at, its_host, pool FORMAT RowBinary");
@@ -343,7 +345,7 @@ private:
 			const std::string host(from.text());
 			const auto at_ms = from.number<int64_t>();
 			const std::string pool(from.text());
-			int64_t values[7]; // samples, load, memory, available, busy, idle, most busy
+			int64_t values[9]; // samples, load, memory, available, busy, idle, most busy, waiting, most waiting
 			for (int64_t &value : values) value = from.number<int64_t>();
 			if (pool.empty()) {
 				const int64_t samples = std::max(values[0], int64_t{1});
@@ -352,7 +354,8 @@ private:
 					values[3] / samples, {}});
 			} else if (!rows.empty()) {
 				rows.back().pools.push_back(
-					{pool, static_cast<double>(values[4]) / looks, static_cast<double>(values[5]) / looks, values[6]});
+					{pool, static_cast<double>(values[4]) / looks, static_cast<double>(values[5]) / looks, values[6],
+						static_cast<double>(values[7]) / looks, values[8]});
 			}
 		}
 		return rows;

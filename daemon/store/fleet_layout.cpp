@@ -8,13 +8,14 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <set>
 #include <stdexcept>
 
 namespace quorbit {
 
 namespace {
 
-constexpr uint32_t layout_version = 1;
+constexpr uint32_t layout_version = 2; // to be raised with each column or table that is added
 
 // Every table has `source`, the number of the daemon's store, and `host` before its columns, which are "name Type,
 // ...".
@@ -43,7 +44,7 @@ constexpr FleetTable tables[] = {
 		"last_ms", "kind, id, source", false, false},
 	{"machine",
 		"minute UInt32, pool String, samples UInt64, load_milli Int64, memory_bytes Int64, available_bytes Int64, "
-		"busy Int64, idle Int64, most_busy Int64",
+		"busy Int64, idle Int64, most_busy Int64, waiting Int64, most_waiting Int64",
 		"samples", "minute, source, pool", true, true},
 	{"release", "id Int64, at_ms Int64, name String, application String", "", "source, id", false, false},
 	{"application",
@@ -84,6 +85,65 @@ std::string local_name(const FleetTable &table, const std::string &cluster)
 	return std::string(table.name) + (cluster.empty() ? "" : "_shard");
 }
 
+// "name Type" of each.
+std::vector<std::string> list_of(const std::string &columns)
+{
+	std::vector<std::string> list;
+	for (size_t at = 0; at < columns.size();) {
+		const size_t end = std::min(columns.find(", ", at), columns.size());
+		list.push_back(columns.substr(at, end - at));
+		at = end + 2;
+	}
+	return list;
+}
+
+std::string name_of(const std::string &column)
+{
+	return column.substr(0, column.find(' '));
+}
+
+// What adds the columns that the tables of one host lack, since an older version has made them.
+std::vector<std::string> missing_columns(
+	ClickHouse &server, size_t host, const StoreUrl &url, const std::string &cluster)
+{
+	const std::string answer = server.ask_host(
+		host, "SELECT table, name FROM system.columns WHERE database = " + quoted(url.database) + " FORMAT RowBinary");
+	std::set<std::pair<std::string, std::string>> there;
+	for (RowReader row(answer); !row.is_at_end();) {
+		std::string table(row.text());
+		there.emplace(std::move(table), row.text());
+	}
+	std::vector<std::string> statements;
+	for (const FleetTable &table : tables) {
+		for (const std::string &made : std::set<std::string>{local_name(table, cluster), table.name}) {
+			std::string sql;
+			for (const std::string &column : list_of(columns_of(table))) {
+				if (there.contains({made, name_of(column)})) continue;
+				if (sql.empty())
+					sql.append("ALTER TABLE ").append(url.database).append(".").append(made);
+				else
+					sql += ",";
+				sql.append(" ADD COLUMN ").append(column);
+			}
+			if (!sql.empty()) statements.push_back(std::move(sql));
+		}
+	}
+	return statements;
+}
+
+std::string newest_layout_sql(const std::string &layout)
+{
+	return "SELECT toInt64(version), toInt64(identity) FROM " + layout +
+		" ORDER BY version DESC LIMIT 1 FORMAT RowBinary";
+}
+
+void require_not_newer(const StoreUrl &url, int64_t version)
+{
+	if (version > layout_version)
+		throw std::runtime_error(url.shown() + ": layout " + std::to_string(version) +
+			" is of a newer quorbit, this one knows " + std::to_string(layout_version));
+}
+
 // FNV-1a.
 uint64_t hash_of(std::string_view text, uint64_t hash)
 {
@@ -116,12 +176,8 @@ std::string insert_into(const char *table)
 	const auto *found = std::find_if(std::begin(tables), std::end(tables),
 		[table](const FleetTable &row) { return std::string_view(row.name) == table; });
 	std::string names;
-	const std::string columns = columns_of(*found);
-	for (size_t at = 0; at < columns.size();) {
-		const size_t end = std::min(columns.find(", ", at), columns.size());
-		names += (names.empty() ? "" : ", ") + columns.substr(at, columns.find(' ', at) - at);
-		at = end + 2;
-	}
+	for (const std::string &column : list_of(columns_of(*found)))
+		names += (names.empty() ? "" : ", ") + name_of(column);
 	return std::string(table) + " (" + names + ")";
 }
 
@@ -151,16 +207,20 @@ void set_up(const StoreUrl &url, const std::string &cluster)
 	const std::string layout = url.database + ".layout";
 	const auto statements = setup_statements(url, cluster);
 	int64_t identity = 0;
-	std::vector<size_t> without; // hosts that have none yet
+	std::vector<size_t> without; // hosts that do not have this version yet
 	for (size_t host = 0; host < url.hosts.size(); host++) {
 		for (const std::string &sql : statements) server.ask_host(host, sql);
-		const std::string answer = server.ask_host(host,
-			"SELECT toInt64(identity) FROM " + layout + " WHERE version = " + std::to_string(layout_version) +
-				" FORMAT RowBinary");
-		if (answer.empty())
-			without.push_back(host);
-		else
-			identity = RowReader(answer).number<int64_t>();
+		const std::string answer = server.ask_host(host, newest_layout_sql(layout));
+		int64_t version = 0;
+		if (!answer.empty()) {
+			RowReader row(answer);
+			version = row.number<int64_t>();
+			identity = row.number<int64_t>();
+			require_not_newer(url, version);
+		}
+		if (version == layout_version) continue;
+		for (const std::string &sql : missing_columns(server, host, url, cluster)) server.ask_host(host, sql);
+		without.push_back(host);
 	}
 	std::random_device random;
 	if (identity == 0) identity = ((static_cast<int64_t>(random()) << 16) ^ random()) & 0xffffffffffff;
@@ -200,8 +260,7 @@ int64_t fleet_identity(ClickHouse &server)
 	const std::string where = server.url().shown();
 	std::string rows;
 	try {
-		rows = server.ask(
-			"SELECT toInt64(version), toInt64(identity) FROM layout ORDER BY version DESC LIMIT 1 FORMAT RowBinary");
+		rows = server.ask(newest_layout_sql("layout"));
 	} catch (const ClickHouseError &failure) {
 		// Of a table or database that is not there.
 		const std::string_view what = failure.what();
@@ -210,9 +269,10 @@ int64_t fleet_identity(ClickHouse &server)
 	if (rows.empty()) throw std::runtime_error(where + " has no tables yet; `quorbit clickhouse setup` makes them");
 	RowReader row(rows);
 	const auto version = row.number<int64_t>();
-	if (version != layout_version)
+	require_not_newer(server.url(), version);
+	if (version < layout_version)
 		throw std::runtime_error(where + ": layout " + std::to_string(version) +
-			" is of a newer quorbit, this one knows " + std::to_string(layout_version));
+			" is of an older quorbit; `quorbit clickhouse setup` brings it up to date");
 	return row.number<int64_t>();
 }
 

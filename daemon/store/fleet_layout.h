@@ -44,7 +44,8 @@ std::string insert_into(const char *table);
 // the tables and, where `cluster` names one, the tables that spread rows over its shards by host.
 std::vector<std::string> setup_statements(const StoreUrl &url, const std::string &cluster);
 
-// Runs them on every host of the address and notes the version of the layout. Throws ClickHouseError.
+// Runs them on every host of the address, adds the columns that tables of an older version lack, and notes the version
+// of the layout. Throws ClickHouseError; std::runtime_error when the tables are of a newer version.
 void set_up(const StoreUrl &url, const std::string &cluster);
 
 // What drops the days before those kept, on one host: a statement for each partition that is there. Actions and sums by

@@ -147,6 +147,11 @@ CREATE TABLE radar_function (application TEXT, file TEXT, line INTEGER, name TEX
   last_ms INTEGER NOT NULL, called_ms INTEGER, PRIMARY KEY (application, file, line)) WITHOUT ROWID;
 )sql";
 
+constexpr const char *waiting_connections = R"sql(
+ALTER TABLE machine_minute ADD COLUMN waiting INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE machine_minute ADD COLUMN most_waiting INTEGER NOT NULL DEFAULT 0;
+)sql";
+
 constexpr Migration list[] = {
 	{1, first_layout},
 	{2, numbers_given_once},
@@ -159,6 +164,7 @@ constexpr Migration list[] = {
 	{9, state_of_export},
 	{10, state_of_otlp},
 	{11, radar},
+	{12, waiting_connections},
 };
 
 // How often SQLite looks whether it is to stop: some hundred thousand of its instructions take a millisecond.

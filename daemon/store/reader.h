@@ -139,6 +139,8 @@ struct PoolRow {
 	std::string name;
 	double busy = 0, idle = 0; // on average
 	int64_t most_busy = 0;
+	double waiting = 0; // connections of FPM's that no process has accepted, on average
+	int64_t most_waiting = 0;
 };
 
 struct MachineRow {

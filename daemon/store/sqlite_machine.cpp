@@ -16,9 +16,8 @@ std::vector<MachineRow> read_machine(Database &database, const MachineQuestion &
 	if (!question.host.empty() && question.host != this_host()) return {};
 	Statement select(database,
 		"SELECT minute * ?1 / ?2 * ?2 AS at, pool, sum(samples), sum(load_milli), sum(memory_bytes), "
-		"sum(available_bytes), "
-		"sum(busy), sum(idle), max(most_busy) FROM machine_minute WHERE minute >= ?3 AND minute < ?4 GROUP BY at, "
-		"pool");
+		"sum(available_bytes), sum(busy), sum(idle), max(most_busy), sum(waiting), max(most_waiting) "
+		"FROM machine_minute WHERE minute >= ?3 AND minute < ?4 GROUP BY at, pool");
 	select.bind(1, minute_ms).bind(2, step_ms).bind(3, std::max(question.range.from_ms, int64_t{0}) / minute_ms);
 	select.bind(4, question.range.until_ms / minute_ms + 1);
 	std::vector<MachineRow> rows;
@@ -38,7 +37,8 @@ std::vector<MachineRow> read_machine(Database &database, const MachineQuestion &
 			// A pool that was not there at a look had no process then.
 			const auto looks = static_cast<double>(machine_samples);
 			rows.back().pools.push_back({select.text(1), static_cast<double>(select.integer(6)) / looks,
-				static_cast<double>(select.integer(7)) / looks, select.integer(8)});
+				static_cast<double>(select.integer(7)) / looks, select.integer(8),
+				static_cast<double>(select.integer(9)) / looks, select.integer(10)});
 		}
 	}
 	return rows;

@@ -50,9 +50,10 @@ INSERT INTO dropped VALUES (?1, ?2, ?3, ?4)
   ON CONFLICT (minute_ms, application, reason) DO UPDATE SET count = count + ?4)sql";
 
 constexpr const char *machine_sql = R"sql(
-INSERT INTO machine_minute VALUES (?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?6)
+INSERT INTO machine_minute VALUES (?1, ?2, 1, ?3, ?4, ?5, ?6, ?7, ?6, ?8, ?8)
   ON CONFLICT (minute, pool) DO UPDATE SET samples = samples + 1, load_milli = load_milli + ?3, memory_bytes = memory_bytes + ?4,
-  available_bytes = available_bytes + ?5, busy = busy + ?6, idle = idle + ?7, most_busy = max(most_busy, ?6))sql";
+  available_bytes = available_bytes + ?5, busy = busy + ?6, idle = idle + ?7, most_busy = max(most_busy, ?6),
+  waiting = waiting + ?8, most_waiting = max(most_waiting, ?8))sql";
 
 constexpr const char *keep_counter_sql = "UPDATE counter SET value = ?2 WHERE name = ?1";
 
@@ -226,7 +227,7 @@ void Store::add(const HostSample &sample, int64_t now_wall_ms)
 	auto run = [&](const std::string &pool, int64_t load_milli, int64_t memory, int64_t available,
 				   const PoolSample &row) {
 		add.bind(1, now_wall_ms / minute_ms).bind(2, pool).bind(3, load_milli).bind(4, memory).bind(5, available);
-		add.bind(6, row.busy).bind(7, row.idle).run();
+		add.bind(6, row.busy).bind(7, row.idle).bind(8, row.waiting).run();
 	};
 	run("", static_cast<int64_t>(sample.load * 1000), sample.memory_bytes, sample.available_bytes, {});
 	for (const auto &[pool, row] : sample.pools) run(pool, 0, 0, 0, row);

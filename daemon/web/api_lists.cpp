@@ -127,6 +127,8 @@ std::string api_series(Reader &store, const Parameters &parameters)
 		report.step_ms = std::ranges::min(report.points, {}, &SeriesPoint::step_ms).step_ms;
 	report.releases = store.releases(question.filter.application);
 	report.durations = text_of(parameters, "heat") == "1";
+	if (text_of(parameters, "pools") == "1")
+		report.machine = store.machine({report.range, report.step_ms, question.filter.host});
 	return json_text(series_json(report), false);
 }
 

@@ -131,6 +131,35 @@ def test_of_several_hosts_the_one_that_answers_is_taken_and_the_password_may_be_
     all_arrives(real, clickhouse)
 
 
+@pytest.fixture
+def two_shards():
+    yield from servers.running(2)
+
+
+def test_tables_of_an_older_version_get_what_they_lack(real, two_shards):
+    configure(real, two_shards.url(), "cluster = fleet")
+    assert run(real, "clickhouse", "setup").returncode == 0
+    identity = two_shards.ask("SELECT identity FROM quorbit.layout")
+    for shard in two_shards.shards:
+        for table in "machine", "machine_shard":
+            shard.ask(f"ALTER TABLE quorbit.{table} DROP COLUMN waiting, DROP COLUMN most_waiting")
+        shard.ask("TRUNCATE TABLE quorbit.layout")
+        shard.ask(f"INSERT INTO quorbit.layout VALUES (1, {identity})")
+    assert "`quorbit clickhouse setup` brings it up to date" in run(real, "top", "--store", "fleet").stderr
+    assert run(real, "clickhouse", "setup").returncode == 0
+    noted = "SELECT identity, max(version) FROM quorbit.layout GROUP BY identity"
+    assert [shard.ask(noted) for shard in two_shards.shards] == [f"{identity}\t2"] * 2
+    real.php()
+    real.reports(1)
+    all_arrives(real, two_shards)
+    sent = "SELECT count() > 0 FROM quorbit.machine WHERE waiting = 0"
+    wait_until(lambda: two_shards.ask(sent) == "1", "the rows of pools", 60)
+    assert "MOST WAITING" in run(real, "top", "--store", "fleet", "--by", "host").stdout
+    two_shards.ask(f"INSERT INTO quorbit.layout VALUES (3, {identity})")
+    for command in ("top", "--store", "fleet"), ("clickhouse", "setup"):
+        assert "layout 3 is of a newer quorbit" in run(real, *command).stderr
+
+
 def test_days_that_are_too_old_are_dropped(filled, clickhouse):
     filled.php()
     all_arrives(filled, clickhouse)

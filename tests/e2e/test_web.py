@@ -208,6 +208,9 @@ def test_the_new_views_show_what_the_commands_print(sample, sampled):
     assert sample.json("radar?app=Shop&to=7.4&days=7") == told("radar", "--app", "Shop", "--to", "7.4", "--unused", "7")
     opened(sampled, sample, "/overview", "table.narrow tbody tr")
     assert [row.split()[0] for row in texts(sampled, "table.narrow tbody tr")[1:]] == ["jobs", "shop", "stock"]
+    assert sorted(texts(sampled, ".chart figcaption b")[3:]) == ["Pool jobs", "Pool shop", "Pool stock"]
+    pools = [pool for row in sample.json("series?pools=1&since=24h")["machine"] for pool in row["pools"]]
+    assert max(pool["most_waiting"] for pool in pools) == 6 and {pool["name"] for pool in pools if pool["waiting"]} == {"shop"}
 
 
 def test_the_radar_shows_what_must_change_before_a_version(sample, sampled):

@@ -201,6 +201,9 @@ TEST(HostSample, ReadsWhatTheKernelWrites) {
       {30, 1, "php5.6 (old) x", "php", reading, "1 1 0 0", "1 1 0 0"},
       {40, 1, "mariadbd", "mariadbd", "running\n", "1 1 0 0", "9 9 0 0"},
   };
+  write("10/root/etc/fpm.conf", "[www]\nlisten = /run/www.sock\n[rest]\nlisten = 9000\n");
+  write("10/net/unix", "Num RefCount Protocol Flags Type St Inode Path\n0: 00000002 00000000 00010000 0001 01 16 /run/www.sock\n"
+                       "0: 00000002 00000000 00000000 0001 02 0 /run/www.sock\n");
   HostSampler sampler(folder.path());
   HostSample sample;
   for (const bool later : {false, true}) {
@@ -216,6 +219,6 @@ TEST(HostSample, ReadsWhatTheKernelWrites) {
   EXPECT_EQ(sample.load, 5.56);
   EXPECT_EQ((std::pair{sample.memory_bytes, sample.available_bytes}), (std::pair<int64_t, int64_t>{24684084 * 1024LL, 23218360 * 1024LL}));
   std::string pools;
-  for (const auto& [name, pool] : sample.pools) pools += name + " " + std::to_string(pool.busy) + "/" + std::to_string(pool.idle) + " ";
-  EXPECT_EQ(pools, "apache2 1/1 php5.6 (old) x 1/0 www 2/1 ");
+  for (const auto& [name, pool] : sample.pools) pools += name + " " + std::to_string(pool.busy) + "/" + std::to_string(pool.idle) + "/" + std::to_string(pool.waiting) + " ";
+  EXPECT_EQ(pools, "apache2 1/1/0 php5.6 (old) x 1/0/0 www 2/1/1 ");
 }

@@ -314,9 +314,9 @@ TEST(Sums, TellSharesOfTheWholeTheMachineAndWhatIsNew) {
   list.answer.rows.resize(2);
   list.answer.rows[0].sums.total_us = 300000, list.answer.rows[1].sums.total_us = 100000;
   list.answer.all.total_us = 1000000;  // with those beyond -n
-  list.machine = {{0, "web1", 1.5, int64_t{4} << 30, int64_t{1} << 30, {{"www", 2, 3, 5}}}};
+  list.machine = {{0, "web1", 1.5, int64_t{4} << 30, int64_t{1} << 30, {{"www", 2, 3, 5, 0.5, 7}}}};
   std::string text = sums_text(list, 120, false, 0);
-  for (const char* told : {" 30% ", " 10% ", "web1: load 1.50, memory 1.0 of 4.0 GiB available\n", "www    2.0     5   3.0\n"}) {
+  for (const char* told : {" 30% ", " 10% ", "web1: load 1.50, memory 1.0 of 4.0 GiB available\n", "www    2.0     5   3.0             7\n"}) {
     EXPECT_NE(text.find(told), std::string::npos) << told << text;
   }
   list.question.key = SumKey::error;

@@ -43,7 +43,7 @@ TEST_F(LayoutTest, ReleasedMigrationsStayAsTheyAre) {
                                                       {4, 5459219404094624497u}, {5, 13133638539266864803u},
                                                       {6, 4577359810073871993u}, {7, 6848316027112991769u}, {8, 11319043962564992394u},
                                                       {9, 14162968259634256615u}, {10, 4778312524946999394u},
-                                                      {11, 4717025803131416054u}};
+                                                      {11, 4717025803131416054u}, {12, 7813048608868327549u}};
   ASSERT_EQ(migrations().size(), std::size(released));
   for (size_t i = 0; i < std::size(released); i++) {
     const Migration& migration = migrations()[i];

@@ -242,7 +242,7 @@ TEST(SumSeries, IsMadeOfHoursWhereMinutesWouldTakeTooLongUnlessThatWouldBeFewPoi
 TEST_F(SumsTest, HaveTheAverageOfEachLookAtTheMachine) {
   Store store(path_);
   store.begin();
-  store.add(HostSample{1, int64_t{4} << 30, 1000, {{"www", {3, 1}}}}, begin_ms);
+  store.add(HostSample{1, int64_t{4} << 30, 1000, {{"www", {3, 1, 5}}}}, begin_ms);
   store.add(HostSample{2, int64_t{4} << 30, 2000, {{"www", {0, 4}}, {"jobs", {2, 0}}}}, begin_ms + 1000);
   store.commit();
   MachineQuestion question;
@@ -253,8 +253,8 @@ TEST_F(SumsTest, HaveTheAverageOfEachLookAtTheMachine) {
   EXPECT_EQ(rows[0].load, 1.5);
   std::string pools;
   for (const PoolRow& pool : rows[0].pools)
-    pools += pool.name + " " + std::to_string(pool.busy * 2) + " " + std::to_string(pool.idle * 2) + " " + std::to_string(pool.most_busy) + "\n";
-  EXPECT_EQ(pools, "jobs 2.000000 0.000000 2\nwww 3.000000 5.000000 3\n");
+    pools += pool.name + " " + std::to_string(pool.busy * 2) + " " + std::to_string(pool.idle * 2) + " " + std::to_string(pool.most_busy) + " " + std::to_string(pool.waiting * 2) + " " + std::to_string(pool.most_waiting) + "\n";
+  EXPECT_EQ(pools, "jobs 2.000000 0.000000 2 0.000000 0\nwww 3.000000 5.000000 3 5.000000 5\n");
 }
 
 TEST_F(SumsTest, SayWhatWasInWhichAction) {

@@ -15,12 +15,41 @@ function filled({ from, until, step_ms: step, points }) {
   return { times, points: times.map(at => found.get(at)) };
 }
 
-export function OverTime({ series, path, parameters, layered = true }) {
+// What charts of the same series share, and its points.
+function useTimes(series, path, parameters) {
   const { times, points } = useMemo(() => filled(series), [series]);
   const marks = useMemo(() => (series.releases ?? []).map(({ at, name }) => ({ at: Date.parse(at), name })), [series]);
   const from = times[0] ?? Date.parse(series.from), until = Math.max(Date.parse(series.until), from + series.step_ms);
-  const zoom = (left, right) => go(address(path, { ...parameters, since: '', from: left, until: Math.max(right, left + 60000) }));
-  const shared = { times, marks, from, until, onZoom: zoom };
+  const onZoom = (left, right) => go(address(path, { ...parameters, since: '', from: left, until: Math.max(right, left + 60000) }));
+  return { points, shared: { times, marks, from, until, onZoom } };
+}
+
+const MOST_POOLS = 6;
+
+// Of each pool, those first that connections waited for, then the busiest: what worked and what waited.
+export function PoolsOverTime({ series, path, parameters }) {
+  const { shared } = useTimes(series, path, parameters);
+  const pools = useMemo(() => {
+    const found = new Map(), place = new Map(shared.times.map((at, i) => [at, i]));
+    for (const { at, host, pools: ofHost } of series.machine) {
+      for (const { name, busy, waiting } of ofHost) {
+        const key = JSON.stringify([host, name]);
+        if (!found.has(key)) found.set(key, { key, host, name, busy: shared.times.map(() => null), waiting: shared.times.map(() => null) });
+        const i = place.get(Date.parse(at));
+        if (i !== undefined) [found.get(key).busy[i], found.get(key).waiting[i]] = [busy, waiting];
+      }
+    }
+    const most = values => Math.max(0, ...values.map(value => value ?? 0));
+    return [...found.values()].sort((a, b) => most(b.waiting) - most(a.waiting) || most(b.busy) - most(a.busy)).slice(0, MOST_POOLS)
+      .map(pool => ({ ...pool, lines: [{ name: 'busy', colour: 'accent', values: pool.busy }, { name: 'waiting', colour: 'bad', dash: [4, 2], values: pool.waiting }] }));
+  }, [series]);
+  const isFleet = new Set(pools.map(({ host }) => host)).size > 1;
+  return html`<div class="charts">${pools.map(({ key, host, name, lines }) => html`<${Chart} key=${key} ...${shared} title=${isFleet ? `${name} on ${host}` : `Pool ${name}`} lines=${lines} format=${value => count(Math.round(value * 10) / 10)} />`)}</div>`;
+}
+
+export function OverTime({ series, path, parameters, layered = true }) {
+  const { points, shared } = useTimes(series, path, parameters);
+  const { times } = shared;
   // The minutes of each part: the last one is not over, and the first begins within the range unless hours are what is kept.
   const begin = series.step_ms % 3600000 ? Date.parse(series.from) : 0;
   const minutes = times.map(at => (Math.min(at + series.step_ms, Date.parse(series.until)) - Math.max(at, begin)) / 60000);

@@ -3,7 +3,7 @@ import { useQuestion } from '../data.js';
 import { actionName, count, duration, share } from '../format.js';
 import { html } from '../html.js';
 import { LayerBar, LayerLegend } from '../parts/layers.js';
-import { OverTime } from '../parts/overtime.js';
+import { OverTime, PoolsOverTime } from '../parts/overtime.js';
 import { rangeOf, SumRange } from '../parts/range.js';
 import { Scroll } from '../parts/scroll.js';
 import { Sparkline } from '../parts/sparkline.js';
@@ -37,14 +37,14 @@ function Machines({ machines }) {
   if (!machines?.length) return null;
   const one = new Intl.NumberFormat(undefined, { minimumFractionDigits: 1, maximumFractionDigits: 1 });
   const used = ({ memory_bytes: all, available_bytes: free }) => (all > 0 ? share(all - free, all) : '–');
-  return html`<h2>Hosts and pools</h2><${Scroll} label="Hosts and pools"><table class="narrow"><thead><tr><th>Host</th><th>Pool</th><th class="number">Busy on average</th><th class="number">At most</th><th class="number">Idle</th><th class="number">Load</th><th class="number">Memory used</th></tr></thead>
-    <tbody>${machines.map(machine => html`<tr key=${machine.host}><th scope="row" class="name">${machine.host}</th><td></td><td></td><td></td><td></td><td class="number">${one.format(machine.load)}</td><td class="number">${used(machine)}</td></tr>
-      ${machine.pools.map(pool => html`<tr key=${`${machine.host} ${pool.name}`}><td></td><td class="name">${pool.name}</td><td class="number">${one.format(pool.busy)}</td><td class="number">${count(pool.most_busy)}</td><td class="number">${one.format(pool.idle)}</td><td></td><td></td></tr>`)}`)}</tbody></table><//>`;
+  return html`<h2>Hosts and pools</h2><${Scroll} label="Hosts and pools"><table class="narrow"><thead><tr><th>Host</th><th>Pool</th><th class="number">Busy on average</th><th class="number">At most</th><th class="number">Idle</th><th class="number">Waiting at most</th><th class="number">Load</th><th class="number">Memory used</th></tr></thead>
+    <tbody>${machines.map(machine => html`<tr key=${machine.host}><th scope="row" class="name">${machine.host}</th><td></td><td></td><td></td><td></td><td></td><td class="number">${one.format(machine.load)}</td><td class="number">${used(machine)}</td></tr>
+      ${machine.pools.map(pool => html`<tr key=${`${machine.host} ${pool.name}`}><td></td><td class="name">${pool.name}</td><td class="number">${one.format(pool.busy)}</td><td class="number">${count(pool.most_busy)}</td><td class="number">${one.format(pool.idle)}</td><td class="number">${count(pool.most_waiting)}</td><td></td><td></td></tr>`)}`)}</tbody></table><//>`;
 }
 
 export function Overview({ parameters }) {
   const range = rangeOf(parameters), { app } = parameters;
-  const series = useQuestion('series', { by: 'application', app, ...range }, LIVE_MS);
+  const series = useQuestion('series', { by: 'application', app, pools: 1, ...range }, LIVE_MS);
   const top = useQuestion('top', { by: 'action', app, n: 50, ...range }, LIVE_MS);
   const applications = useQuestion('top', { by: 'application', ...range }, LIVE_MS);
   const hosts = useQuestion('top', { by: 'host', app, ...range }, LIVE_MS);
@@ -65,6 +65,7 @@ export function Overview({ parameters }) {
         <tbody>${top.data.rows.map(row => html`<${ActionRow} key=${`${row.id} ${row.application}`} row=${row} whole=${all.total_us} range=${range} />`)}</tbody></table><//>
       ${top.data.left_out > 0 && html`<p class="dim">and ${count(top.data.left_out)} more</p>`}
       ${hosts.data && html`<${Hosts} rows=${hosts.data.rows} whole=${all.total_us} parameters=${parameters} />`}
-      <${Machines} machines=${hosts.data?.machine} />`}
+      <${Machines} machines=${hosts.data?.machine} />
+      ${series.data.machine && html`<${PoolsOverTime} series=${series.data} path="/overview" parameters=${parameters} />`}`}
     <//>`;
 }
