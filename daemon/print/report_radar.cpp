@@ -6,6 +6,7 @@
 #include "base/version.h"
 #include "print/csv.h"
 
+#include <cctype>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -44,7 +45,7 @@ const char *use_of(const RadarRow &row)
 
 std::string last_run(const RadarRow &row, int64_t now_ms)
 {
-	return row.site.ran ? ago(row.ran_ms, now_ms) : use_of(row);
+	return row.site.ran ? "ran " + ago(row.ran_ms, now_ms) : use_of(row);
 }
 
 std::string_view what_of(const RadarRow &row)
@@ -58,22 +59,50 @@ std::string title_of(int version, size_t places, size_t running)
 		std::to_string(running) + " seen running\n";
 }
 
-// The rows of one version.
-std::string version_part(const std::vector<const RadarRow *> &rows, const RadarQuestion &question, size_t width)
+std::string labelled(const std::string &label, const std::string &text)
 {
-	std::vector<Column> columns = {{"USE", false, true}, {"PLACE", false, true}, {"LAST RUN"}, {"EFFECT"},
-		{"WHAT HAPPENS", false, true}, {"INSTEAD", false, true}};
-	if (question.application.empty()) columns.push_back({"APPLICATION", false, true});
-	std::vector<std::vector<std::string>> cells;
+	constexpr size_t indent = 2, width = 17; // of "function in use", and two blanks
+	return std::string(indent, ' ') + label + std::string(width - std::min(label.size(), width - 1), ' ') + text + "\n";
+}
+
+// A use, what becomes of it, and its places, which are not cut: they are to be opened.
+std::string use_part(const std::vector<const RadarRow *> &places, const RadarQuestion &question)
+{
+	const RadarRow &first = *places.front();
+	std::string text = "\n" + printable(use_text(first.site)) + "\n" +
+		labelled(effects[first.rule->effect], std::string(what_of(first))) +
+		labelled("instead", std::string(first.rule->instead));
+	for (const RadarRow *row : places) {
+		const std::string application = question.application.empty() ? "  in " + printable(row->application) : "";
+		text += labelled(
+			last_run(*row, question.now_ms), printable(place_text(row->site.file, row->site.line)) + application);
+	}
+	return text;
+}
+
+// What must change before one version: uses in the order of their first places.
+std::string version_part(const std::vector<const RadarRow *> &rows, const RadarQuestion &question)
+{
+	std::vector<std::vector<const RadarRow *>> uses;
+	std::map<std::pair<const zq_radar_rule *, std::string>, size_t> numbers;
 	size_t running = 0;
 	for (const RadarRow *row : rows) {
 		running += row->site.ran;
-		cells.push_back({printable(use_text(row->site)), printable(place_text(row->site.file, row->site.line)),
-			last_run(*row, question.now_ms), effects[row->rule->effect], std::string(what_of(*row)),
-			std::string(row->rule->instead)});
-		if (question.application.empty()) cells.back().push_back(printable(row->application));
+		const size_t number = numbers.try_emplace({row->rule, use_text(row->site)}, uses.size()).first->second;
+		if (number == uses.size()) uses.emplace_back();
+		uses[number].push_back(row);
 	}
-	return title_of(rows.front()->rule->version, rows.size(), running) + table(columns, cells, width);
+	std::string text = title_of(rows.front()->rule->version, rows.size(), running);
+	for (const auto &places : uses) text += use_part(places, question);
+	return text;
+}
+
+std::string nothing_found(const RadarQuestion &question)
+{
+	return (question.to_version == RadarQuestion().to_version
+				   ? "Nothing found yet that stands in the way of another version of PHP."
+				   : "Nothing found yet that must change before PHP " + version_text(question.to_version) + ".") +
+		std::string(" An agent reports what its processes compile and run.\n");
 }
 
 std::string functions_part(const RadarAnswer &answer, const RadarQuestion &question, size_t width)
@@ -86,9 +115,10 @@ std::string functions_part(const RadarAnswer &answer, const RadarQuestion &quest
 		cells.push_back({printable(function.name), printable(place_text(function.file, function.line)),
 			ago(function.first_ms, question.now_ms), ago(function.last_ms, question.now_ms),
 			function.called_ms ? ago(function.called_ms, question.now_ms) : "never", printable(function.application)});
+	const size_t count = cells.size() + static_cast<size_t>(answer.functions_left_out);
 	return "\nCompiled, but not called for " + std::to_string(question.unused_days) +
-		" days: " + std::to_string(cells.size() + static_cast<size_t>(answer.functions_left_out)) +
-		" functions, which need no migration\n" + table(columns, cells, width);
+		" days: " + std::to_string(count) + (count == 1 ? " function, which needs" : " functions, which need") +
+		" no migration\n" + table(columns, cells, width);
 }
 
 std::string rule_id(const RadarRow &row)
@@ -96,10 +126,24 @@ std::string rule_id(const RadarRow &row)
 	return std::to_string(row.site.sign) + "/" + row.site.name;
 }
 
+// RFC 3986: what is not unreserved in a path stands as its bytes.
+std::string file_uri(const std::string &path)
+{
+	constexpr char hex[] = "0123456789ABCDEF";
+	std::string uri = "file://";
+	for (const char c : path) {
+		if (isalnum(static_cast<unsigned char>(c)) || std::string_view("-._~/").find(c) != std::string_view::npos)
+			uri += c;
+		else
+			uri += {'%', hex[static_cast<unsigned char>(c) >> 4], hex[c & 15]};
+	}
+	return uri;
+}
+
 Json sarif_result(const RadarRow &row)
 {
 	Json region = row.site.line ? Json{{"startLine", row.site.line}} : Json::object();
-	Json location = {{"artifactLocation", {{"uri", "file://" + row.site.file}}}};
+	Json location = {{"artifactLocation", {{"uri", file_uri(row.site.file)}}}};
 	if (row.site.line) location["region"] = std::move(region);
 	const std::string text = use_text(row.site) + ": " + std::string(what_of(row)) + " in PHP " +
 		version_text(row.rule->version) + "; instead: " + std::string(row.rule->instead);
@@ -115,12 +159,8 @@ std::string radar_text(const RadarAnswer &answer, const RadarQuestion &question,
 	std::map<int, std::vector<const RadarRow *>> versions;
 	for (const RadarRow &row : answer.sites) versions[row.rule->version].push_back(&row);
 	std::string text;
-	for (const auto &[version, rows] : versions)
-		text += (text.empty() ? "" : "\n") + version_part(rows, question, width);
-	if (text.empty())
-		text =
-			"Nothing found yet that stands in the way of another version of PHP. An agent reports what its processes "
-			"compile and run.\n";
+	for (const auto &[version, rows] : versions) text += (text.empty() ? "" : "\n") + version_part(rows, question);
+	if (text.empty()) text = nothing_found(question);
 	if (answer.sites_left_out) text += "and " + std::to_string(answer.sites_left_out) + " more places\n";
 	return text + functions_part(answer, question, width);
 }

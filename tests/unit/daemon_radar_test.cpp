@@ -85,6 +85,21 @@ TEST_F(RadarStoreTest, SaysWhatMustChangeBeforeWhichVersion) {
   EXPECT_EQ(run["results"][0]["locations"][0]["physicalLocation"]["region"]["startLine"], 9);
 }
 
+TEST_F(RadarStoreTest, ShowsEachUseWithItsPlacesUncut) {
+  const std::string folder = "/s/" + std::string(90, 'x');
+  add(now_ms_ - 5000, "Shop", file + site(9, ZQ_SIGN_CALL, 1, "split") + site(4, ZQ_SIGN_CALL, 0, "eregi") + record(0x01, folder + "/a #\xC3\xA4.php") +
+                                  site(2, ZQ_SIGN_CALL, 0, "split"));
+  const RadarQuestion question{.application = "Shop", .to_version = 700, .now_ms = now_ms_};
+  const RadarAnswer answer = ask(question);
+  EXPECT_EQ(radar_text(answer, question, 80),
+            "PHP 7.0: 3 places, 1 seen running\n\n"
+            "split()\n  removed          the function is gone: a fatal error\n  instead          explode(), or preg_split() for a pattern\n"
+            "  ran 5 s ago      /s/db.php:9\n  not seen         " + folder + "/a #\xC3\xA4.php:2\n\n"
+            "eregi()\n  removed          the function is gone: a fatal error\n  instead          preg_match()\n  not seen         /s/db.php:4\n");
+  EXPECT_NE(radar_sarif(answer).dump().find("file://" + folder + "/a%20%23%C3%A4.php"), std::string::npos);
+  EXPECT_EQ(radar_text({}, {.to_version = 506}, 80).substr(0, 51), "Nothing found yet that must change before PHP 5.6. ");
+}
+
 TEST_F(RadarStoreTest, ListsFunctionsThatNobodyCallsOnceTheyAreKnownForLong) {
   const int64_t old_ms = now_ms_ - 40 * day_ms;
   add(old_ms, "Shop", file + function(1, 0, "never") + function(2, 1, "once") + function(3, 0, "called") + function(4, 0, "gone"));
