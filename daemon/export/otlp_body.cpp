@@ -37,20 +37,44 @@ std::vector<SpanAttribute> attributes_of(const OtlpResource &resource)
 }
 
 struct DurationPoint {
-	const std::string &action;
+	std::vector<SpanAttribute> attributes;
 	const RequestCounts &counts;
+	const Exemplar *exemplar = nullptr;
 };
 
-using DurationsByApplication = std::map<std::string, std::vector<DurationPoint>>;
+struct DurationMetric {
+	std::span<const int64_t> bounds_us;
+	std::vector<DurationPoint> points = {};
+};
 
-DurationsByApplication by_application(const RequestTotals &totals)
+// By their names.
+using MetricsOfApplication = std::map<std::string, DurationMetric>;
+
+constexpr const char *request_metric = "http.server.request.duration";
+constexpr const char *statement_metric = "db.client.operation.duration";
+
+std::map<std::string, MetricsOfApplication> by_application(const OtlpMetrics &metrics)
 {
-	DurationsByApplication found;
-	for (const auto &[labels, counts] : totals.actions()) {
+	std::map<std::string, MetricsOfApplication> found;
+	for (const auto &[labels, counts] : metrics.requests.actions()) {
 		if (labels.action.starts_with("BackgroundAction/")) continue; // no HTTP
-		found[labels.application].push_back({labels.action, counts});
+		const auto exemplar = metrics.exemplars.find(labels);
+		found[labels.application]
+			.try_emplace(request_metric, DurationMetric{duration_bounds_us})
+			.first->second.points.push_back({{{"quorbit.action", labels.action}}, counts,
+				exemplar == metrics.exemplars.end() ? nullptr : &exemplar->second});
+	}
+	for (const auto &[labels, counts] : metrics.statements.actions()) {
+		found[labels.application]
+			.try_emplace(statement_metric, DurationMetric{statement_bounds_us})
+			.first->second.points.push_back({statement_attributes(labels.vendor, labels.table, labels.verb), counts});
 	}
 	return found;
+}
+
+double seconds(int64_t us)
+{
+	return static_cast<double>(us) / 1e6;
 }
 
 // --- JSON: ids in hexadecimal, 64-bit integers as texts, enumerations as numbers
@@ -100,30 +124,45 @@ std::string trace_json(const std::vector<ResourceSpans> &all)
 	return Json{{"resourceSpans", std::move(list)}}.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-Json point_json(const DurationPoint &point, int64_t start_ms, int64_t now_ms)
+std::string nanoseconds(int64_t ms)
 {
-	Json bounds = Json::array(), counts = Json::array();
-	for (int64_t us : duration_bounds_us) bounds.push_back(static_cast<double>(us) / 1e6);
-	for (int64_t count : point.counts.durations) counts.push_back(std::to_string(count));
-	return {{"attributes", attributes_json({{"quorbit.action", point.action}})},
-		{"startTimeUnixNano", std::to_string(start_ms * 1000000)}, {"timeUnixNano", std::to_string(now_ms * 1000000)},
-		{"count", std::to_string(point.counts.count)}, {"sum", static_cast<double>(point.counts.total_us) / 1e6},
-		{"bucketCounts", std::move(counts)}, {"explicitBounds", std::move(bounds)}};
+	return std::to_string(ms * 1000000);
 }
 
-constexpr const char *duration_metric = "http.server.request.duration";
+Json point_json(const DurationPoint &point, std::span<const int64_t> bounds_us, const OtlpMetrics &metrics)
+{
+	Json bounds = Json::array(), counts = Json::array();
+	for (size_t i = 0; i <= bounds_us.size(); i++) {
+		if (i < bounds_us.size()) bounds.push_back(seconds(bounds_us[i]));
+		counts.push_back(std::to_string(point.counts.durations[i]));
+	}
+	Json object = {{"attributes", attributes_json(point.attributes)},
+		{"startTimeUnixNano", nanoseconds(metrics.start_ms)}, {"timeUnixNano", nanoseconds(metrics.now_ms)},
+		{"count", std::to_string(point.counts.count)}, {"sum", seconds(point.counts.total_us)},
+		{"bucketCounts", std::move(counts)}, {"explicitBounds", std::move(bounds)}};
+	if (const Exemplar *exemplar = point.exemplar)
+		object["exemplars"] =
+			Json::array({{{"timeUnixNano", nanoseconds(exemplar->at_ms)}, {"asDouble", seconds(exemplar->us)},
+				{"spanId", hex(exemplar->span_id)}, {"traceId", hex(exemplar->trace_id)}}});
+	return object;
+}
+
 constexpr int cumulative = 2;
 
-std::string metric_json(const DurationsByApplication &all, const std::string &host, int64_t start_ms, int64_t now_ms)
+std::string metric_json(const OtlpMetrics &metrics)
 {
 	Json list = Json::array();
-	for (const auto &[application, durations] : all) {
-		Json points = Json::array();
-		for (const DurationPoint &point : durations) points.push_back(point_json(point, start_ms, now_ms));
-		Json metric = {{"name", duration_metric}, {"unit", "s"},
-			{"histogram", {{"dataPoints", std::move(points)}, {"aggregationTemporality", cumulative}}}};
-		Json scope = {{"scope", scope_json()}, {"metrics", Json::array({std::move(metric)})}};
-		list.push_back({{"resource", {{"attributes", attributes_json(attributes_of({application, host, 0}))}}},
+	for (const auto &[application, of_it] : by_application(metrics)) {
+		Json found = Json::array();
+		for (const auto &[name, metric] : of_it) {
+			Json points = Json::array();
+			for (const DurationPoint &point : metric.points)
+				points.push_back(point_json(point, metric.bounds_us, metrics));
+			found.push_back({{"name", name}, {"unit", "s"},
+				{"histogram", {{"dataPoints", std::move(points)}, {"aggregationTemporality", cumulative}}}});
+		}
+		Json scope = {{"scope", scope_json()}, {"metrics", std::move(found)}};
+		list.push_back({{"resource", {{"attributes", attributes_json(attributes_of({application, metrics.host, 0}))}}},
 			{"scopeMetrics", Json::array({std::move(scope)})}, {"schemaUrl", schema}});
 	}
 	return Json{{"resourceMetrics", std::move(list)}}.dump(-1, ' ', true, Json::error_handler_t::replace);
@@ -187,31 +226,44 @@ std::string trace_protobuf(const std::vector<ResourceSpans> &all)
 	return request.SerializeAsString();
 }
 
-void fill(proto::metrics::v1::HistogramDataPoint &message, const DurationPoint &point, int64_t start_ms, int64_t now_ms)
+void fill(proto::metrics::v1::HistogramDataPoint &message, const DurationPoint &point,
+	std::span<const int64_t> bounds_us, const OtlpMetrics &metrics)
 {
-	add_attributes(message, {{"quorbit.action", point.action}});
-	message.set_start_time_unix_nano(static_cast<uint64_t>(start_ms) * 1000000);
-	message.set_time_unix_nano(static_cast<uint64_t>(now_ms) * 1000000);
+	add_attributes(message, point.attributes);
+	message.set_start_time_unix_nano(static_cast<uint64_t>(metrics.start_ms) * 1000000);
+	message.set_time_unix_nano(static_cast<uint64_t>(metrics.now_ms) * 1000000);
 	message.set_count(static_cast<uint64_t>(point.counts.count));
-	message.set_sum(static_cast<double>(point.counts.total_us) / 1e6);
-	for (int64_t count : point.counts.durations) message.add_bucket_counts(static_cast<uint64_t>(count));
-	for (int64_t us : duration_bounds_us) message.add_explicit_bounds(static_cast<double>(us) / 1e6);
+	message.set_sum(seconds(point.counts.total_us));
+	for (size_t i = 0; i <= bounds_us.size(); i++) {
+		if (i < bounds_us.size()) message.add_explicit_bounds(seconds(bounds_us[i]));
+		message.add_bucket_counts(static_cast<uint64_t>(point.counts.durations[i]));
+	}
+	if (const Exemplar *exemplar = point.exemplar) {
+		auto *added = message.add_exemplars();
+		added->set_time_unix_nano(static_cast<uint64_t>(exemplar->at_ms) * 1000000);
+		added->set_as_double(seconds(exemplar->us));
+		added->set_span_id(exemplar->span_id);
+		added->set_trace_id(exemplar->trace_id);
+	}
 }
 
-std::string metric_protobuf(
-	const DurationsByApplication &all, const std::string &host, int64_t start_ms, int64_t now_ms)
+std::string metric_protobuf(const OtlpMetrics &metrics)
 {
 	proto::collector::metrics::v1::ExportMetricsServiceRequest request;
-	for (const auto &[application, durations] : all) {
+	for (const auto &[application, of_it] : by_application(metrics)) {
 		auto *resource = request.add_resource_metrics();
-		add_attributes(*resource->mutable_resource(), attributes_of({application, host, 0}));
+		add_attributes(*resource->mutable_resource(), attributes_of({application, metrics.host, 0}));
 		resource->set_schema_url(schema);
-		auto *metric = with_scope(resource->add_scope_metrics())->add_metrics();
-		metric->set_name(duration_metric);
-		metric->set_unit("s");
-		auto *histogram = metric->mutable_histogram();
-		histogram->set_aggregation_temporality(static_cast<proto::metrics::v1::AggregationTemporality>(cumulative));
-		for (const DurationPoint &point : durations) fill(*histogram->add_data_points(), point, start_ms, now_ms);
+		auto *scope = with_scope(resource->add_scope_metrics());
+		for (const auto &[name, metric] : of_it) {
+			auto *added = scope->add_metrics();
+			added->set_name(name);
+			added->set_unit("s");
+			auto *histogram = added->mutable_histogram();
+			histogram->set_aggregation_temporality(static_cast<proto::metrics::v1::AggregationTemporality>(cumulative));
+			for (const DurationPoint &point : metric.points)
+				fill(*histogram->add_data_points(), point, metric.bounds_us, metrics);
+		}
 	}
 	return request.SerializeAsString();
 }
@@ -235,12 +287,9 @@ std::string trace_body(const std::vector<ResourceSpans> &all, OtlpFormat format)
 	return format == OtlpFormat::json ? trace_json(all) : trace_protobuf(all);
 }
 
-std::string metric_body(
-	const RequestTotals &totals, const std::string &host, int64_t start_ms, int64_t now_ms, OtlpFormat format)
+std::string metric_body(const OtlpMetrics &metrics, OtlpFormat format)
 {
-	const DurationsByApplication all = by_application(totals);
-	return format == OtlpFormat::json ? metric_json(all, host, start_ms, now_ms)
-									  : metric_protobuf(all, host, start_ms, now_ms);
+	return format == OtlpFormat::json ? metric_json(metrics) : metric_protobuf(metrics);
 }
 #else
 bool has_otlp_protobuf()
@@ -253,10 +302,9 @@ std::string trace_body(const std::vector<ResourceSpans> &all, OtlpFormat)
 	return trace_json(all);
 }
 
-std::string metric_body(
-	const RequestTotals &totals, const std::string &host, int64_t start_ms, int64_t now_ms, OtlpFormat)
+std::string metric_body(const OtlpMetrics &metrics, OtlpFormat)
 {
-	return metric_json(by_application(totals), host, start_ms, now_ms);
+	return metric_json(metrics);
 }
 #endif
 

@@ -31,9 +31,22 @@ struct ResourceSpans {
 // An ExportTraceServiceRequest.
 std::string trace_body(const std::vector<ResourceSpans> &all, OtlpFormat format);
 
-// An ExportMetricsServiceRequest: http.server.request.duration by application and action, as histograms that began at
-// start_ms.
-std::string metric_body(
-	const RequestTotals &totals, const std::string &host, int64_t start_ms, int64_t now_ms, OtlpFormat format);
+// An action that stands for others, and its span.
+struct Exemplar {
+	std::string trace_id, span_id; // 16 and 8 bytes
+	int64_t us = 0, at_ms = 0;
+};
+
+// Histograms that began at start_ms.
+struct OtlpMetrics {
+	const RequestTotals &requests, &statements;
+	std::map<RequestLabels, Exemplar> exemplars; // of requests
+	std::string host;
+	int64_t start_ms = 0, now_ms = 0;
+};
+
+// An ExportMetricsServiceRequest: http.server.request.duration by application and action, db.client.operation.duration
+// by application, database, table and verb.
+std::string metric_body(const OtlpMetrics &metrics, OtlpFormat format);
 
 } // namespace quorbit

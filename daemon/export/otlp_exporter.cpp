@@ -82,7 +82,7 @@ void OtlpExporter::work()
 	std::unique_ptr<Reader> reader;
 	if (has_store(config_)) reader = open_reader(config_);
 	if (started_ms_ == 0) { // what comes from now on counts
-		totals_.update(reader.get(), wall_clock_ms());
+		for (RequestTotals *totals : {&totals_, &statements_}) totals->update(reader.get(), wall_clock_ms());
 		started_ms_ = wall_clock_ms();
 	}
 	if (!reader) {
@@ -171,15 +171,30 @@ bool OtlpExporter::is_wanted(const Action &action, const std::string &trace_id) 
 	return chance % static_cast<uint64_t>(std::max(one_in, int64_t{1})) == 0;
 }
 
+// The slowest action of each of the last minutes' histograms, where its span is sent as well.
+std::map<RequestLabels, Exemplar> OtlpExporter::exemplars(Reader &reader) const
+{
+	std::map<RequestLabels, Exemplar> found;
+	for (const auto &[labels, slowest] : totals_.slowest()) {
+		const auto stored = slowest.id ? reader.action(slowest.id) : std::nullopt;
+		if (!stored) continue;
+		const std::vector<Span> spans = spans_of(*stored, {false, identity_, "", 1});
+		if (is_wanted(stored->action, spans[0].trace_id))
+			found[labels] = {spans[0].trace_id, spans[0].id, slowest.us, stored->row.received_ms};
+	}
+	return found;
+}
+
 // Counters: what a receiver does not get now is in the next.
 void OtlpExporter::send_metrics(Reader &reader)
 {
-	totals_.update(&reader, wall_clock_ms());
+	for (RequestTotals *totals : {&totals_, &statements_}) totals->update(&reader, wall_clock_ms());
 	if (totals_.actions().empty()) return;
 	metrics_due_ = Clock::now() + metrics_every;
 	const OtlpFormat format = settings_.format == "json" ? OtlpFormat::json : OtlpFormat::protobuf;
 	try {
-		client_->send("/v1/metrics", metric_body(totals_, host_, started_ms_, wall_clock_ms(), format));
+		const OtlpMetrics metrics{totals_, statements_, exemplars(reader), host_, started_ms_, wall_clock_ms()};
+		client_->send("/v1/metrics", metric_body(metrics, format));
 	} catch (const OtlpError &failure) {
 		if (failure.may_be_tried) {
 			metrics_due_ = {};

@@ -41,6 +41,7 @@ private:
 	void follow_store(Reader &reader);
 	bool send_actions(Reader &reader);
 	void send_metrics(Reader &reader);
+	std::map<RequestLabels, Exemplar> exemplars(Reader &reader) const;
 	bool is_wanted(const Action &action, const std::string &trace_id) const;
 	void failed(const std::string &why, std::chrono::seconds pause);
 	void keep();
@@ -56,7 +57,7 @@ private:
 	int64_t identity_ = 0; // of the store
 	bool began_without_store_ = false;
 	OtlpState state_, kept_;
-	RequestTotals totals_;
+	RequestTotals totals_, statements_{{SumKey::query, statement_bounds_us}};
 	int64_t started_ms_ = 0; // of the totals
 	Clock::time_point due_ = Clock::time_point::max(), metrics_due_{};
 	std::chrono::seconds pause_{}; // after a failure

@@ -29,9 +29,15 @@ RequestLabels application_of(const RequestLabels &labels)
 	return {labels.application, ""};
 }
 
+RequestLabels labels_of(SumKey of, const KeyFacts &key)
+{
+	if (of == SumKey::action || key.name == other_keys) return {label_of(key.application), label_of(key.name)};
+	return {label_of(key.application), "", label_of(key.vendor), label_of(key.table), label_of(key.verb)};
+}
+
 } // namespace
 
-RequestCounts::RequestCounts(const Sums &sums)
+RequestCounts::RequestCounts(const Sums &sums, std::span<const int64_t> bounds_us)
 	: count(sums.count),
 	  errors(sums.errors),
 	  total_us(sums.total_us),
@@ -44,8 +50,8 @@ RequestCounts::RequestCounts(const Sums &sums)
 	const std::vector<int64_t> &counts = sums.durations.counts();
 	for (size_t i = 0; i < counts.size(); i++) {
 		const int64_t us = Histogram::duration_of(sums.durations.first() + static_cast<int>(i));
-		const auto bound = std::lower_bound(duration_bounds_us.begin(), duration_bounds_us.end(), us);
-		durations[static_cast<size_t>(bound - duration_bounds_us.begin())] += counts[i];
+		const auto bound = std::lower_bound(bounds_us.begin(), bounds_us.end(), us);
+		durations[static_cast<size_t>(bound - bounds_us.begin())] += counts[i];
 	}
 }
 
@@ -78,20 +84,38 @@ void RequestTotals::update(Reader *reader, int64_t now_ms)
 	recent_.erase(recent_.begin(), recent_.lower_bound(first_recent));
 }
 
-RequestTotals::Minute RequestTotals::read(Reader *reader, int64_t from_minute, int64_t until_minute)
+RequestTotals::Minute RequestTotals::read(Reader *reader, int64_t from_minute, int64_t until_minute) const
 {
 	if (!reader) return {};
 	SumQuestion question;
+	question.key = of_.key;
 	question.filter.range = {from_minute * minute_ms, until_minute * minute_ms};
 	question.most = INT64_MAX;
 	Minute minute;
 	SumAnswer answer = reader->sums(question);
 	// Where only hours are left, they hold more than was asked for.
 	if (answer.range.from_ms < question.filter.range.from_ms) answer.rows.clear();
-	for (const SumRow &row : answer.rows)
-		minute.actions[{label_of(row.key.application), label_of(row.key.name)}].add(RequestCounts(row.sums));
+	for (const SumRow &row : answer.rows) {
+		const RequestLabels labels = labels_of(of_.key, row.key);
+		minute.actions[labels].add(RequestCounts(row.sums, of_.bounds_us));
+		Slowest &slowest = minute.slowest[labels];
+		if (row.sums.slowest_us > slowest.us) slowest = {row.sums.slowest_us, row.sums.slowest_id};
+	}
 	for (const DroppedRow &row : reader->dropped(question.filter.range, "")) minute.dropped[row.reason] += row.count;
 	return minute;
+}
+
+std::map<RequestLabels, Slowest> RequestTotals::slowest() const
+{
+	std::map<RequestLabels, Slowest> found;
+	for (const auto &[at, minute] : recent_) {
+		for (const auto &[labels, slowest] : minute.slowest) {
+			if (!actions_.counts.contains(labels)) continue;
+			Slowest &most = found[labels];
+			if (slowest.us > most.us) most = slowest;
+		}
+	}
+	return found;
 }
 
 void RequestTotals::give_places()

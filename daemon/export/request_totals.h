@@ -1,11 +1,13 @@
-// Requests as counters that only grow, the form in which metrics leave the host: read again and again from the sums by
-// minute, since this object was made. What it keeps is bounded, whatever the applications do.
+// Requests, or the statements of requests, as counters that only grow, the form in which metrics leave the host: read
+// again and again from the sums by minute, since this object was made. What it keeps is bounded, whatever the
+// applications do.
 #pragma once
 
 #include "store/reader.h"
 
 #include <array>
 #include <map>
+#include <span>
 
 namespace quorbit {
 
@@ -14,27 +16,46 @@ namespace quorbit {
 constexpr std::array<int64_t, 14> duration_bounds_us = {
 	5000, 10000, 25000, 50000, 75000, 100000, 250000, 500000, 750000, 1000000, 2500000, 5000000, 7500000, 10000000};
 
+// And those that they advise for the duration of a database's operations.
+constexpr std::array<int64_t, 9> statement_bounds_us = {
+	1000, 5000, 10000, 50000, 100000, 500000, 1000000, 5000000, 10000000};
+
 struct RequestCounts {
 	int64_t count = 0, errors = 0, total_us = 0;
 	int64_t database_us = 0, cache_us = 0, external_us = 0, code_us = 0, cpu_us = 0;
-	std::array<int64_t, duration_bounds_us.size() + 1> durations = {}; // below each bound, beyond the last
+	// Below each bound, beyond the last; 0 where there are fewer bounds.
+	std::array<int64_t, duration_bounds_us.size() + 1> durations = {};
 
 	RequestCounts() = default;
-	explicit RequestCounts(const Sums &sums);
+	RequestCounts(const Sums &sums, std::span<const int64_t> bounds_us);
 
 	// Adds `other` times `sign`.
 	void add(const RequestCounts &other, int64_t sign = 1);
 	bool operator==(const RequestCounts &) const = default;
 };
 
-// Whose requests. Both are text for terminals, 200 columns at most; the action is "" for all of an application.
+// Whose requests. All are text for terminals, 200 columns at most; the action is "" for all of an application.
 struct RequestLabels {
 	std::string application, action;
+	std::string vendor = {}, table = {}, verb = {}; // of statements, in the place of the action
 	auto operator<=>(const RequestLabels &) const = default;
+};
+
+// What is counted.
+struct TotalsOf {
+	SumKey key = SumKey::action; // or SumKey::query
+	std::span<const int64_t> bounds_us = duration_bounds_us;
+};
+
+// The action that has taken longest of late.
+struct Slowest {
+	int64_t us = 0, id = 0; // 0 for none
 };
 
 class RequestTotals {
 public:
+	explicit RequestTotals(TotalsOf of = {}) : of_(of) {}
+
 	// The busiest, each by the time that its requests took in the last minutes, have counts of their own: what others
 	// add counts as other_keys. Whoever loses its place begins anew should it come back.
 	static constexpr size_t most_applications = 64, most_actions = 200;
@@ -45,6 +66,8 @@ public:
 
 	const std::map<RequestLabels, RequestCounts> &applications() const { return applications_.counts; }
 	const std::map<RequestLabels, RequestCounts> &actions() const { return actions_.counts; }
+	// Of the last minutes, by the labels of actions().
+	std::map<RequestLabels, Slowest> slowest() const;
 	// Packets that were not stored, or not in full, by reason.
 	const std::map<std::string, int64_t> &dropped() const { return dropped_; }
 
@@ -52,6 +75,7 @@ private:
 	// What was read of a minute.
 	struct Minute {
 		std::map<RequestLabels, RequestCounts> actions;
+		std::map<RequestLabels, Slowest> slowest;
 		std::map<std::string, int64_t> dropped;
 	};
 	// Counts by labels, of which only so many are told apart.
@@ -64,10 +88,11 @@ private:
 		void add(const RequestLabels &labels, const RequestLabels &else_to, const RequestCounts &counts);
 	};
 
-	static Minute read(Reader *reader, int64_t from_minute, int64_t until_minute);
+	Minute read(Reader *reader, int64_t from_minute, int64_t until_minute) const;
 	void give_places();
 	void add(const Minute &now, const Minute &before);
 
+	const TotalsOf of_;
 	std::map<int64_t, Minute> recent_; // may still grow
 	Places applications_ = {most_applications}, actions_ = {most_actions};
 	std::map<std::string, int64_t> dropped_;

@@ -227,10 +227,8 @@ private:
 		const std::string text = normalise_sql(*node.sql, vendor);
 		const SqlSubject subject = subject_of_sql(text);
 		span.kind = SpanKind::client;
-		add(span.attributes, "db.system.name", database_name(vendor));
+		span.attributes = statement_attributes(vendor, subject.table, subject.verb);
 		add(span.attributes, "db.query.text", text);
-		add(span.attributes, "db.operation.name", subject.verb);
-		add(span.attributes, "db.collection.name", subject.table);
 		span.name = text_of_bytes(subject.table.empty() ? subject.verb : subject.verb + " " + subject.table);
 		if (span.name.empty()) span.name = database_name(vendor);
 	}
@@ -261,6 +259,15 @@ std::string caller_span(const Action &caller, const std::string &tracer_id)
 		if (nodes[at].callee && nodes[at].callee->tracer_id == tracer_id) return told_id(caller, nodes[at], at);
 	}
 	return "";
+}
+
+std::vector<SpanAttribute> statement_attributes(std::string_view vendor, std::string_view table, std::string_view verb)
+{
+	std::vector<SpanAttribute> attributes;
+	add(attributes, "db.system.name", database_name(vendor));
+	add(attributes, "db.operation.name", verb);
+	add(attributes, "db.collection.name", table);
+	return attributes;
 }
 
 std::vector<Span> spans_of(const StoredAction &stored, const SpanOptions &options)

@@ -48,6 +48,9 @@ struct SpanOptions {
 // none.
 std::string caller_span(const Action &caller, const std::string &tracer_id);
 
+// Of a statement: its database, table and verb, each as far as known.
+std::vector<SpanAttribute> statement_attributes(std::string_view vendor, std::string_view table, std::string_view verb);
+
 // The action's own span first. The ids follow from the action's: sent twice they are the same. An application that
 // calls another one and this other one agree on the trace's, and on that of the call.
 std::vector<Span> spans_of(const StoredAction &stored, const SpanOptions &options);

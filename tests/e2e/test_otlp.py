@@ -33,7 +33,7 @@ def traced(app, name, tracer, call=None, transaction=b"17"):
     if call:
         calls.append(web.node(50, 90, "External/stock/curl", "curl_exec", url="http://stock.example:8080/items?key=secret",
                               txId="17", txData={"id": "2", "action": "stock", "trId": call, "tr": 1, "time": {"duration": 30}}))
-    packet = web.packet(app, name, 100, trace=web.node(0, 100, "", "PHP::execute", calls), error=(500, b"LogicException", b"wrong", b'["f(/a.php:3)"]'))
+    packet = web.packet(app, name, 100, statements=[(20, b"MySQL", b"SELECT name FROM users WHERE id = 17")], trace=web.node(0, 100, "", "PHP::execute", calls), error=(500, b"LogicException", b"wrong", b'["f(/a.php:3)"]'))
     return record(0x0B, packet[4:].replace(record(0x26, "t1"), record(0x20, transaction) + record(0x26, tracer)))
 
 
@@ -71,10 +71,15 @@ def test_two_applications_share_a_trace_in_the_words_of_the_conventions(store, d
         assert int(buy["endTimeUnixNano"]) - int(buy["startTimeUnixNano"]) == 100_000_000
         assert int(statement["startTimeUnixNano"]) - int(buy["startTimeUnixNano"]) == 10_000_000
         assert -1e6 < int(buy["endTimeUnixNano"]) - time_before < 60e9
-        points = {(attributes(part["resource"])["service.name"], attributes(point)["quorbit.action"]): point
+        points = {(attributes(part["resource"])["service.name"], metric["name"], *attributes(point).values()): point
                   for part in receiver.bodies("/v1/metrics")[0]["message"]["resourceMetrics"]
-                  for point in part["scopeMetrics"][0]["metrics"][0]["histogram"]["dataPoints"]}
-        assert points["Shop", "WebAction/buy"]["bucketCounts"] == ["0"] * 5 + ["1"] + ["0"] * 9
+                  for metric in part["scopeMetrics"][0]["metrics"] for point in metric["histogram"]["dataPoints"]}
+        counted = points["Shop", "http.server.request.duration", "WebAction/buy"]
+        assert counted["bucketCounts"] == ["0"] * 5 + ["1"] + ["0"] * 9
+        exemplar, = counted["exemplars"]
+        assert (exemplar["traceId"], exemplar["spanId"], exemplar["asDouble"]) == (buy["traceId"], buy["spanId"], 0.1)
+        statements = points["Shop", "db.client.operation.duration", "mysql", "SELECT", "users"]
+        assert statements["bucketCounts"] == ["0"] * 3 + ["1"] + ["0"] * 6 and statements["sum"] == 0.02
     finally:
         receiver.close()
 

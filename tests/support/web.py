@@ -64,7 +64,12 @@ class Store:
         config = self.folder / ".quorbit.cfg"
         config.write_text("".join(f"zqs.{key}={self.folder / name}\n" for key, name in names.items()))
         self.process = subprocess.Popen([QUORBIT, "-f", config, "--foreground"])
-        wait_until((self.folder / ".quorbit.sock").exists, "the daemon")
+        wait_until(self.answers, "the daemon")
+
+    def answers(self):
+        """Whether it takes connections: the socket is there a moment before."""
+        with socket.socket(socket.AF_UNIX) as client:
+            return client.connect_ex(str(self.folder / ".quorbit.sock")) == 0
 
     def command(self, *words):
         return json.loads(subprocess.run([QUORBIT, *words, "--root", self.root], capture_output=True, check=True, timeout=30).stdout or "[]")
