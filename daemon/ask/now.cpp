@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <ctime>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -34,13 +33,6 @@ struct NowOptions {
 	int process = 0;
 	bool watch = false, json = false, full = false;
 };
-
-int64_t monotonic_us()
-{
-	struct timespec now;
-	clock_gettime(CLOCK_MONOTONIC, &now);
-	return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
 
 std::unique_ptr<BoardFile> open_board(const DaemonConfig &config, bool to_ask)
 {
@@ -140,10 +132,10 @@ int show_process(const DaemonConfig &config, const NowOptions &options)
 		auto slot = slot_with_stack(*board, found);
 		if (!slot || !slot->open || is_gone(*slot, proc)) continue;
 		if (options.json) {
-			all.push_back(slot_json(*slot, monotonic_us()));
+			all.push_back(slot_json(*slot));
 			continue;
 		}
-		text += (text.empty() ? "" : "\n") + slot_text(*slot, monotonic_us(), output_width(), options.full);
+		text += (text.empty() ? "" : "\n") + slot_text(*slot, output_width(), options.full);
 		if (slot->stack.empty())
 			text +=
 				"\nPHP's stack did not come within a second: it is told at the next watched call or outermost "
@@ -191,7 +183,6 @@ Now requests_now(const DaemonConfig &config)
 	std::sort(now.open.begin(), now.open.end(),
 		[](const BoardSlot &a, const BoardSlot &b) { return a.begin_us < b.begin_us; });
 	now.pools = pools_of(threads);
-	now.at_us = monotonic_us();
 	return now;
 }
 

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -183,25 +184,44 @@ bool BoardFile::read_whole(uint32_t number, std::string &bytes) const
 		read(&after, sizeof after, at(number)) && before == after && before % 2 == 0;
 }
 
+int64_t monotonic_us()
+{
+	struct timespec now;
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+namespace {
+
+std::optional<BoardSlot> slot_read_now(std::string_view bytes, uint64_t claim)
+{
+	const int64_t read_us = monotonic_us();
+	auto slot = read_board_slot(bytes, claim);
+	if (slot) slot->read_us = read_us;
+	return slot;
+}
+
+} // namespace
+
 std::optional<BoardSlot> BoardFile::slot(uint32_t number, uint64_t claim) const
 {
 	constexpr int most_tries = 20;
 	constexpr auto pause = std::chrono::microseconds(50);
 	std::string bytes;
 	for (int i = 0; i < most_tries && !read_whole(number, bytes); i++) std::this_thread::sleep_for(pause);
-	return read_board_slot(bytes, claim);
+	return slot_read_now(bytes, claim);
 }
 
 std::optional<BoardSlot> BoardFile::slot_if_whole(uint32_t number, uint64_t claim) const
 {
 	std::string bytes;
-	return read_whole(number, bytes) ? read_board_slot(bytes, claim) : std::nullopt;
+	return read_whole(number, bytes) ? slot_read_now(bytes, claim) : std::nullopt;
 }
 
 std::optional<BoardSlot> BoardFile::slot_as_left(uint32_t number, uint64_t claim) const
 {
 	std::string bytes(sizeof(zq_board_slot), '\0');
-	return read(bytes.data(), bytes.size(), at(number)) ? read_board_slot(bytes, claim) : std::nullopt;
+	return read(bytes.data(), bytes.size(), at(number)) ? slot_read_now(bytes, claim) : std::nullopt;
 }
 
 bool BoardFile::ask(uint32_t number, uint32_t asked) const

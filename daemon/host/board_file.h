@@ -11,6 +11,9 @@
 
 namespace quorbit {
 
+// Microseconds of CLOCK_MONOTONIC, by which agents write.
+int64_t monotonic_us();
+
 // Its path in the daemon's folder.
 inline std::string board_file(const DaemonConfig &config)
 {

@@ -36,6 +36,7 @@ struct BoardSlot {
 	std::string stack;             // PHP's own, when it was asked for: a line for each frame, the innermost first
 	int signal = 0;                // that the process has crashed with; 0: it has not
 	uint32_t asked = 0, answered = 0, sequence = 0;
+	int64_t read_us = 0; // when it was read from the board, by the monotonic clock: until then the action has lasted
 };
 
 // The slot that these bytes are, sizeof(zq_board_slot) of them, under this claim. Whatever they hold, texts stay within

@@ -11,9 +11,9 @@ namespace quorbit {
 
 namespace {
 
-int64_t since(int64_t begin_us, int64_t now_us)
+int64_t age_us(const BoardSlot &slot, int64_t begin_us)
 {
-	return std::max<int64_t>(now_us - begin_us, 0);
+	return std::max<int64_t>(slot.read_us - begin_us, 0);
 }
 
 std::string call_text(const BoardCall &call)
@@ -44,11 +44,11 @@ std::string request_text(const BoardSlot &slot)
 	return printable(slot.method.empty() ? slot.path : slot.method + " " + slot.path);
 }
 
-Json call_json(const BoardCall &call, int64_t now_us)
+Json call_json(const BoardSlot &slot, const BoardCall &call)
 {
 	const bool runs = call.duration_us < 0;
 	return {{"kind", name_of(call.kind)}, {"text", text_of_bytes(call.text)}, {"cut", call.cut},
-		{"duration_us", runs ? since(call.begin_us, now_us) : call.duration_us}, {"runs", runs}};
+		{"duration_us", runs ? age_us(slot, call.begin_us) : call.duration_us}, {"runs", runs}};
 }
 
 Json counts_json(const BoardSlot &slot)
@@ -82,9 +82,9 @@ std::string now_text(const Now &now, size_t width)
 	for (const BoardSlot &slot : now.open) {
 		const BoardCall *call = running(slot);
 		auto count = [&](zq_board_kind kind) { return std::to_string(slot.counts[kind]); };
-		rows.push_back({fine_duration_text(since(slot.begin_us, now.at_us)), process_text(slot),
+		rows.push_back({fine_duration_text(age_us(slot, slot.begin_us)), process_text(slot),
 			printable(slot.application), request_text(slot), count(ZQ_BOARD_SQL), count(ZQ_BOARD_CACHE),
-			count(ZQ_BOARD_HTTP), call ? fine_duration_text(since(call->begin_us, now.at_us)) : "", waits_for(slot)});
+			count(ZQ_BOARD_HTTP), call ? fine_duration_text(age_us(slot, call->begin_us)) : "", waits_for(slot)});
 	}
 	const std::string requests = rows.empty() ? "No request is running.\n" : table(columns, rows, width);
 	std::string findings;
@@ -105,19 +105,19 @@ std::vector<std::string> now_findings(const Now &now)
 	return found;
 }
 
-std::string slot_text(const BoardSlot &slot, int64_t now_us, size_t width, bool full)
+std::string slot_text(const BoardSlot &slot, size_t width, bool full)
 {
 	Page page(width, full);
 	page.out = request_text(slot) + "\n";
 	page.entry("application", slot.application);
 	page.entry("process", process_text(slot));
-	page.entry("since", local_time(slot.begin_ms) + ", " + fine_duration_text(since(slot.begin_us, now_us)));
+	page.entry("since", local_time(slot.begin_ms) + ", " + fine_duration_text(age_us(slot, slot.begin_us)));
 	page.entry("waits for", waits_for(slot));
 	if (!slot.function.empty()) page.entry("function", slot.function);
 	std::vector<std::vector<std::string>> rows;
 	for (auto call = slot.last.rbegin(); call != slot.last.rend(); ++call) {
 		const bool runs = call->duration_us < 0;
-		rows.push_back({fine_duration_text(since(call->begin_us, now_us)) + " ago",
+		rows.push_back({fine_duration_text(age_us(slot, call->begin_us)) + " ago",
 			runs ? "runs" : fine_duration_text(call->duration_us), call_text(*call)});
 	}
 	if (!rows.empty()) {
@@ -135,23 +135,23 @@ std::string slot_text(const BoardSlot &slot, int64_t now_us, size_t width, bool 
 	return page.out;
 }
 
-Json slot_json(const BoardSlot &slot, int64_t now_us)
+Json slot_json(const BoardSlot &slot)
 {
 	Json last = Json::array();
-	for (const BoardCall &call : slot.last) last.push_back(call_json(call, now_us));
+	for (const BoardCall &call : slot.last) last.push_back(call_json(slot, call));
 	const BoardCall *call = running(slot);
 	return {{"process", slot.process}, {"thread", slot.thread}, {"application", text_of_bytes(slot.application)},
 		{"method", text_of_bytes(slot.method)}, {"path", text_of_bytes(slot.path)},
 		{"action", text_of_bytes(slot.action)}, {"started", utc_time(slot.begin_ms)},
-		{"age_us", since(slot.begin_us, now_us)}, {"function", text_of_bytes(slot.function)},
-		{"waits_for", call ? call_json(*call, now_us) : Json()}, {"counts", counts_json(slot)},
-		{"last", std::move(last)}, {"stack", text_of_bytes(slot.stack)}};
+		{"age_us", age_us(slot, slot.begin_us)}, {"function", text_of_bytes(slot.function)},
+		{"waits_for", call ? call_json(slot, *call) : Json()}, {"counts", counts_json(slot)}, {"last", std::move(last)},
+		{"stack", text_of_bytes(slot.stack)}};
 }
 
 Json now_json(const Now &now)
 {
 	Json requests = Json::array(), pools = Json::array();
-	for (const BoardSlot &slot : now.open) requests.push_back(slot_json(slot, now.at_us));
+	for (const BoardSlot &slot : now.open) requests.push_back(slot_json(slot));
 	for (const PoolNow &pool : now.pools) {
 		pools.push_back({{"server", pool.server}, {"pool", pool.pool},
 			{"manager", pool.manager ? Json(pool.manager) : Json()}, {"threads", pool.threads}, {"busy", pool.busy},

@@ -1,4 +1,5 @@
-// What PHP does at this moment, as `quorbit now` prints it.
+// What PHP does at this moment, as `quorbit now` prints it. Ages are those that requests and calls had when their slots
+// were read.
 #pragma once
 
 #include "base/json_text.h"
@@ -19,7 +20,6 @@ struct PoolNow {
 };
 
 struct Now {
-	int64_t at_us = 0;           // monotonic
 	std::vector<BoardSlot> open; // those with an action, the oldest first
 	std::vector<PoolNow> pools;
 };
@@ -27,12 +27,12 @@ struct Now {
 // Tables of `width` columns: a line for each request in flight, then the pools.
 std::string now_text(const Now &now, size_t width);
 // All of one slot: what it does, the last calls, PHP's stack when it has one.
-std::string slot_text(const BoardSlot &slot, int64_t now_us, size_t width, bool full);
+std::string slot_text(const BoardSlot &slot, size_t width, bool full);
 
 // What is amiss there: a line for each pool that has work waiting and nobody left to take it.
 std::vector<std::string> now_findings(const Now &now);
 
 Json now_json(const Now &now);
-Json slot_json(const BoardSlot &slot, int64_t now_us);
+Json slot_json(const BoardSlot &slot);
 
 } // namespace quorbit

@@ -27,14 +27,15 @@ void check_slot(const uint8_t* data, size_t size) {
   raw.owner = claim;
   auto slot = read_board_slot({bytes, sizeof raw}, claim);
   REQUIRE(slot && slot->last.size() <= ZQ_BOARD_CALLS && (!slot->current || *slot->current < slot->last.size()));
-  Now now{1000000, {*slot}, {{"FPM", "www", 1, false, 1, 1}}};
-  for (const std::string& text : {now_text(now, 80), slot_text(*slot, now.at_us, 80, false)}) {
+  slot->read_us = 1000000;
+  Now now{{*slot}, {{"FPM", "www", 1, false, 1, 1}}};
+  for (const std::string& text : {now_text(now, 80), slot_text(*slot, 80, false)}) {
     REQUIRE(valid_utf8(text) == text);
     for (char byte : text) REQUIRE(byte == '\n' || (static_cast<unsigned char>(byte) >= ' ' && byte != 0x7F));
   }
   REQUIRE(Json::accept(now_json(now).dump()));
   const KillCause cause{KillReason::signal, slot->signal};
-  REQUIRE(end_of(*slot, cause).find('\n') == std::string::npos && packet_of_killed(*slot, cause, now.at_us).size() < 1 << 16);
+  REQUIRE(end_of(*slot, cause).find('\n') == std::string::npos && packet_of_killed(*slot, cause, slot->read_us).size() < 1 << 16);
 }
 
 // Nothing is left of what may be a value, not even behind what is said to be text.

@@ -72,7 +72,7 @@ TEST(Board, KeepsLengthsAndNumbersWithinTheirFields) {
   EXPECT_EQ(read->stack.size(), sizeof slot.stack);
   EXPECT_EQ(read->action.size(), sizeof slot.action);
   EXPECT_EQ(read->last.size(), 32u);
-  EXPECT_FALSE(Json::parse(slot_json(*read, 0).dump()).empty());
+  EXPECT_FALSE(Json::parse(slot_json(*read).dump()).empty());
   EXPECT_FALSE(read_board_slot(bytes_of(slot), own_claim() + 1)) << "another thread's";
   EXPECT_FALSE(read_board_slot(bytes_of(slot).substr(1), own_claim()));
 }
@@ -156,12 +156,35 @@ TEST(ListenQueue, CountsConnectionsThatNobodyHasAccepted) {
   for (const auto& [listen, waiting] : rows) EXPECT_EQ(connections_waiting(folder.path(), listen), waiting) << listen;
 }
 
+TEST(Board, TellsAgesOfTheMomentWhenEachSlotWasRead) {
+  TemporaryFolder folder;
+  zq_board_slot slot = written(1);
+  slot.begin_us = slot.ring[0].begin_us = monotonic_us() - 1000000;
+  put_on_board(folder.path() + "/board", slot);
+  BoardFile board(folder.path() + "/board");
+  std::vector<BoardSlot> read;
+  for (auto reading : {&BoardFile::slot, &BoardFile::slot_if_whole, &BoardFile::slot_as_left}) {
+    const int64_t before = monotonic_us();
+    auto found = (board.*reading)(0, own_claim());
+    ASSERT_TRUE(found);
+    const int64_t after = monotonic_us();
+    EXPECT_LE(before, found->read_us);
+    EXPECT_GE(after, found->read_us);
+    read.push_back(std::move(*found));
+  }
+  while (monotonic_us() - read.back().read_us < 5000) {}  // what is asked of the pools takes time, too
+  const Json requests = now_json({read, {}})["requests"];
+  for (size_t i = 0; i < read.size(); i++) {
+    EXPECT_EQ(requests[i]["age_us"], read[i].read_us - read[i].begin_us);
+    EXPECT_EQ(requests[i]["waits_for"]["duration_us"], requests[i]["age_us"]);
+  }
+}
+
 TEST(Board, PrintsWhatWaitsAndWhatRuns) {
   Now now;
   auto slot = read_board_slot(bytes_of(written(2)), own_claim());
   slot->method = "GET";
   slot->path = "/a\x1b[2J";
-  now.at_us = 5000000;
   now.open = {*slot};
   now.pools = {{"FPM", "www", 7, false, 1, 3, 2}, {"FPM", "shop", 7, false, 4, 0, 1}, {"Apache", "", 8, true, 4, 0}};
   const std::string text = now_text(now, 200);
