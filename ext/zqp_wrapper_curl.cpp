@@ -9,7 +9,8 @@ constexpr char HEADER_CALLBACK[] = "zqprof_curl_header";
 enum { CURLOPT_URL = 10002, CURLOPT_HTTPHEADER = 10023, CURLOPT_WRITEHEADER = 10029, CURLOPT_HEADERFUNCTION = 20079 };
 
 /* What an endless worker may keep; and how many new ones at least come between two looks for those that are gone. */
-enum { MAX_KNOWN_HANDLES = 10000, LEAST_ROOM = 4 };
+enum { MAX_KNOWN_HANDLES = 10000 };
+const unsigned LEAST_ROOM = 4;
 
 /* What is known of a handle, as long as the request: PHP keeps one list of headers for a handle and its copies, and
  * frees it when one of them gets another, while the others go on using it. */
@@ -45,9 +46,9 @@ zq_curl_handle *know_handle(const zval *handle TSRMLS_DC)
 		zend_hash_init(ZQG(curl_handles), 8, NULL, NULL, 0);
 	}
 	HashTable *handles = ZQG(curl_handles);
-	if (zend_hash_num_elements(handles) >= ZQG(curl_handles_room)) {
+	if ((unsigned)zend_hash_num_elements(handles) >= ZQG(curl_handles_room)) {
 		zend_hash_apply_with_arguments(handles TSRMLS_CC, is_gone, 0);
-		unsigned left = zend_hash_num_elements(handles);
+		const unsigned left = (unsigned)zend_hash_num_elements(handles);
 		ZQG(curl_handles_room) = left + (left / 2 > LEAST_ROOM ? left / 2 : LEAST_ROOM);
 	}
 	if (zend_hash_num_elements(handles) >= MAX_KNOWN_HANDLES) {
