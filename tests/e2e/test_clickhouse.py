@@ -154,7 +154,7 @@ def test_tables_of_an_older_version_get_what_they_lack(real, two_shards):
     all_arrives(real, two_shards)
     sent = "SELECT count() > 0 FROM quorbit.machine WHERE waiting = 0"
     wait_until(lambda: two_shards.ask(sent) == "1", "the rows of pools", 60)
-    assert "MOST WAITING" in run(real, "top", "--store", "fleet", "--by", "host").stdout
+    assert "web-1: load" in run(real, "top", "--store", "fleet", "--by", "host").stdout
     two_shards.ask(f"INSERT INTO quorbit.layout VALUES (3, {identity})")
     for command in ("top", "--store", "fleet"), ("clickhouse", "setup"):
         assert "layout 3 is of a newer quorbit" in run(real, *command).stderr
