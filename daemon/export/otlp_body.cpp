@@ -57,7 +57,7 @@ std::map<std::string, MetricsOfApplication> by_application(const OtlpMetrics &me
 {
 	std::map<std::string, MetricsOfApplication> found;
 	for (const auto &[labels, counts] : metrics.requests.actions()) {
-		if (labels.action.starts_with("BackgroundAction/")) continue; // no HTTP
+		if (!is_web_request(labels)) continue;
 		const auto exemplar = metrics.exemplars.find(labels);
 		found[labels.application]
 			.try_emplace(request_metric, DurationMetric{duration_bounds_us})

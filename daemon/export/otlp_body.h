@@ -37,6 +37,12 @@ struct Exemplar {
 	int64_t us = 0, at_ms = 0;
 };
 
+// Whether http.server.request.duration counts the action.
+inline bool is_web_request(const RequestLabels &labels)
+{
+	return !labels.action.starts_with("BackgroundAction/");
+}
+
 // Histograms that began at start_ms.
 struct OtlpMetrics {
 	const RequestTotals &requests, &statements;

@@ -176,6 +176,7 @@ std::map<RequestLabels, Exemplar> OtlpExporter::exemplars(Reader &reader) const
 {
 	std::map<RequestLabels, Exemplar> found;
 	for (const auto &[labels, slowest] : totals_.slowest()) {
+		if (!is_web_request(labels)) continue;
 		const auto stored = slowest.id ? reader.action(slowest.id) : std::nullopt;
 		if (!stored) continue;
 		const std::vector<Span> spans = spans_of(*stored, {false, identity_, "", 1});
