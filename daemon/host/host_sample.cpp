@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 namespace quorbit {
 
@@ -40,6 +41,13 @@ std::string pool_of(const std::string &title, const ProcStat &stat, const std::s
 	return parent && parent->command == stat.command ? stat.command : std::string();
 }
 
+// Whether a process is root's or this account's: the title of any other may name files to keep the daemon busy with.
+bool is_trusted(const std::string &folder)
+{
+	const auto status = read_proc_status(folder);
+	return status && (status->user == 0 || status->user == geteuid());
+}
+
 } // namespace
 
 HostSample HostSampler::take()
@@ -60,7 +68,7 @@ HostSample HostSampler::take()
 		if (!stat || !is_server(stat->command)) continue;
 		const auto words = read_proc_arguments(folder);
 		const std::string title = words.empty() ? "" : words[0];
-		if (title.starts_with(master)) add_waiting(process, title, sample);
+		if (title.starts_with(master) && is_trusted(folder)) add_waiting(process, title, sample);
 		const std::string pool = pool_of(title, *stat, proc_);
 		if (pool.empty()) continue;
 		PoolSample &counts = sample.pools[pool];

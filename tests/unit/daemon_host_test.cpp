@@ -200,7 +200,12 @@ TEST(HostSample, ReadsWhatTheKernelWrites) {
       {22, 20, "apache2", "/usr/sbin/apache2", unseen, "7 7 5 5", "7 7 6 6"},
       {30, 1, "php5.6 (old) x", "php", reading, "1 1 0 0", "1 1 0 0"},
       {40, 1, "mariadbd", "mariadbd", "running\n", "1 1 0 0", "9 9 0 0"},
+      {50, 1, "php-fpm", "php-fpm: master process (/etc/fpm.conf)", reading, "1 1 0 0", "9 9 0 0"}, // whose title anybody may have given it
   };
+  write("10/status", "Uid:\t0 0 0 0\nGid:\t0 0 0 0\n");
+  write("50/status", "Uid:\t4242 4242 4242 4242\nGid:\t0 0 0 0\n");
+  write("50/root/etc/fpm.conf", "[forged]\nlisten = /run/forged.sock\n");
+  write("50/net/unix", "Num RefCount Protocol Flags Type St Inode Path\n0: 00000002 00000000 00010000 0001 01 16 /run/forged.sock\n");
   write("10/root/etc/fpm.conf", "[www]\nlisten = /run/www.sock\n[rest]\nlisten = 9000\n");
   write("10/net/unix", "Num RefCount Protocol Flags Type St Inode Path\n0: 00000002 00000000 00010000 0001 01 16 /run/www.sock\n"
                        "0: 00000002 00000000 00000000 0001 02 0 /run/www.sock\n");
