@@ -35,7 +35,8 @@ def test_every_request_in_flight_is_shown_with_what_it_waits_for_and_none_after_
         assert [(call["kind"], call["text"], call["runs"]) for call in row["last"]] == [
             ("SQL", text, False) for text in statements] + [("HTTP", peer.url("/held"), True)]
         assert 0 < row["waits_for"]["duration_us"] <= row["age_us"] < 60_000_000
-    assert [row["age_us"] for row in requests] == sorted((row["age_us"] for row in requests), reverse=True)
+    ages = [row["age_us"] for row in requests]               # each when its slot was read, which takes a while on a busy machine
+    assert all(after < before + 1_000_000 for before, after in zip(ages, ages[1:]))
     if not isinstance(server, Apache):
         waiting = [server.connect() for _ in range(3)]
         wait_until(lambda: pool_of(server, now(real))["waiting"] == len(waiting), "the connections in the queue")
